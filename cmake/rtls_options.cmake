@@ -1,0 +1,24 @@
+# Compile and link options that every target of this project shares.
+add_library(rtls_options INTERFACE)
+target_compile_options(rtls_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2
+  $<$<BOOL:${RTLS_WERROR}>:-Werror>
+  $<$<CONFIG:Debug>:-D_GLIBCXX_ASSERTIONS>)
+target_compile_definitions(rtls_options INTERFACE _GNU_SOURCE)
+if(RTLS_SANITIZE)
+  target_compile_options(rtls_options INTERFACE
+    -fsanitize=${RTLS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(rtls_options INTERFACE -fsanitize=${RTLS_SANITIZE})
+endif()
+
+# rtls_add_tests(<source>... LIBRARIES <library>...): each source is one GoogleTest program
+# named after its file.
+function(rtls_add_tests)
+  cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
+  foreach(source IN LISTS arg_UNPARSED_ARGUMENTS)
+    cmake_path(GET source STEM name)
+    add_executable(${name} ${source})
+    target_link_libraries(${name} PRIVATE rtls_options ${arg_LIBRARIES} GTest::gtest_main GTest::gmock)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  endforeach()
+endfunction()

@@ -1,0 +1,99 @@
+// win_server_private - the WIN server's record, and what its files call of each other.
+//
+// Threads    All of it belongs to the actor's thread, except where a field says otherwise.
+#pragma once
+
+#include "bytes.h"
+#include "common.h"
+#include "win_clients.h"
+#include "win_server.h"
+
+#include <czmq.h>
+#include <netinet/in.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <string>
+
+struct WIN_SERVER_t {
+    void* rtls_gateway = nullptr;
+    zactor_t* actor = nullptr; // owner's thread; null while not running
+    in_port_t win_port = 0;    // host order
+    in_port_t discovery_port = 0;
+    zhashx_t* clients = nullptr;        // owned WIN_CLIENT_t by identity; see clients_mutex
+    char* proxy_full_address = nullptr; // owned endpoint texts
+    char* proxy_full_input_address = nullptr;
+    char* msg_handler_full_address = nullptr;
+    uint16_t rpl_prefix = 1;
+    bool rpl_timer_is_active = false;
+    bool unprocessed_MSG_PANID_REQ = false;
+    std::atomic<bool> ready{false}; // set once by the actor, polled by the owner
+    bool proxy_is_silent = false;
+    zsock_t* win_sock = nullptr;
+    zsock_t* dbg_client_sock = nullptr;
+    zsock_t* interthread_sever_sock = nullptr;
+    int discovery_sock_descriptor = -1;
+    zlist_t* unsent_messages = nullptr; // created and drained; the clients' own lists carry the frames
+    zloop_t* actor_loop = nullptr;
+    zsock_t* proxy_sock = nullptr;
+    zsock_t* proxy_input_sock = nullptr;
+    zsock_t* msg_handler_sock = nullptr;
+
+    int win_backlog = 0; // of the WIN port; 0: the library's default
+    // Other threads copy the table (win_server_copy_clients). The actor holds this around insert, delete
+    // and writes of mac_addr, not around its own reads.
+    std::mutex clients_mutex;
+    std::set<std::string> closed_ids; // identities that we closed; a late disconnect of theirs is no news
+    int64_t last_client_check = 0;    // zclock_mono of the last client check
+};
+
+// --- win_server.cpp
+// Closes one client's connection and forgets the client.
+void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id);
+
+// --- win_server_discovery.cpp, win_server_generic.cpp
+int handle_udp_in(zloop_t* loop, zmq_pollitem_t* item, void* p_server);
+int handle_interthread_sever_sock(zloop_t* loop, zsock_t* reader, void* p_server);
+// Sends one generic request (header, payload, destination MAC) down the WIN client of its node. False
+// when it was refused; true says nothing of the delivery.
+bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen);
+
+// --- win_server_pub_sub_proxy.cpp
+int handle_pub_sub_proxy(zloop_t* loop, zsock_t* reader, void* p_server);
+bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t data_size);
+bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now);
+bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen);
+
+// --- win_server_supervision.cpp
+int check_client_connection(zloop_t* loop, int timer_id, void* p_server);
+int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server);
+int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server);
+int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server);
+void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client);
+
+// --- win_server_win_clients.cpp
+int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server);
+void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size);
+// Frames one message and sends or caches it, to one client or, with null, to every client. False when
+// the client does not exist.
+bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size);
+// Sends bytes as they are to one client, without caching. False when they could not be sent.
+bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size);
+bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size);
+void rpl_version_to_win_clients(WIN_SERVER_t* server);
+int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server);
+
+// --- win_client_messages.cpp
+// Interprets the complete frame in client->pending_data.
+bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client);
+
+// --- upstream.cpp
+void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size, uint32_t seconds,
+                         uint16_t milliseconds);
+void win_management_to_server(WIN_SERVER_t* server, const char* text);
+bool processing_ul_tdoa(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac);
+
+// --- ota_pages.cpp
+bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac);
