@@ -54,6 +54,10 @@ void dbg_print_ts(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t se
 // by zmq_strerror. Leaves errno as it was.
 void log_call_error(const char* function, const char* call);
 
+// The same for a call of the operating system, with strerror's text: the two word some errors
+// differently (EHOSTUNREACH).
+void log_system_call_error(const char* function, const char* call);
+
 // zloop reader that ends its loop (always -1) and reads nothing; for the actors' command pipes.
 int zloop_end_event(zloop_t* loop, zsock_t* reader, void* argument);
 
