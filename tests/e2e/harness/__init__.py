@@ -1,0 +1,1 @@
+"""Independent peers of the daemon: nothing here shares code with it."""
