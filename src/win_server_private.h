@@ -54,14 +54,14 @@ struct WIN_SERVER_t {
 void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id);
 
 // --- win_server_discovery.cpp, win_server_generic.cpp
-int handle_udp_in(zloop_t* loop, zmq_pollitem_t* item, void* p_server);
-int handle_interthread_sever_sock(zloop_t* loop, zsock_t* reader, void* p_server);
+int handle_udp_in(zloop_t* loop, zmq_pollitem_t* item, void* p_server) noexcept;
+int handle_interthread_sever_sock(zloop_t* loop, zsock_t* reader, void* p_server) noexcept;
 // Sends one generic request (header, payload, destination MAC) down the WIN client of its node. False
 // when it was refused; true says nothing of the delivery.
 bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen);
 
 // --- win_server_pub_sub_proxy.cpp
-int handle_pub_sub_proxy(zloop_t* loop, zsock_t* reader, void* p_server);
+int handle_pub_sub_proxy(zloop_t* loop, zsock_t* reader, void* p_server) noexcept;
 bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t data_size);
 bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now);
 bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen);
