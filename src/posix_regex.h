@@ -1,0 +1,36 @@
+// posix_regex - owner of a compiled POSIX regular expression.
+#pragma once
+
+#include <regex.h>
+
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+class posix_regex {
+public:
+    // Check with is_compiled(); errno is as regcomp leaves it.
+    posix_regex(const char* pattern, int flags) : compiled_{regcomp(&regex_, pattern, flags) == 0} {}
+    ~posix_regex()
+    {
+        if (compiled_)
+            regfree(&regex_);
+    }
+    posix_regex(const posix_regex&) = delete;
+    posix_regex& operator=(const posix_regex&) = delete;
+
+    bool is_compiled() const { return compiled_; }
+
+    // Searches `text`, which needs no terminating zero; on a match the groups hold offsets into it.
+    // Only for an expression that is_compiled().
+    template <size_t N>
+    bool search(std::string_view text, std::array<regmatch_t, N>& groups) const
+    {
+        groups[0] = {0, static_cast<regoff_t>(text.size())};
+        return regexec(&regex_, text.data(), N, groups.data(), REG_STARTEND) == 0;
+    }
+
+private:
+    regex_t regex_{};
+    bool compiled_;
+};
