@@ -1,7 +1,8 @@
 // firmware - a node firmware image fetched by URL, and its pages as update messages.
 //
 // Ownership  The caller owns the record; release it with firmware_destroy.
-// Threads    Any; a download blocks its caller for at most 20 s and ends early when the daemon stops.
+// Threads    Any. A download blocks its caller for at most 20 s, after at most 20 s of waiting for another
+//            one to end, and ends early when the daemon stops.
 // Failures   Logged; a failed download leaves nothing behind.
 #pragma once
 
@@ -11,17 +12,20 @@
 #include <cstdint>
 
 struct FIRMWARE_t {
-    unsigned char* memory; // owned; the image
+    unsigned char* memory; // owned; the image, from malloc
     size_t size;
     unsigned int crc32; // of the whole image, without the usual inversions: the nodes' own rule
     uint32_t version;   // from the file name, 0 if it names none
-    const char* name;   // last component of the URL text given; borrowed from the caller
+    const char* name;   // last component of the URL text given; borrowed, so gone with that text
 };
 
-// Downloads an image, or nullptr.
+// Downloads an image, or nullptr. Whatever a server answers with is the image: the status is not asked.
 FIRMWARE_t* firmware_get_from_url(const char* url);
 
-// Fills page msg->num of the image into msg. False only for a null msg.
+// Fills page msg->num of the image into msg, padded with 0xFF. False only for a null msg; a null
+// firmware is answered with ENO_FIRMWARE. A full page leaves msg->flag as it is, so an image that fills
+// its pages exactly is told its end (EOF_FIRMWARE) only with the page after the last.
 bool firmware_msg_pack(FIRMWARE_t* firmware, gwMsgUpdateRequest_t* msg);
 
+// Null is welcome in *pp_firmware, and left there.
 void firmware_destroy(void** pp_firmware);
