@@ -18,12 +18,15 @@ struct OTA_FIRMWARE_INFO_t {
     uint16_t maximum_pages;
 };
 
+// Page sizes are multiples of 32 bytes, the unit in which the store keeps account of what it holds; other
+// sizes are refused. Images, downloaded or assembled, have at most 64 MiB.
+
 // A store of `files_number` empty slots, or nullptr.
 void* ota_new(uint16_t files_number);
 void ota_destroy(void** pp_ota);
 
 // Downloads, checks and stores an image; its slot, or -1. `crc32` and `git_ver` are what to expect;
-// null: not checked.
+// null: not checked. An image with the same key is replaced in place, otherwise the oldest insertion goes.
 int ota_download_firmware(void* p_ota, const char* url, const uint32_t* crc32, const uint32_t* git_ver);
 
 // False when the index is out of range or the slot is empty.
@@ -38,6 +41,8 @@ uint16_t ota_get_files_number(void* p_ota);
 bool ota_get_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_t page_size,
                            uint32_t page_number, uint8_t* bufer);
 
-// Stores one page of an image under assembly, which is made if it is new. False when refused.
+// Stores one page of an image under assembly, which is made if it is new. False when refused, as for a
+// downloaded image. A page that is there already keeps its first content. An image under assembly is
+// never closed: whoever sends the pages knows when it is whole.
 bool ota_set_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_t page_size,
                            uint32_t page_number, const uint8_t* buffer);

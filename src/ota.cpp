@@ -1,0 +1,373 @@
+#include "ota.h"
+
+#include "bytes.h"
+#include "common.h"
+#include "czmq_ptr.h"
+#include "image_download.h"
+#include "logger.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <span>
+#include <string_view>
+
+// What an image is kept account of by: every page is a whole number of blocks.
+static constexpr size_t block_bytes = 32;
+static constexpr size_t growth_blocks = 8192;
+static constexpr size_t blocks_ceiling = image_size_ceiling / block_bytes;
+
+// Tags inside an image. The zero byte at their end belongs to them: the words alone stand elsewhere, too.
+static constexpr std::string_view board_tag{"@BoardVer", 10};
+static constexpr std::string_view firmware_tag{"@Firmware", 10};
+
+namespace board_record { // behind the board tag
+constexpr size_t board_version = 0;
+constexpr size_t board_revision = 1;
+constexpr size_t size = 2;
+} // namespace board_record
+
+namespace firmware_record { // behind the firmware tag; big-endian
+constexpr size_t git_ver = 0;
+constexpr size_t page_size = 4;
+constexpr size_t maximum_pages = 6;
+constexpr size_t size = 8;
+} // namespace firmware_record
+
+struct OTA_FIRMWARE_t {
+    OTA_FIRMWARE_INFO_t info{};
+    std::unique_ptr<bool[]> validity_mask; // one flag a block; null: downloaded, so valid throughout
+    image_memory memory;
+    size_t page_count = 0; // blocks that memory and validity_mask hold, of an image under assembly
+};
+using firmware_ptr = std::unique_ptr<OTA_FIRMWARE_t>;
+
+struct OTA_t {
+    std::mutex mutex;                             // guards all below; images are reached only under it
+    std::unique_ptr<firmware_ptr[]> firmware_arr; // files_number slots; null: empty
+    uint16_t files_number = 0;
+    uint16_t index = 0; // the slot that the next new image takes, whatever is in it
+};
+
+// Blocks of one page, in 64 bits: size and number come from the wire.
+struct page_blocks {
+    page_blocks(uint32_t page_size, uint32_t page_number)
+        : start{uint64_t{page_size} * page_number}, first{start / block_bytes}, end{first +
+                                                                                    page_size / block_bytes}
+    {
+    }
+    uint64_t start; // of the page, in bytes
+    uint64_t first;
+    uint64_t end; // past the last
+};
+
+static bool is_page_size(uint32_t page_size)
+{
+    return page_size % block_bytes == 0;
+}
+
+// --- images
+
+// The `size` bytes behind the first `tag`, or nothing when they are not all there.
+static bytes_view find_record(bytes_view image, std::string_view tag, size_t size)
+{
+    const void* found = memmem(image.data(), image.size(), tag.data(), tag.size());
+    if (found == nullptr)
+        return {};
+    const auto at = static_cast<size_t>(static_cast<const uint8_t*>(found) - image.data()) + tag.size();
+    return image.size() - at >= size ? image.subspan(at, size) : bytes_view{};
+}
+
+static bool read_board_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info)
+{
+    const bytes_view record = find_record(image, board_tag, board_record::size);
+    if (record.empty()) {
+        logger_error(g_logger, "tag \"@BoardVer\" not found in firmware!");
+        return false;
+    }
+    info.board_version = record[board_record::board_version];
+    info.board_revision = record[board_record::board_revision];
+    return true;
+}
+
+static bool read_firmware_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info)
+{
+    const bytes_view record = find_record(image, firmware_tag, firmware_record::size);
+    if (record.empty()) {
+        logger_error(g_logger, "tag \"@Firmware\" not found in firmware!");
+        return false;
+    }
+    info.git_ver = load_be32(record, firmware_record::git_ver);
+    info.page_size = load_be16(record, firmware_record::page_size);
+    info.maximum_pages = load_be16(record, firmware_record::maximum_pages);
+    return true;
+}
+
+// Gives the image room for at least `required_page_count` blocks, or leaves it as it is.
+static bool resize_firmware(OTA_FIRMWARE_t& firmware, uint64_t required_page_count)
+{
+    const uint64_t wanted = std::max<uint64_t>(firmware.page_count + growth_blocks, required_page_count);
+    const size_t page_count = std::min<uint64_t>(wanted, blocks_ceiling);
+    std::unique_ptr<bool[]> mask;
+    if (required_page_count <= blocks_ceiling)
+        mask.reset(new (std::nothrow) bool[page_count]{});
+    void* memory = mask ? std::realloc(firmware.memory.get(), page_count * block_bytes) : nullptr;
+    if (memory == nullptr) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return false;
+    }
+    static_cast<void>(firmware.memory.release()); // realloc has disposed of it
+    firmware.memory.reset(static_cast<uint8_t*>(memory));
+    std::copy_n(firmware.validity_mask.get(), firmware.page_count, mask.get());
+    firmware.validity_mask = std::move(mask);
+    firmware.page_count = page_count;
+    firmware.info.size = page_count * block_bytes;
+    return true;
+}
+
+// An image to be assembled, with nothing in it yet; not in the store yet, either.
+static firmware_ptr create_firmware_for_page(uint32_t git_id, uint32_t crc32)
+{
+    firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
+    if (firmware) {
+        firmware->memory = allocate_image(growth_blocks * block_bytes);
+        firmware->validity_mask.reset(new (std::nothrow) bool[growth_blocks]{});
+    }
+    if (!firmware || !firmware->memory || !firmware->validity_mask) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return nullptr;
+    }
+    firmware->info.git_ver = git_id;
+    firmware->info.crc32 = crc32;
+    firmware->info.size = growth_blocks * block_bytes;
+    firmware->page_count = growth_blocks;
+    return firmware;
+}
+
+static std::span<bool> mask_of(OTA_FIRMWARE_t& firmware, const page_blocks& page)
+{
+    return {firmware.validity_mask.get() + page.first, firmware.validity_mask.get() + page.end};
+}
+
+static bool is_complete(OTA_FIRMWARE_t& firmware, const page_blocks& page)
+{
+    if (!firmware.validity_mask)
+        return true;
+    if (page.end > firmware.page_count)
+        return false;
+    const auto mask = mask_of(firmware, page);
+    return std::all_of(mask.begin(), mask.end(), [](bool valid) { return valid; });
+}
+
+// --- slots; all of these under the mutex
+
+// The first slot that holds the image with this key; files_number when none does.
+static size_t find_slot(const OTA_t& ota, uint32_t git_ver, uint32_t crc32)
+{
+    size_t slot = 0;
+    for (; slot < ota.files_number; ++slot) {
+        const OTA_FIRMWARE_t* firmware = ota.firmware_arr[slot].get();
+        if (firmware != nullptr && firmware->info.git_ver == git_ver && firmware->info.crc32 == crc32)
+            break;
+    }
+    return slot;
+}
+
+static OTA_FIRMWARE_t* find_firmware(const OTA_t& ota, uint32_t git_ver, uint32_t crc32)
+{
+    const size_t slot = find_slot(ota, git_ver, crc32);
+    return slot < ota.files_number ? ota.firmware_arr[slot].get() : nullptr;
+}
+
+// Puts an image in the place of the one with its key, otherwise of the oldest insertion; its slot.
+// -1, and the image is destroyed, when there are no slots.
+static int add_firmware(OTA_t& ota, firmware_ptr firmware)
+{
+    if (ota.files_number == 0)
+        return -1;
+    size_t slot = find_slot(ota, firmware->info.git_ver, firmware->info.crc32);
+    if (slot == ota.files_number) {
+        slot = ota.index;
+        ota.index = static_cast<uint16_t>((ota.index + 1) % ota.files_number);
+    }
+    ota.firmware_arr[slot] = std::move(firmware);
+    return static_cast<int>(slot);
+}
+
+// --- the store
+
+void* ota_new(uint16_t files_number)
+{
+    using ota_ptr = std::unique_ptr<void, destroyed_by<ota_destroy>>;
+    ota_ptr owner{new (std::nothrow) OTA_t};
+    auto* ota = static_cast<OTA_t*>(owner.get());
+    if (ota != nullptr)
+        ota->firmware_arr.reset(new (std::nothrow) firmware_ptr[files_number]);
+    if (ota == nullptr || !ota->firmware_arr) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return nullptr;
+    }
+    ota->files_number = files_number;
+    return owner.release();
+}
+
+void ota_destroy(void** pp_ota)
+{
+    if (pp_ota == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return;
+    }
+    auto* ota = static_cast<OTA_t*>(*pp_ota);
+    *pp_ota = nullptr;
+    if (ota == nullptr)
+        return;
+    {
+        const std::lock_guard lock{ota->mutex};
+        ota->firmware_arr.reset();
+        ota->files_number = 0;
+    }
+    delete ota;
+}
+
+// Fills in what the bytes say of themselves; false, after a report, when they are not what is expected.
+static bool describe_image(OTA_FIRMWARE_t& firmware, const uint32_t* crc32, const uint32_t* git_ver)
+{
+    static constexpr char reporter[] = "ota_download_firmware";
+    const bytes_view image{firmware.memory.get(), firmware.info.size};
+    firmware.info.crc32 = crc32_byte(image.data(), static_cast<uint32_t>(image.size()));
+    if (crc32 != nullptr && *crc32 != firmware.info.crc32) {
+        logger_error(g_logger, "%s incorrect crc32!", reporter);
+        return false;
+    }
+    if (!read_board_tag(image, firmware.info) || !read_firmware_tag(image, firmware.info))
+        return false;
+    if (git_ver != nullptr && *git_ver != firmware.info.git_ver) {
+        logger_error(g_logger, "%s incorrect git version!", reporter);
+        return false;
+    }
+    return true;
+}
+
+int ota_download_firmware(void* p_ota, const char* url, const uint32_t* crc32, const uint32_t* git_ver)
+{
+    auto* ota = static_cast<OTA_t*>(p_ota);
+    if (ota == nullptr || url == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return -1;
+    }
+    firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
+    if (!firmware) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return -1;
+    }
+    auto image =
+        image_download(url, {.caller = __func__, .bad_length_aborts = true, .reports_missing_length = true});
+    if (!image)
+        return -1;
+    firmware->memory = std::move(image->memory);
+    firmware->info.size = image->size;
+    if (!describe_image(*firmware, crc32, git_ver))
+        return -1;
+
+    const std::lock_guard lock{ota->mutex};
+    return add_firmware(*ota, std::move(firmware));
+}
+
+bool ota_get_firmware_info(void* p_ota, uint16_t index, OTA_FIRMWARE_INFO_t* info)
+{
+    auto* ota = static_cast<OTA_t*>(p_ota);
+    if (ota == nullptr || info == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return false;
+    }
+    const std::lock_guard lock{ota->mutex};
+    if (index >= ota->files_number || !ota->firmware_arr[index])
+        return false;
+    *info = ota->firmware_arr[index]->info;
+    return true;
+}
+
+bool ota_del_firmware(void* p_ota, uint16_t index)
+{
+    auto* ota = static_cast<OTA_t*>(p_ota);
+    if (ota == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return false;
+    }
+    const std::lock_guard lock{ota->mutex};
+    if (index >= ota->files_number || !ota->firmware_arr[index])
+        return false;
+    ota->firmware_arr[index].reset();
+    return true;
+}
+
+uint16_t ota_get_files_number(void* p_ota)
+{
+    auto* ota = static_cast<OTA_t*>(p_ota);
+    if (ota == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return 0;
+    }
+    const std::lock_guard lock{ota->mutex};
+    return ota->files_number;
+}
+
+bool ota_get_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_t page_size,
+                           uint32_t page_number, uint8_t* bufer)
+{
+    auto* ota = static_cast<OTA_t*>(p_ota);
+    if (ota == nullptr || bufer == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return false;
+    }
+    if (!is_page_size(page_size))
+        return false;
+    const page_blocks page{page_size, page_number};
+
+    const std::lock_guard lock{ota->mutex};
+    OTA_FIRMWARE_t* firmware = find_firmware(*ota, git_id, crc32);
+    if (firmware == nullptr || page.start >= firmware->info.size || !is_complete(*firmware, page))
+        return false;
+    const size_t available = std::min<size_t>(page_size, firmware->info.size - page.start);
+    std::memcpy(bufer, firmware->memory.get() + page.start, available);
+    std::memset(bufer + available, 0xFF, page_size - available);
+    return true;
+}
+
+// Keeps the first content of every page: one that is there already is not copied again.
+static bool store_page(OTA_FIRMWARE_t& firmware, const page_blocks& page, bytes_view bytes)
+{
+    if (!firmware.validity_mask)
+        return false; // downloaded: whole, and not to be changed
+    if (page.end > firmware.page_count && !resize_firmware(firmware, page.end))
+        return false;
+    if (is_complete(firmware, page))
+        return true;
+    std::memcpy(firmware.memory.get() + page.start, bytes.data(), bytes.size());
+    std::ranges::fill(mask_of(firmware, page), true);
+    return true;
+}
+
+bool ota_set_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_t page_size,
+                           uint32_t page_number, const uint8_t* buffer)
+{
+    auto* ota = static_cast<OTA_t*>(p_ota);
+    if (ota == nullptr || buffer == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return false;
+    }
+    if (!is_page_size(page_size))
+        return false;
+    const page_blocks page{page_size, page_number};
+    const bytes_view bytes{buffer, page_size};
+
+    const std::lock_guard lock{ota->mutex};
+    if (OTA_FIRMWARE_t* firmware = find_firmware(*ota, git_id, crc32); firmware != nullptr)
+        return store_page(*firmware, page, bytes);
+    // A new image displaces another only once its first page is in: a refused page costs nothing.
+    firmware_ptr firmware = create_firmware_for_page(git_id, crc32);
+    return firmware && store_page(*firmware, page, bytes) && add_firmware(*ota, std::move(firmware)) >= 0;
+}
