@@ -217,6 +217,60 @@ struct msgGenericReq_t {
 using msgGenericServerReq_t = msgGenericReq_t;
 using msgSensorReportNew_t = msgGenericReq_t;
 
+// The payload of a MSG_GENERIC_SERVER_REQ, by sub-command. All of it is BE; offsets count from the
+// message's start.
+struct genericServerReq_t {
+    static constexpr size_t sub_command = 5; // GENERIC_REQ
+    static constexpr size_t body = 7;
+};
+
+// GENERIC_REQ_RouteRequest: a reporter, then an entry for each requester it has heard.
+struct routeRequest_t {
+    static constexpr size_t mac_size = 6;
+    static constexpr size_t reporter = 7;    // MAC, 6 bytes
+    static constexpr size_t requesters = 15; // entries, from the message's start
+    static constexpr size_t mac = 0;         // 6 bytes; from here on within an entry
+    static constexpr size_t lqi = 7;         // the byte before it is skipped
+    static constexpr size_t entry_size = 8;
+};
+
+// GENERIC_REQ_RangeRpt: entries up to the payload's end.
+struct rangeReport_t {
+    static constexpr size_t entries = 7;
+    static constexpr size_t short_mac = 0; // from here on within an entry
+    static constexpr size_t value32 = 2;   // BE
+    static constexpr size_t value16 = 6;   // BE
+    static constexpr size_t entry_size = 8;
+};
+
+// GENERIC_REQ_UltdoaData; how much of it there is follows from total_len.
+struct ulTdoa_t {
+    static constexpr size_t mac_size = 6;
+    static constexpr size_t tag_mac = 7;
+    static constexpr size_t pe_seq_no = 13; // BE
+    static constexpr size_t responder_mac = 15;
+    static constexpr size_t reporter_mac = 21;
+    static constexpr size_t range_mm = 27; // BE, signed
+    static constexpr size_t tag_lqi = 31;
+    static constexpr size_t resp_anchor_lqi = 32;
+    static constexpr size_t board_version = 33; // from here on when total_len > 37
+    static constexpr size_t board_revision = 34;
+    static constexpr size_t flags = 35;             // BE
+    static constexpr size_t firmware_id = 37;       // BE
+    static constexpr size_t batt_voltage = 41;      // BE
+    static constexpr size_t percent_of_charge = 43; // when total_len > 38
+};
+
+// GENERIC_REQ_OtaPage, and the head of the response that carries the page.
+struct otaPage_t {
+    static constexpr size_t git_id = 7;       // BE
+    static constexpr size_t crc32 = 11;       // BE
+    static constexpr size_t page_size = 15;   // BE
+    static constexpr size_t page_number = 17; // BE
+    static constexpr size_t total_len = 14;   // the only one a request may have
+    static constexpr size_t size = 19;
+};
+
 // MSG_NWK_DATA_15_4_IND and MSG_TRF2SRV_VIA_CLIENT: header, inner message of total_len bytes, trailer.
 struct nwk_data_ind {
     static constexpr size_t inner = 5;
@@ -248,4 +302,6 @@ static_assert(gwMsgPrefixRequest_t::size == 11 && gwMsgVrPrefixResponse_t::size 
 static_assert(gwMsgRootAnnounce_t::size == 14 && gwMsgHeartbeat_t::size == 63);
 static_assert(gwMsgConfigNode_t::size == 34 && srvMsgConfigNode_t::size == 26);
 static_assert(gwMsgAck_t::size == 19 && srvMsgAck_t::size == 11 && gwMsgFwImageAvailInd_t::size == 12);
+static_assert(ulTdoa_t::percent_of_charge + 1 == 44 && otaPage_t::page_number + 2 == otaPage_t::size);
+static_assert(otaPage_t::size == msgHeader_t::size + otaPage_t::total_len);
 static_assert(sizeof(gwMsgUpdateRequest_t) == 527);

@@ -85,6 +85,9 @@ bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* da
 void rpl_version_to_win_clients(WIN_SERVER_t* server);
 int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server);
 
+// Takes over the MAC that the client's bridge gives itself; other threads see it whole.
+void win_client_set_mac_addr(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* mac);
+
 // --- win_client_messages.cpp
 // Interprets the complete frame in client->pending_data.
 bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client);

@@ -1,0 +1,63 @@
+// Pages of firmware images, served to nodes from the gateway's own store without asking the servers.
+#include "ota_pages.h"
+
+#include "logger.h"
+#include "ota.h"
+#include "rtls-gateway.h"
+#include "win_server_private.h"
+
+#include <memory>
+#include <new>
+
+std::optional<ota_page_request_t> read_ota_page_request(bytes_view message)
+{
+    if (message.size() < otaPage_t::size)
+        return std::nullopt;
+    return ota_page_request_t{
+        .git_id = load_be32(message, otaPage_t::git_id),
+        .crc32 = load_be32(message, otaPage_t::crc32),
+        .page_size = load_be16(message, otaPage_t::page_size),
+        .page_number = load_be16(message, otaPage_t::page_number),
+    };
+}
+
+void write_ota_response_frame(bytes_view request, const uint8_t* node_mac, bytes_span response)
+{
+    const uint16_t page_size = load_be16(request, otaPage_t::page_size);
+    store_bytes(response, 0, request.first(otaPage_t::size));
+    store_le16(response, msgHeader_t::msgType, MSG_GENERIC_REQ);
+    // The forwarder of generic requests reads the length big-endian, unlike the type before it.
+    store_be16(response, msgHeader_t::total_len, static_cast<uint16_t>(page_size + otaPage_t::total_len));
+    store_bytes(response, ota_response_page + page_size, {node_mac, mac_size});
+}
+
+bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac)
+{
+    if (!server || !message.data() || !server->rtls_gateway || !node_mac) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return false;
+    }
+    void* p_ota = rtls_gateway_get_ota(server->rtls_gateway);
+    if (!p_ota) {
+        logger_error(g_logger, "%s: rtls_gateway_get_ota returns NULL!", __func__);
+        return false;
+    }
+    const auto request = read_ota_page_request(message);
+    if (!request)
+        return false;
+
+    const size_t size = ota_response_size(request->page_size);
+    const std::unique_ptr<uint8_t[]> response{new (std::nothrow) uint8_t[size]};
+    if (!response) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return false;
+    }
+    write_ota_response_frame(message, node_mac, {response.get(), size});
+    if (!ota_get_firmware_page(p_ota, request->git_id, request->crc32, request->page_size,
+                               request->page_number, response.get() + ota_response_page))
+        return false;
+    // Whether the forwarder takes it (an answer above its limit it refuses) makes no difference: the
+    // image is ours, so the servers are not asked.
+    generic_process(server, response.get(), size);
+    return true;
+}
