@@ -1,0 +1,153 @@
+#include "impl/clogger.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <optional>
+#include <string>
+
+namespace {
+
+using tav::libs::core::component_logger;
+using tav::libs::core::timestamp;
+using level_t = component_logger::formatter (component_logger::*)(const char* pattern) const;
+
+// Logging often stands between a failed call and the reading of its errno.
+class errno_keeper {
+public:
+    errno_keeper() = default;
+    ~errno_keeper() { errno = m_errno; }
+    errno_keeper(const errno_keeper&) = delete;
+    errno_keeper& operator=(const errno_keeper&) = delete;
+
+private:
+    int m_errno = errno;
+};
+
+// The text that printf would print; empty if the arguments cannot be converted.
+__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
+{
+    va_list measured;
+    va_copy(measured, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, measured);
+    va_end(measured);
+    if (length < 0)
+        return {};
+    std::string text(static_cast<size_t>(length), '\0');
+    // The terminating zero goes where the string keeps its own.
+    (void)std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    return text;
+}
+
+// noexcept: without the memory for a record the process ends here, not in some C library's frame.
+__attribute__((format(printf, 3, 0))) void write_record(tav_component_logger logger, level_t level,
+                                                        const char* format, va_list arguments,
+                                                        std::optional<timestamp> time = {}) noexcept
+{
+    if (logger == nullptr)
+        return;
+    const errno_keeper keeper;
+    // The text is an argument, never a pattern: its own % signs stay as they are.
+    const std::string text = formatted(format, arguments);
+    auto record = ((*logger->m_component).*level)("%1%");
+    record % text;
+    if (time)
+        record.date_time(*time);
+}
+
+} // namespace
+
+tav_logger create_logger(const char* name)
+{
+    if (name == nullptr)
+        return nullptr;
+    try {
+        return new tav_logger_handle{{name, "logger"}};
+    } catch (const std::exception&) {
+        return nullptr; // no memory, or no descriptors for the socket
+    }
+}
+
+void destroy_logger(tav_logger logger)
+{
+    delete logger;
+}
+
+void logger_connect(tav_logger logger, const char* address)
+{
+    if (logger == nullptr || address == nullptr)
+        return;
+    try {
+        logger->m_logger.connect(address);
+    } catch (const zmq::error_t& failure) {
+        logger->m_logger.error("%1%: zmq_connect: %2%, %3%") % __func__ % failure.num() % failure.what();
+    }
+}
+
+tav_component_logger create_component_logger(tav_logger logger, const char* name)
+{
+    if (logger == nullptr || name == nullptr)
+        return nullptr;
+    try {
+        return new tav_component_logger_handle{logger->m_logger.component(name)};
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+void destroy_component_logger(tav_component_logger logger)
+{
+    delete logger;
+}
+
+bool logger_debug_is_wanted(tav_component_logger logger)
+{
+    return logger != nullptr && logger->m_component->is_debug_wanted();
+}
+
+void logger_debug(tav_component_logger logger, const char* format, ...)
+{
+    if (!logger_debug_is_wanted(logger))
+        return;
+    va_list arguments;
+    va_start(arguments, format);
+    write_record(logger, &component_logger::debug, format, arguments);
+    va_end(arguments);
+}
+
+void logger_debug_ts(tav_component_logger logger, tav_timestamp_t time, const char* format, ...)
+{
+    if (!logger_debug_is_wanted(logger))
+        return;
+    va_list arguments;
+    va_start(arguments, format);
+    write_record(logger, &component_logger::debug, format, arguments,
+                 timestamp(time.seconds, time.milliseconds));
+    va_end(arguments);
+}
+
+void logger_info(tav_component_logger logger, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    write_record(logger, &component_logger::info, format, arguments);
+    va_end(arguments);
+}
+
+void logger_warning(tav_component_logger logger, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    write_record(logger, &component_logger::warning, format, arguments);
+    va_end(arguments);
+}
+
+void logger_error(tav_component_logger logger, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    write_record(logger, &component_logger::error, format, arguments);
+    va_end(arguments);
+}

@@ -1,0 +1,15 @@
+// clogger - what stands behind the handles of the flat interface.
+#pragma once
+
+#include "core/clogger.h"
+#include "impl/logger.h"
+
+#include <memory>
+
+struct tav_logger_handle {
+    tav::libs::core::logger m_logger;
+};
+
+struct tav_component_logger_handle {
+    std::unique_ptr<tav::libs::core::component_logger> m_component;
+};

@@ -1,0 +1,68 @@
+// logger - the sinks of all log records of an application: the system log and the debug broker.
+//
+// Ownership  Owns its ZeroMQ context and socket; must outlive the component loggers that it makes.
+// Threads    Any, all at once; the socket is guarded by a mutex. One logger per process at a time, as
+//            the system log has only one identity.
+// Failures   The constructor throws zmq::error_t or std::bad_alloc, connect() throws zmq::error_t.
+#pragma once
+
+#include "impl/component_logger.h"
+
+#include <zmq.hpp>
+
+#include <syslog.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace tav::libs::core {
+
+// Its own records are those of a component, too.
+class logger : public component_logger {
+public:
+    logger(std::string_view application_name, std::string_view component_name);
+    ~logger(); // waits up to five seconds for a connected broker to take the last records
+
+    // Debugging lets the system log take debug records and copies all of its lines to standard error.
+    void set_debug(bool on);
+    bool is_debug() const { return m_debug.load(std::memory_order_relaxed); }
+
+    // Connects one more broker; several get the records in turn.
+    void connect(const std::string& address);
+
+    bool is_writing_to_socket() const { return m_writing_to_socket.load(std::memory_order_relaxed); }
+    void set_writing_to_socket(bool on) { m_writing_to_socket.store(on, std::memory_order_relaxed); }
+
+    // Governs the reporting of exceptions only.
+    bool is_logger_enabled() const { return m_enable_logger.load(std::memory_order_relaxed); }
+    void set_logger_enabled(bool on) { m_enable_logger.store(on, std::memory_order_relaxed); }
+
+    std::unique_ptr<component_logger> component(std::string_view name);
+
+    // Whether records go to a broker. Before the first connect the socket could only drop them.
+    bool is_publishing() const
+    {
+        return m_has_broker.load(std::memory_order_relaxed) && is_writing_to_socket();
+    }
+
+    // Whether anybody hears a record of this level: the system log hears all but debug records.
+    bool is_wanted(int log_level) const { return log_level != LOG_DEBUG || is_debug() || is_publishing(); }
+
+    // Sends one record to a broker. Never waits: a record that cannot go at once is lost.
+    void publish(std::string_view record);
+
+private:
+    std::string m_module_name; // syslog keeps a pointer to it
+    std::atomic<bool> m_debug{false};
+    std::atomic<bool> m_writing_to_socket{true};
+    std::atomic<bool> m_enable_logger{true};
+    std::atomic<bool> m_has_broker{false};
+    zmq::context_t m_zmq_context;
+    std::mutex m_socket_mutex;
+    zmq::socket_t m_debug_socket;
+};
+
+} // namespace tav::libs::core

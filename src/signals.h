@@ -1,0 +1,15 @@
+// signals - which thread takes which signals.
+//
+// Only the main thread takes signals, and the two that stop the daemon only while it sleeps: a handler
+// that runs in an actor's thread ends the actor's loop with EINTR, and one that runs while an actor is
+// created or destroyed makes CZMQ lose track of it and free its record while it still runs.
+#pragma once
+
+// Blocks every signal in the calling thread; the first call in the body of an actor.
+void block_all_signals();
+
+// Blocks SIGINT and SIGTERM in the calling thread and in those that it starts from now on.
+void block_stop_signals();
+
+// Sleeps for so long, or until SIGINT or SIGTERM; takes one that came before, too. Main thread only.
+void sleep_open_to_stop_signals(int timeout_ms);
