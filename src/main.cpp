@@ -1,0 +1,111 @@
+// main - brings up logging and the gateway, waits for SIGINT or SIGTERM, takes everything down again.
+
+#include "config.h"
+#include "logger.h"
+#include "rtls-gateway.h"
+#include "signals.h"
+
+#include <curl/curl.h>
+#include <czmq.h>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+
+static constexpr int idle_step_ms = 100;
+
+// Each bridge costs a descriptor, and the library spins when there are none left to accept with.
+static void raise_descriptor_limit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+static void log_versions()
+{
+    int zmq_major = 0;
+    int zmq_minor = 0;
+    int zmq_patch = 0;
+    zmq_version(&zmq_major, &zmq_minor, &zmq_patch);
+    int czmq_major = 0;
+    int czmq_minor = 0;
+    int czmq_patch = 0;
+    zsys_version(&czmq_major, &czmq_minor, &czmq_patch);
+    logger_info(g_logger, "Starting %s, ZMQ version %d.%d.%d, CZMQ version %d.%d.%d", rtls_gateway_version,
+                zmq_major, zmq_minor, zmq_patch, czmq_major, czmq_minor, czmq_patch);
+}
+
+// The configuration file named on the command line, or nullptr after saying what is wrong.
+static const char* parse_options(int argc, char* argv[])
+{
+    const char* config_file = nullptr;
+    for (int option = 0; (option = getopt(argc, argv, "c:")) != -1;) {
+        if (option != 'c') {
+            logger_info(g_logger, "Usage: %s -c config_file", argv[0]);
+            return nullptr;
+        }
+        config_file = optarg;
+    }
+    if (config_file == nullptr) // the line break is part of the text
+        logger_error(g_logger, "The configuration file is not defined! Usage: %s -c config_file\n", argv[0]);
+    return config_file;
+}
+
+static void connect_debug_broker(void* gateway)
+{
+    const char* address = nullptr;
+    if (config_value_get(rtls_gateway_get_config(gateway), "debug_broker_address", &address))
+        logger_connect(g_logger_ctx, address);
+    else
+        logger_error(g_logger, "'debug_broker_address' is not defined in the config file");
+}
+
+// False when the gateway cannot be made. One that cannot run is logged, but no failure of the program.
+static bool serve(const char* config_file)
+{
+    void* gateway = rtls_gateway_new(config_file);
+    if (gateway == nullptr)
+        return false;
+    connect_debug_broker(gateway);
+    if (rtls_gateway_run(gateway))
+        while (!zsys_interrupted)
+            sleep_open_to_stop_signals(idle_step_ms);
+    rtls_gateway_destroy(&gateway);
+    return true;
+}
+
+static bool serve_with_curl(const char* config_file)
+{
+    const CURLcode rc = curl_global_init(CURL_GLOBAL_ALL);
+    if (rc != CURLE_OK) {
+        logger_error(g_logger, "%s: curl_global_init: %s", "main", curl_easy_strerror(rc));
+        return false;
+    }
+    const bool served = serve(config_file);
+    curl_global_cleanup();
+    return served;
+}
+
+int main(int argc, char* argv[])
+{
+    // First of all: from here on SIGTERM is an orderly stop, whenever it comes.
+    zsys_init();
+    block_stop_signals();
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    raise_descriptor_limit();
+
+    if (!logger_init("rtls-gateway"))
+        return EXIT_FAILURE;
+    log_versions();
+    const char* config_file = parse_options(argc, argv);
+    const bool served = config_file != nullptr && serve_with_curl(config_file);
+    if (served)
+        logger_info(g_logger, "Exiting");
+    logger_cleanup();
+    return served ? EXIT_SUCCESS : EXIT_FAILURE;
+}

@@ -1,0 +1,266 @@
+#include "rtls-gateway.h"
+
+#include "common.h"
+#include "config.h"
+#include "firmware.h"
+#include "logger.h"
+#include "nodes_container.h"
+#include "ota.h"
+#include "signals.h"
+#include "terminal_server.h"
+#include "win_server.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+
+static constexpr int ready_poll_ms = 100;
+static constexpr uint16_t firmware_files_max = 5;
+
+// Written on the main thread while no actor runs. The two atomics change while they run; their
+// readers need the value alone, so relaxed order does.
+struct RTLS_GATEWAY_t {
+    zconfig_t* config = nullptr;
+    void* win_server = nullptr;
+    void* terminal_server = nullptr;
+    void* nodes_container = nullptr;
+    std::atomic<void*> firmware = nullptr;
+    void* ota = nullptr;
+    std::atomic<uint16_t> debug_level = 0;
+    const char* pid_file_name = nullptr; // points into config
+};
+
+using gateway_ptr = std::unique_ptr<void, destroyed_by<rtls_gateway_destroy>>;
+
+// The gateway behind the handle; a null one is logged in the name of `function`.
+static RTLS_GATEWAY_t* gateway_of(void* p_rtls_gateway, const char* function)
+{
+    if (p_rtls_gateway == nullptr)
+        logger_error(g_logger, str_null_pointer, function);
+    return static_cast<RTLS_GATEWAY_t*>(p_rtls_gateway);
+}
+
+// Sections only ever get switched on here; "debug/..." is optional, and a missing key is logged by config.
+static void read_debug_mask(zconfig_t* config)
+{
+    for (unsigned section = 0; section < DBG_SECTIONS_NUMBER; ++section) {
+        char key[256];
+        (void)snprintf(key, sizeof key, "debug/%s", dbg_section_name[section]);
+        bool enabled = false;
+        if (config_value_bool_get(config, key, &enabled) && enabled)
+            debug_mask.fetch_or(static_cast<uint16_t>(1U << section), std::memory_order_relaxed);
+    }
+}
+
+static bool read_firmware_files(zconfig_t* config, uint16_t* number)
+{
+    if (!config_value_uint16_t_get(config, "firmware_files", number))
+        return false;
+    if (*number >= 1 && *number <= firmware_files_max)
+        return true;
+    logger_error(g_logger, "%s: The parameter \"firmware_files\" has an incorrect value!",
+                 "rtls_gateway_new");
+    return false;
+}
+
+// The order shows in the log: only the first key that is missing is reported.
+static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_name)
+{
+    gateway.config = config_new(config_file_name);
+    if (gateway.config == nullptr || !config_value_get(gateway.config, "pidfile", &gateway.pid_file_name))
+        return false;
+    read_debug_mask(gateway.config);
+
+    gateway.win_server = win_server_new(gateway.config, &gateway);
+    if (gateway.win_server == nullptr)
+        return false;
+    gateway.terminal_server = terminal_server_new(gateway.config, &gateway);
+    if (gateway.terminal_server == nullptr)
+        return false;
+    gateway.nodes_container = nodes_container_new();
+    if (gateway.nodes_container == nullptr)
+        return false;
+
+    uint16_t firmware_files = 0;
+    if (!read_firmware_files(gateway.config, &firmware_files))
+        return false;
+    gateway.ota = ota_new(firmware_files);
+    return gateway.ota != nullptr;
+}
+
+void* rtls_gateway_new(const char* config_file_name)
+{
+    if (config_file_name == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return nullptr;
+    }
+    gateway_ptr gateway{new (std::nothrow) RTLS_GATEWAY_t{}};
+    if (!gateway) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return nullptr;
+    }
+    if (!create_services(*static_cast<RTLS_GATEWAY_t*>(gateway.get()), config_file_name))
+        return nullptr;
+    return gateway.release();
+}
+
+// Writes over the start of the file and neither truncates nor terminates it: whoever prepares the
+// file keeps what follows the number.
+static bool write_pid(const char* file_name)
+{
+    if (file_name == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return false;
+    }
+    const int file = open(file_name, O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+    if (file == -1) {
+        const int code = errno;
+        char text[128];
+        logger_error(g_logger, "unable to create pid file %s, code=%d (%s)", file_name, code,
+                     strerror_r(code, text, sizeof text));
+        return false;
+    }
+    dprintf(file, "%d", getpid());
+    close(file);
+    return true;
+}
+
+static bool are_servers_ready(const RTLS_GATEWAY_t& gateway)
+{
+    return win_server_is_ready(gateway.win_server) && terminal_server_is_ready(gateway.terminal_server);
+}
+
+bool rtls_gateway_run(void* p_rtls_gateway)
+{
+    RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    if (gateway == nullptr)
+        return false;
+    if (gateway->win_server == nullptr) {
+        logger_error(g_logger, "%s: win server is not created!", __func__);
+        return false;
+    }
+    if (gateway->terminal_server == nullptr) {
+        logger_error(g_logger, "%s: terminal server is not created!", __func__);
+        return false;
+    }
+    if (!win_server_run(gateway->win_server) || !terminal_server_run(gateway->terminal_server))
+        return false;
+    while (!zsys_interrupted) {
+        if (are_servers_ready(*gateway))
+            return write_pid(gateway->pid_file_name);
+        sleep_open_to_stop_signals(ready_poll_ms);
+    }
+    return false;
+}
+
+void rtls_gateway_destroy(void** pp_rtls_gateway)
+{
+    if (pp_rtls_gateway == nullptr) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return;
+    }
+    auto* gateway = static_cast<RTLS_GATEWAY_t*>(*pp_rtls_gateway);
+    if (gateway == nullptr)
+        return;
+    // Both actors first: their threads use all the rest.
+    terminal_server_destroy(&gateway->terminal_server);
+    win_server_destroy(&gateway->win_server);
+    config_destroy(&gateway->config);
+    nodes_container_destroy(&gateway->nodes_container);
+    void* firmware = gateway->firmware.load(std::memory_order_relaxed);
+    firmware_destroy(&firmware);
+    ota_destroy(&gateway->ota);
+    delete gateway;
+    *pp_rtls_gateway = nullptr;
+}
+
+zconfig_t* rtls_gateway_get_config(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    return gateway != nullptr ? gateway->config : nullptr;
+}
+
+void* rtls_gateway_get_win_server(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    return gateway != nullptr ? gateway->win_server : nullptr;
+}
+
+void* rtls_gateway_get_terminal_server(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    return gateway != nullptr ? gateway->terminal_server : nullptr;
+}
+
+void* rtls_gateway_get_nodes_container(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    return gateway != nullptr ? gateway->nodes_container : nullptr;
+}
+
+void* rtls_gateway_get_ota(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    return gateway != nullptr ? gateway->ota : nullptr;
+}
+
+void* rtls_gateway_get_firmware(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    return gateway != nullptr ? gateway->firmware.load(std::memory_order_relaxed) : nullptr;
+}
+
+void rtls_gateway_set_firmware(void* p_rtls_gateway, void* p_firmware)
+{
+    RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    if (gateway == nullptr)
+        return;
+    void* old = gateway->firmware.exchange(p_firmware, std::memory_order_relaxed);
+    firmware_destroy(&old);
+}
+
+zhashx_t* rtls_gateway_get_win_clients(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    return gateway != nullptr ? win_server_get_clients(gateway->win_server) : nullptr;
+}
+
+zhashx_t* rtls_gateway_get_terminal_clients(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    return gateway != nullptr ? terminal_server_get_clients(gateway->terminal_server) : nullptr;
+}
+
+void rtls_gateway_nodes_update(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    if (gateway != nullptr)
+        win_server_nodes_update(gateway->win_server, nullptr);
+}
+
+uint16_t rtls_gateway_get_debug_level(void* p_rtls_gateway)
+{
+    const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    return gateway != nullptr ? gateway->debug_level.load(std::memory_order_relaxed) : uint16_t{0};
+}
+
+void rtls_gateway_set_debug_level(void* p_rtls_gateway, uint16_t debug_level)
+{
+    RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    if (gateway != nullptr)
+        gateway->debug_level.store(debug_level, std::memory_order_relaxed);
+}
+
+uint16_t rtls_gateway_increment_debug_level(void* p_rtls_gateway)
+{
+    RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
+    if (gateway == nullptr)
+        return 0;
+    return static_cast<uint16_t>(gateway->debug_level.fetch_add(1, std::memory_order_relaxed) + 1);
+}
