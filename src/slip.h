@@ -24,3 +24,6 @@ constexpr size_t slip_encoded_limit(size_t size)
 // Frames `message` into `out`, which has room for slip_encoded_limit(message.size()) bytes; returns
 // the number of bytes written.
 size_t slip_encode(bytes_view message, uint8_t* out);
+
+// The number of bytes before the first special one. Looks at eight bytes at a time.
+size_t slip_ordinary_run(bytes_view bytes);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "bytes.h"
+#include "closed_ids.h"
 #include "common.h"
 #include "win_clients.h"
 #include "win_server.h"
@@ -14,8 +15,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <set>
-#include <string>
+#include <optional>
 
 struct WIN_SERVER_t {
     void* rtls_gateway = nullptr;
@@ -45,13 +45,21 @@ struct WIN_SERVER_t {
     // Other threads copy the table (win_server_copy_clients). The actor holds this around insert, delete
     // and writes of mac_addr, not around its own reads.
     std::mutex clients_mutex;
-    std::set<std::string> closed_ids; // identities that we closed; a late disconnect of theirs is no news
-    int64_t last_client_check = 0;    // zclock_mono of the last client check
+    closed_ids_t closed_ids;
+    std::optional<int64_t> last_client_check; // zclock_mono of the last client check
 };
 
 // --- win_server.cpp
-// Closes one client's connection and forgets the client.
+// Closes one client's connection and forgets the client. `client_id` may be the client's own.
 void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id);
+// Names the bridge on this connection. Takes clients_mutex.
+void win_client_set_mac_addr(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* mac);
+
+// --- win_server_actor.cpp
+// The actor's body: opens every socket, runs the loop, tears all down. Its end ends the gateway.
+void win_server_actor(zsock_t* pipe, void* p_server);
+// Raises the interrupt flag and closes all that the actor opened.
+void destroy_actor_context(WIN_SERVER_t* server);
 
 // --- win_server_discovery.cpp, win_server_generic.cpp
 int handle_udp_in(zloop_t* loop, zmq_pollitem_t* item, void* p_server) noexcept;
@@ -71,6 +79,9 @@ int check_client_connection(zloop_t* loop, int timer_id, void* p_server);
 int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server);
 int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server);
 int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server);
+// check_client_connection at the time `now` (zclock_mono).
+int check_client_connection_at(WIN_SERVER_t* server, int64_t now);
+// Sends the client's unsent messages, oldest first, until the socket takes no more.
 void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client);
 
 // --- win_server_win_clients.cpp
@@ -79,8 +90,13 @@ void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, cons
 // Frames one message and sends or caches it, to one client or, with null, to every client. False when
 // the client does not exist.
 bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size);
+// Sends an encoded message to this client, after those that wait, or caches it. Does not look anything up
+// in the table, so that a walk over it may deliver to each client.
+void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded);
 // Sends bytes as they are to one client, without caching. False when they could not be sent.
 bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size);
+// Appends encoded bytes to the client's unsent messages. False when they are lost: memory is short or
+// unsent_messages_limit is reached.
 bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size);
 void rpl_version_to_win_clients(WIN_SERVER_t* server);
 int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server);

@@ -1,0 +1,157 @@
+// win_clients - see win_clients.h.
+#include "win_clients.h"
+
+#include "common.h"
+#include "czmq_ptr.h"
+#include "logger.h"
+#include "slip.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+using win_client_ptr = std::unique_ptr<void, destroyed_by<win_client_destroy>>;
+
+WIN_CLIENT_t* win_client_new(zframe_t* id)
+{
+    if (!id) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return nullptr;
+    }
+    auto* client = new (std::nothrow) WIN_CLIENT_t{};
+    win_client_ptr owner{client};
+    if (!client) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return nullptr;
+    }
+    client->id = zframe_dup(id);
+    if (!client->id) {
+        log_call_error(__func__, "zframe_dup");
+        return nullptr;
+    }
+    client->unsent_messages = zlist_new();
+    if (!client->unsent_messages) {
+        log_call_error(__func__, "unsent_messages zlist_new");
+        return nullptr;
+    }
+    client->connection_delay = connection_delay_ticks;
+    client->fd = -1;
+    return static_cast<WIN_CLIENT_t*>(owner.release());
+}
+
+void win_client_destroy(void** pp_client)
+{
+    if (!pp_client) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return;
+    }
+    auto* client = static_cast<WIN_CLIENT_t*>(*pp_client);
+    if (!client)
+        return;
+    zframe_destroy(&client->id);
+    std::free(client->pending_data);
+    if (client->unsent_messages) {
+        while (zlist_size(client->unsent_messages) > 0)
+            zframe_ptr{static_cast<zframe_t*>(zlist_pop(client->unsent_messages))}.reset();
+        zlist_destroy(&client->unsent_messages);
+    }
+    delete client;
+    *pp_client = nullptr;
+}
+
+bool win_client_increase_buffer_size(WIN_CLIENT_t* client)
+{
+    if (!client) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return false;
+    }
+    const size_t new_size = client->pending_buffsize + pending_data_step;
+    // A peer that never ends its frame must not take all our memory.
+    void* grown = new_size <= pending_data_limit ? std::realloc(client->pending_data, new_size) : nullptr;
+    if (!grown) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return false;
+    }
+    client->pending_data = static_cast<uint8_t*>(grown);
+    client->pending_buffsize = new_size;
+    return true;
+}
+
+// Appends bytes to the frame; when it cannot grow any more, drops the frame and the bytes.
+static void append(WIN_CLIENT_t& client, bytes_view bytes)
+{
+    while (!bytes.empty()) {
+        if (client.pending_data_size == client.pending_buffsize &&
+            !win_client_increase_buffer_size(&client)) {
+            client.parsing_state = PS_NONE;
+            return;
+        }
+        const size_t fit = std::min(bytes.size(), client.pending_buffsize - client.pending_data_size);
+        std::memcpy(client.pending_data + client.pending_data_size, bytes.data(), fit);
+        client.pending_data_size += fit;
+        bytes = bytes.subspan(fit);
+    }
+    client.parsing_state = PS_DATA;
+}
+
+// The number of bytes from the first START on; 0 when there is none.
+static size_t left_from_start(bytes_view bytes)
+{
+    const void* start = std::memchr(bytes.data(), slip_start, bytes.size());
+    return start ? static_cast<size_t>(bytes.data() + bytes.size() - static_cast<const uint8_t*>(start)) : 0;
+}
+
+void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler_t deliver, void* context)
+{
+    while (!received.empty()) {
+        const bytes_view first = received.first(1);
+        size_t used = 1;
+        switch (client.parsing_state) {
+        case PS_NONE:
+            used = received.size() - left_from_start(received); // all that is no START is noise
+            if (used < received.size()) {
+                client.parsing_state = PS_START;
+                ++used;
+            }
+            break;
+        case PS_START:
+            client.pending_data_size = 0;
+            switch (first[0]) {
+            case slip_start:
+                break;
+            case slip_esc:
+                client.parsing_state = PS_ESCAPE;
+                break;
+            case slip_end: // an empty frame
+                client.parsing_state = PS_NONE;
+                break;
+            default:
+                append(client, first);
+            }
+            break;
+        case PS_ESCAPE:
+            append(client, first);
+            break;
+        case PS_DATA:
+            switch (first[0]) {
+            case slip_start: // the partial frame is given up
+                client.parsing_state = PS_START;
+                break;
+            case slip_esc:
+                client.parsing_state = PS_ESCAPE;
+                break;
+            case slip_end:
+                deliver(context, client);
+                client.parsing_state = PS_NONE;
+                break;
+            default:
+                used = slip_ordinary_run(received);
+                append(client, received.first(used));
+            }
+            break;
+        }
+        received = received.subspan(used);
+    }
+}
