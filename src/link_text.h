@@ -38,7 +38,7 @@ class ipv4_text {
 public:
     explicit ipv4_text(const sockaddr_in& addr) : m_text{}
     {
-        inet_ntop(AF_INET, &addr.sin_addr, m_text.data(), m_text.size());
+        inet_ntop(AF_INET, &addr.sin_addr, m_text.data(), INET_ADDRSTRLEN);
     }
     const char* c_str() const { return m_text.data(); }
 
