@@ -41,7 +41,7 @@ WIN_CLIENT_t* win_client_new(zframe_t* id)
     return static_cast<WIN_CLIENT_t*>(owner.release());
 }
 
-void win_client_destroy(void** pp_client)
+void win_client_destroy(void** pp_client) noexcept
 {
     if (!pp_client) {
         logger_error(g_logger, str_null_pointer, __func__);

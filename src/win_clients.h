@@ -46,7 +46,7 @@ struct WIN_CLIENT_t {
 WIN_CLIENT_t* win_client_new(zframe_t* id);
 
 // Frees the record and all it owns; leaves null. Takes null. (CZMQ's item destructor.)
-void win_client_destroy(void** pp_client);
+void win_client_destroy(void** pp_client) noexcept;
 
 // Grows pending_data by one step. False, with a log line and the old buffer in place, when memory is
 // short or the limit of a frame is reached.

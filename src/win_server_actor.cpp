@@ -148,7 +148,7 @@ bool prepare(WIN_SERVER_t& server, zsock_t* pipe)
 
 } // namespace
 
-void win_server_actor(zsock_t* pipe, void* p_server)
+void win_server_actor(zsock_t* pipe, void* p_server) noexcept
 {
     block_all_signals();
     auto* server = static_cast<WIN_SERVER_t*>(p_server);

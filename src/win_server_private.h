@@ -52,12 +52,12 @@ struct WIN_SERVER_t {
 // --- win_server.cpp
 // Closes one client's connection and forgets the client. `client_id` may be the client's own.
 void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id);
-// Names the bridge on this connection. Takes clients_mutex.
+// Takes over the MAC that the client's bridge gives itself; other threads see it whole (clients_mutex).
 void win_client_set_mac_addr(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* mac);
 
 // --- win_server_actor.cpp
 // The actor's body: opens every socket, runs the loop, tears all down. Its end ends the gateway.
-void win_server_actor(zsock_t* pipe, void* p_server);
+void win_server_actor(zsock_t* pipe, void* p_server) noexcept;
 // Raises the interrupt flag and closes all that the actor opened.
 void destroy_actor_context(WIN_SERVER_t* server);
 
@@ -75,17 +75,17 @@ bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval n
 bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen);
 
 // --- win_server_supervision.cpp
-int check_client_connection(zloop_t* loop, int timer_id, void* p_server);
-int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server);
-int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server);
-int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server);
+int check_client_connection(zloop_t* loop, int timer_id, void* p_server) noexcept;
+int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept;
+int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server) noexcept;
+int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server) noexcept;
 // check_client_connection at the time `now` (zclock_mono).
 int check_client_connection_at(WIN_SERVER_t* server, int64_t now);
 // Sends the client's unsent messages, oldest first, until the socket takes no more.
 void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client);
 
 // --- win_server_win_clients.cpp
-int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server);
+int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept;
 void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size);
 // Frames one message and sends or caches it, to one client or, with null, to every client. False when
 // the client does not exist.
@@ -99,10 +99,7 @@ bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uin
 // unsent_messages_limit is reached.
 bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size);
 void rpl_version_to_win_clients(WIN_SERVER_t* server);
-int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server);
-
-// Takes over the MAC that the client's bridge gives itself; other threads see it whole.
-void win_client_set_mac_addr(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* mac);
+int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server) noexcept;
 
 // --- win_client_messages.cpp
 // Interprets the complete frame in client->pending_data.

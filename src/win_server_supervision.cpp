@@ -82,7 +82,7 @@ int check_client_connection_at(WIN_SERVER_t* server, int64_t now)
     return 0;
 }
 
-int check_client_connection(zloop_t* loop, int timer_id, void* p_server)
+int check_client_connection(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
     if (!loop || !p_server) {
@@ -92,7 +92,7 @@ int check_client_connection(zloop_t* loop, int timer_id, void* p_server)
     return check_client_connection_at(static_cast<WIN_SERVER_t*>(p_server), zclock_mono());
 }
 
-int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server)
+int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
     if (!loop || !p_server) {
@@ -121,7 +121,7 @@ static bool reconnect_proxy(WIN_SERVER_t& server)
     return true;
 }
 
-int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server)
+int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
@@ -136,7 +136,7 @@ int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server)
     return 0;
 }
 
-int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server)
+int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
     auto* server = static_cast<WIN_SERVER_t*>(p_server);

@@ -187,7 +187,7 @@ bool send_data(zsock_t* sock, const uint8_t* data, size_t size)
 
 } // namespace
 
-int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server)
+int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
 {
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (!loop || !reader || !server) {
@@ -335,7 +335,7 @@ void rpl_version_to_win_clients(WIN_SERVER_t* server)
         log_call_error(__func__, "zloop_timer");
 }
 
-int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server)
+int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
