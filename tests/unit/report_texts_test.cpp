@@ -74,7 +74,8 @@ TEST(route_request, lists_its_requesters)
 
     EXPECT_EQ(route_request_text(head, 0), text_head + "]}");
     EXPECT_EQ(route_request_text(head + first, 1), text_head + text_first + "]}");
-    EXPECT_EQ(route_request_text(head + first + second, 2), text_head + text_first + "," + text_second + "]}");
+    EXPECT_EQ(route_request_text(head + first + second, 2),
+              text_head + text_first + "," + text_second + "]}");
     EXPECT_EQ(route_request_text(head + first + second + third, 3),
               text_head + text_first + "," + text_second + "," + text_third + "]}");
 }
@@ -98,13 +99,13 @@ TEST(route_request, counts_whole_requesters)
 
 // --- UL-TDOA
 
-static const char* const measurement = "28 00"             // placeholders of the sub-command
-                                       "02 AB 34 CD 56 01" // tag
-                                       "12 34"             // pe_seq_no
-                                       "02 AB 34 CD 56 02" // responder
-                                       "02 AB 34 CD 56 03" // reporter
-                                       "FF FF FF FE"       // range_mm
-                                       "80 09"             // the two LQIs
+static const char* const measurement = "28 00"                         // placeholders of the sub-command
+                                       "02 AB 34 CD 56 01"             // tag
+                                       "12 34"                         // pe_seq_no
+                                       "02 AB 34 CD 56 02"             // responder
+                                       "02 AB 34 CD 56 03"             // reporter
+                                       "FF FF FF FE"                   // range_mm
+                                       "80 09"                         // the two LQIs
                                        "03 04 0A BC 00 01 E2 40 0E 10" // board
                                        "64";                           // charge
 
@@ -140,9 +141,12 @@ TEST(ul_tdoa, has_the_fields_that_its_length_promises)
         uint16_t total_len;
         std::string then;
     } cases[] = {
-        {28, base + "}"},          {37, base + "}"},
-        {38, base + board + "}"},  {39, base + board + charge + "}"},
-        {40, base + board + charge + "}"}, {65535, base + board + charge + "}"},
+        {28, base + "}"},
+        {37, base + "}"},
+        {38, base + board + "}"},
+        {39, base + board + charge + "}"},
+        {40, base + board + charge + "}"},
+        {65535, base + board + charge + "}"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.total_len);
@@ -176,7 +180,8 @@ TEST(ul_tdoa, the_widest_values_make_the_longest_text)
     const std::string text = ul_tdoa_text(message);
     EXPECT_EQ(text.size(), 301U);
     EXPECT_NE(text.find("\"pe_seq_no\":65535,\"range_mm\":-2147483648,"), text.npos);
-    EXPECT_NE(text.find("\"flags\":\"FFFF\",\"firmware_id\":\"FFFFFFFF\",\"batt_voltage\":65535,"), text.npos);
+    EXPECT_NE(text.find("\"flags\":\"FFFF\",\"firmware_id\":\"FFFFFFFF\",\"batt_voltage\":65535,"),
+              text.npos);
 }
 
 TEST(ul_tdoa, hexadecimal_numbers_have_no_leading_zeros)
@@ -198,13 +203,15 @@ static std::string formatted(const bytes_t& m, bool with_board, bool with_charge
         load_be16(m, 13), static_cast<int>(load_be32(m, 27)), m[7], m[8], m[9], m[10], m[11], m[12], m[31],
         m[15], m[16], m[17], m[18], m[19], m[20], m[32], m[21], m[22], m[23], m[24], m[25], m[26]);
     if (with_board)
-        size += snprintf(out + size - 1, sizeof out - static_cast<size_t>(size) + 1,
-                         ",\"board_version\":%u,\"board_revision\":%u,\"flags\":\"%X\",\"firmware_id\":\"%X\","
-                         "\"batt_voltage\":%u}",
-                         m[33], m[34], load_be16(m, 35), load_be32(m, 37), load_be16(m, 41)) -
-                1;
+        size +=
+            snprintf(out + size - 1, sizeof out - static_cast<size_t>(size) + 1,
+                     ",\"board_version\":%u,\"board_revision\":%u,\"flags\":\"%X\",\"firmware_id\":\"%X\","
+                     "\"batt_voltage\":%u}",
+                     m[33], m[34], load_be16(m, 35), load_be32(m, 37), load_be16(m, 41)) -
+            1;
     if (with_charge)
-        snprintf(out + size - 1, sizeof out - static_cast<size_t>(size) + 1, ",\"percent_of_charge\":%u}", m[43]);
+        snprintf(out + size - 1, sizeof out - static_cast<size_t>(size) + 1, ",\"percent_of_charge\":%u}",
+                 m[43]);
     return out;
 }
 
