@@ -1,0 +1,310 @@
+#include "terminal_listing.h"
+
+#include "common.h"
+#include "logger.h"
+#include "nodes_container.h"
+#include "rtls-gateway.h"
+#include "terminal_commands_private.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <numeric>
+#include <tuple>
+
+static constexpr char str_null_win_clients[] = "%s: null pointer to win clients!";
+
+// --- Lines
+
+static std::string ipv4_text(const in_addr& addr)
+{
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &addr, text, sizeof text);
+    return text;
+}
+
+std::string terminal_client_line(const TERMINAL_CLIENT_t& client, bool is_asking)
+{
+    return text_format("%sip:%s:%d sub:%d grep:%s\n", is_asking ? "+" : " ",
+                       ipv4_text(client.client_addr.sin_addr).c_str(), ntohs(client.client_addr.sin_port),
+                       client.subscribed, client.grep_string ? client.grep_string : "--");
+}
+
+std::string win_client_line(const sockaddr_in& addr)
+{
+    return text_format(" ip:%s:%d\n", ipv4_text(addr.sin_addr).c_str(), ntohs(addr.sin_port));
+}
+
+// MACs are written with a colon inside byte 5, before the digits by which operators address a node.
+std::string bridge_line(const uint8_t* mac_addr, const sockaddr_in& addr)
+{
+    const uint8_t* m = mac_addr;
+    return text_format("Bridge MAC:%02x%02x%02x%02x%02x%01x:%01x%02x%02x ip4:%s:%d\n", m[0], m[1], m[2], m[3],
+                       m[4], m[5] >> 4, m[5] & 0x0F, m[6], m[7], ipv4_text(addr.sin_addr).c_str(),
+                       ntohs(addr.sin_port));
+}
+
+const char* get_node_type(uint8_t type)
+{
+    static constexpr const char* names[] = {"und", "fix", "m2d", "c p", "brg", "t2d", "sen"};
+    const size_t role = type & 0x0F;
+    return role < std::size(names) ? names[role] : "unk";
+}
+
+namespace {
+
+// The pieces of a node line that depend on the clock.
+struct activity_texts_t {
+    char date[20] = ""; // " act:%m-%d %H:%M:%S"
+    char age[32] = "";  // " (hh:mm:ss)"
+};
+
+} // namespace
+
+static activity_texts_t activity_texts(const timeval& last_activity, const timeval& now)
+{
+    activity_texts_t texts;
+    tm utc{};
+    if (gmtime_r(&last_activity.tv_sec, &utc))
+        strftime(texts.date, sizeof texts.date, " act:%m-%d %H:%M:%S", &utc);
+    timeval age{};
+    timersub(&now, &last_activity, &age);
+    const auto seconds = static_cast<unsigned long>(std::max<time_t>(age.tv_sec, 0)); // the clock may go back
+    snprintf(texts.age, sizeof texts.age, " (%02u:%02u:%02u)", static_cast<unsigned>(seconds / 3600),
+             static_cast<unsigned>(seconds % 3600 / 60), static_cast<unsigned>(seconds % 60));
+    return texts;
+}
+
+std::string node_line(const node_row_t& node, bool full, const timeval* now)
+{
+    const activity_texts_t activity = now ? activity_texts(node.last_activity, *now) : activity_texts_t{};
+    const uint8_t* m = node.mac_addr;
+    const uint8_t* par = node.parent_addr;
+    const char* type = get_node_type(node.type);
+    const char* forwarded = node.forwarded_ip ? "FW" : "  ";
+    const char* duplicate = node.address_duplicated ? " IP address is duplicated!" : "";
+    const char* direct = node.direct_mask ? "yes" : " no";
+    if (!full)
+        return text_format("%01x%02x%02x %s %02x par:%01x%02x%02x sw:%08x rgf:%3d ttl:%3d sl:%02x %s%s%s "
+                           "dtx:%s\n",
+                           m[5] & 0x0F, m[6], m[7], type, node.state, par[5] & 0x0F, par[6], par[7],
+                           node.sw_version, node.ranging_freq, node.lifetime, node.sublocation_id, forwarded,
+                           activity.age, duplicate, direct);
+    char ip[47] = "";
+    inet_ntop(AF_INET6, node.ip_addr, ip, sizeof ip);
+    return text_format("%02x%02x%02x%02x%02x%01x:%01x%02x%02x %s %02x par:%01x%02x%02x sw:%08x rgf:%4d "
+                       "ttl:%3d sl:%02x xyz:%8d,%8d,%8d:%-4d ip:%s %s%s%s%s dtx:%s\n",
+                       m[0], m[1], m[2], m[3], m[4], m[5] >> 4, m[5] & 0x0F, m[6], m[7], type, node.state,
+                       par[5] & 0x0F, par[6], par[7], node.sw_version, node.ranging_freq, node.lifetime,
+                       node.sublocation_id, node.pos_X, node.pos_Y, node.z_val, node.z_offset * 10, forwarded,
+                       ip, activity.date, activity.age, duplicate, direct);
+}
+
+// --- Snapshot
+
+static std::string_view frame_bytes(zframe_t* frame)
+{
+    return {reinterpret_cast<const char*>(zframe_data(frame)), zframe_size(frame)};
+}
+
+bridge_index_t index_bridges(std::span<const win_client_info_t> bridges)
+{
+    bridge_index_t index;
+    index.reserve(bridges.size());
+    uint32_t position = 0;
+    for (const auto& bridge : bridges)
+        index.emplace(frame_bytes(bridge.id.get()), position++);
+    return index;
+}
+
+static uint32_t bridge_of(const NODE_t& node, const bridge_index_t& bridges)
+{
+    if (!node.win_client_id)
+        return no_bridge;
+    const auto found = bridges.find(frame_bytes(node.win_client_id));
+    return found == bridges.end() ? no_bridge : found->second;
+}
+
+static void copy_node(const NODE_t& node, uint32_t bridge, node_row_t& row)
+{
+    row.last_activity = node.last_activity;
+    row.bridge = bridge;
+    row.sw_version = node.sw_version;
+    row.pos_X = node.pos_X;
+    row.pos_Y = node.pos_Y;
+    row.z_val = node_z_val(node);
+    row.z_offset = node_z_offset(node);
+    row.lifetime = node.lifetime;
+    row.type = node.type;
+    row.state = node.state;
+    row.ranging_freq = node.ranging_freq;
+    row.sublocation_id = node.sublocation_id;
+    row.forwarded_ip = node.forwarded_ip;
+    row.direct_mask = node.direct_mask;
+    row.address_duplicated = false;
+    std::memcpy(row.mac_addr, node.mac_addr, sizeof row.mac_addr);
+    std::memcpy(row.parent_addr, node.parent_addr, sizeof row.parent_addr);
+    std::memcpy(row.ip_addr, node.ip_addr, sizeof row.ip_addr);
+}
+
+void copy_nodes_locked(void* p_nodes, const bridge_index_t& bridges, std::vector<node_row_t>& rows)
+{
+    rows.resize(nodes_container_get_size(p_nodes));
+    size_t count = 0;
+    NODE_t* node = nodes_container_get_first(p_nodes);
+    for (; node && count < rows.size(); node = nodes_container_get_next(p_nodes))
+        copy_node(*node, bridge_of(*node, bridges), rows[count++]);
+    rows.resize(count);
+}
+
+std::vector<node_row_t> copy_nodes(void* p_nodes, const bridge_index_t& bridges)
+{
+    nodes_container_lock(p_nodes);
+    const size_t expected = nodes_container_get_size(p_nodes);
+    nodes_container_unlock(p_nodes);
+    std::vector<node_row_t> rows(expected); // the pages are fetched here, not under the lock
+
+    const nodes_guard guard{p_nodes};
+    copy_nodes_locked(p_nodes, bridges, rows);
+    return rows;
+}
+
+namespace {
+
+// What makes two nodes of one bridge indistinguishable to it.
+struct node_address_t {
+    uint32_t bridge;
+    uint8_t ip_addr[ip_addr_size];
+    node_row_t* row;
+
+    bool operator<(const node_address_t& other) const
+    {
+        if (bridge != other.bridge)
+            return bridge < other.bridge;
+        return std::memcmp(ip_addr, other.ip_addr, sizeof ip_addr) < 0;
+    }
+    bool operator==(const node_address_t& other) const
+    {
+        return bridge == other.bridge && std::memcmp(ip_addr, other.ip_addr, sizeof ip_addr) == 0;
+    }
+};
+
+} // namespace
+
+// Sorted rather than hashed: the addresses are the nodes' choice, and must not be able to make it slow.
+void mark_duplicate_addresses(std::span<node_row_t> nodes)
+{
+    std::vector<node_address_t> addresses;
+    addresses.reserve(nodes.size());
+    for (auto& node : nodes) {
+        if (node.lifetime == 0 || node.forwarded_ip || node.bridge == no_bridge)
+            continue;
+        auto& address = addresses.emplace_back(node_address_t{node.bridge, {}, &node});
+        std::memcpy(address.ip_addr, node.ip_addr, sizeof address.ip_addr);
+    }
+    std::sort(addresses.begin(), addresses.end());
+    for (size_t i = 1; i < addresses.size(); ++i)
+        if (addresses[i] == addresses[i - 1]) {
+            addresses[i].row->address_duplicated = true;
+            addresses[i - 1].row->address_duplicated = true;
+        }
+}
+
+node_groups_t group_nodes(std::span<const node_row_t> nodes, size_t bridges_number)
+{
+    node_groups_t groups;
+    groups.by_bridge.resize(bridges_number);
+    for (const auto& node : nodes) {
+        if (node.lifetime == 0)
+            groups.expired.push_back(&node);
+        else if (node.bridge == no_bridge)
+            groups.floating.push_back(&node);
+        else
+            groups.by_bridge[node.bridge].push_back(&node);
+    }
+    return groups;
+}
+
+// --- Commands
+
+// The clients of both kinds. A listing ends at the first line that the operator does not take: each
+// further one would cost the socket's time-out again.
+void command_pcl(const terminal_request_t& request)
+{
+    if (!rtls_gateway_get_win_clients(request.gateway)) {
+        logger_error(g_logger, str_null_win_clients, __func__);
+        return;
+    }
+    zhashx_t* terminals = rtls_gateway_get_terminal_clients(request.gateway);
+    if (!terminals) {
+        logger_error(g_logger, "%s: null pointer to terminal clients!", __func__);
+        return;
+    }
+    if (!request.answer("####### Terminal clients\n"))
+        return;
+    for (void* item = zhashx_first(terminals); item; item = zhashx_next(terminals)) {
+        const auto* terminal = static_cast<TERMINAL_CLIENT_t*>(item);
+        const bool is_asking = zframe_eq(terminal->id, request.client->id);
+        if (!request.answer(terminal_client_line(*terminal, is_asking)))
+            return;
+    }
+    if (!request.answer("####### WIN clients:\n"))
+        return;
+    for (const auto& bridge : win_server_copy_clients(rtls_gateway_get_win_server(request.gateway)))
+        if (!request.answer(win_client_line(bridge.addr)))
+            return;
+    request.answer("##\n");
+}
+
+static bool send_nodes(const terminal_request_t& request, std::span<const node_row_t* const> nodes, bool full,
+                       const timeval* now)
+{
+    return std::all_of(nodes.begin(), nodes.end(),
+                       [&](const node_row_t* node) { return request.answer(node_line(*node, full, now)); });
+}
+
+static void send_listing(const terminal_request_t& request, std::span<const win_client_info_t> bridges,
+                         const node_groups_t& groups, bool full)
+{
+    for (size_t i = 0; i < bridges.size(); ++i)
+        if (!request.answer(bridge_line(bridges[i].mac_addr, bridges[i].addr)) ||
+            !send_nodes(request, groups.by_bridge[i], full, nullptr))
+            return;
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    if (request.answer("####### Floating nodes\n") && send_nodes(request, groups.floating, full, nullptr) &&
+        request.answer("####### Expired nodes\n") && send_nodes(request, groups.expired, full, &now))
+        request.answer("##\n");
+}
+
+// The bridges with their nodes, then the nodes without a connected bridge, then the expired ones.
+static void list_nodes(const terminal_request_t& request, bool full)
+{
+    if (!request.answer("####### Connected Nodes\n"))
+        return;
+    if (!rtls_gateway_get_win_clients(request.gateway)) {
+        logger_error(g_logger, str_null_win_clients, "command_pn");
+        return;
+    }
+    void* p_nodes = rtls_gateway_get_nodes_container(request.gateway);
+    if (!p_nodes) {
+        logger_error(g_logger, "%s: null pointer to nodes container!", "command_pn");
+        return;
+    }
+    const auto bridges = win_server_copy_clients(rtls_gateway_get_win_server(request.gateway));
+    auto nodes = copy_nodes(p_nodes, index_bridges(bridges));
+    mark_duplicate_addresses(nodes);
+    send_listing(request, bridges, group_nodes(nodes, bridges.size()), full);
+}
+
+void command_pn(const terminal_request_t& request)
+{
+    list_nodes(request, false);
+}
+
+void command_pnf(const terminal_request_t& request)
+{
+    list_nodes(request, true);
+}
