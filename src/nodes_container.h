@@ -23,7 +23,8 @@ void nodes_container_unlock(void* p_nodes);
 
 size_t nodes_container_get_size(void* p_nodes);
 
-// The container's one cursor, in table order. Every find moves it too: never look up while iterating.
+// The container's one cursor, in table order. Any other call may reorder the table: never look up
+// while iterating.
 NODE_t* nodes_container_get_first(void* p_nodes);
 NODE_t* nodes_container_get_next(void* p_nodes);
 

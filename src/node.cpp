@@ -1,0 +1,33 @@
+#include "node.h"
+
+#include "common.h"
+#include "logger.h"
+
+#include <cstdlib>
+
+void node_destroy(void** pp_node)
+{
+    if (!pp_node || !*pp_node)
+        return;
+    auto* node = static_cast<NODE_t*>(*pp_node);
+    zframe_destroy(&node->win_client_id);
+    free(node->last_data);
+    free(node);
+    *pp_node = nullptr;
+}
+
+bool node_update_win_client_ID(NODE_t* node, zframe_t* win_client_id)
+{
+    if (!node || !win_client_id) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return false;
+    }
+    if (zframe_eq(node->win_client_id, win_client_id))
+        return true; // nearly every report: no copy
+    zframe_destroy(&node->win_client_id);
+    node->win_client_id = zframe_dup(win_client_id);
+    if (node->win_client_id)
+        return true;
+    log_call_error(__func__, "zframe_dup");
+    return false;
+}
