@@ -1,0 +1,133 @@
+#include "support/node_command_fixture.h"
+
+#include "hex.h"
+#include "nodes_container.h"
+#include "rtls-gateway.h"
+#include "slip.h"
+#include "support/hex_bytes.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <stdexcept>
+
+static constexpr char configuration[] = R"(pidfile = /dev/null
+debug
+    raw = false
+    parsing = false
+    terminal = false
+    win = false
+    discovery = false
+    develop = false
+    ul_tdoa = false
+ports
+    win = 4000
+    discovery = 4001
+    terminal = 4002
+pub_sub_proxy
+    address = 127.0.0.1
+    port = 4003
+    input_port = 4004
+message_handler
+    address = 127.0.0.1
+    port = 4005
+firmware_files = 2
+)";
+
+temporary_file::temporary_file(std::string_view content)
+{
+    char path[] = "/tmp/rtls-gateway-test-XXXXXX";
+    const int file = mkstemp(path);
+    const bool written =
+        file != -1 && write(file, content.data(), content.size()) == static_cast<ssize_t>(content.size());
+    if (file != -1)
+        close(file);
+    if (!written)
+        throw std::runtime_error("temporary_file: cannot write");
+    m_path = path;
+}
+
+temporary_file::~temporary_file()
+{
+    unlink(m_path.c_str());
+}
+
+node_command_fixture::node_command_fixture()
+{
+    const temporary_file config{configuration};
+    gateway = rtls_gateway_new(config.path().c_str());
+    if (!gateway)
+        throw std::runtime_error("node_command_fixture: no gateway");
+    server = static_cast<WIN_SERVER_t*>(rtls_gateway_get_win_server(gateway));
+    nodes = rtls_gateway_get_nodes_container(gateway);
+    server->win_sock = zsock_new(ZMQ_STREAM);
+    (void)m_log.take();
+}
+
+node_command_fixture::~node_command_fixture()
+{
+    zsock_destroy(&server->win_sock);
+    rtls_gateway_destroy(&gateway);
+}
+
+WIN_CLIENT_t* node_command_fixture::add_bridge(const std::string& id)
+{
+    const bytes_t bytes = hex(id);
+    const zframe_ptr identity{zframe_new(bytes.data(), bytes.size())};
+    WIN_CLIENT_t* bridge = win_client_new(identity.get());
+    zhashx_insert(server->clients, id.c_str(), bridge);
+    return bridge;
+}
+
+void node_command_fixture::disconnect(const std::string& id)
+{
+    zhashx_delete(server->clients, id.c_str());
+}
+
+void node_command_fixture::add_node(const std::string& mac, const node_options_t& options)
+{
+    const nodes_guard guard{nodes};
+    NODE_t* node = nodes_container_find_or_create_by_mac(nodes, hex(mac).data(), nullptr, 0);
+    nodes_container_set_address(nodes, node, hex(node_ip).data(), options.forwarded_ip);
+    node->direct_mask = options.direct_mask;
+    if (options.bridge)
+        node_update_win_client_ID(node, options.bridge->id);
+}
+
+void node_command_fixture::remove_node(const std::string& mac)
+{
+    const nodes_guard guard{nodes};
+    nodes_container_delete(nodes, hex(mac).data());
+}
+
+static std::string without_framing(bytes_view frame)
+{
+    EXPECT_GE(frame.size(), 2u);
+    EXPECT_EQ(frame.front(), slip_start);
+    EXPECT_EQ(frame.back(), slip_end);
+    bytes_t message;
+    for (size_t i = 1; i + 1 < frame.size(); ++i) {
+        if (frame[i] == slip_esc)
+            ++i;
+        message.push_back(frame[i]);
+    }
+    return to_hex(message);
+}
+
+std::vector<std::string> node_command_fixture::sent_to(WIN_CLIENT_t* bridge)
+{
+    std::vector<std::string> messages;
+    while (zlist_size(bridge->unsent_messages) > 0) {
+        const zframe_ptr frame{static_cast<zframe_t*>(zlist_pop(bridge->unsent_messages))};
+        messages.push_back(without_framing({zframe_data(frame.get()), zframe_size(frame.get())}));
+    }
+    bridge->unsent_bytes = 0;
+    return messages;
+}
+
+std::vector<std::string> node_command_fixture::errors()
+{
+    std::vector<std::string> texts = m_log.messages("main");
+    std::erase_if(texts, [](const std::string& text) { return text.find("zframe_send: 113,") != text.npos; });
+    return texts;
+}
