@@ -5,37 +5,19 @@
 #include "czmq_ptr.h"
 #include "image_download.h"
 #include "logger.h"
+#include "ota_tags.h"
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <span>
-#include <string_view>
 
 // What an image is kept account of by: every page is a whole number of blocks.
 static constexpr size_t block_bytes = 32;
 static constexpr size_t growth_blocks = 8192;
 static constexpr size_t blocks_ceiling = image_size_ceiling / block_bytes;
-
-// Tags inside an image. The zero byte at their end belongs to them: the words alone stand elsewhere, too.
-static constexpr std::string_view board_tag{"@BoardVer", 10};
-static constexpr std::string_view firmware_tag{"@Firmware", 10};
-
-namespace board_record { // behind the board tag
-constexpr size_t board_version = 0;
-constexpr size_t board_revision = 1;
-constexpr size_t size = 2;
-} // namespace board_record
-
-namespace firmware_record { // behind the firmware tag; big-endian
-constexpr size_t git_ver = 0;
-constexpr size_t page_size = 4;
-constexpr size_t maximum_pages = 6;
-constexpr size_t size = 8;
-} // namespace firmware_record
 
 struct OTA_FIRMWARE_t {
     OTA_FIRMWARE_INFO_t info{};
@@ -70,41 +52,6 @@ static bool is_page_size(uint32_t page_size)
 }
 
 // --- images
-
-// The `size` bytes behind the first `tag`, or nothing when they are not all there.
-static bytes_view find_record(bytes_view image, std::string_view tag, size_t size)
-{
-    const void* found = memmem(image.data(), image.size(), tag.data(), tag.size());
-    if (found == nullptr)
-        return {};
-    const auto at = static_cast<size_t>(static_cast<const uint8_t*>(found) - image.data()) + tag.size();
-    return image.size() - at >= size ? image.subspan(at, size) : bytes_view{};
-}
-
-static bool read_board_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info)
-{
-    const bytes_view record = find_record(image, board_tag, board_record::size);
-    if (record.empty()) {
-        logger_error(g_logger, "tag \"@BoardVer\" not found in firmware!");
-        return false;
-    }
-    info.board_version = record[board_record::board_version];
-    info.board_revision = record[board_record::board_revision];
-    return true;
-}
-
-static bool read_firmware_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info)
-{
-    const bytes_view record = find_record(image, firmware_tag, firmware_record::size);
-    if (record.empty()) {
-        logger_error(g_logger, "tag \"@Firmware\" not found in firmware!");
-        return false;
-    }
-    info.git_ver = load_be32(record, firmware_record::git_ver);
-    info.page_size = load_be16(record, firmware_record::page_size);
-    info.maximum_pages = load_be16(record, firmware_record::maximum_pages);
-    return true;
-}
 
 // Gives the image room for at least `required_page_count` blocks, or leaves it as it is.
 static bool resize_firmware(OTA_FIRMWARE_t& firmware, uint64_t required_page_count)
