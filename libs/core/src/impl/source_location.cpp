@@ -4,11 +4,6 @@
 
 namespace tav::libs::core {
 
-source_location source_location::current(const std::source_location& place)
-{
-    return {place.line(), place.file_name(), place.function_name()};
-}
-
 std::string_view source_location::short_file() const
 {
     const size_t root = constants::source_directory.size();

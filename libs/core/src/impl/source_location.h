@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <source_location>
 #include <string_view>
 
 namespace tav::libs::core {
@@ -13,9 +12,6 @@ struct source_location {
     int64_t m_line = 0;
     std::string_view m_file;
     std::string_view m_function; // the full signature
-
-    // The place of the call.
-    static source_location current(const std::source_location& place = std::source_location::current());
 
     // The path without the build's source root; a path no longer than the root stays whole.
     std::string_view short_file() const;
@@ -26,3 +22,8 @@ struct source_location {
 };
 
 } // namespace tav::libs::core
+
+// The place where this stands. A macro, because std::source_location gives the signature with one of
+// our compilers only.
+#define TAV_SOURCE_LOCATION                                                                                  \
+    (tav::libs::core::source_location{__LINE__, __FILE__, static_cast<const char*>(__PRETTY_FUNCTION__)})

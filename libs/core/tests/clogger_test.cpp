@@ -1,0 +1,338 @@
+// The flat interface, as the daemon uses it, against both sinks.
+
+#include "core/clogger.h"
+
+#include "impl/clogger.h"
+#include "support/allocation_count.h"
+#include "support/broker.h"
+#include "support/syslog_capture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <syslog.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+using logger_ptr = std::unique_ptr<tav_logger_handle, decltype(&destroy_logger)>;
+using component_ptr = std::unique_ptr<tav_component_logger_handle, decltype(&destroy_component_logger)>;
+
+logger_ptr make_logger(const char* name = "app")
+{
+    return {create_logger(name), destroy_logger};
+}
+
+component_ptr make_component(const logger_ptr& logger, const char* name = "main")
+{
+    return {create_component_logger(logger.get(), name), destroy_component_logger};
+}
+
+class clogger : public testing::Test {
+protected:
+    clogger() { (void)syslog_capture::take(); }
+
+    // Connected, and the record of it is gone.
+    void connect()
+    {
+        logger_connect(m_logger.get(), m_broker.endpoint().c_str());
+        ASSERT_EQ(m_broker.next_undated(), "&app:logger DATE Connected to socket");
+    }
+
+    broker m_broker;
+    logger_ptr m_logger = make_logger();
+    component_ptr m_main = make_component(m_logger);
+};
+
+TEST_F(clogger, says_that_it_starts)
+{
+    m_main.reset();
+    m_logger.reset();
+    m_logger = make_logger();
+    EXPECT_EQ(syslog_capture::take(),
+              (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_INFO, "Starting app"}}));
+    EXPECT_EQ(syslog_capture::mask(), 0x7F);
+}
+
+TEST_F(clogger, each_function_has_its_priority_and_reaches_both_sinks)
+{
+    connect();
+    (void)syslog_capture::take();
+    const struct {
+        void (*log)(tav_component_logger, const char*, ...);
+        int priority;
+    } cases[] = {{logger_info, LOG_INFO}, {logger_warning, LOG_WARNING}, {logger_error, LOG_ERR}};
+    for (const auto& c : cases) {
+        c.log(m_main.get(), "%s %d", "text", c.priority);
+        const std::string text = "text " + std::to_string(c.priority);
+        EXPECT_EQ(syslog_capture::take(),
+                  (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, c.priority, text}}));
+        EXPECT_EQ(m_broker.next_undated(), "&app:main DATE " + text);
+    }
+}
+
+TEST_F(clogger, debug_records_reach_the_broker_and_not_the_system_log)
+{
+    connect();
+    (void)syslog_capture::take();
+    logger_debug(m_main.get(), "%s", "hidden");
+    logger_debug_ts(m_main.get(), {0, 5}, "%s", "hidden, too");
+    EXPECT_EQ(m_broker.next_undated(), "&app:main DATE hidden");
+    EXPECT_EQ(m_broker.next(), "&app:main 1970-01-01 00:00:00.005 hidden, too");
+    EXPECT_THAT(syslog_capture::take_texts(), IsEmpty());
+}
+
+TEST_F(clogger, debugging_opens_the_system_log_to_debug_records_and_dates_its_lines)
+{
+    (void)syslog_capture::take();
+    m_logger->m_logger.set_debug(true);
+    EXPECT_EQ(syslog_capture::mask(), 0xFF);
+    logger_debug_ts(m_main.get(), {1714568822, 45}, "now %s", "seen");
+    EXPECT_EQ(syslog_capture::take(),
+              (std::vector<syslog_capture::line_t>{
+                  {"app", LOG_PERROR, LOG_USER, LOG_DEBUG, "2024-05-01 13:07:02.045 now seen"}}));
+
+    m_logger->m_logger.set_debug(false);
+    EXPECT_EQ(syslog_capture::mask(), 0x7F);
+    logger_debug(m_main.get(), "hidden again");
+    logger_info(m_main.get(), "without a date");
+    EXPECT_EQ(syslog_capture::take(),
+              (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_INFO, "without a date"}}));
+}
+
+TEST_F(clogger, percent_signs_in_a_message_stay_as_they_are)
+{
+    connect();
+    (void)syslog_capture::take();
+    for (const std::string text : {"%1%", "100%", "%", "%%", "%s%n", "%1$s %|2|"}) {
+        logger_error(m_main.get(), "%s", text.c_str());
+        EXPECT_EQ(m_broker.next_undated(), "&app:main DATE " + text);
+        EXPECT_THAT(syslog_capture::take_texts(), ElementsAre(text));
+    }
+    logger_error(m_main.get(), "100%%");
+    EXPECT_EQ(m_broker.next_undated(), "&app:main DATE 100%");
+}
+
+TEST_F(clogger, messages_have_no_length_limit)
+{
+    connect();
+    for (const size_t length : {0U, 1U, 255U, 1023U, 1024U, 1025U, 4096U, 65'536U, 1'000'000U}) {
+        const std::string text(length, 'x');
+        logger_info(m_main.get(), "%s", text.c_str());
+        EXPECT_TRUE(m_broker.next_undated() == "&app:main DATE " + text) << length << " characters";
+    }
+}
+
+TEST_F(clogger, an_argument_that_cannot_be_converted_leaves_an_empty_message)
+{
+    (void)syslog_capture::take();
+    const wchar_t not_in_this_locale[] = {0x263A, 0};
+    logger_info(m_main.get(), "%ls", not_in_this_locale);
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre(""));
+}
+
+TEST_F(clogger, the_prefix_keeps_a_padded_component_name)
+{
+    connect();
+    const component_ptr raw = make_component(m_logger, "raw      ");
+    logger_info(raw.get(), "00");
+    EXPECT_EQ(m_broker.next_undated(), "&app:raw       DATE 00"); // 7 blanks, the last one the prefix's
+}
+
+TEST_F(clogger, records_before_the_connect_are_lost_to_the_broker)
+{
+    logger_info(m_main.get(), "early");
+    connect();
+    logger_info(m_main.get(), "late");
+    EXPECT_EQ(m_broker.next_undated(), "&app:main DATE late");
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("early", "late"));
+}
+
+TEST_F(clogger, two_brokers_get_the_records_in_turn)
+{
+    broker second;
+    connect();
+    logger_connect(m_logger.get(), second.endpoint().c_str());
+    for (const char* text : {"one", "two", "three"})
+        logger_info(m_main.get(), "%s", text);
+    EXPECT_THAT((std::vector{m_broker.next_undated(), m_broker.next_undated(), second.next_undated(),
+                             second.next_undated()}),
+                testing::UnorderedElementsAre("&app:logger DATE Connected to socket", "&app:main DATE one",
+                                              "&app:main DATE two", "&app:main DATE three"));
+    EXPECT_TRUE(m_broker.is_empty());
+    EXPECT_TRUE(second.is_empty());
+}
+
+TEST_F(clogger, nothing_is_published_while_writing_to_the_socket_is_off)
+{
+    connect();
+    EXPECT_TRUE(m_logger->m_logger.is_writing_to_socket());
+    m_logger->m_logger.set_writing_to_socket(false);
+    (void)syslog_capture::take();
+    logger_error(m_main.get(), "to the system log alone");
+    m_logger->m_logger.set_writing_to_socket(true);
+    logger_error(m_main.get(), "to both");
+    EXPECT_EQ(m_broker.next_undated(), "&app:main DATE to both");
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("to the system log alone", "to both"));
+}
+
+TEST_F(clogger, a_bad_address_is_an_error_record_and_changes_nothing)
+{
+    const struct {
+        const char* address;
+        const char* then;
+    } cases[] = {
+        {"", "logger_connect: zmq_connect: 22, Invalid argument"},
+        {"nonsense", "logger_connect: zmq_connect: 22, Invalid argument"},
+        {"tcp://", "logger_connect: zmq_connect: 22, Invalid argument"},
+        {"nosuch://127.0.0.1:1", "logger_connect: zmq_connect: 93, Protocol not supported"},
+    };
+    (void)syslog_capture::take();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.address);
+        logger_connect(m_logger.get(), c.address);
+        EXPECT_EQ(syslog_capture::take(),
+                  (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_ERR, c.then}}));
+        EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
+    }
+    connect();
+}
+
+TEST_F(clogger, debug_records_are_wanted_while_somebody_hears_them)
+{
+    tav::libs::core::logger& sinks = m_logger->m_logger;
+    EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
+    sinks.set_debug(true);
+    EXPECT_TRUE(logger_debug_is_wanted(m_main.get()));
+    sinks.set_debug(false);
+    EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
+    connect();
+    EXPECT_TRUE(logger_debug_is_wanted(m_main.get()));
+    sinks.set_writing_to_socket(false);
+    EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
+    sinks.set_debug(true);
+    EXPECT_TRUE(logger_debug_is_wanted(m_main.get()));
+}
+
+TEST_F(clogger, a_debug_record_that_nobody_hears_costs_no_allocation)
+{
+    const std::string text(1000, 'x');
+    const size_t before = allocations_of_this_thread();
+    for (int i = 0; i < 1000; ++i) {
+        logger_debug(m_main.get(), "%s %d", text.c_str(), i);
+        logger_debug_ts(m_main.get(), {1, 2}, "%s %d", text.c_str(), i);
+    }
+    EXPECT_EQ(allocations_of_this_thread(), before);
+    logger_info(m_main.get(), "%s", text.c_str());
+    EXPECT_GT(allocations_of_this_thread(), before) << "the counter counts";
+}
+
+TEST_F(clogger, a_full_queue_drops_records_without_a_word_and_never_blocks)
+{
+    constexpr int queue_length = 1000; // the library's default
+    const std::string endpoint = broker().endpoint();
+    logger_connect(m_logger.get(), endpoint.c_str());
+    (void)syslog_capture::take();
+    for (int i = 1; i < 2 * queue_length; ++i) {
+        errno = ERANGE;
+        logger_info(m_main.get(), "%d", i);
+        ASSERT_EQ(errno, ERANGE) << "callers report the errno of what failed, not ours";
+    }
+    EXPECT_EQ(syslog_capture::take().size(), 2U * queue_length - 1);
+
+    broker late(endpoint);
+    EXPECT_EQ(late.next_undated(), "&app:logger DATE Connected to socket");
+    for (int i = 1; i < queue_length; ++i)
+        ASSERT_EQ(late.next_undated(), "&app:main DATE " + std::to_string(i));
+    logger_info(m_main.get(), "room again");
+    EXPECT_EQ(late.next_undated(), "&app:main DATE room again");
+}
+
+TEST_F(clogger, null_arguments_do_nothing)
+{
+    (void)syslog_capture::take();
+    logger_debug(nullptr, "%d", 1);
+    logger_debug_ts(nullptr, {0, 0}, "%d", 1);
+    logger_info(nullptr, "%d", 1);
+    logger_warning(nullptr, "%d", 1);
+    logger_error(nullptr, "%d", 1);
+    EXPECT_FALSE(logger_debug_is_wanted(nullptr));
+    logger_connect(nullptr, "tcp://127.0.0.1:1");
+    logger_connect(m_logger.get(), nullptr);
+    EXPECT_EQ(create_logger(nullptr), nullptr);
+    EXPECT_EQ(create_component_logger(nullptr, "main"), nullptr);
+    EXPECT_EQ(create_component_logger(m_logger.get(), nullptr), nullptr);
+    destroy_component_logger(nullptr);
+    destroy_logger(nullptr);
+    EXPECT_THAT(syslog_capture::take_texts(), IsEmpty());
+}
+
+TEST_F(clogger, the_identity_outlives_the_name_given)
+{
+    m_main.reset();
+    m_logger.reset();
+    auto name = std::make_unique<std::string>("an-application-with-a-name-on-the-heap");
+    const std::string identity = *name;
+    m_logger = make_logger(name->c_str());
+    name->assign(name->size(), '?');
+    name.reset();
+    m_main = make_component(m_logger);
+    (void)syslog_capture::take();
+    for (int i = 0; i < 10; ++i)
+        logger_info(m_main.get(), "%d", i);
+    for (const auto& line : syslog_capture::take())
+        EXPECT_EQ(line.identity, identity);
+}
+
+TEST_F(clogger, destroying_closes_the_system_log_and_delivers_the_last_records)
+{
+    connect();
+    for (int i = 0; i < 500; ++i)
+        logger_info(m_main.get(), "%d", i);
+    m_main.reset();
+    m_logger.reset();
+    EXPECT_FALSE(syslog_capture::is_open());
+    for (int i = 0; i < 500; ++i)
+        ASSERT_EQ(m_broker.next_undated(), "&app:main DATE " + std::to_string(i));
+    EXPECT_TRUE(m_broker.is_empty());
+}
+
+TEST_F(clogger, threads_log_at_once_and_records_stay_whole)
+{
+    constexpr int threads_number = 4;
+    constexpr int records_each = 200;
+    connect();
+    (void)syslog_capture::take();
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < threads_number; ++thread)
+        threads.emplace_back([this, thread] {
+            for (int i = 0; i < records_each; ++i)
+                (i % 2 == 0 ? logger_info : logger_debug)(m_main.get(), "thread %d record %d.", thread, i);
+        });
+    for (auto& thread : threads)
+        thread.join();
+    std::vector<int> next(threads_number, 0);
+    for (int i = 0; i < threads_number * records_each; ++i) {
+        const std::string record = m_broker.next_undated();
+        int thread = 0;
+        int number = 0;
+        char end = 0;
+        ASSERT_EQ(std::sscanf(record.c_str(), "&app:main DATE thread %d record %d%c", &thread, &number, &end),
+                  3)
+            << record;
+        EXPECT_EQ(end, '.');
+        EXPECT_EQ(number, next.at(static_cast<size_t>(thread))++) << "in the thread's own order";
+    }
+    EXPECT_EQ(syslog_capture::take().size(), threads_number * records_each / 2U);
+}
+
+} // namespace
