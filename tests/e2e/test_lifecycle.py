@@ -1,0 +1,241 @@
+"""Starting and stopping: options, configuration, readiness, pid file, exit statuses, the system log."""
+import copy
+import os
+import signal
+import socket
+import subprocess
+
+import pytest
+
+from harness.daemon import BINARY, SHIM, Daemon, environment, free_port
+from harness.peers import wait_until
+
+ERR, INFO = 3, 6
+REQUIRED = ["pidfile", "ports/win", "ports/discovery", "pub_sub_proxy/address", "pub_sub_proxy/port",
+            "pub_sub_proxy/input_port", "message_handler/address", "message_handler/port", "ports/terminal",
+            "firmware_files"]
+
+
+def run(tmp_path, *arguments):
+    """Runs the daemon to its end; gives its exit status and its system log as (priority, text)."""
+    log = tmp_path / "syslog.txt"
+    env = environment({"LD_PRELOAD": str(SHIM), "RTLS_SYSLOG_FILE": str(log)})
+    status = subprocess.run([str(BINARY), *arguments], env=env, stdin=subprocess.DEVNULL, capture_output=True,
+                            timeout=60).returncode
+    records = []
+    for line in log.read_text().split("\n"):
+        head, _, text = line.partition(" rtls-gateway: ")
+        records.append((int(head), text) if text else (None, line))
+    return status, records
+
+
+def texts(records, priority):
+    return [text for p, text in records if p == priority]
+
+
+def without(tree: dict, path: str) -> dict:
+    tree = copy.deepcopy(tree)
+    *sections, name = path.split("/")
+    place = tree
+    for section in sections:
+        place = place[section]
+    del place[name]
+    return tree
+
+
+def refused(start_gateway, tmp_path, change) -> list:
+    """Starts the daemon with a changed configuration, expects status 1 and returns its error texts."""
+    model = Daemon.__new__(Daemon)
+    model.ports = {n: free_port() for n in ("terminal", "win", "discovery", "proxy", "proxy_input", "handler", "broker")}
+    model.pid_file = tmp_path / "pid"
+    from harness.daemon import zpl
+    config = tmp_path / "gateway.conf"
+    config.write_text(zpl(change(model.default_config())) + "\n")
+    status, records = run(tmp_path, "-c", str(config))
+    assert status == 1
+    assert not model.pid_file.exists()
+    return texts(records, ERR)
+
+
+def test_without_options_the_configuration_is_missed(tmp_path):
+    status, records = run(tmp_path)
+    assert status == 1
+    start, missed = records[0], records[1]
+    assert start == (INFO, "Starting rtls-gateway"), "the logger announces itself first"
+    assert missed[0] == INFO and missed[1].startswith("Starting 8.6.3, ZMQ version 4.3.4, CZMQ version 4.2.1")
+    assert texts(records, ERR) == [f"The configuration file is not defined! Usage: {BINARY} -c config_file"]
+
+
+@pytest.mark.parametrize("arguments", [["-x"], ["-c"]])
+def test_a_wrong_option_shows_the_usage(tmp_path, arguments):
+    status, records = run(tmp_path, *arguments)
+    assert status == 1
+    assert (INFO, f"Usage: {BINARY} -c config_file") in records
+    assert texts(records, ERR) == []
+
+
+def test_a_missing_file_is_named_so(tmp_path):
+    status, records = run(tmp_path, "-c", str(tmp_path / "none.conf"))
+    assert status == 1 and texts(records, ERR) == ["Error opening configuration file!"]
+
+
+def test_the_last_configuration_counts(tmp_path):
+    empty = tmp_path / "empty.conf"
+    empty.write_text("")
+    status, records = run(tmp_path, "-c", str(tmp_path / "none.conf"), "-c", str(empty))
+    assert status == 1
+    assert texts(records, ERR) == ['Parameter "pidfile" is not found in the configuration file!']
+
+
+@pytest.mark.parametrize("path", REQUIRED)
+def test_each_required_key_is_missed_by_name_and_alone(start_gateway, tmp_path, path):
+    errors = refused(start_gateway, tmp_path, lambda tree: without(tree, path))
+    assert errors == [f'Parameter "{path}" is not found in the configuration file!']
+
+
+@pytest.mark.parametrize("value", ["0", "6", "65536"])
+def test_the_number_of_images_is_checked(start_gateway, tmp_path, value):
+    errors = refused(start_gateway, tmp_path, lambda tree: {**tree, "firmware_files": value})
+    assert errors == ['rtls_gateway_new: The parameter "firmware_files" has an incorrect value!']
+
+
+@pytest.mark.parametrize("value", ["1", "5", "65537"])
+def test_numbers_of_images_that_are_accepted(start_gateway, tmp_path, value):
+    start_gateway(config=None, debug=()).close()
+    model = start_gateway()
+    config = model.default_config()
+    config["firmware_files"] = value
+    config["ports"].update({"terminal": free_port(), "win": free_port(), "discovery": free_port()})
+    config["pidfile"] = tmp_path / "other.pid"
+    (tmp_path / "c.conf").write_text(__import__("harness.daemon", fromlist=["zpl"]).zpl(config) + "\n")
+    process = subprocess.Popen([str(BINARY), "-c", str(tmp_path / "c.conf")], env=environment(), stdin=subprocess.DEVNULL)
+    wait_until(lambda: (tmp_path / "other.pid").exists(), "the pid file")
+    process.terminate()
+    assert process.wait(30) == 0
+
+
+def test_debug_keys_are_optional_but_missed_aloud(start_gateway):
+    def config(daemon):
+        tree = daemon.default_config()
+        del tree["debug"]
+        return tree
+    first = start_gateway()
+    tree = config(first)
+    tree["ports"].update({"terminal": free_port(), "win": free_port(), "discovery": free_port()})
+    second = start_gateway(config={**tree, "pidfile": first.folder.parent / "daemon1" / "rtls-gateway.pid"},
+                           upstream=())
+    missed = [line for line in second.syslog() if "is not found in the configuration file!" in line]
+    assert missed == [f'3 rtls-gateway: Parameter "debug/{n}" is not found in the configuration file!' for n in
+                      ("raw", "parsing", "terminal", "win", "discovery", "develop", "ul_tdoa")]
+
+
+def test_the_pid_file_is_overwritten_from_its_start_and_stays(start_gateway, tmp_path):
+    folder = tmp_path / "daemon0"
+    original = Daemon.default_config
+
+    def prepared(self, debug=()):
+        self.pid_file.write_text("123456789012")
+        return original(self, debug)
+
+    Daemon.default_config = prepared
+    try:
+        daemon = start_gateway()
+    finally:
+        Daemon.default_config = original
+    pid = str(daemon.process.pid)
+    assert daemon.pid_file.read_text() == pid + "123456789012"[len(pid):]
+    assert daemon.stop() == 0
+    assert (folder / "rtls-gateway.pid").exists()
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT])
+def test_a_signal_ends_it_in_good_order(start_gateway, sig):
+    daemon = start_gateway()
+    bridge = daemon.bridge()
+    daemon.broker.wait_for("new win client")
+    daemon.interrupt(sig)
+    assert daemon.wait_exit() == 0
+    bridge.wait_closed()
+    syslog = daemon.syslog()
+    for text in ("win_loop Ending", "terminal actor_loop Ending", "Exiting"):
+        assert f"6 rtls-gateway: {text}" in syslog
+    assert syslog[-1] == "6 rtls-gateway: Exiting"
+
+
+def test_many_signals_are_no_worse_than_one(start_gateway):
+    daemon = start_gateway()
+    for _ in range(20):
+        daemon.interrupt(signal.SIGINT)
+        daemon.interrupt(signal.SIGTERM)
+    assert daemon.wait_exit() == 0
+
+
+def test_an_early_signal_leaves_no_pid_file(start_gateway):
+    for _ in range(5):
+        daemon = start_gateway(wait_ready=False)
+        wait_until(lambda: daemon.syslog(), "the first log line")
+        daemon.interrupt()
+        assert daemon.wait_exit() == 0
+        assert daemon.syslog()[-1] == "6 rtls-gateway: Exiting"
+
+
+def occupied(kind=socket.SOCK_STREAM):
+    sock = socket.socket(socket.AF_INET, kind)
+    sock.bind(("0.0.0.0", free_port()))
+    if kind == socket.SOCK_STREAM:
+        sock.listen()
+    return sock
+
+
+@pytest.mark.parametrize("port, function", [("win", "win_server_actor"), ("terminal", "terminal_server_actor")])
+def test_an_occupied_port_ends_the_daemon_with_status_0(start_gateway, port, function):
+    with occupied() as sock:
+        daemon = start_gateway(ports={port: sock.getsockname()[1]}, wait_ready=False)
+        assert daemon.wait_exit() == 0
+    assert any(f"3 rtls-gateway: {function}: zsock_bind: 98, Address already in use" in line for line in daemon.syslog())
+    assert not daemon.pid_file.exists()
+    assert daemon.syslog()[-1] == "6 rtls-gateway: Exiting"
+
+
+def test_an_occupied_discovery_port_ends_the_daemon(start_gateway):
+    with occupied(socket.SOCK_DGRAM) as sock:
+        daemon = start_gateway(ports={"discovery": sock.getsockname()[1]}, wait_ready=False)
+        assert daemon.wait_exit() == 0
+    assert any("udp_new_connection: bind: 98" in line for line in daemon.syslog())
+
+
+def test_without_a_broker_address_it_runs_and_says_so_twice(start_gateway, tmp_path):
+    model = start_gateway()
+    tree = without(model.default_config(), "debug_broker_address")
+    tree["ports"].update({"terminal": free_port(), "win": free_port(), "discovery": free_port()})
+    tree["pidfile"] = tmp_path / "daemon1" / "rtls-gateway.pid"
+    daemon = start_gateway(config=tree, upstream=())
+    errors = [line for line in daemon.syslog() if line.startswith("3 ")]
+    assert errors == [
+        '3 rtls-gateway: Parameter "debug_broker_address" is not found in the configuration file!',
+        "3 rtls-gateway: 'debug_broker_address' is not defined in the config file"]
+
+
+def test_debug_records_reach_the_broker_but_not_the_system_log(gateway):
+    gateway.bridge()
+    gateway.broker.wait_for("new win client")
+    assert gateway.broker.lines[0].startswith("&rtls-gateway:logger ")
+    assert gateway.broker.lines[0].endswith(" Connected to socket")
+    assert not any("new win client" in line for line in gateway.syslog())
+
+
+def test_it_raises_its_limit_of_descriptors(gateway):
+    limits = open(f"/proc/{gateway.process.pid}/limits").read()
+    line = next(li for li in limits.splitlines() if li.startswith("Max open files"))
+    soft, hard = line.split()[3:5]
+    assert soft == hard
+
+
+def test_only_main_takes_signals(gateway):
+    pid = gateway.process.pid
+    for task in os.listdir(f"/proc/{pid}/task"):
+        status = open(f"/proc/{pid}/task/{task}/status").read()
+        blocked = int(next(li for li in status.splitlines() if li.startswith("SigBlk")).split()[1], 16)
+        for sig in (signal.SIGINT, signal.SIGTERM):
+            if int(task) != pid:
+                assert blocked >> (sig - 1) & 1, f"thread {task} takes signal {sig}"
