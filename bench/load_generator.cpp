@@ -41,7 +41,7 @@ struct options_t {
     int pid = 0;
     size_t bridges = 50;
     double rate = 20000;
-    size_t window = 500;
+    size_t window = 300; // queues of 1,000 free up by halves: beyond 500 a report may be lost
     double seconds = 5;
     uint16_t payload_size = 24;
 };

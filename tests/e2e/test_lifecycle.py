@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from harness.daemon import BINARY, SHIM, Daemon, environment, free_port
+from harness.daemon import BINARY, SHIM, environment, free_port
 from harness.peers import wait_until
 
 ERR, INFO = 3, 6
@@ -43,18 +43,13 @@ def without(tree: dict, path: str) -> dict:
     return tree
 
 
-def refused(start_gateway, tmp_path, change) -> list:
-    """Starts the daemon with a changed configuration, expects status 1 and returns its error texts."""
-    model = Daemon.__new__(Daemon)
-    model.ports = {n: free_port() for n in ("terminal", "win", "discovery", "proxy", "proxy_input", "handler", "broker")}
-    model.pid_file = tmp_path / "pid"
-    from harness.daemon import zpl
-    config = tmp_path / "gateway.conf"
-    config.write_text(zpl(change(model.default_config())) + "\n")
-    status, records = run(tmp_path, "-c", str(config))
-    assert status == 1
-    assert not model.pid_file.exists()
-    return texts(records, ERR)
+def refused(start_gateway, change) -> list:
+    """Starts the daemon with a changed configuration, expects status 1 and gives its error texts."""
+    daemon = start_gateway(change=change, upstream=(), wait_ready=False)
+    daemon.expected_status = 1
+    assert daemon.wait_exit() == 1
+    assert not daemon.pid_file.exists()
+    return [line.split(": ", 1)[1] for line in daemon.syslog() if line.startswith(f"{ERR} ")]
 
 
 def test_without_options_the_configuration_is_missed(tmp_path):
@@ -88,64 +83,47 @@ def test_the_last_configuration_counts(tmp_path):
 
 
 @pytest.mark.parametrize("path", REQUIRED)
-def test_each_required_key_is_missed_by_name_and_alone(start_gateway, tmp_path, path):
-    errors = refused(start_gateway, tmp_path, lambda tree: without(tree, path))
+def test_each_required_key_is_missed_by_name_and_alone(start_gateway, path):
+    errors = refused(start_gateway, lambda tree: without(tree, path))
     assert errors == [f'Parameter "{path}" is not found in the configuration file!']
 
 
 @pytest.mark.parametrize("value", ["0", "6", "65536"])
-def test_the_number_of_images_is_checked(start_gateway, tmp_path, value):
-    errors = refused(start_gateway, tmp_path, lambda tree: {**tree, "firmware_files": value})
+def test_the_number_of_images_is_checked(start_gateway, value):
+    errors = refused(start_gateway, lambda tree: {**tree, "firmware_files": value})
     assert errors == ['rtls_gateway_new: The parameter "firmware_files" has an incorrect value!']
 
 
 @pytest.mark.parametrize("value", ["1", "5", "65537"])
-def test_numbers_of_images_that_are_accepted(start_gateway, tmp_path, value):
-    start_gateway(config=None, debug=()).close()
-    model = start_gateway()
-    config = model.default_config()
-    config["firmware_files"] = value
-    config["ports"].update({"terminal": free_port(), "win": free_port(), "discovery": free_port()})
-    config["pidfile"] = tmp_path / "other.pid"
-    (tmp_path / "c.conf").write_text(__import__("harness.daemon", fromlist=["zpl"]).zpl(config) + "\n")
-    process = subprocess.Popen([str(BINARY), "-c", str(tmp_path / "c.conf")], env=environment(), stdin=subprocess.DEVNULL)
-    wait_until(lambda: (tmp_path / "other.pid").exists(), "the pid file")
-    process.terminate()
-    assert process.wait(30) == 0
+def test_numbers_of_images_that_are_accepted(start_gateway, value):
+    daemon = start_gateway(change=lambda tree: {**tree, "firmware_files": value})
+    assert daemon.pid_file.exists()
 
 
 def test_debug_keys_are_optional_but_missed_aloud(start_gateway):
-    def config(daemon):
-        tree = daemon.default_config()
-        del tree["debug"]
-        return tree
-    first = start_gateway()
-    tree = config(first)
-    tree["ports"].update({"terminal": free_port(), "win": free_port(), "discovery": free_port()})
-    second = start_gateway(config={**tree, "pidfile": first.folder.parent / "daemon1" / "rtls-gateway.pid"},
-                           upstream=())
-    missed = [line for line in second.syslog() if "is not found in the configuration file!" in line]
+    daemon = start_gateway(change=lambda tree: {k: v for k, v in tree.items() if k != "debug"})
+    missed = [line for line in daemon.syslog() if line.startswith(f"{ERR} ")]
     assert missed == [f'3 rtls-gateway: Parameter "debug/{n}" is not found in the configuration file!' for n in
                       ("raw", "parsing", "terminal", "win", "discovery", "develop", "ul_tdoa")]
 
 
-def test_the_pid_file_is_overwritten_from_its_start_and_stays(start_gateway, tmp_path):
-    folder = tmp_path / "daemon0"
-    original = Daemon.default_config
+def test_an_unclear_debug_value_is_ignored_in_silence(start_gateway):
+    daemon = start_gateway(change=lambda tree: {**tree, "debug": {**tree["debug"], "win": "on", "raw": "yes please"}})
+    assert [line for line in daemon.syslog() if line.startswith(f"{ERR} ")] == []
+    listing = daemon.terminal().command("dbg", "ul_tdoa n\n")
+    assert "\twin n\n" in listing and "\traw y\n" in listing
 
-    def prepared(self, debug=()):
-        self.pid_file.write_text("123456789012")
-        return original(self, debug)
 
-    Daemon.default_config = prepared
-    try:
-        daemon = start_gateway()
-    finally:
-        Daemon.default_config = original
+def test_the_pid_file_is_overwritten_from_its_start_and_stays(start_gateway):
+    def prepare(tree):
+        tree["pidfile"].write_text("123456789012")
+        return tree
+
+    daemon = start_gateway(change=prepare)
     pid = str(daemon.process.pid)
     assert daemon.pid_file.read_text() == pid + "123456789012"[len(pid):]
     assert daemon.stop() == 0
-    assert (folder / "rtls-gateway.pid").exists()
+    assert daemon.pid_file.exists()
 
 
 @pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT])
@@ -204,14 +182,9 @@ def test_an_occupied_discovery_port_ends_the_daemon(start_gateway):
     assert any("udp_new_connection: bind: 98" in line for line in daemon.syslog())
 
 
-def test_without_a_broker_address_it_runs_and_says_so_twice(start_gateway, tmp_path):
-    model = start_gateway()
-    tree = without(model.default_config(), "debug_broker_address")
-    tree["ports"].update({"terminal": free_port(), "win": free_port(), "discovery": free_port()})
-    tree["pidfile"] = tmp_path / "daemon1" / "rtls-gateway.pid"
-    daemon = start_gateway(config=tree, upstream=())
-    errors = [line for line in daemon.syslog() if line.startswith("3 ")]
-    assert errors == [
+def test_without_a_broker_address_it_runs_and_says_so_twice(start_gateway):
+    daemon = start_gateway(change=lambda tree: without(tree, "debug_broker_address"), upstream=())
+    assert [line for line in daemon.syslog() if line.startswith(f"{ERR} ")] == [
         '3 rtls-gateway: Parameter "debug_broker_address" is not found in the configuration file!',
         "3 rtls-gateway: 'debug_broker_address' is not defined in the config file"]
 

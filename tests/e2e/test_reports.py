@@ -1,4 +1,5 @@
 """Reports from bridges: what reaches the message handler and the proxy input, and what is answered."""
+import itertools
 import re
 import struct
 import time
@@ -6,6 +7,7 @@ import time
 import pytest
 
 from harness import wire
+from harness.peers import wait_until
 
 NODE, NODE_IP = wire.mac(0x1A2B), wire.ip(0x1A2B)
 BRIDGE = wire.mac(0xB001)
@@ -45,7 +47,7 @@ def test_a_heartbeat_goes_to_the_handler_and_into_the_registry(gateway, bridge, 
     letter = "HB" if code == wire.HEARTBEAT else "NA"
     gateway.broker.wait_for(f"Change connection MAC-address from {letter} 0000000000000000 -> 02ab34cd5600B001")
     listing = gateway.terminal().command("pn", "##\n")
-    assert re.search(r"^01a2b|^01a2b|^0?1a2b", listing, re.M) or "01a2b fix 20 par:00c0d" in listing
+    assert "\n01a2b fix 20 par:00c0d sw:01020304 rgf:  5 ttl:" in listing
 
 
 @pytest.mark.parametrize("size", [62, 64])
@@ -208,8 +210,7 @@ def test_wrapped_lengths_read_nothing_beyond_the_frame(gateway, bridge):
             for sub in (10, 16, 40, 48):
                 frame = wire.payload_message(code, 1, struct.pack(">H", sub) + bytes(33), total_len=total_len)
                 bridge.send_message(frame)
-    assert bridge.barrier() == []
-    assert wire.ping(1) in [*([bridge.send_message(wire.ping(1))] and [bridge.receive()])]
+    assert bridge.barrier() == [], "nothing is answered, and the bridge is served on"
 
 
 def test_a_dead_handler_overflows_once_and_recovers(start_gateway):
@@ -218,21 +219,19 @@ def test_a_dead_handler_overflows_once_and_recovers(start_gateway):
     for i in range(1010):
         bridge.send_message(wire.root_announce(BRIDGE, (i + 1) % 256 or 1))
     bridge.barrier()
-    gateway.broker.wait_for("Overflow message handler queue!")
+    assert gateway.syslog().count("3 rtls-gateway: Overflow message handler queue!") == 1
     gateway.start_handler()
     assert gateway.handler.receive()[1][:2] == b"\x01\x03"
-    seq = iter(range(1, 10_000_000))
+    sequence = itertools.count(1)
 
     def exempted():
-        bridge.send_message(wire.root_announce(BRIDGE, next(seq) % 256))
+        bridge.send_message(wire.root_announce(BRIDGE, next(sequence) % 256))
         bridge.barrier()
-        return any("Exemption message handler queue!" in line for line in gateway.broker.collect())
+        return "3 rtls-gateway: Exemption message handler queue!" in gateway.syslog()
 
-    from harness.peers import wait_until
     wait_until(exempted, "the exemption")
-    texts = gateway.broker.texts("main")
-    assert texts.count("Overflow message handler queue!") == 1
-    assert texts.count("Exemption message handler queue!") == 1
+    assert gateway.syslog().count("3 rtls-gateway: Overflow message handler queue!") == 1
+    assert gateway.syslog().count("3 rtls-gateway: Exemption message handler queue!") == 1
 
 
 def test_a_dead_proxy_input_never_stalls_the_bridges(start_gateway):
@@ -242,5 +241,4 @@ def test_a_dead_proxy_input_never_stalls_the_bridges(start_gateway):
     for seq in range(1100):
         bridge.send_message(wire.generic_server_req(seq % 256, 40, bytes(26), NODE_IP))
     assert bridge.barrier() == []
-    gateway.broker.wait_for("Overflow proxy input queue!")
-    assert gateway.broker.texts("main").count("Overflow proxy input queue!") == 1
+    assert gateway.syslog().count("3 rtls-gateway: Overflow proxy input queue!") == 1

@@ -1,11 +1,12 @@
 """The WIN port: connecting, framing, RPL broadcasts, misbehaving peers."""
+import random
 import socket
 import struct
 
 import pytest
 
 from harness import wire
-from harness.peers import Bridge, wait_until
+from harness.peers import wait_until
 
 
 def test_a_bridge_is_greeted_and_named_in_the_debug_stream(gateway):
@@ -15,14 +16,15 @@ def test_a_bridge_is_greeted_and_named_in_the_debug_stream(gateway):
     assert f"IP 127.0.0.1:{bridge.port}" in line
     assert "&rtls-gateway:win       " in line, "section names are padded"
 
+    port = bridge.port
     bridge.close()
     line = gateway.broker.wait_for("Connection closed by peer")
-    assert f"IP:127.0.0.1:{bridge.port} MAC:00000000000:00000 ID:[00" in line
+    assert f"IP:127.0.0.1:{port} MAC:00000000000:00000 ID:[00" in line
 
 
 @pytest.mark.parametrize("given, stream, then", [
     ("empty frame", "F5 F7", []),
-    ("an escaped END inside", "F5 00 F6 F7 02 F7", ["00 F7 02"]),
+    ("an escaped END inside", "F5 00 00 F6 F7 02 F7", ["00 00 F7 02"]),
     ("START inside a frame", "F5 01 02 F5 00 00 03 F7", ["00 00 03"]),
     ("noise before START", "FF 00 F6 F7 F5 00 00 0A F7", ["00 00 0A"]),
     ("ESC first", "F5 F6 00 00 0B F7", ["00 00 0B"]),
@@ -33,8 +35,7 @@ def test_frames_are_found_however_they_are_cut(gateway, given, stream, then, cut
     data = bytes.fromhex(stream)
     for at in range(0, len(data), cut):
         bridge.send(data[at:at + cut])
-    expected = [bytes.fromhex(m) for m in then]
-    assert [m for m in bridge.barrier()] == [m for m in expected if m[:2] == b"\0\0"]
+    assert bridge.barrier() == [bytes.fromhex(m) for m in then], "pings that come back show what was found"
 
 
 def test_a_prefix_request_is_answered_to_every_bridge_at_most_once_a_second(gateway):
@@ -97,7 +98,6 @@ def test_a_thousand_silent_bridges_are_all_greeted(gateway):
 
 
 def test_garbage_of_every_kind_is_survived(gateway):
-    import random
     rng = random.Random(20240501)
     witness = gateway.bridge()
     bridge = gateway.bridge()
@@ -112,4 +112,4 @@ def test_garbage_of_every_kind_is_survived(gateway):
                                                          65531, 65532, 65533, 65534, 65535]))
         bridge.send_message(bytes(message))
     bridge.barrier()
-    assert witness.mac == bytes(8) and b"" not in [m for m in witness.barrier()]
+    assert all(m[:2] == b"\x02\x81" for m in witness.barrier()), "only broadcasts reach the others"

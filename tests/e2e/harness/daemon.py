@@ -58,7 +58,8 @@ class Daemon:
     """One daemon and its surroundings. The upstream peers exist before it starts unless told otherwise."""
 
     def __init__(self, folder: pathlib.Path, *, upstream=("broker", "handler", "proxy", "proxy_input"), debug=(),
-                 ports=None, config=None, wait_ready: bool = True, env=None):
+                 ports=None, change=None, wait_ready: bool = True, env=None):
+        """`change`: gets the default configuration as a tree, and returns the one to start with."""
         self.folder = folder
         self.context = zmq.Context()
         self.ports = {name: free_port() for name in
@@ -67,14 +68,15 @@ class Daemon:
         self.pid_file = folder / "rtls-gateway.pid"
         self.syslog_file = folder / "syslog.txt"
         self.config_file = folder / "rtls-gateway.conf"
-        self.config = config or self.default_config(debug)
-        self.config_file.write_text(self.config if isinstance(self.config, str) else zpl(self.config) + "\n")
+        config = self.default_config(debug)
+        self.config_file.write_text(zpl(change(config) if change else config) + "\n")
         self.handler = self.proxy = self.proxy_input = self.broker = None
         for name in upstream:
             getattr(self, "start_" + name)()
         self.env = environment({"LD_PRELOAD": str(SHIM), "RTLS_SYSLOG_FILE": str(self.syslog_file), **(env or {})})
         self.output = open(folder / "output.txt", "wb")
         self.process = None
+        self.expected_status = 0
         self._bridges = []
         self.start(wait_ready)
 
@@ -145,6 +147,12 @@ class Daemon:
     def wait_exit(self, deadline: float = 30) -> int:
         return self.process.wait(deadline)
 
+    def restart(self):
+        """Stops the daemon, and starts it again with the same configuration."""
+        self.stop()
+        self.pid_file.unlink()
+        self.start()
+
     def stop(self) -> int:
         """Ends the daemon as an operator does, and checks that it left in good order."""
         if self.process.poll() is None:
@@ -169,4 +177,4 @@ class Daemon:
                 if peer:
                     peer.close()
             self.context.term()
-        assert status == 0, f"exit status {status}: {self.text_of_output()}"
+        assert status == self.expected_status, f"exit status {status}: {self.text_of_output()}"
