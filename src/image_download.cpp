@@ -2,9 +2,9 @@
 
 #include "common.h"
 #include "logger.h"
+#include "signals.h"
 
 #include <curl/curl.h>
-#include <czmq.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -120,16 +120,10 @@ static size_t writeMemoryCallback(char* contents, size_t csize, size_t nmemb, vo
     return receiver->take_body({reinterpret_cast<const uint8_t*>(contents), length}) ? length : 0;
 }
 
-// CZMQ's flag is a plain volatile that other threads set.
-static bool daemon_stops()
-{
-    return __atomic_load_n(&zsys_interrupted, __ATOMIC_RELAXED) != 0;
-}
-
 // Not zero ends the transfer: a daemon that stops waits for no download.
 static int abort_when_interrupted(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept
 {
-    return daemon_stops() ? 1 : 0;
+    return is_stop_requested() ? 1 : 0;
 }
 
 static CURLcode set_options(CURL* curl, const char* url, image_receiver& receiver, milliseconds timeout)
@@ -189,7 +183,7 @@ static CURLcode wait_for_turn(std::unique_lock<std::timed_mutex>& turn, millisec
 {
     const auto deadline = steady_clock::now() + timeout;
     while (!turn.try_lock_until(std::min(deadline, steady_clock::now() + turn_check_interval))) {
-        if (daemon_stops())
+        if (is_stop_requested())
             return CURLE_ABORTED_BY_CALLBACK;
         if (steady_clock::now() >= deadline)
             return CURLE_OPERATION_TIMEDOUT;

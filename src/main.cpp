@@ -73,7 +73,7 @@ static bool serve(const char* config_file)
         return false;
     connect_debug_broker(gateway);
     if (rtls_gateway_run(gateway))
-        while (!zsys_interrupted)
+        while (!is_stop_requested())
             sleep_open_to_stop_signals(idle_step_ms);
     rtls_gateway_destroy(&gateway);
     return true;

@@ -186,7 +186,7 @@ static int handle_dbg_message(zloop_t* /*loop*/, zsock_t* reader, void* p_server
 // The end of this actor is the end of the daemon: the main thread watches the interrupt flag.
 static void destroy_actor_context(TERMINAL_SERVER_t* server) noexcept
 {
-    zsys_interrupted = 1;
+    request_stop();
     zloop_destroy(&server->actor_loop);
     zsock_destroy(&server->terminal_sock);
     zsock_destroy(&server->dbg_server_sock);
@@ -265,7 +265,7 @@ static void terminal_server_actor(zsock_t* pipe, void* p_terminal_server) noexce
         zsock_signal(pipe, 0); // also on failure: the creator waits for it
     if (!pipe || !p_terminal_server) {
         logger_error(g_logger, str_null_pointer, __func__);
-        zsys_interrupted = 1;
+        request_stop();
         return;
     }
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);

@@ -154,7 +154,7 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (!pipe || !server) {
         logger_error(g_logger, str_null_pointer, __func__);
-        zsys_interrupted = 1;
+        request_stop();
         if (pipe)
             zsock_signal(pipe, 0); // whoever destroys the actor waits for this
         return;
@@ -163,7 +163,7 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
     server->dbg_client_sock = zsock_new(ZMQ_PUSH);
     if (!server->dbg_client_sock) {
         log_call_error(__func__, "zsock_new");
-        zsys_interrupted = 1;
+        request_stop();
         return;
     }
     if (prepare(*server, pipe)) {
@@ -176,7 +176,7 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
 
 void destroy_actor_context(WIN_SERVER_t* server)
 {
-    zsys_interrupted = 1; // without the WIN server the gateway is of no use
+    request_stop(); // without the WIN server the gateway is of no use
     if (!server) {
         logger_error(g_logger, str_null_pointer, __func__);
         return;

@@ -7,6 +7,7 @@
 #include "logger.h"
 #include "nodes_container.h"
 #include "rtls-gateway.h"
+#include "signals.h"
 
 #include <new>
 #include <vector>
@@ -132,7 +133,7 @@ int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server) noexcept
     if (!server->proxy_is_silent)
         server->proxy_is_silent = true; // every message from the proxy clears it
     else if (!reconnect_proxy(*server))
-        zsys_interrupted = 1;
+        request_stop();
     return 0;
 }
 
