@@ -1,0 +1,57 @@
+// bridge_link - the TCP connection of one bridge to the gateway's WIN port, which frames and unframes.
+//
+// Never blocks. The owner polls fd() and calls on_ready; it decides when to connect again.
+#pragma once
+
+#include "wire.h"
+
+#include <netinet/in.h>
+
+#include <functional>
+
+namespace sim {
+
+class bridge_link {
+public:
+    enum class state { down, connecting, waiting, up }; // waiting: for the gateway's greeting
+
+    bridge_link() = default;
+    ~bridge_link() { close(); }
+    bridge_link(const bridge_link&) = delete;
+    bridge_link& operator=(const bridge_link&) = delete;
+
+    // Starts to connect; false (and down) when that fails at once.
+    bool connect(const sockaddr_in& gateway);
+    void close();
+
+    state now() const { return state_; }
+    int fd() const { return fd_; }
+    // Whether the owner should poll for writing, too.
+    bool wants_write() const { return state_ == state::connecting || sent_ < out_.size(); }
+    size_t unsent() const { return out_.size() - sent_; }
+
+    // Frames a message and queues it.
+    void queue(view message);
+    // Writes what the socket takes. False when the connection is gone.
+    bool flush();
+    // Handles readiness: goes on connecting, writes, reads, and calls `received` with each message. False
+    // when the connection is gone.
+    bool on_ready(bool readable, bool writable, const std::function<void(view)>& received);
+
+    uint64_t bytes_sent() const { return bytes_sent_; }
+
+private:
+    bool finish_connecting();
+    bool read(const std::function<void(view)>& received);
+    view strip_greeting(view data);
+
+    int fd_ = -1;
+    state state_ = state::down;
+    size_t greeted_ = 0; // bytes of the greeting seen
+    bytes out_;
+    size_t sent_ = 0;
+    deframer in_;
+    uint64_t bytes_sent_ = 0;
+};
+
+} // namespace sim

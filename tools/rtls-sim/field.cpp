@@ -1,0 +1,288 @@
+#include "field.h"
+
+#include "discovery.h"
+
+#include <fmt/format.h>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <system_error>
+
+namespace sim {
+
+using namespace std::chrono_literals;
+
+// As many bridges connect at the same time; more would overrun the listen queue of a gateway that has not
+// had it raised.
+static constexpr unsigned most_connecting = 64;
+static constexpr auto connect_again_after = 1s;
+static constexpr auto greeting_timeout = 5s;
+static constexpr auto prefix_timeout = 3s;
+static constexpr auto tend_interval = 50ms;
+
+field::field(const field_options& options, tracker& tracker, console& out)
+    : options_(options), tracker_(tracker), out_(out),
+      maker_(options.seed, static_cast<uint32_t>(realtime_ns() >> 20))
+{
+    open_poll();
+    build_bridges();
+}
+
+field::~field()
+{
+    bridges_.clear();
+    close(wake_);
+    close(poll_);
+}
+
+void field::open_poll()
+{
+    poll_ = epoll_create1(EPOLL_CLOEXEC);
+    wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.ptr = nullptr;
+    if (poll_ < 0 || wake_ < 0 || epoll_ctl(poll_, EPOLL_CTL_ADD, wake_, &event) != 0)
+        throw std::system_error{errno, std::generic_category(), "epoll"};
+}
+
+void field::build_bridges()
+{
+    for (unsigned number = 1; number <= options_.bridges; ++number) {
+        auto b = std::make_unique<bridge>();
+        b->number = number;
+        b->self = make_device(number, 0, 0, maker_.random());
+        for (unsigned node = 1; node <= options_.nodes; ++node)
+            b->nodes.push_back(make_device(number, node, options_.forwarded_percent, maker_.random()));
+        bridges_.push_back(std::move(b));
+    }
+    // Bridges take turns, so that no connection gets a burst.
+    for (unsigned node = 0; node <= options_.nodes; ++node)
+        for (const auto& b : bridges_)
+            devices_.push_back(node == 0 ? &b->self : &b->nodes[node - 1]);
+    for (device* d : devices_)
+        by_ip_.emplace(hex(d->ip), d);
+}
+
+void field::wake() const
+{
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(wake_, &one, sizeof one);
+}
+
+void field::post(std::function<void()> job)
+{
+    {
+        const std::scoped_lock lock{jobs_mutex_};
+        jobs_.push_back(std::move(job));
+    }
+    wake();
+}
+
+void field::run_jobs()
+{
+    std::vector<std::function<void()>> jobs;
+    {
+        const std::scoped_lock lock{jobs_mutex_};
+        jobs.swap(jobs_);
+    }
+    for (const auto& job : jobs)
+        job();
+}
+
+void field::run(const std::stop_token& stop)
+{
+    const std::stop_callback wake_up{stop, [this] { wake(); }};
+    counted_at_ = steady::now();
+    while (!stop.stop_requested()) {
+        handle_events(wait_time_ms());
+        run_jobs();
+        tend_bridges();
+        introduce_nodes();
+        tend_fetches();
+        make_due_reports();
+        flush_links();
+    }
+}
+
+// Until the next report is due; not longer than the bridges may go untended.
+int field::wait_time_ms() const
+{
+    const auto longest = static_cast<double>(std::chrono::milliseconds{tend_interval}.count());
+    if (!to_introduce_.empty())
+        return 1;
+    if (!reports_flow_ || introduced_ == 0 || options_.rate <= 0)
+        return static_cast<int>(longest);
+    return static_cast<int>(std::clamp((1 - due_) * 1000 / options_.rate, 1.0, longest));
+}
+
+void field::handle_events(int timeout_ms)
+{
+    std::array<epoll_event, 256> events{};
+    const int count = epoll_wait(poll_, events.data(), static_cast<int>(events.size()), timeout_ms);
+    for (int i = 0; i < count; ++i) {
+        auto* b = static_cast<bridge*>(events[static_cast<size_t>(i)].data.ptr);
+        if (b == nullptr) {
+            uint64_t drained = 0;
+            [[maybe_unused]] const ssize_t got = read(wake_, &drained, sizeof drained);
+            continue;
+        }
+        const uint32_t what = events[static_cast<size_t>(i)].events;
+        const bool failed = (what & (EPOLLERR | EPOLLHUP)) != 0;
+        const bool was_up = b->link.now() == bridge_link::state::up;
+        const bool alive = b->link.on_ready((what & EPOLLIN) != 0 || failed, (what & EPOLLOUT) != 0,
+                                            [&](view message) { received(*b, message); });
+        if (!alive)
+            disconnect(*b, was_up ? "connection closed by the gateway" : "the gateway does not answer");
+        else if (b->link.now() == bridge_link::state::up && !b->asked)
+            ask_prefix(*b);
+        watch(*b);
+    }
+}
+
+// Keeps the events that are polled for in step with what the link needs.
+void field::watch(bridge& b)
+{
+    const uint32_t wanted =
+        b.link.fd() < 0 ? 0
+                        : (EPOLLIN | (b.link.wants_write() ? EPOLLOUT : 0U)); // closing removes a descriptor
+    if (wanted == b.watched)
+        return;
+    epoll_event event{};
+    event.events = wanted;
+    event.data.ptr = &b;
+    if (b.link.fd() >= 0)
+        epoll_ctl(poll_, b.watched == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, b.link.fd(), &event);
+    b.watched = wanted;
+}
+
+void field::tend_bridges()
+{
+    const auto now = steady::now();
+    if (now - tended_at_ < tend_interval)
+        return;
+    tended_at_ = now;
+    for (const auto& b : bridges_)
+        tend_bridge(*b, now);
+}
+
+void field::tend_bridge(bridge& b, steady::time_point now)
+{
+    switch (b.link.now()) {
+    case bridge_link::state::down:
+        if (may_connect_ && now >= b.connect_at && std::ranges::count_if(bridges_, [](const auto& other) {
+                                                       const auto state = other->link.now();
+                                                       return state == bridge_link::state::connecting ||
+                                                              state == bridge_link::state::waiting;
+                                                   }) < most_connecting)
+            connect(b);
+        break;
+    case bridge_link::state::connecting:
+    case bridge_link::state::waiting:
+        if (now >= b.give_up_at)
+            disconnect(b, "no greeting from the gateway");
+        break;
+    case bridge_link::state::up:
+        if (!b.joined && now >= b.give_up_at)
+            ask_prefix(b);
+        else if (b.joined && now >= b.next_heartbeat)
+            send_kind(kind::heartbeat, b.self);
+    }
+}
+
+void field::connect(bridge& b)
+{
+    const auto now = steady::now();
+    if (!gateway_known_ && now >= discover_at_) {
+        const auto asked = resolve(options_.discover ? options_.discovery_address : options_.host,
+                                   options_.discover ? options_.discovery_port : options_.win_port);
+        const auto found =
+            asked && options_.discover ? discover_gateway(*asked, b.self.signs.mac, 500ms) : asked;
+        discover_at_ = now + 1s;
+        if (found && options_.discover)
+            out_.notice(fmt::format("discovered the gateway at {}", endpoint_text(*found)));
+        else if (!found)
+            out_.notice(options_.discover ? "no answer to the discovery request" : "unknown gateway host");
+        if (found) {
+            gateway_ = *found;
+            gateway_known_ = true;
+        }
+    }
+    b.connect_at = now + connect_again_after;
+    b.give_up_at = now + greeting_timeout;
+    if (gateway_known_ && b.link.connect(gateway_))
+        watch(b);
+}
+
+void field::disconnect(bridge& b, const char* why)
+{
+    out_.notice(fmt::format("bridge {}: {}", short_mac(b.self.signs.mac), why));
+    b.link.close();
+    b.watched = 0;
+    b.asked = false;
+    b.acks.clear();
+    b.pings.clear();
+    b.connect_at = steady::now() + connect_again_after;
+    if (!b.joined)
+        return;
+    b.joined = false;
+    --joined_;
+    const auto forget = [this](device& d) {
+        if (d.introduced)
+            --introduced_;
+        d.introduced = false;
+    };
+    std::ranges::for_each(b.nodes, forget);
+    b.self.introduced = false;
+    std::erase_if(to_introduce_, [&](const device* d) { return d->bridge == b.number; });
+    if (options_.discover)
+        gateway_known_ = false; // it may come back elsewhere
+}
+
+void field::ask_prefix(bridge& b)
+{
+    b.asked = true;
+    b.give_up_at = steady::now() + prefix_timeout;
+    send(b.self, make_prefix_request(b.self.signs.mac, b.self.next_seq()), b, false, false);
+}
+
+// The gateway tells all bridges the prefix whenever one of them asks.
+void field::join(bridge& b, const downlink_t& message)
+{
+    if (!b.asked)
+        ask_prefix(b);
+    b.prefix = static_cast<uint16_t>(message.payload[0] | message.payload[1] << 8);
+    b.version = message.payload[2];
+    if (b.joined)
+        return;
+    b.joined = true;
+    ++joined_;
+    b.self.introduced = true;
+    send_kind(kind::root_announce, b.self);
+    send_kind(kind::heartbeat, b.self);
+    for (device& d : b.nodes)
+        to_introduce_.push_back(&d);
+}
+
+bool field::is_complete() const
+{
+    return joined_ == options_.bridges && introduced_ == options_.bridges * options_.nodes;
+}
+
+void field::list_devices()
+{
+    post([this] {
+        for (const device* d : devices_)
+            out_.notice(fmt::format("{} {:<11} bridge {:<3} {:<9} seq {:3} sw {:08X} xyz {},{},{} {}",
+                                    short_mac(d->signs.mac), role_name(d->signs.role & 0x0F), d->bridge,
+                                    d->forwarded ? "forwarded" : "direct", d->seq, d->signs.sw_version,
+                                    d->signs.x, d->signs.y, d->signs.z, ip_text(d->ip)));
+    });
+}
+
+} // namespace sim

@@ -1,0 +1,176 @@
+// field - the simulated radio network: bridges connected to the gateway, and the nodes behind them.
+//
+// Threads  run() is the field's own thread: one epoll loop over all bridges. The operations marked so may
+//          be called from others; everything else belongs to that thread.
+#pragma once
+
+#include "bridge_link.h"
+#include "console.h"
+#include "device.h"
+#include "downlink.h"
+#include "ota_fetch.h"
+#include "tracker.h"
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stop_token>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace sim {
+
+struct field_options {
+    std::string host = "127.0.0.1";
+    uint16_t win_port = 4001;
+    bool discover = false; // ask for the gateway's address instead
+    std::string discovery_address = "127.0.0.1";
+    uint16_t discovery_port = 4002;
+    unsigned bridges = 2;
+    unsigned nodes = 8; // behind each bridge
+    double rate = 5;    // reports per second, all together
+    uint64_t seed = 1;
+    unsigned forwarded_percent = 50;
+    unsigned timestamp_percent = 30; // sent with a time of their own
+    unsigned ack_percent = 20;       // that ask for an acknowledgement
+    uint16_t ota_page_size = 512;
+    bytes ota_image; // compared with what nodes fetch, when it has the same CRC
+};
+
+struct field_state {
+    unsigned bridges_joined = 0;
+    unsigned nodes_introduced = 0;
+};
+
+class field {
+public:
+    field(const field_options& options, tracker& tracker, console& out);
+    ~field();
+    field(const field&) = delete;
+    field& operator=(const field&) = delete;
+
+    void run(const std::stop_token& stop);
+
+    // From any thread:
+    // Bridges connect from now on: before, the servers may not be there to receive what they report.
+    void let_bridges_connect() { may_connect_ = true; }
+    // Reports flow (or not), once a bridge has joined and introduced its nodes.
+    void let_reports_flow(bool flow) { reports_flow_ = flow; }
+    // Every bridge has joined and every node was introduced.
+    bool is_complete() const;
+    field_state state() const { return {joined_.load(), introduced_.load()}; }
+    uint64_t reports_made() const { return made_.load(); }
+    // A node starts to fetch an image. Answered on the console.
+    void start_ota(const mac_t& node, const ota_order& order, uint16_t page_size);
+    // One line per device, on the console.
+    void list_devices();
+    // Reports whether any OTA fetch is under way, and how many ended well or badly.
+    struct ota_counts {
+        unsigned running = 0;
+        unsigned succeeded = 0;
+        unsigned failed = 0;
+    };
+    ota_counts ota() const { return {ota_running_.load(), ota_succeeded_.load(), ota_failed_.load()}; }
+
+private:
+    struct bridge {
+        unsigned number = 0;
+        device self;
+        std::vector<device> nodes;
+        bridge_link link;
+        uint32_t watched = 0; // epoll events asked for
+        bool asked = false;   // for the RPL prefix
+        bool joined = false;  // has been told it
+        uint16_t prefix = 0;
+        uint8_t version = 0;
+        steady::time_point connect_at{};     // next attempt
+        steady::time_point give_up_at{};     // greeting, prefix: not for ever
+        steady::time_point next_heartbeat{}; // keeps the connection wanted
+        std::unordered_multimap<std::string, steady::time_point>
+            acks;                                                  // awaited, by sequence number and address
+        std::unordered_map<std::string, steady::time_point> pings; // awaited, by frame
+    };
+    struct fetch {
+        ota_fetch state;
+        size_t told = 0; // pages, at the last progress line
+    };
+
+    void open_poll();
+    void build_bridges();
+    void wake() const;
+    void post(std::function<void()> job);
+    void run_jobs();
+    int wait_time_ms() const;
+    void handle_events(int timeout_ms);
+
+    void tend_bridges();
+    void tend_bridge(bridge& b, steady::time_point now);
+    void connect(bridge& b);
+    void disconnect(bridge& b, const char* why);
+    void watch(bridge& b);
+    void ask_prefix(bridge& b);
+    void join(bridge& b, const downlink_t& message);
+
+    void introduce_nodes();
+    void introduce(device& d);
+    void make_due_reports();
+    bool make_report();
+    bool is_ready(const device& d) const;
+    void send_kind(kind k, device& d);
+    void send_ping(bridge& b);
+    void send(device& d, const uplink_t& message, bridge& via, bool foreign, bool optional);
+    void queue(bridge& b, view message);
+    void flush_links();
+
+    void received(bridge& b, view message);
+    void received_ack(bridge& b, const downlink_t& message);
+    void received_echo(bridge& b, view message);
+    void received_command(bridge& b, const downlink_t& message);
+    void obey_generic(device& d, view payload);
+    void obey_config(device& d, const downlink_t& message);
+    void restart(device& d, const char* why);
+    void tend_fetches();
+    void begin_fetch(device& d, const ota_order& order, uint16_t page_size);
+    void end_fetch(device& d, const fetch& ended);
+    device* find(const mac_t& mac);
+    device* addressed(const downlink_t& message);
+    bridge& bridge_of(const device& d) { return *bridges_[d.bridge - 1]; }
+
+    field_options options_;
+    tracker& tracker_;
+    console& out_;
+    report_maker maker_;
+    sockaddr_in gateway_{};
+    bool gateway_known_ = false;
+    steady::time_point discover_at_{};
+    int poll_ = -1;
+    int wake_ = -1;
+    std::vector<std::unique_ptr<bridge>> bridges_;
+    std::vector<bridge*> to_flush_; // have something to write since the last turn
+    std::vector<device*> devices_;  // all, bridges included, in the order in which they report
+    std::unordered_map<std::string, device*> by_ip_;
+    size_t next_device_ = 0;
+    std::deque<device*> to_introduce_;
+    std::unordered_map<device*, fetch> fetches_;
+    std::unordered_map<device*, uint32_t> fetched_; // git ids of complete images, to be applied
+    double due_ = 0;                                // reports, in fractions
+    steady::time_point counted_at_{};
+    steady::time_point introduced_at_{};
+    steady::time_point tended_at_{};
+
+    std::mutex jobs_mutex_;
+    std::vector<std::function<void()>> jobs_;
+    std::atomic<bool> may_connect_{false};
+    std::atomic<bool> reports_flow_{false};
+    std::atomic<unsigned> joined_{0};
+    std::atomic<unsigned> introduced_{0};
+    std::atomic<uint64_t> made_{0};
+    std::atomic<unsigned> ota_running_{0};
+    std::atomic<unsigned> ota_succeeded_{0};
+    std::atomic<unsigned> ota_failed_{0};
+};
+
+} // namespace sim

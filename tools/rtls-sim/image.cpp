@@ -1,0 +1,149 @@
+#include "image.h"
+
+#include <fmt/format.h>
+#include <httplib.h>
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+#include <thread>
+
+namespace sim {
+
+// Both tags are searched with the zero byte that ends them.
+static constexpr char board_tag[] = "@BoardVer";
+static constexpr char firmware_tag[] = "@Firmware";
+static constexpr size_t tag_size = sizeof board_tag;
+static_assert(sizeof firmware_tag == tag_size && tag_size == 10);
+
+static constexpr size_t board_tag_at = 40; // anywhere will do; not aligned, as in a linked image
+static constexpr size_t firmware_tag_at = 77;
+
+static view tag_bytes(const char* tag)
+{
+    return {reinterpret_cast<const uint8_t*>(tag), tag_size};
+}
+
+static void put(bytes& image, size_t at, view data)
+{
+    std::ranges::copy(data, image.begin() + static_cast<ptrdiff_t>(at));
+}
+
+bytes make_image(const image_traits& traits)
+{
+    std::mt19937_64 random{traits.seed};
+    bytes image(std::max(traits.size, smallest_image));
+    for (uint8_t& byte : image) {
+        byte = static_cast<uint8_t>(random());
+        if (byte == '@')
+            byte = 0; // no tag by chance
+    }
+    put(image, board_tag_at,
+        writer{}.raw(tag_bytes(board_tag)).u8(traits.board_version).u8(traits.board_revision).take());
+    put(image, firmware_tag_at,
+        writer{}
+            .raw(tag_bytes(firmware_tag))
+            .be32(traits.git_id)
+            .be16(traits.page_size)
+            .be16(traits.maximum_pages)
+            .take());
+    return image;
+}
+
+// Reads what follows a tag.
+static std::optional<reader> after_tag(view image, const char* tag)
+{
+    const auto found = std::ranges::search(image, tag_bytes(tag));
+    if (found.empty())
+        return std::nullopt;
+    return reader{image.subspan(static_cast<size_t>(found.end() - image.begin()))};
+}
+
+std::optional<image_traits> read_traits(view image)
+{
+    auto board = after_tag(image, board_tag);
+    auto firmware = after_tag(image, firmware_tag);
+    if (!board || !firmware)
+        return std::nullopt;
+    image_traits traits;
+    traits.size = image.size();
+    traits.board_version = board->u8();
+    traits.board_revision = board->u8();
+    traits.git_id = firmware->be32();
+    traits.page_size = firmware->be16();
+    traits.maximum_pages = firmware->be16();
+    if (board->failed() || firmware->failed())
+        return std::nullopt;
+    return traits;
+}
+
+std::string image_name(uint32_t git_id)
+{
+    return fmt::format("obn-node.{:08X}.bin", git_id);
+}
+
+std::optional<bytes> read_file(const std::filesystem::path& path)
+{
+    std::ifstream in{path, std::ios::binary};
+    if (!in)
+        return std::nullopt;
+    return bytes{std::istreambuf_iterator<char>{in}, {}};
+}
+
+bool write_file(const std::filesystem::path& path, view data)
+{
+    std::ofstream out{path, std::ios::binary | std::ios::trunc};
+    out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+    return out.flush().good();
+}
+
+struct image_server::state {
+    httplib::Server server;
+    std::thread thread;
+    uint16_t port = 0;
+};
+
+image_server::image_server(const std::string& address, uint16_t port, const std::filesystem::path& directory,
+                           std::function<void(const std::string&)> served)
+    : state_(std::make_unique<state>())
+{
+    httplib::Server& server = state_->server;
+    if (!server.set_mount_point("/", directory.string()))
+        return;
+    server.set_logger(
+        [served = std::move(served)](const httplib::Request& request, const httplib::Response& answer) {
+            served(fmt::format("image server: {} {} for {}: {}, {} bytes", request.method, request.path,
+                               request.remote_addr, answer.status, answer.body.size()));
+        });
+    if (port == 0) {
+        const int bound = server.bind_to_any_port(address);
+        state_->port = bound > 0 ? static_cast<uint16_t>(bound) : uint16_t{0};
+    } else if (server.bind_to_port(address, port)) {
+        state_->port = port;
+    }
+    if (state_->port != 0)
+        state_->thread = std::thread{[&server] { server.listen_after_bind(); }};
+}
+
+image_server::~image_server()
+{
+    if (!state_->thread.joinable())
+        return;
+    // stop() before the thread has begun to listen would be forgotten.
+    while (!state_->server.is_running())
+        std::this_thread::yield();
+    state_->server.stop();
+    state_->thread.join();
+}
+
+bool image_server::is_up() const
+{
+    return state_->thread.joinable();
+}
+
+uint16_t image_server::port() const
+{
+    return state_->port;
+}
+
+} // namespace sim

@@ -1,0 +1,30 @@
+// network - runs the simulated field, the simulated servers, or both, until told to stop.
+#pragma once
+
+#include "field.h"
+#include "gateway_config.h"
+#include "servers.h"
+
+#include <string>
+
+namespace sim {
+
+struct network_options {
+    bool with_field = true;
+    bool with_servers = true;
+    field_options field;
+    servers_options servers;
+    console_options console;
+    double duration = 0;  // seconds of reports; 0: until interrupted
+    bool check = false;   // exit with 0 only if everything arrived, once and right
+    double deadline = 15; // seconds to wait: for the gateway, and for what is under way in the end
+    std::string ota;      // image that a node is to fetch, as GITID:CRC:SIZE[:PAGESIZE]
+    std::string ota_node = "0101";
+    std::string images; // directory to serve over HTTP; empty: none
+    uint16_t http_port = 8080;
+};
+
+// Returns the exit status.
+int run_network(const network_options& options);
+
+} // namespace sim

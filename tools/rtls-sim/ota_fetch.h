@@ -1,0 +1,51 @@
+// ota_fetch - a node that updates its firmware over the air: asks for page after page, checks the image.
+#pragma once
+
+#include "downlink.h"
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace sim {
+
+using steady = std::chrono::steady_clock;
+
+class ota_fetch {
+public:
+    // `reference`: the image as it should be, where it is known; else empty. A page is compared with it at
+    // once. Nothing is fetched before the first call of next_request.
+    ota_fetch(const ota_order& order, uint16_t page_size, bytes reference);
+
+    // The page to ask for now, if any: the next one, or again one that did not come in time.
+    std::optional<ota_page_id> next_request(steady::time_point now);
+    // A page has come; others' and repeated ones are left alone. True when it was the awaited one.
+    bool accept(const ota_page_t& page);
+
+    bool finished() const { return finished_; }
+    bool succeeded() const { return finished_ && error_.empty(); }
+    uint32_t git_id() const { return order_.git_id; }
+    size_t pages() const;
+    size_t pages_received() const { return next_page_; }
+    // "120 of 400 pages", or how it ended, with pages per second.
+    std::string progress(steady::time_point now) const;
+
+private:
+    void finish(std::string error);
+    std::string check_image() const;
+
+    ota_order order_;
+    uint16_t page_size_;
+    bytes reference_;
+    bytes image_;
+    uint16_t next_page_ = 0;
+    std::optional<steady::time_point> asked_at_;
+    steady::time_point started_at_{};
+    steady::time_point finished_at_{};
+    unsigned tries_ = 0;
+    unsigned repeats_ = 0;
+    bool finished_ = false;
+    std::string error_;
+};
+
+} // namespace sim

@@ -1,0 +1,34 @@
+// report - what the gateway hands to the servers, taken apart and put into words.
+#pragma once
+
+#include "uplink.h"
+
+#include <optional>
+#include <string>
+
+namespace sim {
+
+struct report_time {
+    uint32_t seconds = 0;
+    uint16_t milliseconds = 0;
+};
+
+struct report_t {
+    bool valid = false; // well-formed, as far as this reader knows the form
+    std::optional<sim::kind> kind;
+    mac_t from{}; // of management lines, the reporter's six bytes
+    uint8_t seq = 0;
+    report_time time;
+    std::optional<stamp_t> stamp;
+    std::optional<ota_page_id> page; // an OTA page that the gateway could not serve itself
+    std::string content;             // what identifies it, as uplink_t::content
+};
+
+// A message to the message handler: a time frame of six bytes, and the report.
+report_t read_handler_message(view time, view data);
+// A text to the proxy input: "@win_management {"ts":<seconds>,"ms":<milliseconds>,<content>}".
+report_t read_management_line(std::string_view line);
+// Either of them as one line for people; the content only, without its time.
+std::string describe(const report_t& report);
+
+} // namespace sim

@@ -1,0 +1,272 @@
+#include "servers.h"
+
+#include "command.h"
+
+#include <fmt/format.h>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+namespace sim {
+
+// So that a pause of ours does not make the gateway drop reports.
+static constexpr int receive_queue = 1'000'000;
+// Messages taken from one socket before the others get their turn.
+static constexpr int batch = 256;
+static constexpr size_t most_gaps = 100'000;
+
+void stamp_watch::seen(const stamp_t& stamp)
+{
+    latency_.add(std::chrono::nanoseconds{static_cast<int64_t>(realtime_ns() - stamp.time_ns)});
+    run& r = runs_[stamp.run];
+    ++r.received;
+    if (r.received == 1)
+        r.first = r.last = stamp.counter;
+    else if (stamp.counter > r.last) {
+        for (uint64_t missed = r.last + 1; missed < stamp.counter && r.gaps.size() < most_gaps; ++missed)
+            r.gaps.insert(missed);
+        r.last = stamp.counter;
+    } else if (r.gaps.erase(stamp.counter) == 0) {
+        // Reports take several connections, so the first one to come need not be the first of the run.
+        if (stamp.counter < r.first)
+            r.first = stamp.counter;
+        else
+            ++r.repeated;
+    }
+}
+
+std::vector<std::string> stamp_watch::summary() const
+{
+    std::vector<std::string> lines;
+    for (const auto& [id, r] : runs_)
+        lines.push_back(fmt::format("run {:08X}: stamped reports {} (numbers {} to {}), lost {}, repeated {}",
+                                    id, r.received, r.first, r.last, r.gaps.size(), r.repeated));
+    if (!runs_.empty())
+        lines.push_back("latency of stamped reports: " + latency_.summary());
+    return lines;
+}
+
+servers::servers(const servers_options& options, tracker* tracker, console& out)
+    : options_(options), tracker_(tracker), out_(out), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      handler_(context_, zmq::socket_type::pull), proxy_input_(context_, zmq::socket_type::pull),
+      broker_(context_, zmq::socket_type::pull), proxy_(context_, zmq::socket_type::xpub),
+      handler_monitor_(context_, zmq::socket_type::pair), input_monitor_(context_, zmq::socket_type::pair)
+{
+    if (wake_ < 0)
+        throw std::system_error{errno, std::generic_category(), "eventfd"};
+    proxy_.set(zmq::sockopt::xpub_verboser, 1); // tells about every subscriber that comes and goes
+    watch_peers(handler_, handler_monitor_, "inproc://handler");
+    watch_peers(proxy_input_, input_monitor_, "inproc://input");
+    bind(handler_, options_.handler_port);
+    bind(proxy_input_, options_.proxy_input_port);
+    bind(proxy_, options_.proxy_port);
+    if (options_.broker)
+        bind(broker_, options_.broker_port);
+}
+
+servers::~servers()
+{
+    close(wake_);
+}
+
+void servers::bind(zmq::socket_t& socket, uint16_t port) const
+{
+    socket.set(zmq::sockopt::linger, 1000);
+    socket.set(zmq::sockopt::rcvhwm, receive_queue);
+    try {
+        socket.bind(fmt::format("tcp://{}:{}", options_.address, port));
+    } catch (const zmq::error_t& error) {
+        throw std::system_error{error.num(), std::generic_category(),
+                                fmt::format("{}:{}", options_.address, port)};
+    }
+}
+
+void servers::watch_peers(zmq::socket_t& socket, zmq::socket_t& monitor, const char* name)
+{
+    if (zmq_socket_monitor(socket.handle(), name, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED) !=
+        0)
+        throw zmq::error_t{};
+    monitor.connect(name);
+}
+
+void servers::wake() const
+{
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(wake_, &one, sizeof one);
+}
+
+void servers::publish(bytes command)
+{
+    {
+        const std::scoped_lock lock{queue_mutex_};
+        queue_.push_back(std::move(command));
+    }
+    wake();
+}
+
+void servers::run(const std::stop_token& stop)
+{
+    const std::stop_callback wake_up{stop, [this] { wake(); }};
+    std::array<zmq::pollitem_t, 7> items{{{handler_.handle(), 0, ZMQ_POLLIN, 0},
+                                          {proxy_input_.handle(), 0, ZMQ_POLLIN, 0},
+                                          {broker_.handle(), 0, ZMQ_POLLIN, 0},
+                                          {proxy_.handle(), 0, ZMQ_POLLIN, 0},
+                                          {handler_monitor_.handle(), 0, ZMQ_POLLIN, 0},
+                                          {input_monitor_.handle(), 0, ZMQ_POLLIN, 0},
+                                          {nullptr, wake_, ZMQ_POLLIN, 0}}};
+    while (!stop.stop_requested()) {
+        zmq::poll(items.data(), items.size(), std::chrono::milliseconds{-1});
+        const auto ready = [&](size_t i) { return (items[i].revents & ZMQ_POLLIN) != 0; };
+        if (ready(0))
+            read_handler();
+        if (ready(1))
+            read_proxy_input();
+        if (ready(2))
+            read_broker();
+        if (ready(3))
+            read_subscription();
+        if (ready(4))
+            read_monitor(handler_monitor_, handler_peers_, "message handler");
+        if (ready(5))
+            read_monitor(input_monitor_, input_peers_, "proxy input");
+        if (ready(6))
+            publish_queued();
+    }
+}
+
+static view bytes_of(const zmq::message_t& message)
+{
+    return {message.data<uint8_t>(), message.size()};
+}
+
+void servers::read_handler()
+{
+    for (int i = 0; i < batch; ++i) {
+        std::array<zmq::message_t, 2> frames;
+        if (!handler_.recv(frames[0], zmq::recv_flags::dontwait))
+            return;
+        size_t count = 1;
+        bool more = frames[0].more();
+        while (more) {
+            zmq::message_t& next = frames[1]; // a third frame overwrites the second: counted as malformed
+            [[maybe_unused]] const auto got = handler_.recv(next, zmq::recv_flags::none);
+            more = next.more();
+            ++count;
+        }
+        if (count == 2)
+            take(outlet::handler, read_handler_message(bytes_of(frames[0]), bytes_of(frames[1])));
+        else
+            out_.notice(fmt::format("message handler: a message of {} frames", count));
+    }
+}
+
+void servers::read_proxy_input()
+{
+    for (int i = 0; i < batch; ++i) {
+        zmq::message_t frame;
+        if (!proxy_input_.recv(frame, zmq::recv_flags::dontwait))
+            return;
+        take(outlet::proxy_input, read_management_line(frame.to_string_view()));
+    }
+}
+
+void servers::read_broker()
+{
+    for (int i = 0; i < batch; ++i) {
+        zmq::message_t frame;
+        if (!broker_.recv(frame, zmq::recv_flags::dontwait))
+            return;
+        ++broker_records_;
+        if (options_.broker_log && out_.wants_traffic())
+            out_.traffic(fmt::format("{} log  {}", wall_clock(), frame.to_string_view()));
+    }
+}
+
+void servers::read_subscription()
+{
+    zmq::message_t frame;
+    while (proxy_.recv(frame, zmq::recv_flags::dontwait)) {
+        const view message = bytes_of(frame);
+        if (message.empty() || message[0] > 1)
+            continue;
+        if (message[0] == 1)
+            ++subscribed_;
+        else if (subscribed_ > 0)
+            --subscribed_;
+        out_.notice(message[0] == 1 ? "the gateway has subscribed to the proxy"
+                                    : "the gateway has left the proxy");
+    }
+}
+
+void servers::read_monitor(zmq::socket_t& monitor, std::atomic<int>& peers, const char* name)
+{
+    zmq::message_t event;
+    zmq::message_t address;
+    while (monitor.recv(event, zmq::recv_flags::dontwait)) {
+        [[maybe_unused]] const auto got = monitor.recv(address, zmq::recv_flags::none);
+        uint16_t what = 0;
+        std::copy_n(event.data<uint8_t>(), sizeof what, reinterpret_cast<uint8_t*>(&what));
+        const bool came = what == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
+        if (!came && peers == 0)
+            continue;
+        peers += came ? 1 : -1;
+        out_.notice(fmt::format("the gateway has {} the {}", came ? "connected to" : "left", name));
+    }
+}
+
+void servers::publish_queued()
+{
+    uint64_t drained = 0;
+    [[maybe_unused]] const ssize_t got = read(wake_, &drained, sizeof drained);
+    std::vector<bytes> commands;
+    {
+        const std::scoped_lock lock{queue_mutex_};
+        commands.swap(queue_);
+    }
+    for (const bytes& command : commands) {
+        const std::string text = hex(command);
+        proxy_.send(zmq::buffer(text), zmq::send_flags::dontwait);
+        if (out_.wants_traffic())
+            out_.traffic(fmt::format("{} publish {}", wall_clock(), text));
+    }
+}
+
+void servers::take(outlet where, const report_t& report)
+{
+    ++reports_;
+    if (report.stamp)
+        stamps_.seen(*report.stamp);
+    const auto verdict = tracker_ == nullptr ? tracker::verdict::expected : tracker_->arrived(where, report);
+    if (report.page)
+        serve_page(report);
+    const char* remark = "";
+    if (verdict == tracker::verdict::unexpected)
+        remark = "  (not sent like this by our bridges)";
+    else if (verdict == tracker::verdict::wrong_time)
+        remark = "  (wrong time)";
+    if (*remark == '\0' ? out_.wants_traffic() : true) {
+        const std::string line = fmt::format("{} up   {}.{:03} {}{}", wall_clock(), report.time.seconds % 60,
+                                             report.time.milliseconds, describe(report), remark);
+        *remark == '\0' ? out_.traffic(line) : out_.notice(line);
+    }
+}
+
+// As the servers do: the page goes down as a command to the node, and the gateway keeps a copy.
+void servers::serve_page(const report_t& request)
+{
+    const ota_page_id& id = *request.page;
+    const size_t start = size_t{id.page_size} * id.page;
+    if (options_.ota_image.empty() || crc32(options_.ota_image) != id.crc ||
+        start >= options_.ota_image.size())
+        return;
+    const auto command = page_command(request.from, request.seq, id, options_.ota_image);
+    const std::string text = hex(command);
+    proxy_.send(zmq::buffer(text), zmq::send_flags::dontwait);
+}
+
+} // namespace sim

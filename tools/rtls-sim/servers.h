@@ -1,0 +1,112 @@
+// servers - plays what stands upstream of the gateway: message handler, pub/sub proxy with its input, and
+// debug broker.
+//
+// All ports are bound here and the gateway connects to them, so it may come and go. Threads  run() is the
+// servers' own thread and uses the sockets; the operations marked so may be called from others.
+#pragma once
+
+#include "console.h"
+#include "latency.h"
+#include "report.h"
+#include "tracker.h"
+
+#include <zmq.hpp>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <stop_token>
+#include <string>
+#include <vector>
+
+namespace sim {
+
+struct servers_options {
+    std::string address = "127.0.0.1"; // to bind to; "*" for every interface
+    uint16_t proxy_port = 5555;
+    uint16_t proxy_input_port = 5556;
+    uint16_t handler_port = 5557;
+    uint16_t broker_port = 5558;
+    bool broker = true;      // play the debug broker, too
+    bool broker_log = false; // show its records
+    bytes ota_image;         // serve its pages when the gateway hands a node's request on
+};
+
+// Loss and latency of stamped reports, by the stamps alone: works when the bridges are another process.
+class stamp_watch {
+public:
+    void seen(const stamp_t& stamp);
+    std::vector<std::string> summary() const;
+
+private:
+    struct run {
+        uint64_t received = 0;
+        uint64_t repeated = 0;
+        uint64_t first = 0;
+        uint64_t last = 0;
+        std::set<uint64_t> gaps; // counters not seen yet, below `last`; bounded
+    };
+    std::map<uint32_t, run> runs_;
+    latency latency_;
+};
+
+class servers {
+public:
+    // Throws zmq::error_t when a port cannot be bound. `tracker` may be null: then nothing is matched.
+    servers(const servers_options& options, tracker* tracker, console& out);
+    ~servers();
+    servers(const servers&) = delete;
+    servers& operator=(const servers&) = delete;
+
+    void run(const std::stop_token& stop);
+
+    // From any thread:
+    // Publishes a command (its bytes) through the proxy.
+    void publish(bytes command);
+    // The gateway is connected to message handler and proxy input, and has subscribed to the proxy.
+    bool gateway_is_here() const { return handler_peers_ > 0 && input_peers_ > 0 && subscribed_ > 0; }
+    unsigned subscriptions() const { return subscribed_; }
+    uint64_t reports() const { return reports_; }
+    uint64_t broker_records() const { return broker_records_; }
+    // After run() has ended.
+    std::vector<std::string> summary() const { return stamps_.summary(); }
+
+private:
+    struct watched_socket;
+    void bind(zmq::socket_t& socket, uint16_t port) const;
+    void watch_peers(zmq::socket_t& socket, zmq::socket_t& monitor, const char* name);
+    void read_handler();
+    void read_proxy_input();
+    void read_broker();
+    void read_subscription();
+    void read_monitor(zmq::socket_t& monitor, std::atomic<int>& peers, const char* name);
+    void publish_queued();
+    void take(outlet where, const report_t& report);
+    void serve_page(const report_t& request);
+    void wake() const;
+
+    servers_options options_;
+    tracker* tracker_;
+    console& out_;
+    int wake_ = -1;
+    zmq::context_t context_;
+    zmq::socket_t handler_;
+    zmq::socket_t proxy_input_;
+    zmq::socket_t broker_;
+    zmq::socket_t proxy_;
+    zmq::socket_t handler_monitor_;
+    zmq::socket_t input_monitor_;
+    stamp_watch stamps_;
+
+    std::mutex queue_mutex_;
+    std::vector<bytes> queue_;
+    std::atomic<int> handler_peers_{0};
+    std::atomic<int> input_peers_{0};
+    std::atomic<unsigned> subscribed_{0};
+    std::atomic<uint64_t> reports_{0};
+    std::atomic<uint64_t> broker_records_{0};
+};
+
+} // namespace sim

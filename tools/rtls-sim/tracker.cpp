@@ -1,0 +1,203 @@
+#include "tracker.h"
+
+#include <fmt/format.h>
+
+namespace sim {
+
+// How far the gateway's clock may stand from ours where it stamps a report itself.
+static constexpr int64_t clock_tolerance_ms = 2000;
+
+static int64_t in_milliseconds(const report_time& time)
+{
+    return int64_t{time.seconds} * 1000 + time.milliseconds;
+}
+
+void tracker::sent(sent_report report)
+{
+    const std::scoped_lock lock{mutex_};
+    ++tally_.by_kind[static_cast<size_t>(report.kind)].sent;
+    if (!report.optional && report.to != outlet::none)
+        ++tally_.sent;
+    if (count_only_ || report.to == outlet::none)
+        return;
+    std::string content = report.content;
+    under_way_.emplace(std::move(content), entry{std::move(report), steady::now(), realtime_ns()});
+}
+
+void tracker::sent_ping()
+{
+    const std::scoped_lock lock{mutex_};
+    ++tally_.by_kind[static_cast<size_t>(kind::ping)].sent;
+    ++tally_.pings;
+}
+
+void tracker::wanted_ack()
+{
+    const std::scoped_lock lock{mutex_};
+    ++tally_.acks_wanted;
+}
+
+void tracker::stalled(uint64_t reports)
+{
+    const std::scoped_lock lock{mutex_};
+    tally_.stalled += reports;
+}
+
+bool tracker::time_is_right(const entry& sent, const report_time& time) const
+{
+    if (sent.report.time)
+        return in_milliseconds(*sent.report.time) == in_milliseconds(time);
+    const int64_t stamped = in_milliseconds(time);
+    const auto earliest = static_cast<int64_t>(sent.sent_wall_ns / 1'000'000) - clock_tolerance_ms;
+    const auto latest = static_cast<int64_t>(realtime_ns() / 1'000'000) + clock_tolerance_ms;
+    return stamped >= earliest && stamped <= latest;
+}
+
+tracker::verdict tracker::arrived(outlet where, const report_t& report)
+{
+    const std::scoped_lock lock{mutex_};
+    if (report.kind)
+        ++tally_.by_kind[static_cast<size_t>(*report.kind)].received;
+    auto [at, end] = under_way_.equal_range(report.content);
+    while (at != end && at->second.report.to != where)
+        ++at;
+    if (at == end || !report.valid) {
+        if (report.page)
+            return verdict::unserved_page; // the gateway has no such image: the servers are asked instead
+        ++tally_.unexpected;
+        return verdict::unexpected;
+    }
+    const entry found = std::move(at->second);
+    under_way_.erase(at);
+    if (!found.report.optional)
+        ++tally_.received;
+    reports_.add(steady::now() - found.sent_at);
+    if (time_is_right(found, report.time))
+        return verdict::expected;
+    ++tally_.wrong_time;
+    return verdict::wrong_time;
+}
+
+void tracker::echoed(bool expected, std::chrono::nanoseconds round_trip)
+{
+    const std::scoped_lock lock{mutex_};
+    if (!expected) {
+        ++tally_.echoes_unexpected;
+        return;
+    }
+    ++tally_.by_kind[static_cast<size_t>(kind::ping)].received;
+    ++tally_.echoes;
+    pings_.add(round_trip);
+}
+
+void tracker::acked(bool expected, std::chrono::nanoseconds round_trip)
+{
+    const std::scoped_lock lock{mutex_};
+    if (!expected) {
+        ++tally_.acks_unexpected;
+        return;
+    }
+    ++tally_.acks;
+    acks_.add(round_trip);
+}
+
+static std::string command_key(const mac_t& node, uint16_t type, view payload)
+{
+    return fmt::format("command {:04X} to {}: {}", type, hex(node), hex(payload));
+}
+
+void tracker::wanted_command(const mac_t& node, msg type, view payload)
+{
+    const std::scoped_lock lock{mutex_};
+    ++tally_.commands_wanted;
+    commands_.emplace(command_key(node, code(type), payload), steady::now());
+}
+
+void tracker::command_arrived(const mac_t& node, uint16_t type, view payload)
+{
+    const std::scoped_lock lock{mutex_};
+    if (commands_.empty())
+        return;
+    const auto found = commands_.find(command_key(node, type, payload));
+    if (found == commands_.end())
+        return;
+    command_times_.add(steady::now() - found->second);
+    commands_.erase(found);
+    ++tally_.commands;
+}
+
+void tracker::give_up(std::chrono::seconds age)
+{
+    const std::scoped_lock lock{mutex_};
+    const auto oldest = steady::now() - age;
+    std::erase_if(under_way_, [&](const auto& item) {
+        if (item.second.sent_at >= oldest)
+            return false;
+        if (!item.second.report.optional)
+            ++tally_.lost;
+        return true;
+    });
+}
+
+tally tracker::counts() const
+{
+    const std::scoped_lock lock{mutex_};
+    tally now = tally_;
+    now.in_flight = count_only_ ? 0 : now.sent - now.received - now.lost;
+    return now;
+}
+
+std::vector<std::string> tracker::missing(size_t limit) const
+{
+    const std::scoped_lock lock{mutex_};
+    std::vector<std::string> lines;
+    for (const auto& [content, item] : under_way_) {
+        if (item.report.optional)
+            continue;
+        if (lines.size() == limit)
+            break;
+        const auto& report = item.report;
+        const std::string shown =
+            report.to == outlet::handler
+                ? hex(view{reinterpret_cast<const uint8_t*>(content.data()), content.size()})
+                : content;
+        lines.push_back(fmt::format("missing: {} from {} seq {}: {}", kind_name(report.kind),
+                                    short_mac(report.from), report.seq, shown));
+    }
+    for (const auto& [key, sent_at] : commands_)
+        if (lines.size() < limit)
+            lines.push_back("missing: " + key);
+    return lines;
+}
+
+std::vector<std::string> tracker::summary() const
+{
+    const tally now = counts();
+    const std::scoped_lock lock{mutex_};
+    std::vector<std::string> lines;
+    for (size_t i = 0; i < kinds; ++i)
+        if (const auto& counts = now.by_kind[i]; counts.sent + counts.received > 0)
+            lines.push_back(fmt::format("  {:<18} sent {:>9}  received {:>9}",
+                                        kind_name(static_cast<kind>(i)), counts.sent, counts.received));
+    if (!count_only_)
+        lines.push_back(fmt::format("reports: sent {}  received {}  missing {}  unexpected {}  wrong time {}",
+                                    now.sent, now.received, now.in_flight + now.lost, now.unexpected,
+                                    now.wrong_time));
+    lines.push_back(fmt::format("acks: wanted {}  received {}   pings: sent {}  echoed {}", now.acks_wanted,
+                                now.acks, now.pings, now.echoes));
+    if (now.commands_wanted > 0)
+        lines.push_back(fmt::format("commands: published {}  arrived {}", now.commands_wanted, now.commands));
+    if (now.stalled > 0)
+        lines.push_back(fmt::format("not sent because the gateway did not read: {}", now.stalled));
+    if (reports_.count() > 0)
+        lines.push_back("latency bridge to server: " + reports_.summary());
+    if (acks_.count() > 0)
+        lines.push_back("ack after:                " + acks_.summary());
+    if (command_times_.count() > 0)
+        lines.push_back("command to node:          " + command_times_.summary());
+    if (pings_.count() > 0)
+        lines.push_back("ping round trip:          " + pings_.summary());
+    return lines;
+}
+
+} // namespace sim
