@@ -10,6 +10,10 @@ if(RTLS_SANITIZE)
     -fsanitize=${RTLS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(rtls_options INTERFACE -fsanitize=${RTLS_SANITIZE})
 endif()
+if(RTLS_FUZZERS)
+  # So that the fuzzer sees which branches an input takes; only the fuzz targets link its main.
+  target_compile_options(rtls_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # rtls_add_tests(<source>... LIBRARIES <library>...): each source is one GoogleTest program
 # named after its file.
