@@ -61,27 +61,47 @@ void win_client_destroy(void** pp_client) noexcept
     *pp_client = nullptr;
 }
 
+// Gives pending_data another capacity and keeps its content. False, with everything as it was, when
+// memory is short.
+static bool set_capacity(WIN_CLIENT_t& client, size_t capacity)
+{
+    void* moved = std::realloc(client.pending_data, capacity);
+    if (!moved)
+        return false;
+    client.pending_data = static_cast<uint8_t*>(moved);
+    client.pending_buffsize = capacity;
+    return true;
+}
+
 bool win_client_increase_buffer_size(WIN_CLIENT_t* client)
 {
     if (!client) {
         logger_error(g_logger, str_null_pointer, __func__);
         return false;
     }
-    const size_t new_size = client->pending_buffsize + pending_data_step;
+    const size_t capacity = client->pending_buffsize + pending_data_step;
     // A peer that never ends its frame must not take all our memory.
-    void* grown = new_size <= pending_data_limit ? std::realloc(client->pending_data, new_size) : nullptr;
-    if (!grown) {
+    if (capacity > pending_data_limit || !set_capacity(*client, capacity)) {
         logger_error(g_logger, str_out_of_memory, __func__);
         return false;
     }
-    client->pending_data = static_cast<uint8_t*>(grown);
-    client->pending_buffsize = new_size;
     return true;
+}
+
+// Takes all the steps that a run needs at once: a long frame is then not moved at each of them. When
+// there is no room for all, append goes step by step and reports where it ends.
+static void reserve(WIN_CLIENT_t& client, size_t size)
+{
+    const size_t steps = (client.pending_data_size + size + pending_data_step - 1) / pending_data_step;
+    const size_t capacity = std::min(steps * pending_data_step, pending_data_limit);
+    if (capacity > client.pending_buffsize)
+        (void)set_capacity(client, capacity);
 }
 
 // Appends bytes to the frame; when it cannot grow any more, drops the frame and the bytes.
 static void append(WIN_CLIENT_t& client, bytes_view bytes)
 {
+    reserve(client, bytes.size());
     while (!bytes.empty()) {
         if (client.pending_data_size == client.pending_buffsize &&
             !win_client_increase_buffer_size(&client)) {
