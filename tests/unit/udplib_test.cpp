@@ -131,8 +131,10 @@ TEST(udp_new_connection, reports_that_no_socket_can_be_had)
     log_capture log;
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit none{0, limit.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    const int lowest_free = dup(STDERR_FILENO);
+    close(lowest_free);
+    const rlimit no_more{static_cast<rlim_t>(lowest_free), limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &no_more);
     int handle = 77;
     const bool done = udp_new_connection(0, &handle);
     setrlimit(RLIMIT_NOFILE, &limit);
