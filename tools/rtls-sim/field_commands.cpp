@@ -81,11 +81,10 @@ void field::received_ack(bridge& b, const downlink_t& message)
 void field::received_command(bridge& b, const downlink_t& message)
 {
     device* d = addressed(message);
-    if (d == nullptr || d->bridge != b.number) {
-        // A gateway that does not know a node's bridge asks them all: the others let it pass.
+    if (d == nullptr || d->bridge != b.number)
+        return; // a gateway that does not know a node's bridge asks them all: the others let it pass
+    if (tracker_.command_arrived(d->signs.mac, message.type, message.payload))
         return;
-    }
-    tracker_.command_arrived(d->signs.mac, message.type, message.payload);
     switch (static_cast<msg>(message.type)) {
     case msg::generic_down:
         return obey_generic(*d, message.payload);

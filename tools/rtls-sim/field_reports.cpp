@@ -166,7 +166,8 @@ void field::send(device& d, const uplink_t& message, bridge& via, bool foreign, 
     if (maker_.chance(options_.timestamp_percent)) {
         const generation_time time = recent_time(maker_);
         frame = sent_with_time(frame, message.seq, time);
-        record.time = report_time{time.seconds, time.milliseconds()};
+        if (message.to == outlet::handler) // management lines bear the time at which the gateway writes them
+            record.time = report_time{time.seconds, time.milliseconds()};
     }
     tracker_.sent(std::move(record));
     queue(via, frame);

@@ -32,6 +32,7 @@ std::optional<gateway_ports> read_ports(const std::string& config_file)
     read_port(config, "pub_sub_proxy/port", ports.proxy);
     read_port(config, "pub_sub_proxy/input_port", ports.proxy_input);
     read_port(config, "message_handler/port", ports.handler);
+    read_port(config, "simulator/images", ports.images);
     const std::string broker = zconfig_get(config, "debug_broker_address", "");
     if (const size_t colon = broker.rfind(':'); colon != std::string::npos)
         ports.broker = static_cast<uint16_t>(std::strtoul(broker.c_str() + colon + 1, nullptr, 10));
@@ -80,6 +81,7 @@ gateway_ports free_ports()
     settle(SOCK_STREAM, ports.proxy_input);
     settle(SOCK_STREAM, ports.handler);
     settle(SOCK_STREAM, ports.broker);
+    settle(SOCK_STREAM, ports.images);
     return ports;
 }
 
@@ -107,9 +109,11 @@ std::string config_text(const gateway_ports& ports, const std::string& pid_file)
                        "    input_port = {}\n"
                        "message_handler\n"
                        "    address = 127.0.0.1\n"
-                       "    port = {}\n",
+                       "    port = {}\n"
+                       "simulator\n" // not read by the gateway
+                       "    images = {}\n",
                        pid_file, ports.broker, ports.terminal, ports.win, ports.discovery, ports.proxy,
-                       ports.proxy_input, ports.handler);
+                       ports.proxy_input, ports.handler, ports.images);
 }
 
 } // namespace sim

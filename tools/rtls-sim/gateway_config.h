@@ -16,6 +16,7 @@ struct gateway_ports {
     uint16_t proxy_input = 5556;
     uint16_t handler = 5557;
     uint16_t broker = 5558;
+    uint16_t images = 8080; // HTTP, the simulator's own
 };
 
 // The ports in a gateway's configuration file; nothing when the file cannot be read. What the file does not

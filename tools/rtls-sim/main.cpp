@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <memory>
 
@@ -136,6 +137,7 @@ static bool apply_config(const CLI::App& app, arguments& a)
     set("--proxy-input-port", a.network.servers.proxy_input_port, ports->proxy_input);
     set("--handler-port", a.network.servers.handler_port, ports->handler);
     set("--broker-port", a.network.servers.broker_port, ports->broker);
+    set("--http-port", a.network.http_port, ports->images);
     set("--port", a.send.port, ports->proxy);
     set("--port", a.discover.port, ports->discovery);
     return true;
@@ -151,6 +153,8 @@ static int start_network(const CLI::App& app, arguments& a)
 {
     if (!apply_config(app, a))
         return fail("cannot read " + a.config_file);
+    if (a.image_file.empty() && std::filesystem::is_regular_file(a.network.ota))
+        a.image_file = a.network.ota;
     if (!a.image_file.empty()) {
         const auto image = read_file(a.image_file);
         if (!image)

@@ -42,6 +42,7 @@ private:
     void advance();
     bool has_gathered();
     void begin_reporting();
+    void begin_ota();
     void begin_draining();
     void publish_checked_commands();
     bool has_drained() const;
@@ -264,7 +265,20 @@ void network::begin_reporting()
         return;
     field_->let_reports_flow(true);
     if (!options_.ota.empty())
-        obey_ota_start({"ota-start", options_.ota_node, options_.ota});
+        begin_ota();
+}
+
+// Has the gateway download the image, if it is one that we serve; the node does not wait for that: pages
+// that the gateway lacks come from the servers.
+void network::begin_ota()
+{
+    const std::filesystem::path file{options_.ota};
+    if (images_ && servers_ &&
+        std::filesystem::exists(std::filesystem::path{options_.images} / file.filename()))
+        if (const auto traits = read_traits(options_.servers.ota_image))
+            obey(fmt::format("upload {:08X} {:08X} http://127.0.0.1:{}/{}", traits->git_id,
+                             crc32(options_.servers.ota_image), images_->port(), file.filename().string()));
+    obey_ota_start({"ota-start", options_.ota_node, options_.ota});
 }
 
 void network::begin_draining()
@@ -354,7 +368,7 @@ bool network::is_good() const
     if (timed_out_ || interrupted_ || phase_ != phase::over || now.waiting() != 0 || now.lost != 0 ||
         now.unexpected != 0 || now.wrong_time != 0 || now.acks_unexpected != 0 || now.echoes_unexpected != 0)
         return false;
-    if (field_ && field_->ota().failed != 0)
+    if (field_ && (field_->ota().failed != 0 || (!options_.ota.empty() && field_->ota().succeeded == 0)))
         return false;
     return now.sent > 0;
 }

@@ -18,7 +18,7 @@ struct network_options {
     double duration = 0;  // seconds of reports; 0: until interrupted
     bool check = false;   // exit with 0 only if everything arrived, once and right
     double deadline = 15; // seconds to wait: for the gateway, and for what is under way in the end
-    std::string ota;      // image that a node is to fetch, as GITID:CRC:SIZE[:PAGESIZE]
+    std::string ota;      // image that a node is to fetch: a file, or GITID:CRC:SIZE[:PAGESIZE]
     std::string ota_node = "0101";
     std::string images; // directory to serve over HTTP; empty: none
     uint16_t http_port = 8080;

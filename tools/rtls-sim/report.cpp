@@ -1,8 +1,8 @@
 #include "report.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <charconv>
 
 namespace sim {
@@ -118,14 +118,18 @@ static bool take_text(std::string_view& text, std::string_view expected)
     return true;
 }
 
-// The reporter's MAC in an object such as {"mac":"0a1b2c3d4e5f"}.
-static mac_t reporter_of(const nlohmann::json& object)
+// The reporter's six bytes, as in "reporter":{"mac":"0a1b2c3d4e5f"}.
+static bool read_reporter(std::string_view text, mac_t& mac)
 {
-    mac_t mac{};
-    const auto six = from_hex(object.at("reporter").at("mac").get<std::string>());
-    if (six && six->size() == 6)
-        std::copy(six->begin(), six->end(), mac.begin() + 2);
-    return mac;
+    static constexpr std::string_view mark = R"("reporter":{"mac":")";
+    const size_t at = text.find(mark);
+    if (at == std::string_view::npos)
+        return false;
+    const auto six = from_hex(text.substr(at + mark.size(), 12));
+    if (!six || six->size() != 6)
+        return false;
+    std::ranges::copy(*six, mac.begin() + 2);
+    return true;
 }
 
 report_t read_management_line(std::string_view line)
@@ -139,19 +143,11 @@ report_t read_management_line(std::string_view line)
         return report;
     rest.remove_suffix(1);
     report.content = rest;
-    const auto json = nlohmann::json::parse("{" + report.content + "}", nullptr, false);
-    try {
-        if (json.contains("route_request")) {
-            report.kind = kind::route;
-            report.from = reporter_of(json.at("route_request"));
-        } else if (json.contains("ul_tdoa_data")) {
-            report.kind = kind::ul_tdoa;
-            report.from = reporter_of(json.at("ul_tdoa_data"));
-        }
-        report.valid = report.kind.has_value();
-    } catch (const nlohmann::json::exception&) {
-        report.valid = false;
-    }
+    if (rest.starts_with(R"("route_request":{)"))
+        report.kind = kind::route;
+    else if (rest.starts_with(R"("ul_tdoa_data":{)"))
+        report.kind = kind::ul_tdoa;
+    report.valid = report.kind && rest.ends_with('}') && read_reporter(rest, report.from);
     return report;
 }
 
@@ -190,6 +186,13 @@ static std::string describe_ranges(view payload)
     return text;
 }
 
+static std::string shortened(view payload)
+{
+    const view shown = payload.first(std::min<size_t>(payload.size(), 24));
+    return fmt::format("{} bytes {}{}", payload.size(), hex(shown),
+                       shown.size() < payload.size() ? ".." : "");
+}
+
 static std::string describe_payload(const report_t& report, view data)
 {
     reader in{data};
@@ -200,9 +203,9 @@ static std::string describe_payload(const report_t& report, view data)
         return describe_ranges(payload);
     case kind::sensor:
         if (report.stamp)
-            return fmt::format("{} bytes {} no {}", payload.size(),
-                               hex(payload.first(payload.size() - stamp_size)), report.stamp->counter);
-        return fmt::format("{} bytes {}", payload.size(), hex(payload));
+            return fmt::format("{} no {}", shortened(payload.first(payload.size() - stamp_size)),
+                               report.stamp->counter);
+        break;
     case kind::ota_page:
         if (report.page)
             return fmt::format("git {:08X} crc {:08X} page {} of {} bytes", report.page->git_id,

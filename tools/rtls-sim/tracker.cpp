@@ -113,17 +113,18 @@ void tracker::wanted_command(const mac_t& node, msg type, view payload)
     commands_.emplace(command_key(node, code(type), payload), steady::now());
 }
 
-void tracker::command_arrived(const mac_t& node, uint16_t type, view payload)
+bool tracker::command_arrived(const mac_t& node, uint16_t type, view payload)
 {
     const std::scoped_lock lock{mutex_};
     if (commands_.empty())
-        return;
+        return false;
     const auto found = commands_.find(command_key(node, type, payload));
     if (found == commands_.end())
-        return;
+        return false;
     command_times_.add(steady::now() - found->second);
     commands_.erase(found);
     ++tally_.commands;
+    return true;
 }
 
 void tracker::give_up(std::chrono::seconds age)

@@ -70,9 +70,10 @@ public:
     enum class verdict { expected, wrong_time, unexpected, unserved_page };
     verdict arrived(outlet where, const report_t& report);
     void echoed(bool expected, std::chrono::nanoseconds round_trip);
-    // A command that has to reach its node with exactly this payload; and one that has.
+    // A command that has to reach its node with exactly this payload; and one that has: true if it was
+    // awaited.
     void wanted_command(const mac_t& node, msg type, view payload);
-    void command_arrived(const mac_t& node, uint16_t type, view payload);
+    bool command_arrived(const mac_t& node, uint16_t type, view payload);
     void acked(bool expected, std::chrono::nanoseconds round_trip);
 
     // Gives up what has been under way for longer than `age`.
