@@ -1,0 +1,426 @@
+#include "rtls-gateway.h"
+
+#include "common.h"
+#include "czmq_ptr.h"
+#include "firmware.h"
+#include "nodes_container.h"
+#include "ota.h"
+#include "signals.h"
+#include "support/log_capture.h"
+#include "support/temp_file.h"
+#include "terminal_server.h"
+#include "win_server.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+using testing::IsEmpty;
+
+using texts_t = std::vector<std::string>;
+
+namespace {
+
+// A socket on a free port of the loopback device.
+class port_holder {
+public:
+    explicit port_holder(int type) : m_socket(socket(AF_INET, type, 0))
+    {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), length), 0);
+        if (type == SOCK_STREAM) {
+            EXPECT_EQ(listen(m_socket, 1), 0);
+        }
+        EXPECT_EQ(getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length), 0);
+        m_port = std::to_string(ntohs(address.sin_port));
+    }
+    ~port_holder() { close(m_socket); }
+    port_holder(const port_holder&) = delete;
+    port_holder& operator=(const port_holder&) = delete;
+
+    const std::string& port() const { return m_port; }
+
+private:
+    int m_socket;
+    std::string m_port;
+};
+
+struct config_item_t {
+    std::string section; // empty: none
+    std::string name;
+    std::string value;
+
+    std::string path() const { return section.empty() ? name : section + "/" + name; }
+};
+
+using gateway_ptr = std::unique_ptr<void, destroyed_by<rtls_gateway_destroy>>;
+
+class gateway : public testing::Test {
+protected:
+    gateway()
+    {
+        debug_mask = 0;
+        clear_stop();
+        m_win.reset();
+        m_terminal.reset();
+        m_discovery.reset();
+    }
+    ~gateway() override { clear_stop(); }
+
+    static void clear_stop() { __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED); }
+
+    void set(const std::string& path, const std::string& value)
+    {
+        for (auto& key : m_keys)
+            if (key.path() == path)
+                key.value = value;
+    }
+
+    // A gateway from all items but the one left out.
+    gateway_ptr create(const std::string& left_out = "")
+    {
+        std::string text;
+        for (const std::string section : {"", "ports", "pub_sub_proxy", "message_handler", "debug"}) {
+            text += section + "\n";
+            for (const auto& key : m_keys)
+                if (key.section == section && key.path() != left_out)
+                    text += (section.empty() ? "" : "    ") + key.name + " = " + key.value + "\n";
+        }
+        std::ofstream(m_config_file.path()) << text;
+        return gateway_ptr(rtls_gateway_new(m_config_file.path()));
+    }
+
+    std::string pid_file_content() const
+    {
+        std::ifstream stream(m_pid_file.path());
+        return {std::istreambuf_iterator<char>(stream), {}};
+    }
+
+    texts_t logged() { return m_log.messages("main"); }
+
+    log_capture m_log;
+    temp_file m_config_file{"gateway.conf", ""};
+    temp_file m_pid_file{"gateway.pid"};
+    // Upstream somebody listens, so that nobody connects to himself there. The own ports are different
+    // ones, and free again.
+    port_holder m_proxy{SOCK_STREAM};
+    port_holder m_handler{SOCK_STREAM};
+    std::optional<port_holder> m_win{SOCK_STREAM};
+    std::optional<port_holder> m_terminal{SOCK_STREAM};
+    std::optional<port_holder> m_discovery{SOCK_DGRAM};
+    // The required ones in the order in which they are read, then the debug sections.
+    std::vector<config_item_t> m_keys = {
+        {"", "pidfile", m_pid_file.path()},
+        {"ports", "win", m_win->port()},
+        {"ports", "discovery", m_discovery->port()},
+        {"pub_sub_proxy", "address", "127.0.0.1"},
+        {"pub_sub_proxy", "port", m_proxy.port()},
+        {"pub_sub_proxy", "input_port", m_proxy.port()},
+        {"message_handler", "address", "127.0.0.1"},
+        {"message_handler", "port", m_handler.port()},
+        {"ports", "terminal", m_terminal->port()},
+        {"", "firmware_files", "5"},
+        {"debug", "raw", "no"},
+        {"debug", "parsing", "no"},
+        {"debug", "terminal", "no"},
+        {"debug", "win", "no"},
+        {"debug", "discovery", "no"},
+        {"debug", "develop", "no"},
+        {"debug", "ul_tdoa", "no"},
+    };
+};
+
+TEST_F(gateway, owns_its_services_and_hands_them_out)
+{
+    void* given = create().release();
+    ASSERT_NE(given, nullptr);
+    EXPECT_STREQ(zconfig_get(rtls_gateway_get_config(given), "firmware_files", ""), "5");
+    EXPECT_NE(rtls_gateway_get_win_server(given), nullptr);
+    EXPECT_NE(rtls_gateway_get_terminal_server(given), nullptr);
+    EXPECT_EQ(nodes_container_get_size(rtls_gateway_get_nodes_container(given)), 0U);
+    EXPECT_EQ(ota_get_files_number(rtls_gateway_get_ota(given)), 5);
+    EXPECT_EQ(rtls_gateway_get_firmware(given), nullptr);
+    EXPECT_NE(rtls_gateway_get_win_clients(given), nullptr);
+    EXPECT_EQ(rtls_gateway_get_win_clients(given),
+              win_server_get_clients(rtls_gateway_get_win_server(given)));
+    EXPECT_NE(rtls_gateway_get_terminal_clients(given), nullptr);
+    EXPECT_EQ(rtls_gateway_get_terminal_clients(given),
+              terminal_server_get_clients(rtls_gateway_get_terminal_server(given)));
+    rtls_gateway_destroy(&given);
+    EXPECT_EQ(given, nullptr);
+    rtls_gateway_destroy(&given);
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(gateway, null_arguments_are_logged_by_the_function_called)
+{
+    const struct {
+        const char* function;
+        bool (*answers_nothing)();
+    } cases[] = {
+        {"rtls_gateway_new", [] { return rtls_gateway_new(nullptr) == nullptr; }},
+        {"rtls_gateway_run", [] { return !rtls_gateway_run(nullptr); }},
+        {"rtls_gateway_destroy", [] { return rtls_gateway_destroy(nullptr), true; }},
+        {"rtls_gateway_get_config", [] { return rtls_gateway_get_config(nullptr) == nullptr; }},
+        {"rtls_gateway_get_win_server", [] { return rtls_gateway_get_win_server(nullptr) == nullptr; }},
+        {"rtls_gateway_get_terminal_server",
+         [] { return rtls_gateway_get_terminal_server(nullptr) == nullptr; }},
+        {"rtls_gateway_get_nodes_container",
+         [] { return rtls_gateway_get_nodes_container(nullptr) == nullptr; }},
+        {"rtls_gateway_get_ota", [] { return rtls_gateway_get_ota(nullptr) == nullptr; }},
+        {"rtls_gateway_get_firmware", [] { return rtls_gateway_get_firmware(nullptr) == nullptr; }},
+        {"rtls_gateway_set_firmware", [] { return rtls_gateway_set_firmware(nullptr, nullptr), true; }},
+        {"rtls_gateway_get_win_clients", [] { return rtls_gateway_get_win_clients(nullptr) == nullptr; }},
+        {"rtls_gateway_get_terminal_clients",
+         [] { return rtls_gateway_get_terminal_clients(nullptr) == nullptr; }},
+        {"rtls_gateway_nodes_update", [] { return rtls_gateway_nodes_update(nullptr), true; }},
+        {"rtls_gateway_get_debug_level", [] { return rtls_gateway_get_debug_level(nullptr) == 0; }},
+        {"rtls_gateway_set_debug_level", [] { return rtls_gateway_set_debug_level(nullptr, 1), true; }},
+        {"rtls_gateway_increment_debug_level",
+         [] { return rtls_gateway_increment_debug_level(nullptr) == 0; }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.function);
+        EXPECT_TRUE(c.answers_nothing());
+        EXPECT_EQ(logged(), texts_t{std::string(c.function) + ": null pointer!"});
+    }
+}
+
+TEST_F(gateway, the_first_missing_key_is_the_one_reported)
+{
+    constexpr size_t required = 10;
+    for (size_t i = 0; i < required; ++i) {
+        SCOPED_TRACE(m_keys[i].path());
+        EXPECT_EQ(create(m_keys[i].path()), nullptr);
+        EXPECT_EQ(logged(),
+                  texts_t{"Parameter \"" + m_keys[i].path() + "\" is not found in the configuration file!"});
+    }
+    const std::vector<config_item_t> all = m_keys;
+    for (size_t i = 0; i < required; ++i) {
+        SCOPED_TRACE("nothing from " + all[i].path() + " on");
+        m_keys.assign(all.begin(), all.begin() + static_cast<ptrdiff_t>(i));
+        EXPECT_EQ(create(), nullptr);
+        texts_t logged_now = logged();
+        ASSERT_FALSE(logged_now.empty());
+        EXPECT_EQ(logged_now.back(),
+                  "Parameter \"" + all[i].path() + "\" is not found in the configuration file!");
+        EXPECT_EQ(logged_now.size(), i == 0 ? 1U : 1U + DBG_SECTIONS_NUMBER);
+    }
+}
+
+TEST_F(gateway, files_that_give_no_configuration)
+{
+    const texts_t no_pid_file = {"Parameter \"pidfile\" is not found in the configuration file!"};
+    const texts_t no_file = {"Error opening configuration file!"};
+    const temp_file empty("empty.conf", "");
+    const temp_file missing("missing.conf");
+    const struct {
+        const char* file;
+        const texts_t& then;
+    } cases[] = {{empty.path(), no_pid_file},
+                 {"/dev/null", no_pid_file},
+                 {"/tmp", no_pid_file},
+                 {missing.path(), no_file}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        EXPECT_EQ(rtls_gateway_new(c.file), nullptr);
+        EXPECT_EQ(logged(), c.then);
+    }
+}
+
+TEST_F(gateway, firmware_files_is_checked_after_its_cut_to_16_bits)
+{
+    const texts_t incorrect = {"rtls_gateway_new: The parameter \"firmware_files\" has an incorrect value!"};
+    const texts_t no_digits = {"config_value_long_get: strtol: No digits were found"};
+    const struct {
+        const char* value;
+        uint16_t then; // 0: no gateway
+        texts_t logged;
+    } cases[] = {
+        {"0", 0, incorrect}, {"1", 1, {}},          {"5", 5, {}},
+        {"6", 0, incorrect}, {"-1", 0, incorrect},  {"65536", 0, incorrect},
+        {"65537", 1, {}},    {"abc", 0, no_digits}, {"\"\"", 0, no_digits},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
+        set("firmware_files", c.value);
+        const gateway_ptr given = create();
+        EXPECT_EQ(given != nullptr, c.then != 0);
+        EXPECT_EQ(logged(), c.logged);
+        if (given != nullptr) {
+            EXPECT_EQ(ota_get_files_number(rtls_gateway_get_ota(given.get())), c.then);
+        }
+    }
+}
+
+TEST_F(gateway, debug_sections_are_only_ever_switched_on)
+{
+    const struct {
+        uint16_t before;
+        std::vector<std::pair<const char*, const char*>> given;
+        uint16_t then;
+    } cases[] = {
+        {0, {}, 0},
+        {0, {{"debug/raw", "yes"}}, 0x01},
+        {0, {{"debug/parsing", "1"}, {"debug/ul_tdoa", "true"}}, 0x42},
+        {0, {{"debug/win", "on"}}, 0},
+        {0x7F, {{"debug/raw", "no"}}, 0x7F},
+        {0x08, {{"debug/discovery", "Y"}}, 0x18},
+    };
+    const std::vector<config_item_t> all = m_keys;
+    for (const auto& c : cases) {
+        m_keys = all;
+        debug_mask = c.before;
+        for (const auto& [key, value] : c.given)
+            set(key, value);
+        const gateway_ptr given = create();
+        EXPECT_NE(given, nullptr);
+        EXPECT_EQ(debug_mask, c.then);
+    }
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(gateway, missing_debug_keys_are_logged_and_no_failure)
+{
+    m_keys.resize(10);
+    const gateway_ptr given = create();
+    EXPECT_NE(given, nullptr);
+    texts_t expected;
+    for (const char* section : dbg_section_name)
+        expected.push_back("Parameter \"debug/" + std::string(section) +
+                           "\" is not found in the configuration file!");
+    EXPECT_EQ(logged(), expected);
+    EXPECT_EQ(debug_mask, 0);
+}
+
+TEST_F(gateway, debug_level_wraps_at_16_bits)
+{
+    const gateway_ptr given = create();
+    EXPECT_EQ(rtls_gateway_get_debug_level(given.get()), 0);
+    EXPECT_EQ(rtls_gateway_increment_debug_level(given.get()), 1);
+    EXPECT_EQ(rtls_gateway_get_debug_level(given.get()), 1);
+    rtls_gateway_set_debug_level(given.get(), 65534);
+    EXPECT_EQ(rtls_gateway_get_debug_level(given.get()), 65534);
+    EXPECT_EQ(rtls_gateway_increment_debug_level(given.get()), 65535);
+    EXPECT_EQ(rtls_gateway_increment_debug_level(given.get()), 0);
+    EXPECT_EQ(rtls_gateway_get_debug_level(given.get()), 0);
+}
+
+TEST_F(gateway, a_new_firmware_takes_the_place_of_the_one_before)
+{
+    const gateway_ptr given = create();
+    const temp_file image("image_0123abcd_.bin", "firmware");
+    void* first = firmware_get_from_url(image.url().c_str());
+    void* second = firmware_get_from_url(image.url().c_str());
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    rtls_gateway_set_firmware(given.get(), first);
+    EXPECT_EQ(rtls_gateway_get_firmware(given.get()), first);
+    rtls_gateway_set_firmware(given.get(), second);
+    EXPECT_EQ(rtls_gateway_get_firmware(given.get()), second);
+    rtls_gateway_set_firmware(given.get(), nullptr);
+    EXPECT_EQ(rtls_gateway_get_firmware(given.get()), nullptr);
+    rtls_gateway_set_firmware(given.get(), firmware_get_from_url(image.url().c_str()));
+}
+
+TEST_F(gateway, nodes_update_goes_to_all_bridges)
+{
+    const gateway_ptr given = create();
+    EXPECT_NO_FATAL_FAILURE(rtls_gateway_nodes_update(given.get())) << "no bridge is connected";
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(gateway, runs_both_actors_and_writes_its_pid)
+{
+    gateway_ptr given = create();
+    ASSERT_TRUE(rtls_gateway_run(given.get()));
+    EXPECT_EQ(pid_file_content(), std::to_string(getpid()));
+    struct stat status {};
+    ASSERT_EQ(stat(m_pid_file.path(), &status), 0);
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(status.st_mode & 0777, 0640U & ~mask);
+    EXPECT_TRUE(win_server_is_ready(rtls_gateway_get_win_server(given.get())));
+    EXPECT_TRUE(terminal_server_is_ready(rtls_gateway_get_terminal_server(given.get())));
+    given.reset();
+    EXPECT_EQ(pid_file_content(), std::to_string(getpid())) << "the file stays";
+}
+
+TEST_F(gateway, the_pid_overwrites_the_start_of_the_file)
+{
+    std::ofstream(m_pid_file.path()) << "123456789123456789";
+    const gateway_ptr given = create();
+    ASSERT_TRUE(rtls_gateway_run(given.get()));
+    const std::string pid = std::to_string(getpid());
+    EXPECT_EQ(pid_file_content(), pid + std::string("123456789123456789").substr(pid.size()));
+}
+
+TEST_F(gateway, a_pid_file_that_cannot_be_made_fails_the_run)
+{
+    const struct {
+        const char* file;
+        const char* then;
+    } cases[] = {
+        {"/nonexistent/gateway.pid",
+         "unable to create pid file /nonexistent/gateway.pid, code=2 (No such file or directory)"},
+        {"/tmp", "unable to create pid file /tmp, code=21 (Is a directory)"},
+        {"\"\"", "unable to create pid file , code=2 (No such file or directory)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        set("pidfile", c.file);
+        const gateway_ptr given = create();
+        clear_stop();
+        EXPECT_FALSE(rtls_gateway_run(given.get()));
+        EXPECT_THAT(logged(), testing::Contains(c.then));
+        (void)m_log.take();
+    }
+}
+
+TEST_F(gateway, an_interrupt_before_the_start_leaves_no_pid_file)
+{
+    const gateway_ptr given = create();
+    request_stop();
+    EXPECT_FALSE(rtls_gateway_run(given.get()));
+    EXPECT_EQ(access(m_pid_file.path(), F_OK), -1);
+}
+
+TEST_F(gateway, an_occupied_port_ends_the_run)
+{
+    const port_holder occupied(SOCK_STREAM);
+    const std::vector<config_item_t> all = m_keys;
+    for (const char* key : {"ports/win", "ports/terminal"}) {
+        SCOPED_TRACE(key);
+        m_keys = all;
+        set(key, occupied.port());
+        const gateway_ptr given = create();
+        clear_stop();
+        EXPECT_FALSE(rtls_gateway_run(given.get()));
+        EXPECT_TRUE(is_stop_requested());
+        EXPECT_EQ(access(m_pid_file.path(), F_OK), -1);
+    }
+}
+
+TEST_F(gateway, running_twice_fails_the_second_time)
+{
+    const gateway_ptr given = create();
+    EXPECT_TRUE(rtls_gateway_run(given.get()));
+    EXPECT_FALSE(rtls_gateway_run(given.get()));
+}
+
+} // namespace
