@@ -4,7 +4,6 @@
 #include "image_download.h"
 #include "ota.h"
 
-#include <array>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -16,19 +15,25 @@ namespace {
 
 constexpr uint16_t slots = 2;
 constexpr size_t block = 32;
+constexpr uint32_t git = 1; // the image that the model follows
+constexpr uint32_t other_git = 2;
 constexpr uint32_t crc = 7;
 constexpr uint32_t largest_page = 65535; // what the wire can say
 
 // One operation of the input, big-endian.
 namespace operation {
-constexpr size_t what = 0; // bit 0: set or get; bit 1: delete a slot instead; bit 2: which image
+constexpr size_t what = 0; // the bits below
 constexpr size_t page_size = 1;
 constexpr size_t page_number = 3;
 constexpr size_t fill = 7; // the page's bytes
 constexpr size_t size = 8;
 } // namespace operation
 
-// The blocks that were set, with their bytes, of the one image that the model follows.
+constexpr unsigned setting = 1;     // rather than getting
+constexpr unsigned other_image = 2; // a page set of the other image
+constexpr unsigned deletion = 4;
+
+// The blocks that were set, with their bytes.
 using model_t = std::map<uint64_t, uint8_t>;
 
 void require(bool condition)
@@ -45,10 +50,19 @@ bool has_all_blocks(const model_t& model, uint64_t first, uint64_t end)
     return true;
 }
 
+bool is_kept(void* store)
+{
+    OTA_FIRMWARE_INFO_t info{};
+    for (uint16_t i = 0; i < slots; ++i)
+        if (ota_get_firmware_info(store, i, &info) && info.git_ver == git)
+            return true;
+    return false;
+}
+
 void set_page(void* store, model_t& model, uint32_t page_size, uint32_t page_number, uint8_t fill)
 {
     const std::vector<uint8_t> page(page_size + 1, fill); // never without an address
-    const bool stored = ota_set_firmware_page(store, 0, crc, page_size, page_number, page.data());
+    const bool stored = ota_set_firmware_page(store, git, crc, page_size, page_number, page.data());
     const uint64_t start = uint64_t{page_size} * page_number;
     const bool fits = page_size % block == 0 && start + page_size <= image_size_ceiling;
     require(stored == fits);
@@ -62,7 +76,7 @@ void set_page(void* store, model_t& model, uint32_t page_size, uint32_t page_num
 void get_page(void* store, const model_t& model, uint32_t page_size, uint32_t page_number)
 {
     std::vector<uint8_t> page(page_size + 1);
-    const bool served = ota_get_firmware_page(store, 0, crc, page_size, page_number, page.data());
+    const bool served = ota_get_firmware_page(store, git, crc, page_size, page_number, page.data());
     if (page_size == 0)
         return; // served as soon as there is an image
     const uint64_t first = uint64_t{page_size} * page_number / block;
@@ -77,6 +91,7 @@ void get_page(void* store, const model_t& model, uint32_t page_size, uint32_t pa
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    static const std::vector<uint8_t> other_page(largest_page);
     const store_ptr store{ota_new(slots)};
     model_t model;
     bytes_view rest{data, size};
@@ -85,20 +100,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const uint32_t page_size = load_be16(rest, operation::page_size);
         const uint32_t page_number = load_be32(rest, operation::page_number);
         const uint8_t fill = rest[operation::fill];
-        OTA_FIRMWARE_INFO_t info{};
-        if ((what & 2) != 0) {
-            // The other image, which only has to leave the followed one alone: two fit the store.
-            ota_set_firmware_page(store.get(), 1, crc, page_size, page_number,
-                                  std::vector<uint8_t>(largest_page, fill).data());
-        } else if ((what & 4) != 0) {
-            ota_del_firmware(store.get(), 0);
-            if (ota_get_firmware_page(store.get(), 0, crc, 0, 0, &info.board_version) == false)
-                model.clear();
-        } else if ((what & 1) != 0) {
+        if ((what & other_image) != 0) {
+            ota_set_firmware_page(store.get(), other_git, crc, page_size, page_number, other_page.data());
+        } else if ((what & deletion) != 0) {
+            ota_del_firmware(store.get(), page_size % slots);
+        } else if ((what & setting) != 0) {
             set_page(store.get(), model, page_size, page_number, fill);
         } else {
             get_page(store.get(), model, page_size, page_number);
         }
+        if (!is_kept(store.get()))
+            model.clear(); // deleted, or displaced by the other image
     }
     return 0;
 }
