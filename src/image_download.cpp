@@ -13,6 +13,8 @@
 #include <charconv>
 #include <cstring>
 #include <mutex>
+#include <new>
+#include <string>
 #include <system_error>
 
 using std::chrono::milliseconds;
@@ -47,9 +49,10 @@ bool image_receiver::is_ready() const
 }
 
 bool image_receiver::take_header(std::string_view line) noexcept
-{
+try {
+    const std::string text{line}; // libcurl's has no terminating zero
     std::array<regmatch_t, 2> groups{};
-    if (!content_length_.search(line, groups))
+    if (!content_length_.search(text.c_str(), groups))
         return true;
     if (size_ > 0) { // a trailer: the buffer is in use
         failed_ = true;
@@ -59,6 +62,9 @@ bool image_receiver::take_header(std::string_view line) noexcept
         failed_ = !provide_for(line.substr(from, to - from));
     }
     return !failed_ || !options_.bad_length_aborts;
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, header_callback_name);
+    return false;
 }
 
 // Replaces the buffer by one of the announced length, up to the ceiling: a length is only a claim.

@@ -5,7 +5,7 @@
 //            before the body counts, and none may follow. Nothing above image_size_ceiling is fetched.
 // Threads    Any. Downloads never overlap: a caller waits for its turn no longer than its own time-out,
 //            and has its whole time-out for the transfer then. Waits and transfers end within about a
-//            second of zsys_interrupted.
+//            second of a request to stop.
 // Failures   Logged; a failed download leaves nothing behind. Nothing throws.
 #pragma once
 

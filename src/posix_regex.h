@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstddef>
-#include <string_view>
 
 class posix_regex {
 public:
@@ -21,13 +20,11 @@ public:
 
     bool is_compiled() const { return compiled_; }
 
-    // Searches `text`, which needs no terminating zero; on a match the groups hold offsets into it.
-    // Only for an expression that is_compiled().
+    // On a match the groups hold offsets into `text`. Only for an expression that is_compiled().
     template <size_t N>
-    bool search(std::string_view text, std::array<regmatch_t, N>& groups) const
+    bool search(const char* text, std::array<regmatch_t, N>& groups) const
     {
-        groups[0] = {0, static_cast<regoff_t>(text.size())};
-        return regexec(&regex_, text.data(), N, groups.data(), REG_STARTEND) == 0;
+        return regexec(&regex_, text, N, groups.data(), 0) == 0;
     }
 
 private:

@@ -1,4 +1,5 @@
 #include "image_download.h"
+#include "signals.h"
 #include "support/http_responder.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"
@@ -51,9 +52,9 @@ bool give(image_receiver& receiver, std::string_view body)
     return receiver.take_body({reinterpret_cast<const uint8_t*>(body.data()), body.size()});
 }
 
-struct interrupted_flag { // CZMQ's own, put back at the end
-    static void raise() { __atomic_store_n(&zsys_interrupted, 1, __ATOMIC_RELAXED); }
-    ~interrupted_flag() { __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED); }
+struct stop_for_one_test { // puts CZMQ's flag back at the end
+    stop_for_one_test() { request_stop(); }
+    ~stop_for_one_test() { __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED); }
 };
 
 } // namespace
@@ -117,7 +118,8 @@ TEST(image_receiver, header_ends_where_its_bytes_end)
     const std::string_view more = "Content-Length: 123456";
     for (size_t digits = 1; digits <= 6; ++digits) {
         image_receiver receiver{lenient};
-        EXPECT_TRUE(receiver.take_header(more.substr(0, 16 + digits)));
+        const std::vector<char> line(more.begin(), more.begin() + 16 + static_cast<ptrdiff_t>(digits));
+        EXPECT_TRUE(receiver.take_header({line.data(), line.size()}));
         const size_t room = std::stoul(std::string{more.substr(16, digits)});
         EXPECT_TRUE(give(receiver, std::string(room, 'x')));
         EXPECT_FALSE(give(receiver, "x"));
@@ -629,8 +631,7 @@ TEST(image_download, end_of_the_daemon_ends_a_transfer_and_the_wait_for_one)
     auto running = std::async(std::launch::async, download);
     ASSERT_TRUE(server.wait_for_requests(1));
     auto waiting = std::async(std::launch::async, download);
-    const interrupted_flag flag;
-    interrupted_flag::raise();
+    const stop_for_one_test stop;
     EXPECT_EQ(text_of(running.get()), "(none)");
     EXPECT_EQ(text_of(waiting.get()), "(none)");
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 10s); // far below the time-out
@@ -642,8 +643,7 @@ TEST(image_download, nothing_is_fetched_any_more_once_the_daemon_ends)
     const temp_file file{"late.bin", std::string(100'000, 'x')};
     http_responder server{{{"/image.bin", {http_image("abc"), pace::then_stall}}}};
     log_capture log;
-    const interrupted_flag flag;
-    interrupted_flag::raise();
+    const stop_for_one_test stop;
     for (const std::string& url : {server.url("/image.bin"), file.url()}) {
         EXPECT_FALSE(image_download(url.c_str(), lenient));
         EXPECT_THAT(log.messages("main"), ElementsAre(aborted));
