@@ -25,6 +25,8 @@ constexpr size_t size = 8;
 // The `size` bytes behind the first `tag`, or nothing when they are not all there.
 static bytes_view find_record(bytes_view image, std::string_view tag, size_t size)
 {
+    if (image.size() < tag.size())
+        return {};
     const void* found = memmem(image.data(), image.size(), tag.data(), tag.size());
     if (found == nullptr)
         return {};

@@ -93,7 +93,7 @@ std::vector<std::string> http_responder::requests()
 size_t http_responder::most_at_once()
 {
     const std::lock_guard lock{m_mutex};
-    return m_most_open;
+    return m_most_unanswered;
 }
 
 void http_responder::accept_all()
@@ -106,7 +106,6 @@ void http_responder::accept_all()
         if (client < 0)
             continue;
         const std::lock_guard lock{m_mutex};
-        m_most_open = std::max(m_most_open, ++m_open);
         m_connections.emplace_back([this, client] { serve(client); });
     }
 }
@@ -131,14 +130,11 @@ void http_responder::serve(int client)
         {
             const std::lock_guard lock{m_mutex};
             m_requests.push_back(request);
+            m_most_unanswered = std::max(m_most_unanswered, ++m_unanswered);
             m_changed.notify_all();
         }
         if (found != m_answers.end())
             answer(client, found->second);
-    }
-    {
-        const std::lock_guard lock{m_mutex}; // before the client can see the close and come again
-        --m_open;
     }
     shutdown(client, SHUT_WR);
     close(client);
@@ -161,15 +157,26 @@ bool http_responder::held_until_release(int client)
     return poll(events.data(), events.size(), -1) > 0 && events[0].revents == 0 && events[2].revents == 0;
 }
 
+void http_responder::send_answer(int client, std::string_view bytes)
+{
+    const size_t last = bytes.empty() ? 0 : bytes.size() - 1;
+    send_all(client, bytes.substr(0, last));
+    {
+        const std::lock_guard lock{m_mutex};
+        --m_unanswered;
+    }
+    send_all(client, bytes.substr(last));
+}
+
 void http_responder::answer(int client, const http_answer& given)
 {
     switch (given.how) {
     case http_answer::pace::at_once:
-        send_all(client, given.bytes);
+        send_answer(client, given.bytes);
         return;
     case http_answer::pace::after_release:
         if (held_until_release(client))
-            send_all(client, given.bytes);
+            send_answer(client, given.bytes);
         return;
     case http_answer::pace::then_stall:
         if (send_all(client, given.bytes))

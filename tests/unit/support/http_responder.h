@@ -43,13 +43,15 @@ public:
     bool wait_for_requests(size_t number);
     // The requests so far, whole.
     std::vector<std::string> requests();
-    // The largest number of connections that were open at one time.
+    // The largest number of requests that at one time had not been answered whole.
     size_t most_at_once();
 
 private:
     void accept_all();
     void serve(int client);
     void answer(int client, const http_answer& given);
+    // Sends a whole answer, and counts it as given before its client can know its end.
+    void send_answer(int client, std::string_view bytes);
     // Until released (true) or the client has left or the server stops (false).
     bool held_until_release(int client);
 
@@ -63,8 +65,8 @@ private:
     std::condition_variable m_changed;
     std::vector<std::string> m_requests;
     std::vector<std::thread> m_connections;
-    size_t m_open = 0;
-    size_t m_most_open = 0;
+    size_t m_unanswered = 0;
+    size_t m_most_unanswered = 0;
 
     std::thread m_acceptor;
 };
