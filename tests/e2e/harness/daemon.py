@@ -173,8 +173,5 @@ class Daemon:
                 self.process.kill()
                 self.process.wait()
             self.output.close()
-            for peer in (self.handler, self.proxy, self.proxy_input, self.broker):
-                if peer:
-                    peer.close()
-            self.context.term()
+            self.context.destroy(linger=0)
         assert status == self.expected_status, f"exit status {status}: {self.text_of_output()}"

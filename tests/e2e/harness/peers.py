@@ -22,6 +22,19 @@ def wait_until(condition, what: str, deadline: float = DEADLINE):
         select.select([], [], [], 0.01)
 
 
+def bind(sock, endpoint: str):
+    """Binds, as soon as the one before has let go of the port: ZeroMQ closes behind our back."""
+    def bound():
+        try:
+            sock.bind(endpoint)
+            return True
+        except zmq.ZMQError as error:
+            if error.errno != zmq.EADDRINUSE:
+                raise
+            return False
+    wait_until(bound, f"{endpoint} to be free")
+
+
 class Stream:
     """A TCP connection with a buffer of what has arrived."""
 
@@ -112,12 +125,11 @@ class Bridge(Stream):
 class Inbox:
     """A ZeroMQ socket that collects what arrives, as lists of frames."""
 
-    def __init__(self, context, kind, endpoint: str, bind: bool = True):
+    def __init__(self, context, kind, endpoint: str):
         self.sock = context.socket(kind)
         self.sock.setsockopt(zmq.LINGER, 0)
-        if kind in (zmq.PULL, zmq.SUB):
-            self.sock.setsockopt(zmq.RCVHWM, 0)
-        (self.sock.bind if bind else self.sock.connect)(endpoint)
+        self.sock.setsockopt(zmq.RCVHWM, 0)
+        bind(self.sock, endpoint)
 
     def receive(self, deadline: float = DEADLINE):
         assert self.sock.poll(int(deadline * 1000)), "nothing arrived"
@@ -144,7 +156,8 @@ class Proxy:
         self.sock = context.socket(zmq.XPUB)
         self.sock.setsockopt(zmq.LINGER, 0)
         self.sock.setsockopt(zmq.XPUB_VERBOSE, 1)
-        self.sock.bind(endpoint)
+        self.sock.setsockopt(zmq.SNDHWM, 0)  # what is published faster than the gateway reads waits here
+        bind(self.sock, endpoint)
 
     def wait_subscribed(self, deadline: float = DEADLINE):
         assert self.sock.poll(int(deadline * 1000)), "the gateway did not subscribe"
