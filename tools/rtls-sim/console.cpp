@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -13,10 +14,13 @@ namespace sim {
 using namespace std::chrono_literals;
 
 static constexpr auto counters_interval = 5s; // where they cannot be redrawn in place
+static constexpr size_t buffer_size = 64 * 1024;
 
 console::console(console_options options, FILE* out)
     : out_(out), options_(options), is_terminal_(isatty(fileno(out)) != 0)
 {
+    // Lines and counters reach the screen together, at the next flush: the counters do not flicker.
+    std::setvbuf(out, nullptr, _IOFBF, buffer_size);
 }
 
 console::~console()
@@ -98,8 +102,6 @@ void console::print_locked(std::string_view line)
     erase_counters_locked();
     std::fwrite(line.data(), 1, line.size(), out_);
     std::fputc('\n', out_);
-    if (is_terminal_)
-        draw_counters_locked();
 }
 
 void console::erase_counters_locked()
@@ -109,11 +111,14 @@ void console::erase_counters_locked()
     counters_drawn_ = false;
 }
 
+// Cut to the window's width: a line that wraps could not be erased again.
 void console::draw_counters_locked()
 {
-    if (counters_.empty())
+    winsize window{};
+    if (counters_.empty() || ioctl(fileno(out_), TIOCGWINSZ, &window) != 0)
         return;
-    fmt::print(out_, "\r\033[K\033[7m{}\033[0m", counters_);
+    const size_t width = window.ws_col > 0 ? window.ws_col : 80;
+    fmt::print(out_, "\r\033[K\033[7m{:.{}}\033[0m", counters_, width - 1);
     counters_drawn_ = true;
 }
 

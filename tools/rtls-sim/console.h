@@ -32,7 +32,7 @@ public:
     void traffic(std::string_view line);
     // A line that is always printed.
     void notice(std::string_view line);
-    // Sets the counters. Redrawn at once on a terminal.
+    // Sets the counters; on a terminal, redraws them at the next flush.
     void counters(std::string_view line);
     // Writes out what is buffered. False when nobody reads any more.
     bool flush();
