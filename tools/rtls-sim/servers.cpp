@@ -33,10 +33,11 @@ void stamp_watch::seen(const stamp_t& stamp)
         r.last = stamp.counter;
     } else if (r.gaps.erase(stamp.counter) == 0) {
         // Reports take several connections, so the first one to come need not be the first of the run.
-        if (stamp.counter < r.first)
-            r.first = stamp.counter;
-        else
+        if (stamp.counter >= r.first)
             ++r.repeated;
+        for (uint64_t missed = stamp.counter + 1; missed < r.first && r.gaps.size() < most_gaps; ++missed)
+            r.gaps.insert(missed);
+        r.first = std::min(r.first, stamp.counter);
     }
 }
 

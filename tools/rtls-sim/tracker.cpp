@@ -178,8 +178,8 @@ std::vector<std::string> tracker::summary() const
     std::vector<std::string> lines;
     for (size_t i = 0; i < kinds; ++i)
         if (const auto& counts = now.by_kind[i]; counts.sent + counts.received > 0)
-            lines.push_back(fmt::format("  {:<18} sent {:>9}  received {:>9}",
-                                        kind_name(static_cast<kind>(i)), counts.sent, counts.received));
+            lines.push_back(fmt::format("  {:<18} sent {:>9}{}", kind_name(static_cast<kind>(i)), counts.sent,
+                                        count_only_ ? "" : fmt::format("  received {:>9}", counts.received)));
     if (!count_only_)
         lines.push_back(fmt::format("reports: sent {}  received {}  missing {}  unexpected {}  wrong time {}",
                                     now.sent, now.received, now.in_flight + now.lost, now.unexpected,
