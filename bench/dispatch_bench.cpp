@@ -11,36 +11,37 @@
 
 #include <benchmark/benchmark.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
-#include <numeric>
 #include <string>
 
 namespace {
 
 // Below the depth of every queue.
-constexpr size_t batch = 500;
+constexpr size_t batch = 250;
 
 const bytes_t sender_ip = hex("FE 80 00 00 00 00 00 00 00 A2 A3 A4 00 00 00 00"); // of node 0
 const bytes_t sender_mac = hex("E4 A2 A3 A4 00 00 00 00");
 const bytes_t bridge_mac = hex("AB CD EF 01 2A BC DE 3F");
 
-// A gateway between a bridge that swallows everything and two servers that do the same.
+// A gateway between a bridge on a real connection and two servers.
 class dispatch_world : public idle_gateway {
 public:
     dispatch_world()
-        : m_handler(zsock_new_pull("@inproc://dispatch_bench_handler")),
-          m_proxy(zsock_new_pull("@inproc://dispatch_bench_proxy"))
+        : m_handler(new_peer(server().msg_handler_sock)), m_proxy(new_peer(server().proxy_input_sock)),
+          m_connection(connect_bridge()), m_replies(win_client_new(m_bridge->id))
     {
-        zsock_connect(server().msg_handler_sock, "inproc://dispatch_bench_handler");
-        zsock_connect(server().proxy_input_sock, "inproc://dispatch_bench_proxy");
-        bridge().pending_data = static_cast<uint8_t*>(malloc(pending_data_step));
-        bridge().pending_buffsize = pending_data_step;
         server().rpl_timer_is_active = true; // PANID requests only leave a note
     }
 
     ~dispatch_world()
     {
+        close(m_connection);
+        void* replies = m_replies;
+        win_client_destroy(&replies);
         zsock_destroy(&m_handler);
         zsock_destroy(&m_proxy);
     }
@@ -59,26 +60,65 @@ public:
             store_be32(ip, 12, i);
             NODE_t* node = nodes_container_find_or_create_by_mac(nodes(), mac.data(), nullptr, 0);
             nodes_container_set_address(nodes(), node, ip.data(), false);
-            node_update_win_client_ID(node, bridge().id);
+            node_update_win_client_ID(node, m_bridge->id);
         }
     }
 
     bool receive(const bytes_t& frame)
     {
-        memcpy(bridge().pending_data, frame.data(), frame.size());
-        bridge().pending_data_size = frame.size();
-        return process_data_from_win_client(&server(), &bridge());
+        memcpy(m_bridge->pending_data, frame.data(), frame.size());
+        m_bridge->pending_data_size = frame.size();
+        return process_data_from_win_client(&server(), m_bridge);
     }
 
-    // What the servers and the bridge have been sent.
-    size_t empty_queues()
+    // Takes what the servers and the bridge have been sent; false when it is not as many messages as that.
+    bool take(size_t expected)
     {
-        const size_t replies = zlist_size(bridge().unsent_messages);
-        drop_unsent(bridge());
-        return replies + empty(m_handler) + empty(m_proxy);
+        size_t taken = empty(m_handler) + empty(m_proxy);
+        uint8_t bytes[65536];
+        while (taken < expected) {
+            const ssize_t size = recv(m_connection, bytes, sizeof bytes, 0);
+            if (size <= 0)
+                return false;
+            win_client_decode(*m_replies, {bytes, static_cast<size_t>(size)}, count_reply, &taken);
+        }
+        (void)zsock_events(server().win_sock); // has it notice that the connection has been emptied
+        return taken == expected;
     }
 
 private:
+    static void count_reply(void* p_taken, WIN_CLIENT_t& /*decoder*/) { ++*static_cast<size_t*>(p_taken); }
+
+    static zsock_t* new_peer(zsock_t* server_sock)
+    {
+        static int number = 0; // a closed socket gives its name up some time later
+        const std::string endpoint = "inproc://dispatch_bench_" + std::to_string(++number);
+        zsock_t* peer = zsock_new_pull(("@" + endpoint).c_str());
+        zsock_connect(server_sock, "%s", endpoint.c_str());
+        return peer;
+    }
+
+    // Connects to the WIN port, and has the server take the connection in.
+    int connect_bridge()
+    {
+        const int port = zsock_bind(server().win_sock, "tcp://127.0.0.1:*");
+        const int connection = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const timeval patience{.tv_sec = 5, .tv_usec = 0};
+        setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        if (connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+            abort();
+        while (zhashx_size(server().clients) < 2) // the other is the one that is never connected
+            handle_win_clients(server().actor_loop, server().win_sock, &server());
+        for (void* item = zhashx_first(server().clients); item; item = zhashx_next(server().clients))
+            if (item != &bridge())
+                m_bridge = static_cast<WIN_CLIENT_t*>(item);
+        return connection;
+    }
+
     static size_t empty(zsock_t* peer)
     {
         size_t messages = 0;
@@ -90,8 +130,11 @@ private:
         return messages;
     }
 
+    WIN_CLIENT_t* m_bridge = nullptr; // the server's table owns it
     zsock_t* m_handler;
     zsock_t* m_proxy;
+    int m_connection;
+    WIN_CLIENT_t* m_replies; // decodes what the bridge receives
 };
 
 // --- frames; `seq` is set for each run
@@ -167,8 +210,8 @@ void dispatch(benchmark::State& state, const case_t& c)
             benchmark::DoNotOptimize(world.receive(frame));
         }
         state.PauseTiming();
-        if (world.empty_queues() != c.sent * batch)
-            state.SkipWithError("not every frame went its way");
+        if (!world.take(c.sent * batch))
+            return state.SkipWithError("not every frame went its way");
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations());
@@ -182,15 +225,18 @@ void dispatch_from_many(benchmark::State& state, const bytes_t& original, size_t
     world.introduce(count);
     bytes_t frame = original;
     uint32_t number = 0;
+    unsigned round = 0;
     while (state.KeepRunningBatch(batch)) {
         for (size_t i = 0; i < batch; i++) {
             number = (number + 7919) % count; // a prime: all of them, in no order of theirs
+            round += number == 0;
             store_be32(frame, mac_at, number);
-            ++frame[seq_at];
+            frame[seq_at] = static_cast<uint8_t>(round % 255 + 1); // never the zero of a new node
             benchmark::DoNotOptimize(world.receive(frame));
         }
         state.PauseTiming();
-        benchmark::DoNotOptimize(world.empty_queues());
+        if (!world.take(batch))
+            return state.SkipWithError("not every frame went its way");
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations());

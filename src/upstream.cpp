@@ -62,7 +62,27 @@ public:
     uint8_t* data() { return static_cast<uint8_t*>(zmq_msg_data(&m_message)); }
     bool send(void* socket, int flags) { return zmq_msg_send(&m_message, socket, flags) >= 0; }
 
+    // For a message's first part. A sender looks only every millisecond or so whether its queue has been
+    // emptied; in a burst it would refuse messages that there is room for.
+    bool send_first(void* socket, int flags)
+    {
+        if (send(socket, flags))
+            return true;
+        return errno == EAGAIN && has_room(socket) && send(socket, flags);
+    }
+
 private:
+    // Makes the sender look. Leaves errno as a full queue does when there is no room.
+    static bool has_room(void* socket)
+    {
+        int events = 0;
+        size_t size = sizeof events;
+        const bool room =
+            zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size) == 0 && (events & ZMQ_POLLOUT) != 0;
+        errno = EAGAIN;
+        return room;
+    }
+
     zmq_msg_t m_message;
     bool m_is_made;
 };
@@ -104,7 +124,7 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
     std::memcpy(data_part.data(), data, size);
 
     void* socket = zsock_resolve(server->msg_handler_sock);
-    if (time_part.send(socket, ZMQ_DONTWAIT | ZMQ_SNDMORE) && data_part.send(socket, ZMQ_DONTWAIT))
+    if (time_part.send_first(socket, ZMQ_DONTWAIT | ZMQ_SNDMORE) && data_part.send(socket, ZMQ_DONTWAIT))
         msg_handler_queue.accepted();
     else
         msg_handler_queue.refused(__func__, "zframe_send");
@@ -134,7 +154,7 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text)
                  reinterpret_cast<const char*>(line.data()));
 
     // Peers take the line's end from the frame's: there is no terminating zero.
-    if (line.send(zsock_resolve(server->proxy_input_sock), ZMQ_DONTWAIT))
+    if (line.send_first(zsock_resolve(server->proxy_input_sock), ZMQ_DONTWAIT))
         proxy_input_queue.accepted();
     else
         proxy_input_queue.refused(__func__, "zstr_send (proxy_input_sock)");
