@@ -30,8 +30,6 @@ protected:
         nodes_container_find_or_create_by_mac(nodes, hex(other_mac).data(), nullptr, 0);
     }
     ~spam_filter_test() override { nodes_container_destroy(&nodes); }
-    spam_filter_test(const spam_filter_test&) = delete;
-    spam_filter_test& operator=(const spam_filter_test&) = delete;
 
     // Whether `command` is dropped at this time (microseconds after the first second). The bytes stand in
     // a heap buffer of their exact size.

@@ -73,8 +73,6 @@ protected:
         close(bridge);
         udp_destroy(server->discovery_sock_descriptor);
     }
-    discovery_test(const discovery_test&) = delete;
-    discovery_test& operator=(const discovery_test&) = delete;
 
     // Sends one datagram and lets the gateway handle it.
     void send(const std::vector<uint8_t>& datagram, const char* to = gateway_address)

@@ -326,7 +326,9 @@ TEST_F(proxy_test, a_configuration_goes_on_in_the_form_and_order_that_the_node_n
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
         fresh_node({bridge, c.forwarded_ip, c.direct_mask});
-        EXPECT_EQ(printed_by(std::string("08040A0B") + c.role + "EE" + positions + mac),
+        std::string command = "08040A0B";
+        command.append(c.role).append("EE").append(positions).append(mac);
+        EXPECT_EQ(printed_by(command),
                   texts{std::string("PROXY: MSG_CONF_NODE_REQ dst:00A1 rf:10 rngf:11 role:") + c.role +
                         " sl:ee xyz:16909060;84281096;2314 zofs:2828"});
         const texts sent = sent_to(bridge);
@@ -892,7 +894,7 @@ TEST_F(reader_test, a_text_is_never_a_format)
 
 TEST_F(reader_test, a_huge_text_is_refused_by_its_type)
 {
-    handle("0804" + std::string(8 * 1024 * 1024, '0'));
+    handle("0804" + std::string(size_t{8} * 1024 * 1024, '0'));
     EXPECT_EQ(errors(), texts{"process_data_from_pub_sub_proxy (MSG_CONF_NODE_REQ): wrong size 4194306"});
 }
 

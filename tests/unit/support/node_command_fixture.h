@@ -34,8 +34,6 @@ class node_command_fixture : public testing::Test {
 protected:
     node_command_fixture();
     ~node_command_fixture() override;
-    node_command_fixture(const node_command_fixture&) = delete;
-    node_command_fixture& operator=(const node_command_fixture&) = delete;
 
     struct node_options_t {
         WIN_CLIENT_t* bridge = nullptr; // null: heard of only by way of other clients
