@@ -5,9 +5,10 @@
 
 #include <string_view>
 
-// Whether a POSIX extended pattern is cheap enough to compile and to match with. Nested repetition
-// counts can take gigabytes to compile, and back-references exponential time to match, and the thread
-// that does it serves every operator.
+// Whether a POSIX extended pattern is cheap enough to compile and to match with. The C library expands
+// repetitions when it compiles: "(a{1,9999}){1,99}" or a mere "x" with thirty "+" behind it takes
+// gigabytes, hours, or the whole stack; a back-reference makes matching exponential. The thread that
+// does either serves every operator.
 bool is_affordable_pattern(std::string_view pattern);
 
 // A compiled filter (malloc; release with regfree and free); or null, with errno telling of a shortage
