@@ -63,12 +63,12 @@ static uint16_t try_port(int type, uint16_t port)
     return bound;
 }
 
-gateway_ports free_ports()
+gateway_ports free_ports(port_choice choice)
 {
     gateway_ports ports;
     std::set<uint16_t> taken;
-    const auto settle = [&taken](int type, uint16_t& port) {
-        uint16_t found = try_port(type, port);
+    const auto settle = [&](int type, uint16_t& port) {
+        uint16_t found = choice == port_choice::usual_if_free ? try_port(type, port) : uint16_t{0};
         while (found == 0 || taken.contains(found))
             found = try_port(type, 0);
         taken.insert(found);

@@ -23,8 +23,9 @@ struct gateway_ports {
 // say stays as it is by default.
 std::optional<gateway_ports> read_ports(const std::string& config_file);
 
-// The usual ports, each replaced by any free one when somebody has it.
-gateway_ports free_ports();
+// The usual ports, each replaced by any free one when somebody has it; or only free ones, none of them usual.
+enum class port_choice { usual_if_free, any_free };
+gateway_ports free_ports(port_choice choice = port_choice::usual_if_free);
 
 // A configuration file for a gateway on this machine with these ports.
 std::string config_text(const gateway_ports& ports, const std::string& pid_file);

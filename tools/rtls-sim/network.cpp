@@ -59,7 +59,7 @@ private:
     std::unique_ptr<image_server> images_;
     std::vector<std::jthread> threads_;
     int signals_ = -1;
-    bool input_open_ = true;
+    bool input_open_;
     std::string typed_;
     phase phase_ = phase::gathering;
     steady::time_point entered_ = steady::now();
@@ -81,7 +81,7 @@ static int open_signals()
 }
 
 network::network(const network_options& options)
-    : options_(options), out_(options.console), signals_(open_signals())
+    : options_(options), out_(options.console), signals_(open_signals()), input_open_(options.read_commands)
 {
     if (!options.with_servers)
         tracker_.count_only();

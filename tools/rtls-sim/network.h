@@ -22,6 +22,7 @@ struct network_options {
     std::string ota_node = "0101";
     std::string images; // directory to serve over HTTP; empty: none
     uint16_t http_port = 8080;
+    bool read_commands = true; // from standard input
 };
 
 // Returns the exit status.
