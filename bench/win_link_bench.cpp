@@ -45,7 +45,7 @@ void encoder(benchmark::State& state)
 {
     const auto bytes = message(static_cast<size_t>(state.range(0)), static_cast<int>(state.range(1)));
     std::vector<uint8_t> out(slip_encoded_limit(bytes.size()));
-    for (auto _ : state)
+    while (state.KeepRunning())
         benchmark::DoNotOptimize(slip_encode(bytes, out.data()));
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes.size()));
 }
@@ -58,7 +58,7 @@ void decoder(benchmark::State& state)
     zframe_destroy(&id);
     size_t frames = 0;
     const auto count = [](void* counter, WIN_CLIENT_t&) { ++*static_cast<size_t*>(counter); };
-    for (auto _ : state)
+    while (state.KeepRunning())
         win_client_decode(*client, bytes, count, &frames);
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes.size()));
     state.SetItemsProcessed(static_cast<int64_t>(frames));

@@ -2,6 +2,7 @@
 
 #include "czmq_ptr.h"
 #include "link_text.h"
+#include "signals.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/win_link.h"
@@ -68,7 +69,7 @@ int any_gateway = 0; // construction only keeps the pointer
 // An ending actor raises the interrupt flag; the next test starts without.
 class win_server_actor_test : public testing::Test {
 protected:
-    ~win_server_actor_test() override { zsys_interrupted = 0; }
+    ~win_server_actor_test() override { clear_stop(); }
 
     log_capture log;
 };
@@ -214,9 +215,9 @@ TEST_F(win_server_actor_test, serves_until_it_is_destroyed)
         EXPECT_EQ(peer.receive(5), "sync\n");
         peer.send(hex("F5 00 00 05 AA F7"));
         EXPECT_EQ(peer.receive(6), text(hex("F5 00 00 05 AA F7")));
-        EXPECT_EQ(zsys_interrupted, 0);
+        EXPECT_FALSE(is_stop_requested());
     }
-    EXPECT_EQ(zsys_interrupted, 1) << "the end of the actor ends the gateway";
+    EXPECT_TRUE(is_stop_requested()) << "the end of the actor ends the gateway";
     EXPECT_THAT(log.messages("main"), ElementsAre("win_loop Ending"));
 }
 
@@ -243,7 +244,7 @@ TEST_F(win_server_actor_test, a_port_in_use_ends_the_gateway)
     log.take();
     ASSERT_TRUE(win_server_run(&gateway.win_server())); // the actor finds out later
     EXPECT_TRUE(log.wait_for("win_server_actor: zsock_bind: 98, Address already in use"));
-    EXPECT_TRUE(repeat_until([] { return zsys_interrupted != 0; }, [] { zclock_sleep(1); }));
+    EXPECT_TRUE(repeat_until(is_stop_requested, [] { zclock_sleep(1); }));
     EXPECT_FALSE(win_server_is_ready(&gateway.win_server()));
     EXPECT_THAT(log.messages("main"),
                 ElementsAre("win_server_actor: zsock_bind: 98, Address already in use"));
@@ -256,7 +257,7 @@ TEST_F(win_server_actor_test, without_arguments_signals_and_ends)
     zsock_t* pipe = zsys_create_pipe(&other_end);
     // A thread of its own: an actor blocks the signals of the thread that it runs in.
     std::thread{[&] { win_server_actor(pipe, nullptr); }}.join();
-    EXPECT_EQ(zsys_interrupted, 1);
+    EXPECT_TRUE(is_stop_requested());
     zsock_set_rcvtimeo(other_end, 1000);
     EXPECT_EQ(zsock_wait(other_end), 0) << "or else nobody could ever destroy the actor";
     std::thread{[] { win_server_actor(nullptr, nullptr); }}.join();
@@ -269,7 +270,7 @@ TEST_F(win_server_actor_test, without_arguments_signals_and_ends)
 TEST_F(win_server_actor_test, tear_down_takes_what_is_there)
 {
     destroy_actor_context(nullptr);
-    EXPECT_EQ(zsys_interrupted, 1);
+    EXPECT_TRUE(is_stop_requested());
     EXPECT_THAT(log.messages("main"), ElementsAre("destroy_actor_context: null pointer!"));
 
     const zconfig_ptr config = config_of(complete_config);
@@ -432,5 +433,5 @@ TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
         EXPECT_TRUE(
             repeat_until([&] { return win_server_copy_clients(&gateway.win_server()).empty(); }, [] {}));
     }
-    zsys_interrupted = 0;
+    clear_stop();
 }

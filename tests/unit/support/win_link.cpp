@@ -49,6 +49,11 @@ uint16_t free_tcp_port()
     return ntohs(addr.sin_port);
 }
 
+void clear_stop()
+{
+    __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED);
+}
+
 bool repeat_until(const std::function<bool()>& done, const std::function<void()>& step)
 {
     const auto deadline = steady_clock::now() + patience;

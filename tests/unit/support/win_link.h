@@ -13,11 +13,14 @@
 #include <string>
 #include <string_view>
 
-// The WIN port, and all a gateway needs besides: `win_port` of 0 asks for nothing that can be bound.
+// The text of a configuration file with these ports; nobody listens at the servers upstream.
 std::string gateway_config(uint16_t win_port, uint16_t discovery_port, uint16_t terminal_port);
 
 // A TCP port that nobody uses at the moment.
 uint16_t free_tcp_port();
+
+// Takes back that the process is to stop, which the end of an actor asks for. No actor may run.
+void clear_stop();
 
 // Repeats `step` until `done` holds; false when it does not within five seconds.
 bool repeat_until(const std::function<bool()>& done, const std::function<void()>& step);
