@@ -115,16 +115,17 @@ size_t node_table::bucket_of(const uint8_t* mac) const
 
 stored_node* node_table::find(const uint8_t* mac) noexcept
 {
-    stored_node* node = m_buckets[bucket_of(mac)];
-    unsigned passed = 0;
-    while (node && passed <= m_chain_limit && !has_mac(*node, mac)) {
-        node = node->next_in_bucket;
-        ++passed;
-    }
-    if (passed <= m_chain_limit)
-        return node;
-    if (may_spread())
+    if (may_spread()) {
+        stored_node* node = m_buckets[bucket_of(mac)];
+        unsigned passed = 0;
+        while (node && passed <= m_chain_limit && !has_mac(*node, mac)) {
+            node = node->next_in_bucket;
+            ++passed;
+        }
+        if (passed <= m_chain_limit)
+            return node;
         grow();
+    }
     const auto found = m_by_mac.find(as_number(mac));
     return found == m_by_mac.end() ? nullptr : found->second;
 }
