@@ -127,16 +127,17 @@ constexpr uint32_t crc_fold_eight(uint32_t crc, bytes_view eight)
            t[3][high & 0xFF] ^ t[2][high >> 8 & 0xFF] ^ t[1][high >> 16 & 0xFF] ^ t[0][high >> 24];
 }
 
-// By character: the hex digit's value, or -1 for what is none.
-constexpr std::array<int8_t, 256> make_digit_values()
+constexpr uint8_t no_digit = 0xFF;
+
+// By character: the hex digit's value, or no_digit.
+constexpr std::array<uint8_t, 256> make_digit_values()
 {
-    std::array<int8_t, 256> values{};
-    values.fill(-1);
-    for (int8_t i = 0; i < 10; ++i)
-        values[static_cast<size_t>('0' + i)] = i;
-    for (int8_t i = 0; i < 6; ++i)
-        values[static_cast<size_t>('a' + i)] = values[static_cast<size_t>('A' + i)] =
-            static_cast<int8_t>(10 + i);
+    std::array<uint8_t, 256> values{};
+    values.fill(no_digit);
+    for (uint8_t i = 0; i < 10; ++i)
+        values[size_t{'0'} + i] = i;
+    for (uint8_t i = 0; i < 6; ++i)
+        values[size_t{'a'} + i] = values[size_t{'A'} + i] = static_cast<uint8_t>(10 + i);
     return values;
 }
 
@@ -221,8 +222,8 @@ ssize_t string_to_uint8_arr(const char* hex_string, uint8_t* pret, ssize_t max_s
     ssize_t size = 0;
     int high = -1; // the first digit of a pair; -1 between pairs
     for (const char* p = hex_string; *p != '\0' && size <= max_size; ++p) {
-        const int digit = digit_values[static_cast<uint8_t>(*p)];
-        if (digit < 0) {
+        const uint8_t digit = digit_values[static_cast<uint8_t>(*p)];
+        if (digit == no_digit) {
             // As a signed char, whatever the platform's char is: a byte above 0x7F prints eight digits.
             logger_error(g_logger, "%s: Invalid input data: [%02X]", __func__,
                          static_cast<unsigned>(static_cast<signed char>(*p)));

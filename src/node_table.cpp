@@ -89,6 +89,7 @@ size_t seeded_hash(uint64_t low, uint64_t high)
 template <typename T>
 node_table::zeroed_array<T> node_table::make_zeroed(size_t count) noexcept
 {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer
     return zeroed_array<T>{static_cast<T*>(calloc(count, sizeof(T)))};
 }
 

@@ -21,9 +21,10 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Stands in for the C library's, to watch the options and to let one of them fail.
-static std::vector<std::pair<int, int>> options_set;
-static std::optional<int> failing_option;
+// Stands in for the C library's, to watch the options and to let one of them fail. The library behind the
+// logger sets options on threads of its own.
+static thread_local std::vector<std::pair<int, int>> options_set;
+static thread_local std::optional<int> failing_option;
 
 extern "C" int setsockopt(int handle, int level, int option, const void* value, socklen_t length)
 {

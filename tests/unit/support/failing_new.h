@@ -1,8 +1,11 @@
 // failing_new - lets allocations with `new` fail.
 //
-// A program that includes this replaces the global operators new and delete.
+// A program that uses this replaces the global operators new and delete. Where the thread sanitizer
+// owns them, nothing can be made to fail: ask first.
 // Threads    The failures hit the thread that asked for them, nobody else.
 #pragma once
+
+bool allocations_can_fail();
 
 // Lets the calling thread's next `count` allocations with `new` fail.
 void fail_next_allocations(unsigned count);
