@@ -271,16 +271,16 @@ TEST_F(gateway, firmware_files_is_checked_after_its_cut_to_16_bits)
 TEST_F(gateway, debug_sections_are_only_ever_switched_on)
 {
     const struct {
-        uint16_t before;
         std::vector<std::pair<const char*, const char*>> given;
+        uint16_t before;
         uint16_t then;
     } cases[] = {
-        {0, {}, 0},
-        {0, {{"debug/raw", "yes"}}, 0x01},
-        {0, {{"debug/parsing", "1"}, {"debug/ul_tdoa", "true"}}, 0x42},
-        {0, {{"debug/win", "on"}}, 0},
-        {0x7F, {{"debug/raw", "no"}}, 0x7F},
-        {0x08, {{"debug/discovery", "Y"}}, 0x18},
+        {{}, 0, 0},
+        {{{"debug/raw", "yes"}}, 0, 0x01},
+        {{{"debug/parsing", "1"}, {"debug/ul_tdoa", "true"}}, 0, 0x42},
+        {{{"debug/win", "on"}}, 0, 0},
+        {{{"debug/raw", "no"}}, 0x7F, 0x7F},
+        {{{"debug/discovery", "Y"}}, 0x08, 0x18},
     };
     const std::vector<config_item_t> all = m_keys;
     for (const auto& c : cases) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -121,8 +122,9 @@ TEST(scope_guard, runs_its_action_once_on_every_way_out)
     EXPECT_EQ(runs, 1);
     try {
         const scope_guard_ptr guard = execute_on_scope_exit([&runs] { ++runs; });
-        throw runs;
-    } catch (int) {
+        EXPECT_NE(guard, nullptr);
+        throw std::runtime_error("on the way out");
+    } catch (const std::runtime_error&) {
         EXPECT_EQ(runs, 2);
     }
     EXPECT_EQ(runs, 2);

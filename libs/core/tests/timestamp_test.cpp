@@ -43,11 +43,11 @@ TEST(timestamp, is_taken_apart_into_seconds_and_milliseconds)
 {
     const struct {
         long seconds;
-        unsigned milliseconds;
         long then_seconds;
+        unsigned milliseconds;
         unsigned then_milliseconds;
     } cases[] = {
-        {0, 0, 0, 0}, {1714568822, 45, 1714568822, 45}, {7, 999, 7, 999}, {7, 1000, 8, 0}, {-1, 1, -1, 1},
+        {0, 0, 0, 0}, {1714568822, 1714568822, 45, 45}, {7, 7, 999, 999}, {7, 8, 1000, 0}, {-1, -1, 1, 1},
     };
     for (const auto& c : cases) {
         const timestamp time(c.seconds, c.milliseconds);

@@ -4,7 +4,8 @@
 // Ownership  The caller owns what a create function returns and releases it with the matching destroy
 //            function. Component loggers must be destroyed before their logger.
 // Threads    Every function may be called from any thread, create and destroy of one handle excepted.
-// Failures   A null component logger writes nothing; destroying null does nothing. Nothing throws.
+// Failures   A null component logger writes nothing; destroying null does nothing. Nothing throws; a
+//            record that there is no memory for ends the process. Every record leaves errno as it was.
 #pragma once
 
 #include "core/ctimestamp.h"
