@@ -70,7 +70,8 @@ public:
     // Adds the terminating zero; the length without it.
     size_t terminate()
     {
-        text({"", 1});
+        constexpr char zero = '\0';
+        text({&zero, 1});
         return m_size - 1;
     }
 
