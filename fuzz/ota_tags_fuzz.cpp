@@ -4,14 +4,14 @@
 #include <algorithm>
 #include <cstdlib>
 #include <optional>
-#include <string_view>
+#include <span>
 #include <vector>
 
-static constexpr std::string_view board_tag{"@BoardVer", 10};
-static constexpr std::string_view firmware_tag{"@Firmware", 10};
+static constexpr char board_tag[] = "@BoardVer"; // with their terminating zeros
+static constexpr char firmware_tag[] = "@Firmware";
 
 // Writes what fits of the tag at the place given: chance alone never makes one.
-static void plant(std::vector<uint8_t>& image, std::string_view tag, size_t at)
+static void plant(std::vector<uint8_t>& image, std::span<const char> tag, size_t at)
 {
     if (at < image.size())
         std::copy_n(tag.begin(), std::min(tag.size(), image.size() - at),
@@ -19,7 +19,8 @@ static void plant(std::vector<uint8_t>& image, std::string_view tag, size_t at)
 }
 
 // Where the record behind the first tag begins, if all of it is there; found the plain way.
-static std::optional<size_t> record_of(const std::vector<uint8_t>& image, std::string_view tag, size_t size)
+static std::optional<size_t> record_of(const std::vector<uint8_t>& image, std::span<const char> tag,
+                                       size_t size)
 {
     const auto found = std::search(image.begin(), image.end(), tag.begin(), tag.end());
     const auto rest = static_cast<size_t>(image.end() - found);

@@ -3,11 +3,11 @@
 #include "logger.h"
 
 #include <cstring>
-#include <string_view>
+#include <span>
 
-// The zero byte at their end belongs to the tags: the words alone stand elsewhere in images, too.
-static constexpr std::string_view board_tag{"@BoardVer", 10};
-static constexpr std::string_view firmware_tag{"@Firmware", 10};
+// Their terminating zero belongs to the tags: the words alone stand elsewhere in images, too.
+static constexpr char board_tag[] = "@BoardVer";
+static constexpr char firmware_tag[] = "@Firmware";
 
 namespace board_record { // behind its tag
 constexpr size_t board_version = 0;
@@ -23,7 +23,7 @@ constexpr size_t size = 8;
 } // namespace firmware_record
 
 // The `size` bytes behind the first `tag`, or nothing when they are not all there.
-static bytes_view find_record(bytes_view image, std::string_view tag, size_t size)
+static bytes_view find_record(bytes_view image, std::span<const char> tag, size_t size)
 {
     if (image.size() < tag.size())
         return {};

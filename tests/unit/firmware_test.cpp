@@ -258,10 +258,10 @@ TEST(firmware_msg_pack, pages_of_images)
         {513, 1, 1, EOF_FIRMWARE, false},
         {1, 0, 1, EOF_FIRMWARE, false},
         {0, 0, 0, EOF_FIRMWARE, true},
-        {65536 * 512, 65535, 512, untouched_flag, false}, // the last page number there is
-        {65536 * 512 - 1, 65535, 511, EOF_FIRMWARE, false},
-        {65535 * 512, 65535, 0, EOF_FIRMWARE, true},
-        {128 * 512 + 5, 128, 5, EOF_FIRMWARE, false}, // past 16 bits
+        {size_t{65536} * 512, 65535, 512, untouched_flag, false}, // the last page number there is
+        {size_t{65536} * 512 - 1, 65535, 511, EOF_FIRMWARE, false},
+        {size_t{65535} * 512, 65535, 0, EOF_FIRMWARE, true},
+        {size_t{128} * 512 + 5, 128, 5, EOF_FIRMWARE, false}, // past 16 bits
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "page " << c.page << " of " << c.size << " bytes");

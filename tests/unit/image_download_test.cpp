@@ -255,7 +255,7 @@ TEST(image_download, answer_becomes_an_image_or_a_failed_download)
         std::string answer;
         std::string then; // the image
         std::vector<std::string> logged;
-        std::string target = "";
+        std::string target = {};
     } cases[] = {
         {"exact length", http_image("abcde"), "abcde", {}},
         {"binary bytes", http_image(std::string_view{"\0\xFF\r\n\r\n\0", 7}), {"\0\xFF\r\n\r\n\0", 7}, {}},
