@@ -205,9 +205,9 @@ TEST(win_server_destroy, leaves_the_handle_null)
 
 TEST_F(win_server_actor_test, serves_until_it_is_destroyed)
 {
-    const uint16_t port = free_tcp_port();
+    const uint16_t port = unused_tcp_port();
     {
-        const test_gateway gateway{gateway_config(port, free_tcp_port(), 1)};
+        const configured_gateway gateway{gateway_config(port, unused_tcp_port(), 1)};
         log.take();
         ASSERT_TRUE(win_server_run(&gateway.win_server()));
         ASSERT_TRUE(wait_ready(&gateway.win_server()));
@@ -223,8 +223,8 @@ TEST_F(win_server_actor_test, serves_until_it_is_destroyed)
 
 TEST_F(win_server_actor_test, is_run_once)
 {
-    const uint16_t port = free_tcp_port();
-    const test_gateway gateway{gateway_config(port, free_tcp_port(), 1)};
+    const uint16_t port = unused_tcp_port();
+    const configured_gateway gateway{gateway_config(port, unused_tcp_port(), 1)};
     log.take();
     ASSERT_TRUE(win_server_run(&gateway.win_server()));
     EXPECT_FALSE(win_server_run(&gateway.win_server()));
@@ -240,7 +240,7 @@ TEST_F(win_server_actor_test, a_port_in_use_ends_the_gateway)
     zsock_t* owner = zsock_new(ZMQ_STREAM);
     const int port = zsock_bind(owner, "tcp://*:*");
     ASSERT_GT(port, 0);
-    const test_gateway gateway{gateway_config(static_cast<uint16_t>(port), free_tcp_port(), 1)};
+    const configured_gateway gateway{gateway_config(static_cast<uint16_t>(port), unused_tcp_port(), 1)};
     log.take();
     ASSERT_TRUE(win_server_run(&gateway.win_server())); // the actor finds out later
     EXPECT_TRUE(log.wait_for("win_server_actor: zsock_bind: 98, Address already in use"));
@@ -405,9 +405,9 @@ TEST(win_server_copy_clients, gives_what_other_threads_may_know)
 
 TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
 {
-    const uint16_t port = free_tcp_port();
+    const uint16_t port = unused_tcp_port();
     {
-        const test_gateway gateway{gateway_config(port, free_tcp_port(), 1)};
+        const configured_gateway gateway{gateway_config(port, unused_tcp_port(), 1)};
         ASSERT_TRUE(win_server_run(&gateway.win_server()));
         ASSERT_TRUE(wait_ready(&gateway.win_server()));
         std::atomic<bool> done{false};

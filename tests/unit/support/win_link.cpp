@@ -35,7 +35,7 @@ std::string gateway_config(uint16_t win_port, uint16_t discovery_port, uint16_t 
 }
 
 // By a socket of the system's own: CZMQ's listeners are closed some time after zsock_destroy.
-uint16_t free_tcp_port()
+uint16_t unused_tcp_port()
 {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
@@ -45,7 +45,7 @@ uint16_t free_tcp_port()
                        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) == 0;
     close(fd);
     if (!bound)
-        throw std::runtime_error("free_tcp_port: no port");
+        throw std::runtime_error("unused_tcp_port: no port");
     return ntohs(addr.sin_port);
 }
 
@@ -70,28 +70,28 @@ static void* gateway_from(std::string_view config)
     char path[] = "/tmp/win_link_XXXXXX";
     const int fd = mkstemp(path);
     if (fd < 0 || write(fd, config.data(), config.size()) != static_cast<ssize_t>(config.size()))
-        throw std::runtime_error("test_gateway: no configuration file");
+        throw std::runtime_error("configured_gateway: no configuration file");
     close(fd);
     void* gateway = rtls_gateway_new(path);
     std::remove(path);
     if (!gateway)
-        throw std::runtime_error("test_gateway: no gateway");
+        throw std::runtime_error("configured_gateway: no gateway");
     return gateway;
 }
 
-test_gateway::test_gateway(std::string_view config) : m_gateway(gateway_from(config)) {}
+configured_gateway::configured_gateway(std::string_view config) : m_gateway(gateway_from(config)) {}
 
-test_gateway::~test_gateway()
+configured_gateway::~configured_gateway()
 {
     rtls_gateway_destroy(&m_gateway);
 }
 
-void* test_gateway::nodes() const
+void* configured_gateway::nodes() const
 {
     return rtls_gateway_get_nodes_container(m_gateway);
 }
 
-WIN_SERVER_t& test_gateway::win_server() const
+WIN_SERVER_t& configured_gateway::win_server() const
 {
     return *static_cast<WIN_SERVER_t*>(rtls_gateway_get_win_server(m_gateway));
 }

@@ -17,7 +17,7 @@
 std::string gateway_config(uint16_t win_port, uint16_t discovery_port, uint16_t terminal_port);
 
 // A TCP port that nobody uses at the moment.
-uint16_t free_tcp_port();
+uint16_t unused_tcp_port();
 
 // Takes back that the process is to stop, which the end of an actor asks for. No actor may run.
 void clear_stop();
@@ -26,12 +26,12 @@ void clear_stop();
 bool repeat_until(const std::function<bool()>& done, const std::function<void()>& step);
 
 // A gateway from the text of a configuration file; destroyed with the object.
-class test_gateway {
+class configured_gateway {
 public:
-    explicit test_gateway(std::string_view config);
-    ~test_gateway();
-    test_gateway(const test_gateway&) = delete;
-    test_gateway& operator=(const test_gateway&) = delete;
+    explicit configured_gateway(std::string_view config);
+    ~configured_gateway();
+    configured_gateway(const configured_gateway&) = delete;
+    configured_gateway& operator=(const configured_gateway&) = delete;
 
     void* handle() const { return m_gateway; }
     void* nodes() const;
@@ -71,6 +71,6 @@ public:
     std::string fill(WIN_CLIENT_t& client) const;
 
 private:
-    test_gateway m_gateway;
+    configured_gateway m_gateway;
     uint16_t m_port;
 };
