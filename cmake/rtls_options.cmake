@@ -15,6 +15,10 @@ if(RTLS_FUZZERS)
   target_compile_options(rtls_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
+# Test programs are compiled once and run once: optimizing them costs more than it saves.
+add_library(rtls_test_options INTERFACE)
+target_compile_options(rtls_test_options INTERFACE -O0 -g1)
+
 # rtls_add_tests(<source>... LIBRARIES <library>...): each source is one GoogleTest program
 # named after its file.
 function(rtls_add_tests)
@@ -22,7 +26,7 @@ function(rtls_add_tests)
   foreach(source IN LISTS arg_UNPARSED_ARGUMENTS)
     cmake_path(GET source STEM name)
     add_executable(${name} ${source})
-    target_link_libraries(${name} PRIVATE rtls_options ${arg_LIBRARIES} GTest::gtest_main GTest::gmock)
+    target_link_libraries(${name} PRIVATE rtls_options rtls_test_options ${arg_LIBRARIES} GTest::gtest_main GTest::gmock)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES
       TIMEOUT 300
       ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp")
