@@ -98,8 +98,13 @@ test_gateway::test_gateway() : m_terminal_port(free_tcp_port()), m_win_port(free
 
 test_gateway::~test_gateway()
 {
-    rtls_gateway_destroy(&m_handle);
+    stop();
     zsys_interrupted = 0;
+}
+
+void test_gateway::stop()
+{
+    rtls_gateway_destroy(&m_handle);
 }
 
 void* test_gateway::nodes() const

@@ -32,6 +32,7 @@ public:
 
     void run_terminal_server(); // and waits until it is ready
     void run_win_server();
+    void stop(); // destroys the gateway; the handle is null from then on
 
     void* handle() const { return m_handle; }
     void* nodes() const;
