@@ -11,11 +11,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -56,14 +58,22 @@ static uint16_t own_port(int fd)
     return ntohs(addr.sin_port);
 }
 
+// Below the range from which the system takes the ports of outgoing connections: another test's
+// connection could get the port between our looking and our using it.
 uint16_t free_tcp_port()
 {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = ipv4_address("0.0.0.0", 0);
-    require(fd >= 0 && bind(fd, generic(addr), sizeof addr) == 0, "bind");
-    const uint16_t port = own_port(fd);
-    ::close(fd);
-    return port;
+    static std::mt19937 random{std::random_device{}()};
+    std::uniform_int_distribution<unsigned> ports{10'000, 30'000};
+    for (;;) {
+        const auto port = static_cast<uint16_t>(ports(random));
+        const int fd = socket(AF_INET, SOCK_STREAM, 0);
+        require(fd >= 0, "socket");
+        sockaddr_in addr = ipv4_address("0.0.0.0", port);
+        const bool is_free = bind(fd, generic(addr), sizeof addr) == 0;
+        ::close(fd);
+        if (is_free)
+            return port;
+    }
 }
 
 bool comes_true(const std::function<bool()>& condition, int timeout_ms)
