@@ -11,8 +11,6 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
-#include <numeric>
-#include <tuple>
 
 static constexpr char str_null_win_clients[] = "%s: null pointer to win clients!";
 
