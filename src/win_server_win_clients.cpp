@@ -45,6 +45,30 @@ private:
     zmq_msg_t m_message;
 };
 
+// A copy of bytes that is to be sent; released unless it has been.
+class outgoing_frame {
+public:
+    explicit outgoing_frame(bytes_view bytes) : m_is_made(zmq_msg_init_size(&m_message, bytes.size()) == 0)
+    {
+        if (m_is_made)
+            std::memcpy(zmq_msg_data(&m_message), bytes.data(), bytes.size());
+    }
+    ~outgoing_frame()
+    {
+        if (m_is_made)
+            zmq_msg_close(&m_message);
+    }
+    outgoing_frame(const outgoing_frame&) = delete;
+    outgoing_frame& operator=(const outgoing_frame&) = delete;
+
+    bool is_made() const { return m_is_made; }
+    bool send(void* socket) { return zmq_msg_send(&m_message, socket, ZMQ_DONTWAIT) >= 0; }
+
+private:
+    zmq_msg_t m_message;
+    bool m_is_made;
+};
+
 using win_client_ptr = std::unique_ptr<void, destroyed_by<win_client_destroy>>;
 
 bool read_peer_address(int fd, sockaddr_in& addr)
@@ -168,23 +192,6 @@ private:
     bytes_view m_bytes;
 };
 
-// Sends one frame of data; the socket decides by the identity sent before it whose it is.
-bool send_data(zsock_t* sock, const uint8_t* data, size_t size)
-{
-    zmq_msg_t message;
-    if (zmq_msg_init_size(&message, size) != 0) {
-        log_call_error("esc_data_to_win_client", "zframe_new");
-        return false;
-    }
-    std::memcpy(zmq_msg_data(&message), data, size);
-    if (zmq_msg_send(&message, zsock_resolve(sock), ZMQ_DONTWAIT) >= 0)
-        return true;
-    const int error = errno;
-    zmq_msg_close(&message);
-    errno = error;
-    return false;
-}
-
 } // namespace
 
 int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
@@ -261,10 +268,17 @@ bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uin
         logger_error(g_logger, str_null_pointer, __func__);
         return false;
     }
+    // Made before the identity is sent: an identity without data would leave the socket out of step, and
+    // the next client's identity would go to this one as data.
+    outgoing_frame frame{{data, size}};
+    if (!frame.is_made()) {
+        log_call_error(__func__, "zframe_new");
+        return false;
+    }
     // The identity is what fails when the peer does not read; the data after it is then not offered.
     zframe_t* id = client_id;
     if (zframe_send(&id, server->win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) != 0 ||
-        !send_data(server->win_sock, data, size)) {
+        !frame.send(zsock_resolve(server->win_sock))) {
         if (errno != EAGAIN)
             log_call_error(__func__, "zframe_send");
         return false;

@@ -2,12 +2,17 @@
 
 #include "czmq_ptr.h"
 #include "link_text.h"
+#include "support/failing_new.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
+#include "support/sanitizers.h"
 #include "support/win_link.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,6 +20,21 @@
 using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+// Whether the test's own thread is told that a connection's peer is gone.
+static thread_local bool peer_is_gone = false;
+
+// Takes the place of the library's.
+int getpeername(int fd, sockaddr* addr, socklen_t* length) noexcept
+{
+    if (peer_is_gone) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    static const auto next =
+        reinterpret_cast<int (*)(int, sockaddr*, socklen_t*)>(dlsym(RTLD_NEXT, "getpeername"));
+    return next(fd, addr, length);
+}
 
 namespace {
 
@@ -129,6 +149,27 @@ TEST(win_connection, is_greeted_outside_of_any_frame_and_named_by_its_own_port)
     EXPECT_THAT(log.messages("win"), ElementsAre("SLIP: new win client [" + key +
                                                  "] IP 127.0.0.1:" + std::to_string(peer.port())));
     EXPECT_THAT(log.messages("raw"), ElementsAre("SLIP_RAW_OUTPUT: 73796E630A [5] [" + key + "]"));
+}
+
+TEST(win_connection, whose_peer_cannot_be_named_is_kept_all_the_same)
+{
+    log_capture log;
+    const win_link link;
+    peer_is_gone = true;
+    tcp_peer peer{link.port()};
+    const bool connected = link.pump_until([&] { return link.clients() == 1; });
+    peer_is_gone = false;
+    ASSERT_TRUE(connected);
+    EXPECT_EQ(peer.receive(5), "sync\n");
+    const WIN_CLIENT_t* client = link.find(0);
+    ASSERT_NE(client, nullptr);
+    EXPECT_EQ(client->addr.sin_addr.s_addr, 0U);
+    EXPECT_THAT(log.messages("win"),
+                ElementsAre("SLIP: (E) Cannot get IP address for win client [" + key_of(*client) + "]"));
+
+    peer.send(framed_ping);
+    EXPECT_TRUE(link.pump_until([&] { return client->pending_data_size == ping.size(); }));
+    EXPECT_EQ(peer.receive(framed_ping.size()), text(framed_ping));
 }
 
 TEST(win_connection, closed_by_the_peer_is_forgotten)
@@ -258,6 +299,22 @@ TEST(data_to_win_client, refuses_missing_arguments)
     EXPECT_THAT(log.messages("main"), ElementsAre(then, then, then));
 }
 
+TEST(data_to_win_client, a_message_that_memory_is_too_short_for_is_neither_sent_nor_cached)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    log_capture log;
+    const win_link link;
+    WIN_CLIENT_t* lost = add_unreachable(link, "\0abcd");
+    log.take();
+    const bytes_t large(5000, 0x11);
+    fail_next_allocations(1);
+    EXPECT_FALSE(send_to(link, lost->id, large));
+    EXPECT_EQ(failures_left(), 0U);
+    EXPECT_THAT(log.messages("main"), ElementsAre("data_to_win_client: out of memory!"));
+    EXPECT_THAT(unsent(*lost), IsEmpty());
+}
+
 TEST(data_to_win_client, is_false_for_an_unknown_client_alone)
 {
     log_capture log;
@@ -337,8 +394,30 @@ TEST(esc_data_to_win_client, refuses_missing_arguments)
     EXPECT_FALSE(esc_data_to_win_client(nullptr, id.get(), ping.data(), 1));
     EXPECT_FALSE(esc_data_to_win_client(&link.server(), nullptr, ping.data(), 1));
     EXPECT_FALSE(esc_data_to_win_client(&link.server(), id.get(), nullptr, 1));
+    zsock_t* sock = std::exchange(link.server().win_sock, nullptr);
+    EXPECT_FALSE(esc_data_to_win_client(&link.server(), id.get(), ping.data(), 1));
+    link.server().win_sock = sock;
     const char* then = "esc_data_to_win_client: null pointer!";
-    EXPECT_THAT(log.messages("main"), ElementsAre(then, then, then));
+    EXPECT_THAT(log.messages("main"), ElementsAre(then, then, then, then));
+}
+
+TEST(esc_data_to_win_client, data_that_memory_is_too_short_for_leave_the_socket_in_step)
+{
+    if (!malloc_can_refuse)
+        GTEST_SKIP() << "the sanitizer ends the program instead of refusing the memory";
+    log_capture log;
+    const win_link link;
+    auto [first_peer, first] = link.connect();
+    auto [second_peer, second] = link.connect();
+    log.take();
+    EXPECT_FALSE(esc_data_to_win_client(&link.server(), first->id, ping.data(), SIZE_MAX / 8));
+    EXPECT_THAT(log.messages("main"),
+                ElementsAre("esc_data_to_win_client: zframe_new: 12, Cannot allocate memory"));
+
+    EXPECT_TRUE(send_to(link, second->id, hex("02")));
+    EXPECT_EQ(second_peer.receive(3), text(hex("F5 02 F7")));
+    EXPECT_TRUE(send_to(link, first->id, hex("01")));
+    EXPECT_EQ(first_peer.receive(3), text(hex("F5 01 F7")));
 }
 
 TEST(esc_data_to_win_client, caches_nothing_and_leaves_the_identity_usable)

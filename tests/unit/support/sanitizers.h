@@ -1,0 +1,14 @@
+// sanitizers - what a test cannot ask of a program that a sanitizer watches.
+#pragma once
+
+#if !defined(__has_feature)
+#define __has_feature(feature) 0
+#endif
+
+// Whether malloc refuses what no machine has; a sanitizer ends the program instead.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || __has_feature(address_sanitizer) ||     \
+    __has_feature(thread_sanitizer)
+inline constexpr bool malloc_can_refuse = false;
+#else
+inline constexpr bool malloc_can_refuse = true;
+#endif
