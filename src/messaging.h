@@ -150,7 +150,9 @@ struct gwMsgHeartbeat_t {
     static constexpr size_t sw_version = 23;  // LE
     static constexpr size_t pos_X = 27;       // LE, signed
     static constexpr size_t pos_Y = 31;       // LE, signed
-    static constexpr size_t pos_Z = 35;       // LE, signed; or z_val and z_offset, 16 bits each
+    static constexpr size_t pos_Z = 35;       // LE, signed; or its halves:
+    static constexpr size_t z_val = 35;       // LE, signed, 16 bits
+    static constexpr size_t z_offset = 37;    // LE, signed, 16 bits
     static constexpr size_t bridge_mac = 39;  // MAC of the bridge it is heard through
     static constexpr size_t ipaddr = 47;      // IPv6 address of the node; not forwarded upstream
     static constexpr size_t size = 63;
@@ -165,7 +167,9 @@ struct gwMsgConfigNode_t {
     static constexpr size_t sublocation_id = 5;
     static constexpr size_t pos_X = 6;
     static constexpr size_t pos_Y = 10;
-    static constexpr size_t pos_Z = 14;
+    static constexpr size_t pos_Z = 14; // or its halves:
+    static constexpr size_t z_val = 14;
+    static constexpr size_t z_offset = 16;
     static constexpr size_t ipaddr = 18; // IPv6 address of the node
     static constexpr size_t size = 34;
 };

@@ -143,8 +143,8 @@ static void print_heartbeat(const link_frame_t& frame, const heartbeat_t& heartb
     const bytes_view msg = frame.msg;
     const uint8_t* node = &msg[gwMsgHeartbeat_t::long_addr];
     const uint8_t* parent = &msg[gwMsgHeartbeat_t::parent_addr];
-    const auto z_val = static_cast<int16_t>(load_le16(msg, gwMsgHeartbeat_t::pos_Z));
-    const auto z_offset = static_cast<int16_t>(load_le16(msg, gwMsgHeartbeat_t::pos_Z + 2));
+    const auto z_val = static_cast<int16_t>(load_le16(msg, gwMsgHeartbeat_t::z_val));
+    const auto z_offset = static_cast<int16_t>(load_le16(msg, gwMsgHeartbeat_t::z_offset));
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
                  "%s %04X src:%02X%02X seq:%02X rf:%d rngf:%d role:%02X sl:%02x par:%02X%02X sw:%08x "
                  "xyz:%d;%d;%d zoff:%d",
