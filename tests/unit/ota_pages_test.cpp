@@ -4,6 +4,7 @@
 #include "ota.h"
 #include "rtls-gateway.h"
 #include "support/bridge_message_fixture.h"
+#include "support/failing_new.h"
 
 #include <string>
 
@@ -95,6 +96,18 @@ TEST_F(ota_pages, a_request_that_is_cut_short_is_refused)
         EXPECT_FALSE(send_page(slice(whole, 0, size))) << size;
     EXPECT_EQ(replies(), texts_t{});
     EXPECT_TRUE(send_page(whole));
+}
+
+TEST_F(ota_pages, an_answer_that_memory_is_too_short_for_is_left_to_the_servers)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    store_page(128, 0, ramp(128));
+    const bytes_t request = page_request(128, 0);
+    fail_next_allocations(1);
+    EXPECT_FALSE(send_page(request));
+    EXPECT_EQ(errors(), texts_t{"send_otapage_from_cache: out of memory!"});
+    EXPECT_EQ(replies(), texts_t{});
 }
 
 TEST_F(ota_pages, a_stored_page_goes_to_the_node)

@@ -2,6 +2,7 @@
 
 #include "czmq_ptr.h"
 #include "slip.h"
+#include "support/failing_new.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 
@@ -126,6 +127,17 @@ TEST(win_client_new, a_missing_identity_is_refused)
     log_capture log;
     EXPECT_EQ(win_client_new(nullptr), nullptr);
     EXPECT_THAT(log.messages("main"), ElementsAre("win_client_new: null pointer!"));
+}
+
+TEST(win_client_new, a_record_that_memory_is_too_short_for_is_reported)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    log_capture log;
+    const zframe_ptr id{zframe_new("\0abcd", 5)};
+    fail_next_allocations(1);
+    EXPECT_EQ(win_client_new(id.get()), nullptr);
+    EXPECT_THAT(log.messages("main"), ElementsAre("win_client_new: out of memory!"));
 }
 
 TEST(win_client_destroy, takes_what_is_there)
