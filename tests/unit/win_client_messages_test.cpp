@@ -580,6 +580,40 @@ TEST_F(win_client_messages, a_message_of_a_byte_or_two_borrows_the_rest_from_the
     EXPECT_EQ(reports().size(), 1U);
 }
 
+// --- a registry that has no node to give
+
+TEST_F(win_client_messages, without_a_node_only_the_ack_is_sent_and_an_envelope_refused)
+{
+    const std::string address = to_hex(hex(sender_ip));
+    const struct {
+        const char* given;
+        bytes_t frame;
+        bool accepted;
+        texts_t acks;
+    } cases[] = {
+        {"heartbeat", heartbeat({.type = 0x1104, .seq = 7}), true, {"100807" + address}},
+        {"PANID request", panid_req(7), true, {}},
+        {"root announcement", announce_root(7), true, {}},
+        {"sensor report", payload_message(0x1116, 7, hex("AA")) + hex(sender_ip), true, {"100807" + address}},
+        {"generic request",
+         payload_message(0x110E, 7, hex("00 0A")) + hex(sender_ip),
+         true,
+         {"100807" + address}},
+        {"envelope", envelope(heartbeat_body({}), sender_mac, 0x1100), false, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        server->rtls_gateway = nullptr;
+        const bool accepted = receive(c.frame);
+        server->rtls_gateway = gateway;
+        EXPECT_EQ(accepted, c.accepted);
+        EXPECT_EQ(replies(), c.acks);
+        EXPECT_EQ(reports(), texts_t{});
+        EXPECT_FALSE(server->rpl_timer_is_active);
+        EXPECT_EQ(node_count(), 0U);
+    }
+}
+
 // --- beside another thread
 
 TEST_F(win_client_messages, an_operator_may_delete_the_node_at_any_moment)
