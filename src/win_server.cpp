@@ -190,6 +190,17 @@ void win_server_nodes_update(void* p_win_server, zframe_t* client_id)
     dbg_print(server->dbg_client_sock, DBG_PARSING, "UPDATE", "send cmd: MSG_UPDATE_CMD to current node");
 }
 
+WIN_CLIENT_t* win_server_find_client(WIN_SERVER_t* server, const char* key)
+{
+    if (!server || !key) {
+        logger_error(g_logger, str_null_pointer, __func__);
+        return nullptr;
+    }
+    // Only the actor deletes clients, so that what is found outlives the lock.
+    const std::lock_guard guard{server->clients_mutex};
+    return static_cast<WIN_CLIENT_t*>(zhashx_lookup(server->clients, key));
+}
+
 // Cuts the TCP connection of a client whose queue is full, which the stream socket cannot close. The
 // descriptor may have been closed and given to somebody else since: only its peer's address proves it.
 static void shut_down_connection(const WIN_CLIENT_t& client)
@@ -224,8 +235,7 @@ void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
         return;
     }
     const client_key key{client_id}; // client_id may go with the record
-    close_connection(*server, client_id,
-                     static_cast<WIN_CLIENT_t*>(zhashx_lookup(server->clients, key.c_str())));
+    close_connection(*server, client_id, win_server_find_client(server, key.c_str()));
     server->closed_ids.remember(key.c_str());
     const std::lock_guard guard{server->clients_mutex};
     zhashx_delete(server->clients, key.c_str());
@@ -268,7 +278,7 @@ std::vector<win_client_info_t> win_server_copy_clients(void* p_win_server)
         return copies;
     }
     try {
-        // Not by the table's cursor: the actor's look-ups move it, and they take no lock.
+        // Not by the table's cursor: the actor's walks move it, and they take no lock.
         const std::lock_guard guard{server->clients_mutex};
         copy_clients_locked(*server, copies);
     } catch (const std::bad_alloc&) {

@@ -42,14 +42,18 @@ struct WIN_SERVER_t {
     zsock_t* msg_handler_sock = nullptr;
 
     int win_backlog = 0; // of the WIN port; 0: the library's default
-    // Other threads copy the table (win_server_copy_clients). The actor holds this around insert, delete
-    // and writes of mac_addr, not around its own reads.
+    // Other threads copy the table (win_server_copy_clients). The actor holds this around insert, delete,
+    // look-ups (one that meets a long chain moves the whole table to new buckets) and writes of mac_addr;
+    // not around its walks and what it reads of a record. Where both are held, the nodes container's lock
+    // is the outer one.
     std::mutex clients_mutex;
     closed_ids_t closed_ids;
     std::optional<int64_t> last_client_check; // zclock_mono of the last client check
 };
 
 // --- win_server.cpp
+// The client with this identity as upper-case hex, or nullptr. Moves the table's one cursor.
+WIN_CLIENT_t* win_server_find_client(WIN_SERVER_t* server, const char* key);
 // Closes one client's connection and forgets the client. `client_id` may be the client's own.
 void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id);
 // Takes over the MAC that the client's bridge gives itself; other threads see it whole (clients_mutex).

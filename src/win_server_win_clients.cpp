@@ -150,7 +150,7 @@ void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const client_key& key, 
 void handle_event(WIN_SERVER_t& server, received_frame& identity, received_frame& data)
 {
     const client_key key{identity.bytes()};
-    auto* client = static_cast<WIN_CLIENT_t*>(zhashx_lookup(server.clients, key.c_str()));
+    WIN_CLIENT_t* client = win_server_find_client(&server, key.c_str());
     const bytes_view bytes = data.bytes();
     if (client && !bytes.empty())
         on_data(server, *client, key, bytes);
@@ -241,10 +241,10 @@ bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t
         return false;
     }
     if (client_id) {
-        void* client = zhashx_lookup(server->clients, client_key{client_id}.c_str());
+        WIN_CLIENT_t* client = win_server_find_client(server, client_key{client_id}.c_str());
         if (!client)
             return false;
-        encoded_to_win_client(server, static_cast<WIN_CLIENT_t*>(client), message.bytes());
+        encoded_to_win_client(server, client, message.bytes());
         return true;
     }
     for (void* client = zhashx_first(server->clients); client; client = zhashx_next(server->clients))

@@ -12,8 +12,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 using testing::ElementsAre;
@@ -183,13 +187,15 @@ TEST(win_server, missing_arguments_are_reported)
     win_server_nodes_update(nullptr, nullptr);
     win_server_destroy(nullptr);
     delete_win_client(nullptr, nullptr);
+    EXPECT_EQ(win_server_find_client(nullptr, "0000000001"), nullptr);
     win_client_set_mac_addr(nullptr, nullptr, nullptr);
     EXPECT_THAT(log.messages("main"),
                 ElementsAre("win_server_new: null pointer!", "win_server_new: null pointer!",
                             "win_server_run: null pointer!", "win_server_is_ready: null pointer!",
                             "win_server_get_clients: null pointer!", "win_server_copy_clients: null pointer!",
                             "win_server_nodes_update: null pointer!", "win_server_destroy: null pointer!",
-                            "delete_win_client: null pointer!", "win_client_set_mac_addr: null pointer!"));
+                            "delete_win_client: null pointer!", "win_server_find_client: null pointer!",
+                            "win_client_set_mac_addr: null pointer!"));
 }
 
 TEST(win_server_destroy, leaves_the_handle_null)
@@ -401,6 +407,34 @@ TEST(win_server_copy_clients, gives_what_other_threads_may_know)
         EXPECT_EQ(copy.addr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
     }
     EXPECT_EQ(link.clients(), bridges.size()) << "the copy has not destroyed the records";
+}
+
+// A look-up may give the table new buckets and free the old ones, which a copy walks.
+TEST(win_server_copy_clients, keeps_look_ups_out_of_the_table)
+{
+    const win_link link;
+    auto [peer, client] = link.connect();
+    peer.send(hex("F5 00 00 05 AA F7"));
+    zmq_pollitem_t item{zsock_resolve(link.server().win_sock), 0, ZMQ_POLLIN, 0};
+    ASSERT_EQ(zmq_poll(&item, 1, 5000), 1);
+    const zframe_ptr stranger{zframe_new("\0abcd", 5)};
+    const uint8_t message = 1;
+    const struct {
+        const char* given;
+        std::function<void()> look_up;
+    } cases[] = {
+        {"a message for a client",
+         [&] { EXPECT_FALSE(data_to_win_client(&link.server(), stranger.get(), &message, 1)); }},
+        {"an event of a connection",
+         [&] { EXPECT_EQ(handle_win_clients(link.loop(), link.server().win_sock, &link.server()), 0); }},
+    };
+    for (const auto& c : cases) {
+        std::unique_lock copying{link.server().clients_mutex};
+        auto done = std::async(std::launch::async, c.look_up);
+        EXPECT_EQ(done.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout) << c.given;
+        copying.unlock();
+        done.get();
+    }
 }
 
 TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
