@@ -20,8 +20,10 @@ using PARSING_STATE_t = PARSING_STATE;
 // The step in which the buffer of a frame grows, and the most one frame may take.
 constexpr size_t pending_data_step = 512;
 constexpr size_t pending_data_limit = size_t{1024} * 1024;
-// The most bytes that wait for one client that does not read.
+// The most bytes that wait for one client that does not read, and the most messages: each takes some 400
+// bytes of memory beside its own, which for many small ones would be eighty times the bytes' limit.
 constexpr size_t unsent_messages_limit = size_t{16} * 1024 * 1024;
+constexpr size_t unsent_messages_number_limit = size_t{256} * 1024;
 // Supervision ticks for which an unwanted client is kept.
 constexpr unsigned int connection_delay_ticks = 5;
 

@@ -100,7 +100,7 @@ void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_vie
 // Sends bytes as they are to one client, without caching. False when they could not be sent.
 bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size);
 // Appends encoded bytes to the client's unsent messages. False when they are lost: memory is short or
-// unsent_messages_limit is reached.
+// a limit of theirs is reached.
 bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size);
 void rpl_version_to_win_clients(WIN_SERVER_t* server);
 int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server) noexcept;

@@ -289,11 +289,12 @@ bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uin
     return true;
 }
 
-// Whether `size` more bytes may wait for this client. Reports the first message lost since the cache
-// was last empty.
+// Whether one more message of `size` bytes may wait for this client. Reports the first message lost since the
+// cache was last empty.
 static bool cache_has_room(WIN_CLIENT_t& client, size_t size)
 {
-    if (client.unsent_bytes + size <= unsent_messages_limit)
+    if (client.unsent_bytes + size <= unsent_messages_limit &&
+        zlist_size(client.unsent_messages) < unsent_messages_number_limit)
         return true;
     if (!client.unsent_overflow)
         logger_error(g_logger,

@@ -482,6 +482,26 @@ TEST(data_to_cache, keeps_sixteen_mebibytes_and_reports_the_first_loss_alone)
     EXPECT_EQ(zlist_size(client->unsent_messages), 16U);
 }
 
+TEST(data_to_cache, keeps_no_more_small_messages_than_memory_is_meant_for)
+{
+    log_capture log;
+    const win_link link;
+    WIN_CLIENT_t* client = add_unreachable(link, "\0abcd");
+    // What waits already, without 262,142 records of it.
+    while (zlist_size(client->unsent_messages) < unsent_messages_number_limit - 2)
+        ASSERT_EQ(zlist_append(client->unsent_messages, zframe_new("x", 1)), 0);
+    client->unsent_bytes = unsent_messages_number_limit - 2;
+    log.take();
+    EXPECT_TRUE(data_to_cache(&link.server(), client, ping.data(), 1));
+    EXPECT_TRUE(data_to_cache(&link.server(), client, ping.data(), 1));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(data_to_cache(&link.server(), client, ping.data(), 1));
+    EXPECT_THAT(log.messages("main"),
+                ElementsAre("data_to_cache: win client [0061626364] IP 0.0.0.0:0 does not read: 262144 bytes "
+                            "wait for it, messages are lost!"));
+    EXPECT_EQ(zlist_size(client->unsent_messages), 262'144U);
+}
+
 TEST(rpl_version, goes_to_every_client_and_advances_each_time)
 {
     const win_link link;
