@@ -11,6 +11,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -69,6 +73,35 @@ struct server_owner {
 };
 
 int any_gateway = 0; // construction only keeps the pointer
+
+// The text with the value behind the last blank of `line` replaced.
+std::string replaced(std::string config, const std::string& line, const std::string& value)
+{
+    const size_t at = config.find(line);
+    const size_t value_at = line.rfind(' ') + 1;
+    return config.replace(at + value_at, line.size() - value_at, value);
+}
+
+// A UDP port that belongs to this object alone.
+class udp_port {
+public:
+    udp_port()
+    {
+        m_address.sin_family = AF_INET;
+        socklen_t size = sizeof m_address;
+        auto* generic = reinterpret_cast<sockaddr*>(&m_address);
+        EXPECT_EQ(bind(m_socket, generic, size), 0);
+        EXPECT_EQ(getsockname(m_socket, generic, &size), 0);
+    }
+    ~udp_port() { close(m_socket); }
+    udp_port(const udp_port&) = delete;
+    udp_port& operator=(const udp_port&) = delete;
+    uint16_t number() const { return ntohs(m_address.sin_port); }
+
+private:
+    int m_socket = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in m_address{};
+};
 
 // An ending actor raises the interrupt flag; the next test starts without.
 class win_server_actor_test : public testing::Test {
@@ -257,6 +290,42 @@ TEST_F(win_server_actor_test, a_port_in_use_ends_the_gateway)
     zsock_destroy(&owner);
 }
 
+TEST_F(win_server_actor_test, whatever_cannot_be_opened_ends_the_gateway)
+{
+    udp_port taken; // without SO_REUSEADDR, so that nobody shares it
+    const std::string good = gateway_config(unused_tcp_port(), unused_tcp_port(), 1);
+    const struct {
+        const char* given;
+        std::string config;
+        const char* then;
+    } cases[] = {
+        {"a discovery port in use", gateway_config(unused_tcp_port(), taken.number(), 1),
+         "udp_new_connection: bind: 98, Address already in use"},
+        {"a proxy address that is none", replaced(good, "pub_sub_proxy\n    address = 127.0.0.1", "a b"),
+         "win_server_actor: zsock_new_sub: 22, Invalid argument"},
+        {"a message handler address that is none",
+         replaced(good, "message_handler\n    address = 127.0.0.1", "a b"),
+         "win_server_actor: zsock_new_push: 22, Invalid argument"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        const configured_gateway gateway{c.config};
+        log.take();
+        ASSERT_TRUE(win_server_run(&gateway.win_server()));
+        EXPECT_TRUE(repeat_until(is_stop_requested, [] { zclock_sleep(1); }));
+        zactor_destroy(&gateway.win_server().actor); // its thread has ended then
+        const WIN_SERVER_t& server = gateway.win_server();
+        EXPECT_FALSE(win_server_is_ready(&gateway.win_server()));
+        EXPECT_EQ(server.discovery_sock_descriptor, -1);
+        EXPECT_EQ(server.win_sock, nullptr);
+        EXPECT_EQ(server.dbg_client_sock, nullptr);
+        EXPECT_EQ(server.interthread_sever_sock, nullptr);
+        EXPECT_EQ(server.proxy_sock, nullptr);
+        EXPECT_THAT(log.messages("main"), ElementsAre(c.then));
+        clear_stop();
+    }
+}
+
 TEST_F(win_server_actor_test, without_arguments_signals_and_ends)
 {
     zsock_t* other_end = nullptr;
@@ -345,6 +414,21 @@ TEST(delete_win_client, closes_the_connection_and_forgets_the_client)
         return client->pending_data_size == 4 && client->parsing_state == PS_NONE;
     }));
     EXPECT_EQ(other_peer.receive(6), text(hex("F5 00 00 05 AA F7")));
+}
+
+TEST(delete_win_client, of_an_unknown_identity_leaves_the_socket_in_step)
+{
+    log_capture log;
+    const win_link link;
+    auto [peer, client] = link.connect();
+    const zframe_ptr stranger{zframe_new("\0abcd", 5)};
+    log.take();
+    delete_win_client(&link.server(), stranger.get());
+    EXPECT_THAT(log.messages("main"), ElementsAre("delete_win_client: zframe_send: 113, Host unreachable"));
+    EXPECT_EQ(zframe_size(stranger.get()), 5U) << "the frame stays the caller's";
+    EXPECT_EQ(link.clients(), 1U);
+    win_server_nodes_update(&link.server(), client->id);
+    EXPECT_EQ(peer.receive(5), text(hex("F5 18 01 00 F7")));
 }
 
 TEST(delete_win_client, cuts_a_connection_that_takes_no_data)
