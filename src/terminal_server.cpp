@@ -354,13 +354,13 @@ bool terminal_server_is_ready(void* p_terminal_server)
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->ready;
 }
 
-// Sends the frame and gives it up either way.
+// Sends the frame and gives it up either way; errno tells why it was not sent.
 static bool send_request_frame(zframe_ptr frame, zsock_t* sock, int flags)
 {
     zframe_t* raw = frame.release();
     const bool sent = zframe_send(&raw, sock, flags) == 0;
     const int error = errno;
-    frame.reset(raw); // null when sent
+    zframe_destroy(&raw); // null when sent
     errno = error;
     return sent;
 }
