@@ -103,7 +103,8 @@ static void command_quit(const terminal_request_t& request)
         return;
     }
     if (!request.answer("bye bye.\n") || !request.answer("")) { // an empty text closes the connection
-        cut_connection(*request.client);
+        if (errno == EAGAIN) // otherwise it is gone, and its descriptor may be somebody else's
+            cut_connection(*request.client);
         return;
     }
     const zstr_ptr id_str{zframe_strhex(request.client->id)};

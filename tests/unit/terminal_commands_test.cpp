@@ -11,6 +11,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -18,6 +21,45 @@ using strings = std::vector<std::string>;
 
 static constexpr char operator_id[] = "operator";
 static constexpr char listening[] = "the terminal's own line";
+
+// A TCP connection within this process.
+class tcp_connection {
+public:
+    tcp_connection()
+    {
+        sockaddr_in addr = ipv4_address("127.0.0.1", 0);
+        socklen_t size = sizeof addr;
+        EXPECT_EQ(bind(m_listener, reinterpret_cast<sockaddr*>(&addr), size), 0);
+        EXPECT_EQ(listen(m_listener, 1), 0);
+        EXPECT_EQ(getsockname(m_listener, reinterpret_cast<sockaddr*>(&addr), &size), 0);
+        EXPECT_EQ(connect(m_connecting, reinterpret_cast<sockaddr*>(&addr), size), 0);
+        m_accepted = accept(m_listener, nullptr, nullptr);
+        EXPECT_GE(m_accepted, 0);
+    }
+    ~tcp_connection()
+    {
+        close(m_accepted);
+        close(m_connecting);
+        close(m_listener);
+    }
+    tcp_connection(const tcp_connection&) = delete;
+    tcp_connection& operator=(const tcp_connection&) = delete;
+
+    int accepted_fd() const { return m_accepted; }
+    sockaddr_in peer_address() const // of the accepting end
+    {
+        sockaddr_in addr{};
+        socklen_t size = sizeof addr;
+        EXPECT_EQ(getpeername(m_accepted, reinterpret_cast<sockaddr*>(&addr), &size), 0);
+        return addr;
+    }
+    bool is_cut() const { return send(m_accepted, "x", 1, MSG_NOSIGNAL) < 0; }
+
+private:
+    int m_listener = socket(AF_INET, SOCK_STREAM, 0);
+    int m_connecting = socket(AF_INET, SOCK_STREAM, 0);
+    int m_accepted = -1;
+};
 
 // Runs commands against a gateway that is not started, with a pair of sockets in place of the operator:
 // what the commands write is seen frame by frame.
@@ -506,6 +548,35 @@ TEST_F(terminal_commands_test, quit_says_goodbye_closes_and_forgets)
         EXPECT_THAT(m_log.messages("terminal"),
                     testing::Contains("CONS: Client 6F70657261746F72 disconnected"));
         m_client = add_operator(operator_id, "10.0.0.1", 1001);
+    }
+}
+
+// Whoever does not read cannot be closed by a frame, so the connection itself is cut; but only that.
+TEST_F(terminal_commands_test, quit_that_cannot_be_told_cuts_the_connection_of_who_does_not_read)
+{
+    const struct {
+        const char* given;
+        int socket_type; // whose identity frames fail: a full PUSH with EAGAIN, a STREAM with EHOSTUNREACH
+        bool is_same_peer;
+        bool then_cut;
+    } cases[] = {
+        {"an operator who does not read", ZMQ_PUSH, true, true},
+        {"an operator who is gone", ZMQ_STREAM, true, false},
+        {"a descriptor that has another owner", ZMQ_PUSH, false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        const tcp_connection connection;
+        m_client->fd = connection.accepted_fd();
+        m_client->client_addr = connection.peer_address();
+        if (!c.is_same_peer)
+            m_client->client_addr.sin_port = static_cast<in_port_t>(~m_client->client_addr.sin_port);
+        m_terminal.reset(zsock_new(c.socket_type));
+        zsock_set_sndtimeo(m_terminal.get(), 0);
+        run("quit");
+        EXPECT_EQ(connection.is_cut(), c.then_cut);
+        EXPECT_EQ(zhashx_size(rtls_gateway_get_terminal_clients(m_gateway.handle())), 1u)
+            << "the record stays until the disconnect";
     }
 }
 
