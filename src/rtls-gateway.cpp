@@ -151,6 +151,7 @@ bool rtls_gateway_run(void* p_rtls_gateway)
     }
     if (!win_server_run(gateway->win_server) || !terminal_server_run(gateway->terminal_server))
         return false;
+    sleep_open_to_stop_signals(0); // takes a signal that has waited since the start
     while (!is_stop_requested()) {
         if (are_servers_ready(*gateway))
             return write_pid(gateway->pid_file_name);

@@ -19,6 +19,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -398,6 +399,20 @@ TEST_F(gateway, an_interrupt_before_the_start_leaves_no_pid_file)
     request_stop();
     EXPECT_FALSE(rtls_gateway_run(given.get()));
     EXPECT_EQ(access(m_pid_file.path(), F_OK), -1);
+}
+
+TEST_F(gateway, a_signal_that_waited_during_the_start_leaves_no_pid_file)
+{
+    for (const int signal : {SIGINT, SIGTERM}) {
+        clear_stop();
+        block_stop_signals();
+        const gateway_ptr given = create(); // the sockets' library has its handlers from here on
+        ASSERT_EQ(raise(signal), 0);
+        EXPECT_FALSE(is_stop_requested());
+        EXPECT_FALSE(rtls_gateway_run(given.get()));
+        EXPECT_TRUE(is_stop_requested());
+        EXPECT_EQ(access(m_pid_file.path(), F_OK), -1);
+    }
 }
 
 TEST_F(gateway, an_occupied_port_ends_the_run)
