@@ -66,8 +66,10 @@ void* nodes_container_new(void)
 
 void nodes_container_destroy(void** pp_nodes)
 {
-    if (!pp_nodes)
+    if (!pp_nodes) {
+        logger_error(g_logger, str_null_pointer, __func__);
         return;
+    }
     delete static_cast<NODES_CONTAINER_t*>(*pp_nodes);
     *pp_nodes = nullptr;
 }

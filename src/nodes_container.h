@@ -16,6 +16,7 @@ constexpr size_t nodes_container_limit = 1'000'000;
 
 // An empty container, or nullptr. Release it with nodes_container_destroy.
 void* nodes_container_new(void);
+// Frees the container and its nodes; nulls the handle. Takes a null handle.
 void nodes_container_destroy(void** pp_nodes);
 
 void nodes_container_lock(void* p_nodes);
