@@ -26,6 +26,7 @@ def run(tmp_path, *arguments):
     for line in log.read_text().split("\n"):
         head, _, text = line.partition(" rtls-gateway: ")
         records.append((int(head), text) if text else (None, line))
+    assert status == 0 or (INFO, "Exiting") not in records, "only a gateway that was made says so"
     return status, records
 
 
@@ -59,6 +60,7 @@ def test_without_options_the_configuration_is_missed(tmp_path):
     assert start == (INFO, "Starting rtls-gateway"), "the logger announces itself first"
     assert missed[0] == INFO and missed[1].startswith("Starting 8.6.3, ZMQ version 4.3.4, CZMQ version 4.2.1")
     assert texts(records, ERR) == [f"The configuration file is not defined! Usage: {BINARY} -c config_file"]
+    assert records[-2:] == [(None, ""), (None, "")], "the text brings a line break of its own"
 
 
 @pytest.mark.parametrize("arguments", [["-x"], ["-c"]])
