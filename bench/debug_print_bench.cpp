@@ -75,7 +75,7 @@ void debug_print_unheard(benchmark::State& state)
     const loggers all;
     debug_mask = 0;
     const zsock_ptr push{zsock_new(ZMQ_PUSH)};
-    for (auto _ : state)
+    while (state.KeepRunning())
         print_a_line(push.get());
 }
 
@@ -87,7 +87,7 @@ void debug_print_to_a_broker(benchmark::State& state)
     reading.wait_for_a_record();
     debug_mask = 0;
     const zsock_ptr push{zsock_new(ZMQ_PUSH)};
-    for (auto _ : state)
+    while (state.KeepRunning())
         print_a_line(push.get());
 }
 
@@ -104,7 +104,7 @@ void debug_print_to_the_stream(benchmark::State& state)
     zsock_set_rcvtimeo(pull.get(), 0);
     debug_mask = 1U << DBG_PARSING;
     int64_t received = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (int i = 0; i < batch; ++i)
             print_a_line(push.get());
         state.PauseTiming();
@@ -127,7 +127,7 @@ std::vector<uint8_t> ramp(size_t size)
 void crc32(benchmark::State& state)
 {
     const auto bytes = ramp(static_cast<size_t>(state.range(0)));
-    for (auto _ : state)
+    while (state.KeepRunning())
         benchmark::DoNotOptimize(crc32_byte(bytes.data(), static_cast<uint32_t>(bytes.size())));
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
@@ -135,7 +135,7 @@ void crc32(benchmark::State& state)
 void hex_of(benchmark::State& state)
 {
     const auto bytes = ramp(static_cast<size_t>(state.range(0)));
-    for (auto _ : state)
+    while (state.KeepRunning())
         benchmark::DoNotOptimize(to_hex(bytes));
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
@@ -144,7 +144,7 @@ void hex_decoded(benchmark::State& state)
 {
     const std::string text = to_hex(ramp(static_cast<size_t>(state.range(0))));
     std::vector<uint8_t> bytes(static_cast<size_t>(state.range(0)) + 1);
-    for (auto _ : state)
+    while (state.KeepRunning())
         benchmark::DoNotOptimize(string_to_uint8_arr(text.c_str(), bytes.data(), state.range(0)));
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }

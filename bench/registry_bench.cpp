@@ -52,14 +52,14 @@ private:
 void find_by_mac(benchmark::State& state)
 {
     registry r(static_cast<size_t>(state.range(0)));
-    for (auto _ : state)
+    while (state.KeepRunning())
         benchmark::DoNotOptimize(nodes_container_find_by_mac(r.nodes(), r.next_key().mac.data()));
 }
 
 void find_by_short_mac(benchmark::State& state)
 {
     registry r(static_cast<size_t>(state.range(0)));
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         const mac_t& mac = r.next_key().mac;
         benchmark::DoNotOptimize(nodes_container_find_by_short_mac(r.nodes(), mac[6], mac[7]));
     }
@@ -68,7 +68,7 @@ void find_by_short_mac(benchmark::State& state)
 void find_by_ip(benchmark::State& state)
 {
     registry r(static_cast<size_t>(state.range(0)));
-    for (auto _ : state)
+    while (state.KeepRunning())
         benchmark::DoNotOptimize(nodes_container_find_by_ip(r.nodes(), r.next_key().ip.data()));
 }
 
@@ -76,7 +76,7 @@ void find_by_ip(benchmark::State& state)
 void find_by_unknown_ip(benchmark::State& state)
 {
     registry r(static_cast<size_t>(state.range(0)));
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         ip_t ip = r.next_key().ip;
         ip[7] = 1;
         benchmark::DoNotOptimize(nodes_container_find_by_ip(r.nodes(), ip.data()));
@@ -88,7 +88,7 @@ void process_report(benchmark::State& state)
 {
     registry r(static_cast<size_t>(state.range(0)));
     uint8_t sequence_number = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         ++sequence_number;
         const auto& key = r.next_key();
         const nodes_guard guard{r.nodes()};
@@ -102,14 +102,14 @@ void process_report(benchmark::State& state)
 void age_all(benchmark::State& state)
 {
     const registry r(static_cast<size_t>(state.range(0)));
-    for (auto _ : state)
+    while (state.KeepRunning())
         nodes_container_update_lifetime(r.nodes());
 }
 
 void walk_all(benchmark::State& state)
 {
     const registry r(static_cast<size_t>(state.range(0)));
-    for (auto _ : state)
+    while (state.KeepRunning())
         for (auto* node = nodes_container_get_first(r.nodes()); node;
              node = nodes_container_get_next(r.nodes()))
             benchmark::DoNotOptimize(node);

@@ -54,7 +54,7 @@ struct NODE_small_t {
     uint8_t mac_addr[mac_size];
 };
 
-// Frees the node and all it owns; leaves null. Takes null. (CZMQ's item destructor.)
+// Frees the node and all it owns; leaves null. Takes null.
 void node_destroy(void** pp_node);
 
 // Points the node at another WIN client: keeps a copy of `win_client_id`. False, with a log line and

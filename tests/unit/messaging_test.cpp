@@ -80,9 +80,9 @@ TEST(message_types, carry_two_flags)
 TEST(small_enumerations, have_their_wire_values)
 {
     const struct {
-        int value;
+        long value;
         const char* name;
-        int expected;
+        long expected;
     } cases[] = {
         {NAMED(GENERIC_REQ_RouteRequest), 10},
         {NAMED(GENERIC_REQ_OtaPage), 16},

@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
+using testing::Each;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 using mac_t = std::array<uint8_t, mac_size>;
@@ -104,9 +104,21 @@ TEST_F(nodes_container, a_new_node_is_all_zeros_but_its_mac)
 {
     const NODE_t* node = create(mac_of(0x0102030405060708));
     ASSERT_NE(node, nullptr);
-    NODE_t expected{};
-    memcpy(expected.mac_addr, mac_of(0x0102030405060708).data(), mac_size);
-    EXPECT_EQ(memcmp(node, &expected, sizeof expected), 0);
+    EXPECT_EQ(mac_of(*node), mac_of(0x0102030405060708));
+    EXPECT_EQ(node->win_client_id, nullptr);
+    EXPECT_EQ(node->last_data, nullptr);
+    EXPECT_THAT(node->ip_addr, Each(0));
+    EXPECT_THAT(node->parent_addr, Each(0));
+    for (const timeval& time : {node->last_activity, node->last_data_time}) {
+        EXPECT_EQ(time.tv_sec, 0);
+        EXPECT_EQ(time.tv_usec, 0);
+    }
+    const std::vector<uint64_t> unsigned_fields = {
+        node->lifetime,       node->sw_version,      node->type,           node->ranging_freq,
+        node->reporting_freq, node->sublocation_id,  node->state,          node->forwarded_ip,
+        node->direct_mask,    node->sequence_number, node->last_data_size, node->max_data_size};
+    EXPECT_THAT(unsigned_fields, Each(0U));
+    EXPECT_THAT((std::array{node->pos_X, node->pos_Y, node->pos_Z}), Each(0));
 }
 
 TEST_F(nodes_container, nodes_are_found_by_their_whole_mac)
