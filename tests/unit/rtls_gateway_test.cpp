@@ -6,6 +6,7 @@
 #include "nodes_container.h"
 #include "ota.h"
 #include "signals.h"
+#include "support/free_port.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"
 #include "terminal_server.h"
@@ -43,6 +44,7 @@ public:
         socklen_t length = sizeof address;
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(free_port());
         EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), length), 0);
         if (type == SOCK_STREAM) {
             EXPECT_EQ(listen(m_socket, 1), 0);

@@ -3,6 +3,7 @@
 #include "czmq_ptr.h"
 #include "link_text.h"
 #include "signals.h"
+#include "support/free_port.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/win_link.h"
@@ -244,9 +245,9 @@ TEST(win_server_destroy, leaves_the_handle_null)
 
 TEST_F(win_server_actor_test, serves_until_it_is_destroyed)
 {
-    const uint16_t port = unused_tcp_port();
+    const uint16_t port = free_port();
     {
-        const configured_gateway gateway{gateway_config(port, unused_tcp_port(), 1)};
+        const configured_gateway gateway{gateway_config(port, free_port(), 1)};
         log.take();
         ASSERT_TRUE(win_server_run(&gateway.win_server()));
         ASSERT_TRUE(wait_ready(&gateway.win_server()));
@@ -262,8 +263,8 @@ TEST_F(win_server_actor_test, serves_until_it_is_destroyed)
 
 TEST_F(win_server_actor_test, is_run_once)
 {
-    const uint16_t port = unused_tcp_port();
-    const configured_gateway gateway{gateway_config(port, unused_tcp_port(), 1)};
+    const uint16_t port = free_port();
+    const configured_gateway gateway{gateway_config(port, free_port(), 1)};
     log.take();
     ASSERT_TRUE(win_server_run(&gateway.win_server()));
     EXPECT_FALSE(win_server_run(&gateway.win_server()));
@@ -279,7 +280,7 @@ TEST_F(win_server_actor_test, a_port_in_use_ends_the_gateway)
     zsock_t* owner = zsock_new(ZMQ_STREAM);
     const int port = zsock_bind(owner, "tcp://*:*");
     ASSERT_GT(port, 0);
-    const configured_gateway gateway{gateway_config(static_cast<uint16_t>(port), unused_tcp_port(), 1)};
+    const configured_gateway gateway{gateway_config(static_cast<uint16_t>(port), free_port(), 1)};
     log.take();
     ASSERT_TRUE(win_server_run(&gateway.win_server())); // the actor finds out later
     EXPECT_TRUE(log.wait_for("win_server_actor: zsock_bind: 98, Address already in use"));
@@ -293,13 +294,13 @@ TEST_F(win_server_actor_test, a_port_in_use_ends_the_gateway)
 TEST_F(win_server_actor_test, whatever_cannot_be_opened_ends_the_gateway)
 {
     udp_port taken; // without SO_REUSEADDR, so that nobody shares it
-    const std::string good = gateway_config(unused_tcp_port(), unused_tcp_port(), 1);
+    const std::string good = gateway_config(free_port(), free_port(), 1);
     const struct {
         const char* given;
         std::string config;
         const char* then;
     } cases[] = {
-        {"a discovery port in use", gateway_config(unused_tcp_port(), taken.number(), 1),
+        {"a discovery port in use", gateway_config(free_port(), taken.number(), 1),
          "udp_new_connection: bind: 98, Address already in use"},
         {"a proxy address that is none", replaced(good, "pub_sub_proxy\n    address = 127.0.0.1", "a b"),
          "win_server_actor: zsock_new_sub: 22, Invalid argument"},
@@ -523,9 +524,9 @@ TEST(win_server_copy_clients, keeps_look_ups_out_of_the_table)
 
 TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
 {
-    const uint16_t port = unused_tcp_port();
+    const uint16_t port = free_port();
     {
-        const configured_gateway gateway{gateway_config(port, unused_tcp_port(), 1)};
+        const configured_gateway gateway{gateway_config(port, free_port(), 1)};
         ASSERT_TRUE(win_server_run(&gateway.win_server()));
         ASSERT_TRUE(wait_ready(&gateway.win_server()));
         std::atomic<bool> done{false};

@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <random>
 #include <set>
 
 namespace sim {
@@ -40,7 +41,7 @@ std::optional<gateway_ports> read_ports(const std::string& config_file)
     return ports;
 }
 
-// Binds to a port of this machine, or to any when it is 0; returns the port, or 0 when it is taken.
+// Binds to a port of this machine, and returns it; 0 when it is taken.
 static uint16_t try_port(int type, uint16_t port)
 {
     const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
@@ -53,14 +54,20 @@ static uint16_t try_port(int type, uint16_t port)
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     address.sin_port = htons(port);
-    socklen_t size = sizeof address;
     uint16_t bound = 0;
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), size) == 0 &&
-        (type == SOCK_DGRAM || listen(fd, 1) == 0) &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0)
-        bound = ntohs(address.sin_port);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+        (type == SOCK_DGRAM || listen(fd, 1) == 0))
+        bound = port;
     close(fd);
     return bound;
+}
+
+// Below the range from which the system takes the ports of outgoing connections: from there somebody
+// could get the port between our looking and its use.
+static uint16_t any_port()
+{
+    static std::mt19937 random{std::random_device{}()};
+    return static_cast<uint16_t>(std::uniform_int_distribution<unsigned>{10'000, 32'000}(random));
 }
 
 gateway_ports free_ports(port_choice choice)
@@ -70,7 +77,7 @@ gateway_ports free_ports(port_choice choice)
     const auto settle = [&](int type, uint16_t& port) {
         uint16_t found = choice == port_choice::usual_if_free ? try_port(type, port) : uint16_t{0};
         while (found == 0 || taken.contains(found))
-            found = try_port(type, 0);
+            found = try_port(type, any_port());
         taken.insert(found);
         port = found;
     };

@@ -35,20 +35,6 @@ std::string gateway_config(uint16_t win_port, uint16_t discovery_port, uint16_t 
 }
 
 // By a socket of the system's own: CZMQ's listeners are closed some time after zsock_destroy.
-uint16_t unused_tcp_port()
-{
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    socklen_t length = sizeof addr;
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool bound = fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&addr), length) == 0 &&
-                       getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) == 0;
-    close(fd);
-    if (!bound)
-        throw std::runtime_error("unused_tcp_port: no port");
-    return ntohs(addr.sin_port);
-}
-
 void clear_stop()
 {
     __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED);

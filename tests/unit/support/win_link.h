@@ -16,9 +16,6 @@
 // The text of a configuration file with these ports; nobody listens at the servers upstream.
 std::string gateway_config(uint16_t win_port, uint16_t discovery_port, uint16_t terminal_port);
 
-// A TCP port that nobody uses at the moment.
-uint16_t unused_tcp_port();
-
 // Takes back that the process is to stop, which the end of an actor asks for. No actor may run.
 void clear_stop();
 
