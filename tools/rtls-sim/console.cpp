@@ -14,7 +14,7 @@ namespace sim {
 using namespace std::chrono_literals;
 
 static constexpr auto counters_interval = 5s; // where they cannot be redrawn in place
-static constexpr size_t buffer_size = 64 * 1024;
+static constexpr size_t buffer_size = 65'536;
 
 console::console(console_options options, FILE* out)
     : out_(out), options_(options), is_terminal_(isatty(fileno(out)) != 0)

@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 static constexpr double introductions_per_second = 5000;
 static constexpr auto heartbeat_interval = 20s; // well within the lifetime that heartbeats ask for
 // More than this in a bridge's queue, and it reports nothing until the gateway has read some of it.
-static constexpr size_t most_unsent = 256 * 1024;
+static constexpr size_t most_unsent = 262'144;
 // Of reports that could not be made in time, this many seconds' worth are caught up.
 static constexpr double catch_up_s = 0.25;
 // One in so many reports of a forwarded node is overheard by another bridge.

@@ -53,10 +53,11 @@ bytes make_image(const image_traits& traits)
 // Reads what follows a tag.
 static std::optional<reader> after_tag(view image, const char* tag)
 {
-    const auto found = std::ranges::search(image, tag_bytes(tag));
-    if (found.empty())
+    const view wanted = tag_bytes(tag);
+    const auto found = std::search(image.begin(), image.end(), wanted.begin(), wanted.end());
+    if (found == image.end())
         return std::nullopt;
-    return reader{image.subspan(static_cast<size_t>(found.end() - image.begin()))};
+    return reader{image.subspan(static_cast<size_t>(found - image.begin()) + wanted.size())};
 }
 
 std::optional<image_traits> read_traits(view image)

@@ -87,7 +87,7 @@ std::string ota_fetch::progress(steady::time_point now) const
 {
     const std::chrono::duration<double> taken = (finished_ ? finished_at_ : now) - started_at_;
     const double speed = taken.count() > 0 ? static_cast<double>(next_page_) / taken.count() : 0;
-    const std::string pace =
+    std::string pace =
         fmt::format("{} of {} pages, {:.0f} pages/s, {} asked again", next_page_, pages(), speed, repeats_);
     if (!finished_)
         return pace;

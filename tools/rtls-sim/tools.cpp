@@ -33,7 +33,7 @@ static bool wait_for_subscriber(zmq::socket_t& proxy, double timeout)
             return false;
         proxy.set(zmq::sockopt::rcvtimeo, static_cast<int>(left.count()));
         zmq::message_t message;
-        if (proxy.recv(message) && message.size() >= 1 && message.data<uint8_t>()[0] == 1)
+        if (proxy.recv(message) && !message.empty() && message.data<uint8_t>()[0] == 1)
             return true;
     }
 }

@@ -24,8 +24,8 @@ TEST(sim_image, tags_say_what_was_asked_for)
     const bytes board = {'@', 'B', 'o', 'a', 'r', 'd', 'V', 'e', 'r', 0, 9, 8};
     const bytes firmware = {'@', 'F',  'i',  'r',  'm',  'w', 'a', 'r', 'e',
                             0,   0xDE, 0xAD, 0xBE, 0xEF, 1,   0,   0,   77};
-    EXPECT_FALSE(std::ranges::search(image, board).empty());
-    EXPECT_FALSE(std::ranges::search(image, firmware).empty());
+    EXPECT_NE(std::search(image.begin(), image.end(), board.begin(), board.end()), image.end());
+    EXPECT_NE(std::search(image.begin(), image.end(), firmware.begin(), firmware.end()), image.end());
     EXPECT_EQ(std::ranges::count(image, '@'), 2);
     const auto read = read_traits(image);
     ASSERT_TRUE(read);
