@@ -14,8 +14,6 @@
 #include <filesystem>
 #include <thread>
 
-extern char** environ;
-
 namespace sim {
 
 using namespace std::chrono_literals;
