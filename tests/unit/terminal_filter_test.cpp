@@ -1,6 +1,5 @@
 #include "terminal_filter.h"
 
-
 #include <gtest/gtest.h>
 
 #include <cerrno>
