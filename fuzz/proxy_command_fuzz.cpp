@@ -10,10 +10,8 @@
 #include "ota.h"
 #include "rtls-gateway.h"
 #include "slip.h"
+#include "support/idle_gateway.h"
 #include "win_server_private.h"
-
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -22,21 +20,6 @@
 #include <vector>
 
 namespace {
-
-constexpr char configuration[] = R"(pidfile = /dev/null
-ports
-    win = 4000
-    discovery = 4001
-    terminal = 4002
-pub_sub_proxy
-    address = 127.0.0.1
-    port = 4003
-    input_port = 4004
-message_handler
-    address = 127.0.0.1
-    port = 4005
-firmware_files = 1
-)";
 
 constexpr uint8_t mac[mac_size] = {0xE4, 0, 0, 0, 0, 0, 0xF5, 0xF7};
 constexpr uint8_t ip[ip_addr_size] = {0xFE, 0x80, 0, 0, 0, 0, 0xF5, 0xF6, 0xF7, 1, 2, 3, 4, 5, 6, 7};
@@ -69,10 +52,7 @@ struct world_t {
 
     world_t()
     {
-        const int file = memfd_create("configuration", 0);
-        require(write(file, configuration, sizeof configuration - 1) == sizeof configuration - 1);
-        gateway = rtls_gateway_new(("/proc/self/fd/" + std::to_string(file)).c_str());
-        close(file);
+        gateway = new_idle_gateway();
         require(gateway != nullptr);
         server = static_cast<WIN_SERVER_t*>(rtls_gateway_get_win_server(gateway));
         nodes = rtls_gateway_get_nodes_container(gateway);

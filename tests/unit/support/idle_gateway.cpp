@@ -34,7 +34,7 @@ message_handler
 firmware_files = 2
 )";
 
-static void* new_gateway()
+void* new_idle_gateway()
 {
     char path[] = "/tmp/idle-gateway-XXXXXX";
     const int file = mkstemp(path);
@@ -46,7 +46,7 @@ static void* new_gateway()
     return gateway;
 }
 
-idle_gateway::idle_gateway() : m_gateway(new_gateway())
+idle_gateway::idle_gateway() : m_gateway(new_idle_gateway())
 {
     if (!m_gateway) {
         fprintf(stderr, "idle_gateway: no gateway\n");

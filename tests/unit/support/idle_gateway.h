@@ -8,6 +8,10 @@
 #include "bytes.h"
 #include "win_server_private.h"
 
+// A gateway with every required key configured, the debug sections off, and room for two firmware
+// images; or nullptr. The caller's, for rtls_gateway_destroy.
+void* new_idle_gateway();
+
 class idle_gateway {
 public:
     // Ends the program when it cannot be made.

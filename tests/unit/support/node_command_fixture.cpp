@@ -5,34 +5,12 @@
 #include "rtls-gateway.h"
 #include "slip.h"
 #include "support/hex_bytes.h"
+#include "support/idle_gateway.h"
 
 #include <unistd.h>
 
 #include <cstdlib>
 #include <stdexcept>
-
-static constexpr char configuration[] = R"(pidfile = /dev/null
-debug
-    raw = false
-    parsing = false
-    terminal = false
-    win = false
-    discovery = false
-    develop = false
-    ul_tdoa = false
-ports
-    win = 4000
-    discovery = 4001
-    terminal = 4002
-pub_sub_proxy
-    address = 127.0.0.1
-    port = 4003
-    input_port = 4004
-message_handler
-    address = 127.0.0.1
-    port = 4005
-firmware_files = 2
-)";
 
 temporary_file::temporary_file(std::string_view content)
 {
@@ -54,8 +32,7 @@ temporary_file::~temporary_file()
 
 node_command_fixture::node_command_fixture()
 {
-    const temporary_file config{configuration};
-    gateway = rtls_gateway_new(config.path().c_str());
+    gateway = new_idle_gateway();
     if (!gateway)
         throw std::runtime_error("node_command_fixture: no gateway");
     server = static_cast<WIN_SERVER_t*>(rtls_gateway_get_win_server(gateway));
