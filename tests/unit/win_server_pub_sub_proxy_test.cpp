@@ -76,6 +76,20 @@ protected:
         remove_node(mac);
         add_node(mac, options);
     }
+    // Sends a command to a node without memory, and then another one that it is to be dropped for. The
+    // clock is the machine's, and the machine may be slow: the first pair that comes in time counts.
+    bool sends_a_repeat_in_time(const std::string& command, const std::string& repeat, WIN_CLIENT_t* bridge)
+    {
+        for (int i = 0; i < 1000; ++i) {
+            fresh_node({bridge, false, false});
+            (void)sent_to(bridge);
+            (void)m_log.take();
+            EXPECT_TRUE(process(command));
+            if (!process(repeat))
+                return true;
+        }
+        return false;
+    }
 };
 
 } // namespace
@@ -130,30 +144,29 @@ TEST_F(proxy_test, the_type_alone_changes_its_byte_order)
 TEST_F(proxy_test, a_repeat_is_dropped_without_a_word)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
-    add_node(mac, {bridge, false, false});
-    // The clock is the machine's here, and the machine may be slow: the pair that came in time counts.
-    bool suppressed = false;
-    for (int i = 0; i < 1000 && !suppressed; ++i) {
-        fresh_node({bridge, false, false});
-        EXPECT_TRUE(process("0810"
-                            "01" +
-                            mac));
-        (void)sent_to(bridge);
-        (void)m_log.take();
-        fresh_node({bridge, false, false});
-        EXPECT_TRUE(process("0810"
-                            "01" +
-                            mac));
-        suppressed = !process("0810"
-                              "02" +
-                              mac);
-    }
-    ASSERT_TRUE(suppressed);
+    ASSERT_TRUE(sends_a_repeat_in_time("0810"
+                                       "01" +
+                                           mac,
+                                       "0810"
+                                       "02" +
+                                           mac,
+                                       bridge));
     EXPECT_EQ(sent_to(bridge), texts{"1008"
                                      "01" +
                                      ip});
     EXPECT_EQ(lines("parsing"), texts{"PROXY: MSG_REST_ACK dst: 00A1 seq:01"});
     EXPECT_EQ(errors(), texts{});
+}
+
+// The filter comes before the checks of the type.
+TEST_F(proxy_test, a_repeat_of_a_malformed_command_is_dropped_without_a_word_too)
+{
+    const std::string too_long = "0810"
+                                 "0100" +
+                                 mac;
+    ASSERT_TRUE(sends_a_repeat_in_time(too_long, too_long, add_bridge("0000000001")));
+    EXPECT_EQ(errors(), texts{"process_data_from_pub_sub_proxy (MSG_REST_ACK): wrong size 12"});
+    EXPECT_EQ(lines("parsing"), texts{});
 }
 
 TEST_F(proxy_test, an_old_command_is_no_reason_to_drop_the_same_one)

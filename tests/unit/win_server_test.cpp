@@ -261,6 +261,37 @@ TEST_F(win_server_actor_test, serves_until_it_is_destroyed)
     EXPECT_THAT(log.messages("main"), ElementsAre("win_loop Ending"));
 }
 
+TEST_F(win_server_actor_test, opens_its_sockets_as_peers_need_them)
+{
+    constexpr int library_backlog = 100;
+    std::string with_backlog = gateway_config(free_port(), free_port(), 1);
+    with_backlog.replace(with_backlog.find("ports\n"), 6, "ports\n    win_backlog = 1024\n");
+    const struct {
+        std::string config;
+        int backlog;
+    } cases[] = {
+        {gateway_config(free_port(), free_port(), 1), library_backlog},
+        {with_backlog, 1024},
+    };
+    for (const auto& c : cases) {
+        clear_stop();
+        const configured_gateway gateway{c.config};
+        const WIN_SERVER_t& server = gateway.win_server();
+        ASSERT_TRUE(win_server_run(&gateway.win_server()));
+        ASSERT_TRUE(wait_ready(&gateway.win_server()));
+        EXPECT_EQ(zsock_type(server.win_sock), ZMQ_STREAM);
+        EXPECT_EQ(zsock_sndtimeo(server.win_sock), 100);
+        EXPECT_EQ(zsock_backlog(server.win_sock), c.backlog);
+        EXPECT_EQ(zsock_type(server.interthread_sever_sock), ZMQ_ROUTER);
+        EXPECT_EQ(zsock_rcvtimeo(server.interthread_sever_sock), 100);
+        EXPECT_STREQ(zsock_endpoint(server.interthread_sever_sock), "inproc://winserw_channel");
+        EXPECT_EQ(zsock_type(server.dbg_client_sock), ZMQ_PUSH);
+        EXPECT_EQ(zsock_type(server.proxy_sock), ZMQ_SUB);
+        EXPECT_EQ(zsock_type(server.proxy_input_sock), ZMQ_PUSH);
+        EXPECT_EQ(zsock_type(server.msg_handler_sock), ZMQ_PUSH);
+    }
+}
+
 TEST_F(win_server_actor_test, is_run_once)
 {
     const uint16_t port = free_port();

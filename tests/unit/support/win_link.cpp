@@ -67,9 +67,19 @@ static void* gateway_from(std::string_view config)
 
 configured_gateway::configured_gateway(std::string_view config) : m_gateway(gateway_from(config)) {}
 
+// A closed socket gives up its name in the process a little later, and the next gateway needs it.
+static void wait_until_free(const char* endpoint)
+{
+    zsock_t* sock = zsock_new(ZMQ_ROUTER);
+    repeat_until([&] { return zsock_bind(sock, "%s", endpoint) == 0; }, [] { zclock_sleep(1); });
+    zsock_unbind(sock, "%s", endpoint); // this gives the name up at once
+    zsock_destroy(&sock);
+}
+
 configured_gateway::~configured_gateway()
 {
     rtls_gateway_destroy(&m_gateway);
+    wait_until_free("inproc://winserw_channel");
 }
 
 void* configured_gateway::nodes() const

@@ -22,7 +22,7 @@ void clear_stop();
 // Repeats `step` until `done` holds; false when it does not within five seconds.
 bool repeat_until(const std::function<bool()>& done, const std::function<void()>& step);
 
-// A gateway from the text of a configuration file; destroyed with the object.
+// A gateway from the text of a configuration file; destroyed with the object, so that another may run.
 class configured_gateway {
 public:
     explicit configured_gateway(std::string_view config);
