@@ -39,19 +39,15 @@ std::string text_format(const char* format, ...)
     char line[512]; // nearly all texts fit
     va_list args;
     va_start(args, format);
-    va_list again;
-    va_copy(again, args);
     const int length = vsnprintf(line, sizeof line, format, args);
     va_end(args);
-
-    std::string text;
     const size_t size = length < 0 ? 0 : static_cast<size_t>(length);
-    if (size < sizeof line) {
-        text.assign(line, size);
-    } else {
-        text.resize(size);
-        vsnprintf(text.data(), size + 1, format, again);
-    }
-    va_end(again);
+    if (size < sizeof line)
+        return {line, size};
+
+    std::string text(size, '\0');
+    va_start(args, format);
+    vsnprintf(text.data(), size + 1, format, args);
+    va_end(args);
     return text;
 }

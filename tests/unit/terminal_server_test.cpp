@@ -3,6 +3,7 @@
 #include "common.h"
 #include "nodes_container.h"
 #include "rtls-gateway.h"
+#include "signals.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/terminal_fixture.h"
@@ -40,7 +41,7 @@ static constexpr char empty_pn[] =
 class terminal_server_handle_test : public testing::Test {
 protected:
     terminal_server_handle_test() { zconfig_put(m_config.get(), "ports/terminal", "4001"); }
-    ~terminal_server_handle_test() override { zsys_interrupted = 0; }
+    ~terminal_server_handle_test() override { clear_stop_request(); }
     strings errors() { return m_log.messages("main"); }
 
     log_capture m_log;
@@ -90,10 +91,10 @@ TEST_F(terminal_server_handle_test, a_server_that_does_not_run)
     EXPECT_FALSE(terminal_server_generic_req_to_win_serwer(server, data, sizeof data));
     EXPECT_FALSE(terminal_server_generic_req_to_win_serwer(server, nullptr, 0));
     EXPECT_EQ(errors(), strings(2, "terminal_server_generic_req_to_win_serwer: null pointer!"));
-    EXPECT_FALSE(zsys_interrupted);
+    EXPECT_FALSE(is_stop_requested());
     terminal_server_destroy(&server);
     EXPECT_EQ(server, nullptr);
-    EXPECT_FALSE(zsys_interrupted);
+    EXPECT_FALSE(is_stop_requested());
 }
 
 // --- The actor, with operators
@@ -493,10 +494,10 @@ TEST_F(terminal_server_test, stops_and_takes_the_daemon_along)
 {
     operator_peer peer{port()};
     expect_served(peer);
-    zsys_interrupted = 0;
+    clear_stop_request();
     (void)m_log.take();
     m_gateway.stop();
-    EXPECT_TRUE(zsys_interrupted);
+    EXPECT_TRUE(is_stop_requested());
     EXPECT_THAT(m_log.messages("main"), testing::Contains("terminal actor_loop Ending"));
     EXPECT_TRUE(peer.is_closed());
 }
@@ -510,7 +511,7 @@ TEST(terminal_server_start_test, a_port_in_use_stops_the_daemon)
     void* server = rtls_gateway_get_terminal_server(gateway.handle());
     (void)log.take();
     EXPECT_TRUE(terminal_server_run(server)) << "the actor itself starts";
-    EXPECT_TRUE(comes_true([] { return zsys_interrupted != 0; }));
+    EXPECT_TRUE(comes_true(is_stop_requested));
     EXPECT_FALSE(terminal_server_is_ready(server));
     ASSERT_TRUE(log.wait_for("zsock_bind"));
     EXPECT_EQ(log.messages("main"), strings{"terminal_server_actor: zsock_bind: 98, Address already in use"});
@@ -524,7 +525,7 @@ TEST(terminal_server_start_test, a_debug_stream_that_somebody_else_collects_stop
     void* server = rtls_gateway_get_terminal_server(gateway.handle());
     (void)log.take();
     EXPECT_TRUE(terminal_server_run(server));
-    EXPECT_TRUE(comes_true([] { return zsys_interrupted != 0; }));
+    EXPECT_TRUE(comes_true(is_stop_requested));
     ASSERT_TRUE(log.wait_for("zsock_bind"));
     EXPECT_EQ(log.messages("main"), strings{"terminal_server_actor: zsock_bind: 98, Address already in use"});
     EXPECT_FALSE(terminal_server_is_ready(server));

@@ -87,6 +87,11 @@ bool comes_true(const std::function<bool()>& condition, int timeout_ms)
     return true;
 }
 
+void clear_stop_request()
+{
+    __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED);
+}
+
 // --- test_gateway
 
 test_gateway::test_gateway() : m_terminal_port(free_tcp_port()), m_win_port(free_tcp_port())
@@ -109,7 +114,7 @@ test_gateway::test_gateway() : m_terminal_port(free_tcp_port()), m_win_port(free
 test_gateway::~test_gateway()
 {
     stop();
-    zsys_interrupted = 0;
+    clear_stop_request();
 }
 
 void test_gateway::stop()

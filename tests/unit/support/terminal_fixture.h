@@ -22,11 +22,14 @@ uint16_t free_tcp_port();
 // Whether the condition comes true in time.
 bool comes_true(const std::function<bool()>& condition, int timeout_ms = 5000);
 
+// Takes back what an ending actor raises: the daemon's interrupt flag, which the daemon never clears.
+void clear_stop_request();
+
 // A gateway object on free ports, nothing started. Wants loggers (a log_capture) to be there already.
 class test_gateway {
 public:
     test_gateway();
-    ~test_gateway(); // also takes back the interrupt flag that an ending actor raises
+    ~test_gateway(); // also clears the stop request of the actors
     test_gateway(const test_gateway&) = delete;
     test_gateway& operator=(const test_gateway&) = delete;
 
