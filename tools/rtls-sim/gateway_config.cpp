@@ -41,12 +41,12 @@ std::optional<gateway_ports> read_ports(const std::string& config_file)
     return ports;
 }
 
-// Binds to a port of this machine, and returns it; 0 when it is taken.
-static uint16_t try_port(int type, uint16_t port)
+// Whether a port of this machine can be bound.
+static bool is_free(int type, uint16_t port)
 {
     const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     if (fd < 0)
-        return 0;
+        return false;
     const int on = 1;
     if (type == SOCK_STREAM) // connections that linger from the last run do no harm; listeners still do
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -54,32 +54,26 @@ static uint16_t try_port(int type, uint16_t port)
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     address.sin_port = htons(port);
-    uint16_t bound = 0;
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        (type == SOCK_DGRAM || listen(fd, 1) == 0))
-        bound = port;
+    const bool bound = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                       (type == SOCK_DGRAM || listen(fd, 1) == 0);
     close(fd);
     return bound;
 }
 
-// Below the range from which the system takes the ports of outgoing connections: from there somebody
-// could get the port between our looking and its use.
-static uint16_t any_port()
-{
-    static std::mt19937 random{std::random_device{}()};
-    return static_cast<uint16_t>(std::uniform_int_distribution<unsigned>{10'000, 32'000}(random));
-}
-
 gateway_ports free_ports(port_choice choice)
 {
+    // Below the range from which outgoing connections take theirs: they could have it before the gateway.
+    std::random_device seed;
+    std::mt19937 random{seed()};
+    std::uniform_int_distribution<unsigned> low_ports{10'000, 31'999};
     gateway_ports ports;
     std::set<uint16_t> taken;
     const auto settle = [&](int type, uint16_t& port) {
-        uint16_t found = choice == port_choice::usual_if_free ? try_port(type, port) : uint16_t{0};
-        while (found == 0 || taken.contains(found))
-            found = try_port(type, any_port());
-        taken.insert(found);
-        port = found;
+        if (choice == port_choice::any_free || !is_free(type, port))
+            do
+                port = static_cast<uint16_t>(low_ports(random));
+            while (taken.contains(port) || !is_free(type, port));
+        taken.insert(port);
     };
     settle(SOCK_STREAM, ports.terminal);
     settle(SOCK_STREAM, ports.win);
