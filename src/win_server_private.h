@@ -48,6 +48,7 @@ struct WIN_SERVER_t {
     // is the outer one.
     std::mutex clients_mutex;
     closed_ids_t closed_ids;
+    int64_t last_win_event = 0;               // zclock_usecs of when the WIN port was last drained
     std::optional<int64_t> last_client_check; // zclock_mono of the last client check
 };
 

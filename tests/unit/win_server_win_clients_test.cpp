@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 
 using std::chrono::milliseconds;
 using testing::ElementsAre;
@@ -118,6 +119,29 @@ TEST(win_clients_reader, takes_several_events_a_call_but_not_all_at_once)
     }));
     EXPECT_GT(most, event_size);
     EXPECT_LE(most, 64 * event_size);
+}
+
+TEST(win_clients_reader, waits_a_moment_for_what_follows_while_it_is_busy)
+{
+    const win_link link;
+    auto [peer, client] = link.connect();
+    // Each ping leaves when the echo of the one before is there: a call that handles two has waited.
+    std::thread bridge{[&peer = peer] {
+        for (uint8_t seq = 1; seq < 100; ++seq) {
+            const uint8_t ping[] = {0xF5, 0, 0, seq, 0xF7};
+            peer.send(ping);
+            peer.receive(sizeof ping);
+        }
+    }};
+    int most = 0;
+    EXPECT_TRUE(link.pump_until([&, client = client, before = 0]() mutable {
+        const int seq = client->pending_data_size == 3 ? client->pending_data[2] : 0;
+        most = std::max(most, seq - before);
+        before = seq;
+        return seq == 99;
+    }));
+    bridge.join();
+    EXPECT_GE(most, 2);
 }
 
 TEST(win_clients_reader, a_drained_socket_is_not_reported)
