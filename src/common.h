@@ -21,7 +21,7 @@ enum dbg_section_t {
     DBG_WIN = 3,
     DBG_DISCOVERY = 4,
     DBG_DEVELOP = 5,
-    DBG_UL_TDOA = 6,
+    DBG_UL_TDOA = 6, // kept for scripts and configurations: UL-TDOA is printed in DBG_PARSING
     DBG_SECTIONS_NUMBER = 7
 };
 

@@ -1,5 +1,6 @@
-// firmware - a node firmware image fetched by URL, and its pages as update messages.
+// firmware - the image announced by MSG_FW_IMAGE_AVAIL_IND: fetched by URL, and cut into update messages.
 //
+// The bridges are told of it and fetch it themselves; the images served to nodes page by page are in ota.
 // Ownership  The caller owns the record; release it with firmware_destroy.
 // Threads    Any. A download blocks its caller for at most 20 s, after at most 20 s of waiting for another
 //            one to end, and ends early when the daemon stops.

@@ -35,7 +35,7 @@ struct NODE_t {
     size_t last_data_size;
     size_t max_data_size; // bytes allocated for last_data
     timeval last_data_time;
-    bool direct_mask; // reached directly
+    bool direct_mask; // its last forwarded message came to its bridge directly; goes into wrapped commands
 };
 
 // pos_Z as two halves: the height in the low 16 bits, its offset in the high 16 bits.

@@ -129,7 +129,7 @@ static OTA_FIRMWARE_t* find_firmware(const OTA_t& ota, uint32_t git_ver, uint32_
     return slot < ota.files_number ? ota.firmware_arr[slot].get() : nullptr;
 }
 
-// Puts an image in the place of the one with its key, otherwise of the oldest insertion; its slot.
+// Puts an image in the place of the one with its key, otherwise in the next slot in turn; its slot.
 // -1, and the image is destroyed, when there are no slots.
 static int add_firmware(OTA_t& ota, firmware_ptr firmware)
 {

@@ -19,14 +19,16 @@ struct OTA_FIRMWARE_INFO_t {
 };
 
 // Page sizes are multiples of 32 bytes, the unit in which the store keeps account of what it holds; other
-// sizes are refused. Images, downloaded or assembled, have at most 64 MiB.
+// sizes are refused. 0 is one of them: such a page has no content, and is there when its image is. Images,
+// downloaded or assembled, have at most 64 MiB.
 
 // A store of `files_number` empty slots, or nullptr.
 void* ota_new(uint16_t files_number);
 void ota_destroy(void** pp_ota);
 
 // Downloads, checks and stores an image; its slot, or -1. `crc32` and `git_ver` are what to expect;
-// null: not checked. An image with the same key is replaced in place, otherwise the oldest insertion goes.
+// null: not checked. An image with the same key is replaced in place, otherwise it takes
+// the next slot in turn, whatever is in it: slots emptied by a delete are not preferred.
 int ota_download_firmware(void* p_ota, const char* url, const uint32_t* crc32, const uint32_t* git_ver);
 
 // False when the index is out of range or the slot is empty.

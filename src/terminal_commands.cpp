@@ -308,7 +308,7 @@ void terminal_commands_parse(void* p_rtls_gateway, TERMINAL_CLIENT_t* id_found, 
     tokenize(string, &count, words, words_limit);
     if (count == 0)
         return;
-    if (words[0][0] == '!')
+    if (words[0][0] == '!') // scripts put it there; it means nothing
         ++words[0];
     run_command({p_rtls_gateway, id_found, reader, dbg_sock, {words, count}});
 }

@@ -35,7 +35,7 @@ std::string win_client_line(const sockaddr_in& addr)
     return text_format(" ip:%s:%d\n", ipv4_text(addr.sin_addr).c_str(), ntohs(addr.sin_port));
 }
 
-// MACs are written with a colon inside byte 5, before the digits by which operators address a node.
+// MACs are written with a colon inside byte 5, before the digits by which the lists name a node.
 std::string bridge_line(const uint8_t* mac_addr, const sockaddr_in& addr)
 {
     const uint8_t* m = mac_addr;

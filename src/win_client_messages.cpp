@@ -185,7 +185,9 @@ static bool handle_heartbeat(link_frame_t& frame)
 
 struct link_message_t {
     uint16_t type;
-    size_t size; // exact
+    // Of frame.msg, exactly. A forwarded message brings its envelope's trailer of 24 bytes along: so a
+    // forwarded heartbeat (39 + 24) has the direct one's size, and other fixed sizes are refused.
+    size_t size;
     bool (*handle)(link_frame_t&);
 };
 

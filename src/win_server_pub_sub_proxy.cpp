@@ -189,7 +189,8 @@ static void conf_node_req(WIN_SERVER_t* server, bytes_view data)
                   mac[6], mac[7]);
 }
 
-// Makes the image of `url` the current one, unless it contradicts the announced CRC, and tells the bridges.
+// Makes the image of `url` the current one and tells the bridges. If it contradicts the announced CRC
+// there is no current image afterwards: the one before is out of date in any case.
 // The announced CRC is big-endian and printed as it is in memory, as operators compare it.
 static void adopt_firmware(WIN_SERVER_t* server, const char* url, bytes_view data)
 {
