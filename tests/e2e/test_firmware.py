@@ -83,8 +83,7 @@ def bridge(gateway):
     bridge = gateway.bridge(BRIDGE)
     bridge.send_message(wire.heartbeat(BRIDGE, 1, bridge=BRIDGE, addr=wire.ip(1), reporting=255),
                         wire.heartbeat(NODE, 1, bridge=BRIDGE, addr=NODE_IP, reporting=255))
-    bridge.barrier()
-    gateway.handler.drain()
+    assert len(gateway.reports(bridge)) == 2
     return bridge
 
 
@@ -212,7 +211,7 @@ def test_pages_are_served_to_nodes(gateway, web, bridge):
         page = data[number * 128:(number + 1) * 128].ljust(128, b"\xff")
         assert bridge.receive() == (bytes.fromhex("0e08") + bytes([number]) + struct.pack(">H", 142) +
                                     struct.pack(">HIIHH", 16, git, crc, 128, number) + page + NODE_IP)
-    assert gateway.handler.drain() == [], "the servers are not bothered"
+    assert gateway.reports(bridge) == [], "the servers are not bothered"
 
 
 @pytest.mark.parametrize("git, page_size, number", [(0xCAFE0002, 128, 0), (0xCAFE0001, 128, 8), (0xCAFE0001, 100, 0),
@@ -236,7 +235,7 @@ def test_a_page_too_large_for_a_request_is_swallowed(gateway, web, bridge, page_
     else:
         gateway.broker.wait_for("ERROR(GENERIC): msg too long, rcvd: 827")
         assert bridge.barrier() == []
-    assert gateway.handler.drain() == []
+    assert gateway.reports(bridge) == []
 
 
 def test_pages_from_the_proxy_are_kept_and_served(gateway, bridge):
@@ -255,7 +254,7 @@ def test_pages_from_the_proxy_are_kept_and_served(gateway, bridge):
     assert bridge.receive()[19:51] == pages[2][32:]
     bridge.send_message(page_request(git, crc, 64, 5), page_request(git, crc, 128, 1))
     assert bridge.barrier() == [], "a page of which a block is missing"
-    assert len(gateway.handler.drain()) == 2
+    assert len(gateway.reports(bridge)) == 2
 
 
 def upload_order(data: bytes, url: str, git=None, crc=None) -> bytes:

@@ -55,7 +55,7 @@ def test_a_heartbeat_of_another_size_is_dropped(gateway, bridge, size):
     message = wire.heartbeat(NODE, 1, bridge=BRIDGE, addr=NODE_IP, flags=wire.ACK)
     bridge.send_message((message + b"\0")[:size])
     assert bridge.barrier() == [], "no ack after a failed size check"
-    assert gateway.handler.drain() == []
+    assert gateway.reports(bridge) == []
 
 
 def test_an_acknowledgement_goes_back_even_for_a_duplicate(gateway, bridge):
@@ -65,7 +65,7 @@ def test_an_acknowledgement_goes_back_even_for_a_duplicate(gateway, bridge):
     assert [a.hex() for a in acks] == [(struct.pack("<HB", wire.REST_ACK, seq) + NODE_IP).hex() for seq in (0, 0, 5, 5, 5)]
     reports = [gateway.handler.receive()[1][2] for _ in range(2)]
     assert reports == [0, 5], "the second message of a new node is the first that is compared"
-    assert gateway.handler.drain() == []
+    assert gateway.reports(bridge) == []
 
 
 def test_a_root_announcement_is_forwarded_without_its_version(gateway, bridge):
@@ -87,7 +87,7 @@ def test_a_forwarded_heartbeat_carries_its_bridge(gateway, bridge):
 def test_the_first_forwarded_message_with_sequence_number_zero_is_a_duplicate(gateway, bridge):
     bridge.send_message(wire.envelope(wire.forwarded_heartbeat(NODE, 0), NODE, NODE_IP))
     bridge.barrier()
-    assert gateway.handler.drain() == []
+    assert gateway.reports(bridge) == []
     bridge.send_message(wire.envelope(wire.forwarded_heartbeat(NODE, 1), NODE, NODE_IP))
     assert handler_message(gateway)[2] == 1
 
@@ -102,7 +102,7 @@ def test_sensor_reports_up_to_their_limit(gateway, bridge, size, forwarded):
     if forwarded:
         assert handler_message(gateway) == struct.pack(">HBH", wire.SENSOR_NEW, 8, size) + payload + NODE
         gateway.broker.wait_for(f"SLIP: MSG_SENSOR_IND_NEW: [22] in_buf_size:{size}  src:1A2B")
-    assert gateway.handler.drain() == []
+    assert gateway.reports(bridge) == []
 
 
 @pytest.mark.parametrize("size, forwarded", [(1037, True), (1038, False)])
@@ -114,14 +114,14 @@ def test_generic_requests_up_to_their_limit(gateway, bridge, size, forwarded):
     bridge.barrier()
     if forwarded:
         assert handler_message(gateway) == struct.pack(">HBHH", wire.GENERIC_SERVER_REQ, 8, size, 0x7777) + body + NODE
-    assert gateway.handler.drain() == []
+    assert gateway.reports(bridge) == []
 
 
 def test_a_report_from_an_unknown_address_is_named_and_acknowledged(gateway, bridge):
     bridge.send_message(wire.sensor(8, b"x", NODE_IP, flags=wire.ACK))
     assert bridge.barrier() == [struct.pack("<HB", wire.REST_ACK, 8) + NODE_IP]
     gateway.broker.wait_for("SLIP: range ip: fd00::11:2233:4400:1a2b to mac return NULL")
-    assert gateway.handler.drain() == []
+    assert gateway.reports(bridge) == []
 
 
 def test_the_ack_of_a_forwarded_report_takes_the_trailer_as_it_stands(gateway, bridge):
@@ -172,7 +172,7 @@ def test_route_requests_become_management_lines(gateway, bridge):
     bridge.send_message(wire.generic_server_req(1, 10, body, NODE_IP))
     entries = ",".join('{"mac":"aabbccddee%02x","lqi":%3u}' % r for r in requesters)
     assert management(gateway) == '"route_request":{"reporter":{"mac":"02ab34cd5600"},"requester":[%s]}' % entries
-    assert gateway.handler.drain() == [], "a route request is not for the message handler"
+    assert gateway.reports(bridge) == [], "a route request is not for the message handler"
     bridge.send_message(wire.generic_server_req(1, 10, body[:15], NODE_IP))
     assert handler_message(gateway)[5:7] == b"\0\x0a", "too short a one is any generic request"
 
@@ -191,7 +191,7 @@ def test_ul_tdoa_data_become_management_lines(gateway, bridge, size):
     if size > 38:
         text += ',"percent_of_charge":88'
     assert management(gateway) == text + "}"
-    assert gateway.handler.drain() == []
+    assert gateway.reports(bridge) == []
 
 
 def test_range_reports_are_printed_and_forwarded(gateway, bridge):

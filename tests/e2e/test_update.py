@@ -76,4 +76,4 @@ def test_fifty_nodes_update_at_once(gateway, web):  # noqa: F811
     seconds = time.monotonic() - begin
     assert all(node.page == PAGES for node in nodes.values())
     print(f"\n{len(nodes)} nodes, {PAGES} pages each of {PAGE} bytes: {seconds:.2f} s, {len(nodes) * PAGES / seconds:.0f} pages/s")
-    assert not [m for m in gateway.handler.drain() if m[1][:2] == b"\x01\x0e"], "no page was asked upstream"
+    assert not [m for m in gateway.reports(bridges[0][0]) if m[:2] == b"\x01\x0e"], "no page was asked upstream"

@@ -8,6 +8,7 @@ import subprocess
 
 import zmq
 
+from . import wire
 from .peers import Broker, Bridge, Inbox, Proxy, Terminal, wait_until
 
 ROOT = pathlib.Path(__file__).resolve().parents[3]
@@ -77,6 +78,7 @@ class Daemon:
         self.output = open(folder / "output.txt", "wb")
         self.process = None
         self.expected_status = 0
+        self._marks = 0
         self._bridges = []
         self.start(wait_ready)
 
@@ -132,6 +134,17 @@ class Daemon:
         terminal = Terminal(self.ports["terminal"])
         self._bridges.append(terminal)
         return terminal
+
+    def reports(self, bridge: Bridge) -> list:
+        """What has reached the message handler of all that was sent before: up to a root announcement that
+        no test uses, sent now. The way up keeps the order."""
+        self._marks += 1
+        node, seq = wire.mac(0xFFFE), self._marks % 255 + 1
+        bridge.send_message(wire.root_announce(node, seq))
+        messages = []
+        while (message := self.handler.receive()[1])[:11] != b"\x01\x03" + bytes([seq]) + node:
+            messages.append(message)
+        return messages
 
     def syslog(self) -> list:
         """Lines "<priority> <ident>: <text>" of the daemon's system log so far."""
