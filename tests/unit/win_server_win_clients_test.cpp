@@ -128,9 +128,9 @@ TEST(win_clients_reader, waits_a_moment_for_what_follows_while_it_is_busy)
     // Each ping leaves when the echo of the one before is there: a call that handles two has waited.
     std::thread bridge{[&peer = peer] {
         for (uint8_t seq = 1; seq < 100; ++seq) {
-            const uint8_t ping[] = {0xF5, 0, 0, seq, 0xF7};
-            peer.send(ping);
-            peer.receive(sizeof ping);
+            const uint8_t frame[] = {0xF5, 0, 0, seq, 0xF7};
+            peer.send(frame);
+            peer.receive(sizeof frame);
         }
     }};
     int most = 0;
