@@ -343,9 +343,13 @@ TEST_F(win_server_actor_test, whatever_cannot_be_opened_ends_the_gateway)
         SCOPED_TRACE(c.given);
         const configured_gateway gateway{c.config};
         log.take();
-        ASSERT_TRUE(win_server_run(&gateway.win_server()));
-        EXPECT_TRUE(repeat_until(is_stop_requested, [] { zclock_sleep(1); }));
-        zactor_destroy(&gateway.win_server().actor); // its thread has ended then
+        zsock_t* other_end = nullptr;
+        zsock_t* pipe = zsys_create_pipe(&other_end);
+        // On a thread whose end can be waited for: only then may its fields be read.
+        std::thread{[&] { win_server_actor(pipe, &gateway.win_server()); }}.join();
+        zsock_destroy(&pipe);
+        zsock_destroy(&other_end);
+        EXPECT_TRUE(is_stop_requested());
         const WIN_SERVER_t& server = gateway.win_server();
         EXPECT_FALSE(win_server_is_ready(&gateway.win_server()));
         EXPECT_EQ(server.discovery_sock_descriptor, -1);
