@@ -325,7 +325,8 @@ TEST_F(win_server_actor_test, a_port_in_use_ends_the_gateway)
 TEST_F(win_server_actor_test, whatever_cannot_be_opened_ends_the_gateway)
 {
     udp_port taken; // without SO_REUSEADDR, so that nobody shares it
-    const std::string good = gateway_config(free_port(), free_port(), 1);
+    // Each with ports of its own: ZeroMQ lets go of a closed socket's port behind our back.
+    const auto good = [] { return gateway_config(free_port(), free_port(), 1); };
     const struct {
         const char* given;
         std::string config;
@@ -333,10 +334,10 @@ TEST_F(win_server_actor_test, whatever_cannot_be_opened_ends_the_gateway)
     } cases[] = {
         {"a discovery port in use", gateway_config(free_port(), taken.number(), 1),
          "udp_new_connection: bind: 98, Address already in use"},
-        {"a proxy address that is none", replaced(good, "pub_sub_proxy\n    address = 127.0.0.1", "a b"),
+        {"a proxy address that is none", replaced(good(), "pub_sub_proxy\n    address = 127.0.0.1", "a b"),
          "win_server_actor: zsock_new_sub: 22, Invalid argument"},
         {"a message handler address that is none",
-         replaced(good, "message_handler\n    address = 127.0.0.1", "a b"),
+         replaced(good(), "message_handler\n    address = 127.0.0.1", "a b"),
          "win_server_actor: zsock_new_push: 22, Invalid argument"},
     };
     for (const auto& c : cases) {
