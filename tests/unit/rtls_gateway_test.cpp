@@ -373,27 +373,29 @@ TEST_F(gateway, the_pid_overwrites_the_start_of_the_file)
     EXPECT_EQ(pid_file_content(), pid + std::string("123456789123456789").substr(pid.size()));
 }
 
-TEST_F(gateway, a_pid_file_that_cannot_be_made_fails_the_run)
+struct pid_file_case_t {
+    const char* file;
+    const char* then;
+};
+
+// One start a process: ZeroMQ lets go of the ports of the gateway before behind our back.
+class gateway_with_bad_pid_file : public gateway, public testing::WithParamInterface<pid_file_case_t> {};
+
+TEST_P(gateway_with_bad_pid_file, fails_the_run)
 {
-    const struct {
-        const char* file;
-        const char* then;
-    } cases[] = {
-        {"/nonexistent/gateway.pid",
-         "unable to create pid file /nonexistent/gateway.pid, code=2 (No such file or directory)"},
-        {"/tmp", "unable to create pid file /tmp, code=21 (Is a directory)"},
-        {"\"\"", "unable to create pid file , code=2 (No such file or directory)"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.file);
-        set("pidfile", c.file);
-        const gateway_ptr given = create();
-        clear_stop();
-        EXPECT_FALSE(rtls_gateway_run(given.get()));
-        EXPECT_THAT(logged(), testing::Contains(c.then));
-        (void)m_log.take();
-    }
+    set("pidfile", GetParam().file);
+    const gateway_ptr given = create();
+    EXPECT_FALSE(rtls_gateway_run(given.get()));
+    EXPECT_THAT(logged(), testing::Contains(GetParam().then));
 }
+
+constexpr pid_file_case_t bad_pid_files[] = {
+    {"/nonexistent/gateway.pid",
+     "unable to create pid file /nonexistent/gateway.pid, code=2 (No such file or directory)"},
+    {"/tmp", "unable to create pid file /tmp, code=21 (Is a directory)"},
+    {"\"\"", "unable to create pid file , code=2 (No such file or directory)"},
+};
+INSTANTIATE_TEST_SUITE_P(files, gateway_with_bad_pid_file, testing::ValuesIn(bad_pid_files));
 
 TEST_F(gateway, an_interrupt_before_the_start_leaves_no_pid_file)
 {
