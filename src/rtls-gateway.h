@@ -5,11 +5,11 @@
 // Failures   A null handle is logged and answered with nullptr, 0 or false.
 #pragma once
 
+#include "version.h"
+
 #include <czmq.h>
 
 #include <cstdint>
-
-inline constexpr char rtls_gateway_version[] = "8.6.3";
 
 // A gateway built from the configuration file, nothing started; or nullptr, with the reason logged.
 void* rtls_gateway_new(const char* config_file_name);
