@@ -1,8 +1,8 @@
 // What a debug line costs, with and without listeners; and the helpers that texts and checks use.
-#include "common.h"
-#include "czmq_ptr.h"
-#include "hex.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/czmq_ptr.h"
+#include "base/hex.h"
+#include "base/logger.h"
 
 #include <benchmark/benchmark.h>
 #include <zmq.hpp>

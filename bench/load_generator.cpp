@@ -7,7 +7,7 @@
 // Sends direct sensor reports. With --rate 0 it keeps `window` reports under way and so finds the
 // highest throughput at which none is lost. Prints one JSON object; the processor time is that of all
 // threads of PID during the measured time.
-#include "bytes.h"
+#include "base/bytes.h"
 #include "messaging.h"
 #include "slip.h"
 

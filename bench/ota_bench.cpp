@@ -1,6 +1,6 @@
 // How fast the store serves pages to nodes, and what it costs to check an image.
-#include "common.h"
-#include "czmq_ptr.h"
+#include "base/common.h"
+#include "base/czmq_ptr.h"
 #include "ota.h"
 
 #include <benchmark/benchmark.h>

@@ -1,6 +1,6 @@
 // Fuzzes the store with sequences of page operations, against a model that remembers every block.
-#include "bytes.h"
-#include "czmq_ptr.h"
+#include "base/bytes.h"
+#include "base/czmq_ptr.h"
 #include "image_download.h"
 #include "ota.h"
 

@@ -3,8 +3,8 @@
 // The first byte of an input selects what the node is like, and whether the rest is the text itself or
 // the bytes of a command. Those may be helped to a known type, a true length and the known node's MAC,
 // so that most runs get past the checks.
-#include "czmq_ptr.h"
-#include "hex.h"
+#include "base/czmq_ptr.h"
+#include "base/hex.h"
 #include "messaging.h"
 #include "nodes_container.h"
 #include "ota.h"

@@ -4,7 +4,7 @@
 // frame. The latter may be helped to a known type, a true length and an envelope, so that most runs get
 // past the first checks. A frame is processed in a buffer of exactly its size, so that a read past its
 // end does not go unseen.
-#include "bytes.h"
+#include "base/bytes.h"
 #include "messaging.h"
 #include "nodes_container.h"
 #include "support/idle_gateway.h"

@@ -1,9 +1,9 @@
 #include "firmware.h"
 
-#include "common.h"
-#include "czmq_ptr.h"
+#include "base/common.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
 #include "image_download.h"
-#include "logger.h"
 
 #include <algorithm>
 #include <array>

@@ -3,8 +3,8 @@
 // Their length is a 16-bit quantity, header included, and wraps for the largest payload lengths. Such
 // a frame may pass the size checks with far fewer bytes than it promises, so whoever reads the payload
 // asks first whether the bytes are there.
+#include "base/logger.h"
 #include "link_frame.h"
-#include "logger.h"
 #include "report_texts.h"
 
 #include <arpa/inet.h>

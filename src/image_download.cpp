@@ -1,8 +1,8 @@
 #include "image_download.h"
 
-#include "common.h"
-#include "logger.h"
-#include "signals.h"
+#include "base/common.h"
+#include "base/logger.h"
+#include "base/signals.h"
 
 #include <curl/curl.h>
 #include <sys/stat.h>

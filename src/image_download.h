@@ -9,7 +9,7 @@
 // Failures   Logged; a failed download leaves nothing behind. Nothing throws.
 #pragma once
 
-#include "posix_regex.h"
+#include "base/posix_regex.h"
 
 #include <chrono>
 #include <cstddef>

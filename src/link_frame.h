@@ -4,7 +4,7 @@
 // pending_data, which is ours until the decoder begins the next one: handlers convert it in place.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "messaging.h"
 #include "nodes_container.h"
 #include "win_server_private.h"

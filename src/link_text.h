@@ -1,7 +1,7 @@
 // link_text - the short texts by which the WIN link names a peer, made on the stack where they are used.
 #pragma once
 
-#include "hex.h"
+#include "base/hex.h"
 
 #include <arpa/inet.h>
 #include <czmq.h>

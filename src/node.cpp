@@ -1,7 +1,7 @@
 #include "node.h"
 
-#include "common.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/logger.h"
 
 #include <cstdlib>
 

@@ -5,7 +5,7 @@
 // Pure functions; the caller holds the nodes container's lock as long as it uses the node.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "messaging.h"
 #include "node.h"
 

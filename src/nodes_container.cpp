@@ -1,8 +1,8 @@
 #include "nodes_container.h"
 
 #include "address_index.h"
-#include "common.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/logger.h"
 #include "node_table.h"
 
 #include <pthread.h>

@@ -1,10 +1,10 @@
 #include "ota.h"
 
-#include "bytes.h"
-#include "common.h"
-#include "czmq_ptr.h"
+#include "base/bytes.h"
+#include "base/common.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
 #include "image_download.h"
-#include "logger.h"
 #include "ota_tags.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // Pages of firmware images, served to nodes from the gateway's own store without asking the servers.
 #include "ota_pages.h"
 
-#include "logger.h"
+#include "base/logger.h"
 #include "ota.h"
 #include "rtls-gateway.h"
 #include "win_server_private.h"

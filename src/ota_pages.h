@@ -1,7 +1,7 @@
 // ota_pages - the requests of nodes for pages of a firmware image, and our answers.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "messaging.h"
 
 #include <cstddef>

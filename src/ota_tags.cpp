@@ -1,6 +1,6 @@
 #include "ota_tags.h"
 
-#include "logger.h"
+#include "base/logger.h"
 
 #include <cstring>
 #include <span>

@@ -4,7 +4,7 @@
 // report a tag that is missing or whose record is cut off by the image's end.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "ota.h"
 
 bool read_board_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info);    // board_version, board_revision

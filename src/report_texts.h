@@ -5,7 +5,7 @@
 // looks at the bytes that are there before it looks at what they say.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "core/ctimestamp.h"
 #include "messaging.h"
 

@@ -1,12 +1,12 @@
 #include "rtls-gateway.h"
 
-#include "common.h"
-#include "config.h"
+#include "base/common.h"
+#include "base/config.h"
+#include "base/logger.h"
+#include "base/signals.h"
 #include "firmware.h"
-#include "logger.h"
 #include "nodes_container.h"
 #include "ota.h"
-#include "signals.h"
 #include "terminal_server.h"
 #include "win_server.h"
 

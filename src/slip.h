@@ -1,7 +1,7 @@
 // slip - the byte stuffing of the WIN link: START message END, with special bytes behind ESC.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,14 +1,14 @@
 #include "terminal_commands.h"
 
-#include "common.h"
-#include "czmq_ptr.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
+#include "base/tokenize.h"
 #include "rtls-gateway.h"
 #include "terminal_commands_private.h"
 #include "terminal_filter.h"
 #include "terminal_node_requests.h"
 #include "terminal_server.h"
-#include "tokenize.h"
 
 #include <zmq.h>
 

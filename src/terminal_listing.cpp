@@ -1,7 +1,7 @@
 #include "terminal_listing.h"
 
-#include "common.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/logger.h"
 #include "nodes_container.h"
 #include "rtls-gateway.h"
 #include "terminal_commands_private.h"

@@ -1,6 +1,6 @@
 #include "terminal_node_requests.h"
 
-#include "logger.h"
+#include "base/logger.h"
 #include "messaging.h"
 #include "nodes_container.h"
 

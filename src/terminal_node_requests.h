@@ -3,7 +3,7 @@
 // Each is a generic request as the WIN server takes it: a header, a body, and the destination's MAC.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "node.h"
 #include "ota.h"
 

@@ -2,8 +2,8 @@
 //
 // Both sends are don't-wait: a server that is down or slow costs its own reports and stalls nobody.
 // The parts are made as ZeroMQ messages directly, which spares the fast path a frame object each.
-#include "hex.h"
-#include "logger.h"
+#include "base/hex.h"
+#include "base/logger.h"
 #include "report_texts.h"
 #include "win_server_private.h"
 

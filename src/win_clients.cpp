@@ -1,9 +1,9 @@
 // win_clients - see win_clients.h.
 #include "win_clients.h"
 
-#include "common.h"
-#include "czmq_ptr.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
 #include "slip.h"
 
 #include <algorithm>

@@ -5,7 +5,7 @@
 // Threads    WIN server thread.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "node.h"
 
 #include <czmq.h>

@@ -2,10 +2,10 @@
 // The actor itself stands in win_server_actor.cpp.
 #include "win_server.h"
 
-#include "config.h"
-#include "czmq_ptr.h"
+#include "base/config.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
 #include "link_text.h"
-#include "logger.h"
 #include "messaging.h"
 #include "slip.h"
 #include "win_server_private.h"

@@ -6,7 +6,7 @@
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
 #include "node.h"
 
 #include <czmq.h>

@@ -1,10 +1,10 @@
 // win_server_actor - the actor's life: sockets, loop, tear-down, each in a fixed order.
 #include "win_server_private.h"
 
-#include "czmq_ptr.h"
-#include "logger.h"
-#include "signals.h"
-#include "udplib.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
+#include "base/signals.h"
+#include "base/udplib.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "win_server_discovery.h"
 
-#include "logger.h"
-#include "udplib.h"
+#include "base/logger.h"
+#include "base/udplib.h"
 #include "win_server_private.h"
 
 #include <arpa/inet.h>

@@ -3,7 +3,7 @@
 // A bridge that does not know its gateway yet asks by UDP, mostly by broadcast.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 
 #include <netinet/in.h>
 

@@ -1,6 +1,6 @@
 // The generic request forwarder, and the channel on which other threads hand requests to it.
-#include "czmq_ptr.h"
-#include "logger.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
 #include "node_request.h"
 #include "nodes_container.h"
 #include "rtls-gateway.h"

@@ -3,9 +3,9 @@
 // Threads    All of it belongs to the actor's thread, except where a field says otherwise.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
+#include "base/common.h"
 #include "closed_ids.h"
-#include "common.h"
 #include "win_clients.h"
 #include "win_server.h"
 

@@ -1,7 +1,7 @@
 // Commands from the pub/sub proxy: hexadecimal texts, decoded, freed of repeats, checked by their type,
 // rewritten for the WIN link and sent to the WIN client that reaches the node.
+#include "base/logger.h"
 #include "firmware.h"
-#include "logger.h"
 #include "messaging.h"
 #include "node_request.h"
 #include "nodes_container.h"

@@ -2,12 +2,12 @@
 // nodes age, a silent proxy is reconnected, and what could not be sent is tried again.
 #include "win_server_private.h"
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
+#include "base/signals.h"
 #include "link_text.h"
-#include "logger.h"
 #include "nodes_container.h"
 #include "rtls-gateway.h"
-#include "signals.h"
 
 #include <new>
 #include <vector>

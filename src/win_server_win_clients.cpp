@@ -5,9 +5,9 @@
 // win_client_messages.
 #include "win_server_private.h"
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
 #include "link_text.h"
-#include "logger.h"
 #include "messaging.h"
 #include "slip.h"
 

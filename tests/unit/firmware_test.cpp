@@ -1,4 +1,4 @@
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
 #include "firmware.h"
 #include "support/http_responder.h"
 #include "support/log_capture.h"

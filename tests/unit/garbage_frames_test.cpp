@@ -1,6 +1,6 @@
 // Frames that nobody should send. Each stands in a buffer of its own size: under the sanitizers a read
 // past the received bytes ends the test.
-#include "hex.h"
+#include "base/hex.h"
 #include "support/bridge_message_fixture.h"
 
 #include <algorithm>

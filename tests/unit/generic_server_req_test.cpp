@@ -1,5 +1,5 @@
 // Sensor reports and generic server requests, direct and forwarded, and the sub-commands of the latter.
-#include "hex.h"
+#include "base/hex.h"
 #include "messaging.h"
 #include "nodes_container.h"
 #include "ota.h"

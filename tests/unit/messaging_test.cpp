@@ -1,7 +1,7 @@
 // The wire vocabulary, number by number: peers in the field depend on each of them.
 #include "messaging.h"
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "support/hex_bytes.h"
 
 #include <gtest/gtest.h>

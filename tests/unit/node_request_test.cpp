@@ -1,6 +1,6 @@
 #include "node_request.h"
 
-#include "hex.h"
+#include "base/hex.h"
 #include "support/hex_bytes.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "node.h"
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
 #include "support/log_capture.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,6 @@
 #include "ota_pages.h"
 
-#include "hex.h"
+#include "base/hex.h"
 #include "ota.h"
 #include "rtls-gateway.h"
 #include "support/bridge_message_fixture.h"

@@ -1,5 +1,5 @@
-#include "common.h"
-#include "czmq_ptr.h"
+#include "base/common.h"
+#include "base/czmq_ptr.h"
 #include "image_download.h"
 #include "ota.h"
 #include "support/http_responder.h"

@@ -1,6 +1,6 @@
 #include "terminal_commands.h"
 
-#include "common.h"
+#include "base/common.h"
 #include "nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"

@@ -1,6 +1,6 @@
 #include "terminal_firmware.h"
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"

@@ -1,9 +1,9 @@
 #include "terminal_server.h"
 
-#include "common.h"
+#include "base/common.h"
+#include "base/signals.h"
 #include "nodes_container.h"
 #include "rtls-gateway.h"
-#include "signals.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/terminal_fixture.h"

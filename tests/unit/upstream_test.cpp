@@ -1,4 +1,4 @@
-#include "hex.h"
+#include "base/hex.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/sanitizers.h"

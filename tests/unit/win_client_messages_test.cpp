@@ -1,5 +1,5 @@
 // Envelopes, pings, acks, and the messages of fixed size. Those with a payload: generic_server_req_test.
-#include "hex.h"
+#include "base/hex.h"
 #include "messaging.h"
 #include "nodes_container.h"
 #include "support/bridge_message_fixture.h"

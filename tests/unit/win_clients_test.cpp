@@ -1,6 +1,6 @@
 #include "win_clients.h"
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
 #include "slip.h"
 #include "support/failing_new.h"
 #include "support/hex_bytes.h"

@@ -1,8 +1,8 @@
 #include "win_server_discovery.h"
 
-#include "hex.h"
+#include "base/hex.h"
+#include "base/udplib.h"
 #include "support/log_capture.h"
-#include "udplib.h"
 #include "win_server_private.h"
 
 #include <gtest/gtest.h>

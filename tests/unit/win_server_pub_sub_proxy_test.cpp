@@ -1,5 +1,5 @@
+#include "base/hex.h"
 #include "firmware.h"
-#include "hex.h"
 #include "nodes_container.h"
 #include "ota.h"
 #include "rtls-gateway.h"

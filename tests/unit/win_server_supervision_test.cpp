@@ -1,9 +1,9 @@
 #include "win_server_private.h"
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
+#include "base/signals.h"
 #include "link_text.h"
 #include "nodes_container.h"
-#include "signals.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/win_link.h"

@@ -1,8 +1,8 @@
 #include "win_server.h"
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
+#include "base/signals.h"
 #include "link_text.h"
-#include "signals.h"
 #include "support/free_port.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"

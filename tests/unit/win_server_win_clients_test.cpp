@@ -1,6 +1,6 @@
 #include "win_server_private.h"
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
 #include "link_text.h"
 #include "support/failing_new.h"
 #include "support/hex_bytes.h"

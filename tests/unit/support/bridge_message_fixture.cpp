@@ -1,6 +1,6 @@
 #include "support/bridge_message_fixture.h"
 
-#include "hex.h"
+#include "base/hex.h"
 #include "nodes_container.h"
 
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include "support/idle_gateway.h"
 
-#include "hex.h"
+#include "base/hex.h"
 #include "nodes_container.h"
 #include "rtls-gateway.h"
 

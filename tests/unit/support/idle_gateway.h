@@ -5,7 +5,7 @@
 // Threads    The caller's own.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "win_server_private.h"
 
 // A gateway with every required key configured, the debug sections off, and room for two firmware

@@ -1,6 +1,6 @@
 #include "support/log_capture.h"
 
-#include "logger.h"
+#include "base/logger.h"
 
 #include <algorithm>
 #include <chrono>

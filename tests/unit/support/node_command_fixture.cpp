@@ -1,6 +1,6 @@
 #include "support/node_command_fixture.h"
 
-#include "hex.h"
+#include "base/hex.h"
 #include "nodes_container.h"
 #include "rtls-gateway.h"
 #include "slip.h"

@@ -5,7 +5,7 @@
 // Threads    The test's own; no actor runs.
 #pragma once
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "support/log_capture.h"
 #include "win_server_private.h"
 

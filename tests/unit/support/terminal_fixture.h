@@ -1,7 +1,7 @@
 // terminal_fixture - a gateway of a test's own, and operators who connect to it.
 #pragma once
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
 #include "node.h"
 #include "terminal_client.h"
 

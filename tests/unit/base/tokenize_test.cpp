@@ -1,4 +1,4 @@
-#include "tokenize.h"
+#include "base/tokenize.h"
 
 #include "support/log_capture.h"
 

@@ -1,7 +1,7 @@
-#include "tokenize.h"
+#include "base/tokenize.h"
 
-#include "common.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/logger.h"
 
 static bool is_separator(char c)
 {

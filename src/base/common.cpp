@@ -1,7 +1,7 @@
-#include "common.h"
+#include "base/common.h"
 
-#include "bytes.h"
-#include "logger.h"
+#include "base/bytes.h"
+#include "base/logger.h"
 
 #include <zmq.h>
 

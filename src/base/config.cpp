@@ -1,7 +1,7 @@
-#include "config.h"
+#include "base/config.h"
 
-#include "common.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/logger.h"
 
 #include <cerrno>
 #include <climits>

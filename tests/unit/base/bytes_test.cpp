@@ -1,4 +1,4 @@
-#include "bytes.h"
+#include "base/bytes.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "udplib.h"
+#include "base/udplib.h"
 
 #include "support/log_capture.h"
 

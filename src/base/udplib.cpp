@@ -1,7 +1,7 @@
-#include "udplib.h"
+#include "base/udplib.h"
 
-#include "common.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/logger.h"
 
 #include <unistd.h>
 

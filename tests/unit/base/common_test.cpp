@@ -1,8 +1,8 @@
 // The debug stream and the helpers of common.h.
-#include "common.h"
+#include "base/common.h"
 
-#include "czmq_ptr.h"
-#include "logger.h"
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
 #include "support/log_capture.h"
 
 #include <gmock/gmock.h>

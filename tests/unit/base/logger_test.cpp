@@ -1,6 +1,6 @@
-#include "logger.h"
+#include "base/logger.h"
 
-#include "common.h"
+#include "base/common.h"
 #include "support/log_capture.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,6 @@
-#include "config.h"
+#include "base/config.h"
 
-#include "czmq_ptr.h"
+#include "base/czmq_ptr.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"
 

@@ -1,4 +1,4 @@
-#include "hex.h"
+#include "base/hex.h"
 
 #include <array>
 #include <cstring>
