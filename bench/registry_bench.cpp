@@ -1,5 +1,5 @@
 // The nodes container's look-ups, at the sizes of a small site, a large one, and beyond any we know.
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,6 +1,6 @@
 // What an operator's listing costs: the copying, for which the registry is locked and the WIN server may
 // have to wait, and the rest, for which it is not.
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "terminal_listing.h"
 
 #include <benchmark/benchmark.h>

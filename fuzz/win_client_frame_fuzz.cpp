@@ -6,7 +6,7 @@
 // end does not go unseen.
 #include "base/bytes.h"
 #include "messaging.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "support/idle_gateway.h"
 
 #include <algorithm>

@@ -6,7 +6,7 @@
 
 #include "base/bytes.h"
 #include "messaging.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "win_server_private.h"
 
 #include <array>

@@ -5,8 +5,8 @@
 #include "base/logger.h"
 #include "base/signals.h"
 #include "firmware.h"
-#include "nodes_container.h"
 #include "ota.h"
+#include "registry/nodes_container.h"
 #include "terminal_server.h"
 #include "win_server.h"
 

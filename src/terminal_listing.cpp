@@ -2,7 +2,7 @@
 
 #include "base/common.h"
 #include "base/logger.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "terminal_commands_private.h"
 

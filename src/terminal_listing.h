@@ -4,7 +4,7 @@
 // text and sent after it, so that a slow terminal never holds up the WIN server.
 #pragma once
 
-#include "node.h"
+#include "registry/node.h"
 #include "terminal_client.h"
 #include "win_server.h"
 

@@ -2,7 +2,7 @@
 
 #include "base/logger.h"
 #include "messaging.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 
 #include <cstring>
 

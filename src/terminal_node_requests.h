@@ -4,8 +4,8 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "node.h"
 #include "ota.h"
+#include "registry/node.h"
 
 #include <array>
 #include <cstddef>

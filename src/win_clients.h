@@ -6,7 +6,7 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "node.h"
+#include "registry/node.h"
 
 #include <czmq.h>
 #include <netinet/in.h>

@@ -7,7 +7,7 @@
 #pragma once
 
 #include "base/czmq_ptr.h"
-#include "node.h"
+#include "registry/node.h"
 
 #include <czmq.h>
 #include <netinet/in.h>

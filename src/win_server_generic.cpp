@@ -2,7 +2,7 @@
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "node_request.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "win_server_private.h"
 

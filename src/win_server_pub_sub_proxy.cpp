@@ -4,8 +4,8 @@
 #include "firmware.h"
 #include "messaging.h"
 #include "node_request.h"
-#include "nodes_container.h"
 #include "ota.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "win_server_private.h"
 

@@ -6,7 +6,7 @@
 #include "base/logger.h"
 #include "base/signals.h"
 #include "link_text.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 
 #include <new>

@@ -1,7 +1,7 @@
 #include "terminal_commands.h"
 
 #include "base/common.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"

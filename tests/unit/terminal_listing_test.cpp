@@ -1,6 +1,6 @@
 #include "terminal_listing.h"
 
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/terminal_fixture.h"

@@ -2,7 +2,7 @@
 
 #include "base/common.h"
 #include "base/signals.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"

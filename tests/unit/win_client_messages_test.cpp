@@ -1,7 +1,7 @@
 // Envelopes, pings, acks, and the messages of fixed size. Those with a payload: generic_server_req_test.
 #include "base/hex.h"
 #include "messaging.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "support/bridge_message_fixture.h"
 
 #include <atomic>

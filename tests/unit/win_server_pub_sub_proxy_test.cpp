@@ -1,7 +1,7 @@
 #include "base/hex.h"
 #include "firmware.h"
-#include "nodes_container.h"
 #include "ota.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/node_command_fixture.h"

@@ -3,7 +3,7 @@
 #include "base/czmq_ptr.h"
 #include "base/signals.h"
 #include "link_text.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/win_link.h"

@@ -1,7 +1,7 @@
 #include "support/bridge_message_fixture.h"
 
 #include "base/hex.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,7 +1,7 @@
 #include "support/idle_gateway.h"
 
 #include "base/hex.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 
 #include <unistd.h>

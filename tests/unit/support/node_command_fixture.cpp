@@ -1,7 +1,7 @@
 #include "support/node_command_fixture.h"
 
 #include "base/hex.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "slip.h"
 #include "support/hex_bytes.h"

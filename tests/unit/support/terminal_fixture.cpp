@@ -1,6 +1,6 @@
 #include "support/terminal_fixture.h"
 
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "terminal_server.h"
 #include "win_clients.h"

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "base/czmq_ptr.h"
-#include "node.h"
+#include "registry/node.h"
 #include "terminal_client.h"
 
 #include <czmq.h>

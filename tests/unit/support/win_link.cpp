@@ -1,6 +1,6 @@
 #include "support/win_link.h"
 
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 
 #include <poll.h>

@@ -11,7 +11,7 @@
 // Threads    None of its own; the nodes container locks around it.
 #pragma once
 
-#include "node.h"
+#include "registry/node.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 
 #include "support/log_capture.h"
 

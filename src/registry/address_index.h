@@ -6,7 +6,7 @@
 // Threads    None of its own; the nodes container locks around it.
 #pragma once
 
-#include "node_table.h"
+#include "registry/node_table.h"
 
 #include <array>
 #include <optional>

@@ -1,8 +1,8 @@
 // The order of the table, its bounds, and what happens when memory is short.
-#include "node_table.h"
+#include "registry/node_table.h"
 
 #include "base/czmq_ptr.h"
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 #include "support/failing_new.h"
 #include "support/log_capture.h"
 

@@ -1,4 +1,4 @@
-#include "address_index.h"
+#include "registry/address_index.h"
 
 #include <cstring>
 #include <new>

@@ -1,4 +1,4 @@
-#include "node.h"
+#include "registry/node.h"
 
 #include "base/czmq_ptr.h"
 #include "support/log_capture.h"

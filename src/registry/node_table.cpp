@@ -1,6 +1,6 @@
-#include "node_table.h"
+#include "registry/node_table.h"
 
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 
 #include <sys/random.h>
 

@@ -1,9 +1,9 @@
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 
-#include "address_index.h"
 #include "base/common.h"
 #include "base/logger.h"
-#include "node_table.h"
+#include "registry/address_index.h"
+#include "registry/node_table.h"
 
 #include <pthread.h>
 

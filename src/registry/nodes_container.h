@@ -6,7 +6,7 @@
 // Failures   A null argument is logged and answered with nullptr, 0 or nothing.
 #pragma once
 
-#include "node.h"
+#include "registry/node.h"
 
 #include <cstddef>
 #include <cstdint>

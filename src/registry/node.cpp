@@ -1,4 +1,4 @@
-#include "node.h"
+#include "registry/node.h"
 
 #include "base/common.h"
 #include "base/logger.h"
