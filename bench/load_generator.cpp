@@ -8,8 +8,8 @@
 // highest throughput at which none is lost. Prints one JSON object; the processor time is that of all
 // threads of PID during the measured time.
 #include "base/bytes.h"
-#include "messaging.h"
-#include "slip.h"
+#include "wire/messaging.h"
+#include "wire/slip.h"
 
 #include <CLI/CLI.hpp>
 #include <zmq.h>

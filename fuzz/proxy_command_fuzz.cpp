@@ -5,13 +5,13 @@
 // so that most runs get past the checks.
 #include "base/czmq_ptr.h"
 #include "base/hex.h"
-#include "messaging.h"
 #include "ota.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
-#include "slip.h"
 #include "support/idle_gateway.h"
 #include "win_server_private.h"
+#include "wire/messaging.h"
+#include "wire/slip.h"
 
 #include <algorithm>
 #include <array>

@@ -5,9 +5,9 @@
 // past the first checks. A frame is processed in a buffer of exactly its size, so that a read past its
 // end does not go unseen.
 #include "base/bytes.h"
-#include "messaging.h"
 #include "registry/nodes_container.h"
 #include "support/idle_gateway.h"
+#include "wire/messaging.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -7,7 +7,7 @@
 // Failures   Logged; a failed download leaves nothing behind.
 #pragma once
 
-#include "messaging.h"
+#include "wire/messaging.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -5,7 +5,7 @@
 // asks first whether the bytes are there.
 #include "base/logger.h"
 #include "link_frame.h"
-#include "report_texts.h"
+#include "wire/report_texts.h"
 
 #include <arpa/inet.h>
 

@@ -5,9 +5,9 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "messaging.h"
 #include "registry/nodes_container.h"
 #include "win_server_private.h"
+#include "wire/messaging.h"
 
 #include <array>
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "messaging.h"
+#include "wire/messaging.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,8 +1,8 @@
 #include "terminal_node_requests.h"
 
 #include "base/logger.h"
-#include "messaging.h"
 #include "registry/nodes_container.h"
+#include "wire/messaging.h"
 
 #include <cstring>
 

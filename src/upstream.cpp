@@ -4,8 +4,8 @@
 // The parts are made as ZeroMQ messages directly, which spares the fast path a frame object each.
 #include "base/hex.h"
 #include "base/logger.h"
-#include "report_texts.h"
 #include "win_server_private.h"
+#include "wire/report_texts.h"
 
 #include <atomic>
 #include <cerrno>

@@ -4,7 +4,7 @@
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
-#include "slip.h"
+#include "wire/slip.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -6,9 +6,9 @@
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "link_text.h"
-#include "messaging.h"
-#include "slip.h"
 #include "win_server_private.h"
+#include "wire/messaging.h"
+#include "wire/slip.h"
 
 #include <sys/socket.h>
 

@@ -1,10 +1,10 @@
 // The generic request forwarder, and the channel on which other threads hand requests to it.
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
-#include "node_request.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "win_server_private.h"
+#include "wire/node_request.h"
 
 #include <array>
 

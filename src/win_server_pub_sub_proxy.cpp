@@ -2,12 +2,12 @@
 // rewritten for the WIN link and sent to the WIN client that reaches the node.
 #include "base/logger.h"
 #include "firmware.h"
-#include "messaging.h"
-#include "node_request.h"
 #include "ota.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "win_server_private.h"
+#include "wire/messaging.h"
+#include "wire/node_request.h"
 
 #include <array>
 #include <memory>

@@ -8,8 +8,8 @@
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "link_text.h"
-#include "messaging.h"
-#include "slip.h"
+#include "wire/messaging.h"
+#include "wire/slip.h"
 
 #include <sys/socket.h>
 #include <time.h>

@@ -1,10 +1,10 @@
 // Sensor reports and generic server requests, direct and forwarded, and the sub-commands of the latter.
 #include "base/hex.h"
-#include "messaging.h"
 #include "ota.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/bridge_message_fixture.h"
+#include "wire/messaging.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,8 +1,8 @@
 // Envelopes, pings, acks, and the messages of fixed size. Those with a payload: generic_server_req_test.
 #include "base/hex.h"
-#include "messaging.h"
 #include "registry/nodes_container.h"
 #include "support/bridge_message_fixture.h"
+#include "wire/messaging.h"
 
 #include <atomic>
 #include <cstring>

@@ -1,10 +1,10 @@
 #include "win_clients.h"
 
 #include "base/czmq_ptr.h"
-#include "slip.h"
 #include "support/failing_new.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
+#include "wire/slip.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

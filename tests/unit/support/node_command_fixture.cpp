@@ -3,9 +3,9 @@
 #include "base/hex.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
-#include "slip.h"
 #include "support/hex_bytes.h"
 #include "support/idle_gateway.h"
+#include "wire/slip.h"
 
 #include <unistd.h>
 

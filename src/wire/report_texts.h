@@ -7,7 +7,7 @@
 
 #include "base/bytes.h"
 #include "core/ctimestamp.h"
-#include "messaging.h"
+#include "wire/messaging.h"
 
 #include <array>
 #include <cstddef>

@@ -6,8 +6,8 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "messaging.h"
 #include "registry/node.h"
+#include "wire/messaging.h"
 
 // What a frame takes at most beside its message: the wrapper's header, the MAC and the address.
 constexpr size_t node_request_overhead = msgHeader_t::size + mac_size + ip_addr_size;

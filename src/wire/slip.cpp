@@ -1,6 +1,6 @@
 // slip - see slip.h. Nearly all bytes on the link are ordinary, so both directions look for special
 // ones in words of eight bytes.
-#include "slip.h"
+#include "wire/slip.h"
 
 #include <bit>
 

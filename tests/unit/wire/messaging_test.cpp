@@ -1,5 +1,5 @@
 // The wire vocabulary, number by number: peers in the field depend on each of them.
-#include "messaging.h"
+#include "wire/messaging.h"
 
 #include "base/bytes.h"
 #include "support/hex_bytes.h"

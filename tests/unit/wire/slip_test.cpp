@@ -1,4 +1,4 @@
-#include "slip.h"
+#include "wire/slip.h"
 
 #include "support/hex_bytes.h"
 

@@ -1,4 +1,4 @@
-#include "node_request.h"
+#include "wire/node_request.h"
 
 // Set in the high byte of the wrapper's type for a node that is reached directly.
 constexpr gwCmdID_t wrapper_direct = msg_flag_direct_mask;

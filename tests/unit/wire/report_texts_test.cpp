@@ -1,4 +1,4 @@
-#include "report_texts.h"
+#include "wire/report_texts.h"
 
 #include "support/hex_bytes.h"
 

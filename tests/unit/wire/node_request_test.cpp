@@ -1,4 +1,4 @@
-#include "node_request.h"
+#include "wire/node_request.h"
 
 #include "base/hex.h"
 #include "support/hex_bytes.h"
