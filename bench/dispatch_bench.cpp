@@ -2,7 +2,7 @@
 //
 // The upstream peers are in this process and emptied between batches, outside of the measurement, so that
 // no queue is ever full. Debug sections are off and there is no broker, as in the field.
-#include "ota.h"
+#include "firmware/ota.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"

@@ -1,7 +1,7 @@
 // Fuzzes the receiving end of a download: the input is cut into header lines and pieces of body, in any
 // order, as a hostile server may have them arrive.
 #include "base/bytes.h"
-#include "image_download.h"
+#include "firmware/image_download.h"
 
 #include <algorithm>
 #include <cstdlib>

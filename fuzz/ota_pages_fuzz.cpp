@@ -1,8 +1,8 @@
 // Fuzzes the store with sequences of page operations, against a model that remembers every block.
 #include "base/bytes.h"
 #include "base/czmq_ptr.h"
-#include "image_download.h"
-#include "ota.h"
+#include "firmware/image_download.h"
+#include "firmware/ota.h"
 
 #include <cstdlib>
 #include <map>

@@ -1,5 +1,5 @@
 // Fuzzes the search for tags in an image: its bytes are whatever a server sent.
-#include "ota_tags.h"
+#include "firmware/ota_tags.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -5,7 +5,7 @@
 // so that most runs get past the checks.
 #include "base/czmq_ptr.h"
 #include "base/hex.h"
-#include "ota.h"
+#include "firmware/ota.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/idle_gateway.h"

@@ -2,7 +2,7 @@
 #include "ota_pages.h"
 
 #include "base/logger.h"
-#include "ota.h"
+#include "firmware/ota.h"
 #include "rtls-gateway.h"
 #include "win_server_private.h"
 

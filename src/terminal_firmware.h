@@ -1,7 +1,7 @@
 // terminal_firmware - the operators' words on the firmware store, as answers to given arguments.
 #pragma once
 
-#include "ota.h"
+#include "firmware/ota.h"
 
 #include <cstddef>
 #include <cstdint>

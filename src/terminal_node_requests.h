@@ -4,7 +4,7 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "ota.h"
+#include "firmware/ota.h"
 #include "registry/node.h"
 
 #include <array>

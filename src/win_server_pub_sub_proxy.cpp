@@ -1,8 +1,8 @@
 // Commands from the pub/sub proxy: hexadecimal texts, decoded, freed of repeats, checked by their type,
 // rewritten for the WIN link and sent to the WIN client that reaches the node.
 #include "base/logger.h"
-#include "firmware.h"
-#include "ota.h"
+#include "firmware/firmware.h"
+#include "firmware/ota.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "win_server_private.h"

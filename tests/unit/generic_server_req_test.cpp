@@ -1,6 +1,6 @@
 // Sensor reports and generic server requests, direct and forwarded, and the sub-commands of the latter.
 #include "base/hex.h"
-#include "ota.h"
+#include "firmware/ota.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/bridge_message_fixture.h"

@@ -1,7 +1,7 @@
 #include "ota_pages.h"
 
 #include "base/hex.h"
-#include "ota.h"
+#include "firmware/ota.h"
 #include "rtls-gateway.h"
 #include "support/bridge_message_fixture.h"
 #include "support/failing_new.h"

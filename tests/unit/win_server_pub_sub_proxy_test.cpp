@@ -1,6 +1,6 @@
 #include "base/hex.h"
-#include "firmware.h"
-#include "ota.h"
+#include "firmware/firmware.h"
+#include "firmware/ota.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"

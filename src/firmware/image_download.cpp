@@ -1,4 +1,4 @@
-#include "image_download.h"
+#include "firmware/image_download.h"
 
 #include "base/common.h"
 #include "base/logger.h"

@@ -1,5 +1,5 @@
 #include "base/czmq_ptr.h"
-#include "firmware.h"
+#include "firmware/firmware.h"
 #include "support/http_responder.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"

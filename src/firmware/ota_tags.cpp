@@ -1,4 +1,4 @@
-#include "ota_tags.h"
+#include "firmware/ota_tags.h"
 
 #include "base/logger.h"
 

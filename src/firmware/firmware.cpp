@@ -1,9 +1,9 @@
-#include "firmware.h"
+#include "firmware/firmware.h"
 
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
-#include "image_download.h"
+#include "firmware/image_download.h"
 
 #include <algorithm>
 #include <array>

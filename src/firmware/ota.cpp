@@ -1,11 +1,11 @@
-#include "ota.h"
+#include "firmware/ota.h"
 
 #include "base/bytes.h"
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
-#include "image_download.h"
-#include "ota_tags.h"
+#include "firmware/image_download.h"
+#include "firmware/ota_tags.h"
 
 #include <algorithm>
 #include <cstring>

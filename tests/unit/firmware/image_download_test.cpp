@@ -1,5 +1,5 @@
 #include "base/signals.h"
-#include "image_download.h"
+#include "firmware/image_download.h"
 #include "support/http_responder.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "ota.h"
+#include "firmware/ota.h"
 
 bool read_board_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info);    // board_version, board_revision
 bool read_firmware_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info); // git_ver, page_size, maximum_pages
