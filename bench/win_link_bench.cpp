@@ -1,6 +1,6 @@
 // win_link_bench - bytes a second through the framing of the WIN link, by the share of bytes that need
 // an escape: none, 1 % (what reports carry), all of them (the worst a peer can send).
-#include "win_clients.h"
+#include "link/win_clients.h"
 #include "wire/slip.h"
 
 #include <benchmark/benchmark.h>

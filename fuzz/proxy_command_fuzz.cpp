@@ -6,10 +6,10 @@
 #include "base/czmq_ptr.h"
 #include "base/hex.h"
 #include "firmware/ota.h"
+#include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/idle_gateway.h"
-#include "win_server_private.h"
 #include "wire/messaging.h"
 #include "wire/slip.h"
 

@@ -5,8 +5,8 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "link/win_server_private.h"
 #include "registry/nodes_container.h"
-#include "win_server_private.h"
 #include "wire/messaging.h"
 
 #include <array>

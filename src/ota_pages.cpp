@@ -3,8 +3,8 @@
 
 #include "base/logger.h"
 #include "firmware/ota.h"
+#include "link/win_server_private.h"
 #include "rtls-gateway.h"
-#include "win_server_private.h"
 
 #include <memory>
 #include <new>

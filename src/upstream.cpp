@@ -4,7 +4,7 @@
 // The parts are made as ZeroMQ messages directly, which spares the fast path a frame object each.
 #include "base/hex.h"
 #include "base/logger.h"
-#include "win_server_private.h"
+#include "link/win_server_private.h"
 #include "wire/report_texts.h"
 
 #include <atomic>

@@ -5,8 +5,8 @@
 #include "base/config.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
-#include "link_text.h"
-#include "win_server_private.h"
+#include "link/link_text.h"
+#include "link/win_server_private.h"
 #include "wire/messaging.h"
 #include "wire/slip.h"
 

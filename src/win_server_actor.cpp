@@ -1,5 +1,5 @@
 // win_server_actor - the actor's life: sockets, loop, tear-down, each in a fixed order.
-#include "win_server_private.h"
+#include "link/win_server_private.h"
 
 #include "base/czmq_ptr.h"
 #include "base/logger.h"

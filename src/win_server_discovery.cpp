@@ -2,7 +2,7 @@
 
 #include "base/logger.h"
 #include "base/udplib.h"
-#include "win_server_private.h"
+#include "link/win_server_private.h"
 
 #include <arpa/inet.h>
 

@@ -1,9 +1,9 @@
 // The generic request forwarder, and the channel on which other threads hand requests to it.
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
+#include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
-#include "win_server_private.h"
 #include "wire/node_request.h"
 
 #include <array>

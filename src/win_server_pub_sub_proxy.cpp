@@ -3,9 +3,9 @@
 #include "base/logger.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
+#include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
-#include "win_server_private.h"
 #include "wire/messaging.h"
 #include "wire/node_request.h"
 

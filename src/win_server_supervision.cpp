@@ -1,11 +1,11 @@
 // win_server_supervision - the WIN server's periodic work: bridges nobody speaks through are let go,
 // nodes age, a silent proxy is reconnected, and what could not be sent is tried again.
-#include "win_server_private.h"
+#include "link/win_server_private.h"
 
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/signals.h"
-#include "link_text.h"
+#include "link/link_text.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 

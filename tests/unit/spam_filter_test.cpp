@@ -1,6 +1,6 @@
+#include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
-#include "win_server_private.h"
 
 #include <gtest/gtest.h>
 

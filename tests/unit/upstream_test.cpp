@@ -1,8 +1,8 @@
 #include "base/hex.h"
+#include "link/win_server_private.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/sanitizers.h"
-#include "win_server_private.h"
 
 #include <gtest/gtest.h>
 

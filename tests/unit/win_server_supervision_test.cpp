@@ -1,8 +1,8 @@
-#include "win_server_private.h"
+#include "link/win_server_private.h"
 
 #include "base/czmq_ptr.h"
 #include "base/signals.h"
-#include "link_text.h"
+#include "link/link_text.h"
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"

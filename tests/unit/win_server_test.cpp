@@ -2,12 +2,12 @@
 
 #include "base/czmq_ptr.h"
 #include "base/signals.h"
-#include "link_text.h"
+#include "link/link_text.h"
+#include "link/win_server_private.h"
 #include "support/free_port.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/win_link.h"
-#include "win_server_private.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

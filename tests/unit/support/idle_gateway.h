@@ -6,7 +6,7 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "win_server_private.h"
+#include "link/win_server_private.h"
 
 // A gateway with every required key configured, the debug sections off, and room for two firmware
 // images; or nullptr. The caller's, for rtls_gateway_destroy.

@@ -6,8 +6,8 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "link/win_server_private.h"
 #include "support/log_capture.h"
-#include "win_server_private.h"
 
 #include <gtest/gtest.h>
 

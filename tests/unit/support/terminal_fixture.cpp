@@ -1,9 +1,9 @@
 #include "support/terminal_fixture.h"
 
+#include "link/win_clients.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "terminal_server.h"
-#include "win_clients.h"
 #include "win_server.h"
 
 #include <arpa/inet.h>

@@ -5,8 +5,8 @@
 // Threads    The test's own.
 #pragma once
 
+#include "link/win_server_private.h"
 #include "support/tcp_peer.h"
-#include "win_server_private.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,7 +1,7 @@
-#include "win_server_private.h"
+#include "link/win_server_private.h"
 
 #include "base/czmq_ptr.h"
-#include "link_text.h"
+#include "link/link_text.h"
 #include "support/failing_new.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"

@@ -3,11 +3,11 @@
 // The stream socket gives two ZeroMQ frames for each event: the identity of the connection, then data;
 // data of no bytes is a connection made or lost. What a complete message means is decided in
 // win_client_messages.
-#include "win_server_private.h"
+#include "link/win_server_private.h"
 
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
-#include "link_text.h"
+#include "link/link_text.h"
 #include "wire/messaging.h"
 #include "wire/slip.h"
 

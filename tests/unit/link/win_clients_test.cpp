@@ -1,4 +1,4 @@
-#include "win_clients.h"
+#include "link/win_clients.h"
 
 #include "base/czmq_ptr.h"
 #include "support/failing_new.h"

@@ -5,8 +5,8 @@
 
 #include "base/bytes.h"
 #include "base/common.h"
-#include "closed_ids.h"
-#include "win_clients.h"
+#include "link/closed_ids.h"
+#include "link/win_clients.h"
 #include "win_server.h"
 
 #include <czmq.h>

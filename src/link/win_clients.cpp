@@ -1,5 +1,5 @@
 // win_clients - see win_clients.h.
-#include "win_clients.h"
+#include "link/win_clients.h"
 
 #include "base/common.h"
 #include "base/czmq_ptr.h"
