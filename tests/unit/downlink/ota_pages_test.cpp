@@ -1,4 +1,4 @@
-#include "ota_pages.h"
+#include "downlink/ota_pages.h"
 
 #include "base/hex.h"
 #include "firmware/ota.h"

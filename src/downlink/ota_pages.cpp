@@ -1,5 +1,5 @@
 // Pages of firmware images, served to nodes from the gateway's own store without asking the servers.
-#include "ota_pages.h"
+#include "downlink/ota_pages.h"
 
 #include "base/logger.h"
 #include "firmware/ota.h"
