@@ -3,8 +3,8 @@
 // Threads    WIN server thread. The registry is shared: its lock is held for look-up and update only,
 //            and what is printed, sent or handed on afterwards has been copied out.
 #include "base/logger.h"
-#include "link_frame.h"
 #include "rtls-gateway.h"
+#include "uplink/link_frame.h"
 
 #include <cstring>
 
