@@ -7,8 +7,8 @@
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
 #include "registry/nodes_container.h"
+#include "server/win_server.h"
 #include "terminal_server.h"
-#include "win_server.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -5,8 +5,8 @@
 #pragma once
 
 #include "registry/node.h"
+#include "server/win_server.h"
 #include "terminal_client.h"
-#include "win_server.h"
 
 #include <netinet/in.h>
 #include <sys/time.h>

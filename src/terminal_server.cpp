@@ -5,10 +5,10 @@
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/signals.h"
+#include "server/win_server.h"
 #include "terminal_client.h"
 #include "terminal_commands.h"
 #include "terminal_reply.h"
-#include "win_server.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>

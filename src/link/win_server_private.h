@@ -7,7 +7,7 @@
 #include "base/common.h"
 #include "link/closed_ids.h"
 #include "link/win_clients.h"
-#include "win_server.h"
+#include "server/win_server.h"
 
 #include <czmq.h>
 #include <netinet/in.h>

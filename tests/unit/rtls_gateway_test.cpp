@@ -6,11 +6,11 @@
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
 #include "registry/nodes_container.h"
+#include "server/win_server.h"
 #include "support/free_port.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"
 #include "terminal_server.h"
-#include "win_server.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -4,10 +4,10 @@
 #include "base/signals.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
+#include "server/win_server.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/terminal_fixture.h"
-#include "win_server.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -3,8 +3,8 @@
 #include "link/win_clients.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
+#include "server/win_server.h"
 #include "terminal_server.h"
-#include "win_server.h"
 
 #include <arpa/inet.h>
 #include <poll.h>

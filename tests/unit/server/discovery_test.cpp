@@ -1,4 +1,4 @@
-#include "win_server_discovery.h"
+#include "server/discovery.h"
 
 #include "base/hex.h"
 #include "base/udplib.h"

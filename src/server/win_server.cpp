@@ -1,6 +1,6 @@
 // win_server - construction from the configuration, and the operations on the table of clients.
 // The actor itself stands in win_server_actor.cpp.
-#include "win_server.h"
+#include "server/win_server.h"
 
 #include "base/config.h"
 #include "base/czmq_ptr.h"

@@ -1,4 +1,4 @@
-#include "win_server.h"
+#include "server/win_server.h"
 
 #include "base/czmq_ptr.h"
 #include "base/signals.h"
