@@ -8,7 +8,7 @@
 #include "firmware/ota.h"
 #include "registry/nodes_container.h"
 #include "server/win_server.h"
-#include "terminal_server.h"
+#include "terminal/terminal_server.h"
 
 #include <fcntl.h>
 #include <unistd.h>

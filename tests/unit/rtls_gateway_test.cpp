@@ -10,7 +10,7 @@
 #include "support/free_port.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"
-#include "terminal_server.h"
+#include "terminal/terminal_server.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

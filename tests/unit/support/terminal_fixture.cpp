@@ -4,7 +4,7 @@
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "server/win_server.h"
-#include "terminal_server.h"
+#include "terminal/terminal_server.h"
 
 #include <arpa/inet.h>
 #include <poll.h>

@@ -3,7 +3,7 @@
 
 #include "base/czmq_ptr.h"
 #include "registry/node.h"
-#include "terminal_client.h"
+#include "terminal/client.h"
 
 #include <czmq.h>
 #include <netinet/in.h>

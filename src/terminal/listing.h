@@ -6,7 +6,7 @@
 
 #include "registry/node.h"
 #include "server/win_server.h"
-#include "terminal_client.h"
+#include "terminal/client.h"
 
 #include <netinet/in.h>
 #include <sys/time.h>

@@ -3,8 +3,8 @@
 // Threads    Terminal thread.
 #pragma once
 
-#include "terminal_client.h"
-#include "terminal_reply.h"
+#include "terminal/client.h"
+#include "terminal/reply.h"
 
 #include <czmq.h>
 

@@ -1,4 +1,4 @@
-#include "terminal_server.h"
+#include "terminal/terminal_server.h"
 
 #include "base/common.h"
 #include "base/config.h"
@@ -6,9 +6,9 @@
 #include "base/logger.h"
 #include "base/signals.h"
 #include "server/win_server.h"
-#include "terminal_client.h"
-#include "terminal_commands.h"
-#include "terminal_reply.h"
+#include "terminal/client.h"
+#include "terminal/reply.h"
+#include "terminal/terminal_commands.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>

@@ -1,7 +1,7 @@
 // terminal_commands - parses what an operator typed and runs it.
 #pragma once
 
-#include "terminal_client.h"
+#include "terminal/client.h"
 
 #include <czmq.h>
 

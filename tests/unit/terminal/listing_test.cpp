@@ -1,4 +1,4 @@
-#include "terminal_listing.h"
+#include "terminal/listing.h"
 
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"

@@ -1,4 +1,4 @@
-#include "terminal_filter.h"
+#include "terminal/filter.h"
 
 #include "base/common.h"
 #include "base/logger.h"

@@ -1,4 +1,4 @@
-#include "terminal_server.h"
+#include "terminal/terminal_server.h"
 
 #include "base/common.h"
 #include "base/signals.h"

@@ -1,14 +1,14 @@
-#include "terminal_commands.h"
+#include "terminal/terminal_commands.h"
 
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/tokenize.h"
 #include "rtls-gateway.h"
-#include "terminal_commands_private.h"
-#include "terminal_filter.h"
-#include "terminal_node_requests.h"
-#include "terminal_server.h"
+#include "terminal/filter.h"
+#include "terminal/node_requests.h"
+#include "terminal/request.h"
+#include "terminal/terminal_server.h"
 
 #include <zmq.h>
 

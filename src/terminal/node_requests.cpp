@@ -1,4 +1,4 @@
-#include "terminal_node_requests.h"
+#include "terminal/node_requests.h"
 
 #include "base/logger.h"
 #include "registry/nodes_container.h"

@@ -1,10 +1,10 @@
-#include "terminal_listing.h"
+#include "terminal/listing.h"
 
 #include "base/common.h"
 #include "base/logger.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
-#include "terminal_commands_private.h"
+#include "terminal/request.h"
 
 #include <arpa/inet.h>
 

@@ -1,4 +1,4 @@
-#include "terminal_commands.h"
+#include "terminal/terminal_commands.h"
 
 #include "base/common.h"
 #include "registry/nodes_container.h"
@@ -6,7 +6,7 @@
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/terminal_fixture.h"
-#include "terminal_commands_private.h"
+#include "terminal/request.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "terminal_reply.h"
+#include "terminal/reply.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -1,9 +1,9 @@
-#include "terminal_firmware.h"
+#include "terminal/firmware_commands.h"
 
 #include "rtls-gateway.h"
-#include "terminal_commands_private.h"
-#include "terminal_node_requests.h"
-#include "terminal_server.h"
+#include "terminal/node_requests.h"
+#include "terminal/request.h"
+#include "terminal/terminal_server.h"
 
 #include <cstring>
 #include <optional>

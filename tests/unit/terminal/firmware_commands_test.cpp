@@ -1,11 +1,11 @@
-#include "terminal_firmware.h"
+#include "terminal/firmware_commands.h"
 
 #include "base/bytes.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/terminal_fixture.h"
-#include "terminal_node_requests.h"
+#include "terminal/node_requests.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "terminal_filter.h"
+#include "terminal/filter.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "terminal_client.h"
+#include "terminal/client.h"
 
 #include <cstdlib>
 
