@@ -49,19 +49,34 @@ int setlogmask(int mask)
     return std::exchange(system_log().mask, mask);
 }
 
-void syslog(int priority, const char* format, ...)
+void vsyslog(int priority, const char* format, va_list arguments)
 {
     char* text = nullptr;
-    va_list arguments;
-    va_start(arguments, format);
     const int length = vasprintf(&text, format, arguments);
-    va_end(arguments);
     const std::lock_guard lock(system_log().mutex);
     system_log_t& log = system_log();
     if (length >= 0 && (LOG_MASK(priority) & log.mask) != 0)
         log.lines.push_back(
             {log.identity != nullptr ? log.identity : "", log.options, log.facility, priority, text});
     std::free(text);
+}
+
+void syslog(int priority, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(priority, format, arguments);
+    va_end(arguments);
+}
+
+// What syslog becomes where the compiler fortifies calls of libc.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(priority, format, arguments);
+    va_end(arguments);
 }
 
 } // extern "C"
