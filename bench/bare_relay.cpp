@@ -14,6 +14,8 @@
 #include <unordered_map>
 #include <vector>
 
+using namespace rtls;
+
 namespace {
 
 struct peer_t {

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+namespace rtls {
+
 namespace {
 
 using zsock_ptr = std::unique_ptr<zsock_t, destroyed_by<zsock_destroy>>;
@@ -157,3 +159,5 @@ BENCHMARK(debug_print_to_the_stream)->Unit(benchmark::kMicrosecond);
 BENCHMARK(crc32)->Arg(64)->Arg(1 << 20);
 BENCHMARK(hex_of)->Arg(68)->Arg(1100);
 BENCHMARK(hex_decoded)->Arg(34)->Arg(1100);
+
+} // namespace rtls

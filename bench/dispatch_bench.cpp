@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 namespace {
 
 // Below the depth of every queue.
@@ -290,3 +292,5 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
 }
+
+} // namespace rtls

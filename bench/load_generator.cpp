@@ -30,6 +30,8 @@
 #include <thread>
 #include <vector>
 
+using namespace rtls;
+
 namespace {
 
 using clock_type = std::chrono::steady_clock;

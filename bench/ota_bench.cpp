@@ -9,6 +9,8 @@
 #include <memory>
 #include <vector>
 
+namespace rtls {
+
 using store_ptr = std::unique_ptr<void, destroyed_by<ota_destroy>>;
 
 static constexpr size_t image_size = 200'000; // what node images have, about
@@ -58,3 +60,5 @@ static void crc_of_an_image(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(image_size));
 }
 BENCHMARK(crc_of_an_image);
+
+} // namespace rtls

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using std::chrono::duration;
 using std::chrono::steady_clock;
 
@@ -27,9 +29,9 @@ static zframe_ptr bridge_id(uint32_t number)
     return zframe_ptr{zframe_new(id, sizeof id)};
 }
 
-static std::vector<win_client_info_t> make_bridges()
+static std::vector<win_client_info> make_bridges()
 {
-    std::vector<win_client_info_t> bridges(bridges_number);
+    std::vector<win_client_info> bridges(bridges_number);
     for (uint32_t i = 0; i < bridges_number; ++i)
         bridges[i].id = bridge_id(i);
     return bridges;
@@ -60,7 +62,7 @@ static void snapshot(benchmark::State& state)
     const auto index = index_bridges(bridges);
     const nodes_ptr nodes =
         make_nodes(static_cast<uint32_t>(state.range(0)), static_cast<uint32_t>(state.range(1)));
-    std::vector<node_row_t> rows(static_cast<size_t>(state.range(0)));
+    std::vector<node_row> rows(static_cast<size_t>(state.range(0)));
     duration<double, std::milli> longest{0};
     duration<double, std::milli> shortest{1e9}; // on a busy machine the longest tells of its other work
     for ([[maybe_unused]] auto _ : state) {
@@ -86,9 +88,9 @@ static void listing(benchmark::State& state, bool full)
     for ([[maybe_unused]] auto _ : state) {
         auto rows = copy_nodes(nodes.get(), index_bridges(bridges));
         mark_duplicate_addresses(rows);
-        const node_groups_t groups = group_nodes(rows, bridges.size());
+        const node_groups groups = group_nodes(rows, bridges.size());
         for (const auto& group : groups.by_bridge)
-            for (const node_row_t* row : group)
+            for (const node_row* row : group)
                 benchmark::DoNotOptimize(node_line(*row, full, nullptr));
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
@@ -103,3 +105,5 @@ BENCHMARK_CAPTURE(listing, pnf, true)
     ->Args({10'000, 100})
     ->Args({100'000, 100})
     ->Unit(benchmark::kMillisecond);
+
+} // namespace rtls

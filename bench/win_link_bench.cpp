@@ -9,6 +9,8 @@
 #include <random>
 #include <vector>
 
+namespace rtls {
+
 namespace {
 
 constexpr size_t report_size = 63;
@@ -78,3 +80,5 @@ BENCHMARK(encoder)->Apply(contents);
 BENCHMARK(decoder)->Apply(contents);
 
 } // namespace
+
+} // namespace rtls

@@ -9,6 +9,8 @@
 #include <iterator>
 #include <vector>
 
+namespace rtls {
+
 // Each step starts with one byte: what it is, and how many bytes follow.
 static constexpr uint8_t is_header = 0x80; // rather than body
 static constexpr uint8_t is_length = 0x40; // the header's name stands before the bytes
@@ -46,3 +48,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     download({data, size}, {.caller = "fuzz", .bad_length_aborts = true, .reports_missing_length = true});
     return 0;
 }
+
+} // namespace rtls

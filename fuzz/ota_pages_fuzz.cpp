@@ -9,6 +9,8 @@
 #include <memory>
 #include <vector>
 
+namespace rtls {
+
 using store_ptr = std::unique_ptr<void, destroyed_by<ota_destroy>>;
 
 namespace {
@@ -114,3 +116,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     return 0;
 }
+
+} // namespace rtls

@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 namespace {
 
 constexpr uint8_t mac[mac_size] = {0xE4, 0, 0, 0, 0, 0, 0xF5, 0xF7};
@@ -190,3 +192,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     ota_del_firmware(rtls_gateway_get_ota(w.gateway), 0);
     return 0;
 }
+
+} // namespace rtls

@@ -14,6 +14,8 @@
 #include <csignal>
 #include <cstdlib>
 
+using namespace rtls;
+
 static constexpr int idle_step_ms = 100;
 
 // Each bridge costs a descriptor, and the library spins when there are none left to accept with.

@@ -20,6 +20,8 @@
 #include <memory>
 #include <new>
 
+namespace rtls {
+
 static constexpr int ready_poll_ms = 100;
 static constexpr uint16_t firmware_files_max = 5;
 
@@ -265,3 +267,5 @@ uint16_t rtls_gateway_increment_debug_level(void* p_rtls_gateway)
         return 0;
     return static_cast<uint16_t>(gateway->debug_level.fetch_add(1, std::memory_order_relaxed) + 1);
 }
+
+} // namespace rtls

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <span>
 
+namespace rtls {
+
 using bytes_view = std::span<const uint8_t>;
 using bytes_span = std::span<uint8_t>;
 
@@ -68,3 +70,5 @@ inline void store_bytes(bytes_span to, size_t at, bytes_view from)
     if (!from.empty())
         std::memcpy(to.data() + at, from.data(), from.size());
 }
+
+} // namespace rtls

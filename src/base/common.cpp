@@ -12,6 +12,8 @@
 #include <cstring>
 #include <ctime>
 
+namespace rtls {
+
 const char* const dbg_section_name[DBG_SECTIONS_NUMBER] = {"raw",       "parsing", "terminal", "win",
                                                            "discovery", "develop", "ul_tdoa"};
 
@@ -99,11 +101,11 @@ __attribute__((format(printf, 5, 0))) void dbg_print_ts_impl(zsock_t* dbg_sock, 
 
 // Eight tables of the reflected polynomial: table 0 is the bytewise one, table k advances a byte by
 // k more zero bytes, so that eight bytes are folded in at once.
-using crc_tables_t = std::array<std::array<uint32_t, 256>, 8>;
+using crc_table_set = std::array<std::array<uint32_t, 256>, 8>;
 
-constexpr crc_tables_t make_crc_tables()
+constexpr crc_table_set make_crc_tables()
 {
-    crc_tables_t tables{};
+    crc_table_set tables{};
     for (uint32_t i = 0; i < 256; ++i) {
         uint32_t crc = i;
         for (int bit = 0; bit < 8; ++bit)
@@ -116,7 +118,7 @@ constexpr crc_tables_t make_crc_tables()
     return tables;
 }
 
-constexpr crc_tables_t crc_tables = make_crc_tables();
+constexpr crc_table_set crc_tables = make_crc_tables();
 
 constexpr uint32_t crc_fold_eight(uint32_t crc, bytes_view eight)
 {
@@ -247,3 +249,5 @@ uint8_t get_next_rpl_version(void)
         next = 0;
     return version;
 }
+
+} // namespace rtls

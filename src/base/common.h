@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdint>
 
+namespace rtls {
+
 // Texts shared by all modules; the argument is the reporting function's name.
 inline constexpr char str_null_pointer[] = "%s: null pointer!";
 inline constexpr char str_out_of_memory[] = "%s: out of memory!";
@@ -73,3 +75,5 @@ ssize_t string_to_uint8_arr(const char* hex_string, uint8_t* pret, ssize_t max_s
 // The next RPL version, by the lollipop counter of RFC 6550, section 7.2: 240..255, then 0..127 for
 // ever. WIN server thread only.
 uint8_t get_next_rpl_version(void);
+
+} // namespace rtls

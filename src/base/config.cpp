@@ -7,6 +7,8 @@
 #include <climits>
 #include <cstdlib>
 
+namespace rtls {
+
 // Logs in the name of `function` if one of its pointer arguments is null.
 template <typename... Pointers>
 static bool any_null(const char* function, const Pointers*... pointers)
@@ -103,3 +105,5 @@ void config_destroy(zconfig_t** p_config)
         return;
     zconfig_destroy(p_config); // does nothing to a null tree
 }
+
+} // namespace rtls

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+namespace rtls {
+
 // The tree read from the file, or null. An empty file gives an empty tree.
 zconfig_t* config_new(const char* config_file_name);
 
@@ -28,3 +30,5 @@ bool config_value_bool_get(zconfig_t* config, const char* path, bool* res);
 
 // Releases the tree and nulls the pointer.
 void config_destroy(zconfig_t** p_config);
+
+} // namespace rtls

@@ -7,6 +7,8 @@
 
 #include <memory>
 
+namespace rtls {
+
 template <auto Destroy>
 struct destroyed_by {
     template <typename T>
@@ -24,3 +26,5 @@ using zlistx_ptr = std::unique_ptr<zlistx_t, destroyed_by<zlistx_destroy>>;
 using zloop_ptr = std::unique_ptr<zloop_t, destroyed_by<zloop_destroy>>;
 using zmsg_ptr = std::unique_ptr<zmsg_t, destroyed_by<zmsg_destroy>>;
 using zstr_ptr = std::unique_ptr<char, destroyed_by<zstr_free>>;
+
+} // namespace rtls

@@ -3,6 +3,8 @@
 #include <array>
 #include <cstring>
 
+namespace rtls {
+
 namespace {
 
 constexpr auto make_digit_pairs()
@@ -35,3 +37,5 @@ char* write_hex(std::span<const uint8_t> bytes, char* out)
     }
     return out;
 }
+
+} // namespace rtls

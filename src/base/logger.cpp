@@ -9,6 +9,8 @@
 #include <memory>
 #include <new>
 
+namespace rtls {
+
 tav_logger g_logger_ctx;
 tav_component_logger g_logger;
 tav_component_logger* g_logger_section;
@@ -86,3 +88,5 @@ void logger_cleanup(void)
     destroy_logger(g_logger_ctx);
     g_logger_ctx = nullptr;
 }
+
+} // namespace rtls

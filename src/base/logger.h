@@ -6,6 +6,8 @@
 
 #include "core/clogger.h"
 
+namespace rtls {
+
 extern tav_logger g_logger_ctx;                // null before logger_init
 extern tav_component_logger g_logger;          // component "main": errors and events
 extern tav_component_logger* g_logger_section; // DBG_SECTIONS_NUMBER of them, by section
@@ -16,3 +18,5 @@ bool logger_init(const char* project_name);
 
 // Destroys the loggers and leaves the globals null. Safe after a failed logger_init.
 void logger_cleanup(void);
+
+} // namespace rtls

@@ -4,6 +4,8 @@
 
 #include <csignal>
 
+namespace rtls {
+
 static sigset_t stop_signals()
 {
     sigset_t signals;
@@ -45,3 +47,5 @@ bool is_stop_requested()
 {
     return __atomic_load_n(&zsys_interrupted, __ATOMIC_RELAXED) != 0;
 }
+
+} // namespace rtls

@@ -5,6 +5,8 @@
 // created or destroyed makes CZMQ lose track of it and free its record while it still runs.
 #pragma once
 
+namespace rtls {
+
 // Blocks every signal in the calling thread; the first call in the body of an actor.
 void block_all_signals();
 
@@ -18,3 +20,5 @@ void sleep_open_to_stop_signals(int timeout_ms);
 // by it. Threads share it, so our code reads and writes it only here. It is never cleared.
 void request_stop();
 bool is_stop_requested();
+
+} // namespace rtls

@@ -3,6 +3,8 @@
 #include "base/common.h"
 #include "base/logger.h"
 
+namespace rtls {
+
 static bool is_separator(char c)
 {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
@@ -30,3 +32,5 @@ void tokenize(char* line, uint16_t* pargc, char** argv, uint16_t max_arguments)
         }
     }
 }
+
+} // namespace rtls

@@ -7,6 +7,8 @@
 
 #include <cerrno>
 
+namespace rtls {
+
 // Broadcasts are answered, a restart need not wait, and each datagram tells the local address it was
 // sent to.
 static bool set_options(int handle)
@@ -94,3 +96,5 @@ ssize_t udp_recvmsg(int handle, msghdr* msg)
     log_system_call_error(__func__, "recvmsg");
     return 0;
 }
+
+} // namespace rtls

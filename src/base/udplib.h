@@ -10,6 +10,8 @@
 
 #include <cstddef>
 
+namespace rtls {
+
 // Opens an IPv4 datagram socket on all interfaces and `port_nbr` (host order), with broadcasts,
 // address reuse and packet information (IP_PKTINFO) on. After a false result `handle` may name a
 // descriptor that is already closed: it must not be used.
@@ -21,3 +23,5 @@ bool udp_sendto(int handle, const void* buffer, size_t length, const sockaddr_in
 // The number of bytes received, 0 on failure or for an empty datagram.
 ssize_t udp_recv(int handle, void* buffer, size_t length, sockaddr_in* sockaddr, socklen_t si_len);
 ssize_t udp_recvmsg(int handle, msghdr* msg);
+
+} // namespace rtls

@@ -8,6 +8,8 @@
 
 #include <array>
 
+namespace rtls {
+
 constexpr size_t generic_request_min = msgHeader_t::size;
 constexpr size_t generic_request_max = 800; // the MAC included
 // The longest message, without the MAC, in its longest form: 800 + 21 bytes.
@@ -97,3 +99,5 @@ int handle_interthread_sever_sock(zloop_t* /*loop*/, zsock_t* reader, void* p_se
     generic_process(static_cast<WIN_SERVER_t*>(p_server), zframe_data(data), zframe_size(data));
     return 0;
 }
+
+} // namespace rtls

@@ -14,6 +14,8 @@
 #include <new>
 #include <utility>
 
+namespace rtls {
+
 constexpr size_t command_min = 11; // a type, a byte and a MAC
 constexpr suseconds_t repeat_interval_us = 50'000;
 constexpr suseconds_t us_per_second = 1'000'000;
@@ -280,11 +282,11 @@ static void rest_ack(WIN_SERVER_t* server, bytes_view data)
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK node: %02X%02X not found", mac[6], mac[7]);
 }
 
-struct proxy_command_t {
+struct proxy_command {
     gwCmdID_t type;
     void (*run)(WIN_SERVER_t* server, bytes_view data); // checks the size itself
 };
-constexpr proxy_command_t proxy_commands[] = {
+constexpr proxy_command proxy_commands[] = {
     {MSG_OTA_UPLOAD_FW, ota_upload_fw},
     {MSG_NWK_DATA_15_4_REQ, nwk_data_req},
     {MSG_CONF_NODE_REQ, conf_node_req},
@@ -299,7 +301,7 @@ constexpr proxy_command_t proxy_commands[] = {
 static void dispatch(WIN_SERVER_t* server, bytes_view data)
 {
     const gwCmdID_t type = load_le16(data, msgGeneric_t::msgType);
-    for (const proxy_command_t& command : proxy_commands)
+    for (const proxy_command& command : proxy_commands)
         if (command.type == type)
             return command.run(server, data);
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "Received unknown type: %04X", type);
@@ -472,3 +474,5 @@ int handle_pub_sub_proxy(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noe
     process_text(server, text.get());
     return 0;
 }
+
+} // namespace rtls

@@ -13,6 +13,8 @@
 #include <new>
 #include <span>
 
+namespace rtls {
+
 static constexpr size_t page_bytes = sizeof(gwMsgUpdateRequest_t::buf);
 
 static constexpr std::array<uint32_t, 256> make_crc32_table()
@@ -133,3 +135,5 @@ void firmware_destroy(void** pp_firmware)
     std::free(firmware->memory);
     delete firmware;
 }
+
+} // namespace rtls

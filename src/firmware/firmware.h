@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace rtls {
+
 struct FIRMWARE_t {
     unsigned char* memory; // owned; the image, from malloc
     size_t size;
@@ -30,3 +32,5 @@ bool firmware_msg_pack(FIRMWARE_t* firmware, gwMsgUpdateRequest_t* msg);
 
 // Null is welcome in *pp_firmware, and left there.
 void firmware_destroy(void** pp_firmware);
+
+} // namespace rtls

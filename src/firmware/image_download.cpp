@@ -17,6 +17,8 @@
 #include <string>
 #include <system_error>
 
+namespace rtls {
+
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -39,29 +41,29 @@ static std::timed_mutex download_turn;
 // --- image_receiver
 
 image_receiver::image_receiver(const image_download_options& options)
-    : options_{options}, content_length_{content_length_pattern, REG_EXTENDED | REG_ICASE}
+    : m_options{options}, m_content_length{content_length_pattern, REG_EXTENDED | REG_ICASE}
 {
 }
 
 bool image_receiver::is_ready() const
 {
-    return content_length_.is_compiled();
+    return m_content_length.is_compiled();
 }
 
 bool image_receiver::take_header(std::string_view line) noexcept
 try {
     const std::string text{line}; // libcurl's has no terminating zero
     std::array<regmatch_t, 2> groups{};
-    if (!content_length_.search(text.c_str(), groups))
+    if (!m_content_length.search(text.c_str(), groups))
         return true;
-    if (size_ > 0) { // a trailer: the buffer is in use
-        failed_ = true;
+    if (m_size > 0) { // a trailer: the buffer is in use
+        m_failed = true;
     } else {
         const auto from = static_cast<size_t>(groups[1].rm_so);
         const auto to = static_cast<size_t>(groups[1].rm_eo);
-        failed_ = !provide_for(line.substr(from, to - from));
+        m_failed = !provide_for(line.substr(from, to - from));
     }
-    return !failed_ || !options_.bad_length_aborts;
+    return !m_failed || !m_options.bad_length_aborts;
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, header_callback_name);
     return false;
@@ -70,19 +72,19 @@ try {
 // Replaces the buffer by one of the announced length, up to the ceiling: a length is only a claim.
 bool image_receiver::provide_for(std::string_view digits) noexcept
 {
-    announced_ = true;
-    capacity_ = 0;
-    memory_.reset();
+    m_announced = true;
+    m_capacity = 0;
+    m_memory.reset();
 
     uint64_t length = 0;
     const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), length);
     if (parsed.ec == std::errc{} && length <= image_size_ceiling)
-        memory_ = allocate_image(length);
-    if (!memory_) {
+        m_memory = allocate_image(length);
+    if (!m_memory) {
         logger_error(g_logger, str_out_of_memory, header_callback_name);
         return false;
     }
-    capacity_ = length;
+    m_capacity = length;
     return true;
 }
 
@@ -90,24 +92,24 @@ bool image_receiver::take_body(std::span<const uint8_t> bytes) noexcept
 {
     if (bytes.empty())
         return true;
-    if (!announced_ && options_.reports_missing_length)
+    if (!m_announced && m_options.reports_missing_length)
         logger_error(g_logger, "%s: memory for the firmware is not allocated!", write_callback_name);
-    if (bytes.size() > capacity_ - size_)
+    if (bytes.size() > m_capacity - m_size)
         return false;
-    std::memcpy(memory_.get() + size_, bytes.data(), bytes.size());
-    size_ += bytes.size();
+    std::memcpy(m_memory.get() + m_size, bytes.data(), bytes.size());
+    m_size += bytes.size();
     return true;
 }
 
-std::optional<image_t> image_receiver::release()
+std::optional<downloaded_image> image_receiver::release()
 {
-    if (!memory_)
-        memory_ = allocate_image(0);
-    if (!memory_) {
-        logger_error(g_logger, str_out_of_memory, options_.caller);
+    if (!m_memory)
+        m_memory = allocate_image(0);
+    if (!m_memory) {
+        logger_error(g_logger, str_out_of_memory, m_options.caller);
         return std::nullopt;
     }
-    return image_t{std::move(memory_), size_};
+    return downloaded_image{std::move(m_memory), m_size};
 }
 
 // --- libcurl
@@ -214,7 +216,7 @@ static CURLcode perform(const char* url, image_receiver& receiver, milliseconds 
     return rc == CURLE_OK && receiver.failed() ? CURLE_WRITE_ERROR : rc;
 }
 
-std::optional<image_t> image_download(const char* url, const image_download_options& options)
+std::optional<downloaded_image> image_download(const char* url, const image_download_options& options)
 {
     image_receiver receiver{options};
     if (!receiver.is_ready()) {
@@ -230,3 +232,5 @@ std::optional<image_t> image_download(const char* url, const image_download_opti
     }
     return receiver.release();
 }
+
+} // namespace rtls

@@ -20,6 +20,8 @@
 #include <span>
 #include <string_view>
 
+namespace rtls {
+
 // The largest image that the gateway keeps, downloaded or assembled.
 inline constexpr size_t image_size_ceiling = size_t{64} << 20;
 
@@ -35,7 +37,7 @@ inline image_memory allocate_image(size_t size)
     return image_memory{static_cast<uint8_t*>(std::malloc(size > 0 ? size : 1))};
 }
 
-struct image_t {
+struct downloaded_image {
     image_memory memory; // never null, even for an empty image
     size_t size = 0;
 };
@@ -50,7 +52,7 @@ struct image_download_options {
 };
 
 // Downloads an image; nothing when that fails.
-std::optional<image_t> image_download(const char* url, const image_download_options& options);
+std::optional<downloaded_image> image_download(const char* url, const image_download_options& options);
 
 // The receiving end of one transfer: turns headers and body into an image, and never holds more than
 // was announced. For image_download, and for tests without a network.
@@ -64,18 +66,20 @@ public:
     // The next bytes of the body. False: they do not fit what was announced.
     bool take_body(std::span<const uint8_t> bytes) noexcept;
     // Whether the last length announced could not be provided for, or came after the body began.
-    bool failed() const { return failed_; }
+    bool failed() const { return m_failed; }
     // What arrived, and gives it up; nothing when memory is short.
-    std::optional<image_t> release();
+    std::optional<downloaded_image> release();
 
 private:
     bool provide_for(std::string_view digits) noexcept;
 
-    image_download_options options_;
-    posix_regex content_length_;
-    image_memory memory_;
-    size_t capacity_ = 0;
-    size_t size_ = 0;
-    bool announced_ = false;
-    bool failed_ = false;
+    image_download_options m_options;
+    posix_regex m_content_length;
+    image_memory m_memory;
+    size_t m_capacity = 0;
+    size_t m_size = 0;
+    bool m_announced = false;
+    bool m_failed = false;
 };
+
+} // namespace rtls

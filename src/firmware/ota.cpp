@@ -14,6 +14,8 @@
 #include <new>
 #include <span>
 
+namespace rtls {
+
 // What an image is kept account of by: every page is a whole number of blocks.
 static constexpr size_t block_bytes = 32;
 static constexpr size_t growth_blocks = 8192;
@@ -318,3 +320,5 @@ bool ota_set_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_
     firmware_ptr firmware = create_firmware_for_page(git_id, crc32);
     return firmware && store_page(*firmware, page, bytes) && add_firmware(*ota, std::move(firmware)) >= 0;
 }
+
+} // namespace rtls

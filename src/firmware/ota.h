@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace rtls {
+
 struct OTA_FIRMWARE_INFO_t {
     size_t size;    // bytes; of an image being assembled, its capacity
     uint32_t crc32; // with git_ver, the image's key
@@ -48,3 +50,5 @@ bool ota_get_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_
 // never closed: whoever sends the pages knows when it is whole.
 bool ota_set_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_t page_size,
                            uint32_t page_number, const uint8_t* buffer);
+
+} // namespace rtls

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <span>
 
+namespace rtls {
+
 // Their terminating zero belongs to the tags: the words alone stand elsewhere in images, too.
 static constexpr char board_tag[] = "@BoardVer";
 static constexpr char firmware_tag[] = "@Firmware";
@@ -58,3 +60,5 @@ bool read_firmware_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info)
     info.maximum_pages = load_be16(record, firmware_record::maximum_pages);
     return true;
 }
+
+} // namespace rtls

@@ -7,5 +7,9 @@
 #include "base/bytes.h"
 #include "firmware/ota.h"
 
+namespace rtls {
+
 bool read_board_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info);    // board_version, board_revision
 bool read_firmware_tag(bytes_view image, OTA_FIRMWARE_INFO_t& info); // git_ver, page_size, maximum_pages
+
+} // namespace rtls

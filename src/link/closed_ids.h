@@ -15,7 +15,9 @@
 #include <string>
 #include <utility>
 
-class closed_ids_t {
+namespace rtls {
+
+class closed_id_set {
 public:
     // Between one and two times as many are remembered at most.
     static constexpr size_t generation_size = 8192;
@@ -43,9 +45,9 @@ public:
     size_t size() const noexcept { return m_recent.size() + m_older.size(); }
 
 private:
-    using ids_t = std::set<std::string, std::less<>>;
+    using id_set = std::set<std::string, std::less<>>;
 
-    static bool take(ids_t& ids, const char* id)
+    static bool take(id_set& ids, const char* id)
     {
         const auto found = ids.find(id);
         if (found == ids.end())
@@ -54,6 +56,8 @@ private:
         return true;
     }
 
-    ids_t m_recent;
-    ids_t m_older;
+    id_set m_recent;
+    id_set m_older;
 };
+
+} // namespace rtls

@@ -14,6 +14,8 @@
 #include <new>
 #include <span>
 
+namespace rtls {
+
 // A routing identity as upper-case hex: the key of a client in its server's table.
 class client_key {
 public:
@@ -60,3 +62,5 @@ public:
 private:
     std::unique_ptr<char[]> m_text;
 };
+
+} // namespace rtls

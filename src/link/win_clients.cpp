@@ -12,6 +12,8 @@
 #include <memory>
 #include <new>
 
+namespace rtls {
+
 using win_client_ptr = std::unique_ptr<void, destroyed_by<win_client_destroy>>;
 
 WIN_CLIENT_t* win_client_new(zframe_t* id)
@@ -123,7 +125,7 @@ static size_t left_from_start(bytes_view bytes)
     return start ? static_cast<size_t>(bytes.data() + bytes.size() - static_cast<const uint8_t*>(start)) : 0;
 }
 
-void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler_t deliver, void* context)
+void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler deliver, void* context)
 {
     while (!received.empty()) {
         const bytes_view first = received.first(1);
@@ -175,3 +177,5 @@ void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler_
         received = received.subspan(used);
     }
 }
+
+} // namespace rtls

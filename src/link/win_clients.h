@@ -14,6 +14,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace rtls {
+
 enum PARSING_STATE { PS_NONE = 0, PS_START = 1, PS_ESCAPE = 2, PS_DATA = 3 };
 using PARSING_STATE_t = PARSING_STATE;
 
@@ -55,8 +57,10 @@ void win_client_destroy(void** pp_client) noexcept;
 bool win_client_increase_buffer_size(WIN_CLIENT_t* client);
 
 // What becomes of a complete frame: it stands in client.pending_data until the next one begins.
-using frame_handler_t = void (*)(void* context, WIN_CLIENT_t& client);
+using frame_handler = void (*)(void* context, WIN_CLIENT_t& client);
 
 // Feeds received bytes to the client's decoder, which calls `deliver` for each complete frame. Frames
 // may span any number of calls.
-void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler_t deliver, void* context);
+void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler deliver, void* context);
+
+} // namespace rtls

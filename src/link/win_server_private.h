@@ -17,6 +17,8 @@
 #include <mutex>
 #include <optional>
 
+namespace rtls {
+
 struct WIN_SERVER_t {
     void* rtls_gateway = nullptr;
     zactor_t* actor = nullptr; // owner's thread; null while not running
@@ -47,7 +49,7 @@ struct WIN_SERVER_t {
     // not around its walks and what it reads of a record. Where both are held, the nodes container's lock
     // is the outer one.
     std::mutex clients_mutex;
-    closed_ids_t closed_ids;
+    closed_id_set closed_ids;
     int64_t last_win_event = 0;               // zclock_usecs of when the WIN port was last drained
     std::optional<int64_t> last_client_check; // zclock_mono of the last client check
 };
@@ -118,3 +120,5 @@ bool processing_ul_tdoa(WIN_SERVER_t* server, bytes_view message, const uint8_t*
 
 // --- ota_pages.cpp
 bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac);
+
+} // namespace rtls

@@ -19,6 +19,8 @@
 #include <memory>
 #include <new>
 
+namespace rtls {
+
 namespace {
 
 // The most events one call of the reader takes: many for the intake, few enough for the other sockets.
@@ -391,3 +393,5 @@ int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server) noexcept
         server->rpl_timer_is_active = false;
     return 0;
 }
+
+} // namespace rtls

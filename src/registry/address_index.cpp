@@ -3,11 +3,13 @@
 #include <cstring>
 #include <new>
 
+namespace rtls {
+
 static constexpr std::array<uint64_t, 2> unset_address{};
 
-address_index::key_t address_index::key_of(const uint8_t* ip_addr)
+address_index::address_key address_index::key_of(const uint8_t* ip_addr)
 {
-    key_t key;
+    address_key key;
     memcpy(key.data(), ip_addr, sizeof key);
     return key;
 }
@@ -16,7 +18,7 @@ void address_index::add(stored_node* node) noexcept
 {
     if (node->forwarded_ip)
         return;
-    const key_t key = key_of(node->ip_addr);
+    const address_key key = key_of(node->ip_addr);
     if (key == unset_address) {
         ++m_unset;
         return;
@@ -37,7 +39,7 @@ void address_index::remove(stored_node* node) noexcept
 {
     if (node->forwarded_ip)
         return;
-    const key_t key = key_of(node->ip_addr);
+    const address_key key = key_of(node->ip_addr);
     if (key == unset_address) {
         --m_unset;
         return;
@@ -64,7 +66,7 @@ std::optional<stored_node*> address_index::only_with(const uint8_t* ip_addr) con
 {
     if (m_incomplete)
         return std::nullopt;
-    const key_t key = key_of(ip_addr);
+    const address_key key = key_of(ip_addr);
     if (key == unset_address)
         return m_unset == 0 ? std::optional<stored_node*>{nullptr} : std::nullopt;
     const auto entry = m_heads.find(key);
@@ -72,3 +74,5 @@ std::optional<stored_node*> address_index::only_with(const uint8_t* ip_addr) con
         return nullptr;
     return entry->second->next_with_address ? std::nullopt : std::optional{entry->second};
 }
+
+} // namespace rtls

@@ -11,6 +11,8 @@
 #include <array>
 #include <optional>
 
+namespace rtls {
+
 class address_index {
 public:
     // Enters and takes out a node by its present ip_addr and forwarded_ip.
@@ -22,15 +24,17 @@ public:
     std::optional<stored_node*> only_with(const uint8_t* ip_addr) const noexcept;
 
 private:
-    using key_t = std::array<uint64_t, 2>;
-    static_assert(sizeof(key_t) == ip_addr_size);
+    using address_key = std::array<uint64_t, 2>;
+    static_assert(sizeof(address_key) == ip_addr_size);
     struct key_hash {
-        size_t operator()(const key_t& key) const { return seeded_hash(key[0], key[1]); }
+        size_t operator()(const address_key& key) const { return seeded_hash(key[0], key[1]); }
     };
 
-    static key_t key_of(const uint8_t* ip_addr);
+    static address_key key_of(const uint8_t* ip_addr);
 
-    std::unordered_map<key_t, stored_node*, key_hash> m_heads; // of the lists of nodes with one address
-    size_t m_unset = 0;                                        // nodes with the address of all zeros
-    bool m_incomplete = false;                                 // a node is missing: memory was short
+    std::unordered_map<address_key, stored_node*, key_hash> m_heads; // of the lists of nodes with one address
+    size_t m_unset = 0;                                              // nodes with the address of all zeros
+    bool m_incomplete = false;                                       // a node is missing: memory was short
 };
+
+} // namespace rtls

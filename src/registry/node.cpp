@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 
+namespace rtls {
+
 void node_destroy(void** pp_node)
 {
     if (!pp_node || !*pp_node)
@@ -31,3 +33,5 @@ bool node_update_win_client_ID(NODE_t* node, zframe_t* win_client_id)
     log_call_error(__func__, "zframe_dup");
     return false;
 }
+
+} // namespace rtls

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace rtls {
+
 constexpr size_t mac_size = 8;
 constexpr size_t ip_addr_size = 16;
 
@@ -60,3 +62,5 @@ void node_destroy(void** pp_node);
 // Points the node at another WIN client: keeps a copy of `win_client_id`. False, with a log line and
 // the old one gone, when memory is short.
 bool node_update_win_client_ID(NODE_t* node, zframe_t* win_client_id);
+
+} // namespace rtls

@@ -12,6 +12,8 @@
 #include <new>
 #include <utility>
 
+namespace rtls {
+
 namespace {
 
 // The sizes through which a zhashx grows: the fifth largest prime below each power of two from 16 on.
@@ -226,3 +228,5 @@ bool node_table::grow() noexcept
     ++m_growth;
     return true;
 }
+
+} // namespace rtls

@@ -19,6 +19,8 @@
 #include <memory>
 #include <unordered_map>
 
+namespace rtls {
+
 // A node with its places in the container's structures. Allocated zeroed with calloc: node_destroy
 // frees it as the NODE_t that it begins with.
 struct stored_node : NODE_t {
@@ -101,3 +103,5 @@ private:
     stored_node* m_cursor = nullptr; // what next() returns, or null: look in the buckets behind
     std::unordered_map<uint64_t, stored_node*, mac_hash> m_by_mac;
 };
+
+} // namespace rtls

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <new>
 
+namespace rtls {
+
 namespace {
 
 // The mutex stays first: the handle may be used as the mutex itself.
@@ -197,3 +199,5 @@ void nodes_container_delete(void* p_nodes, const uint8_t* mac)
     void* p_node = static_cast<NODE_t*>(node);
     node_destroy(&p_node);
 }
+
+} // namespace rtls

@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace rtls {
+
 // The most nodes one container takes: peers create nodes, and nothing but an operator removes them.
 constexpr size_t nodes_container_limit = 1'000'000;
 
@@ -65,3 +67,5 @@ public:
 private:
     void* m_nodes;
 };
+
+} // namespace rtls

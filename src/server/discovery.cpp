@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <optional>
 
+namespace rtls {
+
 // A datagram as it came in.
-struct discovery_datagram_t {
+struct discovery_datagram {
     std::array<uint8_t, discovery::receive_limit> bytes;
     size_t size;
     sockaddr_in requester;
@@ -58,7 +60,7 @@ static std::optional<in_addr> local_address(msghdr& message)
 }
 
 // False when nothing came, or when it does not say where it was sent to.
-static bool receive_datagram(int descriptor, discovery_datagram_t& datagram)
+static bool receive_datagram(int descriptor, discovery_datagram& datagram)
 {
     alignas(cmsghdr) std::array<uint8_t, 256> control{};
     iovec data{datagram.bytes.data(), datagram.bytes.size()};
@@ -89,7 +91,7 @@ static void print_requester(const WIN_SERVER_t* server, const sockaddr_in& reque
     dbg_print(server->dbg_client_sock, DBG_DISCOVERY, "DISC", "rcvd discovery: %s:%u", address, port);
 }
 
-static void answer_datagram(const WIN_SERVER_t* server, const discovery_datagram_t& datagram)
+static void answer_datagram(const WIN_SERVER_t* server, const discovery_datagram& datagram)
 {
     const auto send = [&](bytes_view answer) {
         udp_sendto(server->discovery_sock_descriptor, answer.data(), answer.size(), &datagram.requester,
@@ -118,10 +120,12 @@ int handle_udp_in(zloop_t* /*loop*/, zmq_pollitem_t* /*item*/, void* p_server) n
         return 0;
     }
     const auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    discovery_datagram_t datagram{};
+    discovery_datagram datagram{};
     if (!receive_datagram(server->discovery_sock_descriptor, datagram))
         return 0;
     print_requester(server, datagram.requester);
     answer_datagram(server, datagram);
     return 0;
 }
+
+} // namespace rtls

@@ -9,6 +9,8 @@
 
 #include <array>
 
+namespace rtls {
+
 // Discovery requests and answers; numbers are big-endian.
 namespace discovery {
 constexpr size_t receive_limit = 32; // longer datagrams are cut by the receive
@@ -25,3 +27,5 @@ std::array<uint8_t, discovery::echo_answer_size> discovery_echo_answer(in_addr r
 // The request's 9 bytes, the address on which it arrived, and the WIN port (host order).
 std::array<uint8_t, discovery::address_answer_size>
 discovery_address_answer(bytes_view request, in_addr gateway, in_port_t win_port);
+
+} // namespace rtls

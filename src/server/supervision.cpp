@@ -12,6 +12,8 @@
 #include <new>
 #include <vector>
 
+namespace rtls {
+
 // After a long call of another handler, zloop runs all missed ticks in a row. They must not use up the
 // grace of clients that had no chance to be heard meanwhile.
 static constexpr int64_t least_check_distance_ms = 500;
@@ -202,3 +204,5 @@ void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
             return;
     client->unsent_overflow = false; // the next overflow is a new one
 }
+
+} // namespace rtls

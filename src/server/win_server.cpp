@@ -19,6 +19,8 @@
 #include <mutex>
 #include <new>
 
+namespace rtls {
+
 using win_server_ptr = std::unique_ptr<void, destroyed_by<win_server_destroy>>;
 
 static constexpr char endpoint_prefix[] = "tcp://";
@@ -252,7 +254,7 @@ void win_client_set_mac_addr(WIN_SERVER_t* server, WIN_CLIENT_t* client, const u
 }
 
 // Copies what other threads may know. The list must not destroy the records with it.
-static void copy_clients_locked(WIN_SERVER_t& server, std::vector<win_client_info_t>& copies)
+static void copy_clients_locked(WIN_SERVER_t& server, std::vector<win_client_info>& copies)
 {
     const zlistx_ptr records{zhashx_values(server.clients)};
     if (!records)
@@ -262,16 +264,16 @@ static void copy_clients_locked(WIN_SERVER_t& server, std::vector<win_client_inf
     copies.reserve(zlistx_size(records.get()));
     for (void* item = zlistx_first(records.get()); item; item = zlistx_next(records.get())) {
         const auto* client = static_cast<WIN_CLIENT_t*>(item);
-        win_client_info_t& copy = copies.emplace_back();
+        win_client_info& copy = copies.emplace_back();
         copy.id.reset(zframe_dup(client->id));
         copy.addr = client->addr;
         std::memcpy(copy.mac_addr, client->mac_addr, mac_size);
     }
 }
 
-std::vector<win_client_info_t> win_server_copy_clients(void* p_win_server)
+std::vector<win_client_info> win_server_copy_clients(void* p_win_server)
 {
-    std::vector<win_client_info_t> copies;
+    std::vector<win_client_info> copies;
     auto* server = static_cast<WIN_SERVER_t*>(p_win_server);
     if (!server) {
         logger_error(g_logger, str_null_pointer, __func__);
@@ -286,3 +288,5 @@ std::vector<win_client_info_t> win_server_copy_clients(void* p_win_server)
     }
     return copies;
 }
+
+} // namespace rtls

@@ -14,6 +14,8 @@
 
 #include <vector>
 
+namespace rtls {
+
 // Commands on "inproc://winserw_channel": a frame with the command (4 bytes, host order), a frame of data.
 enum winserw_sock_cmd_t : int32_t { WINSERW_SOCK_CMD_GENERIC_REQ = 0 };
 
@@ -37,7 +39,7 @@ bool win_server_is_ready(void* p_win_server);
 void win_server_nodes_update(void* p_win_server, zframe_t* client_id);
 
 // What other threads may know of a WIN client.
-struct win_client_info_t {
+struct win_client_info {
     zframe_ptr id;
     sockaddr_in addr;
     uint8_t mac_addr[mac_size];
@@ -45,4 +47,6 @@ struct win_client_info_t {
 
 // A copy of the clients' addresses, in table order. Takes the table's own lock; never call it while
 // holding the nodes container's.
-std::vector<win_client_info_t> win_server_copy_clients(void* p_win_server);
+std::vector<win_client_info> win_server_copy_clients(void* p_win_server);
+
+} // namespace rtls

@@ -6,6 +6,8 @@
 #include "base/signals.h"
 #include "base/udplib.h"
 
+namespace rtls {
+
 namespace {
 
 constexpr char reporter[] = "win_server_actor";
@@ -196,3 +198,5 @@ void destroy_actor_context(WIN_SERVER_t* server)
     zsock_destroy(&server->dbg_client_sock);
     zsock_destroy(&server->interthread_sever_sock);
 }
+
+} // namespace rtls

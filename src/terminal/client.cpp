@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+namespace rtls {
+
 void terminal_client_clear_filter(TERMINAL_CLIENT_t& client) noexcept
 {
     if (client.preg) {
@@ -22,3 +24,5 @@ void terminal_client_item_destructor(void** item)
     std::free(client);
     *item = nullptr;
 }
+
+} // namespace rtls

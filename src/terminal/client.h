@@ -10,6 +10,8 @@
 
 #include <cstdint>
 
+namespace rtls {
+
 typedef struct TERMINAL_CLIENT {
     zframe_t* id;            // owned copy of the stream socket's routing identity
     char* grep_string;       // owned (malloc), or null; may name a pattern that failed to compile
@@ -25,3 +27,5 @@ void terminal_client_clear_filter(TERMINAL_CLIENT_t& client) noexcept;
 
 // Frees the record and all it owns; leaves null. Takes null. (CZMQ's item destructor.)
 void terminal_client_item_destructor(void** item);
+
+} // namespace rtls

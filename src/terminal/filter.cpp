@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <optional>
 
+namespace rtls {
+
 namespace {
 
 // Measured with random patterns: within these limits none took more than half a second or 100 MB.
@@ -32,20 +34,20 @@ bool is_digit(char c)
 }
 
 // What a piece of a pattern has become when all repetitions are written out.
-struct cost_t {
+struct pattern_cost {
     uint64_t size = 0;        // characters, sets and groups
     uint64_t options = 0;     // points where it may go on in two ways
     uint64_t idling = 0;      // edges of words and lines, and repetitions of what may match nothing
     bool may_be_empty = true; // it matches the empty text
 
-    void append(const cost_t& next)
+    void append(const pattern_cost& next)
     {
         size = capped(size + next.size);
         options = capped(options + next.options);
         idling = capped(idling + next.idling);
         may_be_empty = may_be_empty && next.may_be_empty;
     }
-    void add_alternative(const cost_t& other)
+    void add_alternative(const pattern_cost& other)
     {
         const bool one_may_be_empty = may_be_empty || other.may_be_empty;
         append(other);
@@ -70,7 +72,7 @@ struct cost_t {
     }
 };
 
-bool is_within_limits(const cost_t& total)
+bool is_within_limits(const pattern_cost& total)
 {
     return total.size <= (total.options == 0 ? fixed_size_limit : size_limit) &&
            total.options <= options_limit && total.idling <= idling_limit;
@@ -88,17 +90,17 @@ public:
             take_construct();
         while (m_depth > 0)
             close_group();
-        const cost_t total = current().finish();
+        const pattern_cost total = current().finish();
         return !m_refers_back && m_repetitions <= repetition_limit && is_within_limits(total);
     }
 
 private:
-    struct group_t {
-        std::optional<cost_t> alternatives; // the branches before the current one
-        cost_t branch;                      // the current one, without its last atom
-        cost_t atom;                        // which a repetition sign would repeat
+    struct pattern_group {
+        std::optional<pattern_cost> alternatives; // the branches before the current one
+        pattern_cost branch;                      // the current one, without its last atom
+        pattern_cost atom;                        // which a repetition sign would repeat
 
-        void start_atom(const cost_t& next)
+        void start_atom(const pattern_cost& next)
         {
             branch.append(atom);
             atom = next;
@@ -112,7 +114,7 @@ private:
                 alternatives = branch;
             branch = {};
         }
-        cost_t finish()
+        pattern_cost finish()
         {
             start_branch();
             return *alternatives;
@@ -135,8 +137,8 @@ private:
 
     void take_construct()
     {
-        constexpr cost_t one_character{1, 0, 0, false};
-        constexpr cost_t one_position{1, 0, 1, true};
+        constexpr pattern_cost one_character{1, 0, 0, false};
+        constexpr pattern_cost one_position{1, 0, 1, true};
         switch (const char c = take()) {
         case '\\':
             current().start_atom(take_escaped_is_position() ? one_position : one_character);
@@ -172,12 +174,12 @@ private:
         }
     }
 
-    group_t& current() { return m_groups[m_depth]; }
+    pattern_group& current() { return m_groups[m_depth]; }
 
     // The group becomes an atom of the one around it.
     void close_group()
     {
-        cost_t group = current().finish();
+        pattern_cost group = current().finish();
         group.size = capped(group.size + 1);
         --m_depth;
         current().start_atom(group);
@@ -204,7 +206,7 @@ private:
     // "m}", "m,}", "m,n}" or ",n}".
     void repeat_atom_by_interval()
     {
-        cost_t& atom = current().atom;
+        pattern_cost& atom = current().atom;
         const uint64_t low = take_number();
         uint64_t high = low;
         if (!take_if(',')) {
@@ -250,7 +252,7 @@ private:
     }
 
     std::string_view m_rest;
-    std::array<group_t, pattern_size_limit + 1> m_groups{}; // by depth
+    std::array<pattern_group, pattern_size_limit + 1> m_groups{}; // by depth
     size_t m_depth = 0;
     uint64_t m_repetitions = 1;
     bool m_refers_back = false;
@@ -278,3 +280,5 @@ regex_t* compile_filter(const char* pattern)
     errno = error;
     return nullptr;
 }
+
+} // namespace rtls

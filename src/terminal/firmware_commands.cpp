@@ -8,6 +8,8 @@
 #include <cstring>
 #include <optional>
 
+namespace rtls {
+
 static constexpr char incorrect_index[] = "Incorrect INDEX value!\n";
 static constexpr char incorrect_mac[] = "Incorrect MAC value!\n";
 static constexpr char not_in_list[] = "Node %04X not in nodes list\n";
@@ -101,13 +103,13 @@ std::string firmware_set(void* p_gateway, const char* index_word, const char* ma
 // Where set, apply, info and del read their numbers: in the sub-command word itself, not behind it. So
 // set and info refuse, del means slot 0xDE, and apply means the node 000A ("a" of "apply"). Operators'
 // tools count on these answers.
-static const char* value_word(const terminal_request_t& request)
+static const char* value_word(const terminal_request& request)
 {
     return request.words[1];
 }
 
 // Blocks the terminal thread while the transfer lasts.
-static void subcommand_get(const terminal_request_t& request, terminal_reply& reply)
+static void subcommand_get(const terminal_request& request, terminal_reply& reply)
 {
     if (request.words.size() < 3) {
         reply.send("URL is missing!\n");
@@ -119,7 +121,7 @@ static void subcommand_get(const terminal_request_t& request, terminal_reply& re
                           : "Failed to read firmware!\n");
 }
 
-static void subcommand_set(const terminal_request_t& request, terminal_reply& reply)
+static void subcommand_set(const terminal_request& request, terminal_reply& reply)
 {
     if (request.words.size() < 4) {
         reply.send("INDEX or MAC are missing!\n");
@@ -132,13 +134,13 @@ static void subcommand_set(const terminal_request_t& request, terminal_reply& re
     reply.send(firmware_set(request.gateway, word, word, source));
 }
 
-static void subcommand_apply(const terminal_request_t& request, terminal_reply& reply)
+static void subcommand_apply(const terminal_request& request, terminal_reply& reply)
 {
     reply.send(request.words.size() < 3 ? "MAC are missing!\n"
                                         : firmware_apply(request.gateway, value_word(request)));
 }
 
-static void subcommand_list(const terminal_request_t& request, terminal_reply& reply)
+static void subcommand_list(const terminal_request& request, terminal_reply& reply)
 {
     reply.send(firmware_list_header);
     void* p_ota = rtls_gateway_get_ota(request.gateway);
@@ -150,13 +152,13 @@ static void subcommand_list(const terminal_request_t& request, terminal_reply& r
     }
 }
 
-static void subcommand_info(const terminal_request_t& request, terminal_reply& reply)
+static void subcommand_info(const terminal_request& request, terminal_reply& reply)
 {
     reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
                                         : firmware_info(request.gateway, value_word(request)));
 }
 
-static void subcommand_del(const terminal_request_t& request, terminal_reply& reply)
+static void subcommand_del(const terminal_request& request, terminal_reply& reply)
 {
     reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
                                         : firmware_del(request.gateway, value_word(request)));
@@ -164,14 +166,14 @@ static void subcommand_del(const terminal_request_t& request, terminal_reply& re
 
 static constexpr struct {
     const char* word;
-    void (*run)(const terminal_request_t& request, terminal_reply& reply);
+    void (*run)(const terminal_request& request, terminal_reply& reply);
 } subcommands[] = {
     {"get", subcommand_get},   {"set", subcommand_set},   {"apply", subcommand_apply},
     {"list", subcommand_list}, {"info", subcommand_info}, {"del", subcommand_del},
 };
 
 // An operator who cannot be reached gets nothing done: nobody would see the outcome.
-void command_firmware(const terminal_request_t& request)
+void command_firmware(const terminal_request& request)
 {
     terminal_reply reply{request.client->id, request.sock};
     if (!reply)
@@ -184,3 +186,5 @@ void command_firmware(const terminal_request_t& request)
             }
     reply.send("Incorrect parameters!\n");
 }
+
+} // namespace rtls

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+namespace rtls {
+
 inline constexpr char firmware_list_header[] =
     "index     git id      crc32     size   page size   pages   brd version   brd revision   max pages\n";
 
@@ -24,3 +26,5 @@ std::string firmware_apply(void* p_gateway, const char* mac_word);
 // `source_word`: "GW", a short MAC, or null for the passive mode.
 std::string firmware_set(void* p_gateway, const char* index_word, const char* mac_word,
                          const char* source_word);
+
+} // namespace rtls

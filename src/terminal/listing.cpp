@@ -12,6 +12,8 @@
 #include <cstring>
 #include <ctime>
 
+namespace rtls {
+
 static constexpr char str_null_win_clients[] = "%s: null pointer to win clients!";
 
 // --- Lines
@@ -54,16 +56,16 @@ const char* get_node_type(uint8_t type)
 namespace {
 
 // The pieces of a node line that depend on the clock.
-struct activity_texts_t {
+struct activity_time_texts {
     char date[20] = ""; // " act:%m-%d %H:%M:%S"
     char age[32] = "";  // " (hh:mm:ss)"
 };
 
 } // namespace
 
-static activity_texts_t activity_texts(const timeval& last_activity, const timeval& now)
+static activity_time_texts activity_texts(const timeval& last_activity, const timeval& now)
 {
-    activity_texts_t texts;
+    activity_time_texts texts;
     tm utc{};
     if (gmtime_r(&last_activity.tv_sec, &utc))
         strftime(texts.date, sizeof texts.date, " act:%m-%d %H:%M:%S", &utc);
@@ -75,9 +77,10 @@ static activity_texts_t activity_texts(const timeval& last_activity, const timev
     return texts;
 }
 
-std::string node_line(const node_row_t& node, bool full, const timeval* now)
+std::string node_line(const node_row& node, bool full, const timeval* now)
 {
-    const activity_texts_t activity = now ? activity_texts(node.last_activity, *now) : activity_texts_t{};
+    const activity_time_texts activity =
+        now ? activity_texts(node.last_activity, *now) : activity_time_texts{};
     const uint8_t* m = node.mac_addr;
     const uint8_t* par = node.parent_addr;
     const char* type = get_node_type(node.type);
@@ -107,9 +110,9 @@ static std::string_view frame_bytes(zframe_t* frame)
     return {reinterpret_cast<const char*>(zframe_data(frame)), zframe_size(frame)};
 }
 
-bridge_index_t index_bridges(std::span<const win_client_info_t> bridges)
+bridge_index index_bridges(std::span<const win_client_info> bridges)
 {
-    bridge_index_t index;
+    bridge_index index;
     index.reserve(bridges.size());
     uint32_t position = 0;
     for (const auto& bridge : bridges)
@@ -117,7 +120,7 @@ bridge_index_t index_bridges(std::span<const win_client_info_t> bridges)
     return index;
 }
 
-static uint32_t bridge_of(const NODE_t& node, const bridge_index_t& bridges)
+static uint32_t bridge_of(const NODE_t& node, const bridge_index& bridges)
 {
     if (!node.win_client_id)
         return no_bridge;
@@ -125,7 +128,7 @@ static uint32_t bridge_of(const NODE_t& node, const bridge_index_t& bridges)
     return found == bridges.end() ? no_bridge : found->second;
 }
 
-static void copy_node(const NODE_t& node, uint32_t bridge, node_row_t& row)
+static void copy_node(const NODE_t& node, uint32_t bridge, node_row& row)
 {
     row.last_activity = node.last_activity;
     row.bridge = bridge;
@@ -147,7 +150,7 @@ static void copy_node(const NODE_t& node, uint32_t bridge, node_row_t& row)
     std::memcpy(row.ip_addr, node.ip_addr, sizeof row.ip_addr);
 }
 
-void copy_nodes_locked(void* p_nodes, const bridge_index_t& bridges, std::vector<node_row_t>& rows)
+void copy_nodes_locked(void* p_nodes, const bridge_index& bridges, std::vector<node_row>& rows)
 {
     rows.resize(nodes_container_get_size(p_nodes));
     size_t count = 0;
@@ -157,12 +160,12 @@ void copy_nodes_locked(void* p_nodes, const bridge_index_t& bridges, std::vector
     rows.resize(count);
 }
 
-std::vector<node_row_t> copy_nodes(void* p_nodes, const bridge_index_t& bridges)
+std::vector<node_row> copy_nodes(void* p_nodes, const bridge_index& bridges)
 {
     nodes_container_lock(p_nodes);
     const size_t expected = nodes_container_get_size(p_nodes);
     nodes_container_unlock(p_nodes);
-    std::vector<node_row_t> rows(expected); // the pages are fetched here, not under the lock
+    std::vector<node_row> rows(expected); // the pages are fetched here, not under the lock
 
     const nodes_guard guard{p_nodes};
     copy_nodes_locked(p_nodes, bridges, rows);
@@ -172,18 +175,18 @@ std::vector<node_row_t> copy_nodes(void* p_nodes, const bridge_index_t& bridges)
 namespace {
 
 // What makes two nodes of one bridge indistinguishable to it.
-struct node_address_t {
+struct address_of_bridge {
     uint32_t bridge;
     uint8_t ip_addr[ip_addr_size];
-    node_row_t* row;
+    node_row* row;
 
-    bool operator<(const node_address_t& other) const
+    bool operator<(const address_of_bridge& other) const
     {
         if (bridge != other.bridge)
             return bridge < other.bridge;
         return std::memcmp(ip_addr, other.ip_addr, sizeof ip_addr) < 0;
     }
-    bool operator==(const node_address_t& other) const
+    bool operator==(const address_of_bridge& other) const
     {
         return bridge == other.bridge && std::memcmp(ip_addr, other.ip_addr, sizeof ip_addr) == 0;
     }
@@ -192,14 +195,14 @@ struct node_address_t {
 } // namespace
 
 // Sorted rather than hashed: the addresses are the nodes' choice, and must not be able to make it slow.
-void mark_duplicate_addresses(std::span<node_row_t> nodes)
+void mark_duplicate_addresses(std::span<node_row> nodes)
 {
-    std::vector<node_address_t> addresses;
+    std::vector<address_of_bridge> addresses;
     addresses.reserve(nodes.size());
     for (auto& node : nodes) {
         if (node.lifetime == 0 || node.forwarded_ip || node.bridge == no_bridge)
             continue;
-        auto& address = addresses.emplace_back(node_address_t{node.bridge, {}, &node});
+        auto& address = addresses.emplace_back(address_of_bridge{node.bridge, {}, &node});
         std::memcpy(address.ip_addr, node.ip_addr, sizeof address.ip_addr);
     }
     std::sort(addresses.begin(), addresses.end());
@@ -210,9 +213,9 @@ void mark_duplicate_addresses(std::span<node_row_t> nodes)
         }
 }
 
-node_groups_t group_nodes(std::span<const node_row_t> nodes, size_t bridges_number)
+node_groups group_nodes(std::span<const node_row> nodes, size_t bridges_number)
 {
-    node_groups_t groups;
+    node_groups groups;
     groups.by_bridge.resize(bridges_number);
     for (const auto& node : nodes) {
         if (node.lifetime == 0)
@@ -229,7 +232,7 @@ node_groups_t group_nodes(std::span<const node_row_t> nodes, size_t bridges_numb
 
 // The clients of both kinds. A listing ends at the first line that the operator does not take: each
 // further one would cost the socket's time-out again.
-void command_pcl(const terminal_request_t& request)
+void command_pcl(const terminal_request& request)
 {
     if (!rtls_gateway_get_win_clients(request.gateway)) {
         logger_error(g_logger, str_null_win_clients, __func__);
@@ -256,15 +259,15 @@ void command_pcl(const terminal_request_t& request)
     request.answer("##\n");
 }
 
-static bool send_nodes(const terminal_request_t& request, std::span<const node_row_t* const> nodes, bool full,
+static bool send_nodes(const terminal_request& request, std::span<const node_row* const> nodes, bool full,
                        const timeval* now)
 {
     return std::all_of(nodes.begin(), nodes.end(),
-                       [&](const node_row_t* node) { return request.answer(node_line(*node, full, now)); });
+                       [&](const node_row* node) { return request.answer(node_line(*node, full, now)); });
 }
 
-static void send_listing(const terminal_request_t& request, std::span<const win_client_info_t> bridges,
-                         const node_groups_t& groups, bool full)
+static void send_listing(const terminal_request& request, std::span<const win_client_info> bridges,
+                         const node_groups& groups, bool full)
 {
     for (size_t i = 0; i < bridges.size(); ++i)
         if (!request.answer(bridge_line(bridges[i].mac_addr, bridges[i].addr)) ||
@@ -278,7 +281,7 @@ static void send_listing(const terminal_request_t& request, std::span<const win_
 }
 
 // The bridges with their nodes, then the nodes without a connected bridge, then the expired ones.
-static void list_nodes(const terminal_request_t& request, bool full)
+static void list_nodes(const terminal_request& request, bool full)
 {
     if (!request.answer("####### Connected Nodes\n"))
         return;
@@ -297,12 +300,14 @@ static void list_nodes(const terminal_request_t& request, bool full)
     send_listing(request, bridges, group_nodes(nodes, bridges.size()), full);
 }
 
-void command_pn(const terminal_request_t& request)
+void command_pn(const terminal_request& request)
 {
     list_nodes(request, false);
 }
 
-void command_pnf(const terminal_request_t& request)
+void command_pnf(const terminal_request& request)
 {
     list_nodes(request, true);
 }
+
+} // namespace rtls

@@ -19,8 +19,10 @@
 #include <unordered_map>
 #include <vector>
 
+namespace rtls {
+
 // What the lists show of one node.
-struct node_row_t {
+struct node_row {
     timeval last_activity;
     uint32_t bridge; // index of the WIN client it belongs to, or no_bridge
     uint32_t sw_version;
@@ -51,27 +53,29 @@ std::string bridge_line(const uint8_t* mac_addr, const sockaddr_in& addr);
 const char* get_node_type(uint8_t type);
 
 // One node. `now` null: without the time of its last activity.
-std::string node_line(const node_row_t& node, bool full, const timeval* now);
+std::string node_line(const node_row& node, bool full, const timeval* now);
 
 // --- Snapshot.
 // The WIN clients by the bytes of their identity; the keys point into the clients' frames.
-using bridge_index_t = std::unordered_map<std::string_view, uint32_t>;
-bridge_index_t index_bridges(std::span<const win_client_info_t> bridges);
+using bridge_index = std::unordered_map<std::string_view, uint32_t>;
+bridge_index index_bridges(std::span<const win_client_info> bridges);
 
 // Copies all nodes, in table order. Takes the registry's lock, for no longer than the copying.
-std::vector<node_row_t> copy_nodes(void* p_nodes, const bridge_index_t& bridges);
+std::vector<node_row> copy_nodes(void* p_nodes, const bridge_index& bridges);
 
 // The copying itself; call it under the lock. `rows` may bring memory along.
-void copy_nodes_locked(void* p_nodes, const bridge_index_t& bridges, std::vector<node_row_t>& rows);
+void copy_nodes_locked(void* p_nodes, const bridge_index& bridges, std::vector<node_row>& rows);
 
 // Flags the living nodes of a bridge that share an address of their own (not a forwarded one) with
 // another living node of the same bridge.
-void mark_duplicate_addresses(std::span<node_row_t> nodes);
+void mark_duplicate_addresses(std::span<node_row> nodes);
 
 // The rows as the lists group them; within a group in table order.
-struct node_groups_t {
-    std::vector<std::vector<const node_row_t*>> by_bridge;
-    std::vector<const node_row_t*> floating; // alive, of no connected bridge
-    std::vector<const node_row_t*> expired;  // whatever their bridge
+struct node_groups {
+    std::vector<std::vector<const node_row*>> by_bridge;
+    std::vector<const node_row*> floating; // alive, of no connected bridge
+    std::vector<const node_row*> expired;  // whatever their bridge
 };
-node_groups_t group_nodes(std::span<const node_row_t> nodes, size_t bridges_number);
+node_groups group_nodes(std::span<const node_row> nodes, size_t bridges_number);
+
+} // namespace rtls

@@ -6,6 +6,8 @@
 
 #include <cstring>
 
+namespace rtls {
+
 namespace {
 
 constexpr uint16_t generic_req_reboot = 1;
@@ -47,7 +49,7 @@ constexpr std::array<uint8_t, 3> body_head_bytes{0x00, 0x0E, 0x20};
 
 } // namespace
 
-std::array<uint8_t, reboot_request_size> make_reboot_request(const mac_addr_t& mac)
+std::array<uint8_t, reboot_request_size> make_reboot_request(const mac_array& mac)
 {
     using namespace reboot_request;
     std::array<uint8_t, reboot_request_size> request{};
@@ -58,7 +60,7 @@ std::array<uint8_t, reboot_request_size> make_reboot_request(const mac_addr_t& m
     return request;
 }
 
-std::array<uint8_t, apply_request_size> make_apply_request(const mac_addr_t& mac)
+std::array<uint8_t, apply_request_size> make_apply_request(const mac_array& mac)
 {
     std::array<uint8_t, apply_request_size> request{};
     store_header(request, apply_request::mac - msgHeader_t::size);
@@ -68,7 +70,7 @@ std::array<uint8_t, apply_request_size> make_apply_request(const mac_addr_t& mac
 }
 
 std::vector<uint8_t> make_set_request(const OTA_FIRMWARE_INFO_t& info, std::optional<uint16_t> source,
-                                      const mac_addr_t& mac)
+                                      const mac_array& mac)
 {
     const size_t mac_at = set_request::source + (source ? set_request::source_size : 0);
     std::vector<uint8_t> request(mac_at + mac_size);
@@ -84,18 +86,18 @@ std::vector<uint8_t> make_set_request(const OTA_FIRMWARE_INFO_t& info, std::opti
     return request;
 }
 
-static std::optional<mac_addr_t> find_mac_locked(void* p_nodes, uint16_t short_mac)
+static std::optional<mac_array> find_mac_locked(void* p_nodes, uint16_t short_mac)
 {
     const NODE_t* node = nodes_container_find_by_short_mac(p_nodes, static_cast<uint8_t>(short_mac >> 8),
                                                            static_cast<uint8_t>(short_mac));
     if (!node)
         return std::nullopt;
-    mac_addr_t mac;
+    mac_array mac;
     std::memcpy(mac.data(), node->mac_addr, mac.size());
     return mac;
 }
 
-std::optional<mac_addr_t> find_mac_by_short(void* p_nodes, uint16_t short_mac)
+std::optional<mac_array> find_mac_by_short(void* p_nodes, uint16_t short_mac)
 {
     if (!p_nodes) {
         logger_error(g_logger, str_null_nodes, __func__);
@@ -117,3 +119,5 @@ bool delete_node_by_short_mac(void* p_nodes, uint16_t short_mac)
         nodes_container_delete(p_nodes, mac->data());
     return mac.has_value();
 }
+
+} // namespace rtls

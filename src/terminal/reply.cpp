@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <utility>
 
+namespace rtls {
+
 // A null frame would be "sent" with success, so it is refused here.
 static bool send_identity(zframe_t* id, zsock_t* sock) noexcept
 {
@@ -51,3 +53,5 @@ std::string text_format(const char* format, ...)
     va_end(args);
     return text;
 }
+
+} // namespace rtls

@@ -12,6 +12,8 @@
 
 #include <string>
 
+namespace rtls {
+
 // One answer: addressed when made, sent later.
 class terminal_reply {
 public:
@@ -39,3 +41,5 @@ bool terminal_send(zframe_t* id, zsock_t* sock, const char* text) noexcept;
 
 // printf into a string.
 std::string text_format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+} // namespace rtls

@@ -12,8 +12,10 @@
 #include <optional>
 #include <span>
 
+namespace rtls {
+
 // One command being run: who asked, what for, and where the answers go.
-struct terminal_request_t {
+struct terminal_request {
     void* gateway;
     TERMINAL_CLIENT_t* client;
     zsock_t* sock;     // the stream socket
@@ -25,16 +27,18 @@ struct terminal_request_t {
     bool answer(const std::string& text) const noexcept { return answer(text.c_str()); }
 };
 
-using terminal_command_t = void (*)(const terminal_request_t&);
+using command_function = void (*)(const terminal_request&);
 
 // The operators' number: hexadecimal by strtol's rules ("0x" and garbage behind it are fine), cut to 16
 // bits. Nothing when there is no digit or the number does not fit strtol.
 std::optional<uint16_t> get_short_val_from_str(const char* str_value);
 
 // --- terminal_listing.cpp
-void command_pcl(const terminal_request_t& request);
-void command_pn(const terminal_request_t& request);
-void command_pnf(const terminal_request_t& request);
+void command_pcl(const terminal_request& request);
+void command_pn(const terminal_request& request);
+void command_pnf(const terminal_request& request);
 
 // --- terminal_firmware.cpp
-void command_firmware(const terminal_request_t& request);
+void command_firmware(const terminal_request& request);
+
+} // namespace rtls

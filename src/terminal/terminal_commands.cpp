@@ -20,6 +20,8 @@
 #include <cstring>
 #include <string_view>
 
+namespace rtls {
+
 static constexpr uint16_t words_limit = 16;
 static constexpr char console[] = "CONS"; // channel of our lines in the debug stream
 static constexpr char no_pattern[] = "-- undefined --";
@@ -74,7 +76,7 @@ std::optional<uint16_t> get_short_val_from_str(const char* str_value)
     return static_cast<uint16_t>(value);
 }
 
-static void command_help(const terminal_request_t& request)
+static void command_help(const terminal_request& request)
 {
     request.answer(help_text);
 }
@@ -95,7 +97,7 @@ static void cut_connection(const TERMINAL_CLIENT_t& client)
 }
 
 // Frees the record of the client that asks: request.client is gone afterwards.
-static void command_quit(const terminal_request_t& request)
+static void command_quit(const terminal_request& request)
 {
     zhashx_t* clients = rtls_gateway_get_terminal_clients(request.gateway);
     if (!clients) {
@@ -113,12 +115,12 @@ static void command_quit(const terminal_request_t& request)
 }
 
 // The short MAC in the second word; without one, `refusal` is the answer.
-struct short_mac_argument_t {
+struct short_mac_or_refusal {
     uint16_t value;
     const char* refusal; // null when there is a value
 };
 
-static short_mac_argument_t short_mac_argument(const terminal_request_t& request)
+static short_mac_or_refusal short_mac_argument(const terminal_request& request)
 {
     if (request.words.size() < 2)
         return {0, "MAC are missing!\n"};
@@ -128,7 +130,7 @@ static short_mac_argument_t short_mac_argument(const terminal_request_t& request
     return {*value, nullptr};
 }
 
-static std::string reboot_node(const terminal_request_t& request)
+static std::string reboot_node(const terminal_request& request)
 {
     const auto [short_mac, refusal] = short_mac_argument(request);
     if (refusal)
@@ -143,14 +145,14 @@ static std::string reboot_node(const terminal_request_t& request)
                : "Failed to send command!\n";
 }
 
-static void command_reboot(const terminal_request_t& request)
+static void command_reboot(const terminal_request& request)
 {
     terminal_reply reply{request.client->id, request.sock};
     if (reply)
         reply.send(reboot_node(request));
 }
 
-static std::string delete_node(const terminal_request_t& request)
+static std::string delete_node(const terminal_request& request)
 {
     const auto [short_mac, refusal] = short_mac_argument(request);
     if (refusal)
@@ -160,14 +162,14 @@ static std::string delete_node(const terminal_request_t& request)
     return "Command completed successfully!\n";
 }
 
-static void command_del(const terminal_request_t& request)
+static void command_del(const terminal_request& request)
 {
     terminal_reply reply{request.client->id, request.sock};
     if (reply)
         reply.send(delete_node(request));
 }
 
-static void command_info(const terminal_request_t& request)
+static void command_info(const terminal_request& request)
 {
     int zmq[3] = {};
     int czmq[3] = {};
@@ -206,7 +208,7 @@ static const char* switch_section(std::span<char* const> words)
     }
 }
 
-static void command_dbg(const terminal_request_t& request)
+static void command_dbg(const terminal_request& request)
 {
     if (request.words.size() >= 2)
         if (const char* refusal = switch_section(request.words)) {
@@ -220,13 +222,13 @@ static void command_dbg(const terminal_request_t& request)
     }
 }
 
-static void command_sub(const terminal_request_t& request)
+static void command_sub(const terminal_request& request)
 {
     request.client->subscribed = 1;
     request.answer("subscribed * ok.\n");
 }
 
-static void command_subm(const terminal_request_t& request)
+static void command_subm(const terminal_request& request)
 {
     request.client->subscribed = 0;
     request.answer("unsubscribed * ok.\n");
@@ -234,7 +236,7 @@ static void command_subm(const terminal_request_t& request)
 
 // A pattern that cannot be used takes the old filter away, but the old pattern's text stays and is
 // shown: operators' scripts know it so.
-static void set_filter(const terminal_request_t& request, const char* pattern)
+static void set_filter(const terminal_request& request, const char* pattern)
 {
     TERMINAL_CLIENT_t& client = *request.client;
     terminal_client_clear_filter(client);
@@ -249,7 +251,7 @@ static void set_filter(const terminal_request_t& request, const char* pattern)
         logger_error(g_logger, str_out_of_memory, "command_grep");
 }
 
-static void command_grep(const terminal_request_t& request)
+static void command_grep(const terminal_request& request)
 {
     if (request.words.size() >= 2)
         set_filter(request, request.words[1]);
@@ -257,7 +259,7 @@ static void command_grep(const terminal_request_t& request)
     request.answer(text_format("GREP: %s\n", pattern ? pattern : no_pattern));
 }
 
-static void command_grepm(const terminal_request_t& request)
+static void command_grepm(const terminal_request& request)
 {
     terminal_client_clear_filter(*request.client);
     std::free(request.client->grep_string);
@@ -267,7 +269,7 @@ static void command_grepm(const terminal_request_t& request)
 
 static constexpr struct {
     const char* word;
-    terminal_command_t run;
+    command_function run;
 } commands[] = {
     {"h", command_help},      {"help", command_help},         {"q", command_quit},
     {"quit", command_quit},   {"pcl", command_pcl},           {"reboot", command_reboot},
@@ -284,7 +286,7 @@ static void trimright(char* text)
     text[last == std::string_view::npos ? 0 : last + 1] = '\0';
 }
 
-static void run_command(const terminal_request_t& request)
+static void run_command(const terminal_request& request)
 {
     for (const auto& command : commands)
         if (strcasecmp(request.words[0], command.word) == 0) {
@@ -312,3 +314,5 @@ void terminal_commands_parse(void* p_rtls_gateway, TERMINAL_CLIENT_t* id_found, 
         ++words[0];
     run_command({p_rtls_gateway, id_found, reader, dbg_sock, {words, count}});
 }
+
+} // namespace rtls

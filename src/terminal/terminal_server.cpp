@@ -23,6 +23,8 @@
 #include <string>
 #include <utility>
 
+namespace rtls {
+
 namespace {
 
 constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
@@ -389,3 +391,5 @@ bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t*
         log_call_error(__func__, "zframe_send");
     return false;
 }
+
+} // namespace rtls

@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace rtls {
+
 void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway);
 bool terminal_server_run(void* p_terminal_server);
 void terminal_server_destroy(void** pp_terminal_server);
@@ -20,3 +22,5 @@ bool terminal_server_is_ready(void* p_terminal_server);
 // Hands a generic request (header, payload, destination MAC) to the WIN server's thread. False when
 // its queue is full. The name is misspelt, and kept: operators' scripts find it in our logs.
 bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t* data, size_t data_size);
+
+} // namespace rtls

@@ -11,7 +11,9 @@
 
 #include <array>
 
-struct link_frame_t {
+namespace rtls {
+
+struct link_frame {
     WIN_SERVER_t& server;
     WIN_CLIENT_t& client; // the one that sent the frame
     void* p_nodes;        // the registry
@@ -53,5 +55,7 @@ struct link_frame_t {
 };
 
 // Handlers of messages with a payload of their own length. False refuses the frame: no ack is sent.
-bool handle_generic_server_req(link_frame_t& frame);
-bool handle_sensor_report(link_frame_t& frame);
+bool handle_generic_server_req(link_frame& frame);
+bool handle_sensor_report(link_frame& frame);
+
+} // namespace rtls

@@ -8,6 +8,8 @@
 
 #include <cstring>
 
+namespace rtls {
+
 constexpr uint16_t node_lifetime = 300; // seconds; a heartbeat names its own
 
 // The smallest frame with a timestamp envelope, and the smallest 15.4 envelope.
@@ -21,14 +23,14 @@ constexpr uint16_t last_dispatched_type = MSG_SENSOR_IND_NEW;
 // --- what several handlers do
 
 // Points the node at the client that the frame came from, unless its route is to stay. Under the lock.
-static void move_route_locked(link_frame_t& frame, NODE_t& node)
+static void move_route_locked(link_frame& frame, NODE_t& node)
 {
     if (frame.change_route)
         node_update_win_client_ID(&node, frame.client.id);
 }
 
 // Registers a sign of life of the node with this MAC. False for a duplicate, or when there is no room.
-static bool refresh_node(link_frame_t& frame, const uint8_t* mac)
+static bool refresh_node(link_frame& frame, const uint8_t* mac)
 {
     const nodes_guard guard{frame.p_nodes};
     NODE_t* node = nodes_container_find_or_create_by_mac(frame.p_nodes, mac, frame.seq_no(), frame.type);
@@ -41,7 +43,7 @@ static bool refresh_node(link_frame_t& frame, const uint8_t* mac)
 }
 
 // Takes over the MAC that the bridge of this connection gives itself; `source` says in which message.
-static void learn_bridge_mac(link_frame_t& frame, const char* source, const uint8_t* mac)
+static void learn_bridge_mac(link_frame& frame, const char* source, const uint8_t* mac)
 {
     const uint8_t* old = frame.client.mac_addr;
     if (std::memcmp(old, mac, mac_size) == 0)
@@ -57,7 +59,7 @@ static void learn_bridge_mac(link_frame_t& frame, const char* source, const uint
 
 // --- handlers
 
-static bool handle_panid_req(link_frame_t& frame)
+static bool handle_panid_req(link_frame& frame)
 {
     const uint8_t* mac = &frame.msg[gwMsgPrefixRequest_t::ieee_addr];
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
@@ -74,7 +76,7 @@ static bool handle_panid_req(link_frame_t& frame)
     return true;
 }
 
-static bool handle_announce_root(link_frame_t& frame)
+static bool handle_announce_root(link_frame& frame)
 {
     const uint8_t* mac = &frame.msg[gwMsgRootAnnounce_t::ieee_addr];
     const uint16_t prefix = load_le16(frame.msg, gwMsgRootAnnounce_t::rplPrefix);
@@ -92,14 +94,14 @@ static bool handle_announce_root(link_frame_t& frame)
 }
 
 // The numbers of a heartbeat in host order.
-struct heartbeat_t {
+struct heartbeat_numbers {
     uint32_t sw_version;
     int32_t pos_X;
     int32_t pos_Y;
     int32_t pos_Z;
 };
 
-static heartbeat_t read_heartbeat(bytes_view msg)
+static heartbeat_numbers read_heartbeat(bytes_view msg)
 {
     return {
         .sw_version = load_le32(msg, gwMsgHeartbeat_t::sw_version),
@@ -110,7 +112,7 @@ static heartbeat_t read_heartbeat(bytes_view msg)
 }
 
 // The heartbeat's part in the registry. False for a duplicate, of which nothing is kept.
-static bool update_node(link_frame_t& frame, const heartbeat_t& heartbeat)
+static bool update_node(link_frame& frame, const heartbeat_numbers& heartbeat)
 {
     const bytes_view msg = frame.msg;
     const uint8_t role = msg[gwMsgHeartbeat_t::node_role];
@@ -138,7 +140,7 @@ static bool update_node(link_frame_t& frame, const heartbeat_t& heartbeat)
     return true;
 }
 
-static void print_heartbeat(const link_frame_t& frame, const heartbeat_t& heartbeat)
+static void print_heartbeat(const link_frame& frame, const heartbeat_numbers& heartbeat)
 {
     const bytes_view msg = frame.msg;
     const uint8_t* node = &msg[gwMsgHeartbeat_t::long_addr];
@@ -155,7 +157,7 @@ static void print_heartbeat(const link_frame_t& frame, const heartbeat_t& heartb
                  heartbeat.pos_X, heartbeat.pos_Y, z_val, z_offset);
 }
 
-static bool handle_heartbeat(link_frame_t& frame)
+static bool handle_heartbeat(link_frame& frame)
 {
     // A forwarded one has the sender's trailer where a direct one names its bridge and its address: the
     // bridge is this client then, and the address is at the same place.
@@ -166,7 +168,7 @@ static bool handle_heartbeat(link_frame_t& frame)
         learn_bridge_mac(frame, frame.type == MSG_HEARTBEAT_IND ? "HB" : "NA", bridge_mac);
     frame.acknowledge_to(&frame.msg[gwMsgHeartbeat_t::ipaddr]);
 
-    const heartbeat_t heartbeat = read_heartbeat(frame.msg);
+    const heartbeat_numbers heartbeat = read_heartbeat(frame.msg);
     if (!update_node(frame, heartbeat))
         return true;
     print_heartbeat(frame, heartbeat);
@@ -183,16 +185,16 @@ static bool handle_heartbeat(link_frame_t& frame)
 
 // --- dispatch
 
-struct link_message_t {
+struct link_message {
     uint16_t type;
     // Of frame.msg, exactly. A forwarded message brings its envelope's trailer of 24 bytes along: so a
     // forwarded heartbeat (39 + 24) has the direct one's size, and other fixed sizes are refused.
     size_t size;
-    bool (*handle)(link_frame_t&);
+    bool (*handle)(link_frame&);
 };
 
 constexpr size_t checked_by_handler = 0;
-constexpr link_message_t link_messages[] = {
+constexpr link_message link_messages[] = {
     {MSG_PANID_REQ, gwMsgPrefixRequest_t::size, handle_panid_req},
     {MSG_ANNOUNCE_ROOT_IND, gwMsgRootAnnounce_t::size, handle_announce_root},
     {MSG_HEARTBEAT_IND, gwMsgHeartbeat_t::size, handle_heartbeat},
@@ -201,7 +203,7 @@ constexpr link_message_t link_messages[] = {
     {MSG_SENSOR_IND_NEW, checked_by_handler, handle_sensor_report},
 };
 
-static bool dispatch(link_frame_t& frame)
+static bool dispatch(link_frame& frame)
 {
     for (const auto& m : link_messages)
         if (m.type == frame.type)
@@ -212,7 +214,7 @@ static bool dispatch(link_frame_t& frame)
 // --- envelopes
 
 // Takes a timestamp envelope off. False when the frame is too short for one.
-static bool unwrap_timestamp(link_frame_t& frame)
+static bool unwrap_timestamp(link_frame& frame)
 {
     // Compared with its flag bits: a flagged type is no timestamp envelope.
     if (load_le16(frame.msg, msgHeader_t::msgType) != MSG_WRAP_TS)
@@ -232,7 +234,7 @@ static bool unwrap_timestamp(link_frame_t& frame)
 static_assert(wrap_ts_minimum >= wrap_ts::size + msgGeneric_t::size);
 
 // Sends the frame back as it came, the timestamp envelope included.
-static void echo_ping(link_frame_t& frame)
+static void echo_ping(link_frame& frame)
 {
     const uint8_t* mac = frame.client.mac_addr;
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
@@ -243,7 +245,7 @@ static void echo_ping(link_frame_t& frame)
 }
 
 // Moves the flag bits from the type into the frame's record, and prepares the ack.
-static void take_flags(link_frame_t& frame)
+static void take_flags(link_frame& frame)
 {
     store_le16(frame.ack, gwMsgAck_t::msgType, MSG_REST_ACK);
     frame.ack[gwMsgAck_t::seqNo] = *frame.seq_no();
@@ -256,7 +258,7 @@ static void take_flags(link_frame_t& frame)
 }
 
 // Registers the node that a bridge has heard: `trailer` is its MAC, then its address.
-static bool register_forwarded_node(link_frame_t& frame, const uint8_t* trailer)
+static bool register_forwarded_node(link_frame& frame, const uint8_t* trailer)
 {
     const nodes_guard guard{frame.p_nodes};
     NODE_t* node = nodes_container_find_or_create_by_mac(frame.p_nodes, trailer + nwk_data_ind::trailer_mac,
@@ -273,7 +275,7 @@ static bool register_forwarded_node(link_frame_t& frame, const uint8_t* trailer)
 }
 
 // Takes a 15.4 envelope off. False when its size is wrong or its node cannot be registered.
-static bool unwrap_forwarded(link_frame_t& frame)
+static bool unwrap_forwarded(link_frame& frame)
 {
     if (frame.type != MSG_NWK_DATA_15_4_IND && frame.type != MSG_TRF2SRV_VIA_CLIENT)
         return true;
@@ -307,7 +309,7 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
         return false;
 
     const tav_timestamp_t now = get_current_time();
-    link_frame_t frame{
+    link_frame frame{
         .server = *server,
         .client = *client,
         .p_nodes = rtls_gateway_get_nodes_container(server->rtls_gateway),
@@ -332,3 +334,5 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
         data_to_win_client(server, client->id, frame.ack.data(), frame.ack.size());
     return true;
 }
+
+} // namespace rtls

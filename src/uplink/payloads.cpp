@@ -14,6 +14,8 @@
 #include <new>
 #include <optional>
 
+namespace rtls {
+
 constexpr size_t copy_limit = 1050;             // bytes of a generic request's copy
 constexpr uint16_t generic_length_limit = 1043; // first length that is refused
 constexpr uint16_t sensor_length_limit = 293;
@@ -22,7 +24,7 @@ static_assert(generic_length_limit - 1 + mac_size == copy_limit);
 namespace {
 
 // A message with a payload, checked, and its copy for the message handler.
-struct payload_message_t {
+struct payload_message {
     uint16_t total_len;
     uint16_t length;          // header and payload; 16 bits, so that it may have wrapped
     uint8_t short_mac[2];     // of the sender
@@ -36,7 +38,7 @@ struct payload_message_t {
 
 // Checks the sizes, makes the copy, and learns from the trailer where an ack goes. A forwarded message's
 // trailer begins with a MAC instead of an address; its ack carries these bytes all the same.
-static bool open_message(link_frame_t& frame, uint16_t length_limit, payload_message_t& message)
+static bool open_message(link_frame& frame, uint16_t length_limit, payload_message& message)
 {
     const bytes_view msg = frame.msg;
     if (msg.size() <= msgHeader_t::size)
@@ -55,7 +57,7 @@ static bool open_message(link_frame_t& frame, uint16_t length_limit, payload_mes
     return true;
 }
 
-static void print_unknown_sender(const link_frame_t& frame, const uint8_t* ip_addr)
+static void print_unknown_sender(const link_frame& frame, const uint8_t* ip_addr)
 {
     if (!dbg_is_wanted(DBG_PARSING))
         return;
@@ -67,7 +69,7 @@ static void print_unknown_sender(const link_frame_t& frame, const uint8_t* ip_ad
 
 // Finds the sender by the trailer, a MAC if forwarded, else an address, and has the copy end with its
 // MAC. False when there is none, or for a duplicate.
-static bool find_sender(link_frame_t& frame, payload_message_t& message)
+static bool find_sender(link_frame& frame, payload_message& message)
 {
     const uint8_t* trailer = &frame.msg[message.length];
     const nodes_guard guard{frame.p_nodes};
@@ -83,7 +85,7 @@ static bool find_sender(link_frame_t& frame, payload_message_t& message)
     return true;
 }
 
-static bool identify_sender(link_frame_t& frame, payload_message_t& message)
+static bool identify_sender(link_frame& frame, payload_message& message)
 {
     if (find_sender(frame, message))
         return true;
@@ -95,9 +97,9 @@ static bool identify_sender(link_frame_t& frame, payload_message_t& message)
     return false;
 }
 
-bool handle_sensor_report(link_frame_t& frame)
+bool handle_sensor_report(link_frame& frame)
 {
-    payload_message_t message; // large, and filled as far as it is used
+    payload_message message; // large, and filled as far as it is used
     if (!open_message(frame, sensor_length_limit, message))
         return false;
     if (!identify_sender(frame, message))
@@ -113,7 +115,7 @@ bool handle_sensor_report(link_frame_t& frame)
 
 enum class outcome { done, to_servers };
 
-static outcome answer_route_request(link_frame_t& frame, const payload_message_t& message)
+static outcome answer_route_request(link_frame& frame, const payload_message& message)
 {
     const size_t requesters = route_requesters(message.total_len);
     const size_t size = route_request_text_size(requesters);
@@ -127,13 +129,13 @@ static outcome answer_route_request(link_frame_t& frame, const payload_message_t
     return outcome::done;
 }
 
-static outcome answer_ota_page(link_frame_t& frame, const payload_message_t& message)
+static outcome answer_ota_page(link_frame& frame, const payload_message& message)
 {
     const bool served = send_otapage_from_cache(&frame.server, frame.msg, message.sender_mac());
     return served ? outcome::done : outcome::to_servers;
 }
 
-static outcome publish_ul_tdoa(link_frame_t& frame, const payload_message_t& message)
+static outcome publish_ul_tdoa(link_frame& frame, const payload_message& message)
 {
     const bool published = processing_ul_tdoa(&frame.server, frame.msg, message.sender_mac());
     return published ? outcome::done : outcome::to_servers;
@@ -141,52 +143,52 @@ static outcome publish_ul_tdoa(link_frame_t& frame, const payload_message_t& mes
 
 constexpr size_t range_report_entries(uint16_t total_len)
 {
-    return (total_len - 2U) / rangeReport_t::entry_size;
+    return (total_len - 2U) / range_report::entry_size;
 }
 
-static outcome print_range_report(link_frame_t& frame, const payload_message_t& message)
+static outcome print_range_report(link_frame& frame, const payload_message& message)
 {
     if (!dbg_is_wanted(DBG_PARSING))
         return outcome::to_servers;
     for (size_t i = 0; i < range_report_entries(message.total_len); i++) {
         const bytes_view entry = bytes_view{frame.msg}.subspan(
-            rangeReport_t::entries + i * rangeReport_t::entry_size, rangeReport_t::entry_size);
+            range_report::entries + i * range_report::entry_size, range_report::entry_size);
         dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "RANGE_RPT",
                      "%02X%02X, %02X%02X, %10u, %5u", message.short_mac[0], message.short_mac[1],
-                     entry[rangeReport_t::short_mac], entry[rangeReport_t::short_mac + 1],
-                     load_be32(entry, rangeReport_t::value32), load_be16(entry, rangeReport_t::value16));
+                     entry[range_report::short_mac], entry[range_report::short_mac + 1],
+                     load_be32(entry, range_report::value32), load_be16(entry, range_report::value16));
     }
     return outcome::to_servers;
 }
 
 namespace {
 
-struct sub_command_t {
+struct generic_sub_command {
     uint16_t code;
     uint16_t smallest; // total_len that it is recognised by; otherwise the servers get it
     uint16_t largest;
     size_t (*extent)(uint16_t total_len); // bytes of the message that the handler reads
-    outcome (*handle)(link_frame_t&, const payload_message_t&);
+    outcome (*handle)(link_frame&, const payload_message&);
 };
 
 } // namespace
 
 constexpr uint16_t any_length = 0xFFFF;
-constexpr sub_command_t sub_commands[] = {
+constexpr generic_sub_command sub_commands[] = {
     {GENERIC_REQ_RouteRequest, route_request_minimum, any_length,
      [](uint16_t total_len) { return route_request_extent(route_requesters(total_len)); },
      answer_route_request},
-    {GENERIC_REQ_OtaPage, otaPage_t::total_len, otaPage_t::total_len,
-     [](uint16_t) { return otaPage_t::size; }, answer_ota_page},
+    {GENERIC_REQ_OtaPage, ota_page::total_len, ota_page::total_len, [](uint16_t) { return ota_page::size; },
+     answer_ota_page},
     {GENERIC_REQ_UltdoaData, ul_tdoa_minimum, any_length, ul_tdoa_extent, publish_ul_tdoa},
     {GENERIC_REQ_RangeRpt, 10, any_length,
      [](uint16_t total_len) {
-         return rangeReport_t::entries + range_report_entries(total_len) * rangeReport_t::entry_size;
+         return range_report::entries + range_report_entries(total_len) * range_report::entry_size;
      },
      print_range_report},
 };
 
-static const sub_command_t* find_sub_command(uint16_t code, uint16_t total_len)
+static const generic_sub_command* find_sub_command(uint16_t code, uint16_t total_len)
 {
     for (const auto& sub : sub_commands)
         if (sub.code == code && total_len >= sub.smallest && total_len <= sub.largest)
@@ -194,9 +196,9 @@ static const sub_command_t* find_sub_command(uint16_t code, uint16_t total_len)
     return nullptr;
 }
 
-bool handle_generic_server_req(link_frame_t& frame)
+bool handle_generic_server_req(link_frame& frame)
 {
-    payload_message_t message; // large, and filled as far as it is used
+    payload_message message; // large, and filled as far as it is used
     if (!open_message(frame, generic_length_limit, message))
         return false;
     if (!identify_sender(frame, message))
@@ -206,8 +208,8 @@ bool handle_generic_server_req(link_frame_t& frame)
                  message.total_len, message.short_mac[0], message.short_mac[1]);
 
     // From the message itself: where the length has wrapped, the copy's sub-command is overwritten.
-    const uint16_t code = load_be16(frame.msg, genericServerReq_t::sub_command);
-    if (const sub_command_t* sub = find_sub_command(code, message.total_len)) {
+    const uint16_t code = load_be16(frame.msg, generic_server_request::sub_command);
+    if (const generic_sub_command* sub = find_sub_command(code, message.total_len)) {
         if (sub->extent(message.total_len) > frame.msg.size())
             return false;
         if (sub->handle(frame, message) == outcome::done)
@@ -216,3 +218,5 @@ bool handle_generic_server_req(link_frame_t& frame)
     frame.to_msg_handler({message.copy, message.copy_size});
     return true;
 }
+
+} // namespace rtls

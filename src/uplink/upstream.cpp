@@ -13,6 +13,8 @@
 #include <memory>
 #include <new>
 
+namespace rtls {
+
 namespace {
 
 // Reports the overflow of one upstream queue once, and once that it takes messages again.
@@ -113,7 +115,7 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
     }
     print_raw_output(server, {data, size});
 
-    const timestamp_frame_t time = timestamp_frame(seconds, milliseconds);
+    const timestamp_bytes time = timestamp_frame(seconds, milliseconds);
     message_part time_part{time.size()};
     message_part data_part{size};
     if (!time_part.is_made() || !data_part.is_made()) {
@@ -160,7 +162,7 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text)
         proxy_input_queue.refused(__func__, "zstr_send (proxy_input_sock)");
 }
 
-static void print_ul_tdoa(WIN_SERVER_t* server, const ul_tdoa_report_t& report)
+static void print_ul_tdoa(WIN_SERVER_t* server, const ul_tdoa_report& report)
 {
     const uint8_t* tag = report.tag_mac;
     const uint8_t* responder = report.responder_mac;
@@ -196,3 +198,5 @@ bool processing_ul_tdoa(WIN_SERVER_t* server, bytes_view message, const uint8_t*
     win_management_to_server(server, text);
     return true;
 }
+
+} // namespace rtls

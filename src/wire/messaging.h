@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace rtls {
+
 using SeqNo_t = uint8_t;      // echoed in acknowledgements
 using rplPrefix_t = uint16_t; // RPL network prefix (PAN identifier)
 using gwCmdID_t = uint16_t;   // message type on the gateway link
@@ -223,13 +225,13 @@ using msgSensorReportNew_t = msgGenericReq_t;
 
 // The payload of a MSG_GENERIC_SERVER_REQ, by sub-command. All of it is BE; offsets count from the
 // message's start.
-struct genericServerReq_t {
+struct generic_server_request {
     static constexpr size_t sub_command = 5; // GENERIC_REQ
     static constexpr size_t body = 7;
 };
 
 // GENERIC_REQ_RouteRequest: a reporter, then an entry for each requester it has heard.
-struct routeRequest_t {
+struct route_request {
     static constexpr size_t mac_size = 6;
     static constexpr size_t reporter = 7;    // MAC, 6 bytes
     static constexpr size_t requesters = 15; // entries, from the message's start
@@ -239,7 +241,7 @@ struct routeRequest_t {
 };
 
 // GENERIC_REQ_RangeRpt: entries up to the payload's end.
-struct rangeReport_t {
+struct range_report {
     static constexpr size_t entries = 7;
     static constexpr size_t short_mac = 0; // from here on within an entry
     static constexpr size_t value32 = 2;   // BE
@@ -248,7 +250,7 @@ struct rangeReport_t {
 };
 
 // GENERIC_REQ_UltdoaData; how much of it there is follows from total_len.
-struct ulTdoa_t {
+struct ul_tdoa {
     static constexpr size_t mac_size = 6;
     static constexpr size_t tag_mac = 7;
     static constexpr size_t pe_seq_no = 13; // BE
@@ -266,7 +268,7 @@ struct ulTdoa_t {
 };
 
 // GENERIC_REQ_OtaPage, and the head of the response that carries the page.
-struct otaPage_t {
+struct ota_page {
     static constexpr size_t git_id = 7;       // BE
     static constexpr size_t crc32 = 11;       // BE
     static constexpr size_t page_size = 15;   // BE
@@ -306,6 +308,8 @@ static_assert(gwMsgPrefixRequest_t::size == 11 && gwMsgVrPrefixResponse_t::size 
 static_assert(gwMsgRootAnnounce_t::size == 14 && gwMsgHeartbeat_t::size == 63);
 static_assert(gwMsgConfigNode_t::size == 34 && srvMsgConfigNode_t::size == 26);
 static_assert(gwMsgAck_t::size == 19 && srvMsgAck_t::size == 11 && gwMsgFwImageAvailInd_t::size == 12);
-static_assert(ulTdoa_t::percent_of_charge + 1 == 44 && otaPage_t::page_number + 2 == otaPage_t::size);
-static_assert(otaPage_t::size == msgHeader_t::size + otaPage_t::total_len);
+static_assert(ul_tdoa::percent_of_charge + 1 == 44 && ota_page::page_number + 2 == ota_page::size);
+static_assert(ota_page::size == msgHeader_t::size + ota_page::total_len);
 static_assert(sizeof(gwMsgUpdateRequest_t) == 527);
+
+} // namespace rtls

@@ -1,5 +1,7 @@
 #include "wire/node_request.h"
 
+namespace rtls {
+
 // Set in the high byte of the wrapper's type for a node that is reached directly.
 constexpr gwCmdID_t wrapper_direct = msg_flag_direct_mask;
 
@@ -36,3 +38,5 @@ size_t node_request_frame(bytes_span out, const NODE_t& node, bytes_view message
     return node.forwarded_ip ? node_request_wrapped(out, node, message, mac)
                              : node_request_direct(out, node, message);
 }
+
+} // namespace rtls

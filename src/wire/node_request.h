@@ -9,6 +9,8 @@
 #include "registry/node.h"
 #include "wire/messaging.h"
 
+namespace rtls {
+
 // What a frame takes at most beside its message: the wrapper's header, the MAC and the address.
 constexpr size_t node_request_overhead = msgHeader_t::size + mac_size + ip_addr_size;
 
@@ -23,3 +25,5 @@ size_t node_request_wrapped(bytes_span out, const NODE_t& node, bytes_view messa
 
 // The form that node.forwarded_ip asks for. The direct form has no MAC.
 size_t node_request_frame(bytes_span out, const NODE_t& node, bytes_view message, bytes_view mac);
+
+} // namespace rtls

@@ -5,6 +5,8 @@
 #include <charconv>
 #include <string_view>
 
+namespace rtls {
+
 // Board fields and the charge were added to the measurement later: a longer payload has them.
 constexpr uint16_t total_len_with_board = 38;
 constexpr uint16_t total_len_with_charge = 39;
@@ -57,8 +59,8 @@ public:
     // Lower case, two digits a byte: how the servers write MACs.
     text_writer& mac(const uint8_t* six_bytes)
     {
-        char digits[2 * ulTdoa_t::mac_size];
-        for (size_t i = 0; i < ulTdoa_t::mac_size; i++) {
+        char digits[2 * ul_tdoa::mac_size];
+        for (size_t i = 0; i < ul_tdoa::mac_size; i++) {
             digits[2 * i] = "0123456789abcdef"[six_bytes[i] >> 4];
             digits[2 * i + 1] = "0123456789abcdef"[six_bytes[i] & 0x0F];
         }
@@ -82,9 +84,9 @@ private:
 
 } // namespace
 
-timestamp_frame_t timestamp_frame(uint32_t seconds, uint16_t milliseconds)
+timestamp_bytes timestamp_frame(uint32_t seconds, uint16_t milliseconds)
 {
-    timestamp_frame_t frame{};
+    timestamp_bytes frame{};
     store_be32(frame, 0, seconds);
     store_be16(frame, 4, milliseconds);
     return frame;
@@ -100,7 +102,7 @@ size_t write_management_head(tav_timestamp_t time, std::span<char, management_he
 
 size_t route_request_text_size(size_t requesters)
 {
-    constexpr size_t mac_digits = 2 * routeRequest_t::mac_size;
+    constexpr size_t mac_digits = 2 * route_request::mac_size;
     constexpr size_t entry =
         route_requester_mac.size() + mac_digits + route_requester_lqi.size() + lqi_width + 1;
     const size_t commas = requesters - (requesters != 0);
@@ -112,11 +114,11 @@ void write_route_request_text(bytes_view message, size_t requesters, std::span<c
 {
     assert(message.size() >= route_request_extent(requesters));
     text_writer writer{out};
-    writer.text(route_request_head).mac(&message[routeRequest_t::reporter]).text(route_requesters_head);
+    writer.text(route_request_head).mac(&message[route_request::reporter]).text(route_requesters_head);
     for (size_t i = 0; i < requesters; i++) {
         const uint8_t* entry = &message[route_request_extent(i)];
-        writer.text(i == 0 ? "" : ",").text(route_requester_mac).mac(entry + routeRequest_t::mac);
-        writer.text(route_requester_lqi).number(entry[routeRequest_t::lqi], lqi_width).text("}");
+        writer.text(i == 0 ? "" : ",").text(route_requester_mac).mac(entry + route_request::mac);
+        writer.text(route_requester_lqi).number(entry[route_request::lqi], lqi_width).text("}");
     }
     writer.text(route_request_tail).terminate();
 }
@@ -124,47 +126,47 @@ void write_route_request_text(bytes_view message, size_t requesters, std::span<c
 size_t ul_tdoa_extent(uint16_t total_len)
 {
     if (total_len >= total_len_with_charge)
-        return ulTdoa_t::percent_of_charge + 1;
-    return total_len >= total_len_with_board ? ulTdoa_t::percent_of_charge : ulTdoa_t::board_version;
+        return ul_tdoa::percent_of_charge + 1;
+    return total_len >= total_len_with_board ? ul_tdoa::percent_of_charge : ul_tdoa::board_version;
 }
 
-static ul_tdoa_board_t read_board(bytes_view message)
+static ul_tdoa_board read_board(bytes_view message)
 {
     return {
-        .version = message[ulTdoa_t::board_version],
-        .revision = message[ulTdoa_t::board_revision],
-        .flags = load_be16(message, ulTdoa_t::flags),
-        .firmware_id = load_be32(message, ulTdoa_t::firmware_id),
-        .batt_voltage = load_be16(message, ulTdoa_t::batt_voltage),
+        .version = message[ul_tdoa::board_version],
+        .revision = message[ul_tdoa::board_revision],
+        .flags = load_be16(message, ul_tdoa::flags),
+        .firmware_id = load_be32(message, ul_tdoa::firmware_id),
+        .batt_voltage = load_be16(message, ul_tdoa::batt_voltage),
     };
 }
 
-std::optional<ul_tdoa_report_t> read_ul_tdoa(bytes_view message)
+std::optional<ul_tdoa_report> read_ul_tdoa(bytes_view message)
 {
     if (message.size() < msgHeader_t::size)
         return std::nullopt;
     const uint16_t total_len = load_le16(message, msgHeader_t::total_len);
     if (message.size() < ul_tdoa_extent(total_len))
         return std::nullopt;
-    ul_tdoa_report_t report{
-        .tag_mac = &message[ulTdoa_t::tag_mac],
-        .responder_mac = &message[ulTdoa_t::responder_mac],
-        .reporter_mac = &message[ulTdoa_t::reporter_mac],
-        .pe_seq_no = load_be16(message, ulTdoa_t::pe_seq_no),
-        .range_mm = static_cast<int32_t>(load_be32(message, ulTdoa_t::range_mm)),
-        .tag_lqi = message[ulTdoa_t::tag_lqi],
-        .resp_anchor_lqi = message[ulTdoa_t::resp_anchor_lqi],
+    ul_tdoa_report report{
+        .tag_mac = &message[ul_tdoa::tag_mac],
+        .responder_mac = &message[ul_tdoa::responder_mac],
+        .reporter_mac = &message[ul_tdoa::reporter_mac],
+        .pe_seq_no = load_be16(message, ul_tdoa::pe_seq_no),
+        .range_mm = static_cast<int32_t>(load_be32(message, ul_tdoa::range_mm)),
+        .tag_lqi = message[ul_tdoa::tag_lqi],
+        .resp_anchor_lqi = message[ul_tdoa::resp_anchor_lqi],
         .board = std::nullopt,
         .percent_of_charge = std::nullopt,
     };
     if (total_len >= total_len_with_board)
         report.board = read_board(message);
     if (total_len >= total_len_with_charge)
-        report.percent_of_charge = message[ulTdoa_t::percent_of_charge];
+        report.percent_of_charge = message[ul_tdoa::percent_of_charge];
     return report;
 }
 
-size_t write_ul_tdoa_text(const ul_tdoa_report_t& report, std::span<char, ul_tdoa_text_limit> out)
+size_t write_ul_tdoa_text(const ul_tdoa_report& report, std::span<char, ul_tdoa_text_limit> out)
 {
     text_writer writer{out};
     writer.text("\"ul_tdoa_data\":{\"pe_seq_no\":").number(report.pe_seq_no);
@@ -184,3 +186,5 @@ size_t write_ul_tdoa_text(const ul_tdoa_report_t& report, std::span<char, ul_tdo
         writer.text(",\"percent_of_charge\":").number(*report.percent_of_charge);
     return writer.text("}").terminate();
 }
+
+} // namespace rtls

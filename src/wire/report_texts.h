@@ -15,11 +15,13 @@
 #include <optional>
 #include <span>
 
+namespace rtls {
+
 // --- the frame in front of each report to the message handler
 
 // Time of generation, big-endian: seconds (4 bytes), milliseconds (2 bytes).
-using timestamp_frame_t = std::array<uint8_t, 6>;
-timestamp_frame_t timestamp_frame(uint32_t seconds, uint16_t milliseconds);
+using timestamp_bytes = std::array<uint8_t, 6>;
+timestamp_bytes timestamp_frame(uint32_t seconds, uint16_t milliseconds);
 
 // --- the management line: "@win_management {" time "," text "}"
 
@@ -37,12 +39,12 @@ constexpr uint16_t route_request_minimum = 18;
 // The number of requesters that a request of this length, not below the minimum, lists.
 constexpr size_t route_requesters(uint16_t total_len)
 {
-    return (total_len - 10U) / routeRequest_t::entry_size;
+    return (total_len - 10U) / route_request::entry_size;
 }
 // The bytes of the message that a request with this many requesters is read from.
 constexpr size_t route_request_extent(size_t requesters)
 {
-    return routeRequest_t::requesters + requesters * routeRequest_t::entry_size;
+    return route_request::requesters + requesters * route_request::entry_size;
 }
 // The text's length, terminating zero included.
 size_t route_request_text_size(size_t requesters);
@@ -54,7 +56,7 @@ void write_route_request_text(bytes_view message, size_t requesters, std::span<c
 constexpr uint16_t ul_tdoa_minimum = 28;
 constexpr size_t ul_tdoa_text_limit = 400;
 
-struct ul_tdoa_board_t {
+struct ul_tdoa_board {
     uint8_t version;
     uint8_t revision;
     uint16_t flags;
@@ -63,7 +65,7 @@ struct ul_tdoa_board_t {
 };
 
 // One measurement. The MACs (6 bytes each) point into the message it was read from.
-struct ul_tdoa_report_t {
+struct ul_tdoa_report {
     const uint8_t* tag_mac;
     const uint8_t* responder_mac;
     const uint8_t* reporter_mac;
@@ -71,13 +73,15 @@ struct ul_tdoa_report_t {
     int32_t range_mm;
     uint8_t tag_lqi;
     uint8_t resp_anchor_lqi;
-    std::optional<ul_tdoa_board_t> board;
+    std::optional<ul_tdoa_board> board;
     std::optional<uint8_t> percent_of_charge;
 };
 
 // The bytes of the message that a measurement of this total_len is read from.
 size_t ul_tdoa_extent(uint16_t total_len);
 // The measurement, or nothing when the message ends before the fields that its total_len promises.
-std::optional<ul_tdoa_report_t> read_ul_tdoa(bytes_view message);
+std::optional<ul_tdoa_report> read_ul_tdoa(bytes_view message);
 // Writes the terminated text and returns its length without the zero; at most 301 characters.
-size_t write_ul_tdoa_text(const ul_tdoa_report_t& report, std::span<char, ul_tdoa_text_limit> out);
+size_t write_ul_tdoa_text(const ul_tdoa_report& report, std::span<char, ul_tdoa_text_limit> out);
+
+} // namespace rtls

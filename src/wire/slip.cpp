@@ -4,6 +4,8 @@
 
 #include <bit>
 
+namespace rtls {
+
 namespace {
 
 constexpr size_t word_size = sizeof(uint64_t);
@@ -82,3 +84,5 @@ size_t slip_ordinary_run(bytes_view bytes)
         ++at;
     return at;
 }
+
+} // namespace rtls

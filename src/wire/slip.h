@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace rtls {
+
 constexpr uint8_t slip_start = 0xF5;
 constexpr uint8_t slip_esc = 0xF6; // the next byte is taken literally; it is not transformed
 constexpr uint8_t slip_end = 0xF7;
@@ -27,3 +29,5 @@ size_t slip_encode(bytes_view message, uint8_t* out);
 
 // The number of bytes before the first special one. Looks at eight bytes at a time.
 size_t slip_ordinary_run(bytes_view bytes);
+
+} // namespace rtls

@@ -29,6 +29,8 @@
 #include <utility>
 #include <vector>
 
+namespace rtls {
+
 using testing::IsEmpty;
 
 using texts_t = std::vector<std::string>;
@@ -443,3 +445,5 @@ TEST_F(gateway, running_twice_fails_the_second_time)
 }
 
 } // namespace
+
+} // namespace rtls

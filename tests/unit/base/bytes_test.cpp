@@ -6,6 +6,8 @@
 #include <random>
 #include <vector>
 
+namespace rtls {
+
 // The verbs work at compile time, too.
 static constexpr std::array<uint8_t, 6> stream{0x00, 0x12, 0x34, 0x56, 0x78, 0xFF};
 static_assert(load_le16(stream, 1) == 0x3412 && load_be16(stream, 1) == 0x1234);
@@ -67,3 +69,5 @@ TEST(bytes, store_bytes_copies_all_to_the_offset)
     store_bytes({}, 0, {});
     EXPECT_EQ(to, (std::vector<uint8_t>{0xEE, 0x01, 0x02, 0xEE}));
 }
+
+} // namespace rtls

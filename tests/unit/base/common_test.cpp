@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 using zsock_ptr = std::unique_ptr<zsock_t, destroyed_by<zsock_destroy>>;
@@ -491,3 +493,5 @@ TEST(get_next_rpl_version, follows_the_lollipop_rule)
         for (int expected = 0; expected < 128; ++expected)
             ASSERT_EQ(get_next_rpl_version(), expected);
 }
+
+} // namespace rtls

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using testing::IsEmpty;
 
 using texts_t = std::vector<std::string>;
@@ -284,3 +286,5 @@ TEST_F(config, the_sample_has_every_key)
 }
 
 } // namespace
+
+} // namespace rtls

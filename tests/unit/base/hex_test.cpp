@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <vector>
 
+namespace rtls {
+
 TEST(to_hex, writes_two_upper_case_digits_a_byte)
 {
     const struct {
@@ -39,3 +41,5 @@ TEST(write_hex, returns_the_end_and_writes_nothing_behind_it)
     EXPECT_EQ(write_hex({}, text + 1), text + 1);
     EXPECT_STREQ(text, "zABCDzz");
 }
+
+} // namespace rtls

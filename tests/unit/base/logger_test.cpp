@@ -10,6 +10,8 @@
 
 #include <string>
 
+namespace rtls {
+
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
@@ -93,3 +95,5 @@ TEST(log_capture, sorts_records_by_component_and_hands_each_out_once)
     EXPECT_TRUE(log.wait_for("four"));
     EXPECT_THAT(log.messages("main"), ElementsAre("the four"));
 }
+
+} // namespace rtls

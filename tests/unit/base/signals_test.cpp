@@ -7,6 +7,8 @@
 #include <csignal>
 #include <thread>
 
+namespace rtls {
+
 namespace {
 
 bool is_blocked(int signal)
@@ -88,3 +90,5 @@ TEST_F(signals, a_stop_can_be_requested_from_any_thread)
 }
 
 } // namespace
+
+} // namespace rtls

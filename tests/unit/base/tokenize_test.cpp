@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using testing::ElementsAre;
 
 TEST(tokenize, cuts_a_line_at_blanks_tabs_and_line_ends)
@@ -73,3 +75,5 @@ TEST(tokenize, refuses_null)
     EXPECT_THAT(log.messages("main"),
                 ElementsAre("tokenize: null pointer!", "tokenize: null pointer!", "tokenize: null pointer!"));
 }
+
+} // namespace rtls

@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+namespace rtls {
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -288,3 +290,5 @@ TEST(udp_destroy, closes_the_descriptor)
     udp_destroy(handle);
     EXPECT_FALSE(is_open(handle));
 }
+
+} // namespace rtls

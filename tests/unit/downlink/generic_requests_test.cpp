@@ -5,6 +5,8 @@
 
 #include <vector>
 
+namespace rtls {
+
 namespace {
 
 const std::string mac = "E4000000000000A1";
@@ -289,3 +291,5 @@ TEST_F(interthread_test, null_arguments_do_not_end_the_loop)
     EXPECT_EQ(errors(), (texts{"handle_interthread_sever_sock: null pointer!",
                                "handle_interthread_sever_sock: null pointer!"}));
 }
+
+} // namespace rtls

@@ -8,6 +8,8 @@
 
 #include <string>
 
+namespace rtls {
+
 static constexpr uint32_t git_id = 0x12345678;
 static constexpr uint32_t image_crc = 0x9ABCDEF0;
 
@@ -165,3 +167,5 @@ TEST_F(ota_pages, a_page_for_a_node_that_is_gone_is_answered_all_the_same)
     EXPECT_TRUE(send_page(page_request(128, 0)));
     EXPECT_EQ(replies(), texts_t{});
 }
+
+} // namespace rtls

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <vector>
 
+namespace rtls {
+
 namespace {
 
 const std::string mac = "E400000000000001";
@@ -160,3 +162,5 @@ TEST_F(spam_filter_test, null_arguments_are_refused)
     EXPECT_FALSE(spam_filter(nullptr, bytes.data(), bytes.size(), {1, 0}));
     EXPECT_FALSE(spam_filter(nodes, nullptr, 26, {1, 0}));
 }
+
+} // namespace rtls

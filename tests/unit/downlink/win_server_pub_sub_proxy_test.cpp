@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 namespace {
 
 const std::string mac = "E4000000000000A1";
@@ -935,3 +937,5 @@ TEST_F(reader_test, null_arguments_are_refused)
     EXPECT_EQ(handle_pub_sub_proxy(nullptr, reader.get(), nullptr), 0);
     EXPECT_EQ(errors(), texts(2, "handle_pub_sub_proxy: null pointer!"));
 }
+
+} // namespace rtls

@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -322,3 +324,5 @@ TEST(firmware_destroy, null_is_welcome_except_for_the_handle)
     firmware_destroy(nullptr);
     EXPECT_THAT(log.messages("main"), ElementsAre("firmware_destroy: null pointer!"));
 }
+
+} // namespace rtls

@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -41,7 +43,7 @@ image_download_options with_timeout(std::chrono::milliseconds timeout)
     return options;
 }
 
-std::string text_of(const std::optional<image_t>& image)
+std::string text_of(const std::optional<downloaded_image>& image)
 {
     return image ? std::string{reinterpret_cast<const char*>(image->memory.get()), image->size}
                  : std::string{"(none)"};
@@ -649,3 +651,5 @@ TEST(image_download, nothing_is_fetched_any_more_once_the_daemon_ends)
         EXPECT_THAT(log.messages("main"), ElementsAre(aborted));
     }
 }
+
+} // namespace rtls

@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -756,3 +758,5 @@ TEST(ota_threads, pages_are_read_while_slots_change)
     done = true;
     EXPECT_EQ(reader.get(), 0u);
 }
+
+} // namespace rtls

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <random>
 
+namespace rtls {
+
 namespace {
 
 class garbage_frames : public bridge_message_fixture {
@@ -140,3 +142,5 @@ TEST_F(garbage_frames, sound_messages_with_a_few_wrong_bytes_do_no_harm)
             return;
     }
 }
+
+} // namespace rtls

@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <random>
 
+namespace rtls {
+
 using testing::ElementsAre;
 
 namespace {
@@ -322,3 +324,5 @@ TEST(win_client_decoder, a_frame_of_one_mebibyte_is_taken_and_a_longer_one_dropp
         EXPECT_THAT(log.messages("main"), ElementsAre("win_client_increase_buffer_size: out of memory!"));
     }
 }
+
+} // namespace rtls

@@ -18,6 +18,8 @@
 #include <chrono>
 #include <thread>
 
+namespace rtls {
+
 using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -26,7 +28,7 @@ using testing::IsEmpty;
 static thread_local bool peer_is_gone = false;
 
 // Takes the place of the library's.
-int getpeername(int fd, sockaddr* addr, socklen_t* length) noexcept
+extern "C" int getpeername(int fd, sockaddr* addr, socklen_t* length) noexcept
 {
     if (peer_is_gone) {
         errno = ENOTCONN;
@@ -249,7 +251,7 @@ TEST(win_connection, the_late_notice_of_one_that_we_closed_makes_no_client)
 
 TEST(closed_ids, are_remembered_once_and_in_bounded_number)
 {
-    closed_ids_t ids;
+    closed_id_set ids;
     EXPECT_FALSE(ids.forget("0000000001"));
     ids.remember("0000000001");
     EXPECT_FALSE(ids.forget("0000000002"));
@@ -257,11 +259,11 @@ TEST(closed_ids, are_remembered_once_and_in_bounded_number)
     EXPECT_FALSE(ids.forget("0000000001"));
     EXPECT_TRUE(ids.empty());
 
-    const size_t many = 5 * closed_ids_t::generation_size;
+    const size_t many = 5 * closed_id_set::generation_size;
     for (size_t i = 0; i < many; ++i)
         ids.remember(std::to_string(i).c_str());
-    EXPECT_LE(ids.size(), 2 * closed_ids_t::generation_size);
-    for (size_t i = many - closed_ids_t::generation_size; i < many; ++i)
+    EXPECT_LE(ids.size(), 2 * closed_id_set::generation_size);
+    for (size_t i = many - closed_id_set::generation_size; i < many; ++i)
         ASSERT_TRUE(ids.forget(std::to_string(i).c_str())) << i;
 }
 
@@ -594,3 +596,5 @@ TEST(rpl_timer, missing_arguments_are_reported)
                 ElementsAre("rpl_timer_handler: null pointer!", "rpl_timer_handler: null pointer!",
                             "rpl_version_to_win_clients: null pointer!"));
 }
+
+} // namespace rtls

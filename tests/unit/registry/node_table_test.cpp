@@ -17,6 +17,8 @@
 #include <set>
 #include <vector>
 
+namespace rtls {
+
 using testing::ElementsAre;
 
 using mac_t = std::array<uint8_t, mac_size>;
@@ -269,3 +271,5 @@ TEST_F(container_order, an_address_for_which_memory_is_short_is_found_all_the_sa
     EXPECT_EQ(find_ip(3), nullptr);
     EXPECT_EQ(find_ip(1), one);
 }
+
+} // namespace rtls

@@ -8,6 +8,8 @@
 
 #include <cstdlib>
 
+namespace rtls {
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -106,3 +108,5 @@ TEST(node_height, reads_as_two_halves)
         EXPECT_EQ(node_z_offset(node), c.z_offset) << c.pos_Z;
     }
 }
+
+} // namespace rtls

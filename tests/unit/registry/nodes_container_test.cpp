@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+namespace rtls {
+
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -473,3 +475,5 @@ TEST_F(nodes_container, is_full_at_its_limit)
     nodes_container_delete(nodes, mac_of(5).data());
     EXPECT_NE(create(mac_of(nodes_container_limit)), nullptr);
 }
+
+} // namespace rtls

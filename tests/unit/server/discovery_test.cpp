@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 namespace {
 
 constexpr int patience_ms = 5000;
@@ -213,3 +215,5 @@ TEST_F(discovery_test, without_a_server_or_a_socket_there_is_nothing_to_do)
     EXPECT_EQ(handle_udp_in(nullptr, nullptr, unopened.get()), 0);
     EXPECT_TRUE(log.take().empty());
 }
+
+} // namespace rtls

@@ -11,6 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+namespace rtls {
+
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
@@ -398,3 +400,5 @@ TEST(unsent_messages, beyond_the_ceiling_are_lost_and_reported_once_until_the_ca
     overflow();
     EXPECT_THAT(log.messages("main"), ElementsAre(then));
 }
+
+} // namespace rtls

@@ -25,6 +25,8 @@
 #include <mutex>
 #include <thread>
 
+namespace rtls {
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -590,3 +592,5 @@ TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
     }
     clear_stop();
 }
+
+} // namespace rtls

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace rtls {
+
 static constexpr char bridge_id[] = "0011223344";
 static constexpr char other_bridge_id[] = "0011223355";
 
@@ -183,3 +185,5 @@ void bridge_message_fixture::introduce(const std::string& mac, const std::string
     nodes_container_set_address(nodes, made, hex(ip).data(), false);
     node_update_win_client_ID(made, bridge->id);
 }
+
+} // namespace rtls

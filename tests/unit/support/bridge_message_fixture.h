@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using texts_t = std::vector<std::string>;
 
 // --- messages as bridges and nodes write them
@@ -84,3 +86,5 @@ private:
     zsock_t* m_handler;
     zsock_t* m_proxy;
 };
+
+} // namespace rtls

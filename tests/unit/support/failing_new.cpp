@@ -12,6 +12,8 @@
 
 static thread_local unsigned failures = 0;
 
+namespace rtls {
+
 bool allocations_can_fail()
 {
 #ifdef OPERATORS_ARE_TAKEN
@@ -30,6 +32,8 @@ unsigned failures_left()
 {
     return failures;
 }
+
+} // namespace rtls
 
 #ifndef OPERATORS_ARE_TAKEN
 

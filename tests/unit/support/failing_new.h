@@ -5,6 +5,8 @@
 // Threads    The failures hit the thread that asked for them, nobody else.
 #pragma once
 
+namespace rtls {
+
 bool allocations_can_fail();
 
 // Lets the calling thread's next `count` allocations with `new` fail.
@@ -12,3 +14,5 @@ void fail_next_allocations(unsigned count);
 
 // How many of them are still to come.
 unsigned failures_left();
+
+} // namespace rtls

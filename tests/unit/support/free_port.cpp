@@ -6,6 +6,8 @@
 
 #include <random>
 
+namespace rtls {
+
 static bool can_bind(int type, uint16_t port)
 {
     const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
@@ -27,3 +29,5 @@ uint16_t free_port()
             return port;
     }
 }
+
+} // namespace rtls

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+namespace rtls {
+
 using bytes_t = std::vector<uint8_t>;
 
 // Blanks between the digits are for the reader.
@@ -43,3 +45,5 @@ inline bytes_t slice(std::span<const uint8_t> bytes, size_t at, size_t count)
     const auto part = bytes.subspan(at, count);
     return {part.begin(), part.end()};
 }
+
+} // namespace rtls

@@ -13,6 +13,8 @@
 #include <system_error>
 #include <utility>
 
+namespace rtls {
+
 static constexpr int trickle_interval_ms = 5;
 
 std::string http_ok(std::string_view header_lines, std::string_view body)
@@ -191,3 +193,5 @@ void http_responder::answer(int client, const http_answer& given)
         return;
     }
 }
+
+} // namespace rtls

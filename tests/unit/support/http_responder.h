@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+namespace rtls {
+
 struct http_answer {
     std::string bytes; // status line, headers and body
     enum class pace {
@@ -70,3 +72,5 @@ private:
 
     std::thread m_acceptor;
 };
+
+} // namespace rtls

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <string>
 
+namespace rtls {
+
 static constexpr char configuration[] = R"(pidfile = /dev/null
 debug
     raw = false
@@ -97,3 +99,5 @@ void idle_gateway::delete_nodes()
         nodes_container_delete(m_nodes, mac);
     }
 }
+
+} // namespace rtls

@@ -8,6 +8,8 @@
 #include "base/bytes.h"
 #include "link/win_server_private.h"
 
+namespace rtls {
+
 // A gateway with every required key configured, the debug sections off, and room for two firmware
 // images; or nullptr. The caller's, for rtls_gateway_destroy.
 void* new_idle_gateway();
@@ -39,3 +41,5 @@ private:
     void* m_nodes;
     WIN_CLIENT_t* m_bridge;
 };
+
+} // namespace rtls

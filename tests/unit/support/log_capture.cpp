@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
+namespace rtls {
+
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -112,3 +114,5 @@ std::vector<std::string> log_capture::messages(std::string_view component)
     m_records.erase(taken, m_records.end());
     return texts;
 }
+
+} // namespace rtls

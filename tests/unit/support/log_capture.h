@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+namespace rtls {
+
 class log_capture {
 public:
     log_capture();
@@ -42,3 +44,5 @@ private:
     std::vector<std::string> m_records; // not taken yet
     unsigned m_last_marker = 0;
 };
+
+} // namespace rtls

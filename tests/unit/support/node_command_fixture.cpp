@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+namespace rtls {
+
 temporary_file::temporary_file(std::string_view content)
 {
     char path[] = "/tmp/rtls-gateway-test-XXXXXX";
@@ -108,3 +110,5 @@ std::vector<std::string> node_command_fixture::errors()
     std::erase_if(texts, [](const std::string& text) { return text.find("zframe_send: 113,") != text.npos; });
     return texts;
 }
+
+} // namespace rtls

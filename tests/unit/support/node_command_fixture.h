@@ -15,6 +15,8 @@
 #include <string_view>
 #include <vector>
 
+namespace rtls {
+
 // A file that lives as long as the object.
 class temporary_file {
 public:
@@ -63,3 +65,5 @@ protected:
     WIN_SERVER_t* server = nullptr;
     void* nodes = nullptr;
 };
+
+} // namespace rtls

@@ -12,6 +12,8 @@
 #include <system_error>
 #include <utility>
 
+namespace rtls {
+
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -114,3 +116,5 @@ bool tcp_peer::is_closed(milliseconds patience)
             return true;
     return false;
 }
+
+} // namespace rtls

@@ -10,6 +10,8 @@
 #include <span>
 #include <string>
 
+namespace rtls {
+
 class tcp_peer {
 public:
     // `receive_buffer`: the size of the socket's own buffer, 0 for the system's default.
@@ -34,3 +36,5 @@ private:
 
     int m_fd;
 };
+
+} // namespace rtls

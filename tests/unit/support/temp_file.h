@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+namespace rtls {
+
 class temp_file {
 public:
     // Only the place; nothing is created.
@@ -39,3 +41,5 @@ private:
     std::filesystem::path m_directory;
     std::filesystem::path m_path;
 };
+
+} // namespace rtls

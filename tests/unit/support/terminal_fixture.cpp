@@ -21,6 +21,8 @@
 #include <stdexcept>
 #include <thread>
 
+namespace rtls {
+
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -241,3 +243,5 @@ bool operator_peer::is_closed(int timeout_ms)
     }
     return m_closed;
 }
+
+} // namespace rtls

@@ -14,6 +14,8 @@
 #include <string_view>
 #include <vector>
 
+namespace rtls {
+
 using zsock_ptr = std::unique_ptr<zsock_t, destroyed_by<zsock_destroy>>;
 
 // A TCP port that nobody listens on now.
@@ -82,3 +84,5 @@ private:
 };
 
 sockaddr_in ipv4_address(const char* ip, uint16_t port);
+
+} // namespace rtls

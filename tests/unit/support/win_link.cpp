@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <stdexcept>
 
+namespace rtls {
+
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -168,3 +170,5 @@ std::string win_link::fill(WIN_CLIENT_t& client) const
     }
     return sent;
 }
+
+} // namespace rtls

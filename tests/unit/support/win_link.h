@@ -13,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+namespace rtls {
+
 // The text of a configuration file with these ports; nobody listens at the servers upstream.
 std::string gateway_config(uint16_t win_port, uint16_t discovery_port, uint16_t terminal_port);
 
@@ -71,3 +73,5 @@ private:
     configured_gateway m_gateway;
     uint16_t m_port;
 };
+
+} // namespace rtls

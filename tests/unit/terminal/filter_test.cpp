@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 
+namespace rtls {
+
 struct filter_deleter {
     void operator()(regex_t* preg) const
     {
@@ -116,3 +118,5 @@ TEST(filter, that_is_invalid_or_refused_is_null_without_an_error_number)
         EXPECT_EQ(errno, 0) << pattern;
     }
 }
+
+} // namespace rtls

@@ -22,9 +22,11 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using strings = std::vector<std::string>;
 
-static constexpr mac_addr_t sample_mac{0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x1A, 0x2B};
+static constexpr mac_array sample_mac{0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x1A, 0x2B};
 
 static OTA_FIRMWARE_INFO_t sample_info()
 {
@@ -356,3 +358,5 @@ TEST_F(terminal_firmware_test, leaving_during_a_download_disturbs_nobody)
     }
     close(listener);
 }
+
+} // namespace rtls

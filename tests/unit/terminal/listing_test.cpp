@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 static void set_bytes(uint8_t* to, const char* text)
 {
     const bytes_t bytes = hex(text);
@@ -20,9 +22,9 @@ static void set_bytes(uint8_t* to, const char* text)
 }
 
 // A node with a different value in every field.
-static node_row_t sample_node()
+static node_row sample_node()
 {
-    node_row_t node{};
+    node_row node{};
     node.last_activity = {1714568822, 45000}; // 2024-05-01 13:07:02.045 UTC
     node.bridge = no_bridge;
     node.sw_version = 0x0102A0FF;
@@ -43,7 +45,7 @@ static node_row_t sample_node()
 
 struct node_line_case_t {
     const char* given;
-    std::function<void(node_row_t&)> change;
+    std::function<void(node_row&)> change;
     const char* standard;
     const char* full;
 };
@@ -51,25 +53,25 @@ struct node_line_case_t {
 TEST(node_line, without_activity)
 {
     const node_line_case_t cases[] = {
-        {"a plain node", [](node_row_t&) {},
+        {"a plain node", [](node_row&) {},
          "f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:  7 ttl:295 sl:1c    dtx: no\n",
          "0a1b2c3d4e5:f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:   7 ttl:295 sl:1c "
          "xyz:    1234,   -5678,      90:-120 ip:   fe80::e41b:2c3d:4e5f:6071 dtx: no\n"},
-        {"forwarded", [](node_row_t& n) { n.forwarded_ip = true; },
+        {"forwarded", [](node_row& n) { n.forwarded_ip = true; },
          "f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:  7 ttl:295 sl:1c FW dtx: no\n",
          "0a1b2c3d4e5:f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:   7 ttl:295 sl:1c "
          "xyz:    1234,   -5678,      90:-120 ip:FW fe80::e41b:2c3d:4e5f:6071 dtx: no\n"},
-        {"reached directly", [](node_row_t& n) { n.direct_mask = true; },
+        {"reached directly", [](node_row& n) { n.direct_mask = true; },
          "f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:  7 ttl:295 sl:1c    dtx:yes\n",
          "0a1b2c3d4e5:f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:   7 ttl:295 sl:1c "
          "xyz:    1234,   -5678,      90:-120 ip:   fe80::e41b:2c3d:4e5f:6071 dtx:yes\n"},
-        {"a duplicated address", [](node_row_t& n) { n.address_duplicated = true; },
+        {"a duplicated address", [](node_row& n) { n.address_duplicated = true; },
          "f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:  7 ttl:295 sl:1c    IP address is duplicated! dtx: no\n",
          "0a1b2c3d4e5:f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:   7 ttl:295 sl:1c "
          "xyz:    1234,   -5678,      90:-120 ip:   fe80::e41b:2c3d:4e5f:6071 IP address is duplicated! "
          "dtx: no\n"},
         {"numbers at their largest",
-         [](node_row_t& n) {
+         [](node_row& n) {
              n.sw_version = 0xFFFFFFFF;
              n.pos_X = INT32_MIN;
              n.pos_Y = INT32_MAX;
@@ -86,14 +88,14 @@ TEST(node_line, without_activity)
          "0a1b2c3d4e5:f6071 unk f0 par:6e7f8 sw:ffffffff rgf: 255 ttl:65535 sl:ff "
          "xyz:-2147483648,2147483647,  -32768:327670 ip:   ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff dtx: "
          "no\n"},
-        {"nothing known", [](node_row_t& n) { n = node_row_t{}; },
+        {"nothing known", [](node_row& n) { n = node_row{}; },
          "00000 und 00 par:00000 sw:00000000 rgf:  0 ttl:  0 sl:00    dtx: no\n",
          "00000000000:00000 und 00 par:00000 sw:00000000 rgf:   0 ttl:  0 sl:00 "
          "xyz:       0,       0,       0:0    ip:   :: dtx: no\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
-        node_row_t node = sample_node();
+        node_row node = sample_node();
         c.change(node);
         EXPECT_EQ(node_line(node, false, nullptr), c.standard);
         EXPECT_EQ(node_line(node, true, nullptr), c.full);
@@ -116,7 +118,7 @@ TEST(node_line, with_activity)
         {"more than a hundred hours", {1714568822 + 360000, 45000}, "100:00:00"},
         {"a clock set back", {1714568822 - 10, 45000}, "00:00:00"},
     };
-    node_row_t node = sample_node();
+    node_row node = sample_node();
     node.lifetime = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
@@ -133,7 +135,7 @@ TEST(node_line, with_activity)
 
 TEST(node_line, an_activity_beyond_the_calendar_has_no_date)
 {
-    node_row_t node = sample_node();
+    node_row node = sample_node();
     node.last_activity.tv_sec = INT64_MIN / 2;
     const timeval now{0, 0};
     EXPECT_EQ(node_line(node, true, &now).find(" act:"), std::string::npos);
@@ -185,9 +187,9 @@ struct address_case_t {
     uint16_t lifetime = 1;
 };
 
-static std::vector<node_row_t> rows_of(const std::vector<address_case_t>& given)
+static std::vector<node_row> rows_of(const std::vector<address_case_t>& given)
 {
-    std::vector<node_row_t> rows(given.size());
+    std::vector<node_row> rows(given.size());
     for (size_t i = 0; i < given.size(); ++i) {
         rows[i].bridge = given[i].bridge;
         rows[i].ip_addr[15] = given[i].address;
@@ -228,7 +230,7 @@ TEST(duplicate_addresses, are_flagged_within_a_bridge)
 
 TEST(duplicate_addresses, take_little_time_among_ten_thousand)
 {
-    std::vector<node_row_t> rows(10'000);
+    std::vector<node_row> rows(10'000);
     for (size_t i = 0; i < rows.size(); ++i) {
         rows[i].bridge = 0;
         rows[i].lifetime = 1;
@@ -247,7 +249,7 @@ TEST(node_groups, keep_the_order_of_the_table)
 {
     const auto rows =
         rows_of({{1, 0}, {no_bridge, 1}, {0, 2, false, 0}, {1, 3}, {0, 4}, {no_bridge, 5, false, 0}});
-    const node_groups_t groups = group_nodes(rows, 3);
+    const node_groups groups = group_nodes(rows, 3);
     ASSERT_EQ(groups.by_bridge.size(), 3u);
     EXPECT_EQ(groups.by_bridge[0], (std::vector{&rows[4]}));
     EXPECT_EQ(groups.by_bridge[1], (std::vector{&rows[0], &rows[3]}));
@@ -263,7 +265,7 @@ protected:
     log_capture m_log;
     test_gateway m_gateway;
 
-    static win_client_info_t bridge(std::string_view id)
+    static win_client_info bridge(std::string_view id)
     {
         return {zframe_ptr{zframe_new(id.data(), id.size())}, sockaddr_in{}, {}};
     }
@@ -272,7 +274,7 @@ protected:
 TEST_F(snapshot_test, copies_every_field)
 {
     m_gateway.add_node(hex("0A 1B 2C 3D 4E 5F 60 71"), "bridge two", [](NODE_t& node) {
-        const node_row_t sample = sample_node();
+        const node_row sample = sample_node();
         node.last_activity = sample.last_activity;
         node.sw_version = sample.sw_version;
         node.pos_X = sample.pos_X;
@@ -285,7 +287,7 @@ TEST_F(snapshot_test, copies_every_field)
         node.sublocation_id = sample.sublocation_id;
         memcpy(node.parent_addr, sample.parent_addr, sizeof node.parent_addr);
     });
-    std::vector<win_client_info_t> bridges;
+    std::vector<win_client_info> bridges;
     bridges.push_back(bridge("bridge one"));
     bridges.push_back(bridge("bridge two"));
 
@@ -305,7 +307,7 @@ TEST_F(snapshot_test, tells_nodes_without_a_connected_bridge)
     m_gateway.add_node(hex("00 00 00 00 00 00 00 01"), "gone");
     m_gateway.add_node(hex("00 00 00 00 00 00 00 02"));
     m_gateway.add_node(hex("00 00 00 00 00 00 00 03"), "here");
-    std::vector<win_client_info_t> bridges;
+    std::vector<win_client_info> bridges;
     bridges.push_back(bridge("here"));
     size_t found = 0;
     for (const auto& row : copy_nodes(m_gateway.nodes(), index_bridges(bridges))) {
@@ -341,10 +343,10 @@ TEST_F(snapshot_test, of_100000_nodes_holds_the_lock_for_a_moment)
         memcpy(mac.data(), &i, sizeof i);
         m_gateway.add_node(mac, i % 2 != 0 ? "here" : "elsewhere");
     }
-    std::vector<win_client_info_t> bridges;
+    std::vector<win_client_info> bridges;
     bridges.push_back(bridge("here"));
     const auto index = index_bridges(bridges);
-    std::vector<node_row_t> rows(100'000);
+    std::vector<node_row> rows(100'000);
     auto shortest = std::chrono::steady_clock::duration::max();
     for (int round = 0; round < 5; ++round) {
         const nodes_guard guard{m_gateway.nodes()};
@@ -357,3 +359,5 @@ TEST_F(snapshot_test, of_100000_nodes_holds_the_lock_for_a_moment)
     RecordProperty("lock_held_us", static_cast<int>(us));
     EXPECT_LT(us, 500'000); // generous: sanitizers run this, too
 }
+
+} // namespace rtls

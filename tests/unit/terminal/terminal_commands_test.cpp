@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using strings = std::vector<std::string>;
 
 static constexpr char operator_id[] = "operator";
@@ -598,3 +600,5 @@ TEST_F(terminal_commands_test, without_an_identity_frame_no_text_is_sent)
     ASSERT_EQ(zsock_connect(m_terminal.get(), "inproc://operator"), 0);
     EXPECT_EQ(finish_and_take(), strings{});
 }
+
+} // namespace rtls

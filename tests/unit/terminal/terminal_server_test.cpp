@@ -26,6 +26,8 @@
 #include <pthread.h>
 #include <sys/socket.h>
 
+namespace rtls {
+
 using strings = std::vector<std::string>;
 using testing::HasSubstr;
 
@@ -590,3 +592,5 @@ TEST(terminal_and_win_server_test, lists_while_bridges_come_and_go)
     EXPECT_TRUE(
         comes_true([&] { return peer.ask("pcl\n", pcl_end).ends_with("####### WIN clients:\n##\n"); }));
 }
+
+} // namespace rtls

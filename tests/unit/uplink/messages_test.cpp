@@ -8,6 +8,8 @@
 #include <cstring>
 #include <thread>
 
+namespace rtls {
+
 using win_client_messages = bridge_message_fixture;
 
 // The heartbeat of `heartbeat()` as the servers get it.
@@ -638,3 +640,5 @@ TEST_F(win_client_messages, an_operator_may_delete_the_node_at_any_moment)
     done = true;
     terminal.join();
 }
+
+} // namespace rtls

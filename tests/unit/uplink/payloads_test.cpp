@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cstring>
 
+namespace rtls {
+
 using generic_server_req = bridge_message_fixture;
 
 static constexpr unsigned sensor = 0x0116;
@@ -455,3 +457,5 @@ TEST_F(generic_server_req, a_page_that_is_not_stored_is_the_servers_business)
     EXPECT_EQ(reports(), texts_t{report_of(request)});
     EXPECT_EQ(replies(), texts_t{});
 }
+
+} // namespace rtls

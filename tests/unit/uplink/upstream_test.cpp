@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+namespace rtls {
+
 using lines_t = std::vector<std::string>;
 
 namespace {
@@ -332,3 +334,5 @@ TEST_F(upstream, ul_tdoa_data_that_is_cut_short_is_refused)
     EXPECT_FALSE(has_line());
     EXPECT_EQ(log.messages("parsing"), lines_t{});
 }
+
+} // namespace rtls

@@ -8,6 +8,8 @@
 
 #include <type_traits>
 
+namespace rtls {
+
 #define NAMED(name) name, #name
 
 TEST(message_types, have_their_wire_values)
@@ -221,3 +223,5 @@ TEST(records, have_their_offsets_and_sizes)
     for (const auto& c : cases)
         EXPECT_EQ(c.offset, c.expected) << c.name;
 }
+
+} // namespace rtls

@@ -7,6 +7,8 @@
 
 #include <vector>
 
+namespace rtls {
+
 namespace {
 
 NODE_t node_with(bool forwarded_ip, bool direct_mask)
@@ -91,3 +93,5 @@ TEST(node_request, the_direct_form_ignores_how_the_node_is_reached)
     EXPECT_EQ(node_request_direct(out, node_with(true, true), hex("100809")), out.size());
     EXPECT_EQ(to_hex(out), "100809" + ip);
 }
+
+} // namespace rtls

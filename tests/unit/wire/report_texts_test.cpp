@@ -9,6 +9,8 @@
 #include <random>
 #include <string>
 
+namespace rtls {
+
 TEST(timestamp_frame, is_big_endian)
 {
     const struct {
@@ -226,3 +228,5 @@ TEST(ul_tdoa, random_measurements_read_as_formatted)
         ASSERT_EQ(ul_tdoa_text(message), formatted(message, total_len > 37, total_len > 38));
     }
 }
+
+} // namespace rtls

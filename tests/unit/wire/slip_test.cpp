@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <random>
 
+namespace rtls {
+
 static bytes_t encoded(bytes_view message)
 {
     bytes_t out(slip_encoded_limit(message.size()));
@@ -89,3 +91,5 @@ TEST(slip_ordinary_run, ends_before_the_first_special_byte)
             }
     }
 }
+
+} // namespace rtls
