@@ -3,6 +3,7 @@
 #include "base/czmq_ptr.h"
 #include "base/hex.h"
 #include "base/logger.h"
+#include "firmware/crc32.h"
 
 #include <benchmark/benchmark.h>
 #include <zmq.hpp>

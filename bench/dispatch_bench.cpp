@@ -249,6 +249,10 @@ void dispatch_from_many(benchmark::State& state, const bytes_t& original,
 
 } // namespace
 
+} // namespace rtls
+
+using namespace rtls;
+
 int main(int argc, char** argv)
 {
     constexpr size_t inner_seq = nwk_data_ind::inner + msgHeader_t::seqNo;
@@ -292,5 +296,3 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
 }
-
-} // namespace rtls

@@ -1,6 +1,7 @@
 // How fast the store serves pages to nodes, and what it costs to check an image.
 #include "base/common.h"
 #include "base/czmq_ptr.h"
+#include "firmware/crc32.h"
 #include "firmware/ota.h"
 
 #include <benchmark/benchmark.h>

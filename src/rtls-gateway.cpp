@@ -3,6 +3,7 @@
 #include "base/common.h"
 #include "base/config.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 #include "base/signals.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
@@ -43,8 +44,7 @@ using gateway_ptr = std::unique_ptr<void, destroyed_by<rtls_gateway_destroy>>;
 // The gateway behind the handle; a null one is logged in the name of `function`.
 static RTLS_GATEWAY_t* gateway_of(void* p_rtls_gateway, const char* function)
 {
-    if (p_rtls_gateway == nullptr)
-        logger_error(g_logger, str_null_pointer, function);
+    (void)any_null(function, p_rtls_gateway);
     return static_cast<RTLS_GATEWAY_t*>(p_rtls_gateway);
 }
 
@@ -98,10 +98,8 @@ static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_nam
 
 void* rtls_gateway_new(const char* config_file_name)
 {
-    if (config_file_name == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, config_file_name))
         return nullptr;
-    }
     gateway_ptr gateway{new (std::nothrow) RTLS_GATEWAY_t{}};
     if (!gateway) {
         logger_error(g_logger, str_out_of_memory, __func__);
@@ -116,10 +114,8 @@ void* rtls_gateway_new(const char* config_file_name)
 // file keeps what follows the number.
 static bool write_pid(const char* file_name)
 {
-    if (file_name == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, file_name))
         return false;
-    }
     const int file = open(file_name, O_RDWR | O_CREAT | O_CLOEXEC, 0640);
     if (file == -1) {
         const int code = errno;
@@ -164,10 +160,8 @@ bool rtls_gateway_run(void* p_rtls_gateway)
 
 void rtls_gateway_destroy(void** pp_rtls_gateway)
 {
-    if (pp_rtls_gateway == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, pp_rtls_gateway))
         return;
-    }
     auto* gateway = static_cast<RTLS_GATEWAY_t*>(*pp_rtls_gateway);
     if (gateway == nullptr)
         return;

@@ -1,4 +1,7 @@
-// common - the debug stream, and small helpers that every service uses.
+// common - the debug stream, error lines, and what else every service needs.
+//
+// Threads    Any. A debug-print socket belongs to the thread that prints with it.
+// Failures   Nothing throws, nothing waits.
 #pragma once
 
 #include "core/ctimestamp.h"
@@ -62,18 +65,5 @@ void log_system_call_error(const char* function, const char* call);
 
 // zloop reader that ends its loop (always -1) and reads nothing; for the actors' command pipes.
 int zloop_end_event(zloop_t* loop, zsock_t* reader, void* argument);
-
-// CRC-32 of IEEE 802.3 (CRC-32/ISO-HDLC). 0 for no bytes; 0 and a log line for a null pointer.
-uint32_t crc32_byte(const uint8_t* p, uint32_t bytelength);
-
-// Decodes hexadecimal text, two digits a byte, into `pret` and returns the number of bytes written;
-// 0 and a log line at the first character that is no hex digit. A trailing odd digit is dropped.
-// Writes up to max_size + 1 bytes: callers that size their buffers by a count of pairs rely on the
-// text's own end, and peers on trailing garbage being noticed.
-ssize_t string_to_uint8_arr(const char* hex_string, uint8_t* pret, ssize_t max_size);
-
-// The next RPL version, by the lollipop counter of RFC 6550, section 7.2: 240..255, then 0..127 for
-// ever. WIN server thread only.
-uint8_t get_next_rpl_version(void);
 
 } // namespace rtls

@@ -2,22 +2,13 @@
 
 #include "base/common.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 
 namespace rtls {
-
-// Logs in the name of `function` if one of its pointer arguments is null.
-template <typename... Pointers>
-static bool any_null(const char* function, const Pointers*... pointers)
-{
-    const bool found = (... || (pointers == nullptr));
-    if (found)
-        logger_error(g_logger, str_null_pointer, function);
-    return found;
-}
 
 zconfig_t* config_new(const char* config_file_name)
 {

@@ -1,5 +1,7 @@
 #include "base/hex.h"
 
+#include "base/null_check.h"
+
 #include <array>
 #include <cstring>
 
@@ -20,6 +22,22 @@ constexpr auto make_digit_pairs()
 
 constexpr auto digit_pairs = make_digit_pairs();
 
+constexpr uint8_t no_digit = 0xFF;
+
+// By character: the hex digit's value, or no_digit.
+constexpr std::array<uint8_t, 256> make_digit_values()
+{
+    std::array<uint8_t, 256> values{};
+    values.fill(no_digit);
+    for (uint8_t i = 0; i < 10; ++i)
+        values[size_t{'0'} + i] = i;
+    for (uint8_t i = 0; i < 6; ++i)
+        values[size_t{'a'} + i] = values[size_t{'A'} + i] = static_cast<uint8_t>(10 + i);
+    return values;
+}
+
+constexpr auto digit_values = make_digit_values();
+
 } // namespace
 
 std::string to_hex(std::span<const uint8_t> bytes)
@@ -36,6 +54,30 @@ char* write_hex(std::span<const uint8_t> bytes, char* out)
         out += 2;
     }
     return out;
+}
+
+ssize_t string_to_uint8_arr(const char* hex_string, uint8_t* pret, ssize_t max_size)
+{
+    if (any_null(__func__, hex_string, pret))
+        return 0;
+    ssize_t size = 0;
+    int high = -1; // the first digit of a pair; -1 between pairs
+    for (const char* p = hex_string; *p != '\0' && size <= max_size; ++p) {
+        const uint8_t digit = digit_values[static_cast<uint8_t>(*p)];
+        if (digit == no_digit) {
+            // As a signed char, whatever the platform's char is: a byte above 0x7F prints eight digits.
+            logger_error(g_logger, "%s: Invalid input data: [%02X]", __func__,
+                         static_cast<unsigned>(static_cast<signed char>(*p)));
+            return 0;
+        }
+        if (high < 0) {
+            high = digit;
+        } else {
+            pret[size++] = static_cast<uint8_t>(high << 4 | digit);
+            high = -1;
+        }
+    }
+    return size;
 }
 
 } // namespace rtls

@@ -1,7 +1,6 @@
 #include "base/tokenize.h"
 
-#include "base/common.h"
-#include "base/logger.h"
+#include "base/null_check.h"
 
 namespace rtls {
 
@@ -14,10 +13,8 @@ void tokenize(char* line, uint16_t* pargc, char** argv, uint16_t max_arguments)
 {
     if (pargc)
         *pargc = 0;
-    if (!line || !pargc || !argv) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, line, pargc, argv))
         return;
-    }
     bool in_word = false;
     for (char* p = line; *p != '\0'; ++p) {
         if (!in_word && *pargc >= max_arguments)

@@ -2,6 +2,7 @@
 
 #include "base/common.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 
 #include <unistd.h>
 
@@ -35,10 +36,8 @@ static bool bind_to_port(int handle, in_port_t port_nbr)
 
 bool udp_new_connection(in_port_t port_nbr, int* handle)
 {
-    if (!handle) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, handle))
         return false;
-    }
     *handle = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     if (*handle == -1) {
         log_system_call_error(__func__, "socket");

@@ -1,6 +1,7 @@
 // The generic request forwarder, and the channel on which other threads hand requests to it.
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
@@ -26,10 +27,8 @@ static void forward_to_node(WIN_SERVER_t* server, const NODE_t& node, bytes_view
 
 bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
 {
-    if (!server || !buf) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, buf))
         return false;
-    }
     zsock_t* dbg = server->dbg_client_sock;
     if (parsedlen < generic_request_min) {
         dbg_print(dbg, DBG_PARSING, "GENERIC", "ERROR(GENERIC): msb too short, rcvd: %lu", parsedlen); // sic
@@ -75,10 +74,8 @@ static bool is_generic_request(zframe_t* command)
 
 int handle_interthread_sever_sock(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
 {
-    if (!reader || !p_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, reader, p_server))
         return 0;
-    }
     const zmsg_ptr message{zmsg_recv(reader)};
     if (!message)
         return -1;

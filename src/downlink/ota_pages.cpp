@@ -2,6 +2,7 @@
 #include "downlink/ota_pages.h"
 
 #include "base/logger.h"
+#include "base/null_check.h"
 #include "firmware/ota.h"
 #include "link/win_server_private.h"
 #include "rtls-gateway.h"
@@ -35,10 +36,8 @@ void write_ota_response_frame(bytes_view request, const uint8_t* node_mac, bytes
 
 bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac)
 {
-    if (!server || !message.data() || !server->rtls_gateway || !node_mac) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, message.data(), node_mac) || any_null(__func__, server->rtls_gateway))
         return false;
-    }
     void* p_ota = rtls_gateway_get_ota(server->rtls_gateway);
     if (!p_ota) {
         logger_error(g_logger, "%s: rtls_gateway_get_ota returns NULL!", __func__);

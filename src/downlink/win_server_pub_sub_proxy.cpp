@@ -1,6 +1,8 @@
 // Commands from the pub/sub proxy: hexadecimal texts, decoded, freed of repeats, checked by their type,
 // rewritten for the WIN link and sent to the WIN client that reaches the node.
+#include "base/hex.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
 #include "link/win_server_private.h"
@@ -309,10 +311,8 @@ static void dispatch(WIN_SERVER_t* server, bytes_view data)
 
 bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t data_size)
 {
-    if (!server || !data) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, data))
         return false;
-    }
     void* p_nodes = nodes_of(server);
     if (!p_nodes) {
         logger_error(g_logger, "%s: null nodes container not found!", __func__);
@@ -376,10 +376,8 @@ static void remember_command(NODE_t& node, bytes_view command)
 
 bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now)
 {
-    if (!p_nodes || !data) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, p_nodes, data))
         return false;
-    }
     if (data_size < command_min)
         return false;
     const bytes_view command{data, data_size - mac_size};
@@ -412,10 +410,8 @@ static bool carries_firmware_page(bytes_view request)
 
 bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
 {
-    if (!server || !buf) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, buf))
         return false;
-    }
     void* p_ota = rtls_gateway_get_ota(server->rtls_gateway);
     if (!p_ota) {
         logger_error(g_logger, "%s: rtls_gateway_get_ota returns NULL!", __func__);
@@ -457,10 +453,8 @@ static void process_text(WIN_SERVER_t* server, const char* text)
 
 int handle_pub_sub_proxy(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
 {
-    if (!reader || !p_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, reader, p_server))
         return 0;
-    }
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     // Before anything else: even a failed receive is a sign of life.
     server->proxy_is_silent = false;

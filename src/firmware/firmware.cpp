@@ -3,6 +3,7 @@
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 #include "firmware/image_download.h"
 
 #include <algorithm>
@@ -61,10 +62,8 @@ static uint32_t setVersion(const char* fname)
 
 FIRMWARE_t* firmware_get_from_url(const char* url)
 {
-    if (url == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, url))
         return nullptr;
-    }
     using firmware_ptr = std::unique_ptr<void, destroyed_by<firmware_destroy>>;
     firmware_ptr owner{new (std::nothrow) FIRMWARE_t{}};
     if (!owner) {
@@ -92,10 +91,8 @@ FIRMWARE_t* firmware_get_from_url(const char* url)
 
 bool firmware_msg_pack(FIRMWARE_t* firmware, gwMsgUpdateRequest_t* msg)
 {
-    if (msg == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, msg))
         return false;
-    }
     msg->len = 0;
     if (firmware == nullptr) {
         logger_error(g_logger, "%s: no firmware!", __func__);
@@ -124,10 +121,8 @@ bool firmware_msg_pack(FIRMWARE_t* firmware, gwMsgUpdateRequest_t* msg)
 
 void firmware_destroy(void** pp_firmware)
 {
-    if (pp_firmware == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, pp_firmware))
         return;
-    }
     auto* firmware = static_cast<FIRMWARE_t*>(*pp_firmware);
     *pp_firmware = nullptr;
     if (firmware == nullptr)

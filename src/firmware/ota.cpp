@@ -4,6 +4,8 @@
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
+#include "base/null_check.h"
+#include "firmware/crc32.h"
 #include "firmware/image_download.h"
 #include "firmware/ota_tags.h"
 
@@ -165,10 +167,8 @@ void* ota_new(uint16_t files_number)
 
 void ota_destroy(void** pp_ota)
 {
-    if (pp_ota == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, pp_ota))
         return;
-    }
     auto* ota = static_cast<OTA_t*>(*pp_ota);
     *pp_ota = nullptr;
     if (ota == nullptr)
@@ -203,10 +203,8 @@ static bool describe_image(OTA_FIRMWARE_t& firmware, const uint32_t* crc32, cons
 int ota_download_firmware(void* p_ota, const char* url, const uint32_t* crc32, const uint32_t* git_ver)
 {
     auto* ota = static_cast<OTA_t*>(p_ota);
-    if (ota == nullptr || url == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, ota, url))
         return -1;
-    }
     firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
     if (!firmware) {
         logger_error(g_logger, str_out_of_memory, __func__);
@@ -228,10 +226,8 @@ int ota_download_firmware(void* p_ota, const char* url, const uint32_t* crc32, c
 bool ota_get_firmware_info(void* p_ota, uint16_t index, OTA_FIRMWARE_INFO_t* info)
 {
     auto* ota = static_cast<OTA_t*>(p_ota);
-    if (ota == nullptr || info == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, ota, info))
         return false;
-    }
     const std::lock_guard lock{ota->mutex};
     if (index >= ota->files_number || !ota->firmware_arr[index])
         return false;
@@ -242,10 +238,8 @@ bool ota_get_firmware_info(void* p_ota, uint16_t index, OTA_FIRMWARE_INFO_t* inf
 bool ota_del_firmware(void* p_ota, uint16_t index)
 {
     auto* ota = static_cast<OTA_t*>(p_ota);
-    if (ota == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, ota))
         return false;
-    }
     const std::lock_guard lock{ota->mutex};
     if (index >= ota->files_number || !ota->firmware_arr[index])
         return false;
@@ -256,10 +250,8 @@ bool ota_del_firmware(void* p_ota, uint16_t index)
 uint16_t ota_get_files_number(void* p_ota)
 {
     auto* ota = static_cast<OTA_t*>(p_ota);
-    if (ota == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, ota))
         return 0;
-    }
     const std::lock_guard lock{ota->mutex};
     return ota->files_number;
 }
@@ -268,10 +260,8 @@ bool ota_get_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_
                            uint32_t page_number, uint8_t* bufer)
 {
     auto* ota = static_cast<OTA_t*>(p_ota);
-    if (ota == nullptr || bufer == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, ota, bufer))
         return false;
-    }
     if (!is_page_size(page_size))
         return false;
     const page_blocks page{page_size, page_number};
@@ -304,10 +294,8 @@ bool ota_set_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_
                            uint32_t page_number, const uint8_t* buffer)
 {
     auto* ota = static_cast<OTA_t*>(p_ota);
-    if (ota == nullptr || buffer == nullptr) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, ota, buffer))
         return false;
-    }
     if (!is_page_size(page_size))
         return false;
     const page_blocks page{page_size, page_number};

@@ -4,6 +4,7 @@
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 #include "wire/slip.h"
 
 #include <algorithm>
@@ -18,10 +19,8 @@ using win_client_ptr = std::unique_ptr<void, destroyed_by<win_client_destroy>>;
 
 WIN_CLIENT_t* win_client_new(zframe_t* id)
 {
-    if (!id) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, id))
         return nullptr;
-    }
     auto* client = new (std::nothrow) WIN_CLIENT_t{};
     win_client_ptr owner{client};
     if (!client) {
@@ -45,10 +44,8 @@ WIN_CLIENT_t* win_client_new(zframe_t* id)
 
 void win_client_destroy(void** pp_client) noexcept
 {
-    if (!pp_client) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, pp_client))
         return;
-    }
     auto* client = static_cast<WIN_CLIENT_t*>(*pp_client);
     if (!client)
         return;
@@ -77,10 +74,8 @@ static bool set_capacity(WIN_CLIENT_t& client, size_t capacity)
 
 bool win_client_increase_buffer_size(WIN_CLIENT_t* client)
 {
-    if (!client) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, client))
         return false;
-    }
     const size_t capacity = client->pending_buffsize + pending_data_step;
     // A peer that never ends its frame must not take all our memory.
     if (capacity > pending_data_limit || !set_capacity(*client, capacity)) {

@@ -7,7 +7,10 @@
 
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
-#include "link/link_text.h"
+#include "base/message_part.h"
+#include "base/null_check.h"
+#include "base/peer.h"
+#include "link/rpl_version.h"
 #include "wire/messaging.h"
 #include "wire/slip.h"
 
@@ -34,60 +37,9 @@ constexpr int64_t busy_gap_us = 300;
 constexpr long gather_us = 100;
 constexpr int64_t busy_call_us = 1000;
 
-// A ZeroMQ message for receiving into. Not a zframe: a report costs no allocation of ours, and the
-// connection's descriptor can be asked of the message itself.
-class received_frame {
-public:
-    received_frame() { zmq_msg_init(&m_message); }
-    ~received_frame() { zmq_msg_close(&m_message); }
-    received_frame(const received_frame&) = delete;
-    received_frame& operator=(const received_frame&) = delete;
-
-    // Replaces the content by the next frame. False when there is none.
-    bool receive(void* socket) { return zmq_msg_recv(&m_message, socket, ZMQ_DONTWAIT) >= 0; }
-    bytes_view bytes()
-    {
-        return {static_cast<const uint8_t*>(zmq_msg_data(&m_message)), zmq_msg_size(&m_message)};
-    }
-    int source_fd() { return zmq_msg_get(&m_message, ZMQ_SRCFD); }
-
-private:
-    zmq_msg_t m_message;
-};
-
-// A copy of bytes that is to be sent; released unless it has been.
-class outgoing_frame {
-public:
-    explicit outgoing_frame(bytes_view bytes) : m_is_made(zmq_msg_init_size(&m_message, bytes.size()) == 0)
-    {
-        if (m_is_made)
-            std::memcpy(zmq_msg_data(&m_message), bytes.data(), bytes.size());
-    }
-    ~outgoing_frame()
-    {
-        if (m_is_made)
-            zmq_msg_close(&m_message);
-    }
-    outgoing_frame(const outgoing_frame&) = delete;
-    outgoing_frame& operator=(const outgoing_frame&) = delete;
-
-    bool is_made() const { return m_is_made; }
-    bool send(void* socket) { return zmq_msg_send(&m_message, socket, ZMQ_DONTWAIT) >= 0; }
-
-private:
-    zmq_msg_t m_message;
-    bool m_is_made;
-};
-
 using win_client_ptr = std::unique_ptr<void, destroyed_by<win_client_destroy>>;
 
-bool read_peer_address(int fd, sockaddr_in& addr)
-{
-    socklen_t length = sizeof addr;
-    return getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &length) == 0;
-}
-
-void print_new_client(WIN_SERVER_t& server, const sockaddr_in* addr, const client_key& key)
+void print_new_client(WIN_SERVER_t& server, const sockaddr_in* addr, const identity_key& key)
 {
     if (addr)
         dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "new win client [%s] IP %s:%d", key.c_str(),
@@ -99,7 +51,7 @@ void print_new_client(WIN_SERVER_t& server, const sockaddr_in* addr, const clien
 
 // A record for a new connection, ready for data; or null. Its address is zero when the peer is gone
 // already: the record is needed all the same, for the disconnection that will follow.
-win_client_ptr make_client(WIN_SERVER_t& server, received_frame& identity, const client_key& key)
+win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
 {
     zframe_ptr id{zframe_new(identity.bytes().data(), identity.bytes().size())};
     win_client_ptr owner{id ? win_client_new(id.get()) : nullptr};
@@ -119,7 +71,7 @@ win_client_ptr make_client(WIN_SERVER_t& server, received_frame& identity, const
     return owner;
 }
 
-void on_connect(WIN_SERVER_t& server, received_frame& identity, const client_key& key)
+void on_connect(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
 {
     win_client_ptr owner = make_client(server, identity, key);
     if (!owner)
@@ -136,19 +88,16 @@ void on_connect(WIN_SERVER_t& server, received_frame& identity, const client_key
     esc_data_to_win_client(&server, client->id, greeting, sizeof greeting);
 }
 
-void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const client_key& key)
+void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const identity_key& key)
 {
-    const uint8_t* mac = client.mac_addr;
-    // The colon inside byte 5 is the format's own.
-    dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP",
-              "Connection closed by peer IP:%s:%d MAC:%02x%02x%02x%02x%02x%01x:%01x%02x%02x ID:[%s]",
-              ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port), mac[0], mac[1], mac[2], mac[3],
-              mac[4], mac[5] >> 4, mac[5] & 0x0F, mac[6], mac[7], key.c_str());
+    dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "Connection closed by peer IP:%s:%d MAC:%s ID:[%s]",
+              ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
+              colon_mac_text{client.mac_addr}.c_str(), key.c_str());
     const std::lock_guard guard{server.clients_mutex};
     zhashx_delete(server.clients, key.c_str());
 }
 
-void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const client_key& key, bytes_view data)
+void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_key& key, bytes_view data)
 {
     if (dbg_is_wanted(DBG_RAW))
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_INPUT", "%s [%zu] %s:%d [%s]",
@@ -157,9 +106,9 @@ void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const client_key& key, 
     parse_data_from_win_client(&server, &client, data.data(), data.size());
 }
 
-void handle_event(WIN_SERVER_t& server, received_frame& identity, received_frame& data)
+void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& data)
 {
-    const client_key key{identity.bytes()};
+    const identity_key key{identity.bytes()};
     WIN_CLIENT_t* client = win_server_find_client(&server, key.c_str());
     const bytes_view bytes = data.bytes();
     if (client && !bytes.empty())
@@ -218,7 +167,7 @@ static bool let_more_gather(WIN_SERVER_t& server, int64_t call_began)
 }
 
 // The identity of one more event, at hand or about to come.
-static bool receive_another(received_frame& identity, WIN_SERVER_t& server, void* socket, int64_t call_began)
+static bool receive_another(message_part& identity, WIN_SERVER_t& server, void* socket, int64_t call_began)
 {
     return identity.receive(socket) || (let_more_gather(server, call_began) && identity.receive(socket));
 }
@@ -226,14 +175,12 @@ static bool receive_another(received_frame& identity, WIN_SERVER_t& server, void
 int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
 {
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    if (!loop || !reader || !server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, loop, reader, server))
         return 1;
-    }
     void* socket = zsock_resolve(reader);
     const int64_t call_began = zclock_usecs();
-    received_frame identity;
-    received_frame data;
+    message_part identity;
+    message_part data;
     if (!identity.receive(socket)) {
         logger_error(g_logger, "%s: zframe_recv returned NULL!", __func__);
         return 1;
@@ -251,26 +198,22 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
 
 void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size)
 {
-    if (!server || !client || !data) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, client, data))
         return;
-    }
     win_client_decode(*client, {data, size}, deliver_frame, server);
 }
 
 bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
-    if (!server || !data || !server->win_sock) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, data) || any_null(__func__, server->win_sock))
         return false;
-    }
     const encoded_message message{{data, size}};
     if (message.bytes().empty()) {
         logger_error(g_logger, str_out_of_memory, __func__);
         return false;
     }
     if (client_id) {
-        WIN_CLIENT_t* client = win_server_find_client(server, client_key{client_id}.c_str());
+        WIN_CLIENT_t* client = win_server_find_client(server, identity_key{client_id}.c_str());
         if (!client)
             return false;
         encoded_to_win_client(server, client, message.bytes());
@@ -293,13 +236,11 @@ void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_vie
 
 bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
-    if (!server || !client_id || !data || !server->win_sock) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, client_id, data) || any_null(__func__, server->win_sock))
         return false;
-    }
     // Made before the identity is sent: an identity without data would leave the socket out of step, and
     // the next client's identity would go to this one as data.
-    outgoing_frame frame{{data, size}};
+    message_part frame{bytes_view{data, size}};
     if (!frame.is_made()) {
         log_call_error(__func__, "zframe_new");
         return false;
@@ -314,7 +255,7 @@ bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uin
     }
     if (dbg_is_wanted(DBG_RAW))
         dbg_print(server->dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT", "%s [%zu] [%s]",
-                  hex_text{{data, size}}.c_str(), size, client_key{client_id}.c_str());
+                  hex_text{{data, size}}.c_str(), size, identity_key{client_id}.c_str());
     return true;
 }
 
@@ -328,7 +269,7 @@ static bool cache_has_room(WIN_CLIENT_t& client, size_t size)
     if (!client.unsent_overflow)
         logger_error(g_logger,
                      "%s: win client [%s] IP %s:%d does not read: %zu bytes wait for it, messages are lost!",
-                     "data_to_cache", client_key{client.id}.c_str(), ipv4_text{client.addr}.c_str(),
+                     "data_to_cache", identity_key{client.id}.c_str(), ipv4_text{client.addr}.c_str(),
                      ntohs(client.addr.sin_port), client.unsent_bytes);
     client.unsent_overflow = true;
     return false;
@@ -336,10 +277,8 @@ static bool cache_has_room(WIN_CLIENT_t& client, size_t size)
 
 bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size)
 {
-    if (!server || !client || !data) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, client, data))
         return false;
-    }
     if (!cache_has_room(*client, size))
         return false;
     zframe_ptr frame{zframe_new(data, size)};
@@ -361,10 +300,8 @@ bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* da
 
 void rpl_version_to_win_clients(WIN_SERVER_t* server)
 {
-    if (!server || !server->actor_loop) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server) || any_null(__func__, server->actor_loop))
         return;
-    }
     std::array<uint8_t, gwMsgVrPrefixResponse_t::size> message{};
     store_le16(message, gwMsgVrPrefixResponse_t::msgType, MSG_VR_PANID_RESP);
     store_le16(message, gwMsgVrPrefixResponse_t::rplPrefix, server->rpl_prefix);
@@ -383,10 +320,8 @@ int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    if (!loop || !server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, loop, server))
         return 1;
-    }
     if (server->unprocessed_MSG_PANID_REQ)
         rpl_version_to_win_clients(server);
     else

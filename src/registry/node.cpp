@@ -2,6 +2,7 @@
 
 #include "base/common.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 
 #include <cstdlib>
 
@@ -20,10 +21,8 @@ void node_destroy(void** pp_node)
 
 bool node_update_win_client_ID(NODE_t* node, zframe_t* win_client_id)
 {
-    if (!node || !win_client_id) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, node, win_client_id))
         return false;
-    }
     if (zframe_eq(node->win_client_id, win_client_id))
         return true; // nearly every report: no copy
     zframe_destroy(&node->win_client_id);

@@ -2,6 +2,7 @@
 
 #include "base/common.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 #include "registry/address_index.h"
 #include "registry/node_table.h"
 
@@ -68,10 +69,8 @@ void* nodes_container_new(void)
 
 void nodes_container_destroy(void** pp_nodes)
 {
-    if (!pp_nodes) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, pp_nodes))
         return;
-    }
     delete static_cast<NODES_CONTAINER_t*>(*pp_nodes);
     *pp_nodes = nullptr;
 }

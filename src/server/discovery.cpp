@@ -1,10 +1,10 @@
 #include "server/discovery.h"
 
 #include "base/logger.h"
+#include "base/null_check.h"
+#include "base/peer.h"
 #include "base/udplib.h"
 #include "link/win_server_private.h"
-
-#include <arpa/inet.h>
 
 #include <algorithm>
 #include <optional>
@@ -85,10 +85,9 @@ static void print_requester(const WIN_SERVER_t* server, const sockaddr_in& reque
 {
     if (!dbg_is_wanted(DBG_DISCOVERY))
         return;
-    char address[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &requester.sin_addr, address, sizeof address);
     const unsigned int port = ntohs(requester.sin_port);
-    dbg_print(server->dbg_client_sock, DBG_DISCOVERY, "DISC", "rcvd discovery: %s:%u", address, port);
+    dbg_print(server->dbg_client_sock, DBG_DISCOVERY, "DISC", "rcvd discovery: %s:%u",
+              ipv4_text{requester}.c_str(), port);
 }
 
 static void answer_datagram(const WIN_SERVER_t* server, const discovery_datagram& datagram)
@@ -115,10 +114,8 @@ static void answer_datagram(const WIN_SERVER_t* server, const discovery_datagram
 
 int handle_udp_in(zloop_t* /*loop*/, zmq_pollitem_t* /*item*/, void* p_server) noexcept
 {
-    if (!p_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, p_server))
         return 0;
-    }
     const auto* server = static_cast<WIN_SERVER_t*>(p_server);
     discovery_datagram datagram{};
     if (!receive_datagram(server->discovery_sock_descriptor, datagram))

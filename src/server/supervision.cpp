@@ -3,9 +3,11 @@
 #include "link/win_server_private.h"
 
 #include "base/czmq_ptr.h"
+#include "base/hex.h"
 #include "base/logger.h"
+#include "base/null_check.h"
+#include "base/peer.h"
 #include "base/signals.h"
-#include "link/link_text.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 
@@ -61,12 +63,9 @@ static std::vector<const WIN_CLIENT_t*> unwanted_clients(WIN_SERVER_t& server, v
 
 static void close_unwanted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
 {
-    const uint8_t* mac = client.mac_addr;
-    // The colon inside byte 5 is the format's own.
-    dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP",
-              "Connection closed by gateway IP:%s:%d MAC:%02x%02x%02x%02x%02x%01x:%01x%02x%02x ID:[%s]",
-              ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port), mac[0], mac[1], mac[2], mac[3],
-              mac[4], mac[5] >> 4, mac[5] & 0x0F, mac[6], mac[7], client_key{client.id}.c_str());
+    dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "Connection closed by gateway IP:%s:%d MAC:%s ID:[%s]",
+              ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
+              colon_mac_text{client.mac_addr}.c_str(), identity_key{client.id}.c_str());
     delete_win_client(&server, client.id);
 }
 
@@ -88,20 +87,16 @@ int check_client_connection_at(WIN_SERVER_t* server, int64_t now)
 int check_client_connection(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
-    if (!loop || !p_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, loop, p_server))
         return 1;
-    }
     return check_client_connection_at(static_cast<WIN_SERVER_t*>(p_server), zclock_mono());
 }
 
 int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
-    if (!loop || !p_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, loop, p_server))
         return 1;
-    }
     void* p_nodes = nodes_of(*static_cast<WIN_SERVER_t*>(p_server));
     if (!p_nodes) {
         logger_error(g_logger, "%s: null nodes container not found!", __func__);
@@ -128,10 +123,8 @@ int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    if (!loop || !server || !server->proxy_sock) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, loop, server) || any_null(__func__, server->proxy_sock))
         return 1;
-    }
     if (!server->proxy_is_silent)
         server->proxy_is_silent = true; // every message from the proxy clears it
     else if (!reconnect_proxy(*server))
@@ -143,10 +136,8 @@ int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server) n
 {
     (void)timer_id;
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    if (!loop || !server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, loop, server))
         return 1;
-    }
     zhashx_t* clients = win_server_get_clients(server);
     for (void* item = zhashx_first(clients); item; item = zhashx_next(clients))
         if (zlist_size(static_cast<WIN_CLIENT_t*>(item)->unsent_messages) > 0)
@@ -188,17 +179,15 @@ static bool flush_one(WIN_SERVER_t& server, WIN_CLIENT_t& client)
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT_FROM_CACHE",
                   "%s [%zu] cache size: %zu %s:%d [%s]", hex.c_str(), size,
                   zlist_size(client.unsent_messages), ipv4_text{client.addr}.c_str(),
-                  ntohs(client.addr.sin_port), client_key{client.id}.c_str());
+                  ntohs(client.addr.sin_port), identity_key{client.id}.c_str());
     return true;
 }
 
 void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
 {
     auto* client = static_cast<WIN_CLIENT_t*>(p_client);
-    if (!server || !client || !server->win_sock) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, client) || any_null(__func__, server->win_sock))
         return;
-    }
     while (zlist_size(client->unsent_messages) > 0)
         if (!flush_one(*server, *client))
             return;

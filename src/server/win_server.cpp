@@ -5,12 +5,11 @@
 #include "base/config.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
-#include "link/link_text.h"
+#include "base/null_check.h"
+#include "base/peer.h"
 #include "link/win_server_private.h"
 #include "wire/messaging.h"
 #include "wire/slip.h"
-
-#include <sys/socket.h>
 
 #include <array>
 #include <cstdio>
@@ -77,10 +76,8 @@ static bool read_config(zconfig_t* config, WIN_SERVER_t& server)
 
 void* win_server_new(zconfig_t* config, void* p_rtls_gateway)
 {
-    if (!config || !p_rtls_gateway) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, config, p_rtls_gateway))
         return nullptr;
-    }
     auto* server = new (std::nothrow) WIN_SERVER_t{};
     win_server_ptr owner{server};
     if (!server) {
@@ -102,10 +99,8 @@ void* win_server_new(zconfig_t* config, void* p_rtls_gateway)
 bool win_server_run(void* p_win_server)
 {
     auto* server = static_cast<WIN_SERVER_t*>(p_win_server);
-    if (!server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server))
         return false;
-    }
     if (server->actor) {
         log_call_error(__func__, "trying to run the running win server");
         return false;
@@ -118,10 +113,8 @@ bool win_server_run(void* p_win_server)
 
 void win_server_destroy(void** pp_win_server)
 {
-    if (!pp_win_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, pp_win_server))
         return;
-    }
     auto* server = static_cast<WIN_SERVER_t*>(*pp_win_server);
     if (!server)
         return;
@@ -136,19 +129,15 @@ void win_server_destroy(void** pp_win_server)
 
 zhashx_t* win_server_get_clients(void* p_win_server)
 {
-    if (!p_win_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, p_win_server))
         return nullptr;
-    }
     return static_cast<WIN_SERVER_t*>(p_win_server)->clients;
 }
 
 bool win_server_is_ready(void* p_win_server)
 {
-    if (!p_win_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, p_win_server))
         return false;
-    }
     return static_cast<WIN_SERVER_t*>(p_win_server)->ready;
 }
 
@@ -179,10 +168,8 @@ static void update_command_to_all(WIN_SERVER_t& server)
 void win_server_nodes_update(void* p_win_server, zframe_t* client_id)
 {
     auto* server = static_cast<WIN_SERVER_t*>(p_win_server);
-    if (!server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server))
         return;
-    }
     if (!client_id) {
         update_command_to_all(*server);
         return;
@@ -194,25 +181,11 @@ void win_server_nodes_update(void* p_win_server, zframe_t* client_id)
 
 WIN_CLIENT_t* win_server_find_client(WIN_SERVER_t* server, const char* key)
 {
-    if (!server || !key) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, key))
         return nullptr;
-    }
     // Only the actor deletes clients, so that what is found outlives the lock.
     const std::lock_guard guard{server->clients_mutex};
     return static_cast<WIN_CLIENT_t*>(zhashx_lookup(server->clients, key));
-}
-
-// Cuts the TCP connection of a client whose queue is full, which the stream socket cannot close. The
-// descriptor may have been closed and given to somebody else since: only its peer's address proves it.
-static void shut_down_connection(const WIN_CLIENT_t& client)
-{
-    sockaddr_in peer{};
-    socklen_t length = sizeof peer;
-    if (client.addr.sin_port == 0 || getpeername(client.fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0)
-        return;
-    if (peer.sin_addr.s_addr == client.addr.sin_addr.s_addr && peer.sin_port == client.addr.sin_port)
-        shutdown(client.fd, SHUT_RDWR);
 }
 
 // Closes the connection by an empty frame after its identity. Without the identity the empty frame
@@ -226,17 +199,15 @@ static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WI
         zstr_sendm(server.win_sock, "");
     else if (errno != EAGAIN)
         log_call_error("delete_win_client", "zframe_send");
-    else if (client)
-        shut_down_connection(*client);
+    else if (client) // its queue is full, so that the stream socket cannot close it
+        cut_connection(client->fd, client->addr);
 }
 
 void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
 {
-    if (!server || !client_id || !server->win_sock) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, client_id) || any_null(__func__, server->win_sock))
         return;
-    }
-    const client_key key{client_id}; // client_id may go with the record
+    const identity_key key{client_id}; // client_id may go with the record
     close_connection(*server, client_id, win_server_find_client(server, key.c_str()));
     server->closed_ids.remember(key.c_str());
     const std::lock_guard guard{server->clients_mutex};
@@ -245,10 +216,8 @@ void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
 
 void win_client_set_mac_addr(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* mac)
 {
-    if (!server || !client || !mac) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, client, mac))
         return;
-    }
     const std::lock_guard guard{server->clients_mutex};
     std::memcpy(client->mac_addr, mac, mac_size);
 }
@@ -275,10 +244,8 @@ std::vector<win_client_info> win_server_copy_clients(void* p_win_server)
 {
     std::vector<win_client_info> copies;
     auto* server = static_cast<WIN_SERVER_t*>(p_win_server);
-    if (!server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server))
         return copies;
-    }
     try {
         // Not by the table's cursor: the actor's walks move it, and they take no lock.
         const std::lock_guard guard{server->clients_mutex};

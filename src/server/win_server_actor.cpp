@@ -2,7 +2,9 @@
 #include "link/win_server_private.h"
 
 #include "base/czmq_ptr.h"
+#include "base/endpoints.h"
 #include "base/logger.h"
+#include "base/null_check.h"
 #include "base/signals.h"
 #include "base/udplib.h"
 
@@ -23,7 +25,7 @@ bool made(bool ok, const char* call)
 
 bool open_debug_stream(WIN_SERVER_t& server)
 {
-    return made(zsock_connect(server.dbg_client_sock, "inproc://dbg_dump") == 0, "zsock_connect");
+    return made(zsock_connect(server.dbg_client_sock, "%s", debug_stream_endpoint) == 0, "zsock_connect");
 }
 
 bool open_win_port(WIN_SERVER_t& server)
@@ -51,7 +53,8 @@ bool open_interthread_channel(WIN_SERVER_t& server)
     if (!made(server.interthread_sever_sock, "zsock_new"))
         return false;
     zsock_set_rcvtimeo(server.interthread_sever_sock, interthread_receive_timeout_ms);
-    return made(zsock_bind(server.interthread_sever_sock, "inproc://winserw_channel") != -1, "zsock_bind");
+    return made(zsock_bind(server.interthread_sever_sock, "%s", request_channel_endpoint) != -1,
+                "zsock_bind");
 }
 
 bool open_proxy(WIN_SERVER_t& server)
@@ -154,8 +157,7 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
 {
     block_all_signals();
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    if (!pipe || !server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, pipe, server)) {
         request_stop();
         if (pipe)
             zsock_signal(pipe, 0); // whoever destroys the actor waits for this
@@ -179,10 +181,8 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
 void destroy_actor_context(WIN_SERVER_t* server)
 {
     request_stop(); // without the WIN server the gateway is of no use
-    if (!server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server))
         return;
-    }
     zloop_destroy(&server->actor_loop);
     udp_destroy(server->discovery_sock_descriptor);
     server->discovery_sock_descriptor = -1;

@@ -2,6 +2,7 @@
 
 #include "base/common.h"
 #include "base/logger.h"
+#include "base/peer.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "terminal/request.h"
@@ -18,31 +19,21 @@ static constexpr char str_null_win_clients[] = "%s: null pointer to win clients!
 
 // --- Lines
 
-static std::string ipv4_text(const in_addr& addr)
-{
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &addr, text, sizeof text);
-    return text;
-}
-
 std::string terminal_client_line(const TERMINAL_CLIENT_t& client, bool is_asking)
 {
     return text_format("%sip:%s:%d sub:%d grep:%s\n", is_asking ? "+" : " ",
-                       ipv4_text(client.client_addr.sin_addr).c_str(), ntohs(client.client_addr.sin_port),
+                       ipv4_text{client.client_addr}.c_str(), ntohs(client.client_addr.sin_port),
                        client.subscribed, client.grep_string ? client.grep_string : "--");
 }
 
 std::string win_client_line(const sockaddr_in& addr)
 {
-    return text_format(" ip:%s:%d\n", ipv4_text(addr.sin_addr).c_str(), ntohs(addr.sin_port));
+    return text_format(" ip:%s:%d\n", ipv4_text{addr}.c_str(), ntohs(addr.sin_port));
 }
 
-// MACs are written with a colon inside byte 5, before the digits by which the lists name a node.
 std::string bridge_line(const uint8_t* mac_addr, const sockaddr_in& addr)
 {
-    const uint8_t* m = mac_addr;
-    return text_format("Bridge MAC:%02x%02x%02x%02x%02x%01x:%01x%02x%02x ip4:%s:%d\n", m[0], m[1], m[2], m[3],
-                       m[4], m[5] >> 4, m[5] & 0x0F, m[6], m[7], ipv4_text(addr.sin_addr).c_str(),
+    return text_format("Bridge MAC:%s ip4:%s:%d\n", colon_mac_text{mac_addr}.c_str(), ipv4_text{addr}.c_str(),
                        ntohs(addr.sin_port));
 }
 
@@ -95,12 +86,12 @@ std::string node_line(const node_row& node, bool full, const timeval* now)
                            activity.age, duplicate, direct);
     char ip[47] = "";
     inet_ntop(AF_INET6, node.ip_addr, ip, sizeof ip);
-    return text_format("%02x%02x%02x%02x%02x%01x:%01x%02x%02x %s %02x par:%01x%02x%02x sw:%08x rgf:%4d "
+    return text_format("%s %s %02x par:%01x%02x%02x sw:%08x rgf:%4d "
                        "ttl:%3d sl:%02x xyz:%8d,%8d,%8d:%-4d ip:%s %s%s%s%s dtx:%s\n",
-                       m[0], m[1], m[2], m[3], m[4], m[5] >> 4, m[5] & 0x0F, m[6], m[7], type, node.state,
-                       par[5] & 0x0F, par[6], par[7], node.sw_version, node.ranging_freq, node.lifetime,
-                       node.sublocation_id, node.pos_X, node.pos_Y, node.z_val, node.z_offset * 10, forwarded,
-                       ip, activity.date, activity.age, duplicate, direct);
+                       colon_mac_text{m}.c_str(), type, node.state, par[5] & 0x0F, par[6], par[7],
+                       node.sw_version, node.ranging_freq, node.lifetime, node.sublocation_id, node.pos_X,
+                       node.pos_Y, node.z_val, node.z_offset * 10, forwarded, ip, activity.date, activity.age,
+                       duplicate, direct);
 }
 
 // --- Snapshot

@@ -3,6 +3,8 @@
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
+#include "base/null_check.h"
+#include "base/peer.h"
 #include "base/tokenize.h"
 #include "rtls-gateway.h"
 #include "terminal/filter.h"
@@ -11,8 +13,6 @@
 #include "terminal/terminal_server.h"
 
 #include <zmq.h>
-
-#include <sys/socket.h>
 
 #include <cerrno>
 #include <climits>
@@ -81,21 +81,6 @@ static void command_help(const terminal_request& request)
     request.answer(help_text);
 }
 
-// A client that does not read takes no more frames, not even the one that closes it. Its connection is
-// then cut where the system still knows it as the one we mean (the number may have another owner by
-// now); the disconnect event, which follows, frees the record.
-static void cut_connection(const TERMINAL_CLIENT_t& client)
-{
-    sockaddr_in peer{};
-    socklen_t size = sizeof peer;
-    const bool is_same = client.fd >= 0 &&
-                         getpeername(client.fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
-                         peer.sin_port == client.client_addr.sin_port &&
-                         peer.sin_addr.s_addr == client.client_addr.sin_addr.s_addr;
-    if (is_same)
-        shutdown(client.fd, SHUT_RDWR);
-}
-
 // Frees the record of the client that asks: request.client is gone afterwards.
 static void command_quit(const terminal_request& request)
 {
@@ -105,8 +90,10 @@ static void command_quit(const terminal_request& request)
         return;
     }
     if (!request.answer("bye bye.\n") || !request.answer("")) { // an empty text closes the connection
-        if (errno == EAGAIN) // otherwise it is gone, and its descriptor may be somebody else's
-            cut_connection(*request.client);
+        // A client that does not read takes no more frames, not even the one that closes it: its connection
+        // is cut, and the disconnect event that follows frees the record.
+        if (errno == EAGAIN) // otherwise it is gone already
+            cut_connection(request.client->fd, request.client->client_addr);
         return;
     }
     const zstr_ptr id_str{zframe_strhex(request.client->id)};
@@ -299,10 +286,8 @@ static void run_command(const terminal_request& request)
 void terminal_commands_parse(void* p_rtls_gateway, TERMINAL_CLIENT_t* id_found, zsock_t* reader, char* string,
                              zsock_t* dbg_sock)
 {
-    if (!p_rtls_gateway || !id_found || !reader || !string || !dbg_sock) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, p_rtls_gateway, id_found, reader, string, dbg_sock))
         return;
-    }
     trimright(string);
     dbg_print(dbg_sock, DBG_TERMINAL, console, "rcvd \"%s\"", string);
     char* words[words_limit];

@@ -3,16 +3,16 @@
 #include "base/common.h"
 #include "base/config.h"
 #include "base/czmq_ptr.h"
+#include "base/endpoints.h"
 #include "base/logger.h"
+#include "base/message_part.h"
+#include "base/null_check.h"
+#include "base/peer.h"
 #include "base/signals.h"
 #include "server/win_server.h"
 #include "terminal/client.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
-
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <zmq.h>
 
 #include <atomic>
 #include <cerrno>
@@ -29,8 +29,6 @@ namespace {
 
 constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
 constexpr char actor_name[] = "terminal_server_actor";
-constexpr char dbg_endpoint[] = "inproc://dbg_dump";
-constexpr char winserw_endpoint[] = "inproc://winserw_channel";
 constexpr char console[] = "CONS"; // channel of our lines in the debug stream
 
 struct TERMINAL_SERVER_t {
@@ -49,45 +47,20 @@ struct TERMINAL_SERVER_t {
     std::set<std::string, std::less<>> forgotten_ids;
 };
 
-// One frame as it came from the stream socket, with the library's own knowledge of its connection.
-class stream_frame {
-public:
-    stream_frame() noexcept { zmq_msg_init(&m_msg); }
-    ~stream_frame() { zmq_msg_close(&m_msg); }
-    stream_frame(const stream_frame&) = delete;
-    stream_frame& operator=(const stream_frame&) = delete;
-
-    // The loop has seen the event, and its two frames come together: nothing to wait for.
-    bool receive(zsock_t* sock) noexcept
-    {
-        return zmq_msg_recv(&m_msg, zsock_resolve(sock), ZMQ_DONTWAIT) >= 0;
-    }
-    const char* data() noexcept { return static_cast<const char*>(zmq_msg_data(&m_msg)); }
-    size_t size() const noexcept { return zmq_msg_size(&m_msg); }
-    // Valid on a connection's first event only: later the number may belong to somebody else.
-    int source_fd() const noexcept { return zmq_msg_get(&m_msg, ZMQ_SRCFD); }
-
-private:
-    mutable zmq_msg_t m_msg; // libzmq's getters are not const
-};
-
 } // namespace
 
 // Asks the system who is at the other end of a new connection, and says so in the debug stream.
 static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t* client, int fd,
                               const char* id_str)
 {
-    socklen_t size = sizeof client->client_addr;
-    if (getpeername(fd, reinterpret_cast<sockaddr*>(&client->client_addr), &size) != 0) {
+    if (!read_peer_address(fd, client->client_addr)) {
         dbg_print(server->dbg_client_sock, DBG_TERMINAL, console,
                   "(E) Cannot get IP address for terminal client [%s]", id_str);
         return;
     }
     client->fd = fd;
-    char ip[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &client->client_addr.sin_addr, ip, sizeof ip);
-    dbg_print(server->dbg_client_sock, DBG_TERMINAL, console, "new terminal client [%s] IP %s:%d", id_str, ip,
-              ntohs(client->client_addr.sin_port));
+    dbg_print(server->dbg_client_sock, DBG_TERMINAL, console, "new terminal client [%s] IP %s:%d", id_str,
+              ipv4_text{client->client_addr}.c_str(), ntohs(client->client_addr.sin_port));
 }
 
 static void add_client(TERMINAL_SERVER_t* server, zframe_ptr id, int fd, const char* id_str)
@@ -118,7 +91,7 @@ static void forget_client(TERMINAL_SERVER_t* server, const char* id_str, bool is
 }
 
 // Handles what `id` sent: its connect, its disconnect, or a command.
-static void handle_chunk(TERMINAL_SERVER_t* server, stream_frame& identity, stream_frame& chunk)
+static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, message_part& chunk)
 {
     zframe_ptr id{zframe_new(identity.data(), identity.size())};
     const zstr_ptr id_str{id ? zframe_strhex(id.get()) : nullptr};
@@ -135,7 +108,7 @@ static void handle_chunk(TERMINAL_SERVER_t* server, stream_frame& identity, stre
             add_client(server, std::move(id), identity.source_fd(), id_str.get());
         return;
     }
-    std::string text{chunk.data(), chunk.size()};
+    std::string text{reinterpret_cast<const char*>(chunk.data()), chunk.size()};
     if (text.empty() || text.front() == '\0')
         forget_client(server, id_str.get(), !text.empty());
     else
@@ -146,11 +119,11 @@ static void handle_chunk(TERMINAL_SERVER_t* server, stream_frame& identity, stre
 static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
 {
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_server);
-    stream_frame identity;
-    if (!identity.receive(reader))
+    message_part identity;
+    if (!identity.receive(zsock_resolve(reader)))
         return 1;
-    stream_frame chunk;
-    if (!chunk.receive(reader))
+    message_part chunk;
+    if (!chunk.receive(zsock_resolve(reader)))
         return 0;
     try {
         handle_chunk(server, identity, chunk);
@@ -215,16 +188,17 @@ static zsock_t* open_socket(int type, int (*attach)(zsock_t*, const char*, ...),
 // The collecting end of the debug stream comes first: it is there before anybody, us included, connects.
 static bool open_sockets(TERMINAL_SERVER_t* server)
 {
-    server->dbg_server_sock = open_socket(ZMQ_PULL, zsock_bind, "zsock_bind", dbg_endpoint);
+    server->dbg_server_sock = open_socket(ZMQ_PULL, zsock_bind, "zsock_bind", debug_stream_endpoint);
     if (!server->dbg_server_sock)
         return false;
     zsock_set_rcvtimeo(server->dbg_server_sock, socket_timeout_ms);
 
-    server->dbg_client_sock = open_socket(ZMQ_PUSH, zsock_connect, "zsock_connect", dbg_endpoint);
+    server->dbg_client_sock = open_socket(ZMQ_PUSH, zsock_connect, "zsock_connect", debug_stream_endpoint);
     if (!server->dbg_client_sock)
         return false;
 
-    server->winserv_client_sock = open_socket(ZMQ_PUSH, zsock_connect, "zsock_connect", winserw_endpoint);
+    server->winserv_client_sock =
+        open_socket(ZMQ_PUSH, zsock_connect, "zsock_connect", request_channel_endpoint);
     if (!server->winserv_client_sock)
         return false;
 
@@ -265,8 +239,7 @@ static void terminal_server_actor(zsock_t* pipe, void* p_terminal_server) noexce
     block_all_signals(); // a signal handled on this thread would end the loop
     if (pipe)
         zsock_signal(pipe, 0); // also on failure: the creator waits for it
-    if (!pipe || !p_terminal_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, pipe, p_terminal_server)) {
         request_stop();
         return;
     }
@@ -281,10 +254,8 @@ static void terminal_server_actor(zsock_t* pipe, void* p_terminal_server) noexce
 
 void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
 {
-    if (!config || !p_rtls_gateway) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, config, p_rtls_gateway))
         return nullptr;
-    }
     std::unique_ptr<void, destroyed_by<terminal_server_destroy>> owner{new (std::nothrow) TERMINAL_SERVER_t};
     if (!owner) {
         logger_error(g_logger, str_out_of_memory, __func__);
@@ -305,10 +276,8 @@ void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
 
 bool terminal_server_run(void* p_terminal_server)
 {
-    if (!p_terminal_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, p_terminal_server))
         return false;
-    }
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
     if (server->actor) {
         logger_error(g_logger, "%s: trying to run the running terminal server: %d, %s", __func__, errno,
@@ -325,10 +294,8 @@ bool terminal_server_run(void* p_terminal_server)
 
 void terminal_server_destroy(void** pp_terminal_server)
 {
-    if (!pp_terminal_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, pp_terminal_server))
         return;
-    }
     auto* server = static_cast<TERMINAL_SERVER_t*>(*pp_terminal_server);
     if (!server)
         return;
@@ -340,19 +307,15 @@ void terminal_server_destroy(void** pp_terminal_server)
 
 zhashx_t* terminal_server_get_clients(void* p_terminal_server)
 {
-    if (!p_terminal_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, p_terminal_server))
         return nullptr;
-    }
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->clients;
 }
 
 bool terminal_server_is_ready(void* p_terminal_server)
 {
-    if (!p_terminal_server) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, p_terminal_server))
         return false;
-    }
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->ready;
 }
 
@@ -371,10 +334,8 @@ bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t*
 {
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
     zsock_t* sock = server ? server->winserv_client_sock : nullptr; // null, too, while no actor runs
-    if (!sock || !data) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, sock, data))
         return false;
-    }
     constexpr int32_t command = WINSERW_SOCK_CMD_GENERIC_REQ; // host order: it stays in the process
     zframe_ptr command_frame{zframe_new(&command, sizeof command)};
     zframe_ptr data_frame{zframe_new(data, data_size)};

@@ -3,6 +3,7 @@
 // Threads    WIN server thread. The registry is shared: its lock is held for look-up and update only,
 //            and what is printed, sent or handed on afterwards has been copied out.
 #include "base/logger.h"
+#include "base/null_check.h"
 #include "rtls-gateway.h"
 #include "uplink/link_frame.h"
 
@@ -301,10 +302,8 @@ static_assert(nwk_data_minimum > nwk_data_ind::inner + msgGeneric_t::size);
 
 bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
 {
-    if (!server || !client) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, client))
         return false;
-    }
     if (!client->pending_data || client->pending_data_size < msgGeneric_t::size)
         return false;
 

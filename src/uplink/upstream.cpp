@@ -4,94 +4,38 @@
 // The parts are made as ZeroMQ messages directly, which spares the fast path a frame object each.
 #include "base/hex.h"
 #include "base/logger.h"
+#include "base/message_part.h"
+#include "base/null_check.h"
+#include "base/overflow_watch.h"
 #include "link/win_server_private.h"
 #include "wire/report_texts.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <memory>
-#include <new>
 
 namespace rtls {
 
 namespace {
 
-// Reports the overflow of one upstream queue once, and once that it takes messages again.
-class queue_watch {
-public:
-    constexpr queue_watch(const char* overflow_text, const char* exemption_text)
-        : m_overflow_text(overflow_text), m_exemption_text(exemption_text)
-    {
-    }
+// For a message's first part. A sender looks only every millisecond or so whether its queue has been
+// emptied; in a burst it would refuse messages that there is room for. Asking for its events makes it look.
+// Leaves errno as a full queue does when there is no room.
+bool send_first(message_part& part, void* socket, bool more = false)
+{
+    if (part.send(socket, more))
+        return true;
+    if (errno != EAGAIN)
+        return false;
+    int events = 0;
+    size_t size = sizeof events;
+    const bool has_room =
+        zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size) == 0 && (events & ZMQ_POLLOUT) != 0;
+    errno = EAGAIN;
+    return has_room && part.send(socket, more);
+}
 
-    void accepted()
-    {
-        if (!m_overflows.load(std::memory_order_relaxed))
-            return;
-        m_overflows.store(false, std::memory_order_relaxed);
-        logger_error(g_logger, "%s", m_exemption_text);
-    }
-
-    // With errno as the send left it.
-    void refused(const char* function, const char* call)
-    {
-        if (errno != EAGAIN)
-            log_call_error(function, call);
-        else if (!m_overflows.exchange(true, std::memory_order_relaxed))
-            logger_error(g_logger, "%s", m_overflow_text);
-    }
-
-private:
-    const char* m_overflow_text;
-    const char* m_exemption_text;
-    std::atomic<bool> m_overflows{false};
-};
-
-// One part of a ZeroMQ message; whatever has not been sent is released.
-class message_part {
-public:
-    explicit message_part(size_t size) : m_is_made(zmq_msg_init_size(&m_message, size) == 0) {}
-    ~message_part()
-    {
-        if (m_is_made)
-            zmq_msg_close(&m_message);
-    }
-    message_part(const message_part&) = delete;
-    message_part& operator=(const message_part&) = delete;
-
-    bool is_made() const { return m_is_made; }
-    uint8_t* data() { return static_cast<uint8_t*>(zmq_msg_data(&m_message)); }
-    bool send(void* socket, int flags) { return zmq_msg_send(&m_message, socket, flags) >= 0; }
-
-    // For a message's first part. A sender looks only every millisecond or so whether its queue has been
-    // emptied; in a burst it would refuse messages that there is room for.
-    bool send_first(void* socket, int flags)
-    {
-        if (send(socket, flags))
-            return true;
-        return errno == EAGAIN && has_room(socket) && send(socket, flags);
-    }
-
-private:
-    // Makes the sender look. Leaves errno as a full queue does when there is no room.
-    static bool has_room(void* socket)
-    {
-        int events = 0;
-        size_t size = sizeof events;
-        const bool room =
-            zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size) == 0 && (events & ZMQ_POLLOUT) != 0;
-        errno = EAGAIN;
-        return room;
-    }
-
-    zmq_msg_t m_message;
-    bool m_is_made;
-};
-
-// "Exemption" is what our operators' log filters know as the end of an overflow.
-queue_watch msg_handler_queue{"Overflow message handler queue!", "Exemption message handler queue!"};
-queue_watch proxy_input_queue{"Overflow proxy input queue!", "Exemption proxy input queue!"};
+overflow_watch msg_handler_queue{"Overflow message handler queue!", "Exemption message handler queue!"};
+overflow_watch proxy_input_queue{"Overflow proxy input queue!", "Exemption proxy input queue!"};
 
 } // namespace
 
@@ -99,20 +43,16 @@ static void print_raw_output(WIN_SERVER_t* server, bytes_view data)
 {
     if (!dbg_is_wanted(DBG_RAW))
         return;
-    const std::unique_ptr<char[]> text{new (std::nothrow) char[2 * data.size() + 1]};
-    if (!text)
-        return;
-    *write_hex(data, text.get()) = '\0';
-    dbg_print(server->dbg_client_sock, DBG_RAW, "HANDLER_RAW_OUTPUT", "%s [%zu]", text.get(), data.size());
+    if (const hex_text text{data}; text.is_made())
+        dbg_print(server->dbg_client_sock, DBG_RAW, "HANDLER_RAW_OUTPUT", "%s [%zu]", text.c_str(),
+                  data.size());
 }
 
 void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size, uint32_t seconds,
                          uint16_t milliseconds)
 {
-    if (!server || !data) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, data))
         return;
-    }
     print_raw_output(server, {data, size});
 
     const timestamp_bytes time = timestamp_frame(seconds, milliseconds);
@@ -126,7 +66,7 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
     std::memcpy(data_part.data(), data, size);
 
     void* socket = zsock_resolve(server->msg_handler_sock);
-    if (time_part.send_first(socket, ZMQ_DONTWAIT | ZMQ_SNDMORE) && data_part.send(socket, ZMQ_DONTWAIT))
+    if (send_first(time_part, socket, true) && data_part.send(socket))
         msg_handler_queue.accepted();
     else
         msg_handler_queue.refused(__func__, "zframe_send");
@@ -134,10 +74,8 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
 
 void win_management_to_server(WIN_SERVER_t* server, const char* text)
 {
-    if (!server || !text) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, text))
         return;
-    }
     const tav_timestamp_t now = get_current_time();
     char head[management_head_limit];
     const size_t head_size = write_management_head(now, head);
@@ -156,7 +94,7 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text)
                  reinterpret_cast<const char*>(line.data()));
 
     // Peers take the line's end from the frame's: there is no terminating zero.
-    if (line.send_first(zsock_resolve(server->proxy_input_sock), ZMQ_DONTWAIT))
+    if (send_first(line, zsock_resolve(server->proxy_input_sock)))
         proxy_input_queue.accepted();
     else
         proxy_input_queue.refused(__func__, "zstr_send (proxy_input_sock)");
@@ -185,10 +123,8 @@ static void print_ul_tdoa(WIN_SERVER_t* server, const ul_tdoa_report& report)
 
 bool processing_ul_tdoa(WIN_SERVER_t* server, bytes_view message, const uint8_t* /*node_mac*/)
 {
-    if (!server || !message.data()) {
-        logger_error(g_logger, str_null_pointer, __func__);
+    if (any_null(__func__, server, message.data()))
         return false;
-    }
     const auto report = read_ul_tdoa(message);
     if (!report)
         return false;

@@ -1,5 +1,8 @@
 // The debug stream and the helpers of common.h.
 #include "base/common.h"
+#include "base/hex.h"
+#include "firmware/crc32.h"
+#include "link/rpl_version.h"
 
 #include "base/czmq_ptr.h"
 #include "base/logger.h"

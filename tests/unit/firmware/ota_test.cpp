@@ -1,5 +1,6 @@
 #include "base/common.h"
 #include "base/czmq_ptr.h"
+#include "firmware/crc32.h"
 #include "firmware/image_download.h"
 #include "firmware/ota.h"
 #include "support/http_responder.h"

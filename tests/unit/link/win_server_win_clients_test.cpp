@@ -1,7 +1,9 @@
 #include "link/win_server_private.h"
 
 #include "base/czmq_ptr.h"
-#include "link/link_text.h"
+#include "base/hex.h"
+#include "base/peer.h"
+#include "link/rpl_version.h"
 #include "support/failing_new.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
@@ -48,7 +50,7 @@ std::string text(const bytes_t& bytes)
 
 std::string key_of(const WIN_CLIENT_t& client)
 {
-    return client_key{client.id}.c_str();
+    return identity_key{client.id}.c_str();
 }
 
 // What waits for the client, oldest first.

@@ -1,8 +1,8 @@
 #include "link/win_server_private.h"
 
 #include "base/czmq_ptr.h"
+#include "base/peer.h"
 #include "base/signals.h"
-#include "link/link_text.h"
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
@@ -37,7 +37,7 @@ private:
 std::string closed_line(const WIN_CLIENT_t& client, const char* mac = "00000000000:00000")
 {
     return "SLIP: Connection closed by gateway IP:127.0.0.1:" + std::to_string(ntohs(client.addr.sin_port)) +
-           " MAC:" + mac + " ID:[" + client_key{client.id}.c_str() + "]";
+           " MAC:" + mac + " ID:[" + identity_key{client.id}.c_str() + "]";
 }
 
 void name_bridge(const win_link& link, WIN_CLIENT_t* client, uint8_t last_byte)
@@ -304,7 +304,7 @@ TEST(unsent_messages, go_out_oldest_first_with_a_line_each)
     EXPECT_EQ(client->unsent_bytes, 0U);
     EXPECT_FALSE(client->unsent_overflow);
     const std::string tail =
-        " 127.0.0.1:" + std::to_string(peer.port()) + " [" + client_key{client->id}.c_str() + "]";
+        " 127.0.0.1:" + std::to_string(peer.port()) + " [" + identity_key{client->id}.c_str() + "]";
     EXPECT_THAT(log.messages("raw"),
                 ElementsAre("SLIP_RAW_OUTPUT_FROM_CACHE: 0102 [2] cache size: 1" + tail,
                             "SLIP_RAW_OUTPUT_FROM_CACHE: F5F700 [3] cache size: 0" + tail));
@@ -385,7 +385,7 @@ TEST(unsent_messages, beyond_the_ceiling_are_lost_and_reported_once_until_the_ca
             EXPECT_FALSE(data_to_cache(&link.server(), client, one, 1));
         client->unsent_bytes = 0;
     };
-    const std::string then = "data_to_cache: win client [" + std::string(client_key{client->id}.c_str()) +
+    const std::string then = "data_to_cache: win client [" + std::string(identity_key{client->id}.c_str()) +
                              "] IP 127.0.0.1:" + std::to_string(peer.port()) +
                              " does not read: 16777216 bytes wait for it, messages are lost!";
     log.take();

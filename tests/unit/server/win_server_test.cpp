@@ -1,8 +1,8 @@
 #include "server/win_server.h"
 
 #include "base/czmq_ptr.h"
+#include "base/peer.h"
 #include "base/signals.h"
-#include "link/link_text.h"
 #include "link/win_server_private.h"
 #include "support/free_port.h"
 #include "support/hex_bytes.h"
