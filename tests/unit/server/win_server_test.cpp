@@ -132,7 +132,7 @@ TEST(win_server_new, takes_the_configuration_over)
     const server_owner owner{win_server_new(config.get(), &any_gateway)};
     ASSERT_NE(owner.handle, nullptr);
     const WIN_SERVER_t& server = owner.server();
-    EXPECT_EQ(server.rtls_gateway, &any_gateway);
+    EXPECT_EQ(static_cast<void*>(server.rtls_gateway), &any_gateway);
     EXPECT_EQ(server.win_port, 4000);
     EXPECT_EQ(server.discovery_port, 4001);
     EXPECT_STREQ(server.proxy_full_address, "tcp://10.0.0.5:5555");

@@ -265,34 +265,34 @@ TEST_F(terminal_firmware_test, apply_always_addresses_the_node_000A)
 // The words of the operators are the sub-command's own (see above); the functions take any.
 TEST_F(terminal_firmware_test, info_by_index)
 {
-    EXPECT_EQ(firmware_info(gateway(), "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "0"), "Incorrect INDEX value!\n");
     fetch_image();
-    const std::string text = firmware_info(gateway(), "0");
+    const std::string text = firmware_info(*static_cast<services*>(gateway()), "0");
     EXPECT_TRUE(text.starts_with("index: 0\ngit id: 102A0FF\ncrc32: ")) << text;
     EXPECT_TRUE(text.ends_with("size: 1000\npage size: 256\npages: 4\nboard version: 3\nboard revision: 14\n"
                                "maximum pages: 1024\n"))
         << text;
-    EXPECT_EQ(firmware_info(gateway(), "1"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_info(gateway(), "3"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_info(gateway(), "zz"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "1"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "3"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "zz"), "Incorrect INDEX value!\n");
 }
 
 TEST_F(terminal_firmware_test, del_by_index)
 {
     fetch_image();
-    EXPECT_EQ(firmware_del(gateway(), "1"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_del(gateway(), "zz"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "1"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "zz"), "Incorrect INDEX value!\n");
     EXPECT_EQ(answer_to("fw del 0"), "Incorrect INDEX value!\n") << "it means slot 222";
-    EXPECT_EQ(firmware_del(gateway(), "0"), "Command sent successfully!\n");
-    EXPECT_EQ(firmware_del(gateway(), "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "0"), "Command sent successfully!\n");
+    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "0"), "Incorrect INDEX value!\n");
 }
 
 TEST_F(terminal_firmware_test, apply_by_mac)
 {
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
-    EXPECT_EQ(firmware_apply(gateway(), "zz"), "Incorrect MAC value!\n");
-    EXPECT_EQ(firmware_apply(gateway(), "1a2c"), "Node 1A2C not in nodes list\n");
-    EXPECT_EQ(firmware_apply(gateway(), "1a2b"), "Command sent successfully!\n");
+    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "zz"), "Incorrect MAC value!\n");
+    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2c"), "Node 1A2C not in nodes list\n");
+    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2b"), "Command sent successfully!\n");
     EXPECT_EQ(next_request(), hex("0E 08 00 00 02 00 11 00 01 02 03 04 05 1A 2B"));
 }
 
@@ -315,13 +315,14 @@ TEST_F(terminal_firmware_test, set_by_index_and_mac)
         {"0", "1a2c", "GW", "Node 1A2C not in nodes list\n"},
     };
     for (const auto& c : refused)
-        EXPECT_EQ(firmware_set(gateway(), c.index, c.mac, c.source), c.then);
+        EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), c.index, c.mac, c.source), c.then);
     const struct {
         const char* source;
         std::optional<uint16_t> meant;
     } sent[] = {{nullptr, std::nullopt}, {"GW", 0}, {"gw", 0}, {"0", 0}, {"beef", 0xBEEF}};
     for (const auto& c : sent) {
-        EXPECT_EQ(firmware_set(gateway(), "0", "1a2b", c.source), "Command sent the node successfully!\n");
+        EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), "0", "1a2b", c.source),
+                  "Command sent the node successfully!\n");
         EXPECT_EQ(next_request(), make_set_request(info, c.meant, sample_mac));
     }
 }
@@ -330,10 +331,11 @@ TEST_F(terminal_firmware_test, a_full_queue_fails_the_command)
 {
     fetch_image();
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
-    while (firmware_apply(gateway(), "1a2b") == "Command sent successfully!\n") {
+    while (firmware_apply(*static_cast<services*>(gateway()), "1a2b") == "Command sent successfully!\n") {
     }
-    EXPECT_EQ(firmware_apply(gateway(), "1a2b"), "Failed to send command!\n");
-    EXPECT_EQ(firmware_set(gateway(), "0", "1a2b", nullptr), "Failed to send command!\n");
+    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2b"), "Failed to send command!\n");
+    EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), "0", "1a2b", nullptr),
+              "Failed to send command!\n");
     EXPECT_EQ(m_log.messages("main"), strings(3, "Overflow winserw queue!"));
 }
 
