@@ -28,7 +28,6 @@ class Generator:
         self.macs += [mac[:4] + self._bytes(2) + mac[6:] for mac in random.sample(self.macs, 4)]   # same short MAC
         self.shared = [PREFIX + bytes((2, 0, 0, 0, 0, 0, 0, n)) for n in range(3)] + [bytes(16)]
         self.commands = []
-        self.without_requests = False      # for the version, so that their timer runs out
 
     def _new_mac(self) -> bytes:
         r = self.r
@@ -65,16 +64,14 @@ class Generator:
         position = struct.pack("<iihh", r.randrange(-2 ** 31, 2 ** 31), r.randrange(-99999, 99999),
                                r.randrange(-32768, 32768), r.randrange(-32768, 32768))
         frequency = r.choice((0, 0, 12, 20, 60, 255, r.randrange(1, 256)))
-        fixed = (le16(kind | flags) + bytes((self.seq(), frequency, r.randrange(256), r.randrange(256), r.randrange(256)))
-                 + mac + self.mac() + self._bytes(4) + position)
+        fixed = (le16(kind | flags) + bytes((self.seq(), frequency)) + self._bytes(3) + mac + self.mac()
+                 + self._bytes(4) + position)
         if not own:
             return fixed
         bridge_mac = self.mac() if r.random() < 0.15 else self.bridge_macs[bridge]
         return fixed + bridge_mac + self.ip_of(mac)
 
     def panid_request(self, flags: int) -> bytes:
-        if self.without_requests:
-            return self.root(flags)
         return le16(PANID_REQ | flags) + bytes((self.seq(),)) + self.mac()
 
     def root(self, flags: int) -> bytes:
@@ -167,7 +164,8 @@ class Generator:
     def timestamp(self) -> bytes:
         r = self.r
         seconds = r.choice(TIMES) if r.random() < 0.6 else r.randrange(1 << 32)
-        return b"\x00\x02" + self._bytes(3) + struct.pack(">IH", seconds, r.choice((0, 0x8000, 0xFFFF, r.randrange(65536))))
+        fraction = r.choice((0, 0x8000, 0xFFFF, r.randrange(65536)))
+        return b"\x00\x02" + self._bytes(3) + struct.pack(">IH", seconds, fraction)
 
     def bridge_message(self, bridge: int) -> bytes:
         r = self.r
@@ -254,7 +252,8 @@ class Generator:
             return be16(2064) + self._bytes(1 + max(0, self._off())) + mac
         if x < 0.96:
             url = self._bytes(r.randrange(20))
-            return be16(r.choice((18, 2061))) + self._bytes(8) + be16(len(url) + r.choice((-2, -1, 1, 2)) & 0xFFFF) + url
+            length = len(url) + r.choice((-2, -1, 1, 2)) & 0xFFFF
+            return be16(r.choice((18, 2061))) + self._bytes(8) + be16(length) + url
         return be16(r.choice((0, 0x0801, 0x0104, 2065, 2068, 0x8102))) + self._bytes(r.randrange(30)) + mac
 
     def _off(self) -> int:

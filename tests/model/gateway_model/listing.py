@@ -83,7 +83,7 @@ def check(text: str, gateway, moment):
     for node in nodes:
         key = colon_mac(node.mac)
         if key not in got:
-            raise Difference(f"not listed: {node_line(node, False)!r}, expected under {group_of(node, gateway.clients)}")
+            raise Difference(f"not listed: {node_line(node, False)!r}")
         _check_node(node, got[key], place[key], place, gateway, moment)
     if len(got) != len(nodes):
         extra = set(got) - {colon_mac(node.mac) for node in nodes}
@@ -137,7 +137,8 @@ def _check_activity(node, line: str, moment) -> str:
         youngest, oldest = math.floor(moment.lo - node.activity.hi), math.floor(moment.hi - node.activity.lo + 0.001)
     age = int(match.group(2)) * 3600 + int(match.group(3)) * 60 + int(match.group(4))
     if match.group(1) not in possible or not max(0, youngest) <= age <= oldest:
-        raise Difference(f"activity {match.group(0)!r}, expected one of {possible}, age {youngest} to {oldest}: {line!r}")
+        raise Difference(f"activity {match.group(0)!r}, expected one of {possible}, age {youngest} to {oldest}: "
+                         f"{line!r}")
     return line.replace(match.group(0), "act:")
 
 
@@ -146,5 +147,5 @@ def _check_order(groups, nodes):
     for name, lines in groups.items():
         ranks = [rank[line[:17]] for line in lines]
         if ranks != sorted(ranks):
-            raise Difference(f"order under {name}\nexpected {[lines[i][:17] for i in sorted(range(len(lines)), key=ranks.__getitem__)]}"
-                             f"\ngot      {[line[:17] for line in lines]}")
+            macs = [line[:17] for line in lines]
+            raise Difference(f"order under {name}\nexpected {sorted(macs, key=rank.get)}\ngot      {macs}")

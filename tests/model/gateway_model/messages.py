@@ -36,7 +36,8 @@ def mixed_case(mac: bytes) -> str:
 class Frame:
     """One message on its way through the dispatch."""
 
-    __slots__ = ("client", "data", "type", "generated", "ack_requested", "ack_seq", "ack_ip", "forwarded", "change_route")
+    __slots__ = ("client", "data", "type", "generated", "ack_requested", "ack_seq", "ack_ip", "forwarded",
+                 "change_route")
 
 
 class Messages:
