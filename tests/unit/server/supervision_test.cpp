@@ -6,6 +6,7 @@
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
+#include "support/wait.h"
 #include "support/win_link.h"
 
 #include <gmock/gmock.h>

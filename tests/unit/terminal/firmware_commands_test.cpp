@@ -4,7 +4,12 @@
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
-#include "support/terminal_fixture.h"
+#include "support/operator_peer.h"
+#include "support/sock.h"
+#include "support/tcp_listener.h"
+#include "support/temp_file.h"
+#include "support/test_gateway.h"
+#include "support/wait.h"
 #include "terminal/node_requests.h"
 
 #include <gmock/gmock.h>
@@ -130,24 +135,6 @@ TEST(firmware_texts, the_paragraph_on_an_image)
 
 // --- Answers, with a store and a terminal server
 
-// A firmware image in a file.
-class image_file {
-public:
-    explicit image_file(const bytes_t& image)
-    {
-        const int fd = mkstemp(m_name);
-        EXPECT_EQ(write(fd, image.data(), image.size()), static_cast<ssize_t>(image.size()));
-        close(fd);
-    }
-    ~image_file() { unlink(m_name); }
-    image_file(const image_file&) = delete;
-    image_file& operator=(const image_file&) = delete;
-    std::string url() const { return std::string{"file://"} + m_name; }
-
-private:
-    char m_name[32] = "/tmp/terminal_firmwareXXXXXX";
-};
-
 static bytes_t tag(const char* name)
 {
     return {name, name + strlen(name) + 1};
@@ -189,7 +176,8 @@ protected:
 
     void fetch_image()
     {
-        const image_file file{sample_image()};
+        const bytes_t image = sample_image();
+        const temp_file file{"image.bin", {reinterpret_cast<const char*>(image.data()), image.size()}};
         ASSERT_EQ(answer_to("fw get " + file.url()), "Firmware downloaded. Index: 0\n");
     }
 
@@ -204,8 +192,8 @@ protected:
     void* gateway() const { return m_gateway.handle(); }
 
     log_capture m_log;
-    zsock_ptr m_win_server{zsock_new_router("@inproc://winserw_channel")};
     test_gateway m_gateway;
+    zsock_ptr m_win_server{zsock_new_router("@inproc://winserw_channel")};
     std::unique_ptr<operator_peer> m_operator;
 };
 
@@ -342,23 +330,16 @@ TEST_F(terminal_firmware_test, a_full_queue_fails_the_command)
 // The answer is addressed before the transfer; whoever leaves in between must not put it astray.
 TEST_F(terminal_firmware_test, leaving_during_a_download_disturbs_nobody)
 {
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = ipv4_address("127.0.0.1", 0);
-    socklen_t size = sizeof addr;
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(listener, 1), 0);
-    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &size), 0);
-    const std::string command = "fw get http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/x\n";
+    tcp_listener web;
+    const std::string command = "fw get http://127.0.0.1:" + std::to_string(web.port()) + "/x\n";
     for (int round = 0; round < 3; ++round) {
         operator_peer leaving{m_gateway.terminal_port()};
         leaving.write(command);
-        const int transfer = accept(listener, nullptr, nullptr); // the command is being run
-        ASSERT_GE(transfer, 0);
+        const int transfer = web.accept(); // the command is being run
         leaving.close();
         close(transfer);
         EXPECT_EQ(answer_to("fw"), "Incorrect parameters!\n");
     }
-    close(listener);
 }
 
 } // namespace rtls

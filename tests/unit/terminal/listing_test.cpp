@@ -3,7 +3,7 @@
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
-#include "support/terminal_fixture.h"
+#include "support/test_gateway.h"
 
 #include <gtest/gtest.h>
 

@@ -4,8 +4,9 @@
 // Threads    Any may ask; construct and destroy on one, while none downloads.
 #pragma once
 
+#include "support/tcp_listener.h"
+
 #include <condition_variable>
-#include <cstdint>
 #include <map>
 #include <mutex>
 #include <string>
@@ -58,10 +59,9 @@ private:
     bool held_until_release(int client);
 
     const std::map<std::string, http_answer> m_answers;
-    int m_listener = -1;
+    tcp_listener m_listener;
     int m_released = -1; // eventfds: readable from then on
     int m_stopped = -1;
-    uint16_t m_port = 0;
 
     std::mutex m_mutex; // guards the rest
     std::condition_variable m_changed;

@@ -3,8 +3,10 @@
 // Plays the debug broker, so it sees debug records whatever debug_mask says, without escape sequences
 // and never cut. Each record is handed out once: what a call returns is gone afterwards.
 // Threads    The test's own thread; records of other threads are seen, too.
-// Failures   Throws std::runtime_error when records do not arrive for five seconds.
+// Failures   Throws std::runtime_error when records do not arrive in time.
 #pragma once
+
+#include "support/wait.h"
 
 #include <zmq.hpp>
 
@@ -22,7 +24,7 @@ public:
     log_capture& operator=(const log_capture&) = delete;
 
     // Whether a record that contains the text is there, or comes within the time. Takes nothing.
-    bool wait_for(std::string_view text_part, int timeout_ms = 5000);
+    bool wait_for(std::string_view text_part, std::chrono::milliseconds time = patience);
 
     // Every record written so far, whole: "&rtls-gateway:main 2024-05-01 13:07:02.045 Exiting".
     std::vector<std::string> take();
@@ -35,7 +37,7 @@ public:
     const std::string& endpoint() const { return m_endpoint; }
 
 private:
-    bool receive(int timeout_ms);
+    bool receive(std::chrono::milliseconds time);
     void synchronise();
 
     zmq::context_t m_context;

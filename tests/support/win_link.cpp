@@ -1,14 +1,11 @@
 #include "support/win_link.h"
 
 #include "registry/nodes_container.h"
-#include "rtls-gateway.h"
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <stdexcept>
 
 namespace rtls {
@@ -16,85 +13,7 @@ namespace rtls {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-static constexpr auto patience = std::chrono::seconds(5);
-
-std::string gateway_config(uint16_t win_port, uint16_t discovery_port, uint16_t terminal_port)
-{
-    return "pidfile = /dev/null\n"
-           "firmware_files = 1\n"
-           "ports\n"
-           "    win = " +
-           std::to_string(win_port) + "\n    discovery = " + std::to_string(discovery_port) +
-           "\n    terminal = " + std::to_string(terminal_port) +
-           "\n"
-           "pub_sub_proxy\n"
-           "    address = 127.0.0.1\n"
-           "    port = 9\n"
-           "    input_port = 9\n"
-           "message_handler\n"
-           "    address = 127.0.0.1\n"
-           "    port = 9\n";
-}
-
-// By a socket of the system's own: CZMQ's listeners are closed some time after zsock_destroy.
-void clear_stop()
-{
-    __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED);
-}
-
-bool repeat_until(const std::function<bool()>& done, const std::function<void()>& step)
-{
-    const auto deadline = steady_clock::now() + patience;
-    while (!done()) {
-        if (steady_clock::now() > deadline)
-            return false;
-        step();
-    }
-    return true;
-}
-
-static void* gateway_from(std::string_view config)
-{
-    char path[] = "/tmp/win_link_XXXXXX";
-    const int fd = mkstemp(path);
-    if (fd < 0 || write(fd, config.data(), config.size()) != static_cast<ssize_t>(config.size()))
-        throw std::runtime_error("configured_gateway: no configuration file");
-    close(fd);
-    void* gateway = rtls_gateway_new(path);
-    std::remove(path);
-    if (!gateway)
-        throw std::runtime_error("configured_gateway: no gateway");
-    return gateway;
-}
-
-configured_gateway::configured_gateway(std::string_view config) : m_gateway(gateway_from(config)) {}
-
-// A closed socket gives up its name in the process a little later, and the next gateway needs it.
-static void wait_until_free(const char* endpoint)
-{
-    zsock_t* sock = zsock_new(ZMQ_ROUTER);
-    repeat_until([&] { return zsock_bind(sock, "%s", endpoint) == 0; }, [] { zclock_sleep(1); });
-    zsock_unbind(sock, "%s", endpoint); // this gives the name up at once
-    zsock_destroy(&sock);
-}
-
-configured_gateway::~configured_gateway()
-{
-    rtls_gateway_destroy(&m_gateway);
-    wait_until_free("inproc://winserw_channel");
-}
-
-void* configured_gateway::nodes() const
-{
-    return rtls_gateway_get_nodes_container(m_gateway);
-}
-
-WIN_SERVER_t& configured_gateway::win_server() const
-{
-    return *static_cast<WIN_SERVER_t*>(rtls_gateway_get_win_server(m_gateway));
-}
-
-win_link::win_link(int high_water_mark) : m_gateway(gateway_config(1, 1, 1))
+win_link::win_link(int high_water_mark)
 {
     server().win_sock = zsock_new(ZMQ_STREAM);
     server().actor_loop = zloop_new();

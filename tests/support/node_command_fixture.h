@@ -5,9 +5,8 @@
 // Threads    The test's own; no actor runs.
 #pragma once
 
-#include "base/bytes.h"
-#include "link/win_server_private.h"
 #include "support/log_capture.h"
+#include "support/test_gateway.h"
 
 #include <gtest/gtest.h>
 
@@ -16,21 +15,6 @@
 #include <vector>
 
 namespace rtls {
-
-// A file that lives as long as the object.
-class temporary_file {
-public:
-    explicit temporary_file(std::string_view content);
-    ~temporary_file();
-    temporary_file(const temporary_file&) = delete;
-    temporary_file& operator=(const temporary_file&) = delete;
-
-    const std::string& path() const { return m_path; }
-    std::string url() const { return "file://" + m_path; }
-
-private:
-    std::string m_path;
-};
 
 class node_command_fixture : public testing::Test {
 protected:
@@ -61,9 +45,14 @@ protected:
     static constexpr char node_ip[] = "FE80000000000000A1A2A3A4A5A6A7A8";
 
     log_capture m_log;
-    void* gateway = nullptr;
-    WIN_SERVER_t* server = nullptr;
-    void* nodes = nullptr;
+
+private:
+    test_gateway m_gateway;
+
+protected:
+    void* gateway = m_gateway.handle();
+    WIN_SERVER_t* server = &m_gateway.win_server();
+    void* nodes = m_gateway.nodes();
 };
 
 } // namespace rtls

@@ -14,15 +14,8 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 static constexpr char marker_text[] = "log_capture marker";
-static constexpr auto patience = milliseconds(5000);
 static constexpr auto marker_patience = milliseconds(200);
 static constexpr size_t date_length = sizeof "2024-05-01 13:07:02.045 " - 1;
-
-static int remaining_ms(steady_clock::time_point deadline)
-{
-    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
-    return static_cast<int>(std::max(left, milliseconds(0)).count());
-}
 
 static std::string_view component_of(std::string_view record)
 {
@@ -57,9 +50,9 @@ log_capture::~log_capture()
 }
 
 // Adds the next record, if one comes in time.
-bool log_capture::receive(int timeout_ms)
+bool log_capture::receive(milliseconds time)
 {
-    m_broker.set(zmq::sockopt::rcvtimeo, timeout_ms);
+    m_broker.set(zmq::sockopt::rcvtimeo, static_cast<int>(time.count()));
     zmq::message_t record;
     if (!m_broker.recv(record))
         return false;
@@ -67,13 +60,13 @@ bool log_capture::receive(int timeout_ms)
     return true;
 }
 
-bool log_capture::wait_for(std::string_view text_part, int timeout_ms)
+bool log_capture::wait_for(std::string_view text_part, milliseconds time)
 {
-    const auto deadline = steady_clock::now() + milliseconds(timeout_ms);
+    const auto deadline = steady_clock::now() + time;
     const auto contains = [&](const std::string& record) { return record.find(text_part) != record.npos; };
     if (std::ranges::any_of(m_records, contains))
         return true;
-    while (receive(remaining_ms(deadline)))
+    while (receive(left_until(deadline)))
         if (contains(m_records.back()))
             return true;
     return false;
@@ -87,7 +80,7 @@ void log_capture::synchronise()
     const std::string marker = marker_text + (" " + std::to_string(++m_last_marker)) + ".";
     do {
         logger_info(g_logger, "%s", marker.c_str());
-        if (wait_for(marker, static_cast<int>(marker_patience.count()))) {
+        if (wait_for(marker, marker_patience)) {
             std::erase_if(m_records, [](const std::string& record) {
                 return message_of(record).starts_with(marker_text);
             });

@@ -2,6 +2,7 @@
 
 #include "base/hex.h"
 #include "registry/nodes_container.h"
+#include "support/sock.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -66,13 +67,6 @@ bytes_t with_timestamp(const bytes_t& message, const std::string& seconds_and_fr
 }
 
 // --- the daemon
-
-// Never the same name twice: a closed socket gives its name up some time later.
-static std::string new_endpoint()
-{
-    static int number = 0;
-    return "inproc://bridge_message_fixture_" + std::to_string(++number);
-}
 
 static zsock_t* new_peer(zsock_t*& server_sock)
 {

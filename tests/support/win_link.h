@@ -5,40 +5,14 @@
 // Threads    The test's own.
 #pragma once
 
-#include "link/win_server_private.h"
 #include "support/tcp_peer.h"
+#include "support/test_gateway.h"
 
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <string_view>
 
 namespace rtls {
-
-// The text of a configuration file with these ports; nobody listens at the servers upstream.
-std::string gateway_config(uint16_t win_port, uint16_t discovery_port, uint16_t terminal_port);
-
-// Takes back that the process is to stop, which the end of an actor asks for. No actor may run.
-void clear_stop();
-
-// Repeats `step` until `done` holds; false when it does not within five seconds.
-bool repeat_until(const std::function<bool()>& done, const std::function<void()>& step);
-
-// A gateway from the text of a configuration file; destroyed with the object, so that another may run.
-class configured_gateway {
-public:
-    explicit configured_gateway(std::string_view config);
-    ~configured_gateway();
-    configured_gateway(const configured_gateway&) = delete;
-    configured_gateway& operator=(const configured_gateway&) = delete;
-
-    void* handle() const { return m_gateway; }
-    void* nodes() const;
-    WIN_SERVER_t& win_server() const;
-
-private:
-    void* m_gateway;
-};
 
 class win_link {
 public:
@@ -70,7 +44,7 @@ public:
     std::string fill(WIN_CLIENT_t& client) const;
 
 private:
-    configured_gateway m_gateway;
+    test_gateway m_gateway;
     uint16_t m_port;
 };
 

@@ -2,43 +2,13 @@
 
 #include "base/hex.h"
 #include "registry/nodes_container.h"
-#include "rtls-gateway.h"
 #include "support/hex_bytes.h"
-#include "support/idle_gateway.h"
 #include "wire/slip.h"
-
-#include <unistd.h>
-
-#include <cstdlib>
-#include <stdexcept>
 
 namespace rtls {
 
-temporary_file::temporary_file(std::string_view content)
-{
-    char path[] = "/tmp/rtls-gateway-test-XXXXXX";
-    const int file = mkstemp(path);
-    const bool written =
-        file != -1 && write(file, content.data(), content.size()) == static_cast<ssize_t>(content.size());
-    if (file != -1)
-        close(file);
-    if (!written)
-        throw std::runtime_error("temporary_file: cannot write");
-    m_path = path;
-}
-
-temporary_file::~temporary_file()
-{
-    unlink(m_path.c_str());
-}
-
 node_command_fixture::node_command_fixture()
 {
-    gateway = new_idle_gateway();
-    if (!gateway)
-        throw std::runtime_error("node_command_fixture: no gateway");
-    server = static_cast<WIN_SERVER_t*>(rtls_gateway_get_win_server(gateway));
-    nodes = rtls_gateway_get_nodes_container(gateway);
     server->win_sock = zsock_new(ZMQ_STREAM);
     (void)m_log.take();
 }
@@ -46,16 +16,11 @@ node_command_fixture::node_command_fixture()
 node_command_fixture::~node_command_fixture()
 {
     zsock_destroy(&server->win_sock);
-    rtls_gateway_destroy(&gateway);
 }
 
 WIN_CLIENT_t* node_command_fixture::add_bridge(const std::string& id)
 {
-    const bytes_t bytes = hex(id);
-    const zframe_ptr identity{zframe_new(bytes.data(), bytes.size())};
-    WIN_CLIENT_t* bridge = win_client_new(identity.get());
-    zhashx_insert(server->clients, id.c_str(), bridge);
-    return bridge;
+    return m_gateway.add_bridge(hex(id));
 }
 
 void node_command_fixture::disconnect(const std::string& id)

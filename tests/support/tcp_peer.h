@@ -4,6 +4,8 @@
 // Failures   Throws std::system_error when a call fails that must not.
 #pragma once
 
+#include "support/wait.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -24,17 +26,22 @@ public:
     uint16_t port() const;
     void send(std::span<const uint8_t> bytes);
     // `count` bytes; fewer when the connection ends or the time is over.
-    std::string receive(size_t count, std::chrono::milliseconds patience = std::chrono::seconds(5));
+    std::string receive(size_t count, std::chrono::milliseconds time = patience);
+    // Adds what comes next, up to `limit` bytes; false when nothing comes in time or the connection ends.
+    bool receive_more(std::string& received, std::chrono::milliseconds time, size_t limit = SIZE_MAX);
     // All that is there now.
     std::string receive_available();
     // Whether the other end closes (or has closed) the connection in time; what it still sends is read.
-    bool is_closed(std::chrono::milliseconds patience = std::chrono::seconds(5));
+    bool is_closed(std::chrono::milliseconds time = patience);
+    // Whether the end of the connection has been read.
+    bool has_ended() const { return m_ended; }
     void close();
 
 private:
-    bool wait_readable(std::chrono::milliseconds patience) const;
+    bool wait_readable(std::chrono::milliseconds time) const;
 
     int m_fd;
+    bool m_ended = false;
 };
 
 } // namespace rtls

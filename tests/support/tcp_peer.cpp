@@ -24,11 +24,6 @@ static int checked(int result, const char* call)
     return result;
 }
 
-static milliseconds left_until(steady_clock::time_point deadline)
-{
-    return std::max(std::chrono::ceil<milliseconds>(deadline - steady_clock::now()), milliseconds(0));
-}
-
 tcp_peer::tcp_peer(uint16_t port, int receive_buffer)
     : m_fd(checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"))
 {
@@ -48,7 +43,7 @@ tcp_peer::~tcp_peer()
     close();
 }
 
-tcp_peer::tcp_peer(tcp_peer&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+tcp_peer::tcp_peer(tcp_peer&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)), m_ended(other.m_ended) {}
 
 void tcp_peer::close()
 {
@@ -74,47 +69,48 @@ void tcp_peer::send(std::span<const uint8_t> bytes)
     }
 }
 
-bool tcp_peer::wait_readable(milliseconds patience) const
+bool tcp_peer::wait_readable(milliseconds time) const
 {
     pollfd item{m_fd, POLLIN, 0};
-    return poll(&item, 1, static_cast<int>(patience.count())) > 0;
+    return poll(&item, 1, static_cast<int>(time.count())) > 0;
 }
 
-std::string tcp_peer::receive(size_t count, milliseconds patience)
+bool tcp_peer::receive_more(std::string& received, milliseconds time, size_t limit)
 {
-    const auto deadline = steady_clock::now() + patience;
-    std::string received(count, '\0');
-    size_t size = 0;
-    while (size < count && wait_readable(left_until(deadline))) {
-        const ssize_t more = recv(m_fd, received.data() + size, count - size, 0);
-        if (more <= 0)
-            break;
-        size += static_cast<size_t>(more);
+    if (m_ended || !wait_readable(time))
+        return false;
+    std::array<char, 65536> chunk;
+    const ssize_t size = recv(m_fd, chunk.data(), std::min(limit, chunk.size()), 0);
+    m_ended = size <= 0; // the end, or a reset
+    if (size > 0)
+        received.append(chunk.data(), static_cast<size_t>(size));
+    return size > 0;
+}
+
+std::string tcp_peer::receive(size_t count, milliseconds time)
+{
+    const auto deadline = steady_clock::now() + time;
+    std::string received;
+    while (received.size() < count && receive_more(received, left_until(deadline), count - received.size())) {
     }
-    received.resize(size);
     return received;
 }
 
 std::string tcp_peer::receive_available()
 {
     std::string received;
-    std::array<char, 65536> chunk;
-    for (;;) {
-        const ssize_t size = recv(m_fd, chunk.data(), chunk.size(), MSG_DONTWAIT);
-        if (size <= 0)
-            return received;
-        received.append(chunk.data(), static_cast<size_t>(size));
+    while (receive_more(received, milliseconds(0))) {
     }
+    return received;
 }
 
-bool tcp_peer::is_closed(milliseconds patience)
+bool tcp_peer::is_closed(milliseconds time)
 {
-    const auto deadline = steady_clock::now() + patience;
-    std::array<char, 65536> rest;
-    while (wait_readable(left_until(deadline)))
-        if (recv(m_fd, rest.data(), rest.size(), 0) <= 0) // the end, or a reset
-            return true;
-    return false;
+    const auto deadline = steady_clock::now() + time;
+    std::string rest;
+    while (receive_more(rest, left_until(deadline)))
+        rest.clear();
+    return m_ended;
 }
 
 } // namespace rtls

@@ -1,6 +1,5 @@
 #include "support/http_responder.h"
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -48,15 +47,6 @@ http_responder::http_responder(std::map<std::string, http_answer> answers) : m_a
     forget_proxies();
     m_released = checked(eventfd(0, EFD_CLOEXEC), "eventfd");
     m_stopped = checked(eventfd(0, EFD_CLOEXEC), "eventfd");
-    m_listener = checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    checked(bind(m_listener, reinterpret_cast<sockaddr*>(&address), length), "bind");
-    checked(listen(m_listener, 64), "listen");
-    checked(getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
-    m_port = ntohs(address.sin_port);
     m_acceptor = std::thread{[this] { accept_all(); }};
 }
 
@@ -66,13 +56,13 @@ http_responder::~http_responder()
     m_acceptor.join();
     for (auto& connection : m_connections)
         connection.join();
-    for (const int fd : {m_listener, m_released, m_stopped})
+    for (const int fd : {m_released, m_stopped})
         close(fd);
 }
 
 std::string http_responder::url(std::string_view path) const
 {
-    return "http://127.0.0.1:" + std::to_string(m_port) + std::string{path};
+    return "http://127.0.0.1:" + std::to_string(m_listener.port()) + std::string{path};
 }
 
 void http_responder::release()
@@ -101,12 +91,10 @@ size_t http_responder::most_at_once()
 void http_responder::accept_all()
 {
     while (true) {
-        std::array<pollfd, 2> events{{{m_listener, POLLIN, 0}, {m_stopped, POLLIN, 0}}};
+        std::array<pollfd, 2> events{{{m_listener.fd(), POLLIN, 0}, {m_stopped, POLLIN, 0}}};
         if (poll(events.data(), events.size(), -1) < 0 || events[1].revents != 0)
             return;
-        const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (client < 0)
-            continue;
+        const int client = m_listener.accept();
         const std::lock_guard lock{m_mutex};
         m_connections.emplace_back([this, client] { serve(client); });
     }
