@@ -38,7 +38,7 @@ void logger::set_debug(bool on)
 void logger::connect(const std::string& address)
 {
     {
-        const std::lock_guard lock(m_socket_mutex);
+        const rtls::mutex_guard lock(m_socket_mutex);
         m_debug_socket.connect(address);
         m_has_broker.store(true, std::memory_order_relaxed);
     }
@@ -52,7 +52,7 @@ std::unique_ptr<component_logger> logger::component(std::string_view name)
 
 void logger::publish(std::string_view record)
 {
-    const std::lock_guard lock(m_socket_mutex);
+    const rtls::mutex_guard lock(m_socket_mutex);
     try {
         // No result means that the queue is full, or that no broker is there.
         (void)m_debug_socket.send(zmq::buffer(record), zmq::send_flags::dontwait);

@@ -6,6 +6,7 @@
 // Failures   The constructor throws zmq::error_t or std::bad_alloc, connect() throws zmq::error_t.
 #pragma once
 
+#include "core/thread_annotations.h"
 #include "impl/component_logger.h"
 
 #include <zmq.hpp>
@@ -14,7 +15,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -61,8 +61,8 @@ private:
     std::atomic<bool> m_enable_logger{true};
     std::atomic<bool> m_has_broker{false};
     zmq::context_t m_zmq_context;
-    std::mutex m_socket_mutex;
-    zmq::socket_t m_debug_socket;
+    rtls::annotated_mutex m_socket_mutex;
+    zmq::socket_t m_debug_socket RTLS_GUARDED_BY(m_socket_mutex);
 };
 
 } // namespace tav::libs::core
