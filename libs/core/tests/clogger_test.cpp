@@ -108,6 +108,28 @@ TEST_F(clogger, debugging_opens_the_system_log_to_debug_records_and_dates_its_li
               (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_INFO, "without a date"}}));
 }
 
+TEST_F(clogger, only_the_mask_decides_what_the_system_log_gets)
+{
+    (void)syslog_capture::take();
+    setlogmask(LOG_UPTO(LOG_DEBUG)); // not by the library
+    EXPECT_TRUE(logger_debug_is_wanted(m_main.get()));
+    logger_debug(m_main.get(), "admitted");
+    EXPECT_EQ(syslog_capture::take(),
+              (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_DEBUG, "admitted"}}));
+    setlogmask(LOG_UPTO(LOG_WARNING));
+    EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
+    logger_debug(m_main.get(), "masked");
+    logger_info(m_main.get(), "masked");
+    logger_warning(m_main.get(), "admitted");
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("admitted"));
+
+    m_logger->m_logger.set_debug(true);
+    setlogmask(LOG_UPTO(LOG_INFO));
+    EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
+    logger_debug(m_main.get(), "masked in spite of the flag");
+    EXPECT_THAT(syslog_capture::take_texts(), IsEmpty());
+}
+
 TEST_F(clogger, percent_signs_in_a_message_stay_as_they_are)
 {
     connect();

@@ -41,7 +41,7 @@ component_logger::formatter component_logger::error(const char* pattern) const
 
 bool component_logger::is_debug_wanted() const
 {
-    return m_logger.is_wanted(LOG_DEBUG);
+    return m_logger.is_debug_wanted();
 }
 
 std::string component_logger::indent() const

@@ -48,8 +48,12 @@ public:
         return m_has_broker.load(std::memory_order_relaxed) && is_writing_to_socket();
     }
 
-    // Whether anybody hears a record of this level: the system log hears all but debug records.
-    bool is_wanted(int log_level) const { return log_level != LOG_DEBUG || is_debug() || is_publishing(); }
+    // Whether a debug record would reach anybody now. The system log's mask alone decides about the
+    // system log, and it belongs to the process: somebody else may have changed it.
+    bool is_debug_wanted() const { return is_publishing() || (setlogmask(0) & LOG_MASK(LOG_DEBUG)) != 0; }
+
+    // Whether a record of this level must be composed. All but debug records go to the system log anyway.
+    bool is_wanted(int log_level) const { return log_level != LOG_DEBUG || is_debug_wanted(); }
 
     // Sends one record to a broker. Never waits: a record that cannot go at once is lost.
     void publish(std::string_view record);
