@@ -5,6 +5,7 @@
 #include "impl/clogger.h"
 #include "support/allocation_count.h"
 #include "support/broker.h"
+#include "support/socket_options.h"
 #include "support/syslog_capture.h"
 
 #include <gmock/gmock.h>
@@ -128,6 +129,18 @@ TEST_F(clogger, only_the_mask_decides_what_the_system_log_gets)
     EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
     logger_debug(m_main.get(), "masked in spite of the flag");
     EXPECT_THAT(syslog_capture::take_texts(), IsEmpty());
+}
+
+TEST_F(clogger, debugging_shows_the_nesting_in_the_system_log)
+{
+    const tav::libs::core::logger& logger = m_logger->m_logger;
+    m_logger->m_logger.set_debug(true);
+    const auto scope = logger.enter_scope("scope");
+    (void)syslog_capture::take();
+    logger.info("text").date_time({0, 5});
+    m_logger->m_logger.set_debug(false);
+    logger.info("text").date_time({0, 5});
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("1970-01-01 00:00:00.005     | text", "text"));
 }
 
 TEST_F(clogger, percent_signs_in_a_message_stay_as_they_are)
@@ -325,6 +338,11 @@ TEST_F(clogger, destroying_closes_the_system_log_and_delivers_the_last_records)
     for (int i = 0; i < 500; ++i)
         ASSERT_EQ(m_broker.next_undated(), "&app:main DATE " + std::to_string(i));
     EXPECT_TRUE(m_broker.is_empty());
+}
+
+TEST_F(clogger, the_last_records_have_five_seconds_to_leave)
+{
+    EXPECT_EQ(socket_options::last_linger_ms(), 5000);
 }
 
 TEST_F(clogger, threads_log_at_once_and_records_stay_whole)
