@@ -345,6 +345,43 @@ TEST_F(clogger, the_last_records_have_five_seconds_to_leave)
     EXPECT_EQ(socket_options::last_linger_ms(), 5000);
 }
 
+// Short memory while a logger is made: no logger, and a system log that keeps no pointer into it.
+class short_memory : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!allocations_can_fail())
+            GTEST_SKIP() << "the sanitizer owns the operators";
+    }
+
+    // Long, so that its copies need memory.
+    const std::string m_name = "an-application-with-a-name-on-the-heap";
+};
+
+TEST_F(short_memory, before_its_socket_exists_leaves_no_logger)
+{
+    for (size_t allocation = 0; allocation < 3; ++allocation) {
+        fail_allocation_after(allocation);
+        EXPECT_EQ(create_logger(m_name.c_str()), nullptr) << "allocation " << allocation;
+        EXPECT_FALSE(cancel_failing_allocation());
+        EXPECT_FALSE(syslog_capture::is_open());
+    }
+}
+
+TEST_F(short_memory, after_its_socket_exists_leaves_no_logger_and_no_dangling_identity)
+{
+    size_t failed = 0;
+    for (bool was_short = true; was_short; failed += was_short) {
+        socket_options::on_next_linger([failed] { fail_allocation_after(failed); });
+        const logger_ptr logger = make_logger(m_name.c_str());
+        was_short = !cancel_failing_allocation();
+        EXPECT_EQ(logger == nullptr, was_short) << "allocation " << failed;
+        EXPECT_NE(syslog_capture::is_open(), was_short) << "allocation " << failed;
+    }
+    EXPECT_GT(failed, 0U);
+    EXPECT_FALSE(syslog_capture::is_open());
+}
+
 TEST_F(clogger, threads_log_at_once_and_records_stay_whole)
 {
     constexpr size_t threads_number = 4;
