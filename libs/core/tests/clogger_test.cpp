@@ -382,6 +382,18 @@ TEST_F(short_memory, after_its_socket_exists_leaves_no_logger_and_no_dangling_id
     EXPECT_FALSE(syslog_capture::is_open());
 }
 
+TEST_F(short_memory, in_a_connect_is_an_error_record)
+{
+    const broker reader;
+    const std::string address = reader.endpoint() + std::string(100, ' '); // needs memory
+    const logger_ptr logger = make_logger(m_name.c_str());
+    (void)syslog_capture::take();
+    fail_allocation_after(0);
+    logger_connect(logger.get(), address.c_str());
+    EXPECT_FALSE(cancel_failing_allocation());
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("logger_connect: out of memory!"));
+}
+
 TEST_F(clogger, threads_log_at_once_and_records_stay_whole)
 {
     constexpr size_t threads_number = 4;
