@@ -45,7 +45,8 @@ bool win_link::pump_until(const std::function<bool()>& done) const
 
 WIN_CLIENT_t* win_link::find(uint16_t peer_port) const
 {
-    for (void* item = zhashx_first(server().clients); item; item = zhashx_next(server().clients))
+    for (void* item = zhashx_first(server().clients.unguarded()); item;
+         item = zhashx_next(server().clients.unguarded()))
         if (ntohs(static_cast<WIN_CLIENT_t*>(item)->addr.sin_port) == peer_port)
             return static_cast<WIN_CLIENT_t*>(item);
     return nullptr;
