@@ -2,7 +2,7 @@
 //
 // The yardstick of the end-to-end benchmark: it keeps no registry, answers nothing, checks nothing.
 //   bare_relay WIN_PORT HANDLER_PORT
-#include "slip.h"
+#include "wire/slip.h"
 
 #include <zmq.h>
 
@@ -13,6 +13,8 @@
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+using namespace rtls;
 
 namespace {
 

@@ -1,8 +1,9 @@
 // What a debug line costs, with and without listeners; and the helpers that texts and checks use.
-#include "common.h"
-#include "czmq_ptr.h"
-#include "hex.h"
-#include "logger.h"
+#include "base/common.h"
+#include "base/czmq_ptr.h"
+#include "base/hex.h"
+#include "base/logger.h"
+#include "firmware/crc32.h"
 
 #include <benchmark/benchmark.h>
 #include <zmq.hpp>
@@ -12,6 +13,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+namespace rtls {
 
 namespace {
 
@@ -157,3 +160,5 @@ BENCHMARK(debug_print_to_the_stream)->Unit(benchmark::kMicrosecond);
 BENCHMARK(crc32)->Arg(64)->Arg(1 << 20);
 BENCHMARK(hex_of)->Arg(68)->Arg(1100);
 BENCHMARK(hex_decoded)->Arg(34)->Arg(1100);
+
+} // namespace rtls

@@ -2,12 +2,12 @@
 //
 // The upstream peers are in this process and emptied between batches, outside of the measurement, so that
 // no queue is ever full. Debug sections are off and there is no broker, as in the field.
-#include "messaging.h"
-#include "nodes_container.h"
-#include "ota.h"
+#include "firmware/ota.h"
+#include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/idle_gateway.h"
+#include "wire/messaging.h"
 
 #include <benchmark/benchmark.h>
 
@@ -18,6 +18,8 @@
 #include <cstring>
 #include <string>
 #include <vector>
+
+namespace rtls {
 
 namespace {
 
@@ -246,6 +248,10 @@ void dispatch_from_many(benchmark::State& state, const bytes_t& original,
 }
 
 } // namespace
+
+} // namespace rtls
+
+using namespace rtls;
 
 int main(int argc, char** argv)
 {

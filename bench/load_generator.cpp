@@ -7,9 +7,9 @@
 // Sends direct sensor reports. With --rate 0 it keeps `window` reports under way and so finds the
 // highest throughput at which none is lost. Prints one JSON object; the processor time is that of all
 // threads of PID during the measured time.
-#include "bytes.h"
-#include "messaging.h"
-#include "slip.h"
+#include "base/bytes.h"
+#include "wire/messaging.h"
+#include "wire/slip.h"
 
 #include <CLI/CLI.hpp>
 #include <zmq.h>
@@ -29,6 +29,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+using namespace rtls;
 
 namespace {
 

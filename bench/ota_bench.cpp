@@ -1,13 +1,16 @@
 // How fast the store serves pages to nodes, and what it costs to check an image.
-#include "common.h"
-#include "czmq_ptr.h"
-#include "ota.h"
+#include "base/common.h"
+#include "base/czmq_ptr.h"
+#include "firmware/crc32.h"
+#include "firmware/ota.h"
 
 #include <benchmark/benchmark.h>
 
 #include <array>
 #include <memory>
 #include <vector>
+
+namespace rtls {
 
 using store_ptr = std::unique_ptr<void, destroyed_by<ota_destroy>>;
 
@@ -58,3 +61,5 @@ static void crc_of_an_image(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(image_size));
 }
 BENCHMARK(crc_of_an_image);
+
+} // namespace rtls

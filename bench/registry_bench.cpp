@@ -1,5 +1,5 @@
 // The nodes container's look-ups, at the sizes of a small site, a large one, and beyond any we know.
-#include "nodes_container.h"
+#include "registry/nodes_container.h"
 
 #include <benchmark/benchmark.h>
 
@@ -9,6 +9,8 @@
 #include <memory>
 #include <random>
 #include <vector>
+
+namespace rtls {
 
 namespace {
 
@@ -36,16 +38,16 @@ public:
     registry(const registry&) = delete;
     registry& operator=(const registry&) = delete;
 
-    struct key_t {
+    struct address_key {
         mac_t mac;
         ip_t ip;
     };
-    const key_t& next_key() { return m_keys[m_next++ % m_keys.size()]; }
+    const address_key& next_key() { return m_keys[m_next++ % m_keys.size()]; }
     void* nodes() const { return m_nodes; }
 
 private:
     void* m_nodes = nodes_container_new();
-    std::vector<key_t> m_keys;
+    std::vector<address_key> m_keys;
     size_t m_next = 0;
 };
 
@@ -129,3 +131,5 @@ BENCHMARK(find_by_unknown_ip)->Apply(at_three_sizes);
 BENCHMARK(process_report)->Apply(at_three_sizes);
 BENCHMARK(age_all)->Apply(at_three_sizes)->Unit(benchmark::kMicrosecond);
 BENCHMARK(walk_all)->Apply(at_three_sizes)->Unit(benchmark::kMicrosecond);
+
+} // namespace rtls

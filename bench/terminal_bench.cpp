@@ -1,7 +1,7 @@
 // What an operator's listing costs: the copying, for which the registry is locked and the WIN server may
 // have to wait, and the rest, for which it is not.
-#include "nodes_container.h"
-#include "terminal_listing.h"
+#include "registry/nodes_container.h"
+#include "terminal/listing.h"
 
 #include <benchmark/benchmark.h>
 
@@ -11,6 +11,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+namespace rtls {
 
 using std::chrono::duration;
 using std::chrono::steady_clock;
@@ -27,9 +29,9 @@ static zframe_ptr bridge_id(uint32_t number)
     return zframe_ptr{zframe_new(id, sizeof id)};
 }
 
-static std::vector<win_client_info_t> make_bridges()
+static std::vector<win_client_info> make_bridges()
 {
-    std::vector<win_client_info_t> bridges(bridges_number);
+    std::vector<win_client_info> bridges(bridges_number);
     for (uint32_t i = 0; i < bridges_number; ++i)
         bridges[i].id = bridge_id(i);
     return bridges;
@@ -60,13 +62,14 @@ static void snapshot(benchmark::State& state)
     const auto index = index_bridges(bridges);
     const nodes_ptr nodes =
         make_nodes(static_cast<uint32_t>(state.range(0)), static_cast<uint32_t>(state.range(1)));
-    std::vector<node_row_t> rows(static_cast<size_t>(state.range(0)));
+    std::vector<node_row> rows(static_cast<size_t>(state.range(0)));
     duration<double, std::milli> longest{0};
     duration<double, std::milli> shortest{1e9}; // on a busy machine the longest tells of its other work
     for ([[maybe_unused]] auto _ : state) {
-        const nodes_guard guard{nodes.get()};
+        auto& registry = *static_cast<NODES_CONTAINER_t*>(nodes.get());
+        const nodes_guard guard{registry};
         const auto start = steady_clock::now();
-        copy_nodes_locked(nodes.get(), index, rows);
+        copy_nodes_locked(registry, index, rows);
         const duration<double, std::milli> held = steady_clock::now() - start;
         longest = std::max(longest, held);
         shortest = std::min(shortest, held);
@@ -84,11 +87,11 @@ static void listing(benchmark::State& state, bool full)
     const nodes_ptr nodes =
         make_nodes(static_cast<uint32_t>(state.range(0)), static_cast<uint32_t>(state.range(1)));
     for ([[maybe_unused]] auto _ : state) {
-        auto rows = copy_nodes(nodes.get(), index_bridges(bridges));
+        auto rows = copy_nodes(*static_cast<NODES_CONTAINER_t*>(nodes.get()), index_bridges(bridges));
         mark_duplicate_addresses(rows);
-        const node_groups_t groups = group_nodes(rows, bridges.size());
+        const node_groups groups = group_nodes(rows, bridges.size());
         for (const auto& group : groups.by_bridge)
-            for (const node_row_t* row : group)
+            for (const node_row* row : group)
                 benchmark::DoNotOptimize(node_line(*row, full, nullptr));
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
@@ -103,3 +106,5 @@ BENCHMARK_CAPTURE(listing, pnf, true)
     ->Args({10'000, 100})
     ->Args({100'000, 100})
     ->Unit(benchmark::kMillisecond);
+
+} // namespace rtls

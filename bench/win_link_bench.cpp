@@ -1,13 +1,15 @@
 // win_link_bench - bytes a second through the framing of the WIN link, by the share of bytes that need
 // an escape: none, 1 % (what reports carry), all of them (the worst a peer can send).
-#include "slip.h"
-#include "win_clients.h"
+#include "link/win_clients.h"
+#include "wire/slip.h"
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <random>
 #include <vector>
+
+namespace rtls {
 
 namespace {
 
@@ -78,3 +80,5 @@ BENCHMARK(encoder)->Apply(contents);
 BENCHMARK(decoder)->Apply(contents);
 
 } // namespace
+
+} // namespace rtls

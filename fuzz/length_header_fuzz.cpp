@@ -1,13 +1,15 @@
 // Fuzzes the receiving end of a download: the input is cut into header lines and pieces of body, in any
 // order, as a hostile server may have them arrive.
-#include "bytes.h"
-#include "image_download.h"
+#include "base/bytes.h"
+#include "firmware/image_download.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <vector>
+
+namespace rtls {
 
 // Each step starts with one byte: what it is, and how many bytes follow.
 static constexpr uint8_t is_header = 0x80; // rather than body
@@ -46,3 +48,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     download({data, size}, {.caller = "fuzz", .bad_length_aborts = true, .reports_missing_length = true});
     return 0;
 }
+
+} // namespace rtls

@@ -1,13 +1,15 @@
 // Fuzzes the store with sequences of page operations, against a model that remembers every block.
-#include "bytes.h"
-#include "czmq_ptr.h"
-#include "image_download.h"
-#include "ota.h"
+#include "base/bytes.h"
+#include "base/czmq_ptr.h"
+#include "firmware/image_download.h"
+#include "firmware/ota.h"
 
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <vector>
+
+namespace rtls {
 
 using store_ptr = std::unique_ptr<void, destroyed_by<ota_destroy>>;
 
@@ -114,3 +116,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     return 0;
 }
+
+} // namespace rtls

@@ -1,11 +1,13 @@
 // Fuzzes the search for tags in an image: its bytes are whatever a server sent.
-#include "ota_tags.h"
+#include "firmware/ota_tags.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <optional>
 #include <span>
 #include <vector>
+
+namespace rtls {
 
 static constexpr char board_tag[] = "@BoardVer"; // with their terminating zeros
 static constexpr char firmware_tag[] = "@Firmware";
@@ -56,3 +58,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 info.maximum_pages == load_be16(image, *firmware + 6));
     return 0;
 }
+
+} // namespace rtls

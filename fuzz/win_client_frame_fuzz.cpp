@@ -4,16 +4,18 @@
 // frame. The latter may be helped to a known type, a true length and an envelope, so that most runs get
 // past the first checks. A frame is processed in a buffer of exactly its size, so that a read past its
 // end does not go unseen.
-#include "bytes.h"
-#include "messaging.h"
-#include "nodes_container.h"
+#include "base/bytes.h"
+#include "registry/nodes_container.h"
 #include "support/idle_gateway.h"
+#include "wire/messaging.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 #include <vector>
+
+namespace rtls {
 
 namespace {
 
@@ -122,10 +124,10 @@ std::vector<uint8_t> helped(std::vector<uint8_t> message, unsigned options)
     }
     if ((options & option::true_length) != 0)
         message = sized(std::move(message));
-    if ((options & option::known_sub_command) != 0 && message.size() > genericServerReq_t::body)
+    if ((options & option::known_sub_command) != 0 && message.size() > generic_server_request::body)
         store_be16(
-            message, genericServerReq_t::sub_command,
-            known_sub_commands[message[genericServerReq_t::sub_command] % std::size(known_sub_commands)]);
+            message, generic_server_request::sub_command,
+            known_sub_commands[message[generic_server_request::sub_command] % std::size(known_sub_commands)]);
     return (options & option::is_forwarded) != 0 ? wrapped(std::move(message), options) : message;
 }
 
@@ -156,3 +158,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     idle_gateway::drop_unsent(*decoder); // broadcasts reach it, too
     return 0;
 }
+
+} // namespace rtls

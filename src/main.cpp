@@ -1,9 +1,9 @@
 // main - brings up logging and the gateway, waits for SIGINT or SIGTERM, takes everything down again.
 
-#include "config.h"
-#include "logger.h"
+#include "base/config.h"
+#include "base/logger.h"
+#include "base/signals.h"
 #include "rtls-gateway.h"
-#include "signals.h"
 
 #include <curl/curl.h>
 #include <czmq.h>
@@ -13,6 +13,8 @@
 
 #include <csignal>
 #include <cstdlib>
+
+using namespace rtls;
 
 static constexpr int idle_step_ms = 100;
 

@@ -5,11 +5,13 @@
 // Failures   A null handle is logged and answered with nullptr, 0 or false.
 #pragma once
 
+#include "version.h"
+
 #include <czmq.h>
 
 #include <cstdint>
 
-inline constexpr char rtls_gateway_version[] = "8.6.3";
+namespace rtls {
 
 // A gateway built from the configuration file, nothing started; or nullptr, with the reason logged.
 void* rtls_gateway_new(const char* config_file_name);
@@ -43,3 +45,5 @@ uint16_t rtls_gateway_get_debug_level(void* p_rtls_gateway);
 void rtls_gateway_set_debug_level(void* p_rtls_gateway, uint16_t debug_level);
 // Adds one, 65535 being followed by 0, and returns the new level.
 uint16_t rtls_gateway_increment_debug_level(void* p_rtls_gateway);
+
+} // namespace rtls

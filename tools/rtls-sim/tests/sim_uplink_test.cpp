@@ -1,9 +1,11 @@
 // What the simulator sends, against the bytes on the wire written out by hand.
 #include "uplink.h"
 
-#include "../../../src/messaging.h"
+#include "../../../src/wire/messaging.h"
 
 #include <gtest/gtest.h>
+
+using namespace rtls;
 
 namespace sim {
 

@@ -1,10 +1,12 @@
 #include "wire.h"
 
-#include "../../../src/messaging.h"
+#include "../../../src/wire/messaging.h"
 
 #include <gtest/gtest.h>
 
 #include <random>
+
+using namespace rtls;
 
 namespace sim {
 

@@ -120,17 +120,32 @@ int setlogmask(int mask)
     return old;
 }
 
-void syslog(int priority, const char* format, ...)
+void vsyslog(int priority, const char* format, va_list arguments)
 {
-    va_list arguments;
-    va_start(arguments, format);
     std::string text = formatted(format, arguments);
-    va_end(arguments);
     const std::lock_guard libc_lock(system_log().libc_mutex);
     if ((LOG_MASK(priority) & syslog_capture::mask()) == 0)
         return;
     wait_for_the_reader();
     store(priority, std::move(text));
+}
+
+void syslog(int priority, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(priority, format, arguments);
+    va_end(arguments);
+}
+
+// What syslog becomes where the compiler fortifies calls of libc.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(priority, format, arguments);
+    va_end(arguments);
 }
 
 } // extern "C"

@@ -1,0 +1,39 @@
+# rtls_add_layer(<folder> SOURCES <file>... DEPENDS <library>... [PRIVATE <library>...] [HEADERS <file>...])
+#
+# The library rtls_<folder>: one layer of the daemon, the folder src/<folder>. It sees only what it DEPENDS on:
+# the layers before it, and the libraries that its headers need (PRIVATE: its sources alone).
+#
+# Each layer has an include root of its own, in which there is nothing but a link to its folder. So
+# "<folder>/<file>.h" is found by those who depend on the layer, and an include that climbs does not compile.
+# With HEADERS the root has these headers of the current folder instead.
+#
+# With the tests a program is built that links the whole layer and nothing but what it depends on: a call
+# that climbs does not link.
+function(rtls_add_layer folder)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS;PRIVATE;HEADERS")
+  if(folder IN_LIST RTLS_FOLDERS_TOGETHER)
+    list(TRANSFORM arg_SOURCES PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+    target_sources(rtls_gateway PRIVATE ${arg_SOURCES})
+    target_link_libraries(rtls_gateway PRIVATE ${arg_PRIVATE})
+    return()
+  endif()
+
+  set(root ${PROJECT_BINARY_DIR}/src/layers/${folder})
+  file(MAKE_DIRECTORY ${root})
+  if(arg_HEADERS)
+    foreach(header IN LISTS arg_HEADERS)
+      file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${root}/${header} SYMBOLIC)
+    endforeach()
+  else()
+    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${root}/${folder} SYMBOLIC)
+  endif()
+
+  set(layer rtls_${folder})
+  add_library(${layer} STATIC ${arg_SOURCES})
+  target_include_directories(${layer} PUBLIC ${root})
+  target_link_libraries(${layer} PUBLIC ${arg_DEPENDS} PRIVATE rtls_options ${arg_PRIVATE})
+  if(RTLS_TESTS)
+    add_executable(${layer}_links_alone ${PROJECT_SOURCE_DIR}/cmake/empty_program.cpp)
+    target_link_libraries(${layer}_links_alone PRIVATE rtls_options $<LINK_LIBRARY:WHOLE_ARCHIVE,${layer}>)
+  endif()
+endfunction()

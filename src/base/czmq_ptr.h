@@ -1,0 +1,30 @@
+// czmq_ptr - owners for the handles of CZMQ and of our own modules.
+//
+// Both spell destruction `x_destroy(&p)`, so one deleter serves them all and costs no space.
+#pragma once
+
+#include <czmq.h>
+
+#include <memory>
+
+namespace rtls {
+
+template <auto Destroy>
+struct destroyed_by {
+    template <typename T>
+    void operator()(T* p) const noexcept
+    {
+        Destroy(&p);
+    }
+};
+
+using zconfig_ptr = std::unique_ptr<zconfig_t, destroyed_by<zconfig_destroy>>;
+using zframe_ptr = std::unique_ptr<zframe_t, destroyed_by<zframe_destroy>>;
+using zhashx_ptr = std::unique_ptr<zhashx_t, destroyed_by<zhashx_destroy>>;
+using zlist_ptr = std::unique_ptr<zlist_t, destroyed_by<zlist_destroy>>;
+using zlistx_ptr = std::unique_ptr<zlistx_t, destroyed_by<zlistx_destroy>>;
+using zloop_ptr = std::unique_ptr<zloop_t, destroyed_by<zloop_destroy>>;
+using zmsg_ptr = std::unique_ptr<zmsg_t, destroyed_by<zmsg_destroy>>;
+using zstr_ptr = std::unique_ptr<char, destroyed_by<zstr_free>>;
+
+} // namespace rtls

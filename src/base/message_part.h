@@ -1,0 +1,61 @@
+// message_part - one part of a ZeroMQ message, owned: received into, or made to be sent.
+//
+// Not a zframe: a report then costs no allocation of ours (the library keeps small parts in place), and
+// the connection's descriptor can be asked of the part itself.
+// Threads    None of its own.
+// Failures   Nothing throws. Receiving and sending do not wait; errno tells why they failed.
+#pragma once
+
+#include "base/bytes.h"
+
+#include <zmq.h>
+
+#include <cerrno>
+
+namespace rtls {
+
+class message_part {
+public:
+    // Empty, to receive into.
+    message_part() noexcept : m_is_made(zmq_msg_init(&m_message) == 0) {}
+    // Of `size` bytes, not cleared. Check is_made().
+    explicit message_part(size_t size) noexcept : m_is_made(zmq_msg_init_size(&m_message, size) == 0) {}
+    // A copy of `content`. Check is_made().
+    explicit message_part(bytes_view content) noexcept : message_part(content.size())
+    {
+        if (m_is_made)
+            store_bytes({data(), content.size()}, 0, content);
+    }
+    ~message_part()
+    {
+        if (m_is_made)
+            zmq_msg_close(&m_message);
+    }
+    message_part(const message_part&) = delete;
+    message_part& operator=(const message_part&) = delete;
+
+    bool is_made() const noexcept { return m_is_made; }
+    uint8_t* data() noexcept { return static_cast<uint8_t*>(zmq_msg_data(&m_message)); }
+    size_t size() const noexcept { return zmq_msg_size(&m_message); }
+    bytes_view bytes() noexcept { return {data(), size()}; }
+
+    // Replaces the content by the next part that `socket` (libzmq's handle) has. False when there is none.
+    bool receive(void* socket) noexcept { return zmq_msg_recv(&m_message, socket, ZMQ_DONTWAIT) >= 0; }
+
+    // Hands the content over to `socket`, or leaves it as it is. `more`: another part of this message
+    // follows.
+    bool send(void* socket, bool more = false) noexcept
+    {
+        return zmq_msg_send(&m_message, socket, more ? ZMQ_DONTWAIT | ZMQ_SNDMORE : ZMQ_DONTWAIT) >= 0;
+    }
+
+    // The descriptor of the connection that the part came by. Valid on a connection's first event only:
+    // later the number may belong to somebody else.
+    int source_fd() const noexcept { return zmq_msg_get(&m_message, ZMQ_SRCFD); }
+
+private:
+    mutable zmq_msg_t m_message; // libzmq's getters are not const
+    bool m_is_made;
+};
+
+} // namespace rtls

@@ -1,0 +1,99 @@
+#include "base/udplib.h"
+
+#include "base/common.h"
+#include "base/logger.h"
+#include "base/null_check.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace rtls {
+
+// Broadcasts are answered, a restart need not wait, and each datagram tells the local address it was
+// sent to.
+static bool set_options(int handle)
+{
+    constexpr struct {
+        int level;
+        int option;
+    } options[] = {{SOL_SOCKET, SO_BROADCAST}, {SOL_SOCKET, SO_REUSEADDR}, {IPPROTO_IP, IP_PKTINFO}};
+    constexpr int on = 1;
+    for (const auto& o : options)
+        if (setsockopt(handle, o.level, o.option, &on, sizeof on) != 0)
+            return false;
+    return true;
+}
+
+static bool bind_to_port(int handle, in_port_t port_nbr)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port_nbr);
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    return bind(handle, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == 0;
+}
+
+bool udp_new_connection(in_port_t port_nbr, int* handle)
+{
+    if (any_null(__func__, handle))
+        return false;
+    *handle = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    if (*handle == -1) {
+        log_system_call_error(__func__, "socket");
+        return false;
+    }
+    if (!set_options(*handle)) {
+        log_system_call_error(__func__, "setsockopt");
+        close(*handle);
+        return false;
+    }
+    if (!bind_to_port(*handle, port_nbr)) {
+        log_system_call_error(__func__, "bind");
+        close(*handle);
+        return false;
+    }
+    return true;
+}
+
+void udp_destroy(int handle)
+{
+    if (handle != -1)
+        close(handle);
+}
+
+bool udp_sendto(int handle, const void* buffer, size_t length, const sockaddr_in* sockaddr, socklen_t si_len)
+{
+    if (handle == -1)
+        return false;
+    const auto* peer = reinterpret_cast<const struct sockaddr*>(sockaddr);
+    if (sendto(handle, buffer, length, 0, peer, si_len) != -1)
+        return true;
+    log_system_call_error(__func__, "sendto");
+    return false;
+}
+
+ssize_t udp_recv(int handle, void* buffer, size_t length, sockaddr_in* sockaddr, socklen_t si_len)
+{
+    if (handle == -1)
+        return 0;
+    auto* peer = reinterpret_cast<struct sockaddr*>(sockaddr);
+    const ssize_t received = recvfrom(handle, buffer, length, 0, peer, &si_len);
+    if (received != -1)
+        return received;
+    log_system_call_error(__func__, "recvfrom");
+    return 0;
+}
+
+ssize_t udp_recvmsg(int handle, msghdr* msg)
+{
+    if (handle == -1)
+        return 0;
+    const ssize_t received = recvmsg(handle, msg, 0);
+    if (received != -1)
+        return received;
+    log_system_call_error(__func__, "recvmsg");
+    return 0;
+}
+
+} // namespace rtls

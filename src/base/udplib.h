@@ -1,0 +1,27 @@
+// udplib - a thin layer over UDP sockets, for the discovery channel.
+//
+// Threads    A descriptor belongs to the thread that opened it.
+// Failures   Logged with the call's name and errno. A descriptor of -1 is refused silently.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstddef>
+
+namespace rtls {
+
+// Opens an IPv4 datagram socket on all interfaces and `port_nbr` (host order), with broadcasts,
+// address reuse and packet information (IP_PKTINFO) on. After a false result `handle` may name a
+// descriptor that is already closed: it must not be used.
+bool udp_new_connection(in_port_t port_nbr, int* handle);
+void udp_destroy(int handle);
+
+bool udp_sendto(int handle, const void* buffer, size_t length, const sockaddr_in* sockaddr, socklen_t si_len);
+
+// The number of bytes received, 0 on failure or for an empty datagram.
+ssize_t udp_recv(int handle, void* buffer, size_t length, sockaddr_in* sockaddr, socklen_t si_len);
+ssize_t udp_recvmsg(int handle, msghdr* msg);
+
+} // namespace rtls

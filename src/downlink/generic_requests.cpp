@@ -1,0 +1,99 @@
+// The generic request forwarder, and the channel on which other threads hand requests to it.
+#include "base/czmq_ptr.h"
+#include "base/logger.h"
+#include "base/null_check.h"
+#include "link/win_server_private.h"
+#include "registry/nodes_container.h"
+#include "wire/node_request.h"
+
+#include <array>
+
+namespace rtls {
+
+constexpr size_t generic_request_min = msgHeader_t::size;
+constexpr size_t generic_request_max = 800; // the MAC included
+// The longest message, without the MAC, in its longest form: 800 + 21 bytes.
+constexpr size_t generic_frame_max = generic_request_max - mac_size + node_request_overhead;
+
+static void forward_to_node(WIN_SERVER_t* server, const NODE_t& node, bytes_view message, bytes_view mac)
+{
+    std::array<uint8_t, generic_frame_max> frame{};
+    const size_t size = node_request_frame(frame, node, message, mac);
+    // A node without a client, heard of only by way of other clients, has a null identity here: its
+    // requests go to every bridge, one of which reaches it.
+    data_to_win_client(server, node.win_client_id, frame.data(), size);
+}
+
+bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
+{
+    if (any_null(__func__, server, buf))
+        return false;
+    zsock_t* dbg = server->dbg_client_sock;
+    if (parsedlen < generic_request_min) {
+        dbg_print(dbg, DBG_PARSING, "GENERIC", "ERROR(GENERIC): msb too short, rcvd: %lu", parsedlen); // sic
+        return false;
+    }
+    if (parsedlen > generic_request_max) {
+        dbg_print(dbg, DBG_PARSING, "GENERIC", "ERROR(GENERIC): msg too long, rcvd: %lu", parsedlen);
+        return false;
+    }
+    const bytes_view request{buf, parsedlen};
+    const size_t payload_len = load_be16(request, msgHeader_t::total_len) + msgHeader_t::size;
+    if (parsedlen != payload_len + mac_size) {
+        dbg_print(dbg, DBG_PARSING, "GENERIC", "ERROR(GENERIC): wrong size rcvd: %d, expected %ld",
+                  static_cast<uint16_t>(parsedlen), static_cast<long>(payload_len + mac_size));
+        return false;
+    }
+    const bytes_view message = request.first(payload_len);
+    const bytes_view mac = request.last(mac_size);
+    dbg_print(dbg, DBG_PARSING, "GENERIC", "INFO(GENERIC): dst %02X%02X", mac[6], mac[7]);
+    {
+        NODES_CONTAINER_t& nodes = *server->nodes();
+        const nodes_guard guard{nodes};
+        // Held until the frame is handed over, so that the node's address and client stay the same.
+        if (const NODE_t* node = nodes.find_by_mac(mac.data())) {
+            forward_to_node(server, *node, message, mac);
+            return true;
+        }
+    }
+    dbg_print(dbg, DBG_PARSING, "GENERIC", "ERROR(GENERIC): dst %02X%02X%02X%02X%02X%02X%02X%02X not found",
+              mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], mac[6], mac[7]);
+    return false;
+}
+
+// A command frame that is too short is no command.
+static bool is_generic_request(zframe_t* command)
+{
+    int32_t value = 0;
+    if (zframe_size(command) < sizeof value)
+        return false;
+    memcpy(&value, zframe_data(command), sizeof value);
+    return value == WINSERW_SOCK_CMD_GENERIC_REQ;
+}
+
+int handle_interthread_sever_sock(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
+{
+    if (any_null(__func__, reader, p_server))
+        return 0;
+    const zmsg_ptr message{zmsg_recv(reader)};
+    if (!message)
+        return -1;
+    zmsg_first(message.get()); // the router's identity of the sender
+    zframe_t* command = zmsg_next(message.get());
+    if (!command) {
+        log_call_error(__func__, "zmsg_pop");
+        return 0;
+    }
+    if (!is_generic_request(command))
+        return 0;
+    // The data is the last frame. Without any, that is the command, which is refused as too short.
+    zframe_t* data = zmsg_last(message.get());
+    if (!data) {
+        log_call_error(__func__, "zmsg_new"); // sic: log filters know it by this name
+        return 0;
+    }
+    generic_process(static_cast<WIN_SERVER_t*>(p_server), zframe_data(data), zframe_size(data));
+    return 0;
+}
+
+} // namespace rtls

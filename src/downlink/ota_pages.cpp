@@ -1,0 +1,65 @@
+// Pages of firmware images, served to nodes from the gateway's own store without asking the servers.
+#include "downlink/ota_pages.h"
+
+#include "base/logger.h"
+#include "base/null_check.h"
+#include "firmware/ota.h"
+#include "link/win_server_private.h"
+
+#include <memory>
+#include <new>
+
+namespace rtls {
+
+std::optional<ota_page_request> read_ota_page_request(bytes_view message)
+{
+    if (message.size() < ota_page::size)
+        return std::nullopt;
+    return ota_page_request{
+        .git_id = load_be32(message, ota_page::git_id),
+        .crc32 = load_be32(message, ota_page::crc32),
+        .page_size = load_be16(message, ota_page::page_size),
+        .page_number = load_be16(message, ota_page::page_number),
+    };
+}
+
+void write_ota_response_frame(bytes_view request, const uint8_t* node_mac, bytes_span response)
+{
+    const uint16_t page_size = load_be16(request, ota_page::page_size);
+    store_bytes(response, 0, request.first(ota_page::size));
+    store_le16(response, msgHeader_t::msgType, MSG_GENERIC_REQ);
+    // The forwarder of generic requests reads the length big-endian, unlike the type before it.
+    store_be16(response, msgHeader_t::total_len, static_cast<uint16_t>(page_size + ota_page::total_len));
+    store_bytes(response, ota_response_page + page_size, {node_mac, mac_size});
+}
+
+bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac)
+{
+    if (any_null(__func__, server, message.data(), node_mac) || any_null(__func__, server->rtls_gateway))
+        return false;
+    const OTA_t* ota = server->ota();
+    if (!ota) {
+        logger_error(g_logger, "%s: rtls_gateway_get_ota returns NULL!", __func__);
+        return false;
+    }
+    const auto request = read_ota_page_request(message);
+    if (!request)
+        return false;
+
+    const size_t size = ota_response_size(request->page_size);
+    const std::unique_ptr<uint8_t[]> response{new (std::nothrow) uint8_t[size]};
+    if (!response) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return false;
+    }
+    write_ota_response_frame(message, node_mac, {response.get(), size});
+    if (!ota->get_firmware_page(request->git_id, request->crc32, request->page_size, request->page_number,
+                                response.get() + ota_response_page))
+        return false;
+    // Whether the forwarder takes it (an answer above its limit it refuses) makes no difference: the
+    // image is ours, so the servers are not asked.
+    generic_process(server, response.get(), size);
+    return true;
+}
+
+} // namespace rtls

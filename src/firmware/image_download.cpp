@@ -1,0 +1,236 @@
+#include "firmware/image_download.h"
+
+#include "base/common.h"
+#include "base/logger.h"
+#include "base/signals.h"
+
+#include <curl/curl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <string>
+#include <system_error>
+
+namespace rtls {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// File servers of some sites answer browsers only. The blank that "KHTML,like" lacks is on purpose:
+// this is the text they know the gateway by.
+static constexpr char user_agent[] = "Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.31 (KHTML,like Gecko) "
+                                     "Chrome/26.0.1410.43 Safari/537.31";
+
+// Not anchored: servers behind rewriting proxies announce the length under longer names as well.
+static constexpr char content_length_pattern[] = "Content-Length: ([0-9]+)";
+
+static constexpr char header_callback_name[] = "headerCallback";
+static constexpr char write_callback_name[] = "writeMemoryCallback";
+
+static constexpr milliseconds turn_check_interval{100};
+
+// Held for the length of a transfer.
+static std::timed_mutex download_turn;
+
+// --- image_receiver
+
+image_receiver::image_receiver(const image_download_options& options)
+    : m_options{options}, m_content_length{content_length_pattern, REG_EXTENDED | REG_ICASE}
+{
+}
+
+bool image_receiver::is_ready() const
+{
+    return m_content_length.is_compiled();
+}
+
+bool image_receiver::take_header(std::string_view line) noexcept
+try {
+    const std::string text{line}; // libcurl's has no terminating zero
+    std::array<regmatch_t, 2> groups{};
+    if (!m_content_length.search(text.c_str(), groups))
+        return true;
+    if (m_size > 0) { // a trailer: the buffer is in use
+        m_failed = true;
+    } else {
+        const auto from = static_cast<size_t>(groups[1].rm_so);
+        const auto to = static_cast<size_t>(groups[1].rm_eo);
+        m_failed = !provide_for(line.substr(from, to - from));
+    }
+    return !m_failed || !m_options.bad_length_aborts;
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, header_callback_name);
+    return false;
+}
+
+// Replaces the buffer by one of the announced length, up to the ceiling: a length is only a claim.
+bool image_receiver::provide_for(std::string_view digits) noexcept
+{
+    m_announced = true;
+    m_capacity = 0;
+    m_memory.reset();
+
+    uint64_t length = 0;
+    const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), length);
+    if (parsed.ec == std::errc{} && length <= image_size_ceiling)
+        m_memory = allocate_image(length);
+    if (!m_memory) {
+        logger_error(g_logger, str_out_of_memory, header_callback_name);
+        return false;
+    }
+    m_capacity = length;
+    return true;
+}
+
+bool image_receiver::take_body(std::span<const uint8_t> bytes) noexcept
+{
+    if (bytes.empty())
+        return true;
+    if (!m_announced && m_options.reports_missing_length)
+        logger_error(g_logger, "%s: memory for the firmware is not allocated!", write_callback_name);
+    if (bytes.size() > m_capacity - m_size)
+        return false;
+    std::memcpy(m_memory.get() + m_size, bytes.data(), bytes.size());
+    m_size += bytes.size();
+    return true;
+}
+
+std::optional<downloaded_image> image_receiver::release()
+{
+    if (!m_memory)
+        m_memory = allocate_image(0);
+    if (!m_memory) {
+        logger_error(g_logger, str_out_of_memory, m_options.caller);
+        return std::nullopt;
+    }
+    return downloaded_image{std::move(m_memory), m_size};
+}
+
+// --- libcurl
+
+static size_t headerCallback(char* buffer, size_t size, size_t nitems, void* userdata) noexcept
+{
+    auto* receiver = static_cast<image_receiver*>(userdata);
+    const size_t length = size * nitems;
+    return receiver->take_header({buffer, length}) ? length : 0;
+}
+
+static size_t writeMemoryCallback(char* contents, size_t csize, size_t nmemb, void* fd) noexcept
+{
+    auto* receiver = static_cast<image_receiver*>(fd);
+    const size_t length = csize * nmemb;
+    return receiver->take_body({reinterpret_cast<const uint8_t*>(contents), length}) ? length : 0;
+}
+
+// Not zero ends the transfer: a daemon that stops waits for no download.
+static int abort_when_interrupted(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept
+{
+    return is_stop_requested() ? 1 : 0;
+}
+
+static CURLcode set_options(CURL* curl, const char* url, image_receiver& receiver, milliseconds timeout)
+{
+    CURLcode rc = CURLE_OK;
+    const auto set = [&](CURLoption option, auto value) {
+        if (rc == CURLE_OK)
+            rc = curl_easy_setopt(curl, option, value);
+    };
+    set(CURLOPT_HEADERDATA, static_cast<void*>(&receiver));
+    set(CURLOPT_HEADERFUNCTION, &headerCallback);
+    set(CURLOPT_WRITEFUNCTION, &writeMemoryCallback);
+    set(CURLOPT_WRITEDATA, static_cast<void*>(&receiver));
+    set(CURLOPT_USERAGENT, &user_agent[0]);
+    set(CURLOPT_FOLLOWLOCATION, 1L);
+    set(CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
+    set(CURLOPT_URL, url);
+    // Unauthenticated peers choose the URL: it must not reach other services of this host's network.
+    set(CURLOPT_PROTOCOLS_STR, "http,https,file");
+    set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_NOSIGNAL, 1L); // no time-outs by SIGALRM: this is no single-threaded program
+    set(CURLOPT_XFERINFOFUNCTION, &abort_when_interrupted);
+    set(CURLOPT_NOPROGRESS, 0L);
+    return rc;
+}
+
+struct curl_freed {
+    void operator()(char* p) const noexcept { curl_free(p); }
+    void operator()(CURL* p) const noexcept { curl_easy_cleanup(p); }
+    void operator()(CURLU* p) const noexcept { curl_url_cleanup(p); }
+};
+
+static std::unique_ptr<char, curl_freed> url_part(CURLU* url, CURLUPart part)
+{
+    char* text = nullptr;
+    curl_url_get(url, part, &text, CURLU_URLDECODE);
+    return std::unique_ptr<char, curl_freed>{text};
+}
+
+// A file:// URL of something that is there but no plain file. Opening or reading a pipe or a terminal
+// blocks without end, out of the reach of libcurl's time-out.
+static bool names_special_file(const char* url)
+{
+    const std::unique_ptr<CURLU, curl_freed> parsed{curl_url()};
+    const unsigned flags = CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME;
+    if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url, flags) != CURLUE_OK)
+        return false; // the transfer itself reports it
+    const auto scheme = url_part(parsed.get(), CURLUPART_SCHEME);
+    const auto path = url_part(parsed.get(), CURLUPART_PATH);
+    struct stat status = {};
+    return scheme && path && std::strcmp(scheme.get(), "file") == 0 && stat(path.get(), &status) == 0 &&
+           !S_ISREG(status.st_mode);
+}
+
+// Waits in short steps, so as to notice a stop of the daemon.
+static CURLcode wait_for_turn(std::unique_lock<std::timed_mutex>& turn, milliseconds timeout)
+{
+    const auto deadline = steady_clock::now() + timeout;
+    while (!turn.try_lock_until(std::min(deadline, steady_clock::now() + turn_check_interval))) {
+        if (is_stop_requested())
+            return CURLE_ABORTED_BY_CALLBACK;
+        if (steady_clock::now() >= deadline)
+            return CURLE_OPERATION_TIMEDOUT;
+    }
+    return CURLE_OK;
+}
+
+static CURLcode perform(const char* url, image_receiver& receiver, milliseconds timeout)
+{
+    std::unique_lock turn{download_turn, std::defer_lock};
+    if (const CURLcode rc = wait_for_turn(turn, timeout); rc != CURLE_OK)
+        return rc;
+    if (names_special_file(url))
+        return CURLE_FILE_COULDNT_READ_FILE;
+
+    const std::unique_ptr<CURL, curl_freed> curl{curl_easy_init()};
+    if (!curl)
+        return CURLE_FAILED_INIT;
+    CURLcode rc = set_options(curl.get(), url, receiver, timeout);
+    if (rc == CURLE_OK)
+        rc = curl_easy_perform(curl.get());
+    return rc == CURLE_OK && receiver.failed() ? CURLE_WRITE_ERROR : rc;
+}
+
+std::optional<downloaded_image> image_download(const char* url, const image_download_options& options)
+{
+    image_receiver receiver{options};
+    if (!receiver.is_ready()) {
+        std::array<char, 128> text{};
+        const char* reason = strerror_r(errno, text.data(), text.size());
+        logger_error(g_logger, "%s error regcomp %s", options.caller, reason);
+        return std::nullopt;
+    }
+    const CURLcode rc = perform(url, receiver, options.timeout);
+    if (rc != CURLE_OK) {
+        logger_error(g_logger, "curl_easy_perform failed: %s", curl_easy_strerror(rc));
+        return std::nullopt;
+    }
+    return receiver.release();
+}
+
+} // namespace rtls

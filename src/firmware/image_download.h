@@ -1,0 +1,85 @@
+// image_download - one firmware image fetched by URL into memory: what both keepers of images share.
+//
+// Schemes    http, https and file; redirects lead to http and https only.
+// Size       A body must be announced by a "Content-Length" header and fit it; the last such header
+//            before the body counts, and none may follow. Nothing above image_size_ceiling is fetched.
+// Threads    Any. Downloads never overlap: a caller waits for its turn no longer than its own time-out,
+//            and has its whole time-out for the transfer then. Waits and transfers end within about a
+//            second of a request to stop.
+// Failures   Logged; a failed download leaves nothing behind. Nothing throws.
+#pragma once
+
+#include "base/posix_regex.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string_view>
+
+namespace rtls {
+
+// The largest image that the gateway keeps, downloaded or assembled.
+inline constexpr size_t image_size_ceiling = size_t{64} << 20;
+
+struct freed_by_free {
+    void operator()(void* p) const noexcept { std::free(p); }
+};
+// Image bytes come from malloc, because images under assembly grow by realloc.
+using image_memory = std::unique_ptr<uint8_t[], freed_by_free>;
+
+// At least one byte, uninitialised; null when memory is short.
+inline image_memory allocate_image(size_t size)
+{
+    return image_memory{static_cast<uint8_t*>(std::malloc(size > 0 ? size : 1))};
+}
+
+struct downloaded_image {
+    image_memory memory; // never null, even for an empty image
+    size_t size = 0;
+};
+
+struct image_download_options {
+    const char* caller; // the function that reports
+    // Whether a length that cannot be provided for fails the transfer at its header already, not at
+    // the body only. A redirect's length may still be superseded in the second case.
+    bool bad_length_aborts = false;
+    bool reports_missing_length = false; // whether a body without announced length is worth a line
+    std::chrono::milliseconds timeout{20'000};
+};
+
+// Downloads an image; nothing when that fails.
+std::optional<downloaded_image> image_download(const char* url, const image_download_options& options);
+
+// The receiving end of one transfer: turns headers and body into an image, and never holds more than
+// was announced. For image_download, and for tests without a network.
+class image_receiver {
+public:
+    explicit image_receiver(const image_download_options& options);
+
+    bool is_ready() const; // false, with errno set, when the header expression did not compile
+    // One header line, of whichever response. False: give the transfer up.
+    bool take_header(std::string_view line) noexcept;
+    // The next bytes of the body. False: they do not fit what was announced.
+    bool take_body(std::span<const uint8_t> bytes) noexcept;
+    // Whether the last length announced could not be provided for, or came after the body began.
+    bool failed() const { return m_failed; }
+    // What arrived, and gives it up; nothing when memory is short.
+    std::optional<downloaded_image> release();
+
+private:
+    bool provide_for(std::string_view digits) noexcept;
+
+    image_download_options m_options;
+    posix_regex m_content_length;
+    image_memory m_memory;
+    size_t m_capacity = 0;
+    size_t m_size = 0;
+    bool m_announced = false;
+    bool m_failed = false;
+};
+
+} // namespace rtls

@@ -1,0 +1,66 @@
+// win_clients - the record of one connected WIN client (a bridge or sub-gateway), and its frame decoder.
+//
+// Ownership  A record owns its buffer, its identity and its unsent frames. The WIN server's table owns
+//            the records.
+// Threads    WIN server thread.
+#pragma once
+
+#include "base/bytes.h"
+#include "registry/node.h"
+
+#include <czmq.h>
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace rtls {
+
+enum PARSING_STATE { PS_NONE = 0, PS_START = 1, PS_ESCAPE = 2, PS_DATA = 3 };
+using PARSING_STATE_t = PARSING_STATE;
+
+// The step in which the buffer of a frame grows, and the most one frame may take.
+constexpr size_t pending_data_step = 512;
+constexpr size_t pending_data_limit = size_t{1024} * 1024;
+// The most bytes that wait for one client that does not read, and the most messages: each takes some 400
+// bytes of memory beside its own, which for many small ones would be eighty times the bytes' limit.
+constexpr size_t unsent_messages_limit = size_t{16} * 1024 * 1024;
+constexpr size_t unsent_messages_number_limit = size_t{256} * 1024;
+// Supervision ticks for which an unwanted client is kept.
+constexpr unsigned int connection_delay_ticks = 5;
+
+struct WIN_CLIENT_t {
+    zframe_t* id;          // owned copy of the stream socket's routing identity
+    sockaddr_in addr;      // the peer; zero when unknown
+    uint8_t* pending_data; // owned (malloc); the frame being assembled
+    size_t pending_data_size;
+    size_t pending_buffsize; // capacity of pending_data
+    PARSING_STATE_t parsing_state;
+    uint8_t mac_addr[mac_size];    // of the bridge itself; zero until it names it
+    bool firmware_updated;         // cleared when a new image is announced
+    unsigned int connection_delay; // grace ticks left
+    zlist_t* unsent_messages;      // owned zframe_t*, oldest first
+
+    size_t unsent_bytes;  // in unsent_messages, against unsent_messages_limit
+    bool unsent_overflow; // an overflow of it has been reported
+    int fd;               // the connection's descriptor as seen at connect, or -1
+};
+
+// A fresh record with a copy of the identity and no buffer yet, or nullptr with the reason logged.
+WIN_CLIENT_t* win_client_new(zframe_t* id);
+
+// Frees the record and all it owns; leaves null. Takes null. (CZMQ's item destructor.)
+void win_client_destroy(void** pp_client) noexcept;
+
+// Grows pending_data by one step. False, with a log line and the old buffer in place, when memory is
+// short or the limit of a frame is reached.
+bool win_client_increase_buffer_size(WIN_CLIENT_t* client);
+
+// What becomes of a complete frame: it stands in client.pending_data until the next one begins.
+using frame_handler = void (*)(void* context, WIN_CLIENT_t& client);
+
+// Feeds received bytes to the client's decoder, which calls `deliver` for each complete frame. Frames
+// may span any number of calls.
+void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler deliver, void* context);
+
+} // namespace rtls

@@ -1,0 +1,107 @@
+// node_table - the nodes by MAC, kept in the very order in which a CZMQ zhashx would keep them.
+//
+// Operators see that order in the listings, and it decides which of several nodes with one short MAC
+// is meant. A zhashx itself would not do: whenever a look-up meets a chain that is too long it doubles
+// its buckets, however often. Its hash, too, is part of the order, and thirty MACs that share their
+// hash (peers can make them up, and a large consecutive range contains them) make it ask for gigabytes
+// and abort the process. Here long chains stop making the table grow at a bound, no look-up walks
+// further along a chain than the table's limit for chains, and a second index knows what lies beyond.
+//
+// Ownership  The table owns its nodes.
+// Threads    None of its own; the nodes container locks around it.
+#pragma once
+
+#include "registry/node.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <unordered_map>
+
+namespace rtls {
+
+// A node with its places in the container's structures. Allocated zeroed with calloc: node_destroy
+// frees it as the NODE_t that it begins with.
+struct stored_node : NODE_t {
+    stored_node* next_in_bucket;
+    stored_node* previous_with_address; // the other nodes with the same address
+    stored_node* next_with_address;
+};
+
+// Hashes of bytes that peers choose, seeded at random so that nobody can make them collide.
+size_t seeded_hash(uint64_t low, uint64_t high = 0);
+
+class node_table {
+public:
+    node_table(); // throws std::bad_alloc
+    ~node_table();
+    node_table(const node_table&) = delete;
+    node_table& operator=(const node_table&) = delete;
+
+    size_t size() const { return m_size; }
+
+    // The node with this MAC, or nullptr. May reorder the table, as in a zhashx.
+    stored_node* find(const uint8_t* mac) noexcept;
+
+    // Takes over a node whose MAC is not in the table. False, the node untouched, when memory is short.
+    bool insert(stored_node* node) noexcept;
+
+    // Takes the node with this MAC out and hands it to the caller; nullptr if there is none.
+    stored_node* remove(const uint8_t* mac) noexcept;
+
+    // The one cursor, in table order.
+    stored_node* first() noexcept;
+    stored_node* next() noexcept;
+
+    // The first node in table order for which `accept(node)` holds, or nullptr. Leaves the cursor alone.
+    template <typename Predicate>
+    stored_node* find_first(Predicate accept) const
+    {
+        for (size_t i = next_occupied(0); i < m_bucket_count; i = next_occupied(i + 1))
+            for (stored_node* node = m_buckets[i]; node; node = node->next_in_bucket)
+                if (accept(*node))
+                    return node;
+        return nullptr;
+    }
+
+    // Calls `visit(node)` for every node, in table order. Leaves the cursor alone.
+    template <typename Visitor>
+    void for_each(Visitor visit) const
+    {
+        find_first([&](stored_node& node) {
+            visit(node);
+            return false;
+        });
+    }
+
+private:
+    struct free_deleter {
+        void operator()(void* array) const noexcept { free(array); }
+    };
+    struct mac_hash {
+        size_t operator()(uint64_t mac) const { return seeded_hash(mac); }
+    };
+
+    template <typename T>
+    using zeroed_array = std::unique_ptr<T[], free_deleter>;
+    template <typename T>
+    static zeroed_array<T> make_zeroed(size_t count) noexcept;
+
+    size_t bucket_of(const uint8_t* mac) const;
+    size_t next_occupied(size_t from) const;
+    bool may_spread() const;
+    bool grow() noexcept;
+
+    zeroed_array<stored_node*> m_buckets;
+    zeroed_array<uint64_t> m_occupied; // a bit a bucket, so that walks skip the empty ones quickly
+    size_t m_bucket_count = 0;
+    size_t m_growth = 0; // index into the bucket counts
+    size_t m_size = 0;
+    unsigned m_chain_limit = 1;
+    size_t m_cursor_bucket = 0;
+    stored_node* m_cursor = nullptr; // what next() returns, or null: look in the buckets behind
+    std::unordered_map<uint64_t, stored_node*, mac_hash> m_by_mac;
+};
+
+} // namespace rtls

@@ -1,0 +1,128 @@
+#include "server/discovery.h"
+
+#include "base/logger.h"
+#include "base/null_check.h"
+#include "base/peer.h"
+#include "base/udplib.h"
+#include "link/win_server_private.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace rtls {
+
+// A datagram as it came in.
+struct discovery_datagram {
+    std::array<uint8_t, discovery::receive_limit> bytes;
+    size_t size;
+    sockaddr_in requester;
+    in_addr gateway; // the local address that it was sent to
+};
+
+static void store_endpoint(bytes_span out, size_t at, in_addr address, in_port_t port)
+{
+    store_be32(out, at, ntohl(address.s_addr));
+    store_be16(out, at + sizeof(uint32_t), port);
+}
+
+std::array<uint8_t, discovery::echo_answer_size> discovery_echo_answer(in_addr requester, in_port_t win_port)
+{
+    std::array<uint8_t, discovery::echo_answer_size> answer{};
+    store_endpoint(answer, 0, requester, win_port);
+    return answer;
+}
+
+std::array<uint8_t, discovery::address_answer_size>
+discovery_address_answer(bytes_view request, in_addr gateway, in_port_t win_port)
+{
+    std::array<uint8_t, discovery::address_answer_size> answer{};
+    store_bytes(answer, 0, request.first(discovery::address_request_size));
+    store_endpoint(answer, discovery::address_request_size, gateway, win_port);
+    return answer;
+}
+
+// The local address out of the first packet information; none when it is missing or was cut off.
+static std::optional<in_addr> local_address(msghdr& message)
+{
+    if ((message.msg_flags & MSG_CTRUNC) != 0)
+        return std::nullopt;
+    for (cmsghdr* item = CMSG_FIRSTHDR(&message); item; item = CMSG_NXTHDR(&message, item)) {
+        if (item->cmsg_level != IPPROTO_IP || item->cmsg_type != IP_PKTINFO)
+            continue;
+        in_pktinfo info{};
+        if (item->cmsg_len < CMSG_LEN(sizeof info))
+            return std::nullopt;
+        memcpy(&info, CMSG_DATA(item), sizeof info);
+        // Not ipi_addr: for a broadcast that is no address to connect to.
+        return info.ipi_spec_dst;
+    }
+    return std::nullopt;
+}
+
+// False when nothing came, or when it does not say where it was sent to.
+static bool receive_datagram(int descriptor, discovery_datagram& datagram)
+{
+    alignas(cmsghdr) std::array<uint8_t, 256> control{};
+    iovec data{datagram.bytes.data(), datagram.bytes.size()};
+    msghdr message{};
+    message.msg_name = &datagram.requester;
+    message.msg_namelen = sizeof datagram.requester;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+
+    const ssize_t received = udp_recvmsg(descriptor, &message);
+    if (received <= 0 || message.msg_namelen < sizeof datagram.requester)
+        return false;
+    datagram.size = std::min(static_cast<size_t>(received), datagram.bytes.size());
+    const std::optional<in_addr> gateway = local_address(message);
+    datagram.gateway = gateway.value_or(in_addr{});
+    return gateway.has_value();
+}
+
+static void print_requester(const WIN_SERVER_t* server, const sockaddr_in& requester)
+{
+    if (!dbg_is_wanted(DBG_DISCOVERY))
+        return;
+    const unsigned int port = ntohs(requester.sin_port);
+    dbg_print(server->dbg_client_sock, DBG_DISCOVERY, "DISC", "rcvd discovery: %s:%u",
+              ipv4_text{requester}.c_str(), port);
+}
+
+static void answer_datagram(const WIN_SERVER_t* server, const discovery_datagram& datagram)
+{
+    const auto send = [&](bytes_view answer) {
+        udp_sendto(server->discovery_sock_descriptor, answer.data(), answer.size(), &datagram.requester,
+                   sizeof datagram.requester);
+    };
+    // The size comes first: an address echo has no command byte.
+    if (datagram.size == discovery::echo_request_size)
+        return send(discovery_echo_answer(datagram.requester.sin_addr, server->win_port));
+
+    const unsigned int command = datagram.bytes[0];
+    if (command != discovery::DSC_CMD_REQUEST_ADDRESS) {
+        dbg_print(server->dbg_client_sock, DBG_DISCOVERY, "DISC", "unknown discovery command: %u", command);
+        return;
+    }
+    if (datagram.size != discovery::address_request_size) {
+        dbg_print(server->dbg_client_sock, DBG_DISCOVERY, "DISC", "Invalid size of DSC_CMD_REQUEST_ADDRESS");
+        return;
+    }
+    send(discovery_address_answer(datagram.bytes, datagram.gateway, server->win_port));
+}
+
+int handle_udp_in(zloop_t* /*loop*/, zmq_pollitem_t* /*item*/, void* p_server) noexcept
+{
+    if (any_null(__func__, p_server))
+        return 0;
+    const auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    discovery_datagram datagram{};
+    if (!receive_datagram(server->discovery_sock_descriptor, datagram))
+        return 0;
+    print_requester(server, datagram.requester);
+    answer_datagram(server, datagram);
+    return 0;
+}
+
+} // namespace rtls

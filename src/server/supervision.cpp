@@ -1,0 +1,192 @@
+// win_server_supervision - the WIN server's periodic work: bridges nobody speaks through are let go,
+// nodes age, a silent proxy is reconnected, and what could not be sent is tried again.
+#include "link/win_server_private.h"
+
+#include "base/czmq_ptr.h"
+#include "base/hex.h"
+#include "base/logger.h"
+#include "base/null_check.h"
+#include "base/peer.h"
+#include "base/signals.h"
+#include "registry/nodes_container.h"
+
+#include <new>
+#include <vector>
+
+namespace rtls {
+
+// After a long call of another handler, zloop runs all missed ticks in a row. They must not use up the
+// grace of clients that had no chance to be heard meanwhile.
+static constexpr int64_t least_check_distance_ms = 500;
+
+// A client is wanted while its own node lives and was last heard through this very connection.
+static bool is_wanted(NODES_CONTAINER_t& nodes, const WIN_CLIENT_t& client)
+{
+    const nodes_guard guard{nodes};
+    const NODE_t* node = nodes.find_by_mac(client.mac_addr);
+    return node && node->lifetime != 0 && node->win_client_id && zframe_eq(node->win_client_id, client.id);
+}
+
+// Counts one tick of one client. True when its grace is over.
+static bool has_run_out(NODES_CONTAINER_t& nodes, WIN_CLIENT_t& client)
+{
+    if (is_wanted(nodes, client)) {
+        client.connection_delay = connection_delay_ticks;
+        return false;
+    }
+    if (client.connection_delay == 0)
+        return true;
+    --client.connection_delay;
+    return false;
+}
+
+// Deleting from the table while walking it would skip its neighbours: clients are collected first, in
+// table order.
+static std::vector<const WIN_CLIENT_t*> unwanted_clients(WIN_SERVER_t& server,
+                                                         NODES_CONTAINER_t& nodes) noexcept
+{
+    std::vector<const WIN_CLIENT_t*> unwanted;
+    try {
+        for (void* item = zhashx_first(server.clients); item; item = zhashx_next(server.clients))
+            if (auto* client = static_cast<WIN_CLIENT_t*>(item); has_run_out(nodes, *client))
+                unwanted.push_back(client);
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, "check_client_connection"); // the rest: next tick
+    }
+    return unwanted;
+}
+
+static void close_unwanted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
+{
+    dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "Connection closed by gateway IP:%s:%d MAC:%s ID:[%s]",
+              ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
+              colon_mac_text{client.mac_addr}.c_str(), identity_key{client.id}.c_str());
+    delete_win_client(&server, client.id);
+}
+
+int check_client_connection_at(WIN_SERVER_t* server, int64_t now)
+{
+    NODES_CONTAINER_t* nodes = server->nodes();
+    if (!nodes) {
+        logger_error(g_logger, "%s: null pointer to nodes container!", "check_client_connection");
+        return 1;
+    }
+    if (server->last_client_check && now - *server->last_client_check < least_check_distance_ms)
+        return 0;
+    server->last_client_check = now;
+    for (const WIN_CLIENT_t* client : unwanted_clients(*server, *nodes))
+        close_unwanted(*server, *client);
+    return 0;
+}
+
+int check_client_connection(zloop_t* loop, int timer_id, void* p_server) noexcept
+{
+    (void)timer_id;
+    if (any_null(__func__, loop, p_server))
+        return 1;
+    return check_client_connection_at(static_cast<WIN_SERVER_t*>(p_server), zclock_mono());
+}
+
+int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept
+{
+    (void)timer_id;
+    if (any_null(__func__, loop, p_server))
+        return 1;
+    NODES_CONTAINER_t* nodes = static_cast<WIN_SERVER_t*>(p_server)->nodes();
+    if (!nodes) {
+        logger_error(g_logger, "%s: null nodes container not found!", __func__);
+        return 1;
+    }
+    nodes->update_lifetime();
+    return 0;
+}
+
+static bool reconnect_proxy(WIN_SERVER_t& server)
+{
+    if (zsock_disconnect(server.proxy_sock, "%s", server.proxy_full_address) != 0) {
+        log_call_error("check_proxy_connection", "zsock_disconnect");
+        return false;
+    }
+    if (zsock_connect(server.proxy_sock, "%s", server.proxy_full_address) != 0) {
+        log_call_error("check_proxy_connection", "zsock_connect");
+        return false;
+    }
+    return true;
+}
+
+int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server) noexcept
+{
+    (void)timer_id;
+    auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    if (any_null(__func__, loop, server) || any_null(__func__, server->proxy_sock))
+        return 1;
+    if (!server->proxy_is_silent)
+        server->proxy_is_silent = true; // every message from the proxy clears it
+    else if (!reconnect_proxy(*server))
+        request_stop();
+    return 0;
+}
+
+int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server) noexcept
+{
+    (void)timer_id;
+    auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    if (any_null(__func__, loop, server))
+        return 1;
+    zhashx_t* clients = win_server_get_clients(server);
+    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients))
+        if (zlist_size(static_cast<WIN_CLIENT_t*>(item)->unsent_messages) > 0)
+            unsent_messages_to_win_client(server, item);
+    return 0;
+}
+
+// Offers one frame to the client's connection. The identity is what fails for a client that does not
+// read, and it does not wait: any number of stalled bridges costs the others nothing.
+static bool send_unsent(WIN_SERVER_t& server, WIN_CLIENT_t& client, zframe_ptr& frame)
+{
+    zframe_t* id = client.id;
+    if (zframe_send(&id, server.win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) != 0)
+        return false;
+    zframe_t* raw = frame.release();
+    const bool sent = zframe_send(&raw, server.win_sock, 0) == 0;
+    frame.reset(raw); // null when sent
+    return sent;
+}
+
+// Sends the oldest frame, or puts it back and returns false.
+static bool flush_one(WIN_SERVER_t& server, WIN_CLIENT_t& client)
+{
+    zframe_ptr frame{static_cast<zframe_t*>(zlist_pop(client.unsent_messages))};
+    if (!frame)
+        return true;
+    const size_t size = zframe_size(frame.get());
+    const bool print = dbg_is_wanted(DBG_RAW);
+    // Sending consumes the frame, so what the line shows is taken before.
+    const hex_text hex{{zframe_data(frame.get()), print ? size : 0}};
+    if (!send_unsent(server, client, frame)) {
+        if (errno != EAGAIN)
+            log_call_error("unsent_messages_to_win_client", "zframe_send");
+        zlist_push(client.unsent_messages, frame.release());
+        return false;
+    }
+    client.unsent_bytes -= size;
+    if (print)
+        dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT_FROM_CACHE",
+                  "%s [%zu] cache size: %zu %s:%d [%s]", hex.c_str(), size,
+                  zlist_size(client.unsent_messages), ipv4_text{client.addr}.c_str(),
+                  ntohs(client.addr.sin_port), identity_key{client.id}.c_str());
+    return true;
+}
+
+void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
+{
+    auto* client = static_cast<WIN_CLIENT_t*>(p_client);
+    if (any_null(__func__, server, client) || any_null(__func__, server->win_sock))
+        return;
+    while (zlist_size(client->unsent_messages) > 0)
+        if (!flush_one(*server, *client))
+            return;
+    client->unsent_overflow = false; // the next overflow is a new one
+}
+
+} // namespace rtls

@@ -1,0 +1,52 @@
+// win_server - the actor that speaks with the node network and with the servers upstream.
+//
+// Ownership  The gateway object owns the server; everybody else sees an opaque pointer.
+// Threads    win_server_new, _run, _is_ready and _destroy: the owner's thread. win_server_copy_clients:
+//            any thread. The others: the actor's thread only.
+// Failures   A null argument is logged and answered with nullptr, false or nothing.
+#pragma once
+
+#include "base/czmq_ptr.h"
+#include "registry/node.h"
+
+#include <czmq.h>
+#include <netinet/in.h>
+
+#include <vector>
+
+namespace rtls {
+
+// Commands on "inproc://winserw_channel": a frame with the command (4 bytes, host order), a frame of data.
+enum winserw_sock_cmd_t : int32_t { WINSERW_SOCK_CMD_GENERIC_REQ = 0 };
+
+// A server configured from `config`, nothing started; or nullptr.
+void* win_server_new(zconfig_t* config, void* p_rtls_gateway);
+
+// Starts the actor. False when one already runs or it cannot be started. Returns before the sockets
+// exist; see win_server_is_ready.
+bool win_server_run(void* p_win_server);
+
+// Stops the actor if it runs, frees the server, nulls the handle.
+void win_server_destroy(void** pp_win_server);
+
+// The table of WIN_CLIENT_t by identity (upper-case hex). Actor's thread only.
+zhashx_t* win_server_get_clients(void* p_win_server);
+
+// True once every socket is open and the loop is about to start; stays true.
+bool win_server_is_ready(void* p_win_server);
+
+// Sends MSG_UPDATE_CMD to one client or, with null, to all of them.
+void win_server_nodes_update(void* p_win_server, zframe_t* client_id);
+
+// What other threads may know of a WIN client.
+struct win_client_info {
+    zframe_ptr id;
+    sockaddr_in addr;
+    uint8_t mac_addr[mac_size];
+};
+
+// A copy of the clients' addresses, in table order. Takes the table's own lock; never call it while
+// holding the nodes container's.
+std::vector<win_client_info> win_server_copy_clients(void* p_win_server);
+
+} // namespace rtls

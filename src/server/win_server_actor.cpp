@@ -1,0 +1,202 @@
+// win_server_actor - the actor's life: sockets, loop, tear-down, each in a fixed order.
+#include "link/win_server_private.h"
+
+#include "base/czmq_ptr.h"
+#include "base/endpoints.h"
+#include "base/logger.h"
+#include "base/null_check.h"
+#include "base/signals.h"
+#include "base/udplib.h"
+
+namespace rtls {
+
+namespace {
+
+constexpr char reporter[] = "win_server_actor";
+constexpr int win_send_timeout_ms = 100;
+constexpr int interthread_receive_timeout_ms = 100;
+
+bool made(bool ok, const char* call)
+{
+    if (!ok)
+        log_call_error(reporter, call);
+    return ok;
+}
+
+bool open_debug_stream(WIN_SERVER_t& server)
+{
+    return made(zsock_connect(server.dbg_client_sock, "%s", debug_stream_endpoint) == 0, "zsock_connect");
+}
+
+bool open_win_port(WIN_SERVER_t& server)
+{
+    server.win_sock = zsock_new(ZMQ_STREAM);
+    if (!made(server.win_sock, "zsock_new"))
+        return false;
+    zsock_set_sndtimeo(server.win_sock, win_send_timeout_ms);
+    if (server.win_backlog > 0)
+        zsock_set_backlog(server.win_sock, server.win_backlog);
+    return made(zsock_bind(server.win_sock, "tcp://*:%d", server.win_port) != -1, "zsock_bind");
+}
+
+bool open_discovery(WIN_SERVER_t& server)
+{
+    if (udp_new_connection(server.discovery_port, &server.discovery_sock_descriptor))
+        return true;
+    server.discovery_sock_descriptor = -1; // whatever it holds is closed already
+    return false;
+}
+
+bool open_interthread_channel(WIN_SERVER_t& server)
+{
+    server.interthread_sever_sock = zsock_new(ZMQ_ROUTER);
+    if (!made(server.interthread_sever_sock, "zsock_new"))
+        return false;
+    zsock_set_rcvtimeo(server.interthread_sever_sock, interthread_receive_timeout_ms);
+    return made(zsock_bind(server.interthread_sever_sock, "%s", request_channel_endpoint) != -1,
+                "zsock_bind");
+}
+
+bool open_proxy(WIN_SERVER_t& server)
+{
+    server.proxy_sock = zsock_new_sub(server.proxy_full_address, "");
+    return made(server.proxy_sock, "zsock_new_sub");
+}
+
+bool open_proxy_input(WIN_SERVER_t& server)
+{
+    server.proxy_input_sock = zsock_new_push(server.proxy_full_input_address);
+    return made(server.proxy_input_sock, "zsock_new_push");
+}
+
+bool open_message_handler(WIN_SERVER_t& server)
+{
+    server.msg_handler_sock = zsock_new_push(server.msg_handler_full_address);
+    return made(server.msg_handler_sock, "zsock_new_push");
+}
+
+bool make_loop(WIN_SERVER_t& server)
+{
+    server.actor_loop = zloop_new();
+    return made(server.actor_loop, "zloop_new");
+}
+
+constexpr bool (*open_steps[])(WIN_SERVER_t&) = {
+    open_debug_stream, open_win_port,    open_discovery,       open_interthread_channel,
+    open_proxy,        open_proxy_input, open_message_handler, make_loop,
+};
+
+bool open_all(WIN_SERVER_t& server)
+{
+    for (const auto open : open_steps)
+        if (!open(server))
+            return false;
+    return true;
+}
+
+bool register_discovery(WIN_SERVER_t& server)
+{
+    zmq_pollitem_t item{nullptr, server.discovery_sock_descriptor, ZMQ_POLLIN, 0};
+    if (!made(zloop_poller(server.actor_loop, &item, handle_udp_in, &server) == 0, "zloop_poller"))
+        return false;
+    // Errors of single datagrams must not make the loop drop the port.
+    zloop_poller_set_tolerant(server.actor_loop, &item);
+    return true;
+}
+
+bool register_readers(WIN_SERVER_t& server, zsock_t* pipe)
+{
+    const struct {
+        zsock_t* sock;
+        zloop_reader_fn* handler;
+        void* argument;
+    } readers[] = {
+        {server.win_sock, handle_win_clients, &server},
+        {pipe, zloop_end_event, nullptr},
+        {server.interthread_sever_sock, handle_interthread_sever_sock, &server},
+        {server.proxy_sock, handle_pub_sub_proxy, &server},
+    };
+    for (const auto& r : readers)
+        if (!made(zloop_reader(server.actor_loop, r.sock, r.handler, r.argument) == 0, "zloop_reader"))
+            return false;
+    return true;
+}
+
+bool register_timers(WIN_SERVER_t& server)
+{
+    constexpr struct {
+        size_t period_ms;
+        zloop_timer_fn* handler;
+    } timers[] = {
+        {1000, check_client_connection},
+        {1000, update_nodes_lifetime},
+        {60000, check_proxy_connection},
+        {500, check_clients_unsent_messages},
+    };
+    for (const auto& t : timers)
+        if (!made(zloop_timer(server.actor_loop, t.period_ms, 0, t.handler, &server) != -1, "zloop_timer"))
+            return false;
+    return true;
+}
+
+bool make_unsent_messages(WIN_SERVER_t& server)
+{
+    server.unsent_messages = zlist_new();
+    return made(server.unsent_messages, "unsent_messages zlist_new");
+}
+
+bool prepare(WIN_SERVER_t& server, zsock_t* pipe)
+{
+    return open_all(server) && register_discovery(server) && register_readers(server, pipe) &&
+           register_timers(server) && make_unsent_messages(server);
+}
+
+} // namespace
+
+void win_server_actor(zsock_t* pipe, void* p_server) noexcept
+{
+    block_all_signals();
+    auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    if (any_null(__func__, pipe, server)) {
+        request_stop();
+        if (pipe)
+            zsock_signal(pipe, 0); // whoever destroys the actor waits for this
+        return;
+    }
+    zsock_signal(pipe, 0);
+    server->dbg_client_sock = zsock_new(ZMQ_PUSH);
+    if (!server->dbg_client_sock) {
+        log_call_error(__func__, "zsock_new");
+        request_stop();
+        return;
+    }
+    if (prepare(*server, pipe)) {
+        server->ready = true;
+        zloop_start(server->actor_loop);
+        logger_info(g_logger, "win_loop Ending");
+    }
+    destroy_actor_context(server);
+}
+
+void destroy_actor_context(WIN_SERVER_t* server)
+{
+    request_stop(); // without the WIN server the gateway is of no use
+    if (any_null(__func__, server))
+        return;
+    zloop_destroy(&server->actor_loop);
+    udp_destroy(server->discovery_sock_descriptor);
+    server->discovery_sock_descriptor = -1;
+    zsock_destroy(&server->win_sock);
+    if (server->unsent_messages) {
+        while (zlist_size(server->unsent_messages) > 0)
+            zframe_ptr{static_cast<zframe_t*>(zlist_pop(server->unsent_messages))}.reset();
+        zlist_destroy(&server->unsent_messages);
+    }
+    zsock_destroy(&server->proxy_input_sock);
+    zsock_destroy(&server->proxy_sock);
+    zsock_destroy(&server->msg_handler_sock);
+    zsock_destroy(&server->dbg_client_sock);
+    zsock_destroy(&server->interthread_sever_sock);
+}
+
+} // namespace rtls

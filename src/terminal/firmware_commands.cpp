@@ -1,0 +1,186 @@
+#include "terminal/firmware_commands.h"
+
+#include "terminal/node_requests.h"
+#include "terminal/request.h"
+#include "terminal/terminal_server.h"
+
+#include <cstring>
+#include <optional>
+
+namespace rtls {
+
+static constexpr char incorrect_index[] = "Incorrect INDEX value!\n";
+static constexpr char incorrect_mac[] = "Incorrect MAC value!\n";
+static constexpr char not_in_list[] = "Node %04X not in nodes list\n";
+static constexpr char not_sent[] = "Failed to send command!\n";
+static constexpr char sent[] = "Command sent successfully!\n";
+
+size_t firmware_pages_number(const OTA_FIRMWARE_INFO_t& info)
+{
+    if (info.page_size == 0)
+        return 0;
+    return info.size / info.page_size + (info.size % info.page_size != 0);
+}
+
+std::string firmware_list_line(uint16_t index, const OTA_FIRMWARE_INFO_t& info)
+{
+    return text_format("%*u %*X %*X %*zu %*u %*zu %*u %*u %*u\n", 5, index, 10, info.git_ver, 10, info.crc32,
+                       8, info.size, 11, info.page_size, 7, firmware_pages_number(info), 13,
+                       info.board_version, 14, info.board_revision, 11, info.maximum_pages);
+}
+
+std::string firmware_info_text(uint16_t index, const OTA_FIRMWARE_INFO_t& info)
+{
+    return text_format("index: %u\ngit id: %X\ncrc32: %X\nsize: %zu\npage size: %u\npages: %zu\n"
+                       "board version: %u\nboard revision: %u\nmaximum pages: %u\n",
+                       index, info.git_ver, info.crc32, info.size, info.page_size,
+                       firmware_pages_number(info), info.board_version, info.board_revision,
+                       info.maximum_pages);
+}
+
+std::string firmware_info(services& gateway, const char* index_word)
+{
+    const auto index = get_short_val_from_str(index_word);
+    const auto info = index ? gateway.ota->firmware_info(*index) : std::nullopt;
+    return info ? firmware_info_text(*index, *info) : incorrect_index;
+}
+
+// A deletion is reported like a request sent to a node, although nothing is sent.
+std::string firmware_del(services& gateway, const char* index_word)
+{
+    const auto index = get_short_val_from_str(index_word);
+    if (!index || !gateway.ota->del_firmware(*index))
+        return incorrect_index;
+    return sent;
+}
+
+std::string firmware_apply(services& gateway, const char* mac_word)
+{
+    const auto short_mac = get_short_val_from_str(mac_word);
+    if (!short_mac)
+        return incorrect_mac;
+    const auto mac = find_mac_by_short(gateway.nodes, *short_mac);
+    if (!mac)
+        return text_format(not_in_list, *short_mac);
+    auto message = make_apply_request(*mac);
+    const bool is_sent =
+        terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
+    return is_sent ? sent : not_sent;
+}
+
+std::string firmware_set(services& gateway, const char* index_word, const char* mac_word,
+                         const char* source_word)
+{
+    const auto index = get_short_val_from_str(index_word);
+    if (!index)
+        return incorrect_index;
+    const auto short_mac = get_short_val_from_str(mac_word);
+    if (!short_mac)
+        return incorrect_mac;
+    const auto info = gateway.ota->firmware_info(*index);
+    if (!info)
+        return incorrect_index;
+    std::optional<uint16_t> source;
+    if (source_word) {
+        source = strcasecmp(source_word, "GW") == 0 ? 0 : get_short_val_from_str(source_word);
+        if (!source)
+            return "Incorrect SOURSE value!\n";
+    }
+    const auto mac = find_mac_by_short(gateway.nodes, *short_mac);
+    if (!mac)
+        return text_format(not_in_list, *short_mac);
+    auto message = make_set_request(*info, source, *mac);
+    const bool is_sent =
+        terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
+    return is_sent ? "Command sent the node successfully!\n" : not_sent;
+}
+
+// --- Sub-commands. Each gets the reply that is already addressed, and answers it.
+
+// Where set, apply, info and del read their numbers: in the sub-command word itself, not behind it. So
+// set and info refuse, del means slot 0xDE, and apply means the node 000A ("a" of "apply"). Operators'
+// tools count on these answers.
+static const char* value_word(const terminal_request& request)
+{
+    return request.words[1];
+}
+
+// Blocks the terminal thread while the transfer lasts.
+static void subcommand_get(const terminal_request& request, terminal_reply& reply)
+{
+    if (request.words.size() < 3) {
+        reply.send("URL is missing!\n");
+        return;
+    }
+    const int index = request.gateway.ota->download_firmware(request.words[2], nullptr, nullptr);
+    reply.send(index >= 0 ? text_format("Firmware downloaded. Index: %d\n", index)
+                          : "Failed to read firmware!\n");
+}
+
+static void subcommand_set(const terminal_request& request, terminal_reply& reply)
+{
+    if (request.words.size() < 4) {
+        reply.send("INDEX or MAC are missing!\n");
+        return;
+    }
+    const char* word = value_word(request);
+    const char* source = nullptr;
+    if (request.words.size() > 4)
+        source = strcasecmp(request.words[4], "GW") == 0 ? "GW" : word;
+    reply.send(firmware_set(request.gateway, word, word, source));
+}
+
+static void subcommand_apply(const terminal_request& request, terminal_reply& reply)
+{
+    reply.send(request.words.size() < 3 ? "MAC are missing!\n"
+                                        : firmware_apply(request.gateway, value_word(request)));
+}
+
+static void subcommand_list(const terminal_request& request, terminal_reply& reply)
+{
+    reply.send(firmware_list_header);
+    const OTA_t& ota = *request.gateway.ota;
+    const uint16_t slots = ota.files_number();
+    for (uint16_t index = 0; index < slots; ++index) {
+        const auto info = ota.firmware_info(index);
+        if (info && !request.answer(firmware_list_line(index, *info)))
+            return;
+    }
+}
+
+static void subcommand_info(const terminal_request& request, terminal_reply& reply)
+{
+    reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
+                                        : firmware_info(request.gateway, value_word(request)));
+}
+
+static void subcommand_del(const terminal_request& request, terminal_reply& reply)
+{
+    reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
+                                        : firmware_del(request.gateway, value_word(request)));
+}
+
+static constexpr struct {
+    const char* word;
+    void (*run)(const terminal_request& request, terminal_reply& reply);
+} subcommands[] = {
+    {"get", subcommand_get},   {"set", subcommand_set},   {"apply", subcommand_apply},
+    {"list", subcommand_list}, {"info", subcommand_info}, {"del", subcommand_del},
+};
+
+// An operator who cannot be reached gets nothing done: nobody would see the outcome.
+void command_firmware(const terminal_request& request)
+{
+    terminal_reply reply{request.client->id, request.sock};
+    if (!reply)
+        return;
+    if (request.words.size() >= 2)
+        for (const auto& subcommand : subcommands)
+            if (strcasecmp(request.words[1], subcommand.word) == 0) {
+                subcommand.run(request, reply);
+                return;
+            }
+    reply.send("Incorrect parameters!\n");
+}
+
+} // namespace rtls

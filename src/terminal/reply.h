@@ -1,0 +1,45 @@
+// terminal_reply - what goes out to an operator, kept in step.
+//
+// The stream socket takes frames in pairs: the peer's identity, then the bytes for it. A lone frame of
+// either kind puts it off by one for good, and every later answer goes astray. All answers therefore
+// leave through here: a text is sent only behind an identity that was accepted, and an accepted
+// identity is always followed by exactly one text.
+//
+// Threads    Terminal thread.
+#pragma once
+
+#include <czmq.h>
+
+#include <string>
+
+namespace rtls {
+
+// One answer: addressed when made, sent later.
+class terminal_reply {
+public:
+    // Sends the identity frame (which stays the caller's). Waits for at most the socket's send time-out.
+    terminal_reply(zframe_t* id, zsock_t* sock) noexcept;
+    // An answer that was addressed but got no text (memory ran out on the way) becomes an empty line.
+    ~terminal_reply();
+    terminal_reply(const terminal_reply&) = delete;
+    terminal_reply& operator=(const terminal_reply&) = delete;
+
+    // Whether the identity was accepted. If not, errno says why.
+    explicit operator bool() const noexcept { return m_sock != nullptr; }
+
+    // Sends the text, once; nothing if the identity was not accepted. An empty text closes the
+    // operator's connection.
+    void send(const char* text) noexcept;
+    void send(const std::string& text) noexcept { send(text.c_str()); }
+
+private:
+    zsock_t* m_sock; // null when there is nothing left to send
+};
+
+// A whole answer. False when the identity was not accepted, with errno telling why.
+bool terminal_send(zframe_t* id, zsock_t* sock, const char* text) noexcept;
+
+// printf into a string.
+std::string text_format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+} // namespace rtls

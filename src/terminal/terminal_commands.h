@@ -1,0 +1,15 @@
+// terminal_commands - parses what an operator typed and runs it.
+#pragma once
+
+#include "terminal/client.h"
+
+#include <czmq.h>
+
+namespace rtls {
+
+// Runs the command in `string` (changed in place) for the operator `id_found` and writes the answer to
+// the stream socket `reader`. `quit` frees the operator's record: do not touch it afterwards.
+void terminal_commands_parse(void* p_rtls_gateway, TERMINAL_CLIENT_t* id_found, zsock_t* reader, char* string,
+                             zsock_t* dbg_sock);
+
+} // namespace rtls

@@ -1,0 +1,26 @@
+// terminal_server - the actor that serves operators and delivers the debug stream to them.
+//
+// Ownership  The gateway object owns the server; everybody else sees an opaque pointer.
+// Threads    terminal_server_new, _run, _is_ready and _destroy: the owner's thread. The others: the
+//            actor's thread only.
+// Failures   A null argument is logged and answered with nullptr, false or nothing.
+#pragma once
+
+#include <czmq.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace rtls {
+
+void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway);
+bool terminal_server_run(void* p_terminal_server);
+void terminal_server_destroy(void** pp_terminal_server);
+zhashx_t* terminal_server_get_clients(void* p_terminal_server);
+bool terminal_server_is_ready(void* p_terminal_server);
+
+// Hands a generic request (header, payload, destination MAC) to the WIN server's thread. False when
+// its queue is full. The name is misspelt, and kept: operators' scripts find it in our logs.
+bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t* data, size_t data_size);
+
+} // namespace rtls

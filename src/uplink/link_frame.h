@@ -1,0 +1,61 @@
+// link_frame - what is known of the one frame from a WIN client that is being processed.
+//
+// Private to the processing of messages from WIN clients. The frame stands in the client's
+// pending_data, which is ours until the decoder begins the next one: handlers convert it in place.
+#pragma once
+
+#include "base/bytes.h"
+#include "link/win_server_private.h"
+#include "registry/nodes_container.h"
+#include "wire/messaging.h"
+
+#include <array>
+
+namespace rtls {
+
+struct link_frame {
+    WIN_SERVER_t& server;
+    WIN_CLIENT_t& client; // the one that sent the frame
+    NODES_CONTAINER_t& nodes;
+    // The message at hand, envelopes removed. A forwarded one reaches over the envelope's trailer, so
+    // that its sender's MAC follows its payload as the sender's address does in a direct one.
+    bytes_span msg;
+    uint16_t type;                   // of msg, flag bits cleared
+    tav_timestamp_t input_time;      // of reception: stamps nodes and debug lines
+    tav_timestamp_t generation_time; // from the timestamp envelope, else as above: goes upstream
+
+    bool ack_requested = false;
+    bool ack_dst_known = false; // a handler has filled in the ack's ipaddr
+    bool direct_mask = false;
+    bool msg_is_forwarded = false; // it came inside a 15.4 envelope
+    bool change_route = true;      // move the node's route to this client
+    std::array<uint8_t, gwMsgAck_t::size> ack{};
+
+    uint8_t* seq_no() { return &msg[msgGeneric_t::seqNo]; }
+
+    timeval activity() const
+    {
+        return {.tv_sec = static_cast<time_t>(input_time.seconds),
+                .tv_usec = static_cast<suseconds_t>(input_time.milliseconds) * 1000};
+    }
+
+    void acknowledge_to(const uint8_t* ip_addr)
+    {
+        if (!ack_requested)
+            return;
+        ack_dst_known = true;
+        store_bytes(ack, gwMsgAck_t::ipaddr, {ip_addr, ip_addr_size});
+    }
+
+    void to_msg_handler(bytes_view data)
+    {
+        data_to_msg_handler(&server, data.data(), data.size(), static_cast<uint32_t>(generation_time.seconds),
+                            static_cast<uint16_t>(generation_time.milliseconds));
+    }
+};
+
+// Handlers of messages with a payload of their own length. False refuses the frame: no ack is sent.
+bool handle_generic_server_req(link_frame& frame);
+bool handle_sensor_report(link_frame& frame);
+
+} // namespace rtls

@@ -1,0 +1,333 @@
+// Messages from WIN clients: envelopes come off, the message goes to its handler, the ack goes back.
+//
+// Threads    WIN server thread. The registry is shared: its lock is held for look-up and update only,
+//            and what is printed, sent or handed on afterwards has been copied out.
+#include "base/logger.h"
+#include "base/null_check.h"
+#include "uplink/link_frame.h"
+
+#include <cstring>
+
+namespace rtls {
+
+constexpr uint16_t node_lifetime = 300; // seconds; a heartbeat names its own
+
+// The smallest frame with a timestamp envelope, and the smallest 15.4 envelope.
+constexpr size_t wrap_ts_minimum = 17;
+constexpr size_t nwk_data_minimum = 30;
+
+// The types that may be dispatched; the envelopes and the ping are not among them.
+constexpr uint16_t first_dispatched_type = MSG_PANID_REQ;
+constexpr uint16_t last_dispatched_type = MSG_SENSOR_IND_NEW;
+
+// --- what several handlers do
+
+// Points the node at the client that the frame came from, unless its route is to stay. Under the lock.
+static void move_route_locked(link_frame& frame, NODE_t& node)
+{
+    if (frame.change_route)
+        node_update_win_client_ID(&node, frame.client.id);
+}
+
+// Registers a sign of life of the node with this MAC. False for a duplicate, or when there is no room.
+static bool refresh_node(link_frame& frame, const uint8_t* mac)
+{
+    const nodes_guard guard{frame.nodes};
+    NODE_t* node = frame.nodes.find_or_create_by_mac(mac, frame.seq_no());
+    if (!node)
+        return false;
+    move_route_locked(frame, *node);
+    node->lifetime = node_lifetime;
+    node->last_activity = frame.activity();
+    return true;
+}
+
+// Takes over the MAC that the bridge of this connection gives itself; `source` says in which message.
+static void learn_bridge_mac(link_frame& frame, const char* source, const uint8_t* mac)
+{
+    const uint8_t* old = frame.client.mac_addr;
+    if (std::memcmp(old, mac, mac_size) == 0)
+        return;
+    // The first five bytes in lower case, the rest in upper: log filters know the line so.
+    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_DEVELOP, "SLIP",
+                 "Change connection MAC-address from %s %02x%02x%02x%02x%02x%02X%02X%02X -> "
+                 "%02x%02x%02x%02x%02x%02X%02X%02X",
+                 source, old[0], old[1], old[2], old[3], old[4], old[5], old[6], old[7], mac[0], mac[1],
+                 mac[2], mac[3], mac[4], mac[5], mac[6], mac[7]);
+    win_client_set_mac_addr(&frame.server, &frame.client, mac);
+}
+
+// --- handlers
+
+static bool handle_panid_req(link_frame& frame)
+{
+    const uint8_t* mac = &frame.msg[gwMsgPrefixRequest_t::ieee_addr];
+    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                 "MSG_PANID_REQ %02x MAC : %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x", *frame.seq_no(), mac[0],
+                 mac[1], mac[2], mac[3], mac[4], mac[5], mac[6], mac[7]);
+    learn_bridge_mac(frame, "PANID_REQ", mac);
+    if (!refresh_node(frame, mac))
+        return true;
+    // While the timer of the last broadcast runs, requests are collected for the next.
+    if (frame.server.rpl_timer_is_active)
+        frame.server.unprocessed_MSG_PANID_REQ = true;
+    else
+        rpl_version_to_win_clients(&frame.server);
+    return true;
+}
+
+static bool handle_announce_root(link_frame& frame)
+{
+    const uint8_t* mac = &frame.msg[gwMsgRootAnnounce_t::ieee_addr];
+    const uint16_t prefix = load_le16(frame.msg, gwMsgRootAnnounce_t::rplPrefix);
+    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                 "MSG_ANNOUNCE_ROOT_IND: %02x PREF: %04X VER: %d MAC : "
+                 "%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x",
+                 *frame.seq_no(), prefix, frame.msg[gwMsgRootAnnounce_t::rpl_version], mac[0], mac[1], mac[2],
+                 mac[3], mac[4], mac[5], mac[6], mac[7]);
+    if (!refresh_node(frame, mac))
+        return true;
+    store_be16(frame.msg, gwMsgGeneric_t::msgType, frame.type);
+    store_be16(frame.msg, gwMsgRootAnnounce_t::rplPrefix, prefix);
+    frame.to_msg_handler(frame.msg.first(gwMsgRootAnnounce_t::rpl_version)); // the version stays here
+    return true;
+}
+
+// The numbers of a heartbeat in host order.
+struct heartbeat_numbers {
+    uint32_t sw_version;
+    int32_t pos_X;
+    int32_t pos_Y;
+    int32_t pos_Z;
+};
+
+static heartbeat_numbers read_heartbeat(bytes_view msg)
+{
+    return {
+        .sw_version = load_le32(msg, gwMsgHeartbeat_t::sw_version),
+        .pos_X = static_cast<int32_t>(load_le32(msg, gwMsgHeartbeat_t::pos_X)),
+        .pos_Y = static_cast<int32_t>(load_le32(msg, gwMsgHeartbeat_t::pos_Y)),
+        .pos_Z = static_cast<int32_t>(load_le32(msg, gwMsgHeartbeat_t::pos_Z)),
+    };
+}
+
+// The heartbeat's part in the registry. False for a duplicate, of which nothing is kept.
+static bool update_node(link_frame& frame, const heartbeat_numbers& heartbeat)
+{
+    const bytes_view msg = frame.msg;
+    const uint8_t role = msg[gwMsgHeartbeat_t::node_role];
+    const nodes_guard guard{frame.nodes};
+    NODE_t* node = frame.nodes.find_or_create_by_mac(&msg[gwMsgHeartbeat_t::long_addr], frame.seq_no());
+    if (!node)
+        return false;
+    node->sw_version = heartbeat.sw_version;
+    node->type = role & 0x0F;
+    node->state = role & 0xF0; // not shifted: it is shown and compared in this place
+    node->ranging_freq = msg[gwMsgHeartbeat_t::ranging_freq];
+    node->reporting_freq = msg[gwMsgHeartbeat_t::reporting_freq];
+    node->sublocation_id = msg[gwMsgHeartbeat_t::sublocation_id];
+    node->pos_X = heartbeat.pos_X;
+    node->pos_Y = heartbeat.pos_Y;
+    node->pos_Z = heartbeat.pos_Z;
+    node->lifetime = static_cast<uint16_t>(node->reporting_freq * 5);
+    node->last_activity = frame.activity();
+    move_route_locked(frame, *node);
+    if (frame.change_route)
+        frame.nodes.set_address(*node, &msg[gwMsgHeartbeat_t::ipaddr], frame.msg_is_forwarded);
+    std::memcpy(node->parent_addr, &msg[gwMsgHeartbeat_t::parent_addr], mac_size);
+    return true;
+}
+
+static void print_heartbeat(const link_frame& frame, const heartbeat_numbers& heartbeat)
+{
+    const bytes_view msg = frame.msg;
+    const uint8_t* node = &msg[gwMsgHeartbeat_t::long_addr];
+    const uint8_t* parent = &msg[gwMsgHeartbeat_t::parent_addr];
+    const auto z_val = static_cast<int16_t>(load_le16(msg, gwMsgHeartbeat_t::z_val));
+    const auto z_offset = static_cast<int16_t>(load_le16(msg, gwMsgHeartbeat_t::z_offset));
+    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                 "%s %04X src:%02X%02X seq:%02X rf:%d rngf:%d role:%02X sl:%02x par:%02X%02X sw:%08x "
+                 "xyz:%d;%d;%d zoff:%d",
+                 frame.type == MSG_HEARTBEAT_IND ? "MSG_HEARTBEAT_IND" : "MSG_NODE_ANNOUNCE_IND", frame.type,
+                 node[6], node[7], msg[msgGeneric_t::seqNo], msg[gwMsgHeartbeat_t::reporting_freq],
+                 msg[gwMsgHeartbeat_t::ranging_freq], msg[gwMsgHeartbeat_t::node_role],
+                 msg[gwMsgHeartbeat_t::sublocation_id], parent[6], parent[7], heartbeat.sw_version,
+                 heartbeat.pos_X, heartbeat.pos_Y, z_val, z_offset);
+}
+
+static bool handle_heartbeat(link_frame& frame)
+{
+    // A forwarded one has the sender's trailer where a direct one names its bridge and its address: the
+    // bridge is this client then, and the address is at the same place.
+    uint8_t* bridge_mac = &frame.msg[gwMsgHeartbeat_t::bridge_mac];
+    if (frame.msg_is_forwarded)
+        std::memcpy(bridge_mac, frame.client.mac_addr, mac_size);
+    else
+        learn_bridge_mac(frame, frame.type == MSG_HEARTBEAT_IND ? "HB" : "NA", bridge_mac);
+    frame.acknowledge_to(&frame.msg[gwMsgHeartbeat_t::ipaddr]);
+
+    const heartbeat_numbers heartbeat = read_heartbeat(frame.msg);
+    if (!update_node(frame, heartbeat))
+        return true;
+    print_heartbeat(frame, heartbeat);
+
+    store_be16(frame.msg, msgGeneric_t::msgType, frame.type);
+    store_be32(frame.msg, gwMsgHeartbeat_t::sw_version, heartbeat.sw_version);
+    store_be32(frame.msg, gwMsgHeartbeat_t::pos_X, static_cast<uint32_t>(heartbeat.pos_X));
+    store_be32(frame.msg, gwMsgHeartbeat_t::pos_Y, static_cast<uint32_t>(heartbeat.pos_Y));
+    // As one word, so that upstream z_offset comes before z_val.
+    store_be32(frame.msg, gwMsgHeartbeat_t::pos_Z, static_cast<uint32_t>(heartbeat.pos_Z));
+    frame.to_msg_handler(frame.msg.first(gwMsgHeartbeat_t::ipaddr));
+    return true;
+}
+
+// --- dispatch
+
+struct link_message {
+    uint16_t type;
+    // Of frame.msg, exactly. A forwarded message brings its envelope's trailer of 24 bytes along: so a
+    // forwarded heartbeat (39 + 24) has the direct one's size, and other fixed sizes are refused.
+    size_t size;
+    bool (*handle)(link_frame&);
+};
+
+constexpr size_t checked_by_handler = 0;
+constexpr link_message link_messages[] = {
+    {MSG_PANID_REQ, gwMsgPrefixRequest_t::size, handle_panid_req},
+    {MSG_ANNOUNCE_ROOT_IND, gwMsgRootAnnounce_t::size, handle_announce_root},
+    {MSG_HEARTBEAT_IND, gwMsgHeartbeat_t::size, handle_heartbeat},
+    {MSG_NODE_ANNOUNCE_IND, gwMsgHeartbeat_t::size, handle_heartbeat}, // same record
+    {MSG_GENERIC_SERVER_REQ, checked_by_handler, handle_generic_server_req},
+    {MSG_SENSOR_IND_NEW, checked_by_handler, handle_sensor_report},
+};
+
+static bool dispatch(link_frame& frame)
+{
+    for (const auto& m : link_messages)
+        if (m.type == frame.type)
+            return (m.size == checked_by_handler || m.size == frame.msg.size()) && m.handle(frame);
+    return true; // a type that needs no action
+}
+
+// --- envelopes
+
+// Takes a timestamp envelope off. False when the frame is too short for one.
+static bool unwrap_timestamp(link_frame& frame)
+{
+    // Compared with its flag bits: a flagged type is no timestamp envelope.
+    if (load_le16(frame.msg, msgHeader_t::msgType) != MSG_WRAP_TS)
+        return true;
+    if (frame.msg.size() < wrap_ts_minimum)
+        return false;
+    const uint32_t seconds = load_be32(frame.msg, wrap_ts::seconds);
+    const uint32_t fraction = load_be16(frame.msg, wrap_ts::fraction);
+    frame.generation_time = {.seconds = seconds, .milliseconds = fraction * 1000 >> 16};
+    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                 "MSG_WRAP_TS timestamp seconds:%d timestamp frac:%d (%d milliseconds)",
+                 static_cast<int>(seconds), static_cast<int>(fraction),
+                 static_cast<int>(frame.generation_time.milliseconds));
+    frame.msg = frame.msg.subspan(wrap_ts::size);
+    return true;
+}
+static_assert(wrap_ts_minimum >= wrap_ts::size + msgGeneric_t::size);
+
+// Sends the frame back as it came, the timestamp envelope included.
+static void echo_ping(link_frame& frame)
+{
+    const uint8_t* mac = frame.client.mac_addr;
+    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                 "MSG_PING %02x MAC : %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x", *frame.seq_no(), mac[0],
+                 mac[1], mac[2], mac[3], mac[4], mac[5], mac[6], mac[7]);
+    data_to_win_client(&frame.server, frame.client.id, frame.client.pending_data,
+                       frame.client.pending_data_size);
+}
+
+// Moves the flag bits from the type into the frame's record, and prepares the ack.
+static void take_flags(link_frame& frame)
+{
+    store_le16(frame.ack, gwMsgAck_t::msgType, MSG_REST_ACK);
+    frame.ack[gwMsgAck_t::seqNo] = *frame.seq_no();
+
+    const uint16_t flagged = load_le16(frame.msg, msgGeneric_t::msgType);
+    frame.ack_requested = (flagged & msg_flag_ack_requested) != 0;
+    frame.direct_mask = (flagged & msg_flag_direct_mask) != 0;
+    frame.type = static_cast<uint16_t>(flagged & ~(msg_flag_ack_requested | msg_flag_direct_mask));
+    store_le16(frame.msg, msgGeneric_t::msgType, frame.type);
+}
+
+// Registers the node that a bridge has heard: `trailer` is its MAC, then its address.
+static bool register_forwarded_node(link_frame& frame, const uint8_t* trailer)
+{
+    const nodes_guard guard{frame.nodes};
+    NODE_t* node = frame.nodes.find_or_create_by_mac(trailer + nwk_data_ind::trailer_mac, nullptr);
+    if (!node)
+        return false;
+    node->direct_mask = frame.direct_mask;
+    node->lifetime = node_lifetime;
+    node->last_activity = frame.activity();
+    move_route_locked(frame, *node);
+    if (frame.change_route)
+        frame.nodes.set_address(*node, trailer + nwk_data_ind::trailer_ip, true);
+    return true;
+}
+
+// Takes a 15.4 envelope off. False when its size is wrong or its node cannot be registered.
+static bool unwrap_forwarded(link_frame& frame)
+{
+    if (frame.type != MSG_NWK_DATA_15_4_IND && frame.type != MSG_TRF2SRV_VIA_CLIENT)
+        return true;
+    if (frame.msg.size() < nwk_data_minimum)
+        return false;
+    const size_t inner_size = load_le16(frame.msg, msgHeader_t::total_len);
+    if (frame.msg.size() != inner_size + nwk_data_ind::overhead)
+        return false;
+    frame.change_route = frame.type != MSG_TRF2SRV_VIA_CLIENT;
+    if (!register_forwarded_node(frame, &frame.msg[nwk_data_ind::inner + inner_size]))
+        return false;
+
+    frame.msg = frame.msg.subspan(nwk_data_ind::inner);
+    frame.msg_is_forwarded = true;
+    // The inner ack bit is dropped without being an ack request: the envelope's counts. The other flag
+    // bit stays, and keeps the message from being dispatched.
+    const uint16_t flagged = load_le16(frame.msg, msgGeneric_t::msgType);
+    frame.type = static_cast<uint16_t>(flagged & ~msg_flag_ack_requested);
+    store_le16(frame.msg, msgGeneric_t::msgType, frame.type);
+    return true;
+}
+static_assert(nwk_data_minimum > nwk_data_ind::inner + msgGeneric_t::size);
+
+bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
+{
+    if (any_null(__func__, server, client) || any_null(__func__, server->nodes()))
+        return false;
+    if (!client->pending_data || client->pending_data_size < msgGeneric_t::size)
+        return false;
+
+    const tav_timestamp_t now = get_current_time();
+    link_frame frame{
+        .server = *server,
+        .client = *client,
+        .nodes = *server->nodes(),
+        .msg = {client->pending_data, client->pending_data_size},
+        .type = 0,
+        .input_time = now,
+        .generation_time = now,
+    };
+    if (!unwrap_timestamp(frame))
+        return false;
+    // Compared with its flag bits, too: only a plain ping is echoed.
+    if (load_le16(frame.msg, msgGeneric_t::msgType) == MSG_PING) {
+        echo_ping(frame);
+        return true;
+    }
+    take_flags(frame);
+    if (!unwrap_forwarded(frame))
+        return false;
+    if (frame.type >= first_dispatched_type && frame.type <= last_dispatched_type && !dispatch(frame))
+        return false;
+    if (frame.ack_requested && frame.ack_dst_known)
+        data_to_win_client(server, client->id, frame.ack.data(), frame.ack.size());
+    return true;
+}
+
+} // namespace rtls

@@ -1,0 +1,221 @@
+// Generic server requests and sensor reports: messages with a payload of their own length.
+//
+// Their length is a 16-bit quantity, header included, and wraps for the largest payload lengths. Such
+// a frame may pass the size checks with far fewer bytes than it promises, so whoever reads the payload
+// asks first whether the bytes are there.
+#include "base/logger.h"
+#include "uplink/link_frame.h"
+#include "wire/report_texts.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <optional>
+
+namespace rtls {
+
+constexpr size_t copy_limit = 1050;             // bytes of a generic request's copy
+constexpr uint16_t generic_length_limit = 1043; // first length that is refused
+constexpr uint16_t sensor_length_limit = 293;
+static_assert(generic_length_limit - 1 + mac_size == copy_limit);
+
+namespace {
+
+// A message with a payload, checked, and its copy for the message handler.
+struct payload_message {
+    uint16_t total_len;
+    uint16_t length;          // header and payload; 16 bits, so that it may have wrapped
+    uint8_t short_mac[2];     // of the sender
+    size_t copy_size;         // the message and the sender's MAC
+    uint8_t copy[copy_limit]; // header big-endian
+
+    const uint8_t* sender_mac() const { return copy + length; }
+};
+
+} // namespace
+
+// Checks the sizes, makes the copy, and learns from the trailer where an ack goes. A forwarded message's
+// trailer begins with a MAC instead of an address; its ack carries these bytes all the same.
+static bool open_message(link_frame& frame, uint16_t length_limit, payload_message& message)
+{
+    const bytes_view msg = frame.msg;
+    if (msg.size() <= msgHeader_t::size)
+        return false;
+    message.total_len = load_le16(msg, msgHeader_t::total_len);
+    message.length = static_cast<uint16_t>(message.total_len + msgHeader_t::size);
+    if (msg.size() < size_t{message.length} + ip_addr_size || message.length >= length_limit)
+        return false;
+
+    message.copy_size = message.length + mac_size;
+    const bytes_span copy{message.copy, message.copy_size};
+    store_bytes(copy, 0, msg.first(message.copy_size));
+    store_be16(copy, msgHeader_t::msgType, frame.type);
+    store_be16(copy, msgHeader_t::total_len, message.total_len);
+    frame.acknowledge_to(&msg[message.length]);
+    return true;
+}
+
+static void print_unknown_sender(const link_frame& frame, const uint8_t* ip_addr)
+{
+    if (!dbg_is_wanted(DBG_PARSING))
+        return;
+    char text[INET6_ADDRSTRLEN];
+    const char* ip = inet_ntop(AF_INET6, ip_addr, text, sizeof text);
+    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                 "range ip: %s to mac return NULL", ip ? ip : "NULL");
+}
+
+// Finds the sender by the trailer, a MAC if forwarded, else an address, and has the copy end with its
+// MAC. False when there is none, or for a duplicate.
+static bool find_sender(link_frame& frame, payload_message& message)
+{
+    const uint8_t* trailer = &frame.msg[message.length];
+    const nodes_guard guard{frame.nodes};
+    NODE_t* node = frame.msg_is_forwarded ? frame.nodes.find_or_create_by_mac(trailer, frame.seq_no())
+                                          : frame.nodes.find_by_ip(trailer);
+    if (!node)
+        return false;
+    node->last_activity = frame.activity();
+    std::memcpy(message.short_mac, node->mac_addr + mac_size - 2, sizeof message.short_mac);
+    if (!frame.msg_is_forwarded)
+        std::memcpy(message.copy + message.length, node->mac_addr, mac_size);
+    return true;
+}
+
+static bool identify_sender(link_frame& frame, payload_message& message)
+{
+    if (find_sender(frame, message))
+        return true;
+    if (frame.msg_is_forwarded)
+        dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                     "nodes_container_find_or_create_by_mac returns NULL");
+    else
+        print_unknown_sender(frame, &frame.msg[message.length]);
+    return false;
+}
+
+bool handle_sensor_report(link_frame& frame)
+{
+    payload_message message; // large, and filled as far as it is used
+    if (!open_message(frame, sensor_length_limit, message))
+        return false;
+    if (!identify_sender(frame, message))
+        return true;
+    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                 "MSG_SENSOR_IND_NEW: [%d] in_buf_size:%d  src:%02X%02X", frame.type & 0xFF,
+                 message.total_len, message.short_mac[0], message.short_mac[1]);
+    frame.to_msg_handler({message.copy, message.copy_size});
+    return true;
+}
+
+// --- sub-commands of generic requests
+
+enum class outcome { done, to_servers };
+
+static outcome answer_route_request(link_frame& frame, const payload_message& message)
+{
+    const size_t requesters = route_requesters(message.total_len);
+    const size_t size = route_request_text_size(requesters);
+    const std::unique_ptr<char[]> text{new (std::nothrow) char[size]};
+    if (!text) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return outcome::done;
+    }
+    write_route_request_text(frame.msg, requesters, {text.get(), size});
+    win_management_to_server(&frame.server, text.get());
+    return outcome::done;
+}
+
+static outcome answer_ota_page(link_frame& frame, const payload_message& message)
+{
+    const bool served = send_otapage_from_cache(&frame.server, frame.msg, message.sender_mac());
+    return served ? outcome::done : outcome::to_servers;
+}
+
+static outcome publish_ul_tdoa(link_frame& frame, const payload_message& message)
+{
+    const bool published = processing_ul_tdoa(&frame.server, frame.msg, message.sender_mac());
+    return published ? outcome::done : outcome::to_servers;
+}
+
+constexpr size_t range_report_entries(uint16_t total_len)
+{
+    return (total_len - 2U) / range_report::entry_size;
+}
+
+static outcome print_range_report(link_frame& frame, const payload_message& message)
+{
+    if (!dbg_is_wanted(DBG_PARSING))
+        return outcome::to_servers;
+    for (size_t i = 0; i < range_report_entries(message.total_len); i++) {
+        const bytes_view entry = bytes_view{frame.msg}.subspan(
+            range_report::entries + i * range_report::entry_size, range_report::entry_size);
+        dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "RANGE_RPT",
+                     "%02X%02X, %02X%02X, %10u, %5u", message.short_mac[0], message.short_mac[1],
+                     entry[range_report::short_mac], entry[range_report::short_mac + 1],
+                     load_be32(entry, range_report::value32), load_be16(entry, range_report::value16));
+    }
+    return outcome::to_servers;
+}
+
+namespace {
+
+struct generic_sub_command {
+    uint16_t code;
+    uint16_t smallest; // total_len that it is recognised by; otherwise the servers get it
+    uint16_t largest;
+    size_t (*extent)(uint16_t total_len); // bytes of the message that the handler reads
+    outcome (*handle)(link_frame&, const payload_message&);
+};
+
+} // namespace
+
+constexpr uint16_t any_length = 0xFFFF;
+constexpr generic_sub_command sub_commands[] = {
+    {GENERIC_REQ_RouteRequest, route_request_minimum, any_length,
+     [](uint16_t total_len) { return route_request_extent(route_requesters(total_len)); },
+     answer_route_request},
+    {GENERIC_REQ_OtaPage, ota_page::total_len, ota_page::total_len, [](uint16_t) { return ota_page::size; },
+     answer_ota_page},
+    {GENERIC_REQ_UltdoaData, ul_tdoa_minimum, any_length, ul_tdoa_extent, publish_ul_tdoa},
+    {GENERIC_REQ_RangeRpt, 10, any_length,
+     [](uint16_t total_len) {
+         return range_report::entries + range_report_entries(total_len) * range_report::entry_size;
+     },
+     print_range_report},
+};
+
+static const generic_sub_command* find_sub_command(uint16_t code, uint16_t total_len)
+{
+    for (const auto& sub : sub_commands)
+        if (sub.code == code && total_len >= sub.smallest && total_len <= sub.largest)
+            return &sub;
+    return nullptr;
+}
+
+bool handle_generic_server_req(link_frame& frame)
+{
+    payload_message message; // large, and filled as far as it is used
+    if (!open_message(frame, generic_length_limit, message))
+        return false;
+    if (!identify_sender(frame, message))
+        return true;
+    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                 "MSG_GENERIC_SERVER_REQ: [%d] in_buf_size:%d  src:%02X%02X", frame.type & 0xFF,
+                 message.total_len, message.short_mac[0], message.short_mac[1]);
+
+    // From the message itself: where the length has wrapped, the copy's sub-command is overwritten.
+    const uint16_t code = load_be16(frame.msg, generic_server_request::sub_command);
+    if (const generic_sub_command* sub = find_sub_command(code, message.total_len)) {
+        if (sub->extent(message.total_len) > frame.msg.size())
+            return false;
+        if (sub->handle(frame, message) == outcome::done)
+            return true;
+    }
+    frame.to_msg_handler({message.copy, message.copy_size});
+    return true;
+}
+
+} // namespace rtls

@@ -1,0 +1,491 @@
+// The debug stream and the helpers of common.h.
+#include "base/common.h"
+#include "base/hex.h"
+#include "firmware/crc32.h"
+#include "link/rpl_version.h"
+
+#include "base/logger.h"
+#include "support/log_capture.h"
+#include "support/sock.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace rtls {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+namespace {
+
+constexpr tav_timestamp_t may_first{1714568822, 45}; // 2024-05-01 13:07:02.045 UTC
+
+// A frame of the stream; empty if none comes within the time.
+std::string receive_frame(zsock_t* pull, int timeout_ms = 5000)
+{
+    zsock_set_rcvtimeo(pull, timeout_ms);
+    const zframe_ptr frame{zframe_recv(pull)};
+    return frame ? std::string(reinterpret_cast<const char*>(zframe_data(frame.get())),
+                               zframe_size(frame.get()))
+                 : std::string{};
+}
+
+// What operators see of a message printed at may_first.
+std::string line(const std::string& channel, const std::string& message)
+{
+    return "\033[36m05-01 13:07:02.045\033[0m \033[35m" + channel + ":\033[0m " + message + "\n";
+}
+
+zsock_ptr new_pull(const std::string& endpoint)
+{
+    return zsock_ptr{zsock_new_pull(("@" + endpoint).c_str())};
+}
+
+zsock_ptr new_push(const std::string& endpoint)
+{
+    return zsock_ptr{zsock_new_push((">" + endpoint).c_str())};
+}
+
+class debug_stream : public testing::Test {
+protected:
+    debug_stream() { debug_mask = 0; }
+    ~debug_stream() override { debug_mask = 0; }
+
+    log_capture log;
+    std::string endpoint = new_endpoint();
+    zsock_ptr pull = new_pull(endpoint);
+    zsock_ptr push = new_push(endpoint);
+};
+
+} // namespace
+
+TEST(debug_sections, have_their_names_and_numbers)
+{
+    const std::vector<std::string> names(std::begin(dbg_section_name), std::end(dbg_section_name));
+    EXPECT_THAT(names, ElementsAre("raw", "parsing", "terminal", "win", "discovery", "develop", "ul_tdoa"));
+    EXPECT_EQ(DBG_RAW, 0);
+    EXPECT_EQ(DBG_PARSING, 1);
+    EXPECT_EQ(DBG_TERMINAL, 2);
+    EXPECT_EQ(DBG_WIN, 3);
+    EXPECT_EQ(DBG_DISCOVERY, 4);
+    EXPECT_EQ(DBG_DEVELOP, 5);
+    EXPECT_EQ(DBG_UL_TDOA, 6);
+    EXPECT_EQ(DBG_SECTIONS_NUMBER, 7);
+}
+
+TEST(shared_texts, are_exact)
+{
+    EXPECT_STREQ(str_null_pointer, "%s: null pointer!");
+    EXPECT_STREQ(str_out_of_memory, "%s: out of memory!");
+}
+
+TEST_F(debug_stream, each_bit_of_the_mask_lets_its_own_section_through)
+{
+    for (int enabled = 0; enabled < DBG_SECTIONS_NUMBER; ++enabled) {
+        debug_mask = static_cast<uint16_t>(1U << enabled);
+        for (int section = 0; section < DBG_SECTIONS_NUMBER; ++section)
+            dbg_print_ts(push.get(), may_first, static_cast<dbg_section_t>(section), "CONS", "section %d",
+                         section);
+        EXPECT_EQ(receive_frame(pull.get()), line("CONS", "section " + std::to_string(enabled)));
+        EXPECT_EQ(receive_frame(pull.get(), 0), "");
+    }
+}
+
+TEST_F(debug_stream, a_line_is_coloured_and_stamped_in_utc)
+{
+    setenv("TZ", "Asia/Tokyo", 1);
+    tzset();
+    debug_mask = 1U << DBG_WIN;
+    dbg_print_ts(push.get(), may_first, DBG_WIN, "CONS", "Client %d disconnected", 7);
+    EXPECT_EQ(receive_frame(pull.get()),
+              "\033[36m05-01 13:07:02.045\033[0m \033[35mCONS:\033[0m Client 7 disconnected\n");
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(debug_stream, without_a_time_a_line_is_stamped_now)
+{
+    debug_mask = 1U << DBG_WIN;
+    const tav_timestamp_t before = get_current_time();
+    dbg_print(push.get(), DBG_WIN, "CONS", "now");
+    const tav_timestamp_t after = get_current_time();
+    const std::string frame = receive_frame(pull.get());
+    const auto text_of = [](tav_timestamp_t time) {
+        tm utc{};
+        const auto seconds = static_cast<time_t>(time.seconds);
+        gmtime_r(&seconds, &utc);
+        char text[32];
+        const size_t length = strftime(text, sizeof text, "%m-%d %H:%M:%S", &utc);
+        snprintf(text + length, sizeof text - length, ".%03u", time.milliseconds);
+        return std::string(text);
+    };
+    ASSERT_EQ(frame.size(), line("CONS", "now").size());
+    EXPECT_LE(text_of(before), frame.substr(5, 18));
+    EXPECT_GE(text_of(after), frame.substr(5, 18));
+}
+
+TEST_F(debug_stream, every_line_reaches_its_sections_log_whatever_the_mask)
+{
+    for (const uint16_t mask : {uint16_t{0x0000}, uint16_t{0x007F}}) {
+        debug_mask = mask;
+        dbg_print_ts(push.get(), may_first, DBG_RAW, "SLIP", "one %s", "a");
+        dbg_print_ts(push.get(), may_first, DBG_WIN, "PROXY", "two");
+        EXPECT_THAT(log.messages("raw"), ElementsAre("SLIP: one a"));
+        EXPECT_THAT(log.take(), ElementsAre("&rtls-gateway:win       2024-05-01 13:07:02.045 PROXY: two"));
+    }
+}
+
+TEST_F(debug_stream, a_message_is_never_a_format)
+{
+    debug_mask = 1U << DBG_TERMINAL;
+    dbg_print_ts(push.get(), may_first, DBG_TERMINAL, "CONS", "%s", "100%s%n%1%");
+    EXPECT_EQ(receive_frame(pull.get()), line("CONS", "100%s%n%1%"));
+    EXPECT_THAT(log.messages("terminal"), ElementsAre("CONS: 100%s%n%1%"));
+}
+
+TEST_F(debug_stream, long_lines_are_cut_and_lose_their_end)
+{
+    debug_mask = 1U << DBG_RAW;
+    const size_t frame_of_nothing = line("PROXY", "").size();
+    const struct {
+        const char* given;
+        size_t message;
+        size_t frame;
+        bool ends;
+    } cases[] = {
+        {"one short of the limit", 2046 - frame_of_nothing, 2046, true},
+        {"just within the limit", 2047 - frame_of_nothing, 2047, true},
+        {"one too long", 2048 - frame_of_nothing, 2047, false},
+        {"far too long", 3000, 2047, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        const std::string message(c.message, 'x');
+        dbg_print_ts(push.get(), may_first, DBG_RAW, "PROXY", "%s", message.c_str());
+        const std::string frame = receive_frame(pull.get());
+        EXPECT_EQ(frame, line("PROXY", message).substr(0, c.frame));
+        EXPECT_EQ(frame.ends_with('\n'), c.ends);
+        EXPECT_THAT(log.messages("raw"), ElementsAre("PROXY: " + message));
+    }
+}
+
+// A bound peer that does not read takes 2000 lines.
+TEST_F(debug_stream, an_overflow_and_its_end_are_reported_once_each)
+{
+    debug_mask = 1U << DBG_DEVELOP;
+    const auto print = [&](zsock_t* sock, size_t lines) {
+        for (size_t i = 0; i < lines; ++i) {
+            dbg_print_ts(sock, may_first, DBG_DEVELOP, "CONS", "line");
+            if (i % 100 == 99)
+                (void)log.messages("develop"); // lest the broker's queue lose what we look for
+        }
+    };
+    for (int episode = 1; episode <= 2; ++episode) {
+        SCOPED_TRACE(episode);
+        const std::string stalled = new_endpoint();
+        const zsock_ptr reader = new_pull(stalled);
+        const zsock_ptr writer = new_push(stalled);
+        print(writer.get(), 2000);
+        EXPECT_THAT(log.messages("main"), IsEmpty());
+        print(writer.get(), 1);
+        EXPECT_THAT(log.messages("main"), ElementsAre("Overflow debugging queue!"));
+        print(writer.get(), 10);
+        EXPECT_THAT(log.messages("main"), IsEmpty());
+        for (int i = 0; i < 2000; ++i)
+            ASSERT_EQ(receive_frame(reader.get(), 0), line("CONS", "line"));
+        EXPECT_EQ(receive_frame(reader.get(), 0), "");
+        std::vector<std::string> logged; // the writer learns in its own time that there is room again
+        for (int tries = 0; tries < 1000 && logged.empty(); ++tries) {
+            print(writer.get(), 1);
+            logged = log.messages("main");
+        }
+        EXPECT_THAT(logged, ElementsAre("Exemption debugging queue!"));
+        print(writer.get(), 1);
+        EXPECT_THAT(log.messages("main"), IsEmpty());
+    }
+}
+
+TEST_F(debug_stream, an_overflow_of_one_socket_ends_with_a_line_of_another)
+{
+    debug_mask = 1U << DBG_DEVELOP;
+    const zsock_ptr unconnected{zsock_new(ZMQ_PUSH)};
+    dbg_print_ts(unconnected.get(), may_first, DBG_DEVELOP, "CONS", "lost");
+    dbg_print_ts(unconnected.get(), may_first, DBG_DEVELOP, "CONS", "lost, too");
+    EXPECT_THAT(log.messages("main"), ElementsAre("Overflow debugging queue!"));
+    dbg_print_ts(push.get(), may_first, DBG_DEVELOP, "CONS", "passes");
+    EXPECT_THAT(log.messages("main"), ElementsAre("Exemption debugging queue!"));
+}
+
+TEST_F(debug_stream, a_thousand_lines_wait_for_the_terminal_server)
+{
+    debug_mask = 1U << DBG_DEVELOP;
+    const std::string unbound = new_endpoint();
+    const zsock_ptr early = new_push(unbound);
+    for (int i = 0; i < 1000; ++i) {
+        dbg_print_ts(early.get(), may_first, DBG_DEVELOP, "CONS", "line %d", i);
+        if (i % 100 == 99)
+            (void)log.messages("develop");
+    }
+    EXPECT_THAT(log.messages("main"), IsEmpty());
+    dbg_print_ts(early.get(), may_first, DBG_DEVELOP, "CONS", "lost");
+    EXPECT_THAT(log.messages("main"), ElementsAre("Overflow debugging queue!"));
+    const zsock_ptr late = new_pull(unbound);
+    for (int i = 0; i < 1000; ++i)
+        ASSERT_EQ(receive_frame(late.get()), line("CONS", "line " + std::to_string(i)));
+    dbg_print_ts(push.get(), may_first, DBG_DEVELOP, "CONS", "ends the episode");
+    EXPECT_THAT(log.messages("main"), ElementsAre("Exemption debugging queue!"));
+}
+
+TEST_F(debug_stream, other_failures_are_reported_each_time)
+{
+    debug_mask = 1U << DBG_WIN;
+    for (int i = 0; i < 2; ++i) {
+        dbg_print_ts(pull.get(), may_first, DBG_WIN, "CONS", "a PULL socket cannot send");
+        EXPECT_THAT(log.messages("main"),
+                    ElementsAre("dbg_print_ts_impl: zframe_send: 95, Operation not supported"));
+    }
+}
+
+TEST_F(debug_stream, without_a_socket_lines_are_only_logged)
+{
+    debug_mask = 1U << DBG_WIN;
+    dbg_print_ts(nullptr, may_first, DBG_WIN, "CONS", "no socket");
+    dbg_print(nullptr, DBG_WIN, "CONS", "no socket %d", 2);
+    EXPECT_THAT(log.messages("win"), ElementsAre("CONS: no socket", "CONS: no socket 2"));
+    EXPECT_THAT(log.messages("main"), IsEmpty());
+}
+
+TEST_F(debug_stream, with_a_broker_every_section_is_wanted)
+{
+    for (int section = 0; section < DBG_SECTIONS_NUMBER; ++section)
+        EXPECT_TRUE(dbg_is_wanted(static_cast<dbg_section_t>(section)));
+}
+
+TEST(debug_stream_without_loggers, is_wanted_by_the_mask_alone)
+{
+    ASSERT_EQ(g_logger_section, nullptr);
+    debug_mask = 1U << DBG_DISCOVERY;
+    EXPECT_TRUE(dbg_is_wanted(DBG_DISCOVERY));
+    EXPECT_FALSE(dbg_is_wanted(DBG_WIN));
+    const std::string endpoint = new_endpoint();
+    const zsock_ptr pull = new_pull(endpoint);
+    const zsock_ptr push = new_push(endpoint);
+    dbg_print_ts(push.get(), may_first, DBG_DISCOVERY, "DISC", "streamed");
+    dbg_print_ts(push.get(), may_first, DBG_WIN, "DISC", "nobody wants it");
+    EXPECT_EQ(receive_frame(pull.get()), line("DISC", "streamed"));
+    EXPECT_EQ(receive_frame(pull.get(), 0), "");
+    debug_mask = 0;
+}
+
+TEST(debug_stream_without_loggers, logs_no_errors_and_does_not_crash)
+{
+    ASSERT_EQ(g_logger, nullptr);
+    errno = EBADF;
+    log_call_error("function", "call");
+    log_system_call_error("function", "call");
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(crc32_byte(nullptr, 1), 0U);
+}
+
+TEST(log_call_error, tells_the_call_and_errno_with_its_text)
+{
+    log_capture log;
+    const struct {
+        int error;
+        const char* zmq;
+        const char* system;
+    } cases[] = {
+        {EAGAIN, "f: call: 11, Resource temporarily unavailable",
+         "f: call: 11, Resource temporarily unavailable"},
+        {ETERM, "f: call: 156384765, Context was terminated", "f: call: 156384765, Unknown error 156384765"},
+        {EHOSTUNREACH, "f: call: 113, Host unreachable", "f: call: 113, No route to host"},
+    };
+    for (const auto& c : cases) {
+        errno = c.error;
+        log_call_error("f", "call");
+        EXPECT_EQ(errno, c.error);
+        log_system_call_error("f", "call");
+        EXPECT_EQ(errno, c.error);
+        EXPECT_THAT(log.messages("main"), ElementsAre(c.zmq, c.system));
+    }
+}
+
+TEST(zloop_end_event, ends_a_loop_and_leaves_the_message)
+{
+    const zsock_ptr pull{zsock_new_pull("@inproc://end_event")};
+    const zsock_ptr push{zsock_new_push(">inproc://end_event")};
+    const zloop_ptr loop{zloop_new()};
+    zloop_reader(loop.get(), pull.get(), zloop_end_event, nullptr);
+    zstr_send(push.get(), "$TERM");
+    EXPECT_EQ(zloop_start(loop.get()), -1);
+    EXPECT_EQ(receive_frame(pull.get(), 0), "$TERM");
+    EXPECT_EQ(zloop_end_event(nullptr, nullptr, nullptr), -1);
+}
+
+TEST(get_current_time, is_the_real_time_clock)
+{
+    timespec before{};
+    timespec after{};
+    clock_gettime(CLOCK_REALTIME, &before);
+    const tav_timestamp_t now = get_current_time();
+    clock_gettime(CLOCK_REALTIME, &after);
+    EXPECT_LT(now.milliseconds, 1000U);
+    const auto milliseconds = [](int64_t seconds, int64_t thousandths) {
+        return seconds * 1000 + thousandths;
+    };
+    const int64_t measured = milliseconds(now.seconds, now.milliseconds);
+    EXPECT_GE(measured, milliseconds(before.tv_sec, before.tv_nsec / 1'000'000));
+    EXPECT_LE(measured, milliseconds(after.tv_sec, after.tv_nsec / 1'000'000));
+}
+
+TEST(crc32_byte, is_the_crc_of_ieee_802_3)
+{
+    const struct {
+        const char* bytes;
+        uint32_t crc;
+    } cases[] = {
+        {"", 0x00000000},
+        {"1", 0x83DCEFB7},
+        {"a", 0xE8B7BE43},
+        {"1234567", 0x5003699F},
+        {"12345678", 0x9AE0DAAF},
+        {"123456789", 0xCBF43926},
+        {"The quick brown fox jumps over the lazy dog", 0x414FA339},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(
+            crc32_byte(reinterpret_cast<const uint8_t*>(c.bytes), static_cast<uint32_t>(strlen(c.bytes))),
+            c.crc)
+            << c.bytes;
+    const uint8_t zero = 0;
+    EXPECT_EQ(crc32_byte(&zero, 1), 0xD202EF8DU);
+}
+
+TEST(crc32_byte, agrees_with_the_bit_by_bit_definition_at_every_length_and_alignment)
+{
+    const auto bit_by_bit = [](const uint8_t* p, size_t length) {
+        uint32_t crc = 0xFFFFFFFF;
+        for (size_t i = 0; i < length; ++i) {
+            crc ^= p[i];
+            for (int bit = 0; bit < 8; ++bit)
+                crc = (crc & 1) != 0 ? crc >> 1 ^ 0xEDB88320 : crc >> 1;
+        }
+        return ~crc;
+    };
+    std::mt19937 random(7);
+    std::vector<uint8_t> bytes(80);
+    for (auto& b : bytes)
+        b = static_cast<uint8_t>(random());
+    for (size_t start = 0; start < 8; ++start)
+        for (size_t length = 0; length + start <= bytes.size(); ++length)
+            ASSERT_EQ(crc32_byte(&bytes[start], static_cast<uint32_t>(length)),
+                      bit_by_bit(&bytes[start], length))
+                << length << " bytes from " << start;
+}
+
+TEST(crc32_byte, refuses_null)
+{
+    log_capture log;
+    EXPECT_EQ(crc32_byte(nullptr, 0), 0U);
+    EXPECT_THAT(log.messages("main"), ElementsAre("crc32_byte: null pointer!"));
+}
+
+TEST(string_to_uint8_arr, decodes_pairs_of_digits)
+{
+    log_capture log;
+    using bytes = std::vector<uint8_t>;
+    const struct {
+        const char* given;
+        const char* text;
+        ssize_t max_size;
+        ssize_t returned;
+        bytes written; // into a buffer full of EE
+        std::vector<std::string> logged;
+    } cases[] = {
+        {"nothing", "", 8, 0, {}, {}},
+        {"both cases of letters", "0A1b", 8, 2, {0x0A, 0x1B}, {}},
+        {"every digit",
+         "0123456789abcdefABCDEF",
+         16,
+         11,
+         {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xAB, 0xCD, 0xEF},
+         {}},
+        {"an odd digit at the end", "0A1", 8, 1, {0x0A}, {}},
+        {"a single digit", "7", 8, 0, {}, {}},
+        {"one more than max_size", "AABBCC", 1, 2, {0xAA, 0xBB}, {}},
+        {"max_size 0", "AABBCC", 0, 1, {0xAA}, {}},
+        {"max_size below 0", "AABBCC", -1, 0, {}, {}},
+        {"garbage behind the limit is not looked at", "AABB!", 1, 2, {0xAA, 0xBB}, {}},
+        {"a line end after max_size pairs",
+         "AABB\n",
+         2,
+         0,
+         {0xAA, 0xBB},
+         {"string_to_uint8_arr: Invalid input data: [0A]"}},
+        {"a digit after max_size pairs", "AABBA", 2, 2, {0xAA, 0xBB}, {}},
+        {"no digit", "0G", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [47]"}},
+        {"bytes before it stay",
+         "01020G",
+         8,
+         0,
+         {0x01, 0x02},
+         {"string_to_uint8_arr: Invalid input data: [47]"}},
+        {"a blank", "01 02", 8, 0, {0x01}, {"string_to_uint8_arr: Invalid input data: [20]"}},
+        {"a hexadecimal prefix", "0x01", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [78]"}},
+        {"a byte above 7F", "\xC3\xA4", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [FFFFFFC3]"}},
+        {"before 0", "/", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [2F]"}},
+        {"after 9", ":", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [3A]"}},
+        {"before A", "@", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [40]"}},
+        {"before a", "`", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [60]"}},
+        {"after f", "g", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [67]"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        bytes buffer(16, 0xEE);
+        EXPECT_EQ(string_to_uint8_arr(c.text, buffer.data(), c.max_size), c.returned);
+        bytes expected = c.written;
+        expected.resize(buffer.size(), 0xEE);
+        EXPECT_EQ(buffer, expected);
+        EXPECT_EQ(log.messages("main"), c.logged);
+    }
+}
+
+TEST(string_to_uint8_arr, knows_every_character)
+{
+    for (int c = 1; c < 256; ++c) {
+        const char text[] = {'0', static_cast<char>(c), '\0'};
+        uint8_t decoded = 0xEE;
+        const bool digit = isxdigit(c) != 0;
+        EXPECT_EQ(string_to_uint8_arr(text, &decoded, 1), digit ? 1 : 0) << c;
+        EXPECT_EQ(decoded, digit ? strtol(text, nullptr, 16) : 0xEE) << c;
+    }
+}
+
+TEST(string_to_uint8_arr, refuses_null)
+{
+    log_capture log;
+    uint8_t decoded = 0xEE;
+    EXPECT_EQ(string_to_uint8_arr(nullptr, &decoded, 1), 0);
+    EXPECT_EQ(string_to_uint8_arr("00", nullptr, 1), 0);
+    EXPECT_EQ(decoded, 0xEE);
+    EXPECT_THAT(log.messages("main"),
+                ElementsAre("string_to_uint8_arr: null pointer!", "string_to_uint8_arr: null pointer!"));
+}
+
+TEST(get_next_rpl_version, follows_the_lollipop_rule)
+{
+    for (int expected = 240; expected < 256; ++expected)
+        ASSERT_EQ(get_next_rpl_version(), expected);
+    for (int round = 0; round < 3; ++round)
+        for (int expected = 0; expected < 128; ++expected)
+            ASSERT_EQ(get_next_rpl_version(), expected);
+}
+
+} // namespace rtls

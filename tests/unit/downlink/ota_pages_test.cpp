@@ -1,0 +1,171 @@
+#include "downlink/ota_pages.h"
+
+#include "base/hex.h"
+#include "firmware/ota.h"
+#include "rtls-gateway.h"
+#include "support/bridge_message_fixture.h"
+#include "support/failing_new.h"
+
+#include <string>
+
+namespace rtls {
+
+static constexpr uint32_t git_id = 0x12345678;
+static constexpr uint32_t image_crc = 0x9ABCDEF0;
+
+static bytes_t be16(unsigned value)
+{
+    return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+}
+
+static bytes_t page_request(unsigned page_size, unsigned page_number)
+{
+    return hex("0E 01 07 0E 00  00 10  12 34 56 78  9A BC DE F0") + be16(page_size) + be16(page_number);
+}
+
+// --- the request and the answer's frame
+
+TEST(ota_page_request, is_big_endian)
+{
+    const auto request = read_ota_page_request(page_request(0x0180, 0x0203));
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->git_id, git_id);
+    EXPECT_EQ(request->crc32, image_crc);
+    EXPECT_EQ(request->page_size, 0x0180);
+    EXPECT_EQ(request->page_number, 0x0203);
+}
+
+TEST(ota_page_request, that_is_cut_short_is_none)
+{
+    const bytes_t whole = page_request(128, 3);
+    ASSERT_EQ(whole.size(), 19U);
+    for (size_t size = 0; size < whole.size(); size++)
+        EXPECT_FALSE(read_ota_page_request(slice(whole, 0, size))) << size;
+}
+
+TEST(ota_response, frames_the_page_with_the_requests_fields_and_the_nodes_mac)
+{
+    const struct {
+        uint16_t page_size;
+        size_t size;
+        const char* length;
+    } cases[] = {{0, 27, "00 0E"}, {128, 155, "00 8E"}, {768, 795, "03 0E"}, {65535, 65562, "00 0D"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.page_size);
+        const bytes_t request = page_request(c.page_size, 3);
+        ASSERT_EQ(ota_response_size(c.page_size), c.size);
+        bytes_t response(c.size, 0xEE);
+        write_ota_response_frame(request, hex(sender_mac).data(), response);
+        EXPECT_EQ(response, hex("0E 08 07") + hex(c.length) + slice(request, 5, 14) +
+                                bytes_t(c.page_size, 0xEE) + hex(sender_mac));
+    }
+}
+
+// --- served from the store
+
+class ota_pages : public bridge_message_fixture {
+protected:
+    ota_pages() { introduce(sender_mac, sender_ip); }
+
+    void store_page(uint16_t page_size, uint16_t page_number, const bytes_t& page)
+    {
+        ASSERT_TRUE(ota_set_firmware_page(rtls_gateway_get_ota(gateway), git_id, image_crc, page_size,
+                                          page_number, page.data()));
+    }
+
+    bool send_page(const bytes_t& request) { return send_otapage_from_cache(server, request, m_mac.data()); }
+
+    const bytes_t m_mac = hex(sender_mac);
+};
+
+TEST_F(ota_pages, null_arguments_are_logged)
+{
+    const bytes_t request = page_request(128, 0);
+    EXPECT_FALSE(send_otapage_from_cache(nullptr, request, m_mac.data()));
+    EXPECT_FALSE(send_otapage_from_cache(server, {}, m_mac.data()));
+    EXPECT_FALSE(send_otapage_from_cache(server, request, nullptr));
+    server->rtls_gateway = nullptr;
+    EXPECT_FALSE(send_otapage_from_cache(server, request, m_mac.data()));
+    server->rtls_gateway = static_cast<services*>(gateway);
+    EXPECT_EQ(errors(), texts_t(4, "send_otapage_from_cache: null pointer!"));
+}
+
+TEST_F(ota_pages, a_request_that_is_cut_short_is_refused)
+{
+    store_page(128, 0, ramp(128));
+    const bytes_t whole = page_request(128, 0);
+    for (size_t size = 1; size < whole.size(); size++)
+        EXPECT_FALSE(send_page(slice(whole, 0, size))) << size;
+    EXPECT_EQ(replies(), texts_t{});
+    EXPECT_TRUE(send_page(whole));
+}
+
+TEST_F(ota_pages, an_answer_that_memory_is_too_short_for_is_left_to_the_servers)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    store_page(128, 0, ramp(128));
+    const bytes_t request = page_request(128, 0);
+    fail_next_allocations(1);
+    EXPECT_FALSE(send_page(request));
+    EXPECT_EQ(errors(), texts_t{"send_otapage_from_cache: out of memory!"});
+    EXPECT_EQ(replies(), texts_t{});
+}
+
+TEST_F(ota_pages, a_stored_page_goes_to_the_node)
+{
+    const bytes_t page = ramp(128, 0x80); // the framing's special bytes are among them
+    store_page(128, 3, page);
+    EXPECT_TRUE(send_page(page_request(128, 3)));
+    EXPECT_EQ(replies(), texts_t{"0E0807008E" + to_hex(slice(page_request(128, 3), 5, 14)) + to_hex(page) +
+                                 to_hex(hex(sender_ip))});
+    EXPECT_EQ(errors(), texts_t{});
+}
+
+TEST_F(ota_pages, what_is_not_stored_is_not_served)
+{
+    store_page(128, 3, ramp(128));
+    bytes_t other_id = page_request(128, 3);
+    other_id[7] ^= 1;
+    bytes_t other_crc = page_request(128, 3);
+    other_crc[11] ^= 1;
+    const struct {
+        const char* given;
+        bytes_t request;
+    } cases[] = {
+        {"another identifier", other_id},
+        {"another CRC", other_crc},
+        {"a page not set", page_request(128, 2)},
+        {"a page past the end", page_request(128, 4)},
+        {"a page size that is no multiple of 32", page_request(127, 0)},
+        {"the largest numbers", page_request(65535, 65535)},
+        {"a page far off", page_request(65504, 65535)},
+    };
+    for (const auto& c : cases)
+        EXPECT_FALSE(send_page(c.request)) << c.given;
+    EXPECT_EQ(replies(), texts_t{});
+}
+
+TEST_F(ota_pages, a_page_too_large_for_a_node_is_not_passed_on)
+{
+    store_page(800, 0, ramp(800));
+    EXPECT_TRUE(send_page(page_request(768, 0)));
+    EXPECT_EQ(replies().size(), 1U);
+    (void)lines("parsing");
+
+    EXPECT_TRUE(receive(page_request(800, 0) + hex(sender_ip)));
+    EXPECT_EQ(replies(), texts_t{});
+    EXPECT_EQ(reports(), texts_t{}); // nor do the servers get the request
+    EXPECT_EQ(lines("parsing"), (texts_t{"SLIP: MSG_GENERIC_SERVER_REQ: [14] in_buf_size:14  src:A7A8",
+                                         "GENERIC: ERROR(GENERIC): msg too long, rcvd: 827"}));
+}
+
+TEST_F(ota_pages, a_page_for_a_node_that_is_gone_is_answered_all_the_same)
+{
+    store_page(128, 0, ramp(128));
+    remove_node("E4A2A3A4A5A6A7A8");
+    EXPECT_TRUE(send_page(page_request(128, 0)));
+    EXPECT_EQ(replies(), texts_t{});
+}
+
+} // namespace rtls

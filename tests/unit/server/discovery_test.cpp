@@ -1,0 +1,219 @@
+#include "server/discovery.h"
+
+#include "base/hex.h"
+#include "base/udplib.h"
+#include "link/win_server_private.h"
+#include "support/log_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace rtls {
+
+namespace {
+
+constexpr int patience_ms = 5000;
+constexpr in_port_t win_port = 0x0FA1;
+constexpr char bridge_address[] = "127.0.0.3";
+constexpr char gateway_address[] = "127.0.0.2";
+
+in_addr address_of(const char* text)
+{
+    in_addr address{};
+    inet_pton(AF_INET, text, &address);
+    return address;
+}
+
+sockaddr_in endpoint(const char* text, in_port_t port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr = address_of(text);
+    return address;
+}
+
+const sockaddr* generic(const sockaddr_in& address)
+{
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+in_port_t port_of(int socket)
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+    return ntohs(address.sin_port);
+}
+
+bool is_readable(int socket)
+{
+    pollfd item{socket, POLLIN, 0};
+    return poll(&item, 1, patience_ms) == 1;
+}
+
+class discovery_test : public testing::Test {
+protected:
+    discovery_test()
+    {
+        server->win_port = win_port;
+        EXPECT_TRUE(udp_new_connection(0, &server->discovery_sock_descriptor));
+        const sockaddr_in own = endpoint(bridge_address, 0);
+        EXPECT_EQ(bind(bridge, generic(own), sizeof own), 0);
+        const int on = 1;
+        EXPECT_EQ(setsockopt(bridge, SOL_SOCKET, SO_BROADCAST, &on, sizeof on), 0);
+    }
+    ~discovery_test() override
+    {
+        close(bridge);
+        udp_destroy(server->discovery_sock_descriptor);
+    }
+
+    // Sends one datagram and lets the gateway handle it.
+    void send(const std::vector<uint8_t>& datagram, const char* to = gateway_address)
+    {
+        const sockaddr_in gateway = endpoint(to, port_of(server->discovery_sock_descriptor));
+        ASSERT_EQ(sendto(bridge, datagram.data(), datagram.size(), 0, generic(gateway), sizeof gateway),
+                  static_cast<ssize_t>(datagram.size()));
+        ASSERT_TRUE(is_readable(server->discovery_sock_descriptor));
+        EXPECT_EQ(handle_udp_in(nullptr, nullptr, server.get()), 0);
+    }
+
+    // The next answer as hex.
+    std::string answer()
+    {
+        if (!is_readable(bridge))
+            return "none";
+        std::vector<uint8_t> bytes(64);
+        const ssize_t size = recv(bridge, bytes.data(), bytes.size(), 0);
+        bytes.resize(static_cast<size_t>(size));
+        return to_hex(bytes);
+    }
+
+    // Whether nothing was answered until now: the answer to a further request is the first one to come.
+    bool is_unanswered()
+    {
+        send({1, 0xDE, 0xAD, 0xBE, 0xEF, 0xDE, 0xAD, 0xBE, 0xEF});
+        return answer().starts_with("01DEADBEEFDEADBEEF");
+    }
+
+    std::string rcvd_line() const
+    {
+        return std::string("DISC: rcvd discovery: ") + bridge_address + ":" + std::to_string(port_of(bridge));
+    }
+
+    log_capture log;
+    std::unique_ptr<WIN_SERVER_t> server = std::make_unique<WIN_SERVER_t>();
+    int bridge = socket(AF_INET, SOCK_DGRAM, 0);
+};
+
+} // namespace
+
+TEST(discovery_answers, are_the_address_and_the_port_in_network_order)
+{
+    EXPECT_EQ(to_hex(discovery_echo_answer(address_of("192.168.1.20"), 4000)), "C0A801140FA0");
+    EXPECT_EQ(to_hex(discovery_echo_answer(address_of("255.0.254.1"), 65535)), "FF00FE01FFFF");
+    const std::vector<uint8_t> request{1, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
+    EXPECT_EQ(to_hex(discovery_address_answer(request, address_of("10.0.0.5"), 4000)), "01"
+                                                                                       "1122334455667788"
+                                                                                       "0A000005"
+                                                                                       "0FA0");
+}
+
+TEST_F(discovery_test, six_bytes_of_any_content_are_answered_with_the_requesters_address)
+{
+    const std::vector<std::vector<uint8_t>> requests = {
+        {0, 0, 0, 0, 0, 0}, {1, 2, 3, 4, 5, 6}, {2, 0, 0, 0, 0, 0}, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}};
+    for (const auto& request : requests) {
+        send(request);
+        EXPECT_EQ(answer(), "7F000003"
+                            "0FA1");
+    }
+    EXPECT_EQ(log.messages("discovery"), std::vector<std::string>(requests.size(), rcvd_line()));
+}
+
+TEST_F(discovery_test, a_request_for_the_address_is_answered_with_the_one_it_was_sent_to)
+{
+    for (const char* to : {"127.0.0.2", "127.0.0.1", "127.1.2.3"}) {
+        send({1, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88}, to);
+        const uint32_t address = address_of(to).s_addr;
+        EXPECT_EQ(answer(), "011122334455667788" +
+                                to_hex({reinterpret_cast<const uint8_t*>(&address), sizeof address}) +
+                                "0FA1");
+    }
+}
+
+TEST_F(discovery_test, a_broadcast_is_answered_with_an_address_of_the_receiving_interface)
+{
+    send({1, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88}, "127.255.255.255");
+    EXPECT_EQ(answer(), "011122334455667788"
+                        "7F000001"
+                        "0FA1");
+}
+
+TEST_F(discovery_test, every_other_size_and_command_is_refused)
+{
+    const std::string invalid = "DISC: Invalid size of DSC_CMD_REQUEST_ADDRESS";
+    for (size_t size = 1; size <= 40; ++size)
+        for (const uint8_t command : {uint8_t{0}, uint8_t{1}, uint8_t{2}, uint8_t{255}}) {
+            const bool answered = size == 6 || (size == 9 && command == 1);
+            if (answered)
+                continue;
+            SCOPED_TRACE(testing::Message() << size << " bytes, command " << int{command});
+            std::vector<uint8_t> datagram(size, 0x55);
+            datagram[0] = command;
+            send(datagram);
+            const std::string refusal =
+                command == 1 ? invalid : "DISC: unknown discovery command: " + std::to_string(command);
+            EXPECT_EQ(log.messages("discovery"), (std::vector<std::string>{rcvd_line(), refusal}));
+        }
+    EXPECT_TRUE(is_unanswered());
+}
+
+TEST_F(discovery_test, an_empty_datagram_is_ignored)
+{
+    send({});
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_TRUE(is_unanswered());
+}
+
+TEST_F(discovery_test, a_datagram_that_does_not_say_where_it_was_sent_to_is_ignored)
+{
+    const int off = 0;
+    ASSERT_EQ(setsockopt(server->discovery_sock_descriptor, IPPROTO_IP, IP_PKTINFO, &off, sizeof off), 0);
+    send({1, 2, 3, 4, 5, 6});
+    send({1, 2, 3, 4, 5, 6, 7, 8, 9});
+    EXPECT_TRUE(log.take().empty());
+    const int on = 1;
+    ASSERT_EQ(setsockopt(server->discovery_sock_descriptor, IPPROTO_IP, IP_PKTINFO, &on, sizeof on), 0);
+    EXPECT_TRUE(is_unanswered());
+}
+
+TEST_F(discovery_test, other_packet_information_in_front_does_no_harm)
+{
+    const int on = 1;
+    ASSERT_EQ(setsockopt(server->discovery_sock_descriptor, SOL_SOCKET, SO_TIMESTAMP, &on, sizeof on), 0);
+    ASSERT_EQ(setsockopt(server->discovery_sock_descriptor, IPPROTO_IP, IP_RECVTTL, &on, sizeof on), 0);
+    send({1, 2, 3, 4, 5, 6, 7, 8, 9});
+    EXPECT_EQ(answer(), "010203040506070809"
+                        "7F000002"
+                        "0FA1");
+}
+
+TEST_F(discovery_test, without_a_server_or_a_socket_there_is_nothing_to_do)
+{
+    EXPECT_EQ(handle_udp_in(nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(log.messages("main"), std::vector<std::string>{"handle_udp_in: null pointer!"});
+    const auto unopened = std::make_unique<WIN_SERVER_t>();
+    EXPECT_EQ(handle_udp_in(nullptr, nullptr, unopened.get()), 0);
+    EXPECT_TRUE(log.take().empty());
+}
+
+} // namespace rtls

@@ -1,0 +1,599 @@
+#include "terminal/terminal_server.h"
+
+#include "base/common.h"
+#include "base/signals.h"
+#include "registry/nodes_container.h"
+#include "rtls-gateway.h"
+#include "server/win_server.h"
+#include "support/hex_bytes.h"
+#include "support/log_capture.h"
+#include "support/operator_peer.h"
+#include "support/sock.h"
+#include "support/test_gateway.h"
+#include "support/wait.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <pthread.h>
+#include <sys/socket.h>
+
+namespace rtls {
+
+using strings = std::vector<std::string>;
+using testing::HasSubstr;
+
+static constexpr char info_start[] = "GW Version     : 8.6.3\n";
+static constexpr char info_end[] = "\n\n";
+static constexpr char pn_end[] = "##\n";
+static constexpr char pcl_end[] = "\n##\n";
+static constexpr char empty_pn[] =
+    "####### Connected Nodes\n####### Floating nodes\n####### Expired nodes\n##\n";
+
+// --- The handle, without an actor
+
+class terminal_server_handle_test : public testing::Test {
+protected:
+    terminal_server_handle_test() { zconfig_put(m_config.get(), "ports/terminal", "4001"); }
+    ~terminal_server_handle_test() override { clear_stop(); }
+    strings errors() { return m_log.messages("main"); }
+
+    log_capture m_log;
+    zconfig_ptr m_config{zconfig_new("root", nullptr)};
+    int m_gateway = 0; // stands for the gateway object, which is only handed on
+};
+
+TEST_F(terminal_server_handle_test, null_arguments_are_logged)
+{
+    uint8_t data[1] = {};
+    EXPECT_EQ(terminal_server_new(nullptr, &m_gateway), nullptr);
+    EXPECT_EQ(terminal_server_new(m_config.get(), nullptr), nullptr);
+    EXPECT_FALSE(terminal_server_run(nullptr));
+    terminal_server_destroy(nullptr);
+    EXPECT_EQ(terminal_server_get_clients(nullptr), nullptr);
+    EXPECT_FALSE(terminal_server_is_ready(nullptr));
+    EXPECT_FALSE(terminal_server_generic_req_to_win_serwer(nullptr, data, sizeof data));
+    EXPECT_EQ(
+        errors(),
+        (strings{"terminal_server_new: null pointer!", "terminal_server_new: null pointer!",
+                 "terminal_server_run: null pointer!", "terminal_server_destroy: null pointer!",
+                 "terminal_server_get_clients: null pointer!", "terminal_server_is_ready: null pointer!",
+                 "terminal_server_generic_req_to_win_serwer: null pointer!"}));
+}
+
+TEST_F(terminal_server_handle_test, a_null_handle_is_left_alone)
+{
+    void* server = nullptr;
+    terminal_server_destroy(&server);
+    EXPECT_EQ(errors(), strings{});
+}
+
+TEST_F(terminal_server_handle_test, without_a_port_there_is_no_server)
+{
+    const zconfig_ptr empty{zconfig_new("root", nullptr)};
+    EXPECT_EQ(terminal_server_new(empty.get(), &m_gateway), nullptr);
+    EXPECT_EQ(errors(), strings{"Parameter \"ports/terminal\" is not found in the configuration file!"});
+}
+
+TEST_F(terminal_server_handle_test, a_server_that_does_not_run)
+{
+    void* server = terminal_server_new(m_config.get(), &m_gateway);
+    ASSERT_NE(server, nullptr);
+    EXPECT_FALSE(terminal_server_is_ready(server));
+    EXPECT_EQ(zhashx_size(terminal_server_get_clients(server)), 0u);
+    uint8_t data[1] = {};
+    EXPECT_FALSE(terminal_server_generic_req_to_win_serwer(server, data, sizeof data));
+    EXPECT_FALSE(terminal_server_generic_req_to_win_serwer(server, nullptr, 0));
+    EXPECT_EQ(errors(), strings(2, "terminal_server_generic_req_to_win_serwer: null pointer!"));
+    EXPECT_FALSE(is_stop_requested());
+    terminal_server_destroy(&server);
+    EXPECT_EQ(server, nullptr);
+    EXPECT_FALSE(is_stop_requested());
+}
+
+// --- The actor, with operators
+
+class terminal_server_test : public testing::Test {
+protected:
+    terminal_server_test()
+    {
+        m_gateway.run_terminal_server();
+        (void)m_log.take();
+    }
+    ~terminal_server_test() override { debug_mask = 0; }
+
+    uint16_t port() const { return m_gateway.terminal_port(); }
+    void* server() const { return rtls_gateway_get_terminal_server(m_gateway.handle()); }
+
+    // That all works, and that nothing is on its way to this operator: answers come alone.
+    static void expect_served(operator_peer& peer)
+    {
+        EXPECT_THAT(peer.ask("info\n", info_end), testing::StartsWith(info_start));
+    }
+
+    // What pcl says of the terminals, line by line; nothing when it does not answer.
+    static strings terminals_seen_by(operator_peer& peer)
+    {
+        std::istringstream text{peer.ask("pcl\n", pcl_end)};
+        strings lines;
+        for (std::string line; std::getline(text, line) && line != "####### WIN clients:";)
+            lines.push_back(line);
+        if (!lines.empty())
+            lines.erase(lines.begin()); // the title
+        return lines;
+    }
+
+    void stream(const std::string& text) { dbg_print(m_dbg.get(), DBG_DEVELOP, "TEST", "%s", text.c_str()); }
+    static void enable_stream() { debug_mask = 1 << DBG_DEVELOP; }
+
+    log_capture m_log;
+    test_gateway m_gateway;
+    zsock_ptr m_dbg{zsock_new_push(">inproc://dbg_dump")};
+};
+
+TEST_F(terminal_server_test, greets_nobody_and_answers_each)
+{
+    operator_peer one{port()};
+    operator_peer two{port()};
+    EXPECT_EQ(one.ask("pn\r\n", pn_end), empty_pn);
+    EXPECT_EQ(two.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
+    EXPECT_EQ(one.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
+}
+
+TEST_F(terminal_server_test, running_it_twice_is_refused)
+{
+    errno = 0;
+    EXPECT_FALSE(terminal_server_run(server()));
+    EXPECT_EQ(m_log.messages("main"),
+              strings{"terminal_server_run: trying to run the running terminal server: 0, Success"});
+    operator_peer peer{port()};
+    expect_served(peer);
+}
+
+TEST_F(terminal_server_test, a_connection_is_announced_and_its_end_too)
+{
+    std::string id;
+    {
+        operator_peer peer{port()};
+        const std::string announced = "] IP 127.0.0.1:" + std::to_string(peer.port());
+        ASSERT_TRUE(m_log.wait_for(announced));
+        const strings lines = m_log.messages("terminal");
+        ASSERT_EQ(lines.size(), 2u);
+        id = lines[0].substr(lines[0].size() - 10);
+        EXPECT_EQ(lines[0], "CONS: rcvd ID [5] " + id);
+        EXPECT_EQ(lines[1], "CONS: new terminal client [" + id + announced);
+        EXPECT_EQ(id.substr(0, 2), "00");
+        EXPECT_EQ(id.find_first_not_of("0123456789ABCDEF"), std::string::npos);
+    }
+    ASSERT_TRUE(m_log.wait_for("DELETING"));
+    EXPECT_EQ(m_log.messages("terminal"),
+              (strings{"CONS: rcvd ID [5] " + id, "CONS: DELETING " + id + "\n"}));
+    operator_peer other{port()};
+    EXPECT_EQ(terminals_seen_by(other).size(), 1u);
+}
+
+TEST_F(terminal_server_test, operators_see_each_other)
+{
+    operator_peer one{port()};
+    operator_peer two{port()};
+    two.ask("sub\n", "\n");
+    two.ask("grep abc\n", "\n");
+    const std::string one_line = "ip:127.0.0.1:" + std::to_string(one.port()) + " sub:0 grep:--";
+    const std::string two_line = "ip:127.0.0.1:" + std::to_string(two.port()) + " sub:1 grep:abc";
+    EXPECT_THAT(terminals_seen_by(one), testing::UnorderedElementsAre("+" + one_line, " " + two_line));
+    EXPECT_THAT(terminals_seen_by(two), testing::UnorderedElementsAre(" " + one_line, "+" + two_line));
+}
+
+TEST_F(terminal_server_test, one_chunk_is_one_command)
+{
+    operator_peer peer{port()};
+    EXPECT_EQ(peer.ask("pn\r\ninfo\r\n", pn_end), empty_pn);
+    EXPECT_EQ(peer.ask("sub-\n", "\n"), "unsubscribed * ok.\n") << "the second word was run";
+}
+
+TEST_F(terminal_server_test, a_chunk_that_starts_with_nul_reads_as_a_disconnect)
+{
+    operator_peer peer{port()};
+    expect_served(peer);
+    (void)m_log.take();
+    peer.write(std::string_view{"\0pn\n", 4});
+    ASSERT_TRUE(m_log.wait_for("DELETING"));
+    peer.write("pn\n"); // taken for a new connection, and ignored
+    ASSERT_TRUE(m_log.wait_for("new terminal client"));
+    EXPECT_EQ(peer.ask("pn\n", pn_end), empty_pn);
+    EXPECT_EQ(peer.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
+}
+
+// The disconnect that follows must not leave a record of somebody who is not there.
+TEST_F(terminal_server_test, a_nul_before_the_disconnect_leaves_nothing)
+{
+    operator_peer other{port()};
+    for (int round = 0; round < 3; ++round) {
+        operator_peer peer{port()};
+        expect_served(peer);
+        (void)m_log.take();
+        peer.write(std::string_view{"\0", 1});
+        ASSERT_TRUE(m_log.wait_for("DELETING"));
+        (void)m_log.take();
+        peer.close();
+        ASSERT_TRUE(m_log.wait_for("rcvd ID"));
+        EXPECT_EQ(terminals_seen_by(other).size(), 1u);
+    }
+}
+
+TEST_F(terminal_server_test, quit_closes_the_connection)
+{
+    operator_peer other{port()};
+    for (const char* command : {"q\n", "quit\r\n", "!QUIT"}) {
+        operator_peer peer{port()};
+        expect_served(peer);
+        EXPECT_EQ(terminals_seen_by(other).size(), 2u);
+        peer.write(command);
+        EXPECT_TRUE(peer.is_closed());
+        EXPECT_EQ(peer.read_until("bye bye.\n"), "bye bye.\n");
+        EXPECT_EQ(terminals_seen_by(other).size(), 1u);
+    }
+}
+
+TEST_F(terminal_server_test, quit_that_is_followed_by_more_leaves_nothing)
+{
+    operator_peer other{port()};
+    for (int round = 0; round < 50; ++round) {
+        operator_peer peer{port()};
+        expect_served(peer);
+        peer.write("quit\n");
+        if (round % 2 == 0)
+            peer.close();
+        else
+            peer.is_closed();
+    }
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(other).size() == 1; }));
+}
+
+// --- The debug stream
+
+TEST_F(terminal_server_test, lines_go_to_subscribers_through_their_filters)
+{
+    operator_peer all{port()};
+    operator_peer filtered{port()};
+    operator_peer none{port()};
+    all.ask("sub\n", "\n");
+    filtered.ask("sub\n", "\n");
+    filtered.ask("grep wanted[0-9].*$\n", "\n");
+    none.ask("grep wanted\n", "\n");
+    enable_stream();
+    for (const char* text : {"wanted1", "other", "wanted2", "last of all"})
+        stream(text);
+    const std::string seen = all.read_until("last of all\n");
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), '\n'), 4);
+    EXPECT_THAT(seen, HasSubstr(" \033[35mTEST:\033[0m other\n"));
+    EXPECT_THAT(seen, testing::MatchesRegex("(.*\n)*"));
+    const std::string matching = filtered.read_until("wanted2\n");
+    EXPECT_EQ(std::count(matching.begin(), matching.end(), '\n'), 2);
+    EXPECT_THAT(matching, HasSubstr("TEST:\033[0m wanted1\n"));
+    debug_mask = 0;
+    EXPECT_EQ(filtered.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
+    EXPECT_EQ(none.ask("sub-\n", "\n"), "unsubscribed * ok.\n") << "lines without a subscription";
+}
+
+TEST_F(terminal_server_test, no_lines_come_after_the_subscription)
+{
+    operator_peer peer{port()};
+    operator_peer watcher{port()};
+    peer.ask("sub\n", "\n");
+    watcher.ask("sub\n", "\n");
+    enable_stream();
+    stream("first");
+    EXPECT_THAT(peer.read_until("\n"), HasSubstr("first\n"));
+    peer.ask("sub-\n", "unsubscribed * ok.\n");
+    stream("second");
+    EXPECT_THAT(watcher.read_until("second\n"), HasSubstr("second\n"));
+    debug_mask = 0;
+    EXPECT_EQ(peer.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
+}
+
+TEST_F(terminal_server_test, a_filter_that_failed_lets_all_lines_pass)
+{
+    operator_peer peer{port()};
+    peer.ask("sub\n", "\n");
+    peer.ask("grep abc\n", "GREP: abc\n");
+    EXPECT_EQ(peer.ask("grep (\n", "GREP: abc\n"), "GREP: cannot set regexp:  Success\nGREP: abc\n");
+    enable_stream();
+    stream("without a match");
+    EXPECT_THAT(peer.read_until("\n"), HasSubstr("without a match\n"));
+}
+
+TEST_F(terminal_server_test, a_long_line_is_cut_and_ends_without_a_line_feed)
+{
+    operator_peer peer{port()};
+    peer.ask("sub\n", "\n");
+    enable_stream();
+    stream(std::string(3000, 'x'));
+    stream("next");
+    const std::string seen = peer.read_until("next\n");
+    EXPECT_EQ(seen.find("\033[36m", 1), 2047u);
+}
+
+TEST_F(terminal_server_test, subscribers_may_leave_while_lines_are_streaming)
+{
+    operator_peer steady{port()};
+    enable_stream();
+    std::atomic<bool> stop{false};
+    std::thread source{[&] {
+        const zsock_ptr dbg{zsock_new_push(">inproc://dbg_dump")};
+        while (!stop) {
+            dbg_print(dbg.get(), DBG_DEVELOP, "TEST", "busy");
+            std::this_thread::yield();
+        }
+    }};
+    for (int round = 0; round < 30; ++round) {
+        operator_peer peer{port()};
+        peer.ask("sub\n", "\n");
+        peer.read_until("busy\n");
+        if (round % 2 == 0) {
+            peer.write("quit\n");
+            EXPECT_THAT(peer.read_until("bye bye.\n"), HasSubstr("bye bye.\n"));
+        }
+        peer.close();
+        EXPECT_EQ(steady.ask("pn\n", pn_end), empty_pn) << round;
+    }
+    stop = true;
+    source.join();
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(steady).size() == 1; }));
+}
+
+TEST_F(terminal_server_test, a_subscriber_who_never_reads_does_not_stop_the_others)
+{
+    for (uint32_t i = 0; i < 40'000; ++i) {
+        bytes_t mac(8);
+        memcpy(mac.data(), &i, sizeof i);
+        m_gateway.add_node(mac);
+    }
+    operator_peer stalled{port(), 4096};
+    stalled.ask("sub\n", "\n");
+    stalled.write("pnf\n"); // about 7 MB, of which it takes none
+    operator_peer other{port()};
+    expect_served(other);
+    enable_stream();
+    for (int line = 0; line < 10; ++line)
+        stream("a line"); // each waits for the time-out
+    EXPECT_EQ(terminals_seen_by(other).size(), 2u);
+    other.ask("sub\n", "\n");
+    stream("the last");
+    EXPECT_THAT(other.read_until("the last\n"), HasSubstr("the last\n"));
+    debug_mask = 0;
+    other.ask("sub-\n", "unsubscribed * ok.\n");
+
+    stalled.write("quit\n"); // it cannot even be told; its connection is cut
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(other).size() == 1; }));
+    EXPECT_TRUE(stalled.is_closed());
+}
+
+// --- Requests towards the WIN server
+
+static bytes_t last_frame(zmsg_t* message)
+{
+    zframe_t* frame = zmsg_last(message);
+    const uint8_t* data = zframe_data(frame);
+    return {data, data + zframe_size(frame)};
+}
+
+TEST_F(terminal_server_test, reboot_asks_the_win_server)
+{
+    const zsock_ptr win_server{zsock_new_router("@inproc://winserw_channel")};
+    zsock_set_rcvtimeo(win_server.get(), 5000);
+    m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
+    operator_peer peer{port()};
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(peer.ask("reboot 1a2b\n", "\n"), "Command sent successfully!\n");
+        const zmsg_ptr message{zmsg_recv(win_server.get())};
+        ASSERT_TRUE(message);
+        ASSERT_EQ(zmsg_size(message.get()), 3u) << "identity, command, data";
+        EXPECT_EQ(last_frame(message.get()), hex("0E 08 00 00 06 00 01 00 02 00 00 00 01 02 03 04 05 1A 2B"));
+        const zframe_ptr id{zmsg_pop(message.get())};
+        const zframe_ptr command{zmsg_pop(message.get())};
+        const int32_t generic_req = WINSERW_SOCK_CMD_GENERIC_REQ;
+        ASSERT_EQ(zframe_size(command.get()), sizeof generic_req);
+        EXPECT_EQ(memcmp(zframe_data(command.get()), &generic_req, sizeof generic_req), 0);
+    }
+}
+
+TEST_F(terminal_server_test, every_request_beyond_the_queue_is_refused_and_logged)
+{
+    const zsock_ptr win_server{zsock_new_router("@inproc://winserw_channel")}; // does not read
+    m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
+    operator_peer peer{port()};
+    int sent = 0;
+    while (sent <= 2000 && peer.ask("reboot 1a2b\n", "\n") == "Command sent successfully!\n")
+        ++sent;
+    EXPECT_GE(sent, 1000);
+    EXPECT_LE(sent, 2000);
+    EXPECT_EQ(peer.ask("reboot 1a2b\n", "\n"), "Failed to send command!\n");
+    EXPECT_EQ(m_log.messages("main"), strings(2, "Overflow winserw queue!"));
+    const zmsg_ptr first{zmsg_recv(win_server.get())};
+    EXPECT_EQ(zmsg_size(first.get()), 3u);
+    expect_served(peer);
+}
+
+// --- Hostile and clumsy peers
+
+TEST_F(terminal_server_test, what_no_operator_would_write)
+{
+    std::string binary;
+    for (int i = 0; i < 70'000; ++i)
+        binary += static_cast<char>(i * 167 + 1);
+    const struct {
+        const char* given;
+        std::string bytes;
+    } cases[] = {
+        {"a line without an end", std::string(100'000, 'a')},
+        {"binary", binary},
+        {"thousands of commands",
+         [] {
+             std::string many;
+             for (int i = 0; i < 5000; ++i)
+                 many += "pn\n";
+             return many;
+         }()},
+        {"line ends only", std::string(50'000, '\n')},
+        {"words only",
+         [] {
+             std::string many;
+             for (int i = 0; i < 20'000; ++i)
+                 many += "a ";
+             return many;
+         }()},
+        {"conversions", "%s%s%s%n%n%n %99999999d\n"},
+        {"escape sequences", "\033]0;x\007\033[2J\n"},
+        {"NULs", std::string(20'000, '\0')},
+    };
+    operator_peer steady{port()};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        operator_peer peer{port()};
+        peer.write(c.bytes);
+        EXPECT_EQ(steady.ask("pn\n", pn_end), empty_pn);
+        peer.close();
+        EXPECT_EQ(steady.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
+    }
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(steady).size() == 1; }));
+}
+
+TEST_F(terminal_server_test, hundreds_of_idle_connections)
+{
+    std::vector<std::unique_ptr<operator_peer>> idle;
+    for (int i = 0; i < 300; ++i)
+        idle.push_back(std::make_unique<operator_peer>(port()));
+    operator_peer peer{port()};
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(peer).size() == 301; }));
+    idle.clear();
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(peer).size() == 1; }));
+}
+
+TEST_F(terminal_server_test, connections_that_are_reset_at_once)
+{
+    operator_peer peer{port()};
+    for (int i = 0; i < 30; ++i) {
+        operator_peer brief{port()};
+        if (i % 3 != 0)
+            brief.write(i % 3 == 1 ? "pn\n" : "sub\n"); // the answer may wait in vain, 100 ms each
+    }
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(peer).size() == 1; }));
+    expect_served(peer);
+}
+
+// --- Start and stop
+
+TEST_F(terminal_server_test, stops_and_takes_the_daemon_along)
+{
+    operator_peer peer{port()};
+    expect_served(peer);
+    clear_stop();
+    (void)m_log.take();
+    m_gateway.stop();
+    EXPECT_TRUE(is_stop_requested());
+    EXPECT_THAT(m_log.messages("main"), testing::Contains("terminal actor_loop Ending"));
+    EXPECT_TRUE(peer.is_closed());
+}
+
+TEST(terminal_server_start_test, a_port_in_use_stops_the_daemon)
+{
+    log_capture log;
+    test_gateway gateway;
+    const zsock_ptr occupant{zsock_new(ZMQ_STREAM)};
+    ASSERT_EQ(zsock_bind(occupant.get(), "tcp://*:%d", gateway.terminal_port()), gateway.terminal_port());
+    void* server = rtls_gateway_get_terminal_server(gateway.handle());
+    (void)log.take();
+    EXPECT_TRUE(terminal_server_run(server)) << "the actor itself starts";
+    EXPECT_TRUE(wait_until(is_stop_requested));
+    EXPECT_FALSE(terminal_server_is_ready(server));
+    ASSERT_TRUE(log.wait_for("zsock_bind"));
+    EXPECT_EQ(log.messages("main"), strings{"terminal_server_actor: zsock_bind: 98, Address already in use"});
+}
+
+TEST(terminal_server_start_test, a_debug_stream_that_somebody_else_collects_stops_the_daemon)
+{
+    log_capture log;
+    test_gateway gateway;
+    const zsock_ptr occupant{zsock_new_pull("@inproc://dbg_dump")};
+    void* server = rtls_gateway_get_terminal_server(gateway.handle());
+    (void)log.take();
+    EXPECT_TRUE(terminal_server_run(server));
+    EXPECT_TRUE(wait_until(is_stop_requested));
+    ASSERT_TRUE(log.wait_for("zsock_bind"));
+    EXPECT_EQ(log.messages("main"), strings{"terminal_server_actor: zsock_bind: 98, Address already in use"});
+    EXPECT_FALSE(terminal_server_is_ready(server));
+}
+
+// A signal that reaches the actor's thread would end its loop.
+TEST_F(terminal_server_test, takes_no_signals)
+{
+    static std::atomic<int> taken{0};
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { ++taken; };
+    sigaction(SIGUSR1, &action, &before);
+    sigset_t blocked;
+    sigset_t old;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &blocked, &old); // so it is for another thread, if any takes it
+    operator_peer peer{port()};
+    for (int i = 0; i < 10; ++i) {
+        kill(getpid(), SIGUSR1);
+        expect_served(peer);
+    }
+    EXPECT_EQ(taken, 0);
+    timespec none{};
+    EXPECT_EQ(sigtimedwait(&blocked, nullptr, &none), SIGUSR1);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    sigaction(SIGUSR1, &before, nullptr);
+}
+
+// --- Beside the WIN server
+
+// Both actors run; bridges come and go on one thread while an operator lists them without pause.
+TEST(terminal_and_win_server_test, lists_while_bridges_come_and_go)
+{
+    log_capture log;
+    test_gateway gateway;
+    gateway.run_win_server();
+    gateway.run_terminal_server();
+    for (uint8_t i = 0; i < 50; ++i)
+        gateway.add_node(ramp(8, i), "gone");
+
+    std::atomic<bool> done{false};
+    std::thread bridges{[&] {
+        for (int round = 0; round < 60; ++round) {
+            std::array<std::unique_ptr<operator_peer>, 10> peers;
+            for (auto& peer : peers)
+                peer = std::make_unique<operator_peer>(gateway.win_port());
+            for (auto& peer : peers)
+                peer->read_until("sync\n");
+        }
+        done = true;
+    }};
+    operator_peer peer{gateway.terminal_port()};
+    size_t listings = 0;
+    for (; !done || listings < 20; ++listings) {
+        EXPECT_THAT(peer.ask("pcl\n", pcl_end), HasSubstr("####### WIN clients:\n"));
+        EXPECT_THAT(peer.ask("pn\n", "\n##\n"), HasSubstr("####### Floating nodes\n"));
+        EXPECT_THAT(peer.ask("pnf\n", "\n##\n"), HasSubstr("####### Expired nodes\n"));
+    }
+    bridges.join();
+    EXPECT_TRUE(
+        wait_until([&] { return peer.ask("pcl\n", pcl_end).ends_with("####### WIN clients:\n##\n"); }));
+}
+
+} // namespace rtls
