@@ -94,8 +94,10 @@ TEST_F(clogger, debug_records_reach_the_broker_and_not_the_system_log)
 {
     connect();
     (void)lines();
+    const uint64_t queued = logger_get_counters(m_logger.get()).queued;
     logger_debug(m_main.get(), "%s", "hidden");
     logger_debug_ts(m_main.get(), {0, 5}, "%s", "hidden, too");
+    EXPECT_EQ(logger_get_counters(m_logger.get()).queued, queued) << "nor take room there";
     EXPECT_EQ(m_broker.next_undated(), "&app:main DATE hidden");
     EXPECT_EQ(m_broker.next(), "&app:main 1970-01-01 00:00:00.005 hidden, too");
     EXPECT_THAT(texts(), IsEmpty());

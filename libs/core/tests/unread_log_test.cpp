@@ -4,6 +4,7 @@
 
 #include "impl/clogger.h"
 #include "impl/log_queue.h"
+#include "support/socket_options.h"
 #include "support/syslog_capture.h"
 
 #include <gmock/gmock.h>
@@ -55,6 +56,14 @@ protected:
         syslog_capture::stop_reading(how);
         logger_info(m_main, "stuck");
         syslog_capture::wait_until_stuck();
+    }
+
+    // Until the first line is held back.
+    void flood()
+    {
+        for (int i = 0; i < 100'000 && counters().held_back == 0; ++i)
+            logger_info(m_main, "flood");
+        EXPECT_EQ(counters().held_back, 1U);
     }
 
     void destroy()
@@ -171,6 +180,19 @@ TEST_F(unread_log, does_not_hold_up_the_end_and_is_let_go_of)
     EXPECT_THAT(texts(), ElementsAre("Starting next"));
 }
 
+TEST_F(unread_log, does_not_hold_up_what_is_left_for_the_broker)
+{
+    get_stuck();
+    const int closed = socket_options::closed_number();
+    auto end = std::async(std::launch::async, [this] { destroy(); });
+    EXPECT_TRUE(socket_options::wait_for_closing(closed)) << "from then on it leaves, or lingers";
+    EXPECT_TRUE(end.wait_for(milliseconds(0)) == std::future_status::timeout)
+        << "the log is still waited for";
+    syslog_capture::read_again();
+    end.wait();
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("stuck"));
+}
+
 TEST_F(unread_log, does_not_hold_up_the_end_even_where_libc_cannot_be_left)
 {
     get_stuck(syslog_capture::stuck::for_good);
@@ -242,15 +264,13 @@ TEST_F(unread_log, a_thousand_lines_of_a_second_pass_and_the_others_are_said)
 
 TEST_F(unread_log, the_end_of_a_flood_is_said_without_being_asked)
 {
-    while (counters().held_back == 0)
-        logger_info(m_main, "flood");
+    flood();
     EXPECT_TRUE(syslog_capture::wait_for(has_held_back));
 }
 
 TEST_F(unread_log, the_end_of_the_program_says_what_was_held_back)
 {
-    while (counters().held_back == 0)
-        logger_info(m_main, "flood");
+    flood();
     destroy();
     EXPECT_EQ(syslog_capture::take_texts().back(), "Log lines held back beyond 1000 in a second: 1");
 }
@@ -258,8 +278,7 @@ TEST_F(unread_log, the_end_of_the_program_says_what_was_held_back)
 TEST_F(unread_log, what_is_said_of_missing_lines_is_dated_while_debugging)
 {
     m_logger->m_logger.set_debug(true);
-    while (counters().held_back == 0)
-        logger_info(m_main, "flood");
+    flood();
     EXPECT_THAT(texts().back(),
                 testing::MatchesRegex(
                     "20[0-9-]{8} [0-9:]{8}.[0-9]{3} Log lines held back beyond 1000 in a second: 1"));

@@ -97,11 +97,8 @@ private:
     void say(int priority, const char* text)
     {
         const libc_use use;
-        {
-            const cancellable here;
-            syslog(priority, "%s", text);
-        }
-        note_mask(m_state);
+        const cancellable here;
+        syslog(priority, "%s", text);
     }
 
     // Dated, as all lines are while debugging.
@@ -162,12 +159,6 @@ void follow_entries(log_thread_state& state)
     }
 }
 
-bool is_given_up(log_thread_state& state)
-{
-    const rtls::mutex_guard lock(state.mutex);
-    return state.is_given_up;
-}
-
 // Tells the owner, whichever way the thread ends.
 class end_notice {
 public:
@@ -192,8 +183,7 @@ extern "C" void* run_log_thread(void* argument)
     const std::unique_ptr<state_ptr> state(static_cast<state_ptr*>(argument));
     const end_notice notice(**state);
     const rtls::mutex_guard ownership(log_owner);
-    if (!is_given_up(**state))
-        follow_entries(**state);
+    follow_entries(**state);
     return nullptr;
 }
 

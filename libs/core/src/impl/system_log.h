@@ -49,7 +49,7 @@ public:
     void set_debug(bool on);
 
     // Whether the mask lets lines of this priority pass. It alone decides, and it belongs to the process:
-    // somebody else may have changed it, which is seen at once, or after the line being written now.
+    // somebody else may have changed it, which is seen at once, or after the line that is being written.
     bool admits(int priority) const;
 
     // One line. Debug lines that the mask would not let pass do not count as lines.
