@@ -8,7 +8,9 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -73,6 +75,21 @@ protected:
             logger_info(m_main, "%d %s", i, text.c_str());
     }
 
+    // That the log gets the start, and so many lines.
+    void expect_lines(int lines)
+    {
+        const timeval patience{10, 0};
+        setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        std::string line(20'000, '\0');
+        for (int i = -1; i < lines; ++i) {
+            const ssize_t size = recv(m_socket, line.data(), line.size(), 0);
+            ASSERT_GT(size, 0) << i;
+            const std::string expected = i < 0 ? "Starting app" : std::to_string(i) + " xx";
+            ASSERT_NE(line.substr(0, static_cast<size_t>(size)).find(" app: " + expected), line.npos) << i;
+            ASSERT_TRUE(line.starts_with("<14>")) << "facility user, level info";
+        }
+    }
+
     void destroy()
     {
         destroy_component_logger(m_main);
@@ -127,16 +144,27 @@ TEST_F(real_log, gets_every_line_once_it_is_read_again)
 {
     start(SOCK_DGRAM);
     log(600);
-    std::string line(20'000, '\0');
-    for (int i = -1; i < 600; ++i) {
-        const ssize_t size = recv(m_socket, line.data(), line.size(), 0);
-        ASSERT_GT(size, 0);
-        const std::string expected = i < 0 ? "Starting app" : std::to_string(i) + " xx";
-        ASSERT_NE(line.substr(0, static_cast<size_t>(size)).find(" app: " + expected), line.npos) << i;
-        ASSERT_TRUE(line.starts_with("<14>")) << "facility user, level info";
-    }
+    expect_lines(600);
     destroy();
-    EXPECT_EQ(recv(m_socket, line.data(), line.size(), MSG_DONTWAIT), -1);
+    char more = 0;
+    EXPECT_EQ(recv(m_socket, &more, sizeof more, MSG_DONTWAIT), -1);
+}
+
+TEST_F(real_log, gets_every_line_of_a_program_that_exits_without_a_word)
+{
+    m_socket = bound_log_socket(SOCK_DGRAM);
+    const pid_t child = fork();
+    if (child == 0) {
+        static const tav_logger logger = create_logger("app"); // static: not a leak
+        static const tav_component_logger main = create_component_logger(logger, "main");
+        m_main = main;
+        log(200);
+        std::exit(0);
+    }
+    expect_lines(200);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <syslog.h>
 
 #include <condition_variable>
+#include <cstdlib>
 #include <utility>
 
 namespace tav::libs::core {
@@ -23,6 +24,18 @@ void count_forks()
 {
     static const int registered = pthread_atfork(nullptr, nullptr, [] { ++forks; });
     (void)registered; // without memory for it, a child would wait in vain, but not for ever
+}
+
+// The one whose lines are not yet to be given up when the program ends without destroying it.
+std::atomic<system_log*> live{nullptr};
+
+void close_at_exit()
+{
+    static const int registered = std::atexit([] {
+        if (system_log* log = live.exchange(nullptr))
+            log->close();
+    });
+    (void)registered; // there is always room for some
 }
 
 // False: not in time.
@@ -86,6 +99,8 @@ system_log::system_log(std::string_view name)
     : m_state(state_to_open(name)), m_forks(forks), m_thread(start_log_thread(m_state))
 {
     count_forks();
+    close_at_exit();
+    live = this;
     const rtls::mutex_guard lock(m_state->mutex);
     (void)wait_until_followed(*m_state, 1, patience);
 }
@@ -100,6 +115,8 @@ void system_log::close()
     if (!m_is_running || is_in_child())
         return;
     m_is_running = false;
+    system_log* self = this;
+    live.compare_exchange_strong(self, nullptr);
     if (close_in_time(*m_state) || cancel_in_time(*m_state, m_thread))
         pthread_join(m_thread, nullptr);
     else

@@ -42,7 +42,8 @@ public:
     system_log(const system_log&) = delete;
     system_log& operator=(const system_log&) = delete;
 
-    // Writes what is left. What cannot be written within two seconds is given up. Nothing may follow.
+    // Writes what is left. What cannot be written within two seconds is given up. What follows is not written.
+    // At exit() it is done for who has not.
     void close();
 
     // Debugging admits debug records and copies all lines to standard error, from the next line on.

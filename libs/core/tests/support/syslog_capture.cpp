@@ -120,7 +120,7 @@ int setlogmask(int mask)
     return old;
 }
 
-void vsyslog(int priority, const char* format, va_list arguments)
+__attribute__((format(printf, 2, 0))) void vsyslog(int priority, const char* format, va_list arguments)
 {
     std::string text = formatted(format, arguments);
     const std::lock_guard libc_lock(system_log().libc_mutex);

@@ -10,8 +10,8 @@
 // Ownership  The caller owns what a create function returns and releases it with the matching destroy
 //            function. Component loggers must be destroyed before their logger.
 // Threads    Every function may be called from any thread, create and destroy of one handle excepted. Not by
-//            the child of a fork: its records are dropped. Leave libc's functions for the system log alone
-//            while a logger exists, as syslog(3) may wait for ever; setlogmask is fine where that is, too.
+//            the child of a fork: its records are dropped. Whoever calls libc's own functions for the system
+//            log waits while it takes no lines; the mask that setlogmask leaves is heeded.
 // Failures   A null component logger writes nothing; destroying null does nothing. Nothing throws; a
 //            record that there is no memory for ends the process. Every record leaves errno as it was.
 #pragma once
@@ -39,7 +39,8 @@ tav_logger create_logger(const char* name);
 void destroy_logger(tav_logger logger);
 
 // Waits until the system log has all records so far, and it is said there how many are missing. False when
-// that takes longer than `timeout_ms`, and for null. For who is about to end the process in another way.
+// that takes longer than `timeout_ms`, and for null. exit() waits by itself, at most 2.5 seconds; this is for
+// who is about to end the process in a harder way.
 bool logger_flush(tav_logger logger, unsigned timeout_ms);
 
 // What became of the records so far. Debug records that the system log's mask keeps out are no lines.
