@@ -66,9 +66,10 @@ static void snapshot(benchmark::State& state)
     duration<double, std::milli> longest{0};
     duration<double, std::milli> shortest{1e9}; // on a busy machine the longest tells of its other work
     for ([[maybe_unused]] auto _ : state) {
-        const nodes_guard guard{nodes.get()};
+        auto& registry = *static_cast<NODES_CONTAINER_t*>(nodes.get());
+        const nodes_guard guard{registry};
         const auto start = steady_clock::now();
-        copy_nodes_locked(nodes.get(), index, rows);
+        copy_nodes_locked(registry, index, rows);
         const duration<double, std::milli> held = steady_clock::now() - start;
         longest = std::max(longest, held);
         shortest = std::min(shortest, held);
@@ -86,7 +87,7 @@ static void listing(benchmark::State& state, bool full)
     const nodes_ptr nodes =
         make_nodes(static_cast<uint32_t>(state.range(0)), static_cast<uint32_t>(state.range(1)));
     for ([[maybe_unused]] auto _ : state) {
-        auto rows = copy_nodes(nodes.get(), index_bridges(bridges));
+        auto rows = copy_nodes(*static_cast<NODES_CONTAINER_t*>(nodes.get()), index_bridges(bridges));
         mark_duplicate_addresses(rows);
         const node_groups groups = group_nodes(rows, bridges.size());
         for (const auto& group : groups.by_bridge)

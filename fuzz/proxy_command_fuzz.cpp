@@ -9,7 +9,7 @@
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
-#include "support/idle_gateway.h"
+#include "support/test_gateway.h"
 #include "wire/messaging.h"
 #include "wire/slip.h"
 
@@ -45,19 +45,15 @@ void require(bool condition)
 
 // A gateway whose WIN port has no peers: frames for its two bridges end in their caches.
 struct world_t {
-    void* gateway = nullptr;
-    WIN_SERVER_t* server = nullptr;
-    void* nodes = nullptr;
+    test_gateway gateway;
+    WIN_SERVER_t* server = &gateway.win_server();
+    void* nodes = gateway.nodes();
     std::array<WIN_CLIENT_t*, 2> bridges{};
     zsock_t* proxy = zsock_new(ZMQ_PUSH);
     zsock_t* reader = zsock_new(ZMQ_PULL);
 
     world_t()
     {
-        gateway = new_idle_gateway();
-        require(gateway != nullptr);
-        server = static_cast<WIN_SERVER_t*>(rtls_gateway_get_win_server(gateway));
-        nodes = rtls_gateway_get_nodes_container(gateway);
         server->win_sock = zsock_new(ZMQ_STREAM);
         for (size_t i = 0; i < bridges.size(); ++i)
             bridges[i] = add_bridge(static_cast<uint8_t>(i + 1));
@@ -69,18 +65,13 @@ struct world_t {
     {
         for (zsock_t** sock : {&proxy, &reader, &server->win_sock})
             zsock_destroy(sock);
-        rtls_gateway_destroy(&gateway);
     }
     world_t(const world_t&) = delete;
     world_t& operator=(const world_t&) = delete;
 
     WIN_CLIENT_t* add_bridge(uint8_t number)
     {
-        const std::array<uint8_t, 5> id{0, 0, 0, 0, number};
-        const zframe_ptr identity{zframe_new(id.data(), id.size())};
-        WIN_CLIENT_t* bridge = win_client_new(identity.get());
-        require(bridge != nullptr && zhashx_insert(server->clients, to_hex(id).c_str(), bridge) == 0);
-        return bridge;
+        return gateway.add_bridge(std::array<uint8_t, 5>{0, 0, 0, 0, number});
     }
 
     void prepare_node(unsigned options)
@@ -189,7 +180,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const size_t second = take_frames(w.bridges[1]);
     require(first <= 1 && second == ((options & option::no_bridge) != 0 ? first : 0));
     require(nodes_container_get_size(w.nodes) == 1);
-    ota_del_firmware(rtls_gateway_get_ota(w.gateway), 0);
+    ota_del_firmware(rtls_gateway_get_ota(w.gateway.handle()), 0);
     return 0;
 }
 

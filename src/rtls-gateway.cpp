@@ -5,10 +5,8 @@
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "base/signals.h"
-#include "firmware/firmware.h"
-#include "firmware/ota.h"
-#include "registry/nodes_container.h"
 #include "server/win_server.h"
+#include "services.h"
 #include "terminal/terminal_server.h"
 
 #include <fcntl.h>
@@ -26,15 +24,10 @@ namespace rtls {
 static constexpr int ready_poll_ms = 100;
 static constexpr uint16_t firmware_files_max = 5;
 
-// Written on the main thread while no actor runs. The two atomics change while they run; their
-// readers need the value alone, so relaxed order does.
-struct RTLS_GATEWAY_t {
+// Written on the main thread while no actor runs. Only the debug level and the firmware change while they
+// run; their readers need the value alone, so relaxed order does. The handle is the address of the services.
+struct RTLS_GATEWAY_t : services {
     zconfig_t* config = nullptr;
-    void* win_server = nullptr;
-    void* terminal_server = nullptr;
-    void* nodes_container = nullptr;
-    std::atomic<void*> firmware = nullptr;
-    void* ota = nullptr;
     std::atomic<uint16_t> debug_level = 0;
     const char* pid_file_name = nullptr; // points into config
 };
@@ -45,7 +38,7 @@ using gateway_ptr = std::unique_ptr<void, destroyed_by<rtls_gateway_destroy>>;
 static RTLS_GATEWAY_t* gateway_of(void* p_rtls_gateway, const char* function)
 {
     (void)any_null(function, p_rtls_gateway);
-    return static_cast<RTLS_GATEWAY_t*>(p_rtls_gateway);
+    return static_cast<RTLS_GATEWAY_t*>(static_cast<services*>(p_rtls_gateway));
 }
 
 // Sections only ever get switched on here; "debug/..." is optional, and a missing key is logged by config.
@@ -79,20 +72,21 @@ static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_nam
         return false;
     read_debug_mask(gateway.config);
 
-    gateway.win_server = win_server_new(gateway.config, &gateway);
+    auto* handle = static_cast<services*>(&gateway);
+    gateway.win_server = static_cast<WIN_SERVER_t*>(win_server_new(gateway.config, handle));
     if (gateway.win_server == nullptr)
         return false;
-    gateway.terminal_server = terminal_server_new(gateway.config, &gateway);
+    gateway.terminal_server = static_cast<TERMINAL_SERVER_t*>(terminal_server_new(gateway.config, handle));
     if (gateway.terminal_server == nullptr)
         return false;
-    gateway.nodes_container = nodes_container_new();
-    if (gateway.nodes_container == nullptr)
+    gateway.nodes = static_cast<NODES_CONTAINER_t*>(nodes_container_new());
+    if (gateway.nodes == nullptr)
         return false;
 
     uint16_t firmware_files = 0;
     if (!read_firmware_files(gateway.config, &firmware_files))
         return false;
-    gateway.ota = ota_new(firmware_files);
+    gateway.ota = static_cast<OTA_t*>(ota_new(firmware_files));
     return gateway.ota != nullptr;
 }
 
@@ -100,14 +94,15 @@ void* rtls_gateway_new(const char* config_file_name)
 {
     if (any_null(__func__, config_file_name))
         return nullptr;
-    gateway_ptr gateway{new (std::nothrow) RTLS_GATEWAY_t{}};
+    auto* gateway = new (std::nothrow) RTLS_GATEWAY_t{};
+    gateway_ptr owner{static_cast<services*>(gateway)};
     if (!gateway) {
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
     }
-    if (!create_services(*static_cast<RTLS_GATEWAY_t*>(gateway.get()), config_file_name))
+    if (!create_services(*gateway, config_file_name))
         return nullptr;
-    return gateway.release();
+    return owner.release();
 }
 
 // Writes over the start of the file and neither truncates nor terminates it: whoever prepares the
@@ -158,21 +153,29 @@ bool rtls_gateway_run(void* p_rtls_gateway)
     return false;
 }
 
+// By the service's own function, which takes the handle's address and leaves null.
+template <auto Destroy, typename Service>
+static void destroy_service(Service*& service)
+{
+    void* handle = service;
+    Destroy(&handle);
+    service = nullptr;
+}
+
 void rtls_gateway_destroy(void** pp_rtls_gateway)
 {
     if (any_null(__func__, pp_rtls_gateway))
         return;
-    auto* gateway = static_cast<RTLS_GATEWAY_t*>(*pp_rtls_gateway);
-    if (gateway == nullptr)
+    if (*pp_rtls_gateway == nullptr)
         return;
+    RTLS_GATEWAY_t* gateway = gateway_of(*pp_rtls_gateway, __func__);
     // Both actors first: their threads use all the rest.
-    terminal_server_destroy(&gateway->terminal_server);
-    win_server_destroy(&gateway->win_server);
+    destroy_service<terminal_server_destroy>(gateway->terminal_server);
+    destroy_service<win_server_destroy>(gateway->win_server);
     config_destroy(&gateway->config);
-    nodes_container_destroy(&gateway->nodes_container);
-    void* firmware = gateway->firmware.load(std::memory_order_relaxed);
-    firmware_destroy(&firmware);
-    ota_destroy(&gateway->ota);
+    destroy_service<nodes_container_destroy>(gateway->nodes);
+    gateway->firmware.set(nullptr);
+    destroy_service<ota_destroy>(gateway->ota);
     delete gateway;
     *pp_rtls_gateway = nullptr;
 }
@@ -198,7 +201,7 @@ void* rtls_gateway_get_terminal_server(void* p_rtls_gateway)
 void* rtls_gateway_get_nodes_container(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? gateway->nodes_container : nullptr;
+    return gateway != nullptr ? gateway->nodes : nullptr;
 }
 
 void* rtls_gateway_get_ota(void* p_rtls_gateway)
@@ -210,7 +213,7 @@ void* rtls_gateway_get_ota(void* p_rtls_gateway)
 void* rtls_gateway_get_firmware(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? gateway->firmware.load(std::memory_order_relaxed) : nullptr;
+    return gateway != nullptr ? gateway->firmware.get() : nullptr;
 }
 
 void rtls_gateway_set_firmware(void* p_rtls_gateway, void* p_firmware)
@@ -218,8 +221,7 @@ void rtls_gateway_set_firmware(void* p_rtls_gateway, void* p_firmware)
     RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
     if (gateway == nullptr)
         return;
-    void* old = gateway->firmware.exchange(p_firmware, std::memory_order_relaxed);
-    firmware_destroy(&old);
+    gateway->firmware.set(static_cast<FIRMWARE_t*>(p_firmware));
 }
 
 zhashx_t* rtls_gateway_get_win_clients(void* p_rtls_gateway)

@@ -4,7 +4,6 @@
 #include "base/null_check.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
-#include "rtls-gateway.h"
 #include "wire/node_request.h"
 
 #include <array>
@@ -49,10 +48,10 @@ bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
     const bytes_view mac = request.last(mac_size);
     dbg_print(dbg, DBG_PARSING, "GENERIC", "INFO(GENERIC): dst %02X%02X", mac[6], mac[7]);
     {
-        void* p_nodes = rtls_gateway_get_nodes_container(server->rtls_gateway);
-        const nodes_guard guard{p_nodes};
+        NODES_CONTAINER_t& nodes = *server->nodes();
+        const nodes_guard guard{nodes};
         // Held until the frame is handed over, so that the node's address and client stay the same.
-        if (const NODE_t* node = nodes_container_find_by_mac(p_nodes, mac.data())) {
+        if (const NODE_t* node = nodes.find_by_mac(mac.data())) {
             forward_to_node(server, *node, message, mac);
             return true;
         }

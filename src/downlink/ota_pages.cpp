@@ -5,7 +5,6 @@
 #include "base/null_check.h"
 #include "firmware/ota.h"
 #include "link/win_server_private.h"
-#include "rtls-gateway.h"
 
 #include <memory>
 #include <new>
@@ -38,8 +37,8 @@ bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uin
 {
     if (any_null(__func__, server, message.data(), node_mac) || any_null(__func__, server->rtls_gateway))
         return false;
-    void* p_ota = rtls_gateway_get_ota(server->rtls_gateway);
-    if (!p_ota) {
+    const OTA_t* ota = server->ota();
+    if (!ota) {
         logger_error(g_logger, "%s: rtls_gateway_get_ota returns NULL!", __func__);
         return false;
     }
@@ -54,8 +53,8 @@ bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uin
         return false;
     }
     write_ota_response_frame(message, node_mac, {response.get(), size});
-    if (!ota_get_firmware_page(p_ota, request->git_id, request->crc32, request->page_size,
-                               request->page_number, response.get() + ota_response_page))
+    if (!ota->get_firmware_page(request->git_id, request->crc32, request->page_size, request->page_number,
+                                response.get() + ota_response_page))
         return false;
     // Whether the forwarder takes it (an answer above its limit it refuses) makes no difference: the
     // image is ours, so the servers are not asked.

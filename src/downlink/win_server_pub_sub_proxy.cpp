@@ -7,7 +7,6 @@
 #include "firmware/ota.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
-#include "rtls-gateway.h"
 #include "wire/messaging.h"
 #include "wire/node_request.h"
 
@@ -55,20 +54,15 @@ constexpr size_t block_max = UINT16_MAX - mac_size;
 // Errors name the dispatcher, and the type, whichever step finds them: log filters rely on it.
 constexpr char dispatcher[] = "process_data_from_pub_sub_proxy";
 
-static void* nodes_of(const WIN_SERVER_t* server)
-{
-    return rtls_gateway_get_nodes_container(server->rtls_gateway);
-}
-
 // Runs `use` on the node with this MAC, if there is one; what it found. The lock is held until `use` has
 // handed its frame over, so that the node's address and client stay the same. `use` may pass on a null
 // client identity: a node heard of only by way of other clients is asked through every bridge.
 template <typename Use>
 static bool with_node(WIN_SERVER_t* server, bytes_view mac, Use use)
 {
-    void* p_nodes = nodes_of(server);
-    const nodes_guard guard{p_nodes};
-    const NODE_t* node = nodes_container_find_by_mac(p_nodes, mac.data());
+    NODES_CONTAINER_t& nodes = *server->nodes();
+    const nodes_guard guard{nodes};
+    const NODE_t* node = nodes.find_by_mac(mac.data());
     if (node)
         use(*node);
     return node != nullptr;
@@ -110,8 +104,7 @@ static void ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
     dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_OTA_UPLOAD_FW mgd: %08X crc: %08X url: %s", git_ver, crc32,
               url.get());
 
-    const int index =
-        ota_download_firmware(rtls_gateway_get_ota(server->rtls_gateway), url.get(), &crc32, &git_ver);
+    const int index = server->ota()->download_firmware(url.get(), &crc32, &git_ver);
     if (index == -1)
         dbg_print(dbg, DBG_PARSING, "PROXY", "Failed to read firmware!");
     else
@@ -206,9 +199,9 @@ static void adopt_firmware(WIN_SERVER_t* server, const char* url, bytes_view dat
     }
     const uint32_t announced = load_be32(data, gwMsgFwImageAvailInd_t::crc32);
     const uint32_t computed = firmware->crc32;
-    rtls_gateway_set_firmware(server->rtls_gateway, firmware);
+    server->rtls_gateway->firmware.set(firmware);
     if (announced != 0 && announced != computed) {
-        rtls_gateway_set_firmware(server->rtls_gateway, nullptr);
+        server->rtls_gateway->firmware.set(nullptr);
         dbg_print(dbg, DBG_PARSING, "PROXY",
                   "MSG_FW_IMAGE_AVAIL_IND bad crc32 sum: s:%08X d:%08X, firmware removed",
                   load_le32(data, gwMsgFwImageAvailInd_t::crc32), computed);
@@ -313,8 +306,8 @@ bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t
 {
     if (any_null(__func__, server, data))
         return false;
-    void* p_nodes = nodes_of(server);
-    if (!p_nodes) {
+    NODES_CONTAINER_t* nodes = server->nodes();
+    if (!nodes) {
         logger_error(g_logger, "%s: null nodes container not found!", __func__);
         return false;
     }
@@ -327,7 +320,7 @@ bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t
 
     timeval now{};
     gettimeofday(&now, nullptr);
-    if (spam_filter(p_nodes, data, data_size, now))
+    if (spam_filter(nodes, data, data_size, now))
         return false;
     dispatch(server, {data, data_size});
     return true;
@@ -382,8 +375,9 @@ bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval n
         return false;
     const bytes_view command{data, data_size - mac_size};
 
-    const nodes_guard guard{p_nodes};
-    NODE_t* node = nodes_container_find_by_mac(p_nodes, data + command.size());
+    auto& nodes = *static_cast<NODES_CONTAINER_t*>(p_nodes);
+    const nodes_guard guard{nodes};
+    NODE_t* node = nodes.find_by_mac(data + command.size());
     if (!node)
         return false;
     // The time moves on with repeats, too: a steady stream of them stays suppressed.
@@ -412,18 +406,18 @@ bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t pars
 {
     if (any_null(__func__, server, buf))
         return false;
-    void* p_ota = rtls_gateway_get_ota(server->rtls_gateway);
-    if (!p_ota) {
+    OTA_t* ota = server->ota();
+    if (!ota) {
         logger_error(g_logger, "%s: rtls_gateway_get_ota returns NULL!", __func__);
         return false;
     }
     const bytes_view request{buf, parsedlen};
     if (!carries_firmware_page(request))
         return false;
-    return ota_set_firmware_page(p_ota, load_be32(request, page_request::git_id),
-                                 load_be32(request, page_request::crc32),
-                                 load_be16(request, page_request::page_size),
-                                 load_be16(request, page_request::page_number), buf + page_request::page);
+    return ota->set_firmware_page(load_be32(request, page_request::git_id),
+                                  load_be32(request, page_request::crc32),
+                                  load_be16(request, page_request::page_size),
+                                  load_be16(request, page_request::page_number), buf + page_request::page);
 }
 
 // --- the reader

@@ -131,4 +131,10 @@ void firmware_destroy(void** pp_firmware)
     delete firmware;
 }
 
+void current_firmware::set(FIRMWARE_t* firmware)
+{
+    void* old = m_firmware.exchange(firmware, std::memory_order_relaxed);
+    firmware_destroy(&old);
+}
+
 } // namespace rtls

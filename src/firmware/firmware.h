@@ -9,6 +9,7 @@
 
 #include "wire/messaging.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -32,5 +33,23 @@ bool firmware_msg_pack(FIRMWARE_t* firmware, gwMsgUpdateRequest_t* msg);
 
 // Null is welcome in *pp_firmware, and left there.
 void firmware_destroy(void** pp_firmware);
+
+// The image that bridges are told of, or none. Owns it.
+// Threads    Set on the WIN server's thread; read on any, where the value alone counts: an image that is
+//            replaced is destroyed at once.
+class current_firmware {
+public:
+    current_firmware() = default;
+    ~current_firmware() { set(nullptr); }
+    current_firmware(const current_firmware&) = delete;
+    current_firmware& operator=(const current_firmware&) = delete;
+
+    FIRMWARE_t* get() const { return m_firmware.load(std::memory_order_relaxed); }
+    // Takes `firmware` (or null) over and destroys the one before.
+    void set(FIRMWARE_t* firmware);
+
+private:
+    std::atomic<FIRMWARE_t*> m_firmware{nullptr};
+};
 
 } // namespace rtls

@@ -2,7 +2,6 @@
 
 #include "base/bytes.h"
 #include "base/common.h"
-#include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "firmware/crc32.h"
@@ -12,7 +11,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <span>
 
@@ -29,15 +27,6 @@ struct OTA_FIRMWARE_t {
     image_memory memory;
     size_t page_count = 0; // blocks that memory and validity_mask hold, of an image under assembly
 };
-using firmware_ptr = std::unique_ptr<OTA_FIRMWARE_t>;
-
-struct OTA_t {
-    std::mutex mutex;                             // guards all below; images are reached only under it
-    std::unique_ptr<firmware_ptr[]> firmware_arr; // files_number slots; null: empty
-    uint16_t files_number = 0;
-    uint16_t index = 0; // the slot that the next new image takes, whatever is in it
-};
-
 // Blocks of one page, in 64 bits: size and number come from the wire.
 struct page_blocks {
     page_blocks(uint32_t page_size, uint32_t page_number)
@@ -80,9 +69,9 @@ static bool resize_firmware(OTA_FIRMWARE_t& firmware, uint64_t required_page_cou
 }
 
 // An image to be assembled, with nothing in it yet; not in the store yet, either.
-static firmware_ptr create_firmware_for_page(uint32_t git_id, uint32_t crc32)
+static std::unique_ptr<OTA_FIRMWARE_t> create_firmware_for_page(uint32_t git_id, uint32_t crc32)
 {
-    firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
+    std::unique_ptr<OTA_FIRMWARE_t> firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
     if (firmware) {
         firmware->memory = allocate_image(growth_blocks * block_bytes);
         firmware->validity_mask.reset(new (std::nothrow) bool[growth_blocks]{});
@@ -113,74 +102,6 @@ static bool is_complete(OTA_FIRMWARE_t& firmware, const page_blocks& page)
     return std::all_of(mask.begin(), mask.end(), [](bool valid) { return valid; });
 }
 
-// --- slots; all of these under the mutex
-
-// The first slot that holds the image with this key; files_number when none does.
-static size_t find_slot(const OTA_t& ota, uint32_t git_ver, uint32_t crc32)
-{
-    size_t slot = 0;
-    for (; slot < ota.files_number; ++slot) {
-        const OTA_FIRMWARE_t* firmware = ota.firmware_arr[slot].get();
-        if (firmware != nullptr && firmware->info.git_ver == git_ver && firmware->info.crc32 == crc32)
-            break;
-    }
-    return slot;
-}
-
-static OTA_FIRMWARE_t* find_firmware(const OTA_t& ota, uint32_t git_ver, uint32_t crc32)
-{
-    const size_t slot = find_slot(ota, git_ver, crc32);
-    return slot < ota.files_number ? ota.firmware_arr[slot].get() : nullptr;
-}
-
-// Puts an image in the place of the one with its key, otherwise in the next slot in turn; its slot.
-// -1, and the image is destroyed, when there are no slots.
-static int add_firmware(OTA_t& ota, firmware_ptr firmware)
-{
-    if (ota.files_number == 0)
-        return -1;
-    size_t slot = find_slot(ota, firmware->info.git_ver, firmware->info.crc32);
-    if (slot == ota.files_number) {
-        slot = ota.index;
-        ota.index = static_cast<uint16_t>((ota.index + 1) % ota.files_number);
-    }
-    ota.firmware_arr[slot] = std::move(firmware);
-    return static_cast<int>(slot);
-}
-
-// --- the store
-
-void* ota_new(uint16_t files_number)
-{
-    using ota_ptr = std::unique_ptr<void, destroyed_by<ota_destroy>>;
-    ota_ptr owner{new (std::nothrow) OTA_t};
-    auto* ota = static_cast<OTA_t*>(owner.get());
-    if (ota != nullptr)
-        ota->firmware_arr.reset(new (std::nothrow) firmware_ptr[files_number]);
-    if (ota == nullptr || !ota->firmware_arr) {
-        logger_error(g_logger, str_out_of_memory, __func__);
-        return nullptr;
-    }
-    ota->files_number = files_number;
-    return owner.release();
-}
-
-void ota_destroy(void** pp_ota)
-{
-    if (any_null(__func__, pp_ota))
-        return;
-    auto* ota = static_cast<OTA_t*>(*pp_ota);
-    *pp_ota = nullptr;
-    if (ota == nullptr)
-        return;
-    {
-        const std::lock_guard lock{ota->mutex};
-        ota->firmware_arr.reset();
-        ota->files_number = 0;
-    }
-    delete ota;
-}
-
 // Fills in what the bytes say of themselves; false, after a report, when they are not what is expected.
 static bool describe_image(OTA_FIRMWARE_t& firmware, const uint32_t* crc32, const uint32_t* git_ver)
 {
@@ -200,82 +121,6 @@ static bool describe_image(OTA_FIRMWARE_t& firmware, const uint32_t* crc32, cons
     return true;
 }
 
-int ota_download_firmware(void* p_ota, const char* url, const uint32_t* crc32, const uint32_t* git_ver)
-{
-    auto* ota = static_cast<OTA_t*>(p_ota);
-    if (any_null(__func__, ota, url))
-        return -1;
-    firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
-    if (!firmware) {
-        logger_error(g_logger, str_out_of_memory, __func__);
-        return -1;
-    }
-    auto image =
-        image_download(url, {.caller = __func__, .bad_length_aborts = true, .reports_missing_length = true});
-    if (!image)
-        return -1;
-    firmware->memory = std::move(image->memory);
-    firmware->info.size = image->size;
-    if (!describe_image(*firmware, crc32, git_ver))
-        return -1;
-
-    const std::lock_guard lock{ota->mutex};
-    return add_firmware(*ota, std::move(firmware));
-}
-
-bool ota_get_firmware_info(void* p_ota, uint16_t index, OTA_FIRMWARE_INFO_t* info)
-{
-    auto* ota = static_cast<OTA_t*>(p_ota);
-    if (any_null(__func__, ota, info))
-        return false;
-    const std::lock_guard lock{ota->mutex};
-    if (index >= ota->files_number || !ota->firmware_arr[index])
-        return false;
-    *info = ota->firmware_arr[index]->info;
-    return true;
-}
-
-bool ota_del_firmware(void* p_ota, uint16_t index)
-{
-    auto* ota = static_cast<OTA_t*>(p_ota);
-    if (any_null(__func__, ota))
-        return false;
-    const std::lock_guard lock{ota->mutex};
-    if (index >= ota->files_number || !ota->firmware_arr[index])
-        return false;
-    ota->firmware_arr[index].reset();
-    return true;
-}
-
-uint16_t ota_get_files_number(void* p_ota)
-{
-    auto* ota = static_cast<OTA_t*>(p_ota);
-    if (any_null(__func__, ota))
-        return 0;
-    const std::lock_guard lock{ota->mutex};
-    return ota->files_number;
-}
-
-bool ota_get_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_t page_size,
-                           uint32_t page_number, uint8_t* bufer)
-{
-    auto* ota = static_cast<OTA_t*>(p_ota);
-    if (any_null(__func__, ota, bufer))
-        return false;
-    if (!is_page_size(page_size))
-        return false;
-    const page_blocks page{page_size, page_number};
-
-    const std::lock_guard lock{ota->mutex};
-    OTA_FIRMWARE_t* firmware = find_firmware(*ota, git_id, crc32);
-    if (firmware == nullptr || page.start >= firmware->info.size || !is_complete(*firmware, page))
-        return false;
-    const size_t available = std::min<size_t>(page_size, firmware->info.size - page.start);
-    std::memcpy(bufer, firmware->memory.get() + page.start, available);
-    std::memset(bufer + available, 0xFF, page_size - available);
-    return true;
-}
-
 // Keeps the first content of every page: one that is there already is not copied again.
 static bool store_page(OTA_FIRMWARE_t& firmware, const page_blocks& page, bytes_view bytes)
 {
@@ -290,23 +135,181 @@ static bool store_page(OTA_FIRMWARE_t& firmware, const page_blocks& page, bytes_
     return true;
 }
 
-bool ota_set_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_t page_size,
-                           uint32_t page_number, const uint8_t* buffer)
+// --- the store
+
+OTA_t::OTA_t(uint16_t files_number)
+    : m_files_number(files_number), m_firmware_arr(std::make_unique<firmware_ptr[]>(files_number))
 {
-    auto* ota = static_cast<OTA_t*>(p_ota);
-    if (any_null(__func__, ota, buffer))
+}
+
+OTA_t::~OTA_t() = default;
+
+// The first slot that holds the image with this key; the number of slots when none does.
+size_t OTA_t::find_slot(uint32_t git_ver, uint32_t crc32) const
+{
+    size_t slot = 0;
+    for (; slot < m_files_number; ++slot) {
+        const OTA_FIRMWARE_t* firmware = m_firmware_arr[slot].get();
+        if (firmware != nullptr && firmware->info.git_ver == git_ver && firmware->info.crc32 == crc32)
+            break;
+    }
+    return slot;
+}
+
+OTA_FIRMWARE_t* OTA_t::find_firmware(uint32_t git_ver, uint32_t crc32) const
+{
+    const size_t slot = find_slot(git_ver, crc32);
+    return slot < m_files_number ? m_firmware_arr[slot].get() : nullptr;
+}
+
+// Puts an image in the place of the one with its key, otherwise in the next slot in turn; its slot.
+// -1, and the image is destroyed, when there are no slots.
+int OTA_t::add_firmware(firmware_ptr firmware)
+{
+    if (m_files_number == 0)
+        return -1;
+    size_t slot = find_slot(firmware->info.git_ver, firmware->info.crc32);
+    if (slot == m_files_number) {
+        slot = m_index;
+        m_index = static_cast<uint16_t>((m_index + 1) % m_files_number);
+    }
+    m_firmware_arr[slot] = std::move(firmware);
+    return static_cast<int>(slot);
+}
+
+int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint32_t* git_ver)
+{
+    static constexpr char reporter[] = "ota_download_firmware";
+    firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
+    if (!firmware) {
+        logger_error(g_logger, str_out_of_memory, reporter);
+        return -1;
+    }
+    auto image =
+        image_download(url, {.caller = reporter, .bad_length_aborts = true, .reports_missing_length = true});
+    if (!image)
+        return -1;
+    firmware->memory = std::move(image->memory);
+    firmware->info.size = image->size;
+    if (!describe_image(*firmware, crc32, git_ver))
+        return -1;
+
+    const mutex_guard lock{m_mutex};
+    return add_firmware(std::move(firmware));
+}
+
+std::optional<OTA_FIRMWARE_INFO_t> OTA_t::firmware_info(uint16_t index) const
+{
+    const mutex_guard lock{m_mutex};
+    if (index >= m_files_number || !m_firmware_arr[index])
+        return std::nullopt;
+    return m_firmware_arr[index]->info;
+}
+
+bool OTA_t::del_firmware(uint16_t index)
+{
+    const mutex_guard lock{m_mutex};
+    if (index >= m_files_number || !m_firmware_arr[index])
         return false;
+    m_firmware_arr[index].reset();
+    return true;
+}
+
+bool OTA_t::get_firmware_page(uint32_t git_id, uint32_t crc32, uint32_t page_size, uint32_t page_number,
+                              uint8_t* bufer) const
+{
+    if (!is_page_size(page_size))
+        return false;
+    const page_blocks page{page_size, page_number};
+
+    const mutex_guard lock{m_mutex};
+    OTA_FIRMWARE_t* firmware = find_firmware(git_id, crc32);
+    if (firmware == nullptr || page.start >= firmware->info.size || !is_complete(*firmware, page))
+        return false;
+    const size_t available = std::min<size_t>(page_size, firmware->info.size - page.start);
+    std::memcpy(bufer, firmware->memory.get() + page.start, available);
+    std::memset(bufer + available, 0xFF, page_size - available);
+    return true;
+}
+
+bool OTA_t::set_firmware_page(uint32_t git_id, uint32_t crc32, uint32_t page_size, uint32_t page_number,
+                              const uint8_t* buffer)
+{
     if (!is_page_size(page_size))
         return false;
     const page_blocks page{page_size, page_number};
     const bytes_view bytes{buffer, page_size};
 
-    const std::lock_guard lock{ota->mutex};
-    if (OTA_FIRMWARE_t* firmware = find_firmware(*ota, git_id, crc32); firmware != nullptr)
+    const mutex_guard lock{m_mutex};
+    if (OTA_FIRMWARE_t* firmware = find_firmware(git_id, crc32); firmware != nullptr)
         return store_page(*firmware, page, bytes);
     // A new image displaces another only once its first page is in: a refused page costs nothing.
     firmware_ptr firmware = create_firmware_for_page(git_id, crc32);
-    return firmware && store_page(*firmware, page, bytes) && add_firmware(*ota, std::move(firmware)) >= 0;
+    return firmware && store_page(*firmware, page, bytes) && add_firmware(std::move(firmware)) >= 0;
+}
+
+// --- by handle
+
+static OTA_t& store_of(void* p_ota)
+{
+    return *static_cast<OTA_t*>(p_ota);
+}
+
+void* ota_new(uint16_t files_number)
+{
+    try {
+        return new OTA_t{files_number};
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return nullptr;
+    }
+}
+
+void ota_destroy(void** pp_ota)
+{
+    if (any_null(__func__, pp_ota))
+        return;
+    delete static_cast<OTA_t*>(*pp_ota);
+    *pp_ota = nullptr;
+}
+
+int ota_download_firmware(void* p_ota, const char* url, const uint32_t* crc32, const uint32_t* git_ver)
+{
+    return any_null(__func__, p_ota, url) ? -1 : store_of(p_ota).download_firmware(url, crc32, git_ver);
+}
+
+bool ota_get_firmware_info(void* p_ota, uint16_t index, OTA_FIRMWARE_INFO_t* info)
+{
+    if (any_null(__func__, p_ota, info))
+        return false;
+    const auto found = store_of(p_ota).firmware_info(index);
+    if (found)
+        *info = *found;
+    return found.has_value();
+}
+
+bool ota_del_firmware(void* p_ota, uint16_t index)
+{
+    return !any_null(__func__, p_ota) && store_of(p_ota).del_firmware(index);
+}
+
+uint16_t ota_get_files_number(void* p_ota)
+{
+    return any_null(__func__, p_ota) ? uint16_t{0} : store_of(p_ota).files_number();
+}
+
+bool ota_get_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_t page_size,
+                           uint32_t page_number, uint8_t* bufer)
+{
+    return !any_null(__func__, p_ota, bufer) &&
+           store_of(p_ota).get_firmware_page(git_id, crc32, page_size, page_number, bufer);
+}
+
+bool ota_set_firmware_page(void* p_ota, uint32_t git_id, uint32_t crc32, uint32_t page_size,
+                           uint32_t page_number, const uint8_t* buffer)
+{
+    return !any_null(__func__, p_ota, buffer) &&
+           store_of(p_ota).set_firmware_page(git_id, crc32, page_size, page_number, buffer);
 }
 
 } // namespace rtls

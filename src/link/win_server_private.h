@@ -8,6 +8,7 @@
 #include "link/closed_ids.h"
 #include "link/win_clients.h"
 #include "server/win_server.h"
+#include "services.h"
 
 #include <czmq.h>
 #include <netinet/in.h>
@@ -20,9 +21,9 @@
 namespace rtls {
 
 struct WIN_SERVER_t {
-    void* rtls_gateway = nullptr;
-    zactor_t* actor = nullptr; // owner's thread; null while not running
-    in_port_t win_port = 0;    // host order
+    services* rtls_gateway = nullptr; // what the gateway hands out
+    zactor_t* actor = nullptr;        // owner's thread; null while not running
+    in_port_t win_port = 0;           // host order
     in_port_t discovery_port = 0;
     zhashx_t* clients = nullptr;        // owned WIN_CLIENT_t by identity; see clients_mutex
     char* proxy_full_address = nullptr; // owned endpoint texts
@@ -52,6 +53,10 @@ struct WIN_SERVER_t {
     closed_id_set closed_ids;
     int64_t last_win_event = 0;               // zclock_usecs of when the WIN port was last drained
     std::optional<int64_t> last_client_check; // zclock_mono of the last client check
+
+    // The services; null where there are none.
+    NODES_CONTAINER_t* nodes() const { return rtls_gateway ? rtls_gateway->nodes : nullptr; }
+    OTA_t* ota() const { return rtls_gateway ? rtls_gateway->ota : nullptr; }
 };
 
 // --- win_server.cpp

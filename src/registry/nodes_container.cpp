@@ -3,10 +3,6 @@
 #include "base/common.h"
 #include "base/logger.h"
 #include "base/null_check.h"
-#include "registry/address_index.h"
-#include "registry/node_table.h"
-
-#include <pthread.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -16,46 +12,115 @@ namespace rtls {
 
 namespace {
 
-// The mutex stays first: the handle may be used as the mutex itself.
-struct NODES_CONTAINER_t {
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    node_table nodes;
-    address_index by_address;
-
-    ~NODES_CONTAINER_t() { pthread_mutex_destroy(&mutex); }
-};
-
 // The first byte of every node's MAC; an address's interface identifier has another one there.
 constexpr uint8_t first_mac_byte = 0xE4;
 constexpr size_t interface_identifier = 8; // offset in an address
 
-// The container, or nullptr after a log line for `function` when it or another argument is null.
-NODES_CONTAINER_t* checked(void* p_nodes, const char* function, bool arguments_are_there = true)
+} // namespace
+
+void NODES_CONTAINER_t::lock()
 {
-    if (p_nodes && arguments_are_there)
-        return static_cast<NODES_CONTAINER_t*>(p_nodes);
-    logger_error(g_logger, str_null_pointer, function);
-    return nullptr;
+    m_mutex.lock();
+}
+
+void NODES_CONTAINER_t::unlock()
+{
+    m_mutex.unlock();
 }
 
 // Adds a node that is all zeros but its MAC; nullptr when memory is short or the container full.
-NODE_t* create_node(NODES_CONTAINER_t& container, const uint8_t* mac)
+NODE_t* NODES_CONTAINER_t::create(const uint8_t* mac)
 {
-    if (container.nodes.size() >= nodes_container_limit)
+    if (m_nodes.size() >= m_limit)
         return nullptr;
     auto* node = static_cast<stored_node*>(calloc(1, sizeof(stored_node)));
     if (!node)
         return nullptr;
     memcpy(node->mac_addr, mac, mac_size);
-    if (!container.nodes.insert(node)) {
+    if (!m_nodes.insert(node)) {
         free(node);
         return nullptr;
     }
-    container.by_address.add(node);
+    m_by_address.add(node);
     return node;
 }
 
-} // namespace
+NODE_t* NODES_CONTAINER_t::find_or_create_by_mac(const uint8_t* mac, const uint8_t* sequence_number)
+{
+    NODE_t* node = m_nodes.find(mac);
+    if (!node) {
+        node = create(mac);
+        if (!node)
+            logger_error(g_logger, str_out_of_memory, "nodes_container_find_or_create_by_mac");
+        return node;
+    }
+    if (sequence_number) {
+        if (node->sequence_number == *sequence_number)
+            return nullptr;
+        node->sequence_number = *sequence_number;
+    }
+    return node;
+}
+
+NODE_t* NODES_CONTAINER_t::find_by_short_mac(uint8_t short_mac_hi, uint8_t short_mac_lo)
+{
+    return m_nodes.find_first([=](const NODE_t& node) {
+        return node.mac_addr[6] == short_mac_hi && node.mac_addr[7] == short_mac_lo;
+    });
+}
+
+NODE_t* NODES_CONTAINER_t::find_by_ip(const uint8_t* ip_addr)
+{
+    auto node = m_by_address.only_with(ip_addr);
+    if (!node)
+        node = m_nodes.find_first([=](const NODE_t& candidate) {
+            return !candidate.forwarded_ip && memcmp(candidate.ip_addr, ip_addr, ip_addr_size) == 0;
+        });
+    if (*node)
+        return *node;
+    uint8_t mac[mac_size];
+    memcpy(mac, ip_addr + interface_identifier, mac_size);
+    mac[0] = first_mac_byte;
+    return m_nodes.find(mac);
+}
+
+void NODES_CONTAINER_t::set_address(NODE_t& node, const uint8_t* ip_addr, bool forwarded_ip)
+{
+    if (node.forwarded_ip == forwarded_ip && memcmp(node.ip_addr, ip_addr, ip_addr_size) == 0)
+        return;
+    auto& stored = static_cast<stored_node&>(node);
+    m_by_address.remove(&stored);
+    memmove(node.ip_addr, ip_addr, ip_addr_size); // it may be the node's own
+    node.forwarded_ip = forwarded_ip;
+    m_by_address.add(&stored);
+}
+
+void NODES_CONTAINER_t::update_lifetime()
+{
+    const nodes_guard guard{*this};
+    m_nodes.for_each([](NODE_t& node) {
+        if (node.lifetime != 0)
+            --node.lifetime;
+    });
+}
+
+void NODES_CONTAINER_t::remove(const uint8_t* mac)
+{
+    stored_node* node = m_nodes.remove(mac);
+    if (!node)
+        return;
+    m_by_address.remove(node);
+    void* p_node = static_cast<NODE_t*>(node);
+    node_destroy(&p_node);
+}
+
+// --- by handle
+
+// The container behind the handle, which is there.
+static NODES_CONTAINER_t& container_of(void* p_nodes)
+{
+    return *static_cast<NODES_CONTAINER_t*>(p_nodes);
+}
 
 void* nodes_container_new(void)
 {
@@ -75,128 +140,77 @@ void nodes_container_destroy(void** pp_nodes)
     *pp_nodes = nullptr;
 }
 
-void nodes_container_lock(void* p_nodes)
+RTLS_NO_THREAD_SAFETY_ANALYSIS void nodes_container_lock(void* p_nodes)
 {
-    if (auto* container = checked(p_nodes, __func__))
-        pthread_mutex_lock(&container->mutex);
+    if (!any_null(__func__, p_nodes))
+        container_of(p_nodes).lock();
 }
 
-void nodes_container_unlock(void* p_nodes)
+RTLS_NO_THREAD_SAFETY_ANALYSIS void nodes_container_unlock(void* p_nodes)
 {
-    if (auto* container = checked(p_nodes, __func__))
-        pthread_mutex_unlock(&container->mutex);
+    if (!any_null(__func__, p_nodes))
+        container_of(p_nodes).unlock();
 }
 
-size_t nodes_container_get_size(void* p_nodes)
+RTLS_NO_THREAD_SAFETY_ANALYSIS size_t nodes_container_get_size(void* p_nodes)
 {
-    const auto* container = checked(p_nodes, __func__);
-    return container ? container->nodes.size() : 0;
+    return any_null(__func__, p_nodes) ? 0 : container_of(p_nodes).size();
 }
 
-NODE_t* nodes_container_get_first(void* p_nodes)
+RTLS_NO_THREAD_SAFETY_ANALYSIS NODE_t* nodes_container_get_first(void* p_nodes)
 {
-    auto* container = checked(p_nodes, __func__);
-    return container ? container->nodes.first() : nullptr;
+    return any_null(__func__, p_nodes) ? nullptr : container_of(p_nodes).first();
 }
 
-NODE_t* nodes_container_get_next(void* p_nodes)
+RTLS_NO_THREAD_SAFETY_ANALYSIS NODE_t* nodes_container_get_next(void* p_nodes)
 {
-    auto* container = checked(p_nodes, __func__);
-    return container ? container->nodes.next() : nullptr;
+    return any_null(__func__, p_nodes) ? nullptr : container_of(p_nodes).next();
 }
 
-NODE_t* nodes_container_find_by_mac(void* p_nodes, const uint8_t* mac)
+RTLS_NO_THREAD_SAFETY_ANALYSIS NODE_t* nodes_container_find_by_mac(void* p_nodes, const uint8_t* mac)
 {
-    auto* container = checked(p_nodes, __func__, mac != nullptr);
-    return container ? container->nodes.find(mac) : nullptr;
+    return any_null(__func__, p_nodes, mac) ? nullptr : container_of(p_nodes).find_by_mac(mac);
 }
 
-NODE_t* nodes_container_find_or_create_by_mac(void* p_nodes, const uint8_t* mac,
-                                              const uint8_t* sequence_number, uint16_t /*cmd*/)
+RTLS_NO_THREAD_SAFETY_ANALYSIS NODE_t* nodes_container_find_or_create_by_mac(void* p_nodes,
+                                                                             const uint8_t* mac,
+                                                                             const uint8_t* sequence_number,
+                                                                             uint16_t /*cmd*/)
 {
-    auto* container = checked(p_nodes, __func__, mac != nullptr);
-    if (!container)
-        return nullptr;
-    NODE_t* node = container->nodes.find(mac);
-    if (!node) {
-        node = create_node(*container, mac);
-        if (!node)
-            logger_error(g_logger, str_out_of_memory, __func__);
-        return node;
-    }
-    if (sequence_number) {
-        if (node->sequence_number == *sequence_number)
-            return nullptr;
-        node->sequence_number = *sequence_number;
-    }
-    return node;
+    return any_null(__func__, p_nodes, mac)
+               ? nullptr
+               : container_of(p_nodes).find_or_create_by_mac(mac, sequence_number);
 }
 
-NODE_t* nodes_container_find_by_short_mac(void* p_nodes, uint8_t short_mac_hi, uint8_t short_mac_lo)
+RTLS_NO_THREAD_SAFETY_ANALYSIS NODE_t* nodes_container_find_by_short_mac(void* p_nodes, uint8_t short_mac_hi,
+                                                                         uint8_t short_mac_lo)
 {
-    const auto* container = checked(p_nodes, __func__);
-    if (!container)
-        return nullptr;
-    return container->nodes.find_first([=](const NODE_t& node) {
-        return node.mac_addr[6] == short_mac_hi && node.mac_addr[7] == short_mac_lo;
-    });
+    return any_null(__func__, p_nodes) ? nullptr
+                                       : container_of(p_nodes).find_by_short_mac(short_mac_hi, short_mac_lo);
 }
 
-NODE_t* nodes_container_find_by_ip(void* p_nodes, const uint8_t* ip_addr)
+RTLS_NO_THREAD_SAFETY_ANALYSIS NODE_t* nodes_container_find_by_ip(void* p_nodes, const uint8_t* ip_addr)
 {
-    auto* container = checked(p_nodes, __func__, ip_addr != nullptr);
-    if (!container)
-        return nullptr;
-    auto node = container->by_address.only_with(ip_addr);
-    if (!node)
-        node = container->nodes.find_first([=](const NODE_t& candidate) {
-            return !candidate.forwarded_ip && memcmp(candidate.ip_addr, ip_addr, ip_addr_size) == 0;
-        });
-    if (*node)
-        return *node;
-    uint8_t mac[mac_size];
-    memcpy(mac, ip_addr + interface_identifier, mac_size);
-    mac[0] = first_mac_byte;
-    return container->nodes.find(mac);
+    return any_null(__func__, p_nodes, ip_addr) ? nullptr : container_of(p_nodes).find_by_ip(ip_addr);
 }
 
-void nodes_container_set_address(void* p_nodes, NODE_t* node, const uint8_t* ip_addr, bool forwarded_ip)
+RTLS_NO_THREAD_SAFETY_ANALYSIS void nodes_container_set_address(void* p_nodes, NODE_t* node,
+                                                                const uint8_t* ip_addr, bool forwarded_ip)
 {
-    auto* container = checked(p_nodes, __func__, node && ip_addr);
-    if (!container)
-        return;
-    if (node->forwarded_ip == forwarded_ip && memcmp(node->ip_addr, ip_addr, ip_addr_size) == 0)
-        return;
-    auto* stored = static_cast<stored_node*>(node);
-    container->by_address.remove(stored);
-    memmove(node->ip_addr, ip_addr, ip_addr_size); // it may be the node's own
-    node->forwarded_ip = forwarded_ip;
-    container->by_address.add(stored);
+    if (!any_null(__func__, p_nodes, node, ip_addr))
+        container_of(p_nodes).set_address(*node, ip_addr, forwarded_ip);
 }
 
 void nodes_container_update_lifetime(void* p_nodes)
 {
-    auto* container = checked(p_nodes, __func__);
-    if (!container)
-        return;
-    const nodes_guard guard{p_nodes};
-    container->nodes.for_each([](NODE_t& node) {
-        if (node.lifetime != 0)
-            --node.lifetime;
-    });
+    if (!any_null(__func__, p_nodes))
+        container_of(p_nodes).update_lifetime();
 }
 
-void nodes_container_delete(void* p_nodes, const uint8_t* mac)
+RTLS_NO_THREAD_SAFETY_ANALYSIS void nodes_container_delete(void* p_nodes, const uint8_t* mac)
 {
-    auto* container = checked(p_nodes, __func__, mac != nullptr);
-    if (!container)
-        return;
-    stored_node* node = container->nodes.remove(mac);
-    if (!node)
-        return;
-    container->by_address.remove(node);
-    void* p_node = static_cast<NODE_t*>(node);
-    node_destroy(&p_node);
+    if (!any_null(__func__, p_nodes, mac))
+        container_of(p_nodes).remove(mac);
 }
 
 } // namespace rtls

@@ -1,12 +1,17 @@
 // nodes_container - the nodes heard of so far, keyed by their 8-byte MAC.
 //
 // Ownership  The container owns its nodes. A NODE_t* is borrowed, and valid only while the lock is held.
-// Threads    WIN server and terminal. Hold the lock around each call and each whole iteration, except
-//            where a function says that it takes the lock itself.
-// Failures   A null argument is logged and answered with nullptr, 0 or nothing.
+// Threads    WIN server and terminal. The container is its own lock: hold a nodes_guard around each call
+//            and each whole iteration, except where a function says that it takes the lock itself.
+//            clang checks it. Nothing is sent, printed or waited for under the lock.
+// Failures   Nothing throws, but making a container.
 #pragma once
 
+#include "registry/address_index.h"
 #include "registry/node.h"
+#include "registry/node_table.h"
+
+#include "core/thread_annotations.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -16,56 +21,96 @@ namespace rtls {
 // The most nodes one container takes: peers create nodes, and nothing but an operator removes them.
 constexpr size_t nodes_container_limit = 1'000'000;
 
-// An empty container, or nullptr. Release it with nodes_container_destroy.
-void* nodes_container_new(void);
-// Frees the container and its nodes; nulls the handle. Takes a null handle.
-void nodes_container_destroy(void** pp_nodes);
+class RTLS_CAPABILITY("registry") NODES_CONTAINER_t {
+public:
+    // Takes at most `limit` nodes. Throws std::bad_alloc.
+    explicit NODES_CONTAINER_t(size_t limit = nodes_container_limit) : m_limit(limit) {}
+    ~NODES_CONTAINER_t() = default;
+    NODES_CONTAINER_t(const NODES_CONTAINER_t&) = delete;
+    NODES_CONTAINER_t& operator=(const NODES_CONTAINER_t&) = delete;
 
-void nodes_container_lock(void* p_nodes);
-void nodes_container_unlock(void* p_nodes);
+    void lock() RTLS_ACQUIRE();
+    void unlock() RTLS_RELEASE();
 
-size_t nodes_container_get_size(void* p_nodes);
+    size_t size() const RTLS_REQUIRES(this) { return m_nodes.size(); }
 
-// The container's one cursor, in table order. Any other call may reorder the table: never look up
-// while iterating.
-NODE_t* nodes_container_get_first(void* p_nodes);
-NODE_t* nodes_container_get_next(void* p_nodes);
+    // The one cursor, in table order. Any other call may reorder the table: never look up while
+    // iterating.
+    NODE_t* first() RTLS_REQUIRES(this) { return m_nodes.first(); }
+    NODE_t* next() RTLS_REQUIRES(this) { return m_nodes.next(); }
 
-// The node with exactly this MAC, or nullptr.
-NODE_t* nodes_container_find_by_mac(void* p_nodes, const uint8_t* mac);
+    // The node with exactly this MAC, or nullptr.
+    NODE_t* find_by_mac(const uint8_t* mac) RTLS_REQUIRES(this) { return m_nodes.find(mac); }
 
-// The node with this MAC, made if it is new. With a sequence number (may be null), nullptr for a
-// known node that already has it: a duplicate, to be dropped. A new node does not take the number
-// over, so that its second message is the first one compared. `cmd` is the message type; not used.
-NODE_t* nodes_container_find_or_create_by_mac(void* p_nodes, const uint8_t* mac,
-                                              const uint8_t* sequence_number, uint16_t cmd);
+    // The node with this MAC, made if it is new. With a sequence number (may be null), nullptr for a
+    // known node that already has it: a duplicate, to be dropped. A new node does not take the number
+    // over, so that its second message is the first one compared. nullptr, too, and a log line, when
+    // there is no room for a new one.
+    NODE_t* find_or_create_by_mac(const uint8_t* mac, const uint8_t* sequence_number) RTLS_REQUIRES(this);
 
-// The first node in table order whose MAC ends in these two bytes, or nullptr.
-NODE_t* nodes_container_find_by_short_mac(void* p_nodes, uint8_t short_mac_hi, uint8_t short_mac_lo);
+    // The first node in table order whose MAC ends in these two bytes, or nullptr. Walks the table.
+    NODE_t* find_by_short_mac(uint8_t short_mac_hi, uint8_t short_mac_lo) RTLS_REQUIRES(this);
 
-// The first node in table order with this address that is not marked forwarded_ip; else the node
-// whose MAC the address's interface identifier stands for; else nullptr.
-NODE_t* nodes_container_find_by_ip(void* p_nodes, const uint8_t* ip_addr);
+    // The first node in table order with this address (16 bytes) that is not marked forwarded_ip; else the
+    // node whose MAC the address's interface identifier stands for; else nullptr.
+    NODE_t* find_by_ip(const uint8_t* ip_addr) RTLS_REQUIRES(this);
 
-// Gives the node another address; keeps the look-up by address in step.
-void nodes_container_set_address(void* p_nodes, NODE_t* node, const uint8_t* ip_addr, bool forwarded_ip);
+    // Gives the node another address; keeps the look-up by address in step.
+    void set_address(NODE_t& node, const uint8_t* ip_addr, bool forwarded_ip) RTLS_REQUIRES(this);
 
-// Ages every node by one second. Takes the lock itself: call it without.
-void nodes_container_update_lifetime(void* p_nodes);
+    // Ages every node by one second. Takes the lock itself.
+    void update_lifetime() RTLS_EXCLUDES(this);
 
-// Removes and destroys the node with this MAC, if there is one.
-void nodes_container_delete(void* p_nodes, const uint8_t* mac);
+    // Removes and destroys the node with this MAC, if there is one.
+    void remove(const uint8_t* mac) RTLS_REQUIRES(this);
+
+private:
+    NODE_t* create(const uint8_t* mac);
+
+    annotated_mutex m_mutex; // stays first: the handle may be used as the mutex itself
+    node_table m_nodes;
+    address_index m_by_address;
+    const size_t m_limit;
+};
 
 // Holds the container's lock for a scope.
-class nodes_guard {
+class RTLS_SCOPED_CAPABILITY nodes_guard {
 public:
-    explicit nodes_guard(void* p_nodes) : m_nodes(p_nodes) { nodes_container_lock(m_nodes); }
-    ~nodes_guard() { nodes_container_unlock(m_nodes); }
+    explicit nodes_guard(NODES_CONTAINER_t& nodes) RTLS_ACQUIRE(nodes) : m_nodes(nodes) { m_nodes.lock(); }
+    // Of a handle, which is there.
+    explicit nodes_guard(void* p_nodes) RTLS_NO_THREAD_SAFETY_ANALYSIS
+        : nodes_guard(*static_cast<NODES_CONTAINER_t*>(p_nodes))
+    {
+    }
+    ~nodes_guard() RTLS_RELEASE() { m_nodes.unlock(); }
     nodes_guard(const nodes_guard&) = delete;
     nodes_guard& operator=(const nodes_guard&) = delete;
 
 private:
-    void* m_nodes;
+    NODES_CONTAINER_t& m_nodes;
 };
+
+// --- the same by handle, for those outside. The lock is the caller's business. A null argument is logged
+// and answered with nullptr, 0 or nothing.
+
+// An empty container, or nullptr. Release it with nodes_container_destroy.
+void* nodes_container_new(void);
+// Frees the container and its nodes; nulls the handle. Takes a null handle.
+void nodes_container_destroy(void** pp_nodes);
+void nodes_container_lock(void* p_nodes);
+void nodes_container_unlock(void* p_nodes);
+size_t nodes_container_get_size(void* p_nodes);
+NODE_t* nodes_container_get_first(void* p_nodes);
+NODE_t* nodes_container_get_next(void* p_nodes);
+NODE_t* nodes_container_find_by_mac(void* p_nodes, const uint8_t* mac);
+// `cmd` is the message type; not used.
+NODE_t* nodes_container_find_or_create_by_mac(void* p_nodes, const uint8_t* mac,
+                                              const uint8_t* sequence_number, uint16_t cmd);
+NODE_t* nodes_container_find_by_short_mac(void* p_nodes, uint8_t short_mac_hi, uint8_t short_mac_lo);
+NODE_t* nodes_container_find_by_ip(void* p_nodes, const uint8_t* ip_addr);
+void nodes_container_set_address(void* p_nodes, NODE_t* node, const uint8_t* ip_addr, bool forwarded_ip);
+// Takes the lock itself: call it without.
+void nodes_container_update_lifetime(void* p_nodes);
+void nodes_container_delete(void* p_nodes, const uint8_t* mac);
 
 } // namespace rtls

@@ -9,7 +9,6 @@
 #include "base/peer.h"
 #include "base/signals.h"
 #include "registry/nodes_container.h"
-#include "rtls-gateway.h"
 
 #include <new>
 #include <vector>
@@ -20,23 +19,18 @@ namespace rtls {
 // grace of clients that had no chance to be heard meanwhile.
 static constexpr int64_t least_check_distance_ms = 500;
 
-static void* nodes_of(const WIN_SERVER_t& server)
-{
-    return rtls_gateway_get_nodes_container(server.rtls_gateway);
-}
-
 // A client is wanted while its own node lives and was last heard through this very connection.
-static bool is_wanted(void* p_nodes, const WIN_CLIENT_t& client)
+static bool is_wanted(NODES_CONTAINER_t& nodes, const WIN_CLIENT_t& client)
 {
-    const nodes_guard guard{p_nodes};
-    const NODE_t* node = nodes_container_find_by_mac(p_nodes, client.mac_addr);
+    const nodes_guard guard{nodes};
+    const NODE_t* node = nodes.find_by_mac(client.mac_addr);
     return node && node->lifetime != 0 && node->win_client_id && zframe_eq(node->win_client_id, client.id);
 }
 
 // Counts one tick of one client. True when its grace is over.
-static bool has_run_out(void* p_nodes, WIN_CLIENT_t& client)
+static bool has_run_out(NODES_CONTAINER_t& nodes, WIN_CLIENT_t& client)
 {
-    if (is_wanted(p_nodes, client)) {
+    if (is_wanted(nodes, client)) {
         client.connection_delay = connection_delay_ticks;
         return false;
     }
@@ -48,12 +42,13 @@ static bool has_run_out(void* p_nodes, WIN_CLIENT_t& client)
 
 // Deleting from the table while walking it would skip its neighbours: clients are collected first, in
 // table order.
-static std::vector<const WIN_CLIENT_t*> unwanted_clients(WIN_SERVER_t& server, void* p_nodes) noexcept
+static std::vector<const WIN_CLIENT_t*> unwanted_clients(WIN_SERVER_t& server,
+                                                         NODES_CONTAINER_t& nodes) noexcept
 {
     std::vector<const WIN_CLIENT_t*> unwanted;
     try {
         for (void* item = zhashx_first(server.clients); item; item = zhashx_next(server.clients))
-            if (auto* client = static_cast<WIN_CLIENT_t*>(item); has_run_out(p_nodes, *client))
+            if (auto* client = static_cast<WIN_CLIENT_t*>(item); has_run_out(nodes, *client))
                 unwanted.push_back(client);
     } catch (const std::bad_alloc&) {
         logger_error(g_logger, str_out_of_memory, "check_client_connection"); // the rest: next tick
@@ -71,15 +66,15 @@ static void close_unwanted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
 
 int check_client_connection_at(WIN_SERVER_t* server, int64_t now)
 {
-    void* p_nodes = nodes_of(*server);
-    if (!p_nodes) {
+    NODES_CONTAINER_t* nodes = server->nodes();
+    if (!nodes) {
         logger_error(g_logger, "%s: null pointer to nodes container!", "check_client_connection");
         return 1;
     }
     if (server->last_client_check && now - *server->last_client_check < least_check_distance_ms)
         return 0;
     server->last_client_check = now;
-    for (const WIN_CLIENT_t* client : unwanted_clients(*server, p_nodes))
+    for (const WIN_CLIENT_t* client : unwanted_clients(*server, *nodes))
         close_unwanted(*server, *client);
     return 0;
 }
@@ -97,12 +92,12 @@ int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept
     (void)timer_id;
     if (any_null(__func__, loop, p_server))
         return 1;
-    void* p_nodes = nodes_of(*static_cast<WIN_SERVER_t*>(p_server));
-    if (!p_nodes) {
+    NODES_CONTAINER_t* nodes = static_cast<WIN_SERVER_t*>(p_server)->nodes();
+    if (!nodes) {
         logger_error(g_logger, "%s: null nodes container not found!", __func__);
         return 1;
     }
-    nodes_container_update_lifetime(p_nodes);
+    nodes->update_lifetime();
     return 0;
 }
 

@@ -84,7 +84,7 @@ void* win_server_new(zconfig_t* config, void* p_rtls_gateway)
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
     }
-    server->rtls_gateway = p_rtls_gateway;
+    server->rtls_gateway = static_cast<services*>(p_rtls_gateway);
     if (!read_config(config, *server))
         return nullptr;
     server->clients = zhashx_new();

@@ -1,6 +1,5 @@
 #include "terminal/firmware_commands.h"
 
-#include "rtls-gateway.h"
 #include "terminal/node_requests.h"
 #include "terminal/request.h"
 #include "terminal/terminal_server.h"
@@ -39,39 +38,37 @@ std::string firmware_info_text(uint16_t index, const OTA_FIRMWARE_INFO_t& info)
                        info.maximum_pages);
 }
 
-std::string firmware_info(void* p_gateway, const char* index_word)
+std::string firmware_info(services& gateway, const char* index_word)
 {
     const auto index = get_short_val_from_str(index_word);
-    OTA_FIRMWARE_INFO_t info{};
-    if (!index || !ota_get_firmware_info(rtls_gateway_get_ota(p_gateway), *index, &info))
-        return incorrect_index;
-    return firmware_info_text(*index, info);
+    const auto info = index ? gateway.ota->firmware_info(*index) : std::nullopt;
+    return info ? firmware_info_text(*index, *info) : incorrect_index;
 }
 
 // A deletion is reported like a request sent to a node, although nothing is sent.
-std::string firmware_del(void* p_gateway, const char* index_word)
+std::string firmware_del(services& gateway, const char* index_word)
 {
     const auto index = get_short_val_from_str(index_word);
-    if (!index || !ota_del_firmware(rtls_gateway_get_ota(p_gateway), *index))
+    if (!index || !gateway.ota->del_firmware(*index))
         return incorrect_index;
     return sent;
 }
 
-std::string firmware_apply(void* p_gateway, const char* mac_word)
+std::string firmware_apply(services& gateway, const char* mac_word)
 {
     const auto short_mac = get_short_val_from_str(mac_word);
     if (!short_mac)
         return incorrect_mac;
-    const auto mac = find_mac_by_short(rtls_gateway_get_nodes_container(p_gateway), *short_mac);
+    const auto mac = find_mac_by_short(gateway.nodes, *short_mac);
     if (!mac)
         return text_format(not_in_list, *short_mac);
     auto message = make_apply_request(*mac);
-    const bool is_sent = terminal_server_generic_req_to_win_serwer(
-        rtls_gateway_get_terminal_server(p_gateway), message.data(), message.size());
+    const bool is_sent =
+        terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
     return is_sent ? sent : not_sent;
 }
 
-std::string firmware_set(void* p_gateway, const char* index_word, const char* mac_word,
+std::string firmware_set(services& gateway, const char* index_word, const char* mac_word,
                          const char* source_word)
 {
     const auto index = get_short_val_from_str(index_word);
@@ -80,8 +77,8 @@ std::string firmware_set(void* p_gateway, const char* index_word, const char* ma
     const auto short_mac = get_short_val_from_str(mac_word);
     if (!short_mac)
         return incorrect_mac;
-    OTA_FIRMWARE_INFO_t info{};
-    if (!ota_get_firmware_info(rtls_gateway_get_ota(p_gateway), *index, &info))
+    const auto info = gateway.ota->firmware_info(*index);
+    if (!info)
         return incorrect_index;
     std::optional<uint16_t> source;
     if (source_word) {
@@ -89,12 +86,12 @@ std::string firmware_set(void* p_gateway, const char* index_word, const char* ma
         if (!source)
             return "Incorrect SOURSE value!\n";
     }
-    const auto mac = find_mac_by_short(rtls_gateway_get_nodes_container(p_gateway), *short_mac);
+    const auto mac = find_mac_by_short(gateway.nodes, *short_mac);
     if (!mac)
         return text_format(not_in_list, *short_mac);
-    auto message = make_set_request(info, source, *mac);
-    const bool is_sent = terminal_server_generic_req_to_win_serwer(
-        rtls_gateway_get_terminal_server(p_gateway), message.data(), message.size());
+    auto message = make_set_request(*info, source, *mac);
+    const bool is_sent =
+        terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
     return is_sent ? "Command sent the node successfully!\n" : not_sent;
 }
 
@@ -115,8 +112,7 @@ static void subcommand_get(const terminal_request& request, terminal_reply& repl
         reply.send("URL is missing!\n");
         return;
     }
-    void* p_ota = rtls_gateway_get_ota(request.gateway);
-    const int index = ota_download_firmware(p_ota, request.words[2], nullptr, nullptr);
+    const int index = request.gateway.ota->download_firmware(request.words[2], nullptr, nullptr);
     reply.send(index >= 0 ? text_format("Firmware downloaded. Index: %d\n", index)
                           : "Failed to read firmware!\n");
 }
@@ -143,11 +139,11 @@ static void subcommand_apply(const terminal_request& request, terminal_reply& re
 static void subcommand_list(const terminal_request& request, terminal_reply& reply)
 {
     reply.send(firmware_list_header);
-    void* p_ota = rtls_gateway_get_ota(request.gateway);
-    const uint16_t slots = ota_get_files_number(p_ota);
+    const OTA_t& ota = *request.gateway.ota;
+    const uint16_t slots = ota.files_number();
     for (uint16_t index = 0; index < slots; ++index) {
-        OTA_FIRMWARE_INFO_t info{};
-        if (ota_get_firmware_info(p_ota, index, &info) && !request.answer(firmware_list_line(index, info)))
+        const auto info = ota.firmware_info(index);
+        if (info && !request.answer(firmware_list_line(index, *info)))
             return;
     }
 }

@@ -1,7 +1,7 @@
 // terminal_firmware - the operators' words on the firmware store, as answers to given arguments.
 #pragma once
 
-#include "firmware/ota.h"
+#include "services.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -20,11 +20,11 @@ std::string firmware_list_line(uint16_t index, const OTA_FIRMWARE_INFO_t& info);
 std::string firmware_info_text(uint16_t index, const OTA_FIRMWARE_INFO_t& info);
 
 // Do what the words ask for, and say how it went. The words are numbers as operators write them.
-std::string firmware_info(void* p_gateway, const char* index_word);
-std::string firmware_del(void* p_gateway, const char* index_word);
-std::string firmware_apply(void* p_gateway, const char* mac_word);
+std::string firmware_info(services& gateway, const char* index_word);
+std::string firmware_del(services& gateway, const char* index_word);
+std::string firmware_apply(services& gateway, const char* mac_word);
 // `source_word`: "GW", a short MAC, or null for the passive mode.
-std::string firmware_set(void* p_gateway, const char* index_word, const char* mac_word,
+std::string firmware_set(services& gateway, const char* index_word, const char* mac_word,
                          const char* source_word);
 
 } // namespace rtls

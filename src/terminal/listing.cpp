@@ -4,8 +4,8 @@
 #include "base/logger.h"
 #include "base/peer.h"
 #include "registry/nodes_container.h"
-#include "rtls-gateway.h"
 #include "terminal/request.h"
+#include "terminal/terminal_server.h"
 
 #include <arpa/inet.h>
 
@@ -141,25 +141,27 @@ static void copy_node(const NODE_t& node, uint32_t bridge, node_row& row)
     std::memcpy(row.ip_addr, node.ip_addr, sizeof row.ip_addr);
 }
 
-void copy_nodes_locked(void* p_nodes, const bridge_index& bridges, std::vector<node_row>& rows)
+void copy_nodes_locked(NODES_CONTAINER_t& nodes, const bridge_index& bridges, std::vector<node_row>& rows)
 {
-    rows.resize(nodes_container_get_size(p_nodes));
+    rows.resize(nodes.size());
     size_t count = 0;
-    NODE_t* node = nodes_container_get_first(p_nodes);
-    for (; node && count < rows.size(); node = nodes_container_get_next(p_nodes))
+    NODE_t* node = nodes.first();
+    for (; node && count < rows.size(); node = nodes.next())
         copy_node(*node, bridge_of(*node, bridges), rows[count++]);
     rows.resize(count);
 }
 
-std::vector<node_row> copy_nodes(void* p_nodes, const bridge_index& bridges)
+static size_t size_of(NODES_CONTAINER_t& nodes)
 {
-    nodes_container_lock(p_nodes);
-    const size_t expected = nodes_container_get_size(p_nodes);
-    nodes_container_unlock(p_nodes);
-    std::vector<node_row> rows(expected); // the pages are fetched here, not under the lock
+    const nodes_guard guard{nodes};
+    return nodes.size();
+}
 
-    const nodes_guard guard{p_nodes};
-    copy_nodes_locked(p_nodes, bridges, rows);
+std::vector<node_row> copy_nodes(NODES_CONTAINER_t& nodes, const bridge_index& bridges)
+{
+    std::vector<node_row> rows(size_of(nodes)); // the pages are fetched here, not under the lock
+    const nodes_guard guard{nodes};
+    copy_nodes_locked(nodes, bridges, rows);
     return rows;
 }
 
@@ -225,11 +227,11 @@ node_groups group_nodes(std::span<const node_row> nodes, size_t bridges_number)
 // further one would cost the socket's time-out again.
 void command_pcl(const terminal_request& request)
 {
-    if (!rtls_gateway_get_win_clients(request.gateway)) {
+    if (!win_server_get_clients(request.gateway.win_server)) {
         logger_error(g_logger, str_null_win_clients, __func__);
         return;
     }
-    zhashx_t* terminals = rtls_gateway_get_terminal_clients(request.gateway);
+    zhashx_t* terminals = terminal_server_get_clients(request.gateway.terminal_server);
     if (!terminals) {
         logger_error(g_logger, "%s: null pointer to terminal clients!", __func__);
         return;
@@ -244,7 +246,7 @@ void command_pcl(const terminal_request& request)
     }
     if (!request.answer("####### WIN clients:\n"))
         return;
-    for (const auto& bridge : win_server_copy_clients(rtls_gateway_get_win_server(request.gateway)))
+    for (const auto& bridge : win_server_copy_clients(request.gateway.win_server))
         if (!request.answer(win_client_line(bridge.addr)))
             return;
     request.answer("##\n");
@@ -276,17 +278,17 @@ static void list_nodes(const terminal_request& request, bool full)
 {
     if (!request.answer("####### Connected Nodes\n"))
         return;
-    if (!rtls_gateway_get_win_clients(request.gateway)) {
+    if (!win_server_get_clients(request.gateway.win_server)) {
         logger_error(g_logger, str_null_win_clients, "command_pn");
         return;
     }
-    void* p_nodes = rtls_gateway_get_nodes_container(request.gateway);
-    if (!p_nodes) {
+    NODES_CONTAINER_t* registry = request.gateway.nodes;
+    if (!registry) {
         logger_error(g_logger, "%s: null pointer to nodes container!", "command_pn");
         return;
     }
-    const auto bridges = win_server_copy_clients(rtls_gateway_get_win_server(request.gateway));
-    auto nodes = copy_nodes(p_nodes, index_bridges(bridges));
+    const auto bridges = win_server_copy_clients(request.gateway.win_server);
+    auto nodes = copy_nodes(*registry, index_bridges(bridges));
     mark_duplicate_addresses(nodes);
     send_listing(request, bridges, group_nodes(nodes, bridges.size()), full);
 }

@@ -4,7 +4,7 @@
 // text and sent after it, so that a slow terminal never holds up the WIN server.
 #pragma once
 
-#include "registry/node.h"
+#include "registry/nodes_container.h"
 #include "server/win_server.h"
 #include "terminal/client.h"
 
@@ -61,10 +61,11 @@ using bridge_index = std::unordered_map<std::string_view, uint32_t>;
 bridge_index index_bridges(std::span<const win_client_info> bridges);
 
 // Copies all nodes, in table order. Takes the registry's lock, for no longer than the copying.
-std::vector<node_row> copy_nodes(void* p_nodes, const bridge_index& bridges);
+std::vector<node_row> copy_nodes(NODES_CONTAINER_t& nodes, const bridge_index& bridges);
 
 // The copying itself; call it under the lock. `rows` may bring memory along.
-void copy_nodes_locked(void* p_nodes, const bridge_index& bridges, std::vector<node_row>& rows);
+void copy_nodes_locked(NODES_CONTAINER_t& nodes, const bridge_index& bridges, std::vector<node_row>& rows)
+    RTLS_REQUIRES(nodes);
 
 // Flags the living nodes of a bridge that share an address of their own (not a forwarded one) with
 // another living node of the same bridge.

@@ -86,10 +86,13 @@ std::vector<uint8_t> make_set_request(const OTA_FIRMWARE_INFO_t& info, std::opti
     return request;
 }
 
-static std::optional<mac_array> find_mac_locked(void* p_nodes, uint16_t short_mac)
+static std::optional<mac_array> find_mac_locked(NODES_CONTAINER_t& nodes, uint16_t short_mac)
+    RTLS_REQUIRES(nodes);
+
+static std::optional<mac_array> find_mac_locked(NODES_CONTAINER_t& nodes, uint16_t short_mac)
 {
-    const NODE_t* node = nodes_container_find_by_short_mac(p_nodes, static_cast<uint8_t>(short_mac >> 8),
-                                                           static_cast<uint8_t>(short_mac));
+    const NODE_t* node =
+        nodes.find_by_short_mac(static_cast<uint8_t>(short_mac >> 8), static_cast<uint8_t>(short_mac));
     if (!node)
         return std::nullopt;
     mac_array mac;
@@ -97,26 +100,26 @@ static std::optional<mac_array> find_mac_locked(void* p_nodes, uint16_t short_ma
     return mac;
 }
 
-std::optional<mac_array> find_mac_by_short(void* p_nodes, uint16_t short_mac)
+std::optional<mac_array> find_mac_by_short(NODES_CONTAINER_t* nodes, uint16_t short_mac)
 {
-    if (!p_nodes) {
+    if (!nodes) {
         logger_error(g_logger, str_null_nodes, __func__);
         return std::nullopt;
     }
-    const nodes_guard guard{p_nodes};
-    return find_mac_locked(p_nodes, short_mac);
+    const nodes_guard guard{*nodes};
+    return find_mac_locked(*nodes, short_mac);
 }
 
-bool delete_node_by_short_mac(void* p_nodes, uint16_t short_mac)
+bool delete_node_by_short_mac(NODES_CONTAINER_t* nodes, uint16_t short_mac)
 {
-    if (!p_nodes) {
+    if (!nodes) {
         logger_error(g_logger, str_null_nodes, __func__);
         return false;
     }
-    const nodes_guard guard{p_nodes};
-    const auto mac = find_mac_locked(p_nodes, short_mac);
+    const nodes_guard guard{*nodes};
+    const auto mac = find_mac_locked(*nodes, short_mac);
     if (mac)
-        nodes_container_delete(p_nodes, mac->data());
+        nodes->remove(mac->data());
     return mac.has_value();
 }
 

@@ -5,7 +5,7 @@
 
 #include "base/bytes.h"
 #include "firmware/ota.h"
-#include "registry/node.h"
+#include "registry/nodes_container.h"
 
 #include <array>
 #include <cstddef>
@@ -32,9 +32,9 @@ std::vector<uint8_t> make_set_request(const OTA_FIRMWARE_INFO_t& info, std::opti
                                       const mac_array& mac);
 
 // Whom a short MAC addresses: the MAC of the first node that ends in it. Takes the registry's lock.
-std::optional<mac_array> find_mac_by_short(void* p_nodes, uint16_t short_mac);
+std::optional<mac_array> find_mac_by_short(NODES_CONTAINER_t* nodes, uint16_t short_mac);
 
 // Removes that node from the registry. False when there is none. Takes the registry's lock.
-bool delete_node_by_short_mac(void* p_nodes, uint16_t short_mac);
+bool delete_node_by_short_mac(NODES_CONTAINER_t* nodes, uint16_t short_mac);
 
 } // namespace rtls

@@ -3,6 +3,7 @@
 // Threads    Terminal thread.
 #pragma once
 
+#include "services.h"
 #include "terminal/client.h"
 #include "terminal/reply.h"
 
@@ -16,7 +17,7 @@ namespace rtls {
 
 // One command being run: who asked, what for, and where the answers go.
 struct terminal_request {
-    void* gateway;
+    services& gateway;
     TERMINAL_CLIENT_t* client;
     zsock_t* sock;     // the stream socket
     zsock_t* dbg_sock; // the terminal thread's debug-print socket

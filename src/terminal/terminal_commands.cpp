@@ -6,11 +6,11 @@
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "base/tokenize.h"
-#include "rtls-gateway.h"
 #include "terminal/filter.h"
 #include "terminal/node_requests.h"
 #include "terminal/request.h"
 #include "terminal/terminal_server.h"
+#include "version.h"
 
 #include <zmq.h>
 
@@ -84,7 +84,7 @@ static void command_help(const terminal_request& request)
 // Frees the record of the client that asks: request.client is gone afterwards.
 static void command_quit(const terminal_request& request)
 {
-    zhashx_t* clients = rtls_gateway_get_terminal_clients(request.gateway);
+    zhashx_t* clients = terminal_server_get_clients(request.gateway.terminal_server);
     if (!clients) {
         logger_error(g_logger, "%s: null pointer to terminal clients!", __func__);
         return;
@@ -122,12 +122,12 @@ static std::string reboot_node(const terminal_request& request)
     const auto [short_mac, refusal] = short_mac_argument(request);
     if (refusal)
         return refusal;
-    const auto mac = find_mac_by_short(rtls_gateway_get_nodes_container(request.gateway), short_mac);
+    const auto mac = find_mac_by_short(request.gateway.nodes, short_mac);
     if (!mac)
         return text_format("Node %04X not in nodes list\n", short_mac);
     auto message = make_reboot_request(*mac);
-    return terminal_server_generic_req_to_win_serwer(rtls_gateway_get_terminal_server(request.gateway),
-                                                     message.data(), message.size())
+    return terminal_server_generic_req_to_win_serwer(request.gateway.terminal_server, message.data(),
+                                                     message.size())
                ? "Command sent successfully!\n"
                : "Failed to send command!\n";
 }
@@ -144,7 +144,7 @@ static std::string delete_node(const terminal_request& request)
     const auto [short_mac, refusal] = short_mac_argument(request);
     if (refusal)
         return refusal;
-    if (!delete_node_by_short_mac(rtls_gateway_get_nodes_container(request.gateway), short_mac))
+    if (!delete_node_by_short_mac(request.gateway.nodes, short_mac))
         return text_format("Node %04X not in nodes list\n", short_mac);
     return "Command completed successfully!\n";
 }
@@ -297,7 +297,7 @@ void terminal_commands_parse(void* p_rtls_gateway, TERMINAL_CLIENT_t* id_found, 
         return;
     if (words[0][0] == '!') // scripts put it there; it means nothing
         ++words[0];
-    run_command({p_rtls_gateway, id_found, reader, dbg_sock, {words, count}});
+    run_command({*static_cast<services*>(p_rtls_gateway), id_found, reader, dbg_sock, {words, count}});
 }
 
 } // namespace rtls

@@ -10,6 +10,7 @@
 #include "base/peer.h"
 #include "base/signals.h"
 #include "server/win_server.h"
+#include "services.h"
 #include "terminal/client.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
@@ -25,17 +26,11 @@
 
 namespace rtls {
 
-namespace {
-
-constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
-constexpr char actor_name[] = "terminal_server_actor";
-constexpr char console[] = "CONS"; // channel of our lines in the debug stream
-
 struct TERMINAL_SERVER_t {
     zactor_t* actor = nullptr;        // owner's thread; null until terminal_server_run
     in_port_t port = 0;               // host order
     zhashx_t* clients = nullptr;      // owned TERMINAL_CLIENT_t by identity (upper-case hex)
-    void* rtls_gateway = nullptr;     // passed to the commands
+    services* rtls_gateway = nullptr; // what the gateway hands out
     std::atomic<bool> ready{false};   // set once by the actor, polled by the owner
     zsock_t* terminal_sock = nullptr; // the actor's, like all that follows
     zsock_t* dbg_server_sock = nullptr;
@@ -46,6 +41,12 @@ struct TERMINAL_SERVER_t {
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
 };
+
+namespace {
+
+constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
+constexpr char actor_name[] = "terminal_server_actor";
+constexpr char console[] = "CONS"; // channel of our lines in the debug stream
 
 } // namespace
 
@@ -262,7 +263,7 @@ void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
         return nullptr;
     }
     auto* server = static_cast<TERMINAL_SERVER_t*>(owner.get());
-    server->rtls_gateway = p_rtls_gateway;
+    server->rtls_gateway = static_cast<services*>(p_rtls_gateway);
     if (!config_value_uint16_t_get(config, "ports/terminal", &server->port))
         return nullptr;
     server->clients = zhashx_new();

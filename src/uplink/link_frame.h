@@ -16,7 +16,7 @@ namespace rtls {
 struct link_frame {
     WIN_SERVER_t& server;
     WIN_CLIENT_t& client; // the one that sent the frame
-    void* p_nodes;        // the registry
+    NODES_CONTAINER_t& nodes;
     // The message at hand, envelopes removed. A forwarded one reaches over the envelope's trailer, so
     // that its sender's MAC follows its payload as the sender's address does in a direct one.
     bytes_span msg;

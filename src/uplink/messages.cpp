@@ -4,7 +4,6 @@
 //            and what is printed, sent or handed on afterwards has been copied out.
 #include "base/logger.h"
 #include "base/null_check.h"
-#include "rtls-gateway.h"
 #include "uplink/link_frame.h"
 
 #include <cstring>
@@ -33,8 +32,8 @@ static void move_route_locked(link_frame& frame, NODE_t& node)
 // Registers a sign of life of the node with this MAC. False for a duplicate, or when there is no room.
 static bool refresh_node(link_frame& frame, const uint8_t* mac)
 {
-    const nodes_guard guard{frame.p_nodes};
-    NODE_t* node = nodes_container_find_or_create_by_mac(frame.p_nodes, mac, frame.seq_no(), frame.type);
+    const nodes_guard guard{frame.nodes};
+    NODE_t* node = frame.nodes.find_or_create_by_mac(mac, frame.seq_no());
     if (!node)
         return false;
     move_route_locked(frame, *node);
@@ -117,9 +116,8 @@ static bool update_node(link_frame& frame, const heartbeat_numbers& heartbeat)
 {
     const bytes_view msg = frame.msg;
     const uint8_t role = msg[gwMsgHeartbeat_t::node_role];
-    const nodes_guard guard{frame.p_nodes};
-    NODE_t* node = nodes_container_find_or_create_by_mac(frame.p_nodes, &msg[gwMsgHeartbeat_t::long_addr],
-                                                         frame.seq_no(), frame.type);
+    const nodes_guard guard{frame.nodes};
+    NODE_t* node = frame.nodes.find_or_create_by_mac(&msg[gwMsgHeartbeat_t::long_addr], frame.seq_no());
     if (!node)
         return false;
     node->sw_version = heartbeat.sw_version;
@@ -135,8 +133,7 @@ static bool update_node(link_frame& frame, const heartbeat_numbers& heartbeat)
     node->last_activity = frame.activity();
     move_route_locked(frame, *node);
     if (frame.change_route)
-        nodes_container_set_address(frame.p_nodes, node, &msg[gwMsgHeartbeat_t::ipaddr],
-                                    frame.msg_is_forwarded);
+        frame.nodes.set_address(*node, &msg[gwMsgHeartbeat_t::ipaddr], frame.msg_is_forwarded);
     std::memcpy(node->parent_addr, &msg[gwMsgHeartbeat_t::parent_addr], mac_size);
     return true;
 }
@@ -261,9 +258,8 @@ static void take_flags(link_frame& frame)
 // Registers the node that a bridge has heard: `trailer` is its MAC, then its address.
 static bool register_forwarded_node(link_frame& frame, const uint8_t* trailer)
 {
-    const nodes_guard guard{frame.p_nodes};
-    NODE_t* node = nodes_container_find_or_create_by_mac(frame.p_nodes, trailer + nwk_data_ind::trailer_mac,
-                                                         nullptr, frame.type);
+    const nodes_guard guard{frame.nodes};
+    NODE_t* node = frame.nodes.find_or_create_by_mac(trailer + nwk_data_ind::trailer_mac, nullptr);
     if (!node)
         return false;
     node->direct_mask = frame.direct_mask;
@@ -271,7 +267,7 @@ static bool register_forwarded_node(link_frame& frame, const uint8_t* trailer)
     node->last_activity = frame.activity();
     move_route_locked(frame, *node);
     if (frame.change_route)
-        nodes_container_set_address(frame.p_nodes, node, trailer + nwk_data_ind::trailer_ip, true);
+        frame.nodes.set_address(*node, trailer + nwk_data_ind::trailer_ip, true);
     return true;
 }
 
@@ -302,7 +298,7 @@ static_assert(nwk_data_minimum > nwk_data_ind::inner + msgGeneric_t::size);
 
 bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
 {
-    if (any_null(__func__, server, client))
+    if (any_null(__func__, server, client) || any_null(__func__, server->nodes()))
         return false;
     if (!client->pending_data || client->pending_data_size < msgGeneric_t::size)
         return false;
@@ -311,7 +307,7 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
     link_frame frame{
         .server = *server,
         .client = *client,
-        .p_nodes = rtls_gateway_get_nodes_container(server->rtls_gateway),
+        .nodes = *server->nodes(),
         .msg = {client->pending_data, client->pending_data_size},
         .type = 0,
         .input_time = now,

@@ -72,10 +72,9 @@ static void print_unknown_sender(const link_frame& frame, const uint8_t* ip_addr
 static bool find_sender(link_frame& frame, payload_message& message)
 {
     const uint8_t* trailer = &frame.msg[message.length];
-    const nodes_guard guard{frame.p_nodes};
-    NODE_t* node = frame.msg_is_forwarded ? nodes_container_find_or_create_by_mac(frame.p_nodes, trailer,
-                                                                                  frame.seq_no(), frame.type)
-                                          : nodes_container_find_by_ip(frame.p_nodes, trailer);
+    const nodes_guard guard{frame.nodes};
+    NODE_t* node = frame.msg_is_forwarded ? frame.nodes.find_or_create_by_mac(trailer, frame.seq_no())
+                                          : frame.nodes.find_by_ip(trailer);
     if (!node)
         return false;
     node->last_activity = frame.activity();

@@ -7,16 +7,16 @@
 #include "firmware/ota.h"
 #include "registry/nodes_container.h"
 #include "server/win_server.h"
-#include "support/free_port.h"
 #include "support/log_capture.h"
+#include "support/tcp_listener.h"
 #include "support/temp_file.h"
+#include "support/test_gateway.h"
+#include "support/wait.h"
 #include "terminal/terminal_server.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,7 +24,6 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,42 +36,6 @@ using texts_t = std::vector<std::string>;
 
 namespace {
 
-// A socket on a free port of the loopback device.
-class port_holder {
-public:
-    explicit port_holder(int type) : m_socket(socket(AF_INET, type, 0))
-    {
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(free_port());
-        EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), length), 0);
-        if (type == SOCK_STREAM) {
-            EXPECT_EQ(listen(m_socket, 1), 0);
-        }
-        EXPECT_EQ(getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length), 0);
-        m_port = std::to_string(ntohs(address.sin_port));
-    }
-    ~port_holder() { close(m_socket); }
-    port_holder(const port_holder&) = delete;
-    port_holder& operator=(const port_holder&) = delete;
-
-    const std::string& port() const { return m_port; }
-
-private:
-    int m_socket;
-    std::string m_port;
-};
-
-struct config_item_t {
-    std::string section; // empty: none
-    std::string name;
-    std::string value;
-
-    std::string path() const { return section.empty() ? name : section + "/" + name; }
-};
-
 using gateway_ptr = std::unique_ptr<void, destroyed_by<rtls_gateway_destroy>>;
 
 class gateway : public testing::Test {
@@ -81,33 +44,19 @@ protected:
     {
         debug_mask = 0;
         clear_stop();
-        m_win.reset();
-        m_terminal.reset();
-        m_discovery.reset();
     }
     ~gateway() override { clear_stop(); }
 
-    static void clear_stop() { __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED); }
-
-    void set(const std::string& path, const std::string& value)
+    // With ports that no gateway has had before: the library closes sockets some time after their end.
+    gateway_config new_config() const
     {
-        for (auto& key : m_keys)
-            if (key.path() == path)
-                key.value = value;
+        return gateway_config{}.set("pidfile", m_pid_file.path()).set("firmware_files", "5");
     }
-
-    // A gateway from all items but the one left out.
-    gateway_ptr create(const std::string& left_out = "")
+    gateway_ptr create() const { return created_from(m_config); }
+    static gateway_ptr created_from(const gateway_config& config)
     {
-        std::string text;
-        for (const std::string section : {"", "ports", "pub_sub_proxy", "message_handler", "debug"}) {
-            text += section + "\n";
-            for (const auto& key : m_keys)
-                if (key.section == section && key.path() != left_out)
-                    text += (section.empty() ? "" : "    ") + key.name + " = " + key.value + "\n";
-        }
-        std::ofstream(m_config_file.path()) << text;
-        return gateway_ptr(rtls_gateway_new(m_config_file.path()));
+        const temp_file file{"gateway.conf", config.text()};
+        return gateway_ptr(rtls_gateway_new(file.path()));
     }
 
     std::string pid_file_content() const
@@ -119,35 +68,8 @@ protected:
     texts_t logged() { return m_log.messages("main"); }
 
     log_capture m_log;
-    temp_file m_config_file{"gateway.conf", ""};
-    temp_file m_pid_file{"gateway.pid"};
-    // Upstream somebody listens, so that nobody connects to himself there. The own ports are different
-    // ones, and free again.
-    port_holder m_proxy{SOCK_STREAM};
-    port_holder m_handler{SOCK_STREAM};
-    std::optional<port_holder> m_win{SOCK_STREAM};
-    std::optional<port_holder> m_terminal{SOCK_STREAM};
-    std::optional<port_holder> m_discovery{SOCK_DGRAM};
-    // The required ones in the order in which they are read, then the debug sections.
-    std::vector<config_item_t> m_keys = {
-        {"", "pidfile", m_pid_file.path()},
-        {"ports", "win", m_win->port()},
-        {"ports", "discovery", m_discovery->port()},
-        {"pub_sub_proxy", "address", "127.0.0.1"},
-        {"pub_sub_proxy", "port", m_proxy.port()},
-        {"pub_sub_proxy", "input_port", m_proxy.port()},
-        {"message_handler", "address", "127.0.0.1"},
-        {"message_handler", "port", m_handler.port()},
-        {"ports", "terminal", m_terminal->port()},
-        {"", "firmware_files", "5"},
-        {"debug", "raw", "no"},
-        {"debug", "parsing", "no"},
-        {"debug", "terminal", "no"},
-        {"debug", "win", "no"},
-        {"debug", "discovery", "no"},
-        {"debug", "develop", "no"},
-        {"debug", "ul_tdoa", "no"},
-    };
+    const temp_file m_pid_file{"gateway.pid"};
+    gateway_config m_config = new_config();
 };
 
 TEST_F(gateway, owns_its_services_and_hands_them_out)
@@ -209,21 +131,21 @@ TEST_F(gateway, null_arguments_are_logged_by_the_function_called)
 TEST_F(gateway, the_first_missing_key_is_the_one_reported)
 {
     constexpr size_t required = 10;
+    const gateway_config all = m_config;
     for (size_t i = 0; i < required; ++i) {
-        SCOPED_TRACE(m_keys[i].path());
-        EXPECT_EQ(create(m_keys[i].path()), nullptr);
-        EXPECT_EQ(logged(),
-                  texts_t{"Parameter \"" + m_keys[i].path() + "\" is not found in the configuration file!"});
+        const std::string& path = all.items[i].path;
+        SCOPED_TRACE(path);
+        EXPECT_EQ(created_from(gateway_config{all}.remove(path)), nullptr);
+        EXPECT_EQ(logged(), texts_t{"Parameter \"" + path + "\" is not found in the configuration file!"});
     }
-    const std::vector<config_item_t> all = m_keys;
     for (size_t i = 0; i < required; ++i) {
-        SCOPED_TRACE("nothing from " + all[i].path() + " on");
-        m_keys.assign(all.begin(), all.begin() + static_cast<ptrdiff_t>(i));
+        SCOPED_TRACE("nothing from " + all.items[i].path + " on");
+        m_config.items.assign(all.items.begin(), all.items.begin() + static_cast<ptrdiff_t>(i));
         EXPECT_EQ(create(), nullptr);
         texts_t logged_now = logged();
         ASSERT_FALSE(logged_now.empty());
         EXPECT_EQ(logged_now.back(),
-                  "Parameter \"" + all[i].path() + "\" is not found in the configuration file!");
+                  "Parameter \"" + all.items[i].path + "\" is not found in the configuration file!");
         EXPECT_EQ(logged_now.size(), i == 0 ? 1U : 1U + DBG_SECTIONS_NUMBER);
     }
 }
@@ -263,7 +185,7 @@ TEST_F(gateway, firmware_files_is_checked_after_its_cut_to_16_bits)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.value);
-        set("firmware_files", c.value);
+        m_config.set("firmware_files", c.value);
         const gateway_ptr given = create();
         EXPECT_EQ(given != nullptr, c.then != 0);
         EXPECT_EQ(logged(), c.logged);
@@ -287,12 +209,12 @@ TEST_F(gateway, debug_sections_are_only_ever_switched_on)
         {{{"debug/raw", "no"}}, 0x7F, 0x7F},
         {{{"debug/discovery", "Y"}}, 0x08, 0x18},
     };
-    const std::vector<config_item_t> all = m_keys;
+    const gateway_config all = m_config;
     for (const auto& c : cases) {
-        m_keys = all;
+        m_config = all;
         debug_mask = c.before;
         for (const auto& [key, value] : c.given)
-            set(key, value);
+            m_config.set(key, value);
         const gateway_ptr given = create();
         EXPECT_NE(given, nullptr);
         EXPECT_EQ(debug_mask, c.then);
@@ -302,7 +224,7 @@ TEST_F(gateway, debug_sections_are_only_ever_switched_on)
 
 TEST_F(gateway, missing_debug_keys_are_logged_and_no_failure)
 {
-    m_keys.resize(10);
+    m_config.items.resize(10);
     const gateway_ptr given = create();
     EXPECT_NE(given, nullptr);
     texts_t expected;
@@ -352,25 +274,25 @@ TEST_F(gateway, nodes_update_goes_to_all_bridges)
 
 TEST_F(gateway, runs_both_actors_and_writes_its_pid)
 {
-    gateway_ptr given = create();
-    ASSERT_TRUE(rtls_gateway_run(given.get()));
+    test_gateway given{m_config};
+    ASSERT_TRUE(rtls_gateway_run(given.handle()));
     EXPECT_EQ(pid_file_content(), std::to_string(getpid()));
     struct stat status {};
     ASSERT_EQ(stat(m_pid_file.path(), &status), 0);
     const mode_t mask = umask(0);
     umask(mask);
     EXPECT_EQ(status.st_mode & 0777, 0640U & ~mask);
-    EXPECT_TRUE(win_server_is_ready(rtls_gateway_get_win_server(given.get())));
-    EXPECT_TRUE(terminal_server_is_ready(rtls_gateway_get_terminal_server(given.get())));
-    given.reset();
+    EXPECT_TRUE(win_server_is_ready(rtls_gateway_get_win_server(given.handle())));
+    EXPECT_TRUE(terminal_server_is_ready(rtls_gateway_get_terminal_server(given.handle())));
+    given.stop();
     EXPECT_EQ(pid_file_content(), std::to_string(getpid())) << "the file stays";
 }
 
 TEST_F(gateway, the_pid_overwrites_the_start_of_the_file)
 {
     std::ofstream(m_pid_file.path()) << "123456789123456789";
-    const gateway_ptr given = create();
-    ASSERT_TRUE(rtls_gateway_run(given.get()));
+    const test_gateway given{m_config};
+    ASSERT_TRUE(rtls_gateway_run(given.handle()));
     const std::string pid = std::to_string(getpid());
     EXPECT_EQ(pid_file_content(), pid + std::string("123456789123456789").substr(pid.size()));
 }
@@ -380,14 +302,13 @@ struct pid_file_case_t {
     const char* then;
 };
 
-// One start a process: ZeroMQ lets go of the ports of the gateway before behind our back.
 class gateway_with_bad_pid_file : public gateway, public testing::WithParamInterface<pid_file_case_t> {};
 
 TEST_P(gateway_with_bad_pid_file, fails_the_run)
 {
-    set("pidfile", GetParam().file);
-    const gateway_ptr given = create();
-    EXPECT_FALSE(rtls_gateway_run(given.get()));
+    m_config.set("pidfile", GetParam().file);
+    const test_gateway given{m_config};
+    EXPECT_FALSE(rtls_gateway_run(given.handle()));
     EXPECT_THAT(logged(), testing::Contains(GetParam().then));
 }
 
@@ -401,9 +322,9 @@ INSTANTIATE_TEST_SUITE_P(files, gateway_with_bad_pid_file, testing::ValuesIn(bad
 
 TEST_F(gateway, an_interrupt_before_the_start_leaves_no_pid_file)
 {
-    const gateway_ptr given = create();
+    const test_gateway given{m_config};
     request_stop();
-    EXPECT_FALSE(rtls_gateway_run(given.get()));
+    EXPECT_FALSE(rtls_gateway_run(given.handle()));
     EXPECT_EQ(access(m_pid_file.path(), F_OK), -1);
 }
 
@@ -412,10 +333,10 @@ TEST_F(gateway, a_signal_that_waited_during_the_start_leaves_no_pid_file)
     for (const int signal : {SIGINT, SIGTERM}) {
         clear_stop();
         block_stop_signals();
-        const gateway_ptr given = create(); // the sockets' library has its handlers from here on
+        const test_gateway given{new_config()}; // the sockets' library has its handlers from here on
         ASSERT_EQ(raise(signal), 0);
         EXPECT_FALSE(is_stop_requested());
-        EXPECT_FALSE(rtls_gateway_run(given.get()));
+        EXPECT_FALSE(rtls_gateway_run(given.handle()));
         EXPECT_TRUE(is_stop_requested());
         EXPECT_EQ(access(m_pid_file.path(), F_OK), -1);
     }
@@ -423,15 +344,11 @@ TEST_F(gateway, a_signal_that_waited_during_the_start_leaves_no_pid_file)
 
 TEST_F(gateway, an_occupied_port_ends_the_run)
 {
-    const port_holder occupied(SOCK_STREAM);
-    const std::vector<config_item_t> all = m_keys;
+    const tcp_listener occupied;
     for (const char* key : {"ports/win", "ports/terminal"}) {
         SCOPED_TRACE(key);
-        m_keys = all;
-        set(key, occupied.port());
-        const gateway_ptr given = create();
-        clear_stop();
-        EXPECT_FALSE(rtls_gateway_run(given.get()));
+        const test_gateway given{new_config().set(key, occupied.port())};
+        EXPECT_FALSE(rtls_gateway_run(given.handle()));
         EXPECT_TRUE(is_stop_requested());
         EXPECT_EQ(access(m_pid_file.path(), F_OK), -1);
     }
@@ -439,9 +356,9 @@ TEST_F(gateway, an_occupied_port_ends_the_run)
 
 TEST_F(gateway, running_twice_fails_the_second_time)
 {
-    const gateway_ptr given = create();
-    EXPECT_TRUE(rtls_gateway_run(given.get()));
-    EXPECT_FALSE(rtls_gateway_run(given.get()));
+    const test_gateway given{m_config};
+    EXPECT_TRUE(rtls_gateway_run(given.handle()));
+    EXPECT_FALSE(rtls_gateway_run(given.handle()));
 }
 
 } // namespace

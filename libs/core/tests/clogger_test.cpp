@@ -5,6 +5,7 @@
 #include "impl/clogger.h"
 #include "support/allocation_count.h"
 #include "support/broker.h"
+#include "support/socket_options.h"
 #include "support/syslog_capture.h"
 
 #include <gmock/gmock.h>
@@ -106,6 +107,40 @@ TEST_F(clogger, debugging_opens_the_system_log_to_debug_records_and_dates_its_li
     logger_info(m_main.get(), "without a date");
     EXPECT_EQ(syslog_capture::take(),
               (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_INFO, "without a date"}}));
+}
+
+TEST_F(clogger, only_the_mask_decides_what_the_system_log_gets)
+{
+    (void)syslog_capture::take();
+    setlogmask(LOG_UPTO(LOG_DEBUG)); // not by the library
+    EXPECT_TRUE(logger_debug_is_wanted(m_main.get()));
+    logger_debug(m_main.get(), "admitted");
+    EXPECT_EQ(syslog_capture::take(),
+              (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_DEBUG, "admitted"}}));
+    setlogmask(LOG_UPTO(LOG_WARNING));
+    EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
+    logger_debug(m_main.get(), "masked");
+    logger_info(m_main.get(), "masked");
+    logger_warning(m_main.get(), "admitted");
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("admitted"));
+
+    m_logger->m_logger.set_debug(true);
+    setlogmask(LOG_UPTO(LOG_INFO));
+    EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
+    logger_debug(m_main.get(), "masked in spite of the flag");
+    EXPECT_THAT(syslog_capture::take_texts(), IsEmpty());
+}
+
+TEST_F(clogger, debugging_shows_the_nesting_in_the_system_log)
+{
+    const tav::libs::core::logger& logger = m_logger->m_logger;
+    m_logger->m_logger.set_debug(true);
+    const auto scope = logger.enter_scope("scope");
+    (void)syslog_capture::take();
+    logger.info("text").date_time({0, 5});
+    m_logger->m_logger.set_debug(false);
+    logger.info("text").date_time({0, 5});
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("1970-01-01 00:00:00.005     | text", "text"));
 }
 
 TEST_F(clogger, percent_signs_in_a_message_stay_as_they_are)
@@ -303,6 +338,60 @@ TEST_F(clogger, destroying_closes_the_system_log_and_delivers_the_last_records)
     for (int i = 0; i < 500; ++i)
         ASSERT_EQ(m_broker.next_undated(), "&app:main DATE " + std::to_string(i));
     EXPECT_TRUE(m_broker.is_empty());
+}
+
+TEST_F(clogger, the_last_records_have_five_seconds_to_leave)
+{
+    EXPECT_EQ(socket_options::last_linger_ms(), 5000);
+}
+
+// Short memory while a logger is made: no logger, and a system log that keeps no pointer into it.
+class short_memory : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!allocations_can_fail())
+            GTEST_SKIP() << "the sanitizer owns the operators";
+    }
+
+    // Long, so that its copies need memory.
+    const std::string m_name = "an-application-with-a-name-on-the-heap";
+};
+
+TEST_F(short_memory, before_its_socket_exists_leaves_no_logger)
+{
+    for (size_t allocation = 0; allocation < 3; ++allocation) {
+        fail_allocation_after(allocation);
+        EXPECT_EQ(create_logger(m_name.c_str()), nullptr) << "allocation " << allocation;
+        EXPECT_FALSE(cancel_failing_allocation());
+        EXPECT_FALSE(syslog_capture::is_open());
+    }
+}
+
+TEST_F(short_memory, after_its_socket_exists_leaves_no_logger_and_no_dangling_identity)
+{
+    size_t failed = 0;
+    for (bool was_short = true; was_short; failed += was_short) {
+        socket_options::on_next_linger([failed] { fail_allocation_after(failed); });
+        const logger_ptr logger = make_logger(m_name.c_str());
+        was_short = !cancel_failing_allocation();
+        EXPECT_EQ(logger == nullptr, was_short) << "allocation " << failed;
+        EXPECT_NE(syslog_capture::is_open(), was_short) << "allocation " << failed;
+    }
+    EXPECT_GT(failed, 0U);
+    EXPECT_FALSE(syslog_capture::is_open());
+}
+
+TEST_F(short_memory, in_a_connect_is_an_error_record)
+{
+    const broker reader;
+    const std::string address = reader.endpoint() + std::string(100, ' '); // needs memory
+    const logger_ptr logger = make_logger(m_name.c_str());
+    (void)syslog_capture::take();
+    fail_allocation_after(0);
+    logger_connect(logger.get(), address.c_str());
+    EXPECT_FALSE(cancel_failing_allocation());
+    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("logger_connect: out of memory!"));
 }
 
 TEST_F(clogger, threads_log_at_once_and_records_stay_whole)

@@ -4,9 +4,9 @@
 #include "firmware/crc32.h"
 #include "link/rpl_version.h"
 
-#include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "support/log_capture.h"
+#include "support/sock.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,8 +23,6 @@ namespace rtls {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using zsock_ptr = std::unique_ptr<zsock_t, destroyed_by<zsock_destroy>>;
-
 namespace {
 
 constexpr tav_timestamp_t may_first{1714568822, 45}; // 2024-05-01 13:07:02.045 UTC
@@ -43,13 +41,6 @@ std::string receive_frame(zsock_t* pull, int timeout_ms = 5000)
 std::string line(const std::string& channel, const std::string& message)
 {
     return "\033[36m05-01 13:07:02.045\033[0m \033[35m" + channel + ":\033[0m " + message + "\n";
-}
-
-// Sockets close in the background, and hold their endpoint until then: each pair takes a new one.
-std::string new_endpoint()
-{
-    static int number = 0;
-    return "inproc://dbg_dump_" + std::to_string(++number);
 }
 
 zsock_ptr new_pull(const std::string& endpoint)

@@ -89,7 +89,7 @@ TEST(log_capture, sorts_records_by_component_and_hands_each_out_once)
     EXPECT_THAT(log.messages("main"), IsEmpty());
     EXPECT_THAT(log.messages("raw"), ElementsAre("two"));
     EXPECT_THAT(log.take(), IsEmpty());
-    EXPECT_FALSE(log.wait_for("four", 0));
+    EXPECT_FALSE(log.wait_for("four", std::chrono::milliseconds(0)));
     logger_info(g_logger, "the four");
     EXPECT_TRUE(log.wait_for("four"));
     EXPECT_TRUE(log.wait_for("four"));

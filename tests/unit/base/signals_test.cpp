@@ -1,5 +1,7 @@
 #include "base/signals.h"
 
+#include "support/wait.h"
+
 #include <czmq.h>
 #include <gtest/gtest.h>
 
@@ -23,16 +25,15 @@ protected:
     signals()
     {
         zsys_init(); // its handlers set the flag
-        clear();
+        clear_stop();
     }
     ~signals() override
     {
-        clear();
+        clear_stop();
         sigset_t none;
         sigemptyset(&none);
         pthread_sigmask(SIG_SETMASK, &none, nullptr);
     }
-    static void clear() { __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED); }
 };
 
 TEST_F(signals, an_actor_blocks_all_of_them_for_its_own_thread_only)
@@ -60,7 +61,7 @@ TEST_F(signals, the_two_that_stop_the_daemon_are_blocked_and_inherited)
 TEST_F(signals, a_sleep_takes_the_one_that_came_before_at_once)
 {
     for (const int signal : {SIGINT, SIGTERM}) {
-        clear();
+        clear_stop();
         block_stop_signals();
         ASSERT_EQ(raise(signal), 0);
         EXPECT_FALSE(is_stop_requested());

@@ -1,5 +1,6 @@
 #include "support/hex_bytes.h"
 #include "support/node_command_fixture.h"
+#include "support/sock.h"
 
 #include <gtest/gtest.h>
 
@@ -197,8 +198,9 @@ protected:
     interthread_test()
     {
         zsock_set_rcvtimeo(router.get(), 100);
-        EXPECT_EQ(zsock_bind(router.get(), "inproc://interthread_test"), 0);
-        EXPECT_EQ(zsock_connect(sender.get(), "inproc://interthread_test"), 0);
+        const std::string endpoint = new_endpoint();
+        EXPECT_EQ(zsock_bind(router.get(), "%s", endpoint.c_str()), 0);
+        EXPECT_EQ(zsock_connect(sender.get(), "%s", endpoint.c_str()), 0);
         bridge = add_bridge("0000000001");
         add_node(mac, {bridge, false, false});
     }
@@ -215,11 +217,8 @@ protected:
         return handle_interthread_sever_sock(nullptr, router.get(), server);
     }
 
-    struct zsock_deleter {
-        void operator()(zsock_t* sock) const { zsock_destroy(&sock); }
-    };
-    std::unique_ptr<zsock_t, zsock_deleter> router{zsock_new(ZMQ_ROUTER)};
-    std::unique_ptr<zsock_t, zsock_deleter> sender{zsock_new(ZMQ_PUSH)};
+    zsock_ptr router{zsock_new(ZMQ_ROUTER)};
+    zsock_ptr sender{zsock_new(ZMQ_PUSH)};
     WIN_CLIENT_t* bridge = nullptr;
 };
 
@@ -262,16 +261,11 @@ TEST_F(interthread_test, the_last_frame_of_a_command_0_is_forwarded)
 TEST_F(interthread_test, a_message_without_frames_behind_the_identity_is_dropped)
 {
     // A router that forwards for itself: the identity alone.
-    struct zsock_deleter_pair {
-        zsock_t* end;
-        ~zsock_deleter_pair() { zsock_destroy(&end); }
-    };
-    const zsock_deleter_pair pull{zsock_new(ZMQ_PULL)};
-    const zsock_deleter_pair push{zsock_new(ZMQ_PUSH)};
-    ASSERT_EQ(zsock_bind(pull.end, "inproc://interthread_test_identity"), 0);
-    ASSERT_EQ(zsock_connect(push.end, "inproc://interthread_test_identity"), 0);
-    zstr_send(push.end, "id");
-    EXPECT_EQ(handle_interthread_sever_sock(nullptr, pull.end, server), 0);
+    const std::string endpoint = new_endpoint();
+    const zsock_ptr pull{zsock_new_pull(("@" + endpoint).c_str())};
+    const zsock_ptr push{zsock_new_push((">" + endpoint).c_str())};
+    zstr_send(push.get(), "id");
+    EXPECT_EQ(handle_interthread_sever_sock(nullptr, pull.get(), server), 0);
     const texts logged = errors();
     ASSERT_EQ(logged.size(), 1u);
     EXPECT_TRUE(logged[0].starts_with("handle_interthread_sever_sock: zmsg_pop: ")) << logged[0];

@@ -86,7 +86,7 @@ TEST_F(ota_pages, null_arguments_are_logged)
     EXPECT_FALSE(send_otapage_from_cache(server, request, nullptr));
     server->rtls_gateway = nullptr;
     EXPECT_FALSE(send_otapage_from_cache(server, request, m_mac.data()));
-    server->rtls_gateway = gateway;
+    server->rtls_gateway = static_cast<services*>(gateway);
     EXPECT_EQ(errors(), texts_t(4, "send_otapage_from_cache: null pointer!"));
 }
 

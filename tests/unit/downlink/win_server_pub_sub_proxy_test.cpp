@@ -5,6 +5,8 @@
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/node_command_fixture.h"
+#include "support/sock.h"
+#include "support/temp_file.h"
 
 #include <gtest/gtest.h>
 
@@ -645,7 +647,7 @@ const std::string image = "an image of some board"s + "@BoardVer\0\x05\x06"s +
 
 TEST_F(proxy_test, an_announced_image_is_adopted_when_its_crc_agrees)
 {
-    const temporary_file file{image};
+    const temp_file file{"image.bin", image};
     WIN_CLIENT_t* bridges[] = {add_bridge("0000000001"), add_bridge("0000000002")};
     const std::string update = "UPDATE: send cmd: MSG_UPDATE_CMD to brige: 0.0.0.0";
     for (const uint32_t crc : {0u, download_crc(image)}) {
@@ -669,7 +671,7 @@ TEST_F(proxy_test, an_announced_image_is_adopted_when_its_crc_agrees)
 
 TEST_F(proxy_test, an_image_that_contradicts_its_announcement_leaves_no_firmware)
 {
-    const temporary_file file{image};
+    const temp_file file{"image.bin", image};
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     EXPECT_TRUE(process(announcement(0, file.url())));
     EXPECT_NE(rtls_gateway_get_firmware(gateway), nullptr);
@@ -687,7 +689,7 @@ TEST_F(proxy_test, an_image_that_contradicts_its_announcement_leaves_no_firmware
 
 TEST_F(proxy_test, an_image_that_cannot_be_fetched_changes_nothing)
 {
-    const temporary_file file{image};
+    const temp_file file{"image.bin", image};
     EXPECT_TRUE(process(announcement(0, file.url())));
     const void* before = rtls_gateway_get_firmware(gateway);
     (void)m_log.take();
@@ -746,7 +748,7 @@ TEST_F(proxy_test, an_upload_order_must_measure_what_it_says)
 
 TEST_F(proxy_test, an_ordered_image_is_stored_when_both_expectations_are_met)
 {
-    const temporary_file file{image};
+    const temp_file file{"image.bin", image};
     const uint32_t crc = standard_crc(image);
     const struct {
         const char* given;
@@ -775,7 +777,7 @@ TEST_F(proxy_test, an_ordered_image_is_stored_when_both_expectations_are_met)
 
 TEST_F(proxy_test, an_url_ends_at_a_zero_byte)
 {
-    const temporary_file file{image};
+    const temp_file file{"image.bin", image};
     const std::string url = file.url() + "\0.more"s;
     EXPECT_EQ(printed_by(upload_order(0xDEADBEEF, standard_crc(image), url)).back(),
               "PROXY: Firmware downloaded. Index: 0\n");
@@ -799,8 +801,9 @@ protected:
     {
         zsock_set_rcvtimeo(reader.get(), 1000);
         zsock_set_sndhwm(proxy.get(), 10);
-        EXPECT_EQ(zsock_bind(reader.get(), "inproc://reader_test"), 0);
-        EXPECT_EQ(zsock_connect(proxy.get(), "inproc://reader_test"), 0);
+        const std::string endpoint = new_endpoint();
+        EXPECT_EQ(zsock_bind(reader.get(), "%s", endpoint.c_str()), 0);
+        EXPECT_EQ(zsock_connect(proxy.get(), "%s", endpoint.c_str()), 0);
     }
 
     void handle(const std::string& text)
@@ -809,11 +812,8 @@ protected:
         EXPECT_EQ(handle_pub_sub_proxy(nullptr, reader.get(), server), 0);
     }
 
-    struct zsock_deleter {
-        void operator()(zsock_t* sock) const { zsock_destroy(&sock); }
-    };
-    std::unique_ptr<zsock_t, zsock_deleter> reader{zsock_new(ZMQ_PULL)};
-    std::unique_ptr<zsock_t, zsock_deleter> proxy{zsock_new(ZMQ_PUSH)};
+    zsock_ptr reader{zsock_new(ZMQ_PULL)};
+    zsock_ptr proxy{zsock_new(ZMQ_PUSH)};
 };
 
 } // namespace

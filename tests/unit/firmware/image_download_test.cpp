@@ -3,6 +3,7 @@
 #include "support/http_responder.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"
+#include "support/wait.h"
 
 #include <czmq.h>
 #include <gmock/gmock.h>
@@ -56,7 +57,7 @@ bool give(image_receiver& receiver, std::string_view body)
 
 struct stop_for_one_test { // puts CZMQ's flag back at the end
     stop_for_one_test() { request_stop(); }
-    ~stop_for_one_test() { __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED); }
+    ~stop_for_one_test() { clear_stop(); }
 };
 
 } // namespace

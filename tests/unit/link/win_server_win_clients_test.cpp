@@ -225,7 +225,7 @@ TEST(win_connection, data_of_an_unknown_client_is_reported_and_dropped)
     log.take();
     peer.send(framed_ping);
     const std::string then = "SLIP: (E) rsvd from non existed client " + key;
-    ASSERT_TRUE(link.pump_until([&] { return log.wait_for(then, 1); }));
+    ASSERT_TRUE(link.pump_until([&] { return log.wait_for(then, std::chrono::milliseconds(1)); }));
     EXPECT_THAT(log.messages("win"), ElementsAre(then));
     EXPECT_EQ(link.clients(), 0U);
 }

@@ -4,9 +4,9 @@
 #include "base/peer.h"
 #include "base/signals.h"
 #include "link/win_server_private.h"
-#include "support/free_port.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
+#include "support/wait.h"
 #include "support/win_link.h"
 
 #include <gmock/gmock.h>
@@ -20,7 +20,6 @@
 #include <chrono>
 #include <functional>
 #include <future>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -33,37 +32,29 @@ using testing::StartsWith;
 
 namespace {
 
-using keys_t = std::map<std::string, std::string>;
+const gateway_config complete_config = gateway_config{}
+                                           .set("ports/win", 4000)
+                                           .set("ports/discovery", 4001)
+                                           .set("pub_sub_proxy/address", "10.0.0.5")
+                                           .set("pub_sub_proxy/port", 5555)
+                                           .set("pub_sub_proxy/input_port", 5556)
+                                           .set("message_handler/address", "10.0.0.6")
+                                           .set("message_handler/port", 5557);
 
-const keys_t complete_config = {
-    {"ports/win", "4000"},
-    {"ports/discovery", "4001"},
-    {"pub_sub_proxy/address", "10.0.0.5"},
-    {"pub_sub_proxy/port", "5555"},
-    {"pub_sub_proxy/input_port", "5556"},
-    {"message_handler/address", "10.0.0.6"},
-    {"message_handler/port", "5557"},
-};
-
-zconfig_ptr config_of(const keys_t& keys)
+gateway_config with(gateway_config config, const char* path, const char* value)
 {
-    zconfig_ptr config{zconfig_new("root", nullptr)};
-    for (const auto& [path, value] : keys)
-        zconfig_put(config.get(), path.c_str(), value.c_str());
-    return config;
+    return config.set(path, value);
 }
 
-keys_t with(keys_t keys, const std::string& path, const std::string& value)
+gateway_config without(gateway_config config, const char* path)
 {
-    keys[path] = value;
-    return keys;
+    return config.remove(path);
 }
 
-keys_t without(keys_t keys, const std::string& path)
-{
-    keys.erase(path);
-    return keys;
-}
+// What the WIN server asks for, in its order.
+const char* const required[] = {"ports/win",           "ports/discovery",          "pub_sub_proxy/address",
+                                "pub_sub_proxy/port",  "pub_sub_proxy/input_port", "message_handler/address",
+                                "message_handler/port"};
 
 // Owns a server of any make.
 struct server_owner {
@@ -76,14 +67,6 @@ struct server_owner {
 };
 
 int any_gateway = 0; // construction only keeps the pointer
-
-// The text with the value behind the last blank of `line` replaced.
-std::string replaced(std::string config, const std::string& line, const std::string& value)
-{
-    const size_t at = config.find(line);
-    const size_t value_at = line.rfind(' ') + 1;
-    return config.replace(at + value_at, line.size() - value_at, value);
-}
 
 // A UDP port that belongs to this object alone.
 class udp_port {
@@ -114,11 +97,6 @@ protected:
     log_capture log;
 };
 
-bool wait_ready(void* server)
-{
-    return repeat_until([&] { return win_server_is_ready(server); }, [] { zclock_sleep(1); });
-}
-
 std::string text(const bytes_t& bytes)
 {
     return {bytes.begin(), bytes.end()};
@@ -128,11 +106,11 @@ std::string text(const bytes_t& bytes)
 
 TEST(win_server_new, takes_the_configuration_over)
 {
-    const zconfig_ptr config = config_of(complete_config);
+    const zconfig_ptr config = complete_config.tree();
     const server_owner owner{win_server_new(config.get(), &any_gateway)};
     ASSERT_NE(owner.handle, nullptr);
     const WIN_SERVER_t& server = owner.server();
-    EXPECT_EQ(server.rtls_gateway, &any_gateway);
+    EXPECT_EQ(static_cast<void*>(server.rtls_gateway), &any_gateway);
     EXPECT_EQ(server.win_port, 4000);
     EXPECT_EQ(server.discovery_port, 4001);
     EXPECT_STREQ(server.proxy_full_address, "tcp://10.0.0.5:5555");
@@ -149,7 +127,7 @@ TEST(win_server_new, takes_the_configuration_over)
 
 TEST(win_server_new, the_longest_ports_fit_the_endpoints)
 {
-    const zconfig_ptr config = config_of(with(complete_config, "pub_sub_proxy/port", "65535"));
+    const zconfig_ptr config = with(complete_config, "pub_sub_proxy/port", "65535").tree();
     const server_owner owner{win_server_new(config.get(), &any_gateway)};
     ASSERT_NE(owner.handle, nullptr);
     EXPECT_STREQ(owner.server().proxy_full_address, "tcp://10.0.0.5:65535");
@@ -158,27 +136,25 @@ TEST(win_server_new, the_longest_ports_fit_the_endpoints)
 TEST(win_server_new, every_key_is_required)
 {
     log_capture log;
-    for (const auto& [path, value] : complete_config) {
-        const zconfig_ptr config = config_of(without(complete_config, path));
+    for (const char* path : required) {
+        const zconfig_ptr config = without(complete_config, path).tree();
         EXPECT_EQ(win_server_new(config.get(), &any_gateway), nullptr) << path;
-        EXPECT_THAT(log.messages("main"),
-                    ElementsAre("Parameter \"" + path + "\" is not found in the configuration file!"));
+        EXPECT_THAT(log.messages("main"), ElementsAre("Parameter \"" + std::string(path) +
+                                                      "\" is not found in the configuration file!"));
     }
 }
 
 TEST(win_server_new, reports_the_first_missing_key_alone)
 {
     log_capture log;
-    const char* const order[] = {"ports/win",           "ports/discovery",          "pub_sub_proxy/address",
-                                 "pub_sub_proxy/port",  "pub_sub_proxy/input_port", "message_handler/address",
-                                 "message_handler/port"};
-    keys_t keys;
-    for (const char* path : order) {
-        const zconfig_ptr config = config_of(keys);
-        EXPECT_EQ(win_server_new(config.get(), &any_gateway), nullptr);
+    gateway_config config = complete_config;
+    for (const char* path : required)
+        config.remove(path);
+    for (const char* path : required) {
+        EXPECT_EQ(win_server_new(config.tree().get(), &any_gateway), nullptr);
         EXPECT_THAT(log.messages("main"), ElementsAre("Parameter \"" + std::string(path) +
                                                       "\" is not found in the configuration file!"));
-        keys[path] = complete_config.at(path);
+        config.set(path, complete_config.port(path));
     }
 }
 
@@ -187,7 +163,7 @@ TEST(win_server_new, the_backlog_is_optional)
     const char* const no_number =
         "win_server_new: ports/win_backlog is no positive number, the library's default is used";
     const struct {
-        keys_t keys;
+        gateway_config config;
         int backlog;
         std::vector<std::string> log;
     } cases[] = {
@@ -202,7 +178,7 @@ TEST(win_server_new, the_backlog_is_optional)
     };
     log_capture log;
     for (const auto& c : cases) {
-        const zconfig_ptr config = config_of(c.keys);
+        const zconfig_ptr config = c.config.tree();
         const server_owner owner{win_server_new(config.get(), &any_gateway)};
         ASSERT_NE(owner.handle, nullptr);
         EXPECT_EQ(owner.server().win_backlog, c.backlog);
@@ -213,7 +189,7 @@ TEST(win_server_new, the_backlog_is_optional)
 TEST(win_server, missing_arguments_are_reported)
 {
     log_capture log;
-    const zconfig_ptr config = config_of(complete_config);
+    const zconfig_ptr config = complete_config.tree();
     EXPECT_EQ(win_server_new(nullptr, &any_gateway), nullptr);
     EXPECT_EQ(win_server_new(config.get(), nullptr), nullptr);
     EXPECT_FALSE(win_server_run(nullptr));
@@ -237,7 +213,7 @@ TEST(win_server, missing_arguments_are_reported)
 TEST(win_server_destroy, leaves_the_handle_null)
 {
     log_capture log;
-    const zconfig_ptr config = config_of(complete_config);
+    const zconfig_ptr config = complete_config.tree();
     void* server = win_server_new(config.get(), &any_gateway);
     win_server_destroy(&server);
     EXPECT_EQ(server, nullptr);
@@ -247,18 +223,15 @@ TEST(win_server_destroy, leaves_the_handle_null)
 
 TEST_F(win_server_actor_test, serves_until_it_is_destroyed)
 {
-    const uint16_t port = free_port();
-    {
-        const configured_gateway gateway{gateway_config(port, free_port(), 1)};
-        log.take();
-        ASSERT_TRUE(win_server_run(&gateway.win_server()));
-        ASSERT_TRUE(wait_ready(&gateway.win_server()));
-        tcp_peer peer{port};
-        EXPECT_EQ(peer.receive(5), "sync\n");
-        peer.send(hex("F5 00 00 05 AA F7"));
-        EXPECT_EQ(peer.receive(6), text(hex("F5 00 00 05 AA F7")));
-        EXPECT_FALSE(is_stop_requested());
-    }
+    test_gateway gateway;
+    log.take();
+    gateway.run_win_server();
+    tcp_peer peer{gateway.win_port()};
+    EXPECT_EQ(peer.receive(5), "sync\n");
+    peer.send(hex("F5 00 00 05 AA F7"));
+    EXPECT_EQ(peer.receive(6), text(hex("F5 00 00 05 AA F7")));
+    EXPECT_FALSE(is_stop_requested());
+    gateway.stop();
     EXPECT_TRUE(is_stop_requested()) << "the end of the actor ends the gateway";
     EXPECT_THAT(log.messages("main"), ElementsAre("win_loop Ending"));
 }
@@ -266,21 +239,17 @@ TEST_F(win_server_actor_test, serves_until_it_is_destroyed)
 TEST_F(win_server_actor_test, opens_its_sockets_as_peers_need_them)
 {
     constexpr int library_backlog = 100;
-    std::string with_backlog = gateway_config(free_port(), free_port(), 1);
-    with_backlog.replace(with_backlog.find("ports\n"), 6, "ports\n    win_backlog = 1024\n");
     const struct {
-        std::string config;
+        gateway_config config;
         int backlog;
     } cases[] = {
-        {gateway_config(free_port(), free_port(), 1), library_backlog},
-        {with_backlog, 1024},
+        {{}, library_backlog},
+        {gateway_config{}.set("ports/win_backlog", 1024), 1024},
     };
     for (const auto& c : cases) {
-        clear_stop();
-        const configured_gateway gateway{c.config};
+        test_gateway gateway{c.config};
+        gateway.run_win_server();
         const WIN_SERVER_t& server = gateway.win_server();
-        ASSERT_TRUE(win_server_run(&gateway.win_server()));
-        ASSERT_TRUE(wait_ready(&gateway.win_server()));
         EXPECT_EQ(zsock_type(server.win_sock), ZMQ_STREAM);
         EXPECT_EQ(zsock_sndtimeo(server.win_sock), 100);
         EXPECT_EQ(zsock_backlog(server.win_sock), c.backlog);
@@ -296,15 +265,14 @@ TEST_F(win_server_actor_test, opens_its_sockets_as_peers_need_them)
 
 TEST_F(win_server_actor_test, is_run_once)
 {
-    const uint16_t port = free_port();
-    const configured_gateway gateway{gateway_config(port, free_port(), 1)};
+    const test_gateway gateway;
     log.take();
     ASSERT_TRUE(win_server_run(&gateway.win_server()));
     EXPECT_FALSE(win_server_run(&gateway.win_server()));
     EXPECT_THAT(log.messages("main"),
                 ElementsAre(StartsWith("win_server_run: trying to run the running win server: ")));
-    ASSERT_TRUE(wait_ready(&gateway.win_server()));
-    tcp_peer peer{port};
+    ASSERT_TRUE(wait_until([&] { return win_server_is_ready(&gateway.win_server()); }));
+    tcp_peer peer{gateway.win_port()};
     EXPECT_EQ(peer.receive(5), "sync\n") << "the first one still runs";
 }
 
@@ -313,11 +281,11 @@ TEST_F(win_server_actor_test, a_port_in_use_ends_the_gateway)
     zsock_t* owner = zsock_new(ZMQ_STREAM);
     const int port = zsock_bind(owner, "tcp://*:*");
     ASSERT_GT(port, 0);
-    const configured_gateway gateway{gateway_config(static_cast<uint16_t>(port), free_port(), 1)};
+    const test_gateway gateway{gateway_config{}.set("ports/win", static_cast<uint16_t>(port))};
     log.take();
     ASSERT_TRUE(win_server_run(&gateway.win_server())); // the actor finds out later
     EXPECT_TRUE(log.wait_for("win_server_actor: zsock_bind: 98, Address already in use"));
-    EXPECT_TRUE(repeat_until(is_stop_requested, [] { zclock_sleep(1); }));
+    EXPECT_TRUE(wait_until(is_stop_requested));
     EXPECT_FALSE(win_server_is_ready(&gateway.win_server()));
     EXPECT_THAT(log.messages("main"),
                 ElementsAre("win_server_actor: zsock_bind: 98, Address already in use"));
@@ -327,24 +295,21 @@ TEST_F(win_server_actor_test, a_port_in_use_ends_the_gateway)
 TEST_F(win_server_actor_test, whatever_cannot_be_opened_ends_the_gateway)
 {
     udp_port taken; // without SO_REUSEADDR, so that nobody shares it
-    // Each with ports of its own: ZeroMQ lets go of a closed socket's port behind our back.
-    const auto good = [] { return gateway_config(free_port(), free_port(), 1); };
     const struct {
         const char* given;
-        std::string config;
+        gateway_config config;
         const char* then;
     } cases[] = {
-        {"a discovery port in use", gateway_config(free_port(), taken.number(), 1),
+        {"a discovery port in use", gateway_config{}.set("ports/discovery", taken.number()),
          "udp_new_connection: bind: 98, Address already in use"},
-        {"a proxy address that is none", replaced(good(), "pub_sub_proxy\n    address = 127.0.0.1", "a b"),
+        {"a proxy address that is none", gateway_config{}.set("pub_sub_proxy/address", "a b"),
          "win_server_actor: zsock_new_sub: 22, Invalid argument"},
-        {"a message handler address that is none",
-         replaced(good(), "message_handler\n    address = 127.0.0.1", "a b"),
+        {"a message handler address that is none", gateway_config{}.set("message_handler/address", "a b"),
          "win_server_actor: zsock_new_push: 22, Invalid argument"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
-        const configured_gateway gateway{c.config};
+        const test_gateway gateway{c.config};
         log.take();
         zsock_t* other_end = nullptr;
         zsock_t* pipe = zsys_create_pipe(&other_end);
@@ -361,7 +326,6 @@ TEST_F(win_server_actor_test, whatever_cannot_be_opened_ends_the_gateway)
         EXPECT_EQ(server.interthread_sever_sock, nullptr);
         EXPECT_EQ(server.proxy_sock, nullptr);
         EXPECT_THAT(log.messages("main"), ElementsAre(c.then));
-        clear_stop();
     }
 }
 
@@ -387,7 +351,7 @@ TEST_F(win_server_actor_test, tear_down_takes_what_is_there)
     EXPECT_TRUE(is_stop_requested());
     EXPECT_THAT(log.messages("main"), ElementsAre("destroy_actor_context: null pointer!"));
 
-    const zconfig_ptr config = config_of(complete_config);
+    const zconfig_ptr config = complete_config.tree();
     const server_owner owner{win_server_new(config.get(), &any_gateway)};
     owner.server().unsent_messages = zlist_new();
     zlist_append(owner.server().unsent_messages, zframe_new("1", 1));
@@ -562,35 +526,29 @@ TEST(win_server_copy_clients, keeps_look_ups_out_of_the_table)
 
 TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
 {
-    const uint16_t port = free_port();
-    {
-        const configured_gateway gateway{gateway_config(port, free_port(), 1)};
-        ASSERT_TRUE(win_server_run(&gateway.win_server()));
-        ASSERT_TRUE(wait_ready(&gateway.win_server()));
-        std::atomic<bool> done{false};
-        std::thread reader{[&] {
-            while (!done)
-                for (const auto& copy : win_server_copy_clients(&gateway.win_server())) {
-                    ASSERT_EQ(zframe_size(copy.id.get()), 5U);
-                    ASSERT_NE(copy.addr.sin_port, 0);
-                }
-        }};
-        const bytes_t panid_request = hex("F5 01 01 01 A0 A1 A2 A3 A4 A5 A6 A7 F7"); // names the bridge
-        for (int round = 0; round < 100; ++round) {
-            std::vector<tcp_peer> peers;
-            for (int i = 0; i < 5; ++i)
-                peers.emplace_back(port);
-            for (auto& peer : peers) {
-                EXPECT_EQ(peer.receive(5), "sync\n");
-                peer.send(panid_request);
+    test_gateway gateway;
+    gateway.run_win_server();
+    std::atomic<bool> done{false};
+    std::thread reader{[&] {
+        while (!done)
+            for (const auto& copy : win_server_copy_clients(&gateway.win_server())) {
+                ASSERT_EQ(zframe_size(copy.id.get()), 5U);
+                ASSERT_NE(copy.addr.sin_port, 0);
             }
+    }};
+    const bytes_t panid_request = hex("F5 01 01 01 A0 A1 A2 A3 A4 A5 A6 A7 F7"); // names the bridge
+    for (int round = 0; round < 100; ++round) {
+        std::vector<tcp_peer> peers;
+        for (int i = 0; i < 5; ++i)
+            peers.emplace_back(gateway.win_port());
+        for (auto& peer : peers) {
+            EXPECT_EQ(peer.receive(5), "sync\n");
+            peer.send(panid_request);
         }
-        done = true;
-        reader.join();
-        EXPECT_TRUE(
-            repeat_until([&] { return win_server_copy_clients(&gateway.win_server()).empty(); }, [] {}));
     }
-    clear_stop();
+    done = true;
+    reader.join();
+    EXPECT_TRUE(wait_until([&] { return win_server_copy_clients(&gateway.win_server()).empty(); }));
 }
 
 } // namespace rtls

@@ -4,7 +4,12 @@
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
-#include "support/terminal_fixture.h"
+#include "support/operator_peer.h"
+#include "support/sock.h"
+#include "support/tcp_listener.h"
+#include "support/temp_file.h"
+#include "support/test_gateway.h"
+#include "support/wait.h"
 #include "terminal/node_requests.h"
 
 #include <gmock/gmock.h>
@@ -130,24 +135,6 @@ TEST(firmware_texts, the_paragraph_on_an_image)
 
 // --- Answers, with a store and a terminal server
 
-// A firmware image in a file.
-class image_file {
-public:
-    explicit image_file(const bytes_t& image)
-    {
-        const int fd = mkstemp(m_name);
-        EXPECT_EQ(write(fd, image.data(), image.size()), static_cast<ssize_t>(image.size()));
-        close(fd);
-    }
-    ~image_file() { unlink(m_name); }
-    image_file(const image_file&) = delete;
-    image_file& operator=(const image_file&) = delete;
-    std::string url() const { return std::string{"file://"} + m_name; }
-
-private:
-    char m_name[32] = "/tmp/terminal_firmwareXXXXXX";
-};
-
 static bytes_t tag(const char* name)
 {
     return {name, name + strlen(name) + 1};
@@ -189,7 +176,8 @@ protected:
 
     void fetch_image()
     {
-        const image_file file{sample_image()};
+        const bytes_t image = sample_image();
+        const temp_file file{"image.bin", {reinterpret_cast<const char*>(image.data()), image.size()}};
         ASSERT_EQ(answer_to("fw get " + file.url()), "Firmware downloaded. Index: 0\n");
     }
 
@@ -204,8 +192,8 @@ protected:
     void* gateway() const { return m_gateway.handle(); }
 
     log_capture m_log;
-    zsock_ptr m_win_server{zsock_new_router("@inproc://winserw_channel")};
     test_gateway m_gateway;
+    zsock_ptr m_win_server{zsock_new_router("@inproc://winserw_channel")};
     std::unique_ptr<operator_peer> m_operator;
 };
 
@@ -265,34 +253,34 @@ TEST_F(terminal_firmware_test, apply_always_addresses_the_node_000A)
 // The words of the operators are the sub-command's own (see above); the functions take any.
 TEST_F(terminal_firmware_test, info_by_index)
 {
-    EXPECT_EQ(firmware_info(gateway(), "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "0"), "Incorrect INDEX value!\n");
     fetch_image();
-    const std::string text = firmware_info(gateway(), "0");
+    const std::string text = firmware_info(*static_cast<services*>(gateway()), "0");
     EXPECT_TRUE(text.starts_with("index: 0\ngit id: 102A0FF\ncrc32: ")) << text;
     EXPECT_TRUE(text.ends_with("size: 1000\npage size: 256\npages: 4\nboard version: 3\nboard revision: 14\n"
                                "maximum pages: 1024\n"))
         << text;
-    EXPECT_EQ(firmware_info(gateway(), "1"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_info(gateway(), "3"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_info(gateway(), "zz"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "1"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "3"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "zz"), "Incorrect INDEX value!\n");
 }
 
 TEST_F(terminal_firmware_test, del_by_index)
 {
     fetch_image();
-    EXPECT_EQ(firmware_del(gateway(), "1"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_del(gateway(), "zz"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "1"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "zz"), "Incorrect INDEX value!\n");
     EXPECT_EQ(answer_to("fw del 0"), "Incorrect INDEX value!\n") << "it means slot 222";
-    EXPECT_EQ(firmware_del(gateway(), "0"), "Command sent successfully!\n");
-    EXPECT_EQ(firmware_del(gateway(), "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "0"), "Command sent successfully!\n");
+    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "0"), "Incorrect INDEX value!\n");
 }
 
 TEST_F(terminal_firmware_test, apply_by_mac)
 {
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
-    EXPECT_EQ(firmware_apply(gateway(), "zz"), "Incorrect MAC value!\n");
-    EXPECT_EQ(firmware_apply(gateway(), "1a2c"), "Node 1A2C not in nodes list\n");
-    EXPECT_EQ(firmware_apply(gateway(), "1a2b"), "Command sent successfully!\n");
+    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "zz"), "Incorrect MAC value!\n");
+    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2c"), "Node 1A2C not in nodes list\n");
+    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2b"), "Command sent successfully!\n");
     EXPECT_EQ(next_request(), hex("0E 08 00 00 02 00 11 00 01 02 03 04 05 1A 2B"));
 }
 
@@ -315,13 +303,14 @@ TEST_F(terminal_firmware_test, set_by_index_and_mac)
         {"0", "1a2c", "GW", "Node 1A2C not in nodes list\n"},
     };
     for (const auto& c : refused)
-        EXPECT_EQ(firmware_set(gateway(), c.index, c.mac, c.source), c.then);
+        EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), c.index, c.mac, c.source), c.then);
     const struct {
         const char* source;
         std::optional<uint16_t> meant;
     } sent[] = {{nullptr, std::nullopt}, {"GW", 0}, {"gw", 0}, {"0", 0}, {"beef", 0xBEEF}};
     for (const auto& c : sent) {
-        EXPECT_EQ(firmware_set(gateway(), "0", "1a2b", c.source), "Command sent the node successfully!\n");
+        EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), "0", "1a2b", c.source),
+                  "Command sent the node successfully!\n");
         EXPECT_EQ(next_request(), make_set_request(info, c.meant, sample_mac));
     }
 }
@@ -330,33 +319,27 @@ TEST_F(terminal_firmware_test, a_full_queue_fails_the_command)
 {
     fetch_image();
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
-    while (firmware_apply(gateway(), "1a2b") == "Command sent successfully!\n") {
+    while (firmware_apply(*static_cast<services*>(gateway()), "1a2b") == "Command sent successfully!\n") {
     }
-    EXPECT_EQ(firmware_apply(gateway(), "1a2b"), "Failed to send command!\n");
-    EXPECT_EQ(firmware_set(gateway(), "0", "1a2b", nullptr), "Failed to send command!\n");
+    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2b"), "Failed to send command!\n");
+    EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), "0", "1a2b", nullptr),
+              "Failed to send command!\n");
     EXPECT_EQ(m_log.messages("main"), strings(3, "Overflow winserw queue!"));
 }
 
 // The answer is addressed before the transfer; whoever leaves in between must not put it astray.
 TEST_F(terminal_firmware_test, leaving_during_a_download_disturbs_nobody)
 {
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = ipv4_address("127.0.0.1", 0);
-    socklen_t size = sizeof addr;
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(listener, 1), 0);
-    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &size), 0);
-    const std::string command = "fw get http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/x\n";
+    tcp_listener web;
+    const std::string command = "fw get http://127.0.0.1:" + std::to_string(web.port()) + "/x\n";
     for (int round = 0; round < 3; ++round) {
         operator_peer leaving{m_gateway.terminal_port()};
         leaving.write(command);
-        const int transfer = accept(listener, nullptr, nullptr); // the command is being run
-        ASSERT_GE(transfer, 0);
+        const int transfer = web.accept(); // the command is being run
         leaving.close();
         close(transfer);
         EXPECT_EQ(answer_to("fw"), "Incorrect parameters!\n");
     }
-    close(listener);
 }
 
 } // namespace rtls

@@ -3,7 +3,7 @@
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
-#include "support/terminal_fixture.h"
+#include "support/test_gateway.h"
 
 #include <gtest/gtest.h>
 
@@ -291,7 +291,7 @@ TEST_F(snapshot_test, copies_every_field)
     bridges.push_back(bridge("bridge one"));
     bridges.push_back(bridge("bridge two"));
 
-    const auto rows = copy_nodes(m_gateway.nodes(), index_bridges(bridges));
+    const auto rows = copy_nodes(*static_cast<NODES_CONTAINER_t*>(m_gateway.nodes()), index_bridges(bridges));
 
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_EQ(rows[0].bridge, 1u);
@@ -310,7 +310,8 @@ TEST_F(snapshot_test, tells_nodes_without_a_connected_bridge)
     std::vector<win_client_info> bridges;
     bridges.push_back(bridge("here"));
     size_t found = 0;
-    for (const auto& row : copy_nodes(m_gateway.nodes(), index_bridges(bridges))) {
+    for (const auto& row :
+         copy_nodes(*static_cast<NODES_CONTAINER_t*>(m_gateway.nodes()), index_bridges(bridges))) {
         EXPECT_EQ(row.bridge, row.mac_addr[7] == 3 ? 0 : no_bridge);
         ++found;
     }
@@ -329,7 +330,7 @@ TEST_F(snapshot_test, has_the_nodes_in_the_order_of_the_table)
             expected.push_back(n->mac_addr[7]);
     }
     std::vector<uint8_t> order;
-    for (const auto& row : copy_nodes(m_gateway.nodes(), {}))
+    for (const auto& row : copy_nodes(*static_cast<NODES_CONTAINER_t*>(m_gateway.nodes()), {}))
         order.push_back(row.mac_addr[7]);
     EXPECT_EQ(order, expected);
     EXPECT_EQ(order.size(), 100u);
@@ -349,9 +350,10 @@ TEST_F(snapshot_test, of_100000_nodes_holds_the_lock_for_a_moment)
     std::vector<node_row> rows(100'000);
     auto shortest = std::chrono::steady_clock::duration::max();
     for (int round = 0; round < 5; ++round) {
-        const nodes_guard guard{m_gateway.nodes()};
+        auto& nodes = *static_cast<NODES_CONTAINER_t*>(m_gateway.nodes());
+        const nodes_guard guard{nodes};
         const auto start = std::chrono::steady_clock::now();
-        copy_nodes_locked(m_gateway.nodes(), index, rows);
+        copy_nodes_locked(nodes, index, rows);
         shortest = std::min(shortest, std::chrono::steady_clock::now() - start);
     }
     EXPECT_EQ(rows.size(), 100'000u);

@@ -5,7 +5,8 @@
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
-#include "support/terminal_fixture.h"
+#include "support/sock.h"
+#include "support/test_gateway.h"
 #include "terminal/request.h"
 
 #include <gmock/gmock.h>
@@ -152,8 +153,9 @@ protected:
 
     log_capture m_log;
     test_gateway m_gateway;
-    zsock_ptr m_operator{zsock_new_pull("@inproc://operator")};
-    zsock_ptr m_terminal{zsock_new_push(">inproc://operator")};
+    const std::string m_endpoint = new_endpoint();
+    zsock_ptr m_operator{zsock_new_pull(("@" + m_endpoint).c_str())};
+    zsock_ptr m_terminal{zsock_new_push((">" + m_endpoint).c_str())};
     zsock_ptr m_dbg{zsock_new_push(">inproc://dbg_dump")};
     TERMINAL_CLIENT_t* m_client = nullptr;
 };
@@ -512,9 +514,9 @@ TEST_F(terminal_commands_test, pn_shows_each_node_once_among_three_bridges)
 {
     for (const char* bridge : {"b1", "b2", "b3"}) {
         const auto last = static_cast<uint8_t>(bridge[1]);
-        m_gateway.add_bridge(bridge, {0, 0, 0, 0, 0, 0, 0, last}, "10.0.0.3", last);
+        m_gateway.add_bridge(bridge, bytes_t{0, 0, 0, 0, 0, 0, 0, last}, "10.0.0.3", last);
         for (uint8_t i = 1; i <= 3; ++i)
-            m_gateway.add_node({0, 0, 0, 0, 0, 0, last, i}, bridge,
+            m_gateway.add_node(bytes_t{0, 0, 0, 0, 0, 0, last, i}, bridge,
                                [&](NODE_t& node) { node.ip_addr[0] = i; });
     }
     const strings lines = answers_to("pn");
@@ -534,7 +536,8 @@ TEST_F(terminal_commands_test, pn_flags_duplicated_addresses)
 {
     m_gateway.add_bridge("bridge", hex("0A 1B 2C 3D 4E 5F 60 71"), "10.0.0.3", 1003);
     for (uint8_t i = 1; i <= 2; ++i)
-        m_gateway.add_node({0, 0, 0, 0, 0, 0, 0, i}, "bridge", [](NODE_t& node) { node.ip_addr[0] = 0xFE; });
+        m_gateway.add_node(bytes_t{0, 0, 0, 0, 0, 0, 0, i}, "bridge",
+                           [](NODE_t& node) { node.ip_addr[0] = 0xFE; });
     const std::string text = answer_to("pn");
     EXPECT_NE(text.find(plain_line("00001", "   IP address is duplicated!")), std::string::npos) << text;
     EXPECT_NE(text.find(plain_line("00002", "   IP address is duplicated!")), std::string::npos) << text;
@@ -597,7 +600,7 @@ TEST_F(terminal_commands_test, without_an_identity_frame_no_text_is_sent)
     EXPECT_EQ(nodes_container_get_size(m_gateway.nodes()), 1u) << "del";
     EXPECT_EQ(errors(), strings{}) << "a download was tried";
     // The socket is in step: the next pair arrives as it is.
-    ASSERT_EQ(zsock_connect(m_terminal.get(), "inproc://operator"), 0);
+    ASSERT_EQ(zsock_connect(m_terminal.get(), "%s", m_endpoint.c_str()), 0);
     EXPECT_EQ(finish_and_take(), strings{});
 }
 

@@ -7,7 +7,10 @@
 #include "server/win_server.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
-#include "support/terminal_fixture.h"
+#include "support/operator_peer.h"
+#include "support/sock.h"
+#include "support/test_gateway.h"
+#include "support/wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -43,7 +46,7 @@ static constexpr char empty_pn[] =
 class terminal_server_handle_test : public testing::Test {
 protected:
     terminal_server_handle_test() { zconfig_put(m_config.get(), "ports/terminal", "4001"); }
-    ~terminal_server_handle_test() override { clear_stop_request(); }
+    ~terminal_server_handle_test() override { clear_stop(); }
     strings errors() { return m_log.messages("main"); }
 
     log_capture m_log;
@@ -255,7 +258,7 @@ TEST_F(terminal_server_test, quit_that_is_followed_by_more_leaves_nothing)
         else
             peer.is_closed();
     }
-    EXPECT_TRUE(comes_true([&] { return terminals_seen_by(other).size() == 1; }));
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(other).size() == 1; }));
 }
 
 // --- The debug stream
@@ -347,7 +350,7 @@ TEST_F(terminal_server_test, subscribers_may_leave_while_lines_are_streaming)
     }
     stop = true;
     source.join();
-    EXPECT_TRUE(comes_true([&] { return terminals_seen_by(steady).size() == 1; }));
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(steady).size() == 1; }));
 }
 
 TEST_F(terminal_server_test, a_subscriber_who_never_reads_does_not_stop_the_others)
@@ -373,7 +376,7 @@ TEST_F(terminal_server_test, a_subscriber_who_never_reads_does_not_stop_the_othe
     other.ask("sub-\n", "unsubscribed * ok.\n");
 
     stalled.write("quit\n"); // it cannot even be told; its connection is cut
-    EXPECT_TRUE(comes_true([&] { return terminals_seen_by(other).size() == 1; }));
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(other).size() == 1; }));
     EXPECT_TRUE(stalled.is_closed());
 }
 
@@ -464,7 +467,7 @@ TEST_F(terminal_server_test, what_no_operator_would_write)
         peer.close();
         EXPECT_EQ(steady.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
     }
-    EXPECT_TRUE(comes_true([&] { return terminals_seen_by(steady).size() == 1; }));
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(steady).size() == 1; }));
 }
 
 TEST_F(terminal_server_test, hundreds_of_idle_connections)
@@ -473,9 +476,9 @@ TEST_F(terminal_server_test, hundreds_of_idle_connections)
     for (int i = 0; i < 300; ++i)
         idle.push_back(std::make_unique<operator_peer>(port()));
     operator_peer peer{port()};
-    EXPECT_TRUE(comes_true([&] { return terminals_seen_by(peer).size() == 301; }));
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(peer).size() == 301; }));
     idle.clear();
-    EXPECT_TRUE(comes_true([&] { return terminals_seen_by(peer).size() == 1; }));
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(peer).size() == 1; }));
 }
 
 TEST_F(terminal_server_test, connections_that_are_reset_at_once)
@@ -486,7 +489,7 @@ TEST_F(terminal_server_test, connections_that_are_reset_at_once)
         if (i % 3 != 0)
             brief.write(i % 3 == 1 ? "pn\n" : "sub\n"); // the answer may wait in vain, 100 ms each
     }
-    EXPECT_TRUE(comes_true([&] { return terminals_seen_by(peer).size() == 1; }));
+    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(peer).size() == 1; }));
     expect_served(peer);
 }
 
@@ -496,7 +499,7 @@ TEST_F(terminal_server_test, stops_and_takes_the_daemon_along)
 {
     operator_peer peer{port()};
     expect_served(peer);
-    clear_stop_request();
+    clear_stop();
     (void)m_log.take();
     m_gateway.stop();
     EXPECT_TRUE(is_stop_requested());
@@ -513,7 +516,7 @@ TEST(terminal_server_start_test, a_port_in_use_stops_the_daemon)
     void* server = rtls_gateway_get_terminal_server(gateway.handle());
     (void)log.take();
     EXPECT_TRUE(terminal_server_run(server)) << "the actor itself starts";
-    EXPECT_TRUE(comes_true(is_stop_requested));
+    EXPECT_TRUE(wait_until(is_stop_requested));
     EXPECT_FALSE(terminal_server_is_ready(server));
     ASSERT_TRUE(log.wait_for("zsock_bind"));
     EXPECT_EQ(log.messages("main"), strings{"terminal_server_actor: zsock_bind: 98, Address already in use"});
@@ -527,7 +530,7 @@ TEST(terminal_server_start_test, a_debug_stream_that_somebody_else_collects_stop
     void* server = rtls_gateway_get_terminal_server(gateway.handle());
     (void)log.take();
     EXPECT_TRUE(terminal_server_run(server));
-    EXPECT_TRUE(comes_true(is_stop_requested));
+    EXPECT_TRUE(wait_until(is_stop_requested));
     ASSERT_TRUE(log.wait_for("zsock_bind"));
     EXPECT_EQ(log.messages("main"), strings{"terminal_server_actor: zsock_bind: 98, Address already in use"});
     EXPECT_FALSE(terminal_server_is_ready(server));
@@ -590,7 +593,7 @@ TEST(terminal_and_win_server_test, lists_while_bridges_come_and_go)
     }
     bridges.join();
     EXPECT_TRUE(
-        comes_true([&] { return peer.ask("pcl\n", pcl_end).ends_with("####### WIN clients:\n##\n"); }));
+        wait_until([&] { return peer.ask("pcl\n", pcl_end).ends_with("####### WIN clients:\n##\n"); }));
 }
 
 } // namespace rtls

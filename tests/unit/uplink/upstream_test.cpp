@@ -3,6 +3,7 @@
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/sanitizers.h"
+#include "support/sock.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +16,6 @@ namespace rtls {
 using lines_t = std::vector<std::string>;
 
 namespace {
-
-using zsock_ptr = std::unique_ptr<zsock_t, destroyed_by<zsock_destroy>>;
 
 // The parts of one message, as hex; nothing when none waits.
 lines_t receive_parts(zsock_t* sock)
@@ -57,13 +56,6 @@ protected:
 
     upstream(const upstream&) = delete;
     upstream& operator=(const upstream&) = delete;
-
-    // Never the same twice: a closed socket gives its name up some time later.
-    static std::string new_endpoint()
-    {
-        static int number = 0;
-        return "inproc://upstream_test_" + std::to_string(++number);
-    }
 
     static void replace(zsock_t*& sock, zsock_t* by)
     {

@@ -57,6 +57,17 @@ __attribute__((format(printf, 3, 0))) void write_record(tav_component_logger log
         record.date_time(*time);
 }
 
+// noexcept: a record of these, too, ends the process when there is no memory for it.
+void report_failed_connect(const tav::libs::core::logger& logger, const zmq::error_t& failure) noexcept
+{
+    logger.error("%1%: zmq_connect: %2%, %3%") % "logger_connect" % failure.num() % failure.what();
+}
+
+void report_short_memory(const tav::libs::core::logger& logger) noexcept
+{
+    logger.error("%1%: out of memory!") % "logger_connect";
+}
+
 } // namespace
 
 tav_logger create_logger(const char* name)
@@ -82,7 +93,9 @@ void logger_connect(tav_logger logger, const char* address)
     try {
         logger->m_logger.connect(address);
     } catch (const zmq::error_t& failure) {
-        logger->m_logger.error("%1%: zmq_connect: %2%, %3%") % __func__ % failure.num() % failure.what();
+        report_failed_connect(logger->m_logger, failure);
+    } catch (const std::bad_alloc&) {
+        report_short_memory(logger->m_logger);
     }
 }
 

@@ -41,7 +41,20 @@ component_logger::formatter component_logger::error(const char* pattern) const
 
 bool component_logger::is_debug_wanted() const
 {
-    return m_logger.is_wanted(LOG_DEBUG);
+    return m_logger.is_debug_wanted();
+}
+
+// All output happens here. The broker always sees date and indentation; the system log dates its
+// lines by itself and gets them only while it is used for debugging.
+void component_logger::write(int log_level, const std::string& text,
+                             const std::optional<timestamp>& time) const
+{
+    const timestamp at = time ? *time : timestamp::current_time();
+    const std::string line = at.to_iso_8601(true, ' ', false) + " " + indent() + text;
+    const std::string record = m_logger.is_publishing() ? m_zmq_prefix + line : std::string();
+    m_logger.write_to_system_log(log_level, m_logger.is_debug() ? line : text);
+    if (!record.empty())
+        m_logger.publish(record);
 }
 
 std::string component_logger::indent() const
@@ -140,12 +153,6 @@ component_logger::formatter& component_logger::formatter::date_time(const timest
     return *this;
 }
 
-std::string component_logger::formatter::date() const
-{
-    const timestamp time = m_timestamp ? *m_timestamp : timestamp::current_time();
-    return time.to_iso_8601(true, ' ', false) + " ";
-}
-
 std::string component_logger::formatter::text() const
 {
     std::string text;
@@ -160,21 +167,10 @@ std::string component_logger::formatter::text() const
     return text + m_format.str();
 }
 
-// All output happens here. The broker always sees date and indentation; the system log dates its
-// lines by itself and gets them only while it is used for debugging.
 component_logger::formatter::~formatter()
 {
-    logger& sinks = m_logger.m_logger;
-    if (!sinks.is_wanted(m_log_level))
-        return;
-    const std::string prefix = date() + m_logger.indent();
-    const std::string line = text();
-    if (sinks.is_debug())
-        syslog(m_log_level, "%s", (prefix + line).c_str());
-    else
-        syslog(m_log_level, "%s", line.c_str());
-    if (sinks.is_publishing())
-        sinks.publish(m_logger.m_zmq_prefix + prefix + line);
+    if (m_logger.m_logger.is_wanted(m_log_level))
+        m_logger.write(m_log_level, text(), m_timestamp);
 }
 
 } // namespace tav::libs::core

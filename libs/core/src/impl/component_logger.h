@@ -42,6 +42,10 @@ public:
     // Whether a debug record would reach anybody now.
     bool is_debug_wanted() const;
 
+    // Writes one record, dated now unless told otherwise. Throws std::bad_alloc, and then nothing of it
+    // is written.
+    void write(int log_level, const std::string& text, const std::optional<timestamp>& time = {}) const;
+
     // Trace the entry into a function or scope with a debug record. Records are indented by one level
     // more for as long as the guard lives; leaving writes nothing.
     [[nodiscard]] scope_guard_ptr enter_function(const source_location& location) const;
@@ -91,7 +95,6 @@ public:
     formatter& date_time(const timestamp& time);                // instead of now
 
 private:
-    std::string date() const;
     std::string text() const;
 
     boost::format m_format;

@@ -5,33 +5,27 @@ namespace tav::libs::core {
 namespace {
 
 constexpr int linger_ms = 5000;
-constexpr int every_priority = LOG_UPTO(LOG_DEBUG);
-constexpr int all_but_debug = LOG_UPTO(LOG_INFO);
 
 } // namespace
 
 logger::logger(std::string_view application_name, std::string_view component_name)
     : component_logger(*this, application_name, component_name), m_module_name(application_name),
-      m_debug_socket(m_zmq_context, zmq::socket_type::push)
+      m_debug_socket(m_zmq_context, zmq::socket_type::push), m_system_log(application_name)
 {
     m_debug_socket.set(zmq::sockopt::linger, linger_ms);
-    openlog(m_module_name.c_str(), 0, LOG_USER);
-    set_debug(is_debug());
-    info("Starting %1%") % m_module_name;
+    // Not by a formatter: its record would end the process where this may still throw.
+    write(LOG_INFO, "Starting " + m_module_name);
 }
 
 logger::~logger()
 {
-    closelog();
     m_debug_socket.close();
     m_zmq_context.close();
 }
 
 void logger::set_debug(bool on)
 {
-    closelog();
-    openlog(m_module_name.c_str(), on ? LOG_PERROR : 0, LOG_USER);
-    setlogmask(on ? every_priority : all_but_debug);
+    m_system_log.set_debug(on);
     m_debug.store(on, std::memory_order_relaxed);
 }
 
@@ -42,7 +36,7 @@ void logger::connect(const std::string& address)
         m_debug_socket.connect(address);
         m_has_broker.store(true, std::memory_order_relaxed);
     }
-    debug("Connected to socket");
+    write(LOG_DEBUG, "Connected to socket");
 }
 
 std::unique_ptr<component_logger> logger::component(std::string_view name)

@@ -3,11 +3,13 @@
 // Ownership  Owns its ZeroMQ context and socket; must outlive the component loggers that it makes.
 // Threads    Any, all at once; the socket is guarded by a mutex. One logger per process at a time, as
 //            the system log has only one identity.
-// Failures   The constructor throws zmq::error_t or std::bad_alloc, connect() throws zmq::error_t.
+// Failures   The constructor and connect() throw zmq::error_t or std::bad_alloc. A constructor that throws
+//            leaves the system log closed.
 #pragma once
 
 #include "core/thread_annotations.h"
 #include "impl/component_logger.h"
+#include "impl/system_log.h"
 
 #include <zmq.hpp>
 
@@ -30,7 +32,8 @@ public:
     void set_debug(bool on);
     bool is_debug() const { return m_debug.load(std::memory_order_relaxed); }
 
-    // Connects one more broker; several get the records in turn.
+    // Connects one more broker; several get the records in turn. What throws std::bad_alloc may be the
+    // record of it: the broker is connected then.
     void connect(const std::string& address);
 
     bool is_writing_to_socket() const { return m_writing_to_socket.load(std::memory_order_relaxed); }
@@ -48,14 +51,20 @@ public:
         return m_has_broker.load(std::memory_order_relaxed) && is_writing_to_socket();
     }
 
-    // Whether anybody hears a record of this level: the system log hears all but debug records.
-    bool is_wanted(int log_level) const { return log_level != LOG_DEBUG || is_debug() || is_publishing(); }
+    // Whether a debug record would reach anybody now.
+    bool is_debug_wanted() const { return is_publishing() || m_system_log.admits(LOG_DEBUG); }
+
+    // Whether a record of this level must be composed. All but debug records go to the system log anyway.
+    bool is_wanted(int log_level) const { return log_level != LOG_DEBUG || is_debug_wanted(); }
+
+    // One line to the system log. Throws nothing.
+    void write_to_system_log(int log_level, const std::string& line) { m_system_log.write(log_level, line); }
 
     // Sends one record to a broker. Never waits: a record that cannot go at once is lost.
     void publish(std::string_view record);
 
 private:
-    std::string m_module_name; // syslog keeps a pointer to it
+    std::string m_module_name;
     std::atomic<bool> m_debug{false};
     std::atomic<bool> m_writing_to_socket{true};
     std::atomic<bool> m_enable_logger{true};
@@ -63,6 +72,7 @@ private:
     zmq::context_t m_zmq_context;
     rtls::annotated_mutex m_socket_mutex;
     zmq::socket_t m_debug_socket RTLS_GUARDED_BY(m_socket_mutex);
+    system_log m_system_log;
 };
 
 } // namespace tav::libs::core

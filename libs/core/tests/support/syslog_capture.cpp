@@ -46,7 +46,10 @@ void closelog()
 int setlogmask(int mask)
 {
     const std::lock_guard lock(system_log().mutex);
-    return std::exchange(system_log().mask, mask);
+    const int old = system_log().mask;
+    if (mask != 0) // 0 asks only
+        system_log().mask = mask;
+    return old;
 }
 
 void vsyslog(int priority, const char* format, va_list arguments)

@@ -43,8 +43,8 @@ void logger_warning(tav_component_logger logger, const char* format, ...) TAV_PR
 void logger_error(tav_component_logger logger, const char* format, ...) TAV_PRINTF_LIKE(2, 3);
 
 // Whether a debug record written now could reach anybody: a broker's address has been given
-// (whether or not somebody is there) or the system log admits debug records. Callers use it to skip the
-// making of expensive texts; false for null. Costs two relaxed loads.
+// (whether or not somebody is there) or the system log's mask admits debug records, whoever has set it.
+// Callers use it to skip the making of expensive texts; false for null. Costs a few nanoseconds.
 bool logger_debug_is_wanted(tav_component_logger logger);
 
 #ifdef __cplusplus

@@ -1,0 +1,26 @@
+// services - what the gateway hands to its actors: each service by its own type.
+//
+// Ownership  The gateway object owns the record and what it points to. The handle that the described
+//            functions pass around (p_rtls_gateway) is this record's address.
+// Threads    Written on the main thread while no actor runs; read by the actors.
+#pragma once
+
+#include "firmware/firmware.h"
+#include "firmware/ota.h"
+#include "registry/nodes_container.h"
+
+namespace rtls {
+
+struct WIN_SERVER_t;
+struct TERMINAL_SERVER_t;
+
+struct services {
+    NODES_CONTAINER_t* nodes = nullptr;
+    OTA_t* ota = nullptr;
+    current_firmware firmware;
+    // The actors know each other by name only: what one may ask of the other stands in its own header.
+    WIN_SERVER_t* win_server = nullptr;
+    TERMINAL_SERVER_t* terminal_server = nullptr;
+};
+
+} // namespace rtls

@@ -1,0 +1,27 @@
+// wait - waiting for what another thread or the system does, and the daemon's request to stop.
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+namespace rtls {
+
+// How long a test waits for what must come. Nothing costs this time but a failure, and a machine that
+// is busy elsewhere must not cause one.
+inline constexpr std::chrono::milliseconds patience = std::chrono::seconds(20);
+
+// Whether the condition comes true in time; looks every millisecond.
+bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds time = patience);
+
+// Repeats `step` until `done` holds; false when it does not in time.
+bool repeat_until(const std::function<bool()>& done, const std::function<void()>& step,
+                  std::chrono::milliseconds time = patience);
+
+// What is left until then, for calls that take a time-out; none when it has passed.
+std::chrono::milliseconds left_until(std::chrono::steady_clock::time_point deadline);
+
+// Takes back that the process is to stop: the end of an actor asks for it, and the daemon never takes
+// it back. No actor may run.
+void clear_stop();
+
+} // namespace rtls

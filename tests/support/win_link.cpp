@@ -1,0 +1,93 @@
+#include "support/win_link.h"
+
+#include "registry/nodes_container.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <stdexcept>
+
+namespace rtls {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+win_link::win_link(int high_water_mark)
+{
+    server().win_sock = zsock_new(ZMQ_STREAM);
+    server().actor_loop = zloop_new();
+    if (high_water_mark > 0)
+        zsock_set_sndhwm(server().win_sock, high_water_mark);
+    zsock_set_sndtimeo(server().win_sock, 100);
+    const int port = zsock_bind(server().win_sock, "tcp://127.0.0.1:*");
+    if (port <= 0)
+        throw std::runtime_error("win_link: no port");
+    m_port = static_cast<uint16_t>(port);
+}
+
+win_link::~win_link()
+{
+    zloop_destroy(&server().actor_loop);
+    zsock_destroy(&server().win_sock);
+}
+
+bool win_link::pump_until(const std::function<bool()>& done) const
+{
+    return repeat_until(done, [this] {
+        zmq_pollitem_t item{zsock_resolve(server().win_sock), 0, ZMQ_POLLIN, 0};
+        if (zmq_poll(&item, 1, 10) > 0)
+            handle_win_clients(loop(), server().win_sock, &server());
+    });
+}
+
+WIN_CLIENT_t* win_link::find(uint16_t peer_port) const
+{
+    for (void* item = zhashx_first(server().clients); item; item = zhashx_next(server().clients))
+        if (ntohs(static_cast<WIN_CLIENT_t*>(item)->addr.sin_port) == peer_port)
+            return static_cast<WIN_CLIENT_t*>(item);
+    return nullptr;
+}
+
+win_link::bridge_t win_link::connect(int receive_buffer) const
+{
+    tcp_peer peer{port(), receive_buffer};
+    if (!pump_until([&] { return find(peer.port()) != nullptr; }) || peer.receive(5) != "sync\n")
+        throw std::runtime_error("win_link: the connection is not greeted");
+    WIN_CLIENT_t* client = find(peer.port());
+    return {std::move(peer), client};
+}
+
+void win_link::make_wanted(const WIN_CLIENT_t& client) const
+{
+    const nodes_guard guard{nodes()};
+    NODE_t* node = nodes_container_find_or_create_by_mac(nodes(), client.mac_addr, nullptr, 0);
+    node->lifetime = 300;
+    node_update_win_client_ID(node, client.id);
+}
+
+// Whether the system's own send buffer has room, for the library to move its queue on.
+static bool is_writable(int fd)
+{
+    pollfd item{fd, POLLOUT, 0};
+    return poll(&item, 1, 0) > 0;
+}
+
+std::string win_link::fill(WIN_CLIENT_t& client) const
+{
+    const std::string block(32768, '.');
+    const auto* bytes = reinterpret_cast<const uint8_t*>(block.data());
+    std::string sent;
+    // Refused for a while on end with nothing that could move, and not just because the library's
+    // thread lags behind.
+    for (auto refused_since = steady_clock::now(); steady_clock::now() - refused_since < milliseconds(300);) {
+        const bool taken = esc_data_to_win_client(&server(), client.id, bytes, block.size());
+        if (taken)
+            sent += block;
+        if (taken || is_writable(client.fd))
+            refused_since = steady_clock::now();
+    }
+    return sent;
+}
+
+} // namespace rtls
