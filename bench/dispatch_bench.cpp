@@ -3,10 +3,12 @@
 // The upstream peers are in this process and emptied between batches, outside of the measurement, so that
 // no queue is ever full. Debug sections are off and there is no broker, as in the field.
 #include "firmware/ota.h"
+#include "link/win_server_win_clients.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
 #include "support/idle_gateway.h"
+#include "uplink/messages.h"
 #include "wire/messaging.h"
 
 #include <benchmark/benchmark.h>

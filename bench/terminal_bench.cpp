@@ -1,6 +1,7 @@
 // What an operator's listing costs: the copying, for which the registry is locked and the WIN server may
 // have to wait, and the rest, for which it is not.
 #include "registry/nodes_container.h"
+#include "server/win_server.h"
 #include "terminal/listing.h"
 
 #include <benchmark/benchmark.h>

@@ -7,6 +7,7 @@
 #include "base/bytes.h"
 #include "registry/nodes_container.h"
 #include "support/idle_gateway.h"
+#include "uplink/messages.h"
 #include "wire/messaging.h"
 
 #include <algorithm>

@@ -5,6 +5,7 @@
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "base/signals.h"
+#include "downlink/update_announcement.h"
 #include "server/win_server.h"
 #include "services.h"
 #include "terminal/terminal_server.h"

@@ -1,8 +1,10 @@
-// The generic request forwarder, and the channel on which other threads hand requests to it.
+#include "downlink/generic_requests.h"
+
 #include "base/czmq_ptr.h"
+#include "base/endpoints.h"
 #include "base/logger.h"
 #include "base/null_check.h"
-#include "link/win_server_private.h"
+#include "link/sending.h"
 #include "registry/nodes_container.h"
 #include "wire/node_request.h"
 

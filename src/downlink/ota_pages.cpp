@@ -3,8 +3,8 @@
 
 #include "base/logger.h"
 #include "base/null_check.h"
+#include "downlink/generic_requests.h"
 #include "firmware/ota.h"
-#include "link/win_server_private.h"
 
 #include <memory>
 #include <new>

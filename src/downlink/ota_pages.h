@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "link/win_server_private.h"
 #include "wire/messaging.h"
 
 #include <cstddef>
@@ -30,5 +31,9 @@ constexpr size_t ota_response_size(uint16_t page_size)
 // Writes all of the answer but the page into `response` of ota_response_size bytes: the request's own
 // fields under a new header, and the node's MAC (8 bytes) behind the place of the page.
 void write_ota_response_frame(bytes_view request, const uint8_t* node_mac, bytes_span response);
+
+// Answers a node's request for a page from the store. False when the image or the page is not there: the
+// servers are to be asked then. WIN server thread only.
+bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac);
 
 } // namespace rtls

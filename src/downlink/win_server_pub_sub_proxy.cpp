@@ -1,11 +1,14 @@
-// Commands from the pub/sub proxy: hexadecimal texts, decoded, freed of repeats, checked by their type,
-// rewritten for the WIN link and sent to the WIN client that reaches the node.
+#include "downlink/win_server_pub_sub_proxy.h"
+
+#include "base/czmq_ptr.h"
 #include "base/hex.h"
 #include "base/logger.h"
 #include "base/null_check.h"
+#include "downlink/generic_requests.h"
+#include "downlink/update_announcement.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
-#include "link/win_server_private.h"
+#include "link/sending.h"
 #include "registry/nodes_container.h"
 #include "wire/messaging.h"
 #include "wire/node_request.h"

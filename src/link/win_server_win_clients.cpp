@@ -1,18 +1,12 @@
-// win_server_win_clients - the WIN port: connections come and go, frames come in and go out.
-//
-// The stream socket gives two ZeroMQ frames for each event: the identity of the connection, then data;
-// data of no bytes is a connection made or lost. What a complete message means is decided in
-// win_client_messages.
-#include "link/win_server_private.h"
+// win_server_win_clients - see the header.
+#include "link/win_server_win_clients.h"
 
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/peer.h"
-#include "link/rpl_version.h"
-#include "wire/messaging.h"
-#include "wire/slip.h"
+#include "link/sending.h"
 
 #include <sys/socket.h>
 #include <time.h>
@@ -28,7 +22,6 @@ namespace {
 
 // The most events one call of the reader takes: many for the intake, few enough for the other sockets.
 constexpr int events_per_call = 64;
-constexpr size_t rpl_timer_ms = 1000;
 
 // While events come this close behind one another, the reader lets some more gather before it takes them,
 // for up to a millisecond a call. Waking up for each report, and having the loop ask every socket for
@@ -124,32 +117,9 @@ void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& da
 
 void deliver_frame(void* p_server, WIN_CLIENT_t& client)
 {
-    process_data_from_win_client(static_cast<WIN_SERVER_t*>(p_server), &client);
+    auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    server->process_frame(server, &client);
 }
-
-// Room for one encoded message: on the stack for nearly all of them, else allocated.
-class encoded_message {
-public:
-    explicit encoded_message(bytes_view message)
-    {
-        uint8_t* room = m_small.data();
-        if (slip_encoded_limit(message.size()) > m_small.size()) {
-            m_large.reset(new (std::nothrow) uint8_t[slip_encoded_limit(message.size())]);
-            room = m_large.get();
-        }
-        if (room)
-            m_bytes = {room, slip_encode(message, room)};
-    }
-    encoded_message(const encoded_message&) = delete;
-    encoded_message& operator=(const encoded_message&) = delete;
-    // None when memory was short: an encoded message has two bytes at least.
-    bytes_view bytes() const { return m_bytes; }
-
-private:
-    std::array<uint8_t, 1024> m_small; // not cleared: slip_encode writes what is read
-    std::unique_ptr<uint8_t[]> m_large;
-    bytes_view m_bytes;
-};
 
 } // namespace
 
@@ -201,132 +171,6 @@ void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, cons
     if (any_null(__func__, server, client, data))
         return;
     win_client_decode(*client, {data, size}, deliver_frame, server);
-}
-
-bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
-{
-    if (any_null(__func__, server, data) || any_null(__func__, server->win_sock))
-        return false;
-    const encoded_message message{{data, size}};
-    if (message.bytes().empty()) {
-        logger_error(g_logger, str_out_of_memory, __func__);
-        return false;
-    }
-    if (client_id) {
-        WIN_CLIENT_t* client = win_server_find_client(server, identity_key{client_id}.c_str());
-        if (!client)
-            return false;
-        encoded_to_win_client(server, client, message.bytes());
-        return true;
-    }
-    for (void* client = zhashx_first(server->clients); client; client = zhashx_next(server->clients))
-        encoded_to_win_client(server, static_cast<WIN_CLIENT_t*>(client), message.bytes());
-    return true;
-}
-
-void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded)
-{
-    if (zlist_size(client->unsent_messages) > 0) {
-        data_to_cache(server, client, encoded.data(), encoded.size());
-        unsent_messages_to_win_client(server, client);
-    } else if (!esc_data_to_win_client(server, client->id, encoded.data(), encoded.size())) {
-        data_to_cache(server, client, encoded.data(), encoded.size());
-    }
-}
-
-bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
-{
-    if (any_null(__func__, server, client_id, data) || any_null(__func__, server->win_sock))
-        return false;
-    // Made before the identity is sent: an identity without data would leave the socket out of step, and
-    // the next client's identity would go to this one as data.
-    message_part frame{bytes_view{data, size}};
-    if (!frame.is_made()) {
-        log_call_error(__func__, "zframe_new");
-        return false;
-    }
-    // The identity is what fails when the peer does not read; the data after it is then not offered.
-    zframe_t* id = client_id;
-    if (zframe_send(&id, server->win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) != 0 ||
-        !frame.send(zsock_resolve(server->win_sock))) {
-        if (errno != EAGAIN)
-            log_call_error(__func__, "zframe_send");
-        return false;
-    }
-    if (dbg_is_wanted(DBG_RAW))
-        dbg_print(server->dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT", "%s [%zu] [%s]",
-                  hex_text{{data, size}}.c_str(), size, identity_key{client_id}.c_str());
-    return true;
-}
-
-// Whether one more message of `size` bytes may wait for this client. Reports the first message lost since the
-// cache was last empty.
-static bool cache_has_room(WIN_CLIENT_t& client, size_t size)
-{
-    if (client.unsent_bytes + size <= unsent_messages_limit &&
-        zlist_size(client.unsent_messages) < unsent_messages_number_limit)
-        return true;
-    if (!client.unsent_overflow)
-        logger_error(g_logger,
-                     "%s: win client [%s] IP %s:%d does not read: %zu bytes wait for it, messages are lost!",
-                     "data_to_cache", identity_key{client.id}.c_str(), ipv4_text{client.addr}.c_str(),
-                     ntohs(client.addr.sin_port), client.unsent_bytes);
-    client.unsent_overflow = true;
-    return false;
-}
-
-bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size)
-{
-    if (any_null(__func__, server, client, data))
-        return false;
-    if (!cache_has_room(*client, size))
-        return false;
-    zframe_ptr frame{zframe_new(data, size)};
-    if (!frame) {
-        log_call_error(__func__, "zframe_new");
-        return false;
-    }
-    if (zlist_append(client->unsent_messages, frame.get()) != 0) {
-        log_call_error(__func__, "zlist_append");
-        return false;
-    }
-    (void)frame.release(); // the list's from here on
-    client->unsent_bytes += size;
-    if (dbg_is_wanted(DBG_RAW))
-        dbg_print(server->dbg_client_sock, DBG_RAW, "SLIP_RAW_CACHE", "%s [%zu] cache size: %zu",
-                  hex_text{{data, size}}.c_str(), size, zlist_size(client->unsent_messages));
-    return true;
-}
-
-void rpl_version_to_win_clients(WIN_SERVER_t* server)
-{
-    if (any_null(__func__, server) || any_null(__func__, server->actor_loop))
-        return;
-    std::array<uint8_t, gwMsgVrPrefixResponse_t::size> message{};
-    store_le16(message, gwMsgVrPrefixResponse_t::msgType, MSG_VR_PANID_RESP);
-    store_le16(message, gwMsgVrPrefixResponse_t::rplPrefix, server->rpl_prefix);
-    message[gwMsgVrPrefixResponse_t::rpl_version] = get_next_rpl_version();
-    data_to_win_client(server, nullptr, message.data(), message.size());
-
-    server->unprocessed_MSG_PANID_REQ = false;
-    // Without the timer the next request is answered at once: better than never.
-    server->rpl_timer_is_active =
-        zloop_timer(server->actor_loop, rpl_timer_ms, 1, rpl_timer_handler, server) != -1;
-    if (!server->rpl_timer_is_active)
-        log_call_error(__func__, "zloop_timer");
-}
-
-int rpl_timer_handler(zloop_t* loop, int timer_id, void* p_server) noexcept
-{
-    (void)timer_id;
-    auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    if (any_null(__func__, loop, server))
-        return 1;
-    if (server->unprocessed_MSG_PANID_REQ)
-        rpl_version_to_win_clients(server);
-    else
-        server->rpl_timer_is_active = false;
-    return 0;
 }
 
 } // namespace rtls

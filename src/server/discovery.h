@@ -5,6 +5,7 @@
 
 #include "base/bytes.h"
 
+#include <czmq.h>
 #include <netinet/in.h>
 
 #include <array>
@@ -27,5 +28,8 @@ std::array<uint8_t, discovery::echo_answer_size> discovery_echo_answer(in_addr r
 // The request's 9 bytes, the address on which it arrived, and the WIN port (host order).
 std::array<uint8_t, discovery::address_answer_size>
 discovery_address_answer(bytes_view request, in_addr gateway, in_port_t win_port);
+
+// zloop poller of the discovery port: answers one datagram. Always 0.
+int handle_udp_in(zloop_t* loop, zmq_pollitem_t* item, void* p_server) noexcept;
 
 } // namespace rtls

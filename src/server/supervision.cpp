@@ -1,14 +1,16 @@
 // win_server_supervision - the WIN server's periodic work: bridges nobody speaks through are let go,
 // nodes age, a silent proxy is reconnected, and what could not be sent is tried again.
-#include "link/win_server_private.h"
+#include "server/supervision.h"
 
 #include "base/czmq_ptr.h"
-#include "base/hex.h"
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "base/signals.h"
+#include "link/sending.h"
+#include "link/unsent_messages.h"
 #include "registry/nodes_container.h"
+#include "server/win_server.h"
 
 #include <new>
 #include <vector>
@@ -138,55 +140,6 @@ int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server) n
         if (zlist_size(static_cast<WIN_CLIENT_t*>(item)->unsent_messages) > 0)
             unsent_messages_to_win_client(server, item);
     return 0;
-}
-
-// Offers one frame to the client's connection. The identity is what fails for a client that does not
-// read, and it does not wait: any number of stalled bridges costs the others nothing.
-static bool send_unsent(WIN_SERVER_t& server, WIN_CLIENT_t& client, zframe_ptr& frame)
-{
-    zframe_t* id = client.id;
-    if (zframe_send(&id, server.win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) != 0)
-        return false;
-    zframe_t* raw = frame.release();
-    const bool sent = zframe_send(&raw, server.win_sock, 0) == 0;
-    frame.reset(raw); // null when sent
-    return sent;
-}
-
-// Sends the oldest frame, or puts it back and returns false.
-static bool flush_one(WIN_SERVER_t& server, WIN_CLIENT_t& client)
-{
-    zframe_ptr frame{static_cast<zframe_t*>(zlist_pop(client.unsent_messages))};
-    if (!frame)
-        return true;
-    const size_t size = zframe_size(frame.get());
-    const bool print = dbg_is_wanted(DBG_RAW);
-    // Sending consumes the frame, so what the line shows is taken before.
-    const hex_text hex{{zframe_data(frame.get()), print ? size : 0}};
-    if (!send_unsent(server, client, frame)) {
-        if (errno != EAGAIN)
-            log_call_error("unsent_messages_to_win_client", "zframe_send");
-        zlist_push(client.unsent_messages, frame.release());
-        return false;
-    }
-    client.unsent_bytes -= size;
-    if (print)
-        dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT_FROM_CACHE",
-                  "%s [%zu] cache size: %zu %s:%d [%s]", hex.c_str(), size,
-                  zlist_size(client.unsent_messages), ipv4_text{client.addr}.c_str(),
-                  ntohs(client.addr.sin_port), identity_key{client.id}.c_str());
-    return true;
-}
-
-void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
-{
-    auto* client = static_cast<WIN_CLIENT_t*>(p_client);
-    if (any_null(__func__, server, client) || any_null(__func__, server->win_sock))
-        return;
-    while (zlist_size(client->unsent_messages) > 0)
-        if (!flush_one(*server, *client))
-            return;
-    client->unsent_overflow = false; // the next overflow is a new one
 }
 
 } // namespace rtls

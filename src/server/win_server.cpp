@@ -6,10 +6,9 @@
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/null_check.h"
-#include "base/peer.h"
 #include "link/win_server_private.h"
-#include "wire/messaging.h"
-#include "wire/slip.h"
+#include "server/win_server_actor.h"
+#include "uplink/messages.h"
 
 #include <array>
 #include <cstdio>
@@ -85,6 +84,7 @@ void* win_server_new(zconfig_t* config, void* p_rtls_gateway)
         return nullptr;
     }
     server->rtls_gateway = static_cast<services*>(p_rtls_gateway);
+    server->process_frame = process_data_from_win_client;
     if (!read_config(config, *server))
         return nullptr;
     server->clients = zhashx_new();
@@ -139,87 +139,6 @@ bool win_server_is_ready(void* p_win_server)
     if (any_null(__func__, p_win_server))
         return false;
     return static_cast<WIN_SERVER_t*>(p_win_server)->ready;
-}
-
-// The command's type is little-endian, as all that bridges are sent.
-static std::array<uint8_t, msgGeneric_t::size> update_command()
-{
-    std::array<uint8_t, msgGeneric_t::size> message{};
-    store_le16(message, msgGeneric_t::msgType, MSG_UPDATE_CMD);
-    return message;
-}
-
-static void update_command_to_all(WIN_SERVER_t& server)
-{
-    const auto message = update_command();
-    std::array<uint8_t, slip_encoded_limit(msgGeneric_t::size)> encoded{};
-    const bytes_view frame{encoded.data(), slip_encode(message, encoded.data())};
-    // By record and not by identity: a look-up would move the table's one cursor.
-    for (void* item = zhashx_first(server.clients); item; item = zhashx_next(server.clients)) {
-        auto* client = static_cast<WIN_CLIENT_t*>(item);
-        client->firmware_updated = false;
-        encoded_to_win_client(&server, client, frame);
-        dbg_print(server.dbg_client_sock, DBG_PARSING, "UPDATE",
-                  "send cmd: MSG_UPDATE_CMD to brige: %s", // sic
-                  ipv4_text{client->addr}.c_str());
-    }
-}
-
-void win_server_nodes_update(void* p_win_server, zframe_t* client_id)
-{
-    auto* server = static_cast<WIN_SERVER_t*>(p_win_server);
-    if (any_null(__func__, server))
-        return;
-    if (!client_id) {
-        update_command_to_all(*server);
-        return;
-    }
-    const auto message = update_command();
-    data_to_win_client(server, client_id, message.data(), message.size());
-    dbg_print(server->dbg_client_sock, DBG_PARSING, "UPDATE", "send cmd: MSG_UPDATE_CMD to current node");
-}
-
-WIN_CLIENT_t* win_server_find_client(WIN_SERVER_t* server, const char* key)
-{
-    if (any_null(__func__, server, key))
-        return nullptr;
-    // Only the actor deletes clients, so that what is found outlives the lock.
-    const std::lock_guard guard{server->clients_mutex};
-    return static_cast<WIN_CLIENT_t*>(zhashx_lookup(server->clients, key));
-}
-
-// Closes the connection by an empty frame after its identity. Without the identity the empty frame
-// would itself be taken for one, so it is not sent then.
-static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WIN_CLIENT_t* client)
-{
-    // A client with a backlog is known not to read: waiting for it would stall all the others.
-    const bool stalled = client && zlist_size(client->unsent_messages) > 0;
-    const int flags = ZFRAME_MORE | ZFRAME_REUSE | (stalled ? ZFRAME_DONTWAIT : 0);
-    if (zframe_send(&client_id, server.win_sock, flags) == 0)
-        zstr_sendm(server.win_sock, "");
-    else if (errno != EAGAIN)
-        log_call_error("delete_win_client", "zframe_send");
-    else if (client) // its queue is full, so that the stream socket cannot close it
-        cut_connection(client->fd, client->addr);
-}
-
-void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
-{
-    if (any_null(__func__, server, client_id) || any_null(__func__, server->win_sock))
-        return;
-    const identity_key key{client_id}; // client_id may go with the record
-    close_connection(*server, client_id, win_server_find_client(server, key.c_str()));
-    server->closed_ids.remember(key.c_str());
-    const std::lock_guard guard{server->clients_mutex};
-    zhashx_delete(server->clients, key.c_str());
-}
-
-void win_client_set_mac_addr(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* mac)
-{
-    if (any_null(__func__, server, client, mac))
-        return;
-    const std::lock_guard guard{server->clients_mutex};
-    std::memcpy(client->mac_addr, mac, mac_size);
 }
 
 // Copies what other threads may know. The list must not destroy the records with it.

@@ -16,9 +16,6 @@
 
 namespace rtls {
 
-// Commands on "inproc://winserw_channel": a frame with the command (4 bytes, host order), a frame of data.
-enum winserw_sock_cmd_t : int32_t { WINSERW_SOCK_CMD_GENERIC_REQ = 0 };
-
 // A server configured from `config`, nothing started; or nullptr.
 void* win_server_new(zconfig_t* config, void* p_rtls_gateway);
 
@@ -34,9 +31,6 @@ zhashx_t* win_server_get_clients(void* p_win_server);
 
 // True once every socket is open and the loop is about to start; stays true.
 bool win_server_is_ready(void* p_win_server);
-
-// Sends MSG_UPDATE_CMD to one client or, with null, to all of them.
-void win_server_nodes_update(void* p_win_server, zframe_t* client_id);
 
 // What other threads may know of a WIN client.
 struct win_client_info {

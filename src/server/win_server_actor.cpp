@@ -1,5 +1,4 @@
-// win_server_actor - the actor's life: sockets, loop, tear-down, each in a fixed order.
-#include "link/win_server_private.h"
+#include "server/win_server_actor.h"
 
 #include "base/czmq_ptr.h"
 #include "base/endpoints.h"
@@ -7,6 +6,11 @@
 #include "base/null_check.h"
 #include "base/signals.h"
 #include "base/udplib.h"
+#include "downlink/generic_requests.h"
+#include "downlink/win_server_pub_sub_proxy.h"
+#include "link/win_server_win_clients.h"
+#include "server/discovery.h"
+#include "server/supervision.h"
 
 namespace rtls {
 

@@ -7,6 +7,7 @@
 #include "base/bytes.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
+#include "uplink/upstream.h"
 #include "wire/messaging.h"
 
 #include <array>

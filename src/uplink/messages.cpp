@@ -1,9 +1,9 @@
-// Messages from WIN clients: envelopes come off, the message goes to its handler, the ack goes back.
-//
-// Threads    WIN server thread. The registry is shared: its lock is held for look-up and update only,
-//            and what is printed, sent or handed on afterwards has been copied out.
+#include "uplink/messages.h"
+
 #include "base/logger.h"
 #include "base/null_check.h"
+#include "link/rpl_version.h"
+#include "link/sending.h"
 #include "uplink/link_frame.h"
 
 #include <cstring>

@@ -1,13 +1,10 @@
-// Reports on their way to the servers: binary ones to the message handler, texts to the proxy's input.
-//
-// Both sends are don't-wait: a server that is down or slow costs its own reports and stalls nobody.
-// The parts are made as ZeroMQ messages directly, which spares the fast path a frame object each.
+#include "uplink/upstream.h"
+
 #include "base/hex.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/overflow_watch.h"
-#include "link/win_server_private.h"
 #include "wire/report_texts.h"
 
 #include <cerrno>

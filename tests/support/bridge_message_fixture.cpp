@@ -1,4 +1,5 @@
 #include "support/bridge_message_fixture.h"
+#include "uplink/messages.h"
 
 #include "base/hex.h"
 #include "registry/nodes_container.h"

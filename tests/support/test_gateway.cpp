@@ -1,4 +1,5 @@
 #include "support/test_gateway.h"
+#include "server/win_server.h"
 
 #include "base/hex.h"
 #include "registry/nodes_container.h"

@@ -1,4 +1,6 @@
 #include "support/win_link.h"
+#include "link/sending.h"
+#include "link/win_server_win_clients.h"
 
 #include "registry/nodes_container.h"
 

@@ -1,3 +1,4 @@
+#include "downlink/generic_requests.h"
 #include "support/hex_bytes.h"
 #include "support/node_command_fixture.h"
 #include "support/sock.h"

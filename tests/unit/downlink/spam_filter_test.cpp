@@ -1,3 +1,4 @@
+#include "downlink/win_server_pub_sub_proxy.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"

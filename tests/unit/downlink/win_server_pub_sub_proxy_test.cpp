@@ -1,4 +1,5 @@
 #include "base/hex.h"
+#include "downlink/win_server_pub_sub_proxy.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
 #include "registry/nodes_container.h"

@@ -1,4 +1,7 @@
+#include "link/sending.h"
+#include "link/unsent_messages.h"
 #include "link/win_server_private.h"
+#include "link/win_server_win_clients.h"
 
 #include "base/czmq_ptr.h"
 #include "base/hex.h"

@@ -1,4 +1,9 @@
+#include "downlink/update_announcement.h"
+#include "link/sending.h"
+#include "link/unsent_messages.h"
+#include "link/win_server_win_clients.h"
 #include "server/win_server.h"
+#include "server/win_server_actor.h"
 
 #include "base/czmq_ptr.h"
 #include "base/peer.h"

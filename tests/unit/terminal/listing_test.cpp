@@ -1,6 +1,7 @@
 #include "terminal/listing.h"
 
 #include "registry/nodes_container.h"
+#include "server/win_server.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/test_gateway.h"

@@ -1,6 +1,7 @@
 #include "terminal/terminal_server.h"
 
 #include "base/common.h"
+#include "base/endpoints.h"
 #include "base/signals.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"

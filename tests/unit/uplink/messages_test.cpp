@@ -2,6 +2,7 @@
 #include "base/hex.h"
 #include "registry/nodes_container.h"
 #include "support/bridge_message_fixture.h"
+#include "uplink/messages.h"
 #include "wire/messaging.h"
 
 #include <atomic>

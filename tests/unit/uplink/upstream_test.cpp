@@ -4,6 +4,7 @@
 #include "support/log_capture.h"
 #include "support/sanitizers.h"
 #include "support/sock.h"
+#include "uplink/upstream.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,20 @@
+// generic_requests - requests that go down to a node as they are, and the channel by which other threads
+// hand them in.
+//
+// Threads    WIN server thread. Nothing waits.
+// Bytes      A request is a header (5 bytes; the length in it big-endian), a payload, the destination's MAC
+//            (8 bytes).
+#pragma once
+
+#include "link/win_server_private.h"
+
+namespace rtls {
+
+// Sends one request (5 to 800 bytes) down the WIN client of its node. False, after a debug line, when it was
+// refused; true says nothing of the delivery.
+bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen);
+
+// zloop reader of request_channel_endpoint. -1, which ends the loop, when it is interrupted; else 0.
+int handle_interthread_sever_sock(zloop_t* loop, zsock_t* reader, void* p_server) noexcept;
+
+} // namespace rtls

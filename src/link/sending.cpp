@@ -1,0 +1,128 @@
+#include "link/sending.h"
+
+#include "base/hex.h"
+#include "base/logger.h"
+#include "base/message_part.h"
+#include "base/null_check.h"
+#include "base/peer.h"
+#include "link/unsent_messages.h"
+#include "wire/slip.h"
+
+#include <array>
+#include <memory>
+#include <mutex>
+#include <new>
+
+namespace rtls {
+
+namespace {
+
+// Room for one encoded message: on the stack for nearly all of them, else allocated.
+class encoded_message {
+public:
+    explicit encoded_message(bytes_view message)
+    {
+        uint8_t* room = m_small.data();
+        if (slip_encoded_limit(message.size()) > m_small.size()) {
+            m_large.reset(new (std::nothrow) uint8_t[slip_encoded_limit(message.size())]);
+            room = m_large.get();
+        }
+        if (room)
+            m_bytes = {room, slip_encode(message, room)};
+    }
+    encoded_message(const encoded_message&) = delete;
+    encoded_message& operator=(const encoded_message&) = delete;
+    // None when memory was short: an encoded message has two bytes at least.
+    bytes_view bytes() const { return m_bytes; }
+
+private:
+    std::array<uint8_t, 1024> m_small; // not cleared: slip_encode writes what is read
+    std::unique_ptr<uint8_t[]> m_large;
+    bytes_view m_bytes;
+};
+
+} // namespace
+
+bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
+{
+    if (any_null(__func__, server, data) || any_null(__func__, server->win_sock))
+        return false;
+    const encoded_message message{{data, size}};
+    if (message.bytes().empty()) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return false;
+    }
+    if (client_id) {
+        WIN_CLIENT_t* client = win_server_find_client(server, identity_key{client_id}.c_str());
+        if (!client)
+            return false;
+        encoded_to_win_client(server, client, message.bytes());
+        return true;
+    }
+    for (void* client = zhashx_first(server->clients); client; client = zhashx_next(server->clients))
+        encoded_to_win_client(server, static_cast<WIN_CLIENT_t*>(client), message.bytes());
+    return true;
+}
+
+void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded)
+{
+    if (zlist_size(client->unsent_messages) > 0) {
+        data_to_cache(server, client, encoded.data(), encoded.size());
+        unsent_messages_to_win_client(server, client);
+    } else if (!esc_data_to_win_client(server, client->id, encoded.data(), encoded.size())) {
+        data_to_cache(server, client, encoded.data(), encoded.size());
+    }
+}
+
+bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
+{
+    if (any_null(__func__, server, client_id, data) || any_null(__func__, server->win_sock))
+        return false;
+    // Made before the identity is sent: an identity without data would leave the socket out of step, and
+    // the next client's identity would go to this one as data.
+    message_part frame{bytes_view{data, size}};
+    if (!frame.is_made()) {
+        log_call_error(__func__, "zframe_new");
+        return false;
+    }
+    // The identity is what fails when the peer does not read; the data after it is then not offered.
+    zframe_t* id = client_id;
+    if (zframe_send(&id, server->win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) != 0 ||
+        !frame.send(zsock_resolve(server->win_sock))) {
+        if (errno != EAGAIN)
+            log_call_error(__func__, "zframe_send");
+        return false;
+    }
+    if (dbg_is_wanted(DBG_RAW))
+        dbg_print(server->dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT", "%s [%zu] [%s]",
+                  hex_text{{data, size}}.c_str(), size, identity_key{client_id}.c_str());
+    return true;
+}
+
+// Closes the connection by an empty frame after its identity. Without the identity the empty frame
+// would itself be taken for one, so it is not sent then.
+static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WIN_CLIENT_t* client)
+{
+    // A client with a backlog is known not to read: waiting for it would stall all the others.
+    const bool stalled = client && zlist_size(client->unsent_messages) > 0;
+    const int flags = ZFRAME_MORE | ZFRAME_REUSE | (stalled ? ZFRAME_DONTWAIT : 0);
+    if (zframe_send(&client_id, server.win_sock, flags) == 0)
+        zstr_sendm(server.win_sock, "");
+    else if (errno != EAGAIN)
+        log_call_error("delete_win_client", "zframe_send");
+    else if (client) // its queue is full, so that the stream socket cannot close it
+        cut_connection(client->fd, client->addr);
+}
+
+void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
+{
+    if (any_null(__func__, server, client_id) || any_null(__func__, server->win_sock))
+        return;
+    const identity_key key{client_id}; // client_id may go with the record
+    close_connection(*server, client_id, win_server_find_client(server, key.c_str()));
+    server->closed_ids.remember(key.c_str());
+    const std::lock_guard guard{server->clients_mutex};
+    zhashx_delete(server->clients, key.c_str());
+}
+
+} // namespace rtls

@@ -1,0 +1,25 @@
+// sending - frames on their way down to the bridges.
+//
+// What a connection does not take at once waits in the client's unsent messages.
+// Threads    WIN server thread. Nothing waits, but closing a connection (up to the socket's 100 ms).
+#pragma once
+
+#include "link/win_server_private.h"
+
+namespace rtls {
+
+// Frames one message and sends or caches it, to one client or, with null, to every client. False when
+// the client does not exist.
+bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size);
+
+// Sends an encoded message to this client, after those that wait, or caches it. Does not look anything up
+// in the table, so that a walk over it may deliver to each client.
+void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded);
+
+// Sends bytes as they are to one client, without caching. False when they could not be sent.
+bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size);
+
+// Closes one client's connection and forgets the client. `client_id` may be the client's own.
+void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id);
+
+} // namespace rtls

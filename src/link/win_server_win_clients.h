@@ -1,0 +1,20 @@
+// win_server_win_clients - the WIN port's reader: connections come and go, and bytes become frames.
+//
+// The stream socket gives two ZeroMQ parts for each event: the identity of the connection, then data; data
+// of no bytes is a connection made or lost. What a complete frame means is decided by the server's
+// process_frame.
+// Threads    WIN server thread.
+#pragma once
+
+#include "link/win_server_private.h"
+
+namespace rtls {
+
+// zloop reader of the WIN port: takes many events a call, so that the loop's other sources cost little.
+// 0, or 1 when there was nothing to take; neither ends the loop.
+int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept;
+
+// Feeds received bytes to the client's decoder; each complete frame goes to server->process_frame.
+void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size);
+
+} // namespace rtls

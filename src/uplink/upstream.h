@@ -1,0 +1,24 @@
+// upstream - reports on their way to the servers: binary ones to the message handler, texts to the proxy's
+// input.
+//
+// Both sends are don't-wait: a server that is down or slow costs its own reports and stalls nobody.
+// Threads    WIN server thread.
+// Failures   A full queue is said once an episode; what it does not take is lost.
+#pragma once
+
+#include "link/win_server_private.h"
+
+namespace rtls {
+
+// One report, and the time of its generation (seconds of the epoch, milliseconds) in a part before it.
+void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size, uint32_t seconds,
+                         uint16_t milliseconds);
+
+// One management line with this text, stamped with the present time.
+void win_management_to_server(WIN_SERVER_t* server, const char* text);
+
+// Publishes UL-TDOA data as a management line. False when the message is too short for what it promises.
+// `node_mac` is not used.
+bool processing_ul_tdoa(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac);
+
+} // namespace rtls
