@@ -61,8 +61,11 @@ add_library(rtls_test_options INTERFACE)
 target_compile_options(rtls_test_options INTERFACE -O0 -g1 -U_FORTIFY_SOURCE)
 
 # rtls_add_tests(<source>... LIBRARIES <library>...): each source is one GoogleTest program
-# named after its file.
+# named after its file. None without RTLS_TESTS.
 function(rtls_add_tests)
+  if(NOT RTLS_TESTS)
+    return()
+  endif()
   cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
   foreach(source IN LISTS arg_UNPARSED_ARGUMENTS)
     cmake_path(GET source STEM name)

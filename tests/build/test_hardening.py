@@ -1,0 +1,59 @@
+"""What reads the network is built so that a fault in it is hard to use: read from the files themselves."""
+import pytest
+from conftest import run
+
+PROGRAMS = ["rtls-gateway", "rtls-sim"]
+
+
+@pytest.fixture(autouse=True)
+def not_sanitized(build):
+    if build.sanitized:
+        pytest.skip("a sanitizer does more, and hides some of it")
+
+
+def readelf(option, file) -> str:
+    return run("readelf", "--wide", option, file)
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_the_program_lies_at_another_address_each_time(build, program):
+    header = readelf("--file-header", build.folder / program)
+    assert "DYN (Position-Independent Executable file)" in header
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_what_the_linker_fills_in_is_complete_and_read_only_before_main(build, program):
+    assert "GNU_RELRO" in readelf("--program-headers", build.folder / program)
+    dynamic = readelf("--dynamic", build.folder / program)
+    assert "BIND_NOW" in dynamic
+    assert "RPATH" not in dynamic and "RUNPATH" not in dynamic, "libraries come from the system's folders alone"
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_nothing_is_writable_and_executable(build, program):
+    segments = [line.split() for line in readelf("--program-headers", build.folder / program).splitlines()]
+    stack = [fields for fields in segments if fields[:1] == ["GNU_STACK"]]
+    assert [fields[6:-1] for fields in stack] == [["RW"]], "the stack is not executable"
+    loaded = ["".join(fields[6:-1]) for fields in segments if fields[:1] == ["LOAD"]]
+    assert loaded and not [flags for flags in loaded if "W" in flags and "E" in flags]
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_an_overwritten_stack_is_noticed(build, program):
+    assert "__stack_chk_fail" in readelf("--dyn-syms", build.folder / program)
+
+
+def test_calls_of_libc_know_how_much_room_there_is(build):
+    if build.cache["CMAKE_BUILD_TYPE"] == "Debug":
+        pytest.skip("without optimisation there is nothing to know it from")
+    assert "__vsnprintf_chk" in readelf("--dyn-syms", build.folder / "rtls-gateway")
+
+
+def test_the_processor_may_check_each_jump_and_return(build):
+    """In our objects: the program's own note names what all its parts have, and Debian's C runtime has none."""
+    if build.cache.get("RTLS_HAS_fcf_protection_full") != "1":
+        pytest.skip("not with this compiler and processor")
+    objects = [*(build.folder / "src").rglob("*.cpp.o"), *(build.folder / "libs").glob("core/CMakeFiles/core.dir/**/*.o")]
+    assert len(objects) > 40
+    unmarked = [file.name for file in objects if "x86 feature: IBT, SHSTK" not in readelf("--notes", file)]
+    assert not unmarked

@@ -1,0 +1,34 @@
+"""cmake --install puts each file where the system's users look for it."""
+import subprocess
+
+import pytest
+from conftest import ROOT, run
+
+
+@pytest.fixture(scope="module")
+def prefix(build, tmp_path_factory):
+    prefix = tmp_path_factory.mktemp("prefix")
+    run("cmake", "--install", build.folder, "--prefix", prefix)
+    return prefix
+
+
+def test_programs_and_configuration_have_their_places(prefix):
+    libraries = (prefix / "lib", prefix / "include", prefix / "share")
+    files = {str(path.relative_to(prefix)) for path in prefix.rglob("*")
+             if path.is_file() and not any(path.is_relative_to(folder) for folder in libraries)}
+    assert files == {"sbin/rtls-gateway", "bin/rtls-sim", "etc/rtls-gateway/rtls-gateway.conf"}
+
+
+def test_the_configuration_is_the_one_that_explains_itself(prefix):
+    installed = prefix / "etc/rtls-gateway/rtls-gateway.conf"
+    assert installed.read_bytes() == (ROOT / "config/rtls-gateway.conf").read_bytes()
+    assert installed.stat().st_mode & 0o777 == 0o644
+
+
+@pytest.mark.parametrize("program,arguments,says", [
+    ("bin/rtls-sim", ["--help"], "Usage"), ("sbin/rtls-gateway", ["-x"], "invalid option")])
+def test_installed_programs_run(prefix, program, arguments, says):
+    environment = {"PATH": "/usr/bin:/bin"}
+    done = subprocess.run([prefix / program, *arguments], env=environment, text=True, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, timeout=60, check=False)
+    assert says in done.stdout

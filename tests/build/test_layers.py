@@ -1,0 +1,76 @@
+"""A folder of src/ sees those before it, and nothing else compiles or links."""
+import json
+import re
+import shlex
+import subprocess
+
+import pytest
+from conftest import ROOT, run
+
+LAYERS = ["base", "registry", "wire", "firmware"]  # that are libraries of their own, from the ground up
+FOLDERS = sorted(path.name for path in (ROOT / "src").iterdir() if path.is_dir())
+
+
+def compiler_command(build, layer) -> list:
+    """How the layer's sources are compiled, without source and output."""
+    for entry in json.loads((build.folder / "compile_commands.json").read_text()):
+        if entry["file"].startswith(f"{ROOT}/src/{layer}/"):
+            command = shlex.split(entry["command"])
+            return command[:command.index("-o")]
+    raise AssertionError(f"no source of {layer} is compiled")
+
+
+def link_command(build, layer) -> list:
+    """How the program that has nothing but the layer and those before it is linked."""
+    line = run("ninja", "-C", build.folder, "-t", "commands", f"rtls_{layer}_links_alone").splitlines()[-1]
+    return shlex.split(line.removeprefix(": && ").removesuffix(" && :"))
+
+
+def link(build, layer, output, *more) -> subprocess.CompletedProcess:
+    command = link_command(build, layer)
+    command[command.index("-o") + 1] = str(output)
+    return subprocess.run(command + [str(part) for part in more], cwd=build.folder, text=True, check=False,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+
+
+def function_of(build, layer) -> str:
+    """The linker's name of one function of the layer."""
+    symbols = run("nm", "--defined-only", build.folder / f"src/{layer}/librtls_{layer}.a")
+    return re.search(r" T (_ZN4rtls\w+)$", symbols, re.M)[1]
+
+
+@pytest.mark.parametrize("layer", LAYERS)
+def test_headers_of_this_layer_and_those_before_are_found_and_no_others(build, layer, tmp_path):
+    seen = LAYERS[:LAYERS.index(layer) + 1]
+    lines = []
+    for folder in FOLDERS:
+        for header in sorted(path.name for path in (ROOT / "src" / folder).glob("*.h")):
+            lines += [f'#if {"!" if folder in seen else ""}__has_include("{folder}/{header}")',
+                      f'#error {folder}/{header} is {"not found" if folder in seen else "found"} from {layer}', "#endif"]
+    assert len(lines) > 100
+    source = tmp_path / "includes.cpp"
+    source.write_text("\n".join(lines) + "\n")
+    run(*compiler_command(build, layer), "-fsyntax-only", source, cwd=build.folder)
+
+
+@pytest.mark.parametrize("layer,above", zip(LAYERS, LAYERS[1:]))
+def test_a_call_that_climbs_does_not_link(build, layer, above, tmp_path):
+    name = function_of(build, above)
+    source, climber = tmp_path / "climber.cpp", tmp_path / "climber.o"
+    source.write_text(f'int above() __asm__("{name}");\nint climb();\nint climb() {{ return above(); }}\n')
+    run(*compiler_command(build, layer), "-c", source, "-o", climber, cwd=build.folder)
+    assert link(build, layer, tmp_path / "program").returncode == 0
+    failed = link(build, layer, tmp_path / "program", climber)
+    assert failed.returncode != 0 and "undefined reference" in failed.stdout
+
+
+def test_the_whole_layer_is_linked(build, tmp_path):
+    """Otherwise its program would leave out the very objects that call what is above them."""
+    assert link(build, "registry", tmp_path / "program").returncode == 0
+    assert function_of(build, "registry") in run("nm", tmp_path / "program")
+
+
+def test_no_include_goes_around_the_layers():
+    around = [f"{path.relative_to(ROOT)}: {line}" for path in (ROOT / "src").rglob("*.[ch]*")
+              for line in path.read_text().splitlines() if re.match(r'\s*#\s*include\s*"(\.\.|/)', line)]
+    assert not around
