@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <new>
 
@@ -115,9 +114,8 @@ static bool write_pid(const char* file_name)
     const int file = open(file_name, O_RDWR | O_CREAT | O_CLOEXEC, 0640);
     if (file == -1) {
         const int code = errno;
-        char text[128];
         logger_error(g_logger, "unable to create pid file %s, code=%d (%s)", file_name, code,
-                     strerror_r(code, text, sizeof text));
+                     errno_text{code}.c_str());
         return false;
     }
     dprintf(file, "%d", getpid());

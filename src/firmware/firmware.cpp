@@ -46,9 +46,7 @@ static uint32_t setVersion(const char* fname)
 {
     const posix_regex pattern{"obn-node\\.(.{8,8})\\.bin", REG_EXTENDED | REG_ICASE};
     if (!pattern.is_compiled()) {
-        std::array<char, 128> text{};
-        const char* reason = strerror_r(errno, text.data(), text.size());
-        logger_error(g_logger, "%s error regcomp %s", __func__, reason);
+        logger_error(g_logger, "%s error regcomp %s", __func__, errno_text{errno}.c_str());
         return 0;
     }
     std::array<regmatch_t, 2> groups{};
