@@ -25,6 +25,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -396,6 +397,16 @@ TEST_F(gateway, running_twice_fails_the_second_time)
     const test_gateway given{m_config};
     EXPECT_TRUE(rtls_gateway_run(given.handle()));
     EXPECT_FALSE(rtls_gateway_run(given.handle()));
+}
+
+TEST_F(gateway, its_threads_have_names)
+{
+    const test_gateway given{m_config};
+    ASSERT_TRUE(rtls_gateway_run(given.handle()));
+    texts_t names;
+    for (const auto& thread : std::filesystem::directory_iterator{"/proc/self/task"})
+        std::getline(std::ifstream{thread.path() / "comm"}, names.emplace_back());
+    EXPECT_THAT(names, testing::IsSupersetOf({"rtls-win", "rtls-terminal"}));
 }
 
 } // namespace
