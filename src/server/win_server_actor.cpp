@@ -161,6 +161,7 @@ bool prepare(WIN_SERVER_t& server, zsock_t* pipe)
 void win_server_actor(zsock_t* pipe, void* p_server) noexcept
 {
     block_all_signals();
+    pthread_setname_np(pthread_self(), "rtls-win");
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (any_null(__func__, pipe, server)) {
         request_stop();

@@ -134,8 +134,16 @@ def test_the_pid_file_is_overwritten_from_its_start_and_stays(start_gateway):
     assert daemon.pid_file.exists()
 
 
-@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT])
-def test_a_signal_ends_it_in_good_order(start_gateway, sig):
+@pytest.fixture
+def hangups_count():
+    """The daemon ignores hangups if we do, as under nohup."""
+    before = signal.signal(signal.SIGHUP, signal.SIG_DFL)
+    yield
+    signal.signal(signal.SIGHUP, before)
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
+def test_a_signal_ends_it_in_good_order(start_gateway, hangups_count, sig):
     daemon = start_gateway()
     bridge = daemon.bridge()
     daemon.broker.wait_for("new win client")
