@@ -292,6 +292,26 @@ struct wrap_ts {
     static constexpr size_t size = 11;
 };
 
+// Discovery, by UDP. All of it is BE. A request is told by its size first: an echo has no command.
+enum DISCOVERY_CMD : uint8_t { DSC_CMD_REQUEST_ADDRESS = 1 };
+
+// Six bytes, whatever they are, ask for the requester's own address. The answer:
+struct discovery_echo {
+    static constexpr size_t request_size = 6;
+    static constexpr size_t address = 0; // IPv4, of the requester
+    static constexpr size_t port = 4;    // the WIN port
+    static constexpr size_t size = 6;
+};
+
+// DSC_CMD_REQUEST_ADDRESS, and 8 bytes of the requester's choice. The answer is the request and:
+struct discovery_address {
+    static constexpr size_t command = 0; // DISCOVERY_CMD
+    static constexpr size_t request_size = 9;
+    static constexpr size_t address = 9; // IPv4, of the gateway
+    static constexpr size_t port = 13;   // the WIN port
+    static constexpr size_t size = 15;
+};
+
 // One 512-byte page of a firmware image. A record in memory: no peer is sent it.
 struct gwMsgUpdateRequest_t {
     gwCmdID_t msgType;
@@ -310,6 +330,9 @@ static_assert(gwMsgConfigNode_t::size == 34 && srvMsgConfigNode_t::size == 26);
 static_assert(gwMsgAck_t::size == 19 && srvMsgAck_t::size == 11 && gwMsgFwImageAvailInd_t::size == 12);
 static_assert(ul_tdoa::percent_of_charge + 1 == 44 && ota_page::page_number + 2 == ota_page::size);
 static_assert(ota_page::size == msgHeader_t::size + ota_page::total_len);
+static_assert(discovery_echo::port + 2 == discovery_echo::size);
+static_assert(discovery_address::address == discovery_address::request_size);
+static_assert(discovery_address::port + 2 == discovery_address::size);
 static_assert(sizeof(gwMsgUpdateRequest_t) == 527);
 
 } // namespace rtls
