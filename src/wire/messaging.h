@@ -7,6 +7,8 @@
 // the field speak: it must stay.
 #pragma once
 
+#include "registry/addresses.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -206,6 +208,15 @@ struct srvMsgAck_t {
     static constexpr size_t size = 11;
 };
 
+// MSG_OTA_UPLOAD_FW: a head, then `len` bytes of URL.
+struct ota_upload {
+    static constexpr size_t msgType = 0; // BE
+    static constexpr size_t git_ver = 2; // BE
+    static constexpr size_t crc32 = 6;   // BE
+    static constexpr size_t len = 10;    // BE
+    static constexpr size_t size = 12;
+};
+
 // MSG_FW_IMAGE_AVAIL_IND: a head, then `len` bytes of URL.
 struct gwMsgFwImageAvailInd_t {
     static constexpr size_t msgType = 0; // BE
@@ -267,14 +278,26 @@ struct ul_tdoa {
     static constexpr size_t percent_of_charge = 43; // when total_len > 38
 };
 
-// GENERIC_REQ_OtaPage, and the head of the response that carries the page.
+// GENERIC_REQ_OtaPage: a node's request for a page; and the head of the request that carries one down to
+// it, whether ours or the server's.
 struct ota_page {
+    static constexpr size_t command = 5;      // BE; GENERIC_REQ_OtaPage
     static constexpr size_t git_id = 7;       // BE
     static constexpr size_t crc32 = 11;       // BE
     static constexpr size_t page_size = 15;   // BE
     static constexpr size_t page_number = 17; // BE
-    static constexpr size_t total_len = 14;   // the only one a request may have
+    static constexpr size_t total_len =
+        14; // of the fields above: the only one that a node's request may have
     static constexpr size_t size = 19;
+};
+
+// MSG_NWK_DATA_15_4_REQ as the server sends it: a block of p_len bytes and some more, which goes on as it
+// is, then the MAC of the node. (What wraps forwarded commands has the same type and a msgHeader_t.)
+struct network_data {
+    static constexpr size_t msgType = 0;   // BE
+    static constexpr size_t p_len = 3;     // BE
+    static constexpr size_t overhead = 13; // of the block, beside the p_len bytes
+    static constexpr size_t size = 21;     // with a p_len of 0
 };
 
 // MSG_NWK_DATA_15_4_IND and MSG_TRF2SRV_VIA_CLIENT: header, inner message of total_len bytes, trailer.
@@ -290,6 +313,13 @@ struct wrap_ts {
     static constexpr size_t seconds = 5;  // BE
     static constexpr size_t fraction = 9; // BE, in units of 1/65536 s
     static constexpr size_t size = 11;
+};
+
+// The part in front of each report to the message handler: its time of generation.
+struct report_timestamp {
+    static constexpr size_t seconds = 0;      // BE
+    static constexpr size_t milliseconds = 4; // BE
+    static constexpr size_t size = 6;
 };
 
 // Discovery, by UDP. All of it is BE. A request is told by its size first: an echo has no command.
@@ -328,8 +358,15 @@ static_assert(gwMsgPrefixRequest_t::size == 11 && gwMsgVrPrefixResponse_t::size 
 static_assert(gwMsgRootAnnounce_t::size == 14 && gwMsgHeartbeat_t::size == 63);
 static_assert(gwMsgConfigNode_t::size == 34 && srvMsgConfigNode_t::size == 26);
 static_assert(gwMsgAck_t::size == 19 && srvMsgAck_t::size == 11 && gwMsgFwImageAvailInd_t::size == 12);
+static_assert(ota_upload::size == ota_upload::len + 2);
+static_assert(gwMsgFwImageAvailInd_t::size == gwMsgFwImageAvailInd_t::len + 2);
+static_assert(network_data::size == network_data::overhead + mac_size);
+static_assert(nwk_data_ind::overhead == nwk_data_ind::inner + nwk_data_ind::trailer_ip + ip_addr_size);
+static_assert(nwk_data_ind::trailer_ip == nwk_data_ind::trailer_mac + mac_size);
+static_assert(wrap_ts::size == wrap_ts::fraction + 2);
 static_assert(ul_tdoa::percent_of_charge + 1 == 44 && ota_page::page_number + 2 == ota_page::size);
 static_assert(ota_page::size == msgHeader_t::size + ota_page::total_len);
+static_assert(report_timestamp::size == report_timestamp::milliseconds + 2);
 static_assert(discovery_echo::port + 2 == discovery_echo::size);
 static_assert(discovery_address::address == discovery_address::request_size);
 static_assert(discovery_address::port + 2 == discovery_address::size);
