@@ -68,6 +68,7 @@ constexpr gwCmdID_t msg_flag_direct_mask = 0x2000;
 
 // Sub-commands of generic requests: the first two payload bytes, BE.
 enum GENERIC_REQ : uint16_t {
+    GENERIC_REQ_Reboot = 1, // down
     GENERIC_REQ_RouteRequest = 10,
     GENERIC_REQ_OtaPage = 16,
     GENERIC_REQ_OtaApply = 17,
@@ -291,6 +292,33 @@ struct ota_page {
     static constexpr size_t size = 19;
 };
 
+// GENERIC_REQ_Reboot: an operator's order to a node. BE.
+struct reboot_request {
+    static constexpr size_t command = 5;
+    static constexpr size_t parameter_len = 7;
+    static constexpr size_t parameter = 9; // u8[2], zero
+    static constexpr size_t mac = 11;
+    static constexpr size_t size = 19;
+};
+
+// GENERIC_REQ_OtaApply: the same, to run the firmware that the node has fetched. BE.
+struct apply_request {
+    static constexpr size_t command = 5;
+    static constexpr size_t mac = 7;
+    static constexpr size_t size = 15;
+};
+
+// The same, to fetch a firmware. BE; a MAC follows the last field that is there.
+struct set_request {
+    static constexpr size_t body_head = 5;        // u8[3], the node firmware's own
+    static constexpr size_t description_size = 8; // u8, of all that follows up to the MAC
+    static constexpr size_t git_ver = 9;          // u32
+    static constexpr size_t crc32 = 13;           // u32
+    static constexpr size_t image_size = 17;      // u32
+    static constexpr size_t source = 21;          // u16, not there in the passive mode
+    static constexpr size_t source_size = 2;
+};
+
 // MSG_NWK_DATA_15_4_REQ as the server sends it: a block of p_len bytes and some more, which goes on as it
 // is, then the MAC of the node. (What wraps forwarded commands has the same type and a msgHeader_t.)
 struct network_data {
@@ -360,6 +388,9 @@ static_assert(gwMsgConfigNode_t::size == 34 && srvMsgConfigNode_t::size == 26);
 static_assert(gwMsgAck_t::size == 19 && srvMsgAck_t::size == 11 && gwMsgFwImageAvailInd_t::size == 12);
 static_assert(ota_upload::size == ota_upload::len + 2);
 static_assert(gwMsgFwImageAvailInd_t::size == gwMsgFwImageAvailInd_t::len + 2);
+static_assert(reboot_request::size == reboot_request::mac + mac_size);
+static_assert(apply_request::size == apply_request::mac + mac_size);
+static_assert(set_request::source == set_request::image_size + 4);
 static_assert(network_data::size == network_data::overhead + mac_size);
 static_assert(nwk_data_ind::overhead == nwk_data_ind::inner + nwk_data_ind::trailer_ip + ip_addr_size);
 static_assert(nwk_data_ind::trailer_ip == nwk_data_ind::trailer_mac + mac_size);
