@@ -370,6 +370,12 @@ struct discovery_address {
     static constexpr size_t size = 15;
 };
 
+// What threads ask of the WIN server: a part with the command, a part with its data. Host order: it stays in
+// the process.
+enum winserw_sock_cmd_t : int32_t {
+    WINSERW_SOCK_CMD_GENERIC_REQ = 0, // a generic request, MAC included
+};
+
 // One 512-byte page of a firmware image. A record in memory: no peer is sent it.
 struct gwMsgUpdateRequest_t {
     gwCmdID_t msgType;
@@ -401,6 +407,7 @@ static_assert(report_timestamp::size == report_timestamp::milliseconds + 2);
 static_assert(discovery_echo::port + 2 == discovery_echo::size);
 static_assert(discovery_address::address == discovery_address::request_size);
 static_assert(discovery_address::port + 2 == discovery_address::size);
+static_assert(sizeof(winserw_sock_cmd_t) == 4);
 static_assert(sizeof(gwMsgUpdateRequest_t) == 527);
 
 } // namespace rtls
