@@ -14,6 +14,7 @@
 #include "terminal/client.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
+#include "wire/messaging.h"
 
 #include <atomic>
 #include <cerrno>
