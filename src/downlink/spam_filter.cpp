@@ -38,19 +38,35 @@ static bool is_last_command(NODE_t& node, bytes_view command)
     return memcmp(node.last_data, command.data(), command.size()) == 0;
 }
 
-static void remember_command(NODE_t& node, bytes_view command)
+// False when memory is short: the node keeps its last command.
+static bool remember_command(NODE_t& node, bytes_view command)
 {
     if (command.size() > node.max_data_size) {
         void* grown = realloc(node.last_data, command.size());
-        if (!grown) {
-            logger_error(g_logger, str_out_of_memory, "spam_filter");
-            return;
-        }
+        if (!grown)
+            return false;
         node.last_data = static_cast<uint8_t*>(grown);
         node.max_data_size = command.size();
     }
     memcpy(node.last_data, command.data(), command.size());
     node.last_data_size = command.size();
+    return true;
+}
+
+enum class verdict { passes, repeats, out_of_memory };
+
+// What there is to say of a command for the node with this MAC. Takes the lock, and logs nothing.
+static verdict judge(NODES_CONTAINER_t& nodes, bytes_view command, const uint8_t* mac, timeval now)
+{
+    const nodes_guard guard{nodes};
+    NODE_t* node = nodes.find_by_mac(mac);
+    if (!node)
+        return verdict::passes;
+    // The time moves on with repeats, too: a steady stream of them stays suppressed.
+    const timeval last = std::exchange(node->last_data_time, now);
+    if (is_within_repeat_interval(last, now) && is_last_command(*node, command))
+        return verdict::repeats;
+    return remember_command(*node, command) ? verdict::passes : verdict::out_of_memory;
 }
 
 bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now)
@@ -60,18 +76,11 @@ bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval n
     if (data_size < proxy_command_min)
         return false;
     const bytes_view command{data, data_size - mac_size};
-
-    auto& nodes = *static_cast<NODES_CONTAINER_t*>(p_nodes);
-    const nodes_guard guard{nodes};
-    NODE_t* node = nodes.find_by_mac(data + command.size());
-    if (!node)
-        return false;
-    // The time moves on with repeats, too: a steady stream of them stays suppressed.
-    const timeval last = std::exchange(node->last_data_time, now);
-    if (is_within_repeat_interval(last, now) && is_last_command(*node, command))
-        return true;
-    remember_command(*node, command);
-    return false;
+    const verdict found =
+        judge(*static_cast<NODES_CONTAINER_t*>(p_nodes), command, data + command.size(), now);
+    if (found == verdict::out_of_memory)
+        logger_error(g_logger, str_out_of_memory, __func__);
+    return found == verdict::repeats;
 }
 
 } // namespace rtls
