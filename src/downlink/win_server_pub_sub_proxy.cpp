@@ -3,15 +3,13 @@
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "downlink/generic_requests.h"
+#include "downlink/node_delivery.h"
 #include "downlink/page_interception.h"
 #include "downlink/spam_filter.h"
 #include "downlink/update_announcement.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
-#include "link/sending.h"
-#include "registry/nodes_container.h"
 #include "wire/messaging.h"
-#include "wire/node_request.h"
 
 #include <array>
 #include <memory>
@@ -28,20 +26,6 @@ constexpr size_t network_block_max = UINT16_MAX - mac_size;
 
 // Errors name the dispatcher, and the type, whichever step finds them: log filters rely on it.
 constexpr char dispatcher[] = "process_data_from_pub_sub_proxy";
-
-// Runs `use` on the node with this MAC, if there is one; what it found. The lock is held until `use` has
-// handed its frame over, so that the node's address and client stay the same. `use` may pass on a null
-// client identity: a node heard of only by way of other clients is asked through every bridge.
-template <typename Use>
-static bool with_node(WIN_SERVER_t* server, bytes_view mac, Use use)
-{
-    NODES_CONTAINER_t& nodes = *server->nodes();
-    const nodes_guard guard{nodes};
-    const NODE_t* node = nodes.find_by_mac(mac.data());
-    if (node)
-        use(*node);
-    return node != nullptr;
-}
 
 // A zero-terminated copy, or nullptr with the reason logged.
 static std::unique_ptr<char[]> copy_text(bytes_view text)
@@ -86,12 +70,12 @@ static void ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
         dbg_print(dbg, DBG_PARSING, "PROXY", "Firmware downloaded. Index: %d\n", index); // newline: sic
 }
 
-static void forward_network_data(WIN_SERVER_t* server, const NODE_t& node, bytes_view block)
+static void forward_network_data(WIN_SERVER_t* server, const node_route& route, bytes_view block)
 {
     // On the stack, and not cleared: the builder writes every byte that is sent.
     std::array<uint8_t, network_block_max + node_request_overhead> frame;
-    const size_t size = node_request_frame(frame, node, block, {});
-    data_to_win_client(server, node.win_client_id, frame.data(), size);
+    const size_t size = node_request_frame(frame, route, block, {});
+    send_to_node(server, route, bytes_view{frame}.first(size));
 }
 
 static void nwk_data_req(WIN_SERVER_t* server, bytes_view data)
@@ -107,12 +91,13 @@ static void nwk_data_req(WIN_SERVER_t* server, bytes_view data)
     }
     const bytes_view mac = data.last(mac_size);
     zsock_t* dbg = server->dbg_client_sock;
-    const bool found = with_node(server, mac, [&](const NODE_t& node) {
-        dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_NWK_DATA_15_4_REQ dst:%02X%02X", mac[6], mac[7]);
-        forward_network_data(server, node, data.first(data.size() - mac_size));
-    });
-    if (!found)
+    const auto route = find_route(server, mac);
+    if (!route) {
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_NWK_DATA_15_4_REQ dst %02X%02X not found", mac[6], mac[7]);
+        return;
+    }
+    dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_NWK_DATA_15_4_REQ dst:%02X%02X", mac[6], mac[7]);
+    forward_network_data(server, *route, data.first(data.size() - mac_size));
 }
 
 static void print_node_configuration(const WIN_SERVER_t* server, bytes_view data)
@@ -150,15 +135,16 @@ static void conf_node_req(WIN_SERVER_t* server, bytes_view data)
         return;
     }
     const bytes_view mac = data.subspan(srvMsgConfigNode_t::long_addr);
-    const bool found = with_node(server, mac, [&](const NODE_t& node) {
-        print_node_configuration(server, data);
-        std::array<uint8_t, srvMsgConfigNode_t::long_addr + node_request_overhead> frame{};
-        const size_t size = node_request_frame(frame, node, node_configuration(data), mac);
-        data_to_win_client(server, node.win_client_id, frame.data(), size);
-    });
-    if (!found)
+    const auto route = find_route(server, mac);
+    if (!route) {
         dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_CONF_NODE_REQ dst %02X%02X not found",
                   mac[6], mac[7]);
+        return;
+    }
+    print_node_configuration(server, data);
+    std::array<uint8_t, srvMsgConfigNode_t::long_addr + node_request_overhead> frame{};
+    const size_t size = node_request_frame(frame, *route, node_configuration(data), mac);
+    send_to_node(server, *route, bytes_view{frame}.first(size));
 }
 
 // Makes the image of `url` the current one and tells the bridges. If it contradicts the announced CRC
@@ -240,16 +226,17 @@ static void rest_ack(WIN_SERVER_t* server, bytes_view data)
     }
     const bytes_view mac = data.subspan(srvMsgAck_t::long_addr);
     zsock_t* dbg = server->dbg_client_sock;
-    const bool found = with_node(server, mac, [&](const NODE_t& node) {
-        dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK dst: %02X%02X seq:%02X", mac[6], mac[7],
-                  data[srvMsgAck_t::seqNo]);
-        std::array<uint8_t, gwMsgAck_t::size> frame{};
-        // Bridges relay acknowledgements by address alone, so this type is never wrapped.
-        const size_t size = node_request_direct(frame, node, data.first(srvMsgAck_t::long_addr));
-        data_to_win_client(server, node.win_client_id, frame.data(), size);
-    });
-    if (!found)
+    const auto route = find_route(server, mac);
+    if (!route) {
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK node: %02X%02X not found", mac[6], mac[7]);
+        return;
+    }
+    dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK dst: %02X%02X seq:%02X", mac[6], mac[7],
+              data[srvMsgAck_t::seqNo]);
+    std::array<uint8_t, gwMsgAck_t::size> frame{};
+    // Bridges relay acknowledgements by address alone, so this type is never wrapped.
+    node_request_direct(frame, *route, data.first(srvMsgAck_t::long_addr));
+    send_to_node(server, *route, frame);
 }
 
 struct proxy_command {
