@@ -5,6 +5,7 @@
 #include "link/rpl_version.h"
 #include "link/sending.h"
 #include "uplink/link_frame.h"
+#include "uplink/payloads.h"
 
 #include <cstring>
 

@@ -1,11 +1,8 @@
-// Generic server requests and sensor reports: messages with a payload of their own length.
-//
-// Their length is a 16-bit quantity, header included, and wraps for the largest payload lengths. Such
-// a frame may pass the size checks with far fewer bytes than it promises, so whoever reads the payload
-// asks first whether the bytes are there.
+#include "uplink/payloads.h"
+
 #include "base/logger.h"
 #include "downlink/page_serving.h"
-#include "uplink/link_frame.h"
+#include "uplink/upstream.h"
 #include "wire/report_texts.h"
 
 #include <arpa/inet.h>
