@@ -10,10 +10,10 @@
 
 namespace rtls {
 
-constexpr size_t generic_request_min = msgHeader_t::size;
-constexpr size_t generic_request_max = 800; // the MAC included
+static constexpr size_t generic_request_min = msgHeader_t::size;
+static constexpr size_t generic_request_max = 800; // the MAC included
 // The longest message, without the MAC, in its longest form: 800 + 21 bytes.
-constexpr size_t generic_frame_max = generic_request_max - mac_size + node_request_overhead;
+static constexpr size_t generic_frame_max = generic_request_max - mac_size + node_request_overhead;
 
 static void forward_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view message, bytes_view mac)
 {

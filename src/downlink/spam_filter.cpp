@@ -11,8 +11,8 @@
 
 namespace rtls {
 
-constexpr suseconds_t repeat_interval_us = 50'000;
-constexpr suseconds_t us_per_second = 1'000'000;
+static constexpr suseconds_t repeat_interval_us = 50'000;
+static constexpr suseconds_t us_per_second = 1'000'000;
 
 // A clock that was set back makes no repeat.
 static bool is_within_repeat_interval(timeval earlier, timeval now)
@@ -53,7 +53,11 @@ static bool remember_command(NODE_t& node, bytes_view command)
     return true;
 }
 
+namespace {
+
 enum class verdict { passes, repeats, out_of_memory };
+
+} // namespace
 
 // What there is to say of a command for the node with this MAC. Takes the lock, and logs nothing.
 static verdict judge(NODES_CONTAINER_t& nodes, bytes_view command, const uint8_t* mac, timeval now)

@@ -19,13 +19,13 @@
 namespace rtls {
 
 // Role bit that tells that the node takes its position in little-endian words.
-constexpr uint8_t role_swaps_position = 0x80;
+static constexpr uint8_t role_swaps_position = 0x80;
 
 // The whole of a MSG_NWK_DATA_15_4_REQ has a 16-bit size.
-constexpr size_t network_block_max = UINT16_MAX - mac_size;
+static constexpr size_t network_block_max = UINT16_MAX - mac_size;
 
 // Errors name the dispatcher, and the type, whichever step finds them: log filters rely on it.
-constexpr char dispatcher[] = "process_data_from_pub_sub_proxy";
+static constexpr char dispatcher[] = "process_data_from_pub_sub_proxy";
 
 // A zero-terminated copy, or nullptr with the reason logged.
 static std::unique_ptr<char[]> copy_text(bytes_view text)
@@ -239,11 +239,16 @@ static void rest_ack(WIN_SERVER_t* server, bytes_view data)
     send_to_node(server, *route, frame);
 }
 
+namespace {
+
 struct proxy_command {
     gwCmdID_t type;
     void (*run)(WIN_SERVER_t* server, bytes_view data); // checks the size itself
 };
-constexpr proxy_command proxy_commands[] = {
+
+} // namespace
+
+static constexpr proxy_command proxy_commands[] = {
     {MSG_OTA_UPLOAD_FW, ota_upload_fw},
     {MSG_NWK_DATA_15_4_REQ, nwk_data_req},
     {MSG_CONF_NODE_REQ, conf_node_req},

@@ -7,13 +7,11 @@
 
 namespace rtls {
 
-namespace {
-
 // Eight tables of the reflected polynomial: table 0 is the bytewise one, table k advances a byte by
 // k more zero bytes, so that eight bytes are folded in at once.
 using crc_table_set = std::array<std::array<uint32_t, 256>, 8>;
 
-constexpr crc_table_set make_crc_tables()
+static constexpr crc_table_set make_crc_tables()
 {
     crc_table_set tables{};
     for (uint32_t i = 0; i < 256; ++i) {
@@ -28,9 +26,9 @@ constexpr crc_table_set make_crc_tables()
     return tables;
 }
 
-constexpr crc_table_set crc_tables = make_crc_tables();
+static constexpr crc_table_set crc_tables = make_crc_tables();
 
-constexpr uint32_t crc_fold_eight(uint32_t crc, bytes_view eight)
+static constexpr uint32_t crc_fold_eight(uint32_t crc, bytes_view eight)
 {
     const auto& t = crc_tables;
     const uint32_t low = load_le32(eight, 0) ^ crc;
@@ -38,8 +36,6 @@ constexpr uint32_t crc_fold_eight(uint32_t crc, bytes_view eight)
     return t[7][low & 0xFF] ^ t[6][low >> 8 & 0xFF] ^ t[5][low >> 16 & 0xFF] ^ t[4][low >> 24] ^
            t[3][high & 0xFF] ^ t[2][high >> 8 & 0xFF] ^ t[1][high >> 16 & 0xFF] ^ t[0][high >> 24];
 }
-
-} // namespace
 
 uint32_t crc32_byte(const uint8_t* p, uint32_t bytelength)
 {

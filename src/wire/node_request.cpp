@@ -5,7 +5,7 @@
 namespace rtls {
 
 // Set in the high byte of the wrapper's type for a node that is reached directly.
-constexpr gwCmdID_t wrapper_direct = msg_flag_direct_mask;
+static constexpr gwCmdID_t wrapper_direct = msg_flag_direct_mask;
 
 static client_identity copy_identity(zframe_t* id)
 {
