@@ -241,6 +241,7 @@ static void rest_ack(WIN_SERVER_t* server, bytes_view data)
 
 namespace {
 
+// A row is a type and the step that handles it; the function that walks the rows never grows.
 struct proxy_command {
     gwCmdID_t type;
     void (*run)(WIN_SERVER_t* server, bytes_view data); // checks the size itself
@@ -260,6 +261,7 @@ static constexpr proxy_command proxy_commands[] = {
     {MSG_TDOA_SCHED_CONF_REQ, tdoa_sched_conf_req},
 };
 
+// Runs the step of the command's type; its type is swapped already. What no row names is printed.
 static void dispatch(WIN_SERVER_t* server, bytes_view data)
 {
     const gwCmdID_t type = load_le16(data, msgGeneric_t::msgType);

@@ -210,6 +210,8 @@ static constexpr link_message link_messages[] = {
     {MSG_SENSOR_IND_NEW, checked_by_handler, handle_sensor_report},
 };
 
+// Hands the message to the handler of its type. False refuses the frame: its size is not the type's, or the
+// handler says so.
 static bool dispatch(link_frame& frame)
 {
     for (const auto& m : link_messages)
