@@ -5,7 +5,7 @@
 // so that most runs get past the checks.
 #include "base/czmq_ptr.h"
 #include "base/hex.h"
-#include "downlink/win_server_pub_sub_proxy.h"
+#include "downlink/proxy_reader.h"
 #include "firmware/ota.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"

@@ -1,5 +1,5 @@
-#include "downlink/win_server_pub_sub_proxy.h"
-#include "link/win_server_private.h"
+#include "downlink/spam_filter.h"
+
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 

@@ -1,5 +1,8 @@
-#include "base/hex.h"
 #include "downlink/win_server_pub_sub_proxy.h"
+
+#include "base/hex.h"
+#include "downlink/page_interception.h"
+#include "downlink/proxy_reader.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
 #include "registry/nodes_container.h"
