@@ -23,7 +23,7 @@ static void forward_to_node(WIN_SERVER_t* server, const NODE_t& node, bytes_view
     const size_t size = node_request_frame(frame, node, message, mac);
     // A node without a client, heard of only by way of other clients, has a null identity here: its
     // requests go to every bridge, one of which reaches it.
-    data_to_win_client(server, node.win_client_id, frame.data(), size);
+    data_to_win_client(server, node.win_client_id.get(), frame.data(), size);
 }
 
 bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)

@@ -119,7 +119,7 @@ static void forward_network_data(WIN_SERVER_t* server, const NODE_t& node, bytes
     // On the stack, and not cleared: the builder writes every byte that is sent.
     std::array<uint8_t, network_data::block_max + node_request_overhead> frame;
     const size_t size = node_request_frame(frame, node, block, {});
-    data_to_win_client(server, node.win_client_id, frame.data(), size);
+    data_to_win_client(server, node.win_client_id.get(), frame.data(), size);
 }
 
 static void nwk_data_req(WIN_SERVER_t* server, bytes_view data)
@@ -182,7 +182,7 @@ static void conf_node_req(WIN_SERVER_t* server, bytes_view data)
         print_node_configuration(server, data);
         std::array<uint8_t, srvMsgConfigNode_t::long_addr + node_request_overhead> frame{};
         const size_t size = node_request_frame(frame, node, node_configuration(data), mac);
-        data_to_win_client(server, node.win_client_id, frame.data(), size);
+        data_to_win_client(server, node.win_client_id.get(), frame.data(), size);
     });
     if (!found)
         dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_CONF_NODE_REQ dst %02X%02X not found",
@@ -274,7 +274,7 @@ static void rest_ack(WIN_SERVER_t* server, bytes_view data)
         std::array<uint8_t, gwMsgAck_t::size> frame{};
         // Bridges relay acknowledgements by address alone, so this type is never wrapped.
         const size_t size = node_request_direct(frame, node, data.first(srvMsgAck_t::long_addr));
-        data_to_win_client(server, node.win_client_id, frame.data(), size);
+        data_to_win_client(server, node.win_client_id.get(), frame.data(), size);
     });
     if (!found)
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK node: %02X%02X not found", mac[6], mac[7]);
@@ -347,27 +347,19 @@ static bool is_within_repeat_interval(timeval earlier, timeval now)
 // count: the newer one replaces the stored one before the comparison.
 static bool is_last_command(NODE_t& node, bytes_view command)
 {
-    if (!node.last_data || node.last_data_size != command.size())
+    if (node.last_data.size() != command.size())
         return false;
-    if (memcmp(node.last_data, command.data(), sizeof(gwCmdID_t)) != 0)
+    if (memcmp(node.last_data.data(), command.data(), sizeof(gwCmdID_t)) != 0)
         return false;
     node.last_data[msgGeneric_t::seqNo] = command[msgGeneric_t::seqNo];
-    return memcmp(node.last_data, command.data(), command.size()) == 0;
+    return memcmp(node.last_data.data(), command.data(), command.size()) == 0;
 }
 
 static void remember_command(NODE_t& node, bytes_view command)
-{
-    if (command.size() > node.max_data_size) {
-        void* grown = realloc(node.last_data, command.size());
-        if (!grown) {
-            logger_error(g_logger, str_out_of_memory, "spam_filter");
-            return;
-        }
-        node.last_data = static_cast<uint8_t*>(grown);
-        node.max_data_size = command.size();
-    }
-    memcpy(node.last_data, command.data(), command.size());
-    node.last_data_size = command.size();
+try {
+    node.last_data.assign(command.begin(), command.end());
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, "spam_filter");
 }
 
 bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now)

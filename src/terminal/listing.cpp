@@ -115,7 +115,7 @@ static uint32_t bridge_of(const NODE_t& node, const bridge_index& bridges)
 {
     if (!node.win_client_id)
         return no_bridge;
-    const auto found = bridges.find(frame_bytes(node.win_client_id));
+    const auto found = bridges.find(frame_bytes(node.win_client_id.get()));
     return found == bridges.end() ? no_bridge : found->second;
 }
 
