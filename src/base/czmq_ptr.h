@@ -18,6 +18,7 @@ struct destroyed_by {
     }
 };
 
+using zactor_ptr = std::unique_ptr<zactor_t, destroyed_by<zactor_destroy>>;
 using zconfig_ptr = std::unique_ptr<zconfig_t, destroyed_by<zconfig_destroy>>;
 using zframe_ptr = std::unique_ptr<zframe_t, destroyed_by<zframe_destroy>>;
 using zhashx_ptr = std::unique_ptr<zhashx_t, destroyed_by<zhashx_destroy>>;
@@ -25,6 +26,7 @@ using zlist_ptr = std::unique_ptr<zlist_t, destroyed_by<zlist_destroy>>;
 using zlistx_ptr = std::unique_ptr<zlistx_t, destroyed_by<zlistx_destroy>>;
 using zloop_ptr = std::unique_ptr<zloop_t, destroyed_by<zloop_destroy>>;
 using zmsg_ptr = std::unique_ptr<zmsg_t, destroyed_by<zmsg_destroy>>;
+using zsock_ptr = std::unique_ptr<zsock_t, destroyed_by<zsock_destroy>>;
 using zstr_ptr = std::unique_ptr<char, destroyed_by<zstr_free>>;
 
 } // namespace rtls

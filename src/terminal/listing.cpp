@@ -23,7 +23,7 @@ std::string terminal_client_line(const TERMINAL_CLIENT_t& client, bool is_asking
 {
     return text_format("%sip:%s:%d sub:%d grep:%s\n", is_asking ? "+" : " ",
                        ipv4_text{client.client_addr}.c_str(), ntohs(client.client_addr.sin_port),
-                       client.subscribed, client.grep_string ? client.grep_string : "--");
+                       client.subscribed, client.grep_string ? client.grep_string->c_str() : "--");
 }
 
 std::string win_client_line(const sockaddr_in& addr)
@@ -240,7 +240,7 @@ void command_pcl(const terminal_request& request)
         return;
     for (void* item = zhashx_first(terminals); item; item = zhashx_next(terminals)) {
         const auto* terminal = static_cast<TERMINAL_CLIENT_t*>(item);
-        const bool is_asking = zframe_eq(terminal->id, request.client->id);
+        const bool is_asking = zframe_eq(terminal->id.get(), request.client->id.get());
         if (!request.answer(terminal_client_line(*terminal, is_asking)))
             return;
     }

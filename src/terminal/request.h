@@ -24,7 +24,7 @@ struct terminal_request {
     std::span<char* const> words;
 
     // One whole answer; false when the operator cannot be reached now.
-    bool answer(const char* text) const noexcept { return terminal_send(client->id, sock, text); }
+    bool answer(const char* text) const noexcept { return terminal_send(client->id.get(), sock, text); }
     bool answer(const std::string& text) const noexcept { return answer(text.c_str()); }
 };
 

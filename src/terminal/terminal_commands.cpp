@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <new>
 #include <cstring>
 #include <string_view>
 
@@ -96,7 +97,7 @@ static void command_quit(const terminal_request& request)
             cut_connection(request.client->fd, request.client->client_addr);
         return;
     }
-    const zstr_ptr id_str{zframe_strhex(request.client->id)};
+    const zstr_ptr id_str{zframe_strhex(request.client->id.get())};
     dbg_print(request.dbg_sock, DBG_TERMINAL, console, "Client %s disconnected", id_str.get());
     zhashx_delete(clients, id_str.get());
 }
@@ -134,7 +135,7 @@ static std::string reboot_node(const terminal_request& request)
 
 static void command_reboot(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id, request.sock};
+    terminal_reply reply{request.client->id.get(), request.sock};
     if (reply)
         reply.send(reboot_node(request));
 }
@@ -151,7 +152,7 @@ static std::string delete_node(const terminal_request& request)
 
 static void command_del(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id, request.sock};
+    terminal_reply reply{request.client->id.get(), request.sock};
     if (reply)
         reply.send(delete_node(request));
 }
@@ -224,33 +225,32 @@ static void command_subm(const terminal_request& request)
 // A pattern that cannot be used takes the old filter away, but the old pattern's text stays and is
 // shown: operators' scripts know it so.
 static void set_filter(const terminal_request& request, const char* pattern)
-{
+try {
     TERMINAL_CLIENT_t& client = *request.client;
-    terminal_client_clear_filter(client);
+    client.preg.reset(); // before the next is compiled: memory may be short
     client.preg = compile_filter(pattern);
     if (!client.preg) {
         request.answer(text_format("GREP: cannot set regexp:  %s\n", zmq_strerror(errno)));
         return;
     }
-    std::free(client.grep_string);
-    client.grep_string = strdup(pattern);
-    if (!client.grep_string)
-        logger_error(g_logger, str_out_of_memory, "command_grep");
+    client.grep_string = pattern;
+} catch (const std::bad_alloc&) {
+    request.client->grep_string.reset();
+    logger_error(g_logger, str_out_of_memory, "command_grep");
 }
 
 static void command_grep(const terminal_request& request)
 {
     if (request.words.size() >= 2)
         set_filter(request, request.words[1]);
-    const char* pattern = request.client->grep_string;
-    request.answer(text_format("GREP: %s\n", pattern ? pattern : no_pattern));
+    const auto& pattern = request.client->grep_string;
+    request.answer(text_format("GREP: %s\n", pattern ? pattern->c_str() : no_pattern));
 }
 
 static void command_grepm(const terminal_request& request)
 {
-    terminal_client_clear_filter(*request.client);
-    std::free(request.client->grep_string);
-    request.client->grep_string = nullptr;
+    request.client->preg.reset();
+    request.client->grep_string.reset();
     request.answer(text_format("GREP: %s\n", no_pattern));
 }
 
