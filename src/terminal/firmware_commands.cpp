@@ -3,6 +3,7 @@
 #include "terminal/node_requests.h"
 #include "terminal/request.h"
 #include "terminal/terminal_server.h"
+#include "terminal/texts.h"
 
 #include <cstring>
 #include <optional>
@@ -10,10 +11,7 @@
 namespace rtls {
 
 static constexpr char incorrect_index[] = "Incorrect INDEX value!\n";
-static constexpr char incorrect_mac[] = "Incorrect MAC value!\n";
-static constexpr char not_in_list[] = "Node %04X not in nodes list\n";
-static constexpr char not_sent[] = "Failed to send command!\n";
-static constexpr char sent[] = "Command sent successfully!\n";
+static constexpr char index_missing[] = "INDEX are missing!\n";
 
 size_t firmware_pages_number(const OTA_FIRMWARE_INFO_t& info)
 {
@@ -132,8 +130,7 @@ static void subcommand_set(const terminal_request& request, terminal_reply& repl
 
 static void subcommand_apply(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? "MAC are missing!\n"
-                                        : firmware_apply(request.gateway, value_word(request)));
+    reply.send(request.words.size() < 3 ? mac_missing : firmware_apply(request.gateway, value_word(request)));
 }
 
 static void subcommand_list(const terminal_request& request, terminal_reply& reply)
@@ -150,14 +147,13 @@ static void subcommand_list(const terminal_request& request, terminal_reply& rep
 
 static void subcommand_info(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
+    reply.send(request.words.size() < 3 ? index_missing
                                         : firmware_info(request.gateway, value_word(request)));
 }
 
 static void subcommand_del(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
-                                        : firmware_del(request.gateway, value_word(request)));
+    reply.send(request.words.size() < 3 ? index_missing : firmware_del(request.gateway, value_word(request)));
 }
 
 static constexpr struct {
