@@ -5,8 +5,8 @@
 #include "base/null_check.h"
 #include "registry/nodes_container.h"
 
-#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 namespace rtls {
@@ -30,27 +30,21 @@ static bool is_within_repeat_interval(timeval earlier, timeval now)
 // count: the newer one replaces the stored one before the comparison.
 static bool is_last_command(NODE_t& node, bytes_view command)
 {
-    if (!node.last_data || node.last_data_size != command.size())
+    if (node.last_data.size() != command.size())
         return false;
-    if (memcmp(node.last_data, command.data(), sizeof(gwCmdID_t)) != 0)
+    if (memcmp(node.last_data.data(), command.data(), sizeof(gwCmdID_t)) != 0)
         return false;
     node.last_data[msgGeneric_t::seqNo] = command[msgGeneric_t::seqNo];
-    return memcmp(node.last_data, command.data(), command.size()) == 0;
+    return memcmp(node.last_data.data(), command.data(), command.size()) == 0;
 }
 
 // False when memory is short: the node keeps its last command.
-static bool remember_command(NODE_t& node, bytes_view command)
-{
-    if (command.size() > node.max_data_size) {
-        void* grown = realloc(node.last_data, command.size());
-        if (!grown)
-            return false;
-        node.last_data = static_cast<uint8_t*>(grown);
-        node.max_data_size = command.size();
-    }
-    memcpy(node.last_data, command.data(), command.size());
-    node.last_data_size = command.size();
+static bool remember_command(NODE_t& node, bytes_view command) noexcept
+try {
+    node.last_data.assign(command.begin(), command.end());
     return true;
+} catch (const std::bad_alloc&) {
+    return false;
 }
 
 namespace {

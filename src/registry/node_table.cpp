@@ -101,10 +101,8 @@ node_table::node_table()
 
 node_table::~node_table()
 {
-    for (auto [mac, node] : m_by_mac) {
-        void* p_node = static_cast<NODE_t*>(node);
-        node_destroy(&p_node);
-    }
+    for (auto [mac, node] : m_by_mac)
+        delete node;
 }
 
 size_t node_table::bucket_of(const uint8_t* mac) const
@@ -129,22 +127,23 @@ stored_node* node_table::find(const uint8_t* mac) noexcept
     return found == m_by_mac.end() ? nullptr : found->second;
 }
 
-bool node_table::insert(stored_node* node) noexcept
+stored_node* node_table::insert(std::unique_ptr<stored_node>&& new_node) noexcept
 {
     try {
-        m_by_mac.emplace(as_number(node->mac_addr), node);
+        m_by_mac.emplace(as_number(new_node->mac_addr), new_node.get());
     } catch (const std::bad_alloc&) {
-        return false;
+        return nullptr;
     }
+    stored_node* const node = new_node.release();
     if (m_size >= m_bucket_count * max_load_percent / 100 && grow())
         ++m_chain_limit;
     find(node->mac_addr); // its chain may be too long, as in a zhashx, which looks before it inserts
     push(m_buckets.get(), m_occupied.get(), bucket_of(node->mac_addr), node);
     ++m_size;
-    return true;
+    return node;
 }
 
-stored_node* node_table::remove(const uint8_t* mac) noexcept
+std::unique_ptr<stored_node> node_table::remove(const uint8_t* mac) noexcept
 {
     stored_node* node = find(mac);
     if (!node)
@@ -159,7 +158,7 @@ stored_node* node_table::remove(const uint8_t* mac) noexcept
     m_by_mac.erase(as_number(mac));
     --m_size;
     m_cursor = nullptr;
-    return node;
+    return std::unique_ptr<stored_node>{node};
 }
 
 // The first bucket from `from` on that holds a node; the number of buckets if there is none.

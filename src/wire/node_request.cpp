@@ -19,7 +19,7 @@ node_route route_of(const NODE_t& node)
 {
     node_route route{};
     if (node.win_client_id)
-        route.client = copy_identity(node.win_client_id);
+        route.client = copy_identity(node.win_client_id.get());
     store_bytes(route.ip_addr, 0, {node.ip_addr, ip_addr_size});
     route.forwarded_ip = node.forwarded_ip;
     route.direct_mask = node.direct_mask;
