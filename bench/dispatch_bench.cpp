@@ -116,9 +116,10 @@ private:
         setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         if (connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
             abort();
-        while (zhashx_size(server().clients) < 2) // the other is the one that is never connected
+        while (server().clients.size() < 2) // the other is the one that is never connected
             handle_win_clients(server().actor_loop, server().win_sock, &server());
-        for (void* item = zhashx_first(server().clients); item; item = zhashx_next(server().clients))
+        for (void* item = zhashx_first(server().clients.unguarded()); item;
+             item = zhashx_next(server().clients.unguarded()))
             if (item != &bridge())
                 m_bridge = static_cast<WIN_CLIENT_t*>(item);
         return connection;

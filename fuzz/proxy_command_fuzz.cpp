@@ -153,11 +153,8 @@ void check_frame(bytes_view frame)
 size_t take_frames(WIN_CLIENT_t* bridge)
 {
     size_t count = 0;
-    for (; zlist_size(bridge->unsent_messages) > 0; ++count) {
-        const zframe_ptr frame{static_cast<zframe_t*>(zlist_pop(bridge->unsent_messages))};
-        check_frame({zframe_data(frame.get()), zframe_size(frame.get())});
-    }
-    bridge->unsent_bytes = 0;
+    for (unsent_queue& unsent = bridge->unsent_messages; !unsent.empty(); unsent.pop(), ++count)
+        check_frame(unsent.front());
     return count;
 }
 

@@ -66,8 +66,7 @@ void forget_everything(idle_gateway& gateway)
 void process_frame(idle_gateway& gateway, bytes_view frame)
 {
     WIN_CLIENT_t& bridge = gateway.bridge();
-    free(bridge.pending_data);
-    bridge.pending_data = static_cast<uint8_t*>(malloc(frame.size()));
+    bridge.pending_data.reset(static_cast<uint8_t*>(malloc(frame.size())));
     bridge.pending_data_size = bridge.pending_buffsize = frame.size();
     if (!frame.empty())
         memcpy(bridge.pending_data, frame.data(), frame.size());

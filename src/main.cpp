@@ -1,4 +1,4 @@
-// main - brings up logging and the gateway, waits for SIGINT or SIGTERM, takes everything down again.
+// main - brings up logging and the gateway, waits for a signal to stop, takes everything down again.
 
 #include "base/config.h"
 #include "base/logger.h"
@@ -97,6 +97,7 @@ int main(int argc, char* argv[])
 {
     // First of all: from here on SIGTERM is an orderly stop, whenever it comes.
     zsys_init();
+    stop_on_hangup();
     block_stop_signals();
     (void)std::signal(SIGPIPE, SIG_IGN);
     raise_descriptor_limit();

@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <new>
 
@@ -106,6 +105,13 @@ void* rtls_gateway_new(const char* config_file_name)
     return owner.release();
 }
 
+static void log_pid_file_error(const char* verb, const char* file_name)
+{
+    const int code = errno;
+    logger_error(g_logger, "unable to %s pid file %s, code=%d (%s)", verb, file_name, code,
+                 errno_text{code}.c_str());
+}
+
 // Writes over the start of the file and neither truncates nor terminates it: whoever prepares the
 // file keeps what follows the number.
 static bool write_pid(const char* file_name)
@@ -114,15 +120,16 @@ static bool write_pid(const char* file_name)
         return false;
     const int file = open(file_name, O_RDWR | O_CREAT | O_CLOEXEC, 0640);
     if (file == -1) {
-        const int code = errno;
-        char text[128];
-        logger_error(g_logger, "unable to create pid file %s, code=%d (%s)", file_name, code,
-                     strerror_r(code, text, sizeof text));
+        log_pid_file_error("create", file_name);
         return false;
     }
-    dprintf(file, "%d", getpid());
-    close(file);
-    return true;
+    const bool is_written = dprintf(file, "%d", getpid()) > 0;
+    if (!is_written)
+        log_pid_file_error("write", file_name);
+    const bool is_closed = close(file) == 0; // where some file systems first tell of a full disk
+    if (!is_closed)
+        log_pid_file_error("close", file_name);
+    return is_written && is_closed;
 }
 
 static bool are_servers_ready(const RTLS_GATEWAY_t& gateway)

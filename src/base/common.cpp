@@ -113,6 +113,8 @@ void dbg_print_ts(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t se
     va_end(args);
 }
 
+errno_text::errno_text(int error) noexcept : m_text(strerror_r(error, m_buffer, sizeof m_buffer)) {}
+
 void log_call_error(const char* function, const char* call)
 {
     const int error = errno;
@@ -123,8 +125,7 @@ void log_call_error(const char* function, const char* call)
 void log_system_call_error(const char* function, const char* call)
 {
     const int error = errno;
-    char text[256];
-    logger_error(g_logger, "%s: %s: %d, %s", function, call, error, strerror_r(error, text, sizeof text));
+    logger_error(g_logger, "%s: %s: %d, %s", function, call, error, errno_text{error}.c_str());
     errno = error;
 }
 

@@ -55,6 +55,19 @@ void dbg_print(zsock_t* dbg_sock, dbg_section_t section, const char* channel, co
 void dbg_print_ts(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t section, const char* channel,
                   const char* format, ...) __attribute__((format(printf, 5, 6)));
 
+// The system's text for an errno, whole for any number.
+class errno_text {
+public:
+    explicit errno_text(int error) noexcept;
+    errno_text(const errno_text&) = delete;
+    errno_text& operator=(const errno_text&) = delete;
+    const char* c_str() const noexcept { return m_text; }
+
+private:
+    char m_buffer[64]; // used for unknown numbers only
+    const char* m_text;
+};
+
 // Logs "<function>: <call>: <errno>, <text>" as an error, with errno as it is at the call and its text
 // by zmq_strerror. Leaves errno as it was.
 void log_call_error(const char* function, const char* call);

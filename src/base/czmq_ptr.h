@@ -5,7 +5,9 @@
 
 #include <czmq.h>
 
+#include <cstdlib>
 #include <memory>
+#include <utility>
 
 namespace rtls {
 
@@ -25,6 +27,20 @@ using zlist_ptr = std::unique_ptr<zlist_t, destroyed_by<zlist_destroy>>;
 using zlistx_ptr = std::unique_ptr<zlistx_t, destroyed_by<zlistx_destroy>>;
 using zloop_ptr = std::unique_ptr<zloop_t, destroyed_by<zloop_destroy>>;
 using zmsg_ptr = std::unique_ptr<zmsg_t, destroyed_by<zmsg_destroy>>;
+using zsock_ptr = std::unique_ptr<zsock_t, destroyed_by<zsock_destroy>>;
 using zstr_ptr = std::unique_ptr<char, destroyed_by<zstr_free>>;
+
+// For what comes from malloc.
+struct freed_by_free {
+    void operator()(void* p) const noexcept { std::free(p); }
+};
+
+// An owner that a record holds and C functions are called with: it lends its handle without ceremony.
+template <typename Owner>
+struct lent : Owner {
+    using Owner::Owner;
+    lent(Owner&& owner) noexcept : Owner(std::move(owner)) {}
+    operator typename Owner::pointer() const noexcept { return this->get(); }
+};
 
 } // namespace rtls

@@ -1,18 +1,13 @@
 // endpoints - the channels between this process's own threads.
 #pragma once
 
-#include <cstdint>
-
 namespace rtls {
 
 // The debug stream: PULL, bound by the terminal server; a PUSH of each printing thread. One part a line.
 inline constexpr char debug_stream_endpoint[] = "inproc://dbg_dump";
 
-// Requests to the WIN server: ROUTER, bound by it; a PUSH of the terminal server's. A part with the command
-// (winserw_sock_cmd_t), a part with its data. "winserw": the name has stood in logs for long.
+// Requests to the WIN server: ROUTER, bound by it; a PUSH of the terminal server's. "winserw": the name has
+// stood in logs for long.
 inline constexpr char request_channel_endpoint[] = "inproc://winserw_channel";
-
-// Host order: it stays in the process.
-enum winserw_sock_cmd_t : int32_t { WINSERW_SOCK_CMD_GENERIC_REQ = 0 };
 
 } // namespace rtls

@@ -12,6 +12,7 @@ static sigset_t stop_signals()
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
     return signals;
 }
 
@@ -20,6 +21,17 @@ void block_all_signals()
     sigset_t signals;
     sigfillset(&signals);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void stop_on_hangup()
+{
+    struct sigaction action = {};
+    sigaction(SIGHUP, nullptr, &action);
+    if (action.sa_handler == SIG_IGN)
+        return;
+    action = {};
+    action.sa_handler = [](int) { request_stop(); };
+    sigaction(SIGHUP, &action, nullptr);
 }
 
 void block_stop_signals()

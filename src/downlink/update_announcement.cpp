@@ -24,15 +24,13 @@ static void update_command_to_all(WIN_SERVER_t& server)
     const auto message = update_command();
     std::array<uint8_t, slip_encoded_limit(msgGeneric_t::size)> encoded{};
     const bytes_view frame{encoded.data(), slip_encode(message, encoded.data())};
-    // By record and not by identity: a look-up would move the table's one cursor.
-    for (void* item = zhashx_first(server.clients); item; item = zhashx_next(server.clients)) {
-        auto* client = static_cast<WIN_CLIENT_t*>(item);
-        client->firmware_updated = false;
-        encoded_to_win_client(&server, client, frame);
+    server.clients.for_each([&](WIN_CLIENT_t& client) {
+        client.firmware_updated = false;
+        encoded_to_win_client(&server, &client, frame);
         dbg_print(server.dbg_client_sock, DBG_PARSING, "UPDATE",
                   "send cmd: MSG_UPDATE_CMD to brige: %s", // sic
-                  ipv4_text{client->addr}.c_str());
-    }
+                  ipv4_text{client.addr}.c_str());
+    });
 }
 
 void win_server_nodes_update(void* p_win_server, zframe_t* client_id)

@@ -26,33 +26,8 @@ constexpr suseconds_t us_per_second = 1'000'000;
 // Role bit that tells that the node takes its position in little-endian words.
 constexpr uint8_t role_swaps_position = 0x80;
 
-// MSG_OTA_UPLOAD_FW: numbers are big-endian; `len` bytes of URL follow.
-namespace ota_upload {
-constexpr size_t git_ver = 2;
-constexpr size_t crc32 = 6;
-constexpr size_t len = 10;
-constexpr size_t size = 12;
-} // namespace ota_upload
-
-// A generic request that carries a firmware page down to a node: big-endian.
-namespace page_request {
-constexpr size_t command = 5; // GENERIC_REQ_OtaPage
-constexpr size_t git_id = 7;
-constexpr size_t crc32 = 11;
-constexpr size_t page_size = 15;
-constexpr size_t page_number = 17;
-constexpr size_t page = 19;
-constexpr size_t head = page - msgHeader_t::size; // the payload in front of the page
-} // namespace page_request
-
-// MSG_NWK_DATA_15_4_REQ: the block that goes on is `p_len` bytes and this much; the MAC follows it.
-namespace network_data {
-constexpr size_t p_len = 3; // big-endian
-constexpr size_t overhead = 13;
-constexpr size_t size_min = overhead + mac_size; // with a p_len of 0
-// The whole command has a 16-bit size.
-constexpr size_t block_max = UINT16_MAX - mac_size;
-} // namespace network_data
+// The whole of a MSG_NWK_DATA_15_4_REQ has a 16-bit size.
+constexpr size_t network_block_max = UINT16_MAX - mac_size;
 
 // Errors name the dispatcher, and the type, whichever step finds them: log filters rely on it.
 constexpr char dispatcher[] = "process_data_from_pub_sub_proxy";
@@ -117,19 +92,19 @@ static void ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
 static void forward_network_data(WIN_SERVER_t* server, const NODE_t& node, bytes_view block)
 {
     // On the stack, and not cleared: the builder writes every byte that is sent.
-    std::array<uint8_t, network_data::block_max + node_request_overhead> frame;
+    std::array<uint8_t, network_block_max + node_request_overhead> frame;
     const size_t size = node_request_frame(frame, node, block, {});
     data_to_win_client(server, node.win_client_id, frame.data(), size);
 }
 
 static void nwk_data_req(WIN_SERVER_t* server, bytes_view data)
 {
-    if (data.size() < network_data::size_min) {
+    if (data.size() < network_data::size) {
         logger_error(g_logger, "%s (MSG_NWK_DATA_15_4_REQ): wrong size %lu", dispatcher, data.size());
         return;
     }
     const uint16_t p_len = load_be16(data, network_data::p_len);
-    if (data.size() > UINT16_MAX || data.size() != p_len + network_data::size_min) {
+    if (data.size() > UINT16_MAX || data.size() != p_len + network_data::size) {
         logger_error(g_logger, "%s (MSG_NWK_DATA_15_4_REQ): wrong p_len %u", dispatcher, p_len);
         return;
     }
@@ -396,13 +371,12 @@ bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval n
 // Whether the bytes at hand hold a whole page, and the request says that it carries one.
 static bool carries_firmware_page(bytes_view request)
 {
-    if (request.size() < page_request::page)
+    if (request.size() < ota_page::size)
         return false;
     const size_t total_len = load_be16(request, msgHeader_t::total_len);
-    const size_t page_size = load_be16(request, page_request::page_size);
-    return total_len > page_request::head &&
-           load_be16(request, page_request::command) == GENERIC_REQ_OtaPage &&
-           total_len >= page_size + page_request::head && request.size() >= page_size + page_request::page;
+    const size_t page_size = load_be16(request, ota_page::page_size);
+    return total_len > ota_page::total_len && load_be16(request, ota_page::command) == GENERIC_REQ_OtaPage &&
+           total_len >= page_size + ota_page::total_len && request.size() >= page_size + ota_page::size;
 }
 
 bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
@@ -417,10 +391,9 @@ bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t pars
     const bytes_view request{buf, parsedlen};
     if (!carries_firmware_page(request))
         return false;
-    return ota->set_firmware_page(load_be32(request, page_request::git_id),
-                                  load_be32(request, page_request::crc32),
-                                  load_be16(request, page_request::page_size),
-                                  load_be16(request, page_request::page_number), buf + page_request::page);
+    return ota->set_firmware_page(load_be32(request, ota_page::git_id), load_be32(request, ota_page::crc32),
+                                  load_be16(request, ota_page::page_size),
+                                  load_be16(request, ota_page::page_number), buf + ota_page::size);
 }
 
 // --- the reader

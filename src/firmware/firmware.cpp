@@ -4,6 +4,7 @@
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/null_check.h"
+#include "firmware/crc32.h"
 #include "firmware/image_download.h"
 
 #include <algorithm>
@@ -12,43 +13,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <span>
 
 namespace rtls {
 
 static constexpr size_t page_bytes = sizeof(gwMsgUpdateRequest_t::buf);
-
-static constexpr std::array<uint32_t, 256> make_crc32_table()
-{
-    std::array<uint32_t, 256> table{};
-    for (uint32_t i = 0; i < table.size(); ++i) {
-        uint32_t value = i;
-        for (int bit = 0; bit < 8; ++bit)
-            value = (value & 1) != 0 ? value >> 1 ^ 0xEDB88320 : value >> 1;
-        table[i] = value;
-    }
-    return table;
-}
-
-// Reflected polynomial of IEEE 802.3.
-static constexpr std::array<uint32_t, 256> crc32table = make_crc32_table();
-
-// The nodes' own rule: no inversion before or after, unlike crc32_byte. They check pages with it.
-static unsigned int crc32(std::span<const uint8_t> bytes, unsigned int crc)
-{
-    for (const uint8_t value : bytes)
-        crc = crc32table[(crc ^ value) & 0xFF] ^ crc >> 8;
-    return crc;
-}
 
 // The version in the name of an image file, "obn-node.<eight hex digits>.bin"; 0 when there is none.
 static uint32_t setVersion(const char* fname)
 {
     const posix_regex pattern{"obn-node\\.(.{8,8})\\.bin", REG_EXTENDED | REG_ICASE};
     if (!pattern.is_compiled()) {
-        std::array<char, 128> text{};
-        const char* reason = strerror_r(errno, text.data(), text.size());
-        logger_error(g_logger, "%s error regcomp %s", __func__, reason);
+        logger_error(g_logger, "%s error regcomp %s", __func__, errno_text{errno}.c_str());
         return 0;
     }
     std::array<regmatch_t, 2> groups{};
@@ -82,7 +57,7 @@ FIRMWARE_t* firmware_get_from_url(const char* url)
         return nullptr;
     firmware->memory = image->memory.release();
     firmware->size = image->size;
-    firmware->crc32 = crc32({firmware->memory, firmware->size}, 0);
+    firmware->crc32 = crc32_uninverted({firmware->memory, firmware->size});
     firmware->version = setVersion(firmware->name);
     logger_info(g_logger, "firmware image: %s crc: %04X version: %04X len: %lu", firmware->name,
                 firmware->crc32, firmware->version, firmware->size);
@@ -115,7 +90,7 @@ bool firmware_msg_pack(FIRMWARE_t* firmware, gwMsgUpdateRequest_t* msg)
     msg->len = static_cast<uint16_t>(length);
     std::memset(msg->buf, 0xFF, page_bytes);
     std::memcpy(msg->buf, firmware->memory + offset, length);
-    msg->crc32 = crc32(msg->buf, 0);
+    msg->crc32 = crc32_uninverted(msg->buf);
     return true;
 }
 

@@ -220,9 +220,7 @@ std::optional<downloaded_image> image_download(const char* url, const image_down
 {
     image_receiver receiver{options};
     if (!receiver.is_ready()) {
-        std::array<char, 128> text{};
-        const char* reason = strerror_r(errno, text.data(), text.size());
-        logger_error(g_logger, "%s error regcomp %s", options.caller, reason);
+        logger_error(g_logger, "%s error regcomp %s", options.caller, errno_text{errno}.c_str());
         return std::nullopt;
     }
     const CURLcode rc = perform(url, receiver, options.timeout);

@@ -9,6 +9,7 @@
 // Failures   Logged; a failed download leaves nothing behind. Nothing throws.
 #pragma once
 
+#include "base/czmq_ptr.h"
 #include "base/posix_regex.h"
 
 #include <chrono>
@@ -25,9 +26,6 @@ namespace rtls {
 // The largest image that the gateway keeps, downloaded or assembled.
 inline constexpr size_t image_size_ceiling = size_t{64} << 20;
 
-struct freed_by_free {
-    void operator()(void* p) const noexcept { std::free(p); }
-};
 // Image bytes come from malloc, because images under assembly grow by realloc.
 using image_memory = std::unique_ptr<uint8_t[], freed_by_free>;
 

@@ -1,27 +1,74 @@
-#include "base/null_check.h"
-#include "base/peer.h"
-#include "link/win_server_private.h"
+#include "link/client_table.h"
 
 #include <cstring>
-#include <mutex>
+#include <new>
 
 namespace rtls {
 
-WIN_CLIENT_t* win_server_find_client(WIN_SERVER_t* server, const char* key)
+client_table::client_table() : m_records(zhashx_new())
 {
-    if (any_null(__func__, server, key))
-        return nullptr;
-    // Only the actor deletes clients, so that what is found outlives the lock.
-    const std::lock_guard guard{server->clients_mutex};
-    return static_cast<WIN_CLIENT_t*>(zhashx_lookup(server->clients, key));
+    if (m_records)
+        zhashx_set_destructor(m_records.get(), win_client_destroy);
 }
 
-void win_client_set_mac_addr(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* mac)
+WIN_CLIENT_t* client_table::find(const char* key) noexcept
 {
-    if (any_null(__func__, server, client, mac))
-        return;
-    const std::lock_guard guard{server->clients_mutex};
-    std::memcpy(client->mac_addr, mac, mac_size);
+    const mutex_guard guard{
+        m_mutex}; // a look-up that meets a long chain moves the whole table to new buckets
+    return static_cast<WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key));
+}
+
+bool client_table::insert(const char* key, WIN_CLIENT_t* client) noexcept
+{
+    const mutex_guard guard{m_mutex};
+    try {
+        if (m_walk.capacity() <= zhashx_size(m_records.get()))
+            m_walk.reserve(2 * m_walk.capacity() + 8);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return zhashx_insert(m_records.get(), key, client) == 0;
+}
+
+void client_table::erase(const char* key) noexcept
+{
+    const mutex_guard guard{m_mutex};
+    zhashx_delete(m_records.get(), key);
+}
+
+size_t client_table::size() noexcept
+{
+    const mutex_guard guard{m_mutex};
+    return zhashx_size(m_records.get());
+}
+
+void client_table::set_mac_addr(WIN_CLIENT_t& client, const uint8_t* mac) noexcept
+{
+    const mutex_guard guard{m_mutex};
+    std::memcpy(client.mac_addr, mac, mac_size);
+}
+
+void client_table::collect() noexcept
+{
+    const mutex_guard guard{m_mutex};
+    m_walk.clear();
+    for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get()))
+        m_walk.push_back(static_cast<WIN_CLIENT_t*>(item));
+}
+
+std::vector<win_client_info> client_table::copy()
+{
+    std::vector<win_client_info> copies;
+    const mutex_guard guard{m_mutex};
+    copies.reserve(zhashx_size(m_records.get()));
+    for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get())) {
+        const auto* client = static_cast<WIN_CLIENT_t*>(item);
+        win_client_info& copy = copies.emplace_back();
+        copy.id.reset(zframe_dup(client->id));
+        copy.addr = client->addr;
+        std::memcpy(copy.mac_addr, client->mac_addr, mac_size);
+    }
+    return copies;
 }
 
 } // namespace rtls

@@ -10,7 +10,6 @@
 
 #include <array>
 #include <memory>
-#include <mutex>
 #include <new>
 
 namespace rtls {
@@ -53,20 +52,20 @@ bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t
         return false;
     }
     if (client_id) {
-        WIN_CLIENT_t* client = win_server_find_client(server, identity_key{client_id}.c_str());
+        WIN_CLIENT_t* client = server->clients.find(identity_key{client_id}.c_str());
         if (!client)
             return false;
         encoded_to_win_client(server, client, message.bytes());
         return true;
     }
-    for (void* client = zhashx_first(server->clients); client; client = zhashx_next(server->clients))
-        encoded_to_win_client(server, static_cast<WIN_CLIENT_t*>(client), message.bytes());
+    server->clients.for_each(
+        [&](WIN_CLIENT_t& client) { encoded_to_win_client(server, &client, message.bytes()); });
     return true;
 }
 
 void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded)
 {
-    if (zlist_size(client->unsent_messages) > 0) {
+    if (!client->unsent_messages.empty()) {
         data_to_cache(server, client, encoded.data(), encoded.size());
         unsent_messages_to_win_client(server, client);
     } else if (!esc_data_to_win_client(server, client->id, encoded.data(), encoded.size())) {
@@ -104,7 +103,7 @@ bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uin
 static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WIN_CLIENT_t* client)
 {
     // A client with a backlog is known not to read: waiting for it would stall all the others.
-    const bool stalled = client && zlist_size(client->unsent_messages) > 0;
+    const bool stalled = client && !client->unsent_messages.empty();
     const int flags = ZFRAME_MORE | ZFRAME_REUSE | (stalled ? ZFRAME_DONTWAIT : 0);
     if (zframe_send(&client_id, server.win_sock, flags) == 0)
         zstr_sendm(server.win_sock, "");
@@ -119,10 +118,9 @@ void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
     if (any_null(__func__, server, client_id) || any_null(__func__, server->win_sock))
         return;
     const identity_key key{client_id}; // client_id may go with the record
-    close_connection(*server, client_id, win_server_find_client(server, key.c_str()));
+    close_connection(*server, client_id, server->clients.find(key.c_str()));
     server->closed_ids.remember(key.c_str());
-    const std::lock_guard guard{server->clients_mutex};
-    zhashx_delete(server->clients, key.c_str());
+    server->clients.erase(key.c_str());
 }
 
 } // namespace rtls

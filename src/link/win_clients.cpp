@@ -27,18 +27,11 @@ WIN_CLIENT_t* win_client_new(zframe_t* id)
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
     }
-    client->id = zframe_dup(id);
+    client->id.reset(zframe_dup(id));
     if (!client->id) {
         log_call_error(__func__, "zframe_dup");
         return nullptr;
     }
-    client->unsent_messages = zlist_new();
-    if (!client->unsent_messages) {
-        log_call_error(__func__, "unsent_messages zlist_new");
-        return nullptr;
-    }
-    client->connection_delay = connection_delay_ticks;
-    client->fd = -1;
     return static_cast<WIN_CLIENT_t*>(owner.release());
 }
 
@@ -49,13 +42,6 @@ void win_client_destroy(void** pp_client) noexcept
     auto* client = static_cast<WIN_CLIENT_t*>(*pp_client);
     if (!client)
         return;
-    zframe_destroy(&client->id);
-    std::free(client->pending_data);
-    if (client->unsent_messages) {
-        while (zlist_size(client->unsent_messages) > 0)
-            zframe_ptr{static_cast<zframe_t*>(zlist_pop(client->unsent_messages))}.reset();
-        zlist_destroy(&client->unsent_messages);
-    }
     delete client;
     *pp_client = nullptr;
 }
@@ -64,10 +50,11 @@ void win_client_destroy(void** pp_client) noexcept
 // memory is short.
 static bool set_capacity(WIN_CLIENT_t& client, size_t capacity)
 {
-    void* moved = std::realloc(client.pending_data, capacity);
+    void* moved = std::realloc(client.pending_data.get(), capacity);
     if (!moved)
         return false;
-    client.pending_data = static_cast<uint8_t*>(moved);
+    (void)client.pending_data.release(); // realloc has disposed of it
+    client.pending_data.reset(static_cast<uint8_t*>(moved));
     client.pending_buffsize = capacity;
     return true;
 }

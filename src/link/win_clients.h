@@ -6,6 +6,8 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "base/czmq_ptr.h"
+#include "link/unsent_messages.h"
 #include "registry/node.h"
 
 #include <czmq.h>
@@ -22,28 +24,25 @@ using PARSING_STATE_t = PARSING_STATE;
 // The step in which the buffer of a frame grows, and the most one frame may take.
 constexpr size_t pending_data_step = 512;
 constexpr size_t pending_data_limit = size_t{1024} * 1024;
-// The most bytes that wait for one client that does not read, and the most messages: each takes some 400
-// bytes of memory beside its own, which for many small ones would be eighty times the bytes' limit.
-constexpr size_t unsent_messages_limit = size_t{16} * 1024 * 1024;
-constexpr size_t unsent_messages_number_limit = size_t{256} * 1024;
 // Supervision ticks for which an unwanted client is kept.
 constexpr unsigned int connection_delay_ticks = 5;
 
-struct WIN_CLIENT_t {
-    zframe_t* id;          // owned copy of the stream socket's routing identity
-    sockaddr_in addr;      // the peer; zero when unknown
-    uint8_t* pending_data; // owned (malloc); the frame being assembled
-    size_t pending_data_size;
-    size_t pending_buffsize; // capacity of pending_data
-    PARSING_STATE_t parsing_state;
-    uint8_t mac_addr[mac_size];    // of the bridge itself; zero until it names it
-    bool firmware_updated;         // cleared when a new image is announced
-    unsigned int connection_delay; // grace ticks left
-    zlist_t* unsent_messages;      // owned zframe_t*, oldest first
+// From malloc: it grows in place where it can.
+using frame_buffer = std::unique_ptr<uint8_t[], freed_by_free>;
 
-    size_t unsent_bytes;  // in unsent_messages, against unsent_messages_limit
-    bool unsent_overflow; // an overflow of it has been reported
-    int fd;               // the connection's descriptor as seen at connect, or -1
+struct WIN_CLIENT_t {
+    lent<zframe_ptr> id;             // a copy of the stream socket's routing identity
+    sockaddr_in addr{};              // the peer; zero when unknown
+    lent<frame_buffer> pending_data; // the frame being assembled
+    size_t pending_data_size = 0;
+    size_t pending_buffsize = 0; // capacity of pending_data
+    PARSING_STATE_t parsing_state = PS_NONE;
+    uint8_t mac_addr[mac_size]{};                           // of the bridge itself; zero until it names it
+    bool firmware_updated = false;                          // cleared when a new image is announced
+    unsigned int connection_delay = connection_delay_ticks; // grace ticks left
+    unsent_queue unsent_messages;
+    bool unsent_overflow = false; // a loss since it was last empty has been reported
+    int fd = -1;                  // the connection's descriptor as seen at connect, or -1
 };
 
 // A fresh record with a copy of the identity and no buffer yet, or nullptr with the reason logged.

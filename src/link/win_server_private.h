@@ -5,8 +5,8 @@
 
 #include "base/bytes.h"
 #include "base/common.h"
+#include "link/client_table.h"
 #include "link/closed_ids.h"
-#include "link/win_clients.h"
 #include "services.h"
 
 #include <czmq.h>
@@ -14,8 +14,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
-#include <optional>
+#include <string>
 
 namespace rtls {
 
@@ -24,10 +23,10 @@ struct WIN_SERVER_t {
     zactor_t* actor = nullptr;        // owner's thread; null while not running
     in_port_t win_port = 0;           // host order
     in_port_t discovery_port = 0;
-    zhashx_t* clients = nullptr;        // owned WIN_CLIENT_t by identity; see clients_mutex
-    char* proxy_full_address = nullptr; // owned endpoint texts
-    char* proxy_full_input_address = nullptr;
-    char* msg_handler_full_address = nullptr;
+    client_table clients;
+    std::string proxy_full_address; // endpoints
+    std::string proxy_full_input_address;
+    std::string msg_handler_full_address;
     uint16_t rpl_prefix = 1;
     bool rpl_timer_is_active = false;
     bool unprocessed_MSG_PANID_REQ = false;
@@ -44,14 +43,10 @@ struct WIN_SERVER_t {
     zsock_t* msg_handler_sock = nullptr;
 
     int win_backlog = 0; // of the WIN port; 0: the library's default
-    // Other threads copy the table (win_server_copy_clients). The actor holds this around insert, delete,
-    // look-ups (one that meets a long chain moves the whole table to new buckets) and writes of mac_addr;
-    // not around its walks and what it reads of a record. Where both are held, the nodes container's lock
-    // is the outer one.
-    std::mutex clients_mutex;
     closed_id_set closed_ids;
-    int64_t last_win_event = 0;               // zclock_usecs of when the WIN port was last drained
-    std::optional<int64_t> last_client_check; // zclock_mono of the last client check
+    int64_t last_win_event = 0;    // zclock_usecs of when the WIN port was last drained
+    int64_t supervised_since = 0;  // zclock_mono of when the first period of the client checks began
+    int64_t last_client_check = 0; // number of the period in which clients were last checked
 
     // What becomes of a complete frame, which stands in client->pending_data; the server wires it.
     bool (*process_frame)(WIN_SERVER_t* server, WIN_CLIENT_t* client) = nullptr;
@@ -60,10 +55,5 @@ struct WIN_SERVER_t {
     NODES_CONTAINER_t* nodes() const { return rtls_gateway ? rtls_gateway->nodes : nullptr; }
     OTA_t* ota() const { return rtls_gateway ? rtls_gateway->ota : nullptr; }
 };
-
-// The client with this identity as upper-case hex, or nullptr. Moves the table's one cursor.
-WIN_CLIENT_t* win_server_find_client(WIN_SERVER_t* server, const char* key);
-// Takes over the MAC that the client's bridge gives itself; other threads see it whole (clients_mutex).
-void win_client_set_mac_addr(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* mac);
 
 } // namespace rtls

@@ -55,7 +55,7 @@ win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, const i
     const bool known = read_peer_address(client->fd, client->addr);
     print_new_client(server, known ? &client->addr : nullptr, key);
 
-    client->pending_data = static_cast<uint8_t*>(std::malloc(pending_data_step));
+    client->pending_data.reset(static_cast<uint8_t*>(std::malloc(pending_data_step)));
     if (!client->pending_data) {
         logger_error(g_logger, str_out_of_memory, "handle_win_clients");
         return nullptr;
@@ -70,11 +70,8 @@ void on_connect(WIN_SERVER_t& server, message_part& identity, const identity_key
     if (!owner)
         return;
     auto* client = static_cast<WIN_CLIENT_t*>(owner.get());
-    {
-        const std::lock_guard guard{server.clients_mutex};
-        if (zhashx_insert(server.clients, key.c_str(), client) != 0)
-            return;
-    }
+    if (!server.clients.insert(key.c_str(), client))
+        return;
     (void)owner.release(); // the table's from here on
     // Bridges wait for this before they speak; it stands outside of any frame on purpose.
     static constexpr uint8_t greeting[] = {'s', 'y', 'n', 'c', '\n'};
@@ -86,8 +83,7 @@ void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const ident
     dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "Connection closed by peer IP:%s:%d MAC:%s ID:[%s]",
               ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
               colon_mac_text{client.mac_addr}.c_str(), key.c_str());
-    const std::lock_guard guard{server.clients_mutex};
-    zhashx_delete(server.clients, key.c_str());
+    server.clients.erase(key.c_str());
 }
 
 void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_key& key, bytes_view data)
@@ -102,7 +98,7 @@ void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_key& key
 void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& data)
 {
     const identity_key key{identity.bytes()};
-    WIN_CLIENT_t* client = win_server_find_client(&server, key.c_str());
+    WIN_CLIENT_t* client = server.clients.find(key.c_str());
     const bytes_view bytes = data.bytes();
     if (client && !bytes.empty())
         on_data(server, *client, key, bytes);

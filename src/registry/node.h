@@ -1,6 +1,8 @@
 // node - what the gateway knows of one node of the location network.
 #pragma once
 
+#include "registry/addresses.h"
+
 #include <czmq.h>
 #include <sys/time.h>
 
@@ -8,9 +10,6 @@
 #include <cstdint>
 
 namespace rtls {
-
-constexpr size_t mac_size = 8;
-constexpr size_t ip_addr_size = 16;
 
 // One node. Owned by the nodes container; borrowed under its lock.
 // ip_addr and forwarded_ip change only through nodes_container_set_address, which keeps the

@@ -4,42 +4,23 @@
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "base/udplib.h"
-#include "link/win_server_private.h"
+#include "wire/discovery_answers.h"
 
 #include <algorithm>
+#include <array>
 #include <optional>
 
 namespace rtls {
 
+constexpr size_t receive_limit = 32; // longer datagrams are cut by the receive
+
 // A datagram as it came in.
 struct discovery_datagram {
-    std::array<uint8_t, discovery::receive_limit> bytes;
+    std::array<uint8_t, receive_limit> bytes;
     size_t size;
     sockaddr_in requester;
     in_addr gateway; // the local address that it was sent to
 };
-
-static void store_endpoint(bytes_span out, size_t at, in_addr address, in_port_t port)
-{
-    store_be32(out, at, ntohl(address.s_addr));
-    store_be16(out, at + sizeof(uint32_t), port);
-}
-
-std::array<uint8_t, discovery::echo_answer_size> discovery_echo_answer(in_addr requester, in_port_t win_port)
-{
-    std::array<uint8_t, discovery::echo_answer_size> answer{};
-    store_endpoint(answer, 0, requester, win_port);
-    return answer;
-}
-
-std::array<uint8_t, discovery::address_answer_size>
-discovery_address_answer(bytes_view request, in_addr gateway, in_port_t win_port)
-{
-    std::array<uint8_t, discovery::address_answer_size> answer{};
-    store_bytes(answer, 0, request.first(discovery::address_request_size));
-    store_endpoint(answer, discovery::address_request_size, gateway, win_port);
-    return answer;
-}
 
 // The local address out of the first packet information; none when it is missing or was cut off.
 static std::optional<in_addr> local_address(msghdr& message)
@@ -97,15 +78,15 @@ static void answer_datagram(const WIN_SERVER_t* server, const discovery_datagram
                    sizeof datagram.requester);
     };
     // The size comes first: an address echo has no command byte.
-    if (datagram.size == discovery::echo_request_size)
+    if (datagram.size == discovery_echo::request_size)
         return send(discovery_echo_answer(datagram.requester.sin_addr, server->win_port));
 
-    const unsigned int command = datagram.bytes[0];
-    if (command != discovery::DSC_CMD_REQUEST_ADDRESS) {
+    const unsigned int command = datagram.bytes[discovery_address::command];
+    if (command != DSC_CMD_REQUEST_ADDRESS) {
         dbg_print(server->dbg_client_sock, DBG_DISCOVERY, "DISC", "unknown discovery command: %u", command);
         return;
     }
-    if (datagram.size != discovery::address_request_size) {
+    if (datagram.size != discovery_address::request_size) {
         dbg_print(server->dbg_client_sock, DBG_DISCOVERY, "DISC", "Invalid size of DSC_CMD_REQUEST_ADDRESS");
         return;
     }

@@ -13,13 +13,12 @@
 #include "server/win_server.h"
 
 #include <new>
+#include <utility>
 #include <vector>
 
 namespace rtls {
 
-// After a long call of another handler, zloop runs all missed ticks in a row. They must not use up the
-// grace of clients that had no chance to be heard meanwhile.
-static constexpr int64_t least_check_distance_ms = 500;
+static constexpr int64_t check_period_ms = 1000;
 
 // A client is wanted while its own node lives and was last heard through this very connection.
 static bool is_wanted(NODES_CONTAINER_t& nodes, const WIN_CLIENT_t& client)
@@ -42,16 +41,16 @@ static bool has_run_out(NODES_CONTAINER_t& nodes, WIN_CLIENT_t& client)
     return false;
 }
 
-// Deleting from the table while walking it would skip its neighbours: clients are collected first, in
-// table order.
+// The walk erases nobody: clients are collected first, in table order.
 static std::vector<const WIN_CLIENT_t*> unwanted_clients(WIN_SERVER_t& server,
                                                          NODES_CONTAINER_t& nodes) noexcept
 {
     std::vector<const WIN_CLIENT_t*> unwanted;
     try {
-        for (void* item = zhashx_first(server.clients); item; item = zhashx_next(server.clients))
-            if (auto* client = static_cast<WIN_CLIENT_t*>(item); has_run_out(nodes, *client))
-                unwanted.push_back(client);
+        server.clients.for_each([&](WIN_CLIENT_t& client) {
+            if (has_run_out(nodes, client))
+                unwanted.push_back(&client);
+        });
     } catch (const std::bad_alloc&) {
         logger_error(g_logger, str_out_of_memory, "check_client_connection"); // the rest: next tick
     }
@@ -66,6 +65,15 @@ static void close_unwanted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
     delete_win_client(&server, client.id);
 }
 
+// Whether this is the first check in its period, counted from when the timer was set. After a stall, zloop
+// runs all missed ticks in a row: they must not use up the grace of clients that had no chance to be heard
+// meanwhile. A late tick, on the other hand, takes nothing from the punctual one behind it.
+static bool is_new_period(WIN_SERVER_t& server, int64_t now)
+{
+    const int64_t period = (now - server.supervised_since) / check_period_ms;
+    return std::exchange(server.last_client_check, period) != period;
+}
+
 int check_client_connection_at(WIN_SERVER_t* server, int64_t now)
 {
     NODES_CONTAINER_t* nodes = server->nodes();
@@ -73,9 +81,8 @@ int check_client_connection_at(WIN_SERVER_t* server, int64_t now)
         logger_error(g_logger, "%s: null pointer to nodes container!", "check_client_connection");
         return 1;
     }
-    if (server->last_client_check && now - *server->last_client_check < least_check_distance_ms)
+    if (!is_new_period(*server, now))
         return 0;
-    server->last_client_check = now;
     for (const WIN_CLIENT_t* client : unwanted_clients(*server, *nodes))
         close_unwanted(*server, *client);
     return 0;
@@ -105,11 +112,11 @@ int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept
 
 static bool reconnect_proxy(WIN_SERVER_t& server)
 {
-    if (zsock_disconnect(server.proxy_sock, "%s", server.proxy_full_address) != 0) {
+    if (zsock_disconnect(server.proxy_sock, "%s", server.proxy_full_address.c_str()) != 0) {
         log_call_error("check_proxy_connection", "zsock_disconnect");
         return false;
     }
-    if (zsock_connect(server.proxy_sock, "%s", server.proxy_full_address) != 0) {
+    if (zsock_connect(server.proxy_sock, "%s", server.proxy_full_address.c_str()) != 0) {
         log_call_error("check_proxy_connection", "zsock_connect");
         return false;
     }
@@ -135,10 +142,10 @@ int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server) n
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (any_null(__func__, loop, server))
         return 1;
-    zhashx_t* clients = win_server_get_clients(server);
-    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients))
-        if (zlist_size(static_cast<WIN_CLIENT_t*>(item)->unsent_messages) > 0)
-            unsent_messages_to_win_client(server, item);
+    server->clients.for_each([&](WIN_CLIENT_t& client) {
+        if (!client.unsent_messages.empty())
+            unsent_messages_to_win_client(server, &client);
+    });
     return 0;
 }
 

@@ -21,18 +21,9 @@ namespace rtls {
 
 using win_server_ptr = std::unique_ptr<void, destroyed_by<win_server_destroy>>;
 
-static constexpr char endpoint_prefix[] = "tcp://";
-
-// The endpoint in a text of its own, or null with a log line.
-static char* make_endpoint(const char* address, uint16_t port)
+static std::string make_endpoint(const char* address, uint16_t port)
 {
-    const size_t length = strlen(endpoint_prefix) + strlen(address) + 10; // colon, port, end
-    char* endpoint = static_cast<char*>(std::malloc(length));
-    if (endpoint)
-        snprintf(endpoint, length, "%s%s:%u", endpoint_prefix, address, port);
-    else
-        logger_error(g_logger, str_out_of_memory, "win_server_new");
-    return endpoint;
+    return "tcp://" + std::string{address} + ':' + std::to_string(port);
 }
 
 // An optional key, read without config_value_get so that its absence logs nothing.
@@ -70,7 +61,7 @@ static bool read_config(zconfig_t* config, WIN_SERVER_t& server)
     server.proxy_full_address = make_endpoint(proxy_address, proxy_port);
     server.proxy_full_input_address = make_endpoint(proxy_address, proxy_input_port);
     server.msg_handler_full_address = make_endpoint(handler_address, handler_port);
-    return server.proxy_full_address && server.proxy_full_input_address && server.msg_handler_full_address;
+    return true;
 }
 
 void* win_server_new(zconfig_t* config, void* p_rtls_gateway)
@@ -85,14 +76,17 @@ void* win_server_new(zconfig_t* config, void* p_rtls_gateway)
     }
     server->rtls_gateway = static_cast<services*>(p_rtls_gateway);
     server->process_frame = process_data_from_win_client;
-    if (!read_config(config, *server))
-        return nullptr;
-    server->clients = zhashx_new();
-    if (!server->clients) {
+    if (!server->clients.is_made()) {
         log_call_error(__func__, "zhashx_new");
         return nullptr;
     }
-    zhashx_set_destructor(server->clients, win_client_destroy);
+    try {
+        if (!read_config(config, *server))
+            return nullptr;
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return nullptr;
+    }
     return owner.release();
 }
 
@@ -119,10 +113,6 @@ void win_server_destroy(void** pp_win_server)
     if (!server)
         return;
     zactor_destroy(&server->actor); // waits until the actor's thread has closed its sockets
-    zhashx_destroy(&server->clients);
-    std::free(server->proxy_full_address);
-    std::free(server->proxy_full_input_address);
-    std::free(server->msg_handler_full_address);
     delete server;
     *pp_win_server = nullptr;
 }
@@ -131,7 +121,7 @@ zhashx_t* win_server_get_clients(void* p_win_server)
 {
     if (any_null(__func__, p_win_server))
         return nullptr;
-    return static_cast<WIN_SERVER_t*>(p_win_server)->clients;
+    return static_cast<WIN_SERVER_t*>(p_win_server)->clients.unguarded();
 }
 
 bool win_server_is_ready(void* p_win_server)
@@ -141,38 +131,17 @@ bool win_server_is_ready(void* p_win_server)
     return static_cast<WIN_SERVER_t*>(p_win_server)->ready;
 }
 
-// Copies what other threads may know. The list must not destroy the records with it.
-static void copy_clients_locked(WIN_SERVER_t& server, std::vector<win_client_info>& copies)
-{
-    const zlistx_ptr records{zhashx_values(server.clients)};
-    if (!records)
-        return;
-    zlistx_set_destructor(records.get(), nullptr);
-    zlistx_set_duplicator(records.get(), nullptr);
-    copies.reserve(zlistx_size(records.get()));
-    for (void* item = zlistx_first(records.get()); item; item = zlistx_next(records.get())) {
-        const auto* client = static_cast<WIN_CLIENT_t*>(item);
-        win_client_info& copy = copies.emplace_back();
-        copy.id.reset(zframe_dup(client->id));
-        copy.addr = client->addr;
-        std::memcpy(copy.mac_addr, client->mac_addr, mac_size);
-    }
-}
-
 std::vector<win_client_info> win_server_copy_clients(void* p_win_server)
 {
-    std::vector<win_client_info> copies;
     auto* server = static_cast<WIN_SERVER_t*>(p_win_server);
     if (any_null(__func__, server))
-        return copies;
+        return {};
     try {
-        // Not by the table's cursor: the actor's walks move it, and they take no lock.
-        const std::lock_guard guard{server->clients_mutex};
-        copy_clients_locked(*server, copies);
+        return server->clients.copy();
     } catch (const std::bad_alloc&) {
         logger_error(g_logger, str_out_of_memory, __func__);
+        return {};
     }
-    return copies;
 }
 
 } // namespace rtls

@@ -6,8 +6,7 @@
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
 
-#include "base/czmq_ptr.h"
-#include "registry/node.h"
+#include "link/client_table.h"
 
 #include <czmq.h>
 #include <netinet/in.h>
@@ -31,13 +30,6 @@ zhashx_t* win_server_get_clients(void* p_win_server);
 
 // True once every socket is open and the loop is about to start; stays true.
 bool win_server_is_ready(void* p_win_server);
-
-// What other threads may know of a WIN client.
-struct win_client_info {
-    zframe_ptr id;
-    sockaddr_in addr;
-    uint8_t mac_addr[mac_size];
-};
 
 // A copy of the clients' addresses, in table order. Takes the table's own lock; never call it while
 // holding the nodes container's.

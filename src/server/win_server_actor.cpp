@@ -63,19 +63,19 @@ bool open_interthread_channel(WIN_SERVER_t& server)
 
 bool open_proxy(WIN_SERVER_t& server)
 {
-    server.proxy_sock = zsock_new_sub(server.proxy_full_address, "");
+    server.proxy_sock = zsock_new_sub(server.proxy_full_address.c_str(), "");
     return made(server.proxy_sock, "zsock_new_sub");
 }
 
 bool open_proxy_input(WIN_SERVER_t& server)
 {
-    server.proxy_input_sock = zsock_new_push(server.proxy_full_input_address);
+    server.proxy_input_sock = zsock_new_push(server.proxy_full_input_address.c_str());
     return made(server.proxy_input_sock, "zsock_new_push");
 }
 
 bool open_message_handler(WIN_SERVER_t& server)
 {
-    server.msg_handler_sock = zsock_new_push(server.msg_handler_full_address);
+    server.msg_handler_sock = zsock_new_push(server.msg_handler_full_address.c_str());
     return made(server.msg_handler_sock, "zsock_new_push");
 }
 
@@ -128,6 +128,7 @@ bool register_readers(WIN_SERVER_t& server, zsock_t* pipe)
 
 bool register_timers(WIN_SERVER_t& server)
 {
+    server.supervised_since = zclock_mono();
     constexpr struct {
         size_t period_ms;
         zloop_timer_fn* handler;
@@ -160,6 +161,7 @@ bool prepare(WIN_SERVER_t& server, zsock_t* pipe)
 void win_server_actor(zsock_t* pipe, void* p_server) noexcept
 {
     block_all_signals();
+    pthread_setname_np(pthread_self(), "rtls-win");
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (any_null(__func__, pipe, server)) {
         request_stop();

@@ -1,8 +1,9 @@
 #include "terminal/firmware_commands.h"
 
-#include "terminal/node_requests.h"
 #include "terminal/request.h"
+#include "terminal/short_mac.h"
 #include "terminal/terminal_server.h"
+#include "wire/node_commands.h"
 
 #include <cstring>
 #include <optional>
@@ -89,7 +90,7 @@ std::string firmware_set(services& gateway, const char* index_word, const char* 
     const auto mac = find_mac_by_short(gateway.nodes, *short_mac);
     if (!mac)
         return text_format(not_in_list, *short_mac);
-    auto message = make_set_request(*info, source, *mac);
+    auto message = make_set_request({info->git_ver, info->crc32, info->size}, source, *mac);
     const bool is_sent =
         terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
     return is_sent ? "Command sent the node successfully!\n" : not_sent;

@@ -7,10 +7,11 @@
 #include "base/peer.h"
 #include "base/tokenize.h"
 #include "terminal/filter.h"
-#include "terminal/node_requests.h"
 #include "terminal/request.h"
+#include "terminal/short_mac.h"
 #include "terminal/terminal_server.h"
 #include "version.h"
+#include "wire/node_commands.h"
 
 #include <zmq.h>
 

@@ -14,6 +14,7 @@
 #include "terminal/client.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
+#include "wire/messaging.h"
 
 #include <atomic>
 #include <cerrno>
@@ -238,6 +239,7 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
 static void terminal_server_actor(zsock_t* pipe, void* p_terminal_server) noexcept
 {
     block_all_signals(); // a signal handled on this thread would end the loop
+    pthread_setname_np(pthread_self(), "rtls-terminal");
     if (pipe)
         zsock_signal(pipe, 0); // also on failure: the creator waits for it
     if (any_null(__func__, pipe, p_terminal_server)) {

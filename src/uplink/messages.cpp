@@ -54,7 +54,7 @@ static void learn_bridge_mac(link_frame& frame, const char* source, const uint8_
                  "%02x%02x%02x%02x%02x%02X%02X%02X",
                  source, old[0], old[1], old[2], old[3], old[4], old[5], old[6], old[7], mac[0], mac[1],
                  mac[2], mac[3], mac[4], mac[5], mac[6], mac[7]);
-    win_client_set_mac_addr(&frame.server, &frame.client, mac);
+    frame.server.clients.set_mac_addr(frame.client, mac);
 }
 
 // --- handlers
@@ -308,7 +308,7 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
         .server = *server,
         .client = *client,
         .nodes = *server->nodes(),
-        .msg = {client->pending_data, client->pending_data_size},
+        .msg = {client->pending_data.get(), client->pending_data_size},
         .type = 0,
         .input_time = now,
         .generation_time = now,

@@ -4,7 +4,7 @@
 // a frame may pass the size checks with far fewer bytes than it promises, so whoever reads the payload
 // asks first whether the bytes are there.
 #include "base/logger.h"
-#include "downlink/ota_pages.h"
+#include "downlink/page_serving.h"
 #include "uplink/link_frame.h"
 #include "wire/report_texts.h"
 

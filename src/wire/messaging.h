@@ -7,6 +7,8 @@
 // the field speak: it must stay.
 #pragma once
 
+#include "registry/addresses.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -66,6 +68,7 @@ constexpr gwCmdID_t msg_flag_direct_mask = 0x2000;
 
 // Sub-commands of generic requests: the first two payload bytes, BE.
 enum GENERIC_REQ : uint16_t {
+    GENERIC_REQ_Reboot = 1, // down
     GENERIC_REQ_RouteRequest = 10,
     GENERIC_REQ_OtaPage = 16,
     GENERIC_REQ_OtaApply = 17,
@@ -206,6 +209,15 @@ struct srvMsgAck_t {
     static constexpr size_t size = 11;
 };
 
+// MSG_OTA_UPLOAD_FW: a head, then `len` bytes of URL.
+struct ota_upload {
+    static constexpr size_t msgType = 0; // BE
+    static constexpr size_t git_ver = 2; // BE
+    static constexpr size_t crc32 = 6;   // BE
+    static constexpr size_t len = 10;    // BE
+    static constexpr size_t size = 12;
+};
+
 // MSG_FW_IMAGE_AVAIL_IND: a head, then `len` bytes of URL.
 struct gwMsgFwImageAvailInd_t {
     static constexpr size_t msgType = 0; // BE
@@ -267,14 +279,53 @@ struct ul_tdoa {
     static constexpr size_t percent_of_charge = 43; // when total_len > 38
 };
 
-// GENERIC_REQ_OtaPage, and the head of the response that carries the page.
+// GENERIC_REQ_OtaPage: a node's request for a page; and the head of the request that carries one down to
+// it, whether ours or the server's.
 struct ota_page {
+    static constexpr size_t command = 5;      // BE; GENERIC_REQ_OtaPage
     static constexpr size_t git_id = 7;       // BE
     static constexpr size_t crc32 = 11;       // BE
     static constexpr size_t page_size = 15;   // BE
     static constexpr size_t page_number = 17; // BE
-    static constexpr size_t total_len = 14;   // the only one a request may have
+    static constexpr size_t total_len =
+        14; // of the fields above: the only one that a node's request may have
     static constexpr size_t size = 19;
+};
+
+// GENERIC_REQ_Reboot: an operator's order to a node. BE.
+struct reboot_request {
+    static constexpr size_t command = 5;
+    static constexpr size_t parameter_len = 7;
+    static constexpr size_t parameter = 9; // u8[2], zero
+    static constexpr size_t mac = 11;
+    static constexpr size_t size = 19;
+};
+
+// GENERIC_REQ_OtaApply: the same, to run the firmware that the node has fetched. BE.
+struct apply_request {
+    static constexpr size_t command = 5;
+    static constexpr size_t mac = 7;
+    static constexpr size_t size = 15;
+};
+
+// The same, to fetch a firmware. BE; a MAC follows the last field that is there.
+struct set_request {
+    static constexpr size_t body_head = 5;        // u8[3], the node firmware's own
+    static constexpr size_t description_size = 8; // u8, of all that follows up to the MAC
+    static constexpr size_t git_ver = 9;          // u32
+    static constexpr size_t crc32 = 13;           // u32
+    static constexpr size_t image_size = 17;      // u32
+    static constexpr size_t source = 21;          // u16, not there in the passive mode
+    static constexpr size_t source_size = 2;
+};
+
+// MSG_NWK_DATA_15_4_REQ as the server sends it: a block of p_len bytes and some more, which goes on as it
+// is, then the MAC of the node. (What wraps forwarded commands has the same type and a msgHeader_t.)
+struct network_data {
+    static constexpr size_t msgType = 0;   // BE
+    static constexpr size_t p_len = 3;     // BE
+    static constexpr size_t overhead = 13; // of the block, beside the p_len bytes
+    static constexpr size_t size = 21;     // with a p_len of 0
 };
 
 // MSG_NWK_DATA_15_4_IND and MSG_TRF2SRV_VIA_CLIENT: header, inner message of total_len bytes, trailer.
@@ -290,6 +341,39 @@ struct wrap_ts {
     static constexpr size_t seconds = 5;  // BE
     static constexpr size_t fraction = 9; // BE, in units of 1/65536 s
     static constexpr size_t size = 11;
+};
+
+// The part in front of each report to the message handler: its time of generation.
+struct report_timestamp {
+    static constexpr size_t seconds = 0;      // BE
+    static constexpr size_t milliseconds = 4; // BE
+    static constexpr size_t size = 6;
+};
+
+// Discovery, by UDP. All of it is BE. A request is told by its size first: an echo has no command.
+enum DISCOVERY_CMD : uint8_t { DSC_CMD_REQUEST_ADDRESS = 1 };
+
+// Six bytes, whatever they are, ask for the requester's own address. The answer:
+struct discovery_echo {
+    static constexpr size_t request_size = 6;
+    static constexpr size_t address = 0; // IPv4, of the requester
+    static constexpr size_t port = 4;    // the WIN port
+    static constexpr size_t size = 6;
+};
+
+// DSC_CMD_REQUEST_ADDRESS, and 8 bytes of the requester's choice. The answer is the request and:
+struct discovery_address {
+    static constexpr size_t command = 0; // DISCOVERY_CMD
+    static constexpr size_t request_size = 9;
+    static constexpr size_t address = 9; // IPv4, of the gateway
+    static constexpr size_t port = 13;   // the WIN port
+    static constexpr size_t size = 15;
+};
+
+// What threads ask of the WIN server: a part with the command, a part with its data. Host order: it stays in
+// the process.
+enum winserw_sock_cmd_t : int32_t {
+    WINSERW_SOCK_CMD_GENERIC_REQ = 0, // a generic request, MAC included
 };
 
 // One 512-byte page of a firmware image. A record in memory: no peer is sent it.
@@ -308,8 +392,22 @@ static_assert(gwMsgPrefixRequest_t::size == 11 && gwMsgVrPrefixResponse_t::size 
 static_assert(gwMsgRootAnnounce_t::size == 14 && gwMsgHeartbeat_t::size == 63);
 static_assert(gwMsgConfigNode_t::size == 34 && srvMsgConfigNode_t::size == 26);
 static_assert(gwMsgAck_t::size == 19 && srvMsgAck_t::size == 11 && gwMsgFwImageAvailInd_t::size == 12);
+static_assert(ota_upload::size == ota_upload::len + 2);
+static_assert(gwMsgFwImageAvailInd_t::size == gwMsgFwImageAvailInd_t::len + 2);
+static_assert(reboot_request::size == reboot_request::mac + mac_size);
+static_assert(apply_request::size == apply_request::mac + mac_size);
+static_assert(set_request::source == set_request::image_size + 4);
+static_assert(network_data::size == network_data::overhead + mac_size);
+static_assert(nwk_data_ind::overhead == nwk_data_ind::inner + nwk_data_ind::trailer_ip + ip_addr_size);
+static_assert(nwk_data_ind::trailer_ip == nwk_data_ind::trailer_mac + mac_size);
+static_assert(wrap_ts::size == wrap_ts::fraction + 2);
 static_assert(ul_tdoa::percent_of_charge + 1 == 44 && ota_page::page_number + 2 == ota_page::size);
 static_assert(ota_page::size == msgHeader_t::size + ota_page::total_len);
+static_assert(report_timestamp::size == report_timestamp::milliseconds + 2);
+static_assert(discovery_echo::port + 2 == discovery_echo::size);
+static_assert(discovery_address::address == discovery_address::request_size);
+static_assert(discovery_address::port + 2 == discovery_address::size);
+static_assert(sizeof(winserw_sock_cmd_t) == 4);
 static_assert(sizeof(gwMsgUpdateRequest_t) == 527);
 
 } // namespace rtls

@@ -87,8 +87,8 @@ private:
 timestamp_bytes timestamp_frame(uint32_t seconds, uint16_t milliseconds)
 {
     timestamp_bytes frame{};
-    store_be32(frame, 0, seconds);
-    store_be16(frame, 4, milliseconds);
+    store_be32(frame, report_timestamp::seconds, seconds);
+    store_be16(frame, report_timestamp::milliseconds, milliseconds);
     return frame;
 }
 

@@ -19,8 +19,7 @@ namespace rtls {
 
 // --- the frame in front of each report to the message handler
 
-// Time of generation, big-endian: seconds (4 bytes), milliseconds (2 bytes).
-using timestamp_bytes = std::array<uint8_t, 6>;
+using timestamp_bytes = std::array<uint8_t, report_timestamp::size>;
 timestamp_bytes timestamp_frame(uint32_t seconds, uint16_t milliseconds);
 
 // --- the management line: "@win_management {" time "," text "}"

@@ -44,6 +44,12 @@ def without(tree: dict, path: str) -> dict:
     return tree
 
 
+def errors_of(daemon, count: int) -> list:
+    """The error lines of a running daemon, once there are so many: its log follows behind."""
+    errors = [line for line in daemon.syslog() if line.startswith(f"{ERR} ")]
+    return errors if len(errors) >= count else []
+
+
 def refused(start_gateway, change) -> list:
     """Starts the daemon with a changed configuration, expects status 1 and gives its error texts."""
     daemon = start_gateway(change=change, upstream=(), wait_ready=False)
@@ -104,7 +110,7 @@ def test_numbers_of_images_that_are_accepted(start_gateway, value):
 
 def test_debug_keys_are_optional_but_missed_aloud(start_gateway):
     daemon = start_gateway(change=lambda tree: {k: v for k, v in tree.items() if k != "debug"})
-    missed = [line for line in daemon.syslog() if line.startswith(f"{ERR} ")]
+    missed = wait_until(lambda: errors_of(daemon, 7), "all that is missed")
     assert missed == [f'3 rtls-gateway: Parameter "debug/{n}" is not found in the configuration file!' for n in
                       ("raw", "parsing", "terminal", "win", "discovery", "develop", "ul_tdoa")]
 
@@ -128,8 +134,16 @@ def test_the_pid_file_is_overwritten_from_its_start_and_stays(start_gateway):
     assert daemon.pid_file.exists()
 
 
-@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT])
-def test_a_signal_ends_it_in_good_order(start_gateway, sig):
+@pytest.fixture
+def hangups_count():
+    """The daemon ignores hangups if we do, as under nohup."""
+    before = signal.signal(signal.SIGHUP, signal.SIG_DFL)
+    yield
+    signal.signal(signal.SIGHUP, before)
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
+def test_a_signal_ends_it_in_good_order(start_gateway, hangups_count, sig):
     daemon = start_gateway()
     bridge = daemon.bridge()
     daemon.broker.wait_for("new win client")
@@ -186,7 +200,7 @@ def test_an_occupied_discovery_port_ends_the_daemon(start_gateway):
 
 def test_without_a_broker_address_it_runs_and_says_so_twice(start_gateway):
     daemon = start_gateway(change=lambda tree: without(tree, "debug_broker_address"), upstream=())
-    assert [line for line in daemon.syslog() if line.startswith(f"{ERR} ")] == [
+    assert wait_until(lambda: errors_of(daemon, 2), "both errors") == [
         '3 rtls-gateway: Parameter "debug_broker_address" is not found in the configuration file!',
         "3 rtls-gateway: 'debug_broker_address' is not defined in the config file"]
 

@@ -95,8 +95,7 @@ bridge_message_fixture::~bridge_message_fixture()
 
 bool bridge_message_fixture::receive(const bytes_t& frame, WIN_CLIENT_t* from)
 {
-    free(from->pending_data);
-    from->pending_data = static_cast<uint8_t*>(malloc(frame.size()));
+    from->pending_data.reset(static_cast<uint8_t*>(malloc(frame.size())));
     from->pending_data_size = from->pending_buffsize = frame.size();
     if (!frame.empty())
         memcpy(from->pending_data, frame.data(), frame.size());

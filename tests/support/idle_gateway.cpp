@@ -28,9 +28,7 @@ idle_gateway::~idle_gateway()
 
 void idle_gateway::drop_unsent(WIN_CLIENT_t& bridge)
 {
-    while (zlist_size(bridge.unsent_messages) > 0)
-        zframe_ptr{static_cast<zframe_t*>(zlist_pop(bridge.unsent_messages))}.reset();
-    bridge.unsent_bytes = 0;
+    bridge.unsent_messages.clear();
 }
 
 void idle_gateway::delete_nodes()

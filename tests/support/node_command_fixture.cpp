@@ -25,7 +25,7 @@ WIN_CLIENT_t* node_command_fixture::add_bridge(const std::string& id)
 
 void node_command_fixture::disconnect(const std::string& id)
 {
-    zhashx_delete(server->clients, id.c_str());
+    server->clients.erase(id.c_str());
 }
 
 void node_command_fixture::add_node(const std::string& mac, const node_options_t& options)
@@ -61,11 +61,8 @@ static std::string without_framing(bytes_view frame)
 std::vector<std::string> node_command_fixture::sent_to(WIN_CLIENT_t* bridge)
 {
     std::vector<std::string> messages;
-    while (zlist_size(bridge->unsent_messages) > 0) {
-        const zframe_ptr frame{static_cast<zframe_t*>(zlist_pop(bridge->unsent_messages))};
-        messages.push_back(without_framing({zframe_data(frame.get()), zframe_size(frame.get())}));
-    }
-    bridge->unsent_bytes = 0;
+    for (unsent_queue& unsent = bridge->unsent_messages; !unsent.empty(); unsent.pop())
+        messages.push_back(without_framing(unsent.front()));
     return messages;
 }
 

@@ -3,9 +3,9 @@
 #include "link/win_server_win_clients.h"
 
 #include "registry/nodes_container.h"
-
-#include <poll.h>
-#include <sys/socket.h>
+#include "support/sock.h"
+#include "support/tcp_state.h"
+#include "support/wait.h"
 
 #include <chrono>
 #include <stdexcept>
@@ -45,7 +45,8 @@ bool win_link::pump_until(const std::function<bool()>& done) const
 
 WIN_CLIENT_t* win_link::find(uint16_t peer_port) const
 {
-    for (void* item = zhashx_first(server().clients); item; item = zhashx_next(server().clients))
+    for (void* item = zhashx_first(server().clients.unguarded()); item;
+         item = zhashx_next(server().clients.unguarded()))
         if (ntohs(static_cast<WIN_CLIENT_t*>(item)->addr.sin_port) == peer_port)
             return static_cast<WIN_CLIENT_t*>(item);
     return nullptr;
@@ -68,27 +69,50 @@ void win_link::make_wanted(const WIN_CLIENT_t& client) const
     node_update_win_client_ID(node, client.id);
 }
 
-// Whether the system's own send buffer has room, for the library to move its queue on.
-static bool is_writable(int fd)
-{
-    pollfd item{fd, POLLOUT, 0};
-    return poll(&item, 1, 0) > 0;
-}
+// A message there and back through the library's thread, which serves one thing after the other: what it
+// was asked to do before, it has done then.
+class library_round_trip {
+public:
+    library_round_trip() : m_in(zsock_new(ZMQ_PULL)), m_out(zsock_new(ZMQ_PUSH))
+    {
+        const int port = zsock_bind(m_in.get(), "tcp://127.0.0.1:*");
+        zsock_connect(m_out.get(), "tcp://127.0.0.1:%d", port);
+        zsock_set_rcvtimeo(m_in.get(), static_cast<int>(patience.count()));
+        make();
+    }
+    void make() const
+    {
+        zstr_send(m_out.get(), "there");
+        if (!zstr_ptr{zstr_recv(m_in.get())})
+            throw std::runtime_error("win_link: the library does not answer");
+    }
+
+private:
+    zsock_ptr m_in;
+    zsock_ptr m_out;
+};
 
 std::string win_link::fill(WIN_CLIENT_t& client) const
 {
     const std::string block(32768, '.');
     const auto* bytes = reinterpret_cast<const uint8_t*>(block.data());
+    tcp_fix_send_buffer(client.fd);
+    const library_round_trip library;
+    const int time_out = zsock_sndtimeo(server().win_sock);
+    zsock_set_sndtimeo(server().win_sock, 1); // not 0: a call that waits also learns of room
     std::string sent;
-    // Refused for a while on end with nothing that could move, and not just because the library's
-    // thread lags behind.
-    for (auto refused_since = steady_clock::now(); steady_clock::now() - refused_since < milliseconds(300);) {
+    bool is_full = false;
+    const auto attempt = [&] {
+        library.make();
+        const bool could_move = tcp_is_moving(client.fd);
         const bool taken = esc_data_to_win_client(&server(), client.id, bytes, block.size());
         if (taken)
             sent += block;
-        if (taken || is_writable(client.fd))
-            refused_since = steady_clock::now();
-    }
+        is_full = !taken && !could_move && !tcp_is_moving(client.fd);
+    };
+    if (!repeat_until([&] { return is_full; }, attempt))
+        throw std::runtime_error("win_link: the connection is never full");
+    zsock_set_sndtimeo(server().win_sock, time_out);
     return sent;
 }
 

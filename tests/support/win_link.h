@@ -37,7 +37,7 @@ public:
     bridge_t connect(int receive_buffer = 0) const;
     // The record of the connection from this port, or null.
     WIN_CLIENT_t* find(uint16_t peer_port) const;
-    size_t clients() const { return zhashx_size(server().clients); }
+    size_t clients() const { return server().clients.size(); }
     // Makes the bridge known as a living node on its own connection, so that supervision wants it.
     void make_wanted(const WIN_CLIENT_t& client) const;
     // Sends raw bytes to a peer that does not read until the connection takes no more; returns them all.

@@ -18,15 +18,43 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
+
+// The file whose next close fails, as that of a file on a server may; null: none.
+static std::atomic<const char*> file_that_fails_to_close;
+
+static bool is_named(int file, const char* path)
+{
+    char name[4096] = "";
+    const std::string link = "/proc/self/fd/" + std::to_string(file);
+    return readlink(link.c_str(), name, sizeof name - 1) > 0 && strcmp(name, path) == 0;
+}
+
+// In the place of the C library's, for all that this program has loaded.
+extern "C" int close(int file)
+{
+    const char* failing = file_that_fails_to_close;
+    const bool fails = failing && is_named(file, failing);
+    const auto result = static_cast<int>(syscall(SYS_close, file));
+    if (!fails)
+        return result;
+    file_that_fails_to_close = nullptr;
+    errno = EDQUOT;
+    return -1;
+}
 
 namespace rtls {
 
@@ -316,9 +344,19 @@ constexpr pid_file_case_t bad_pid_files[] = {
     {"/nonexistent/gateway.pid",
      "unable to create pid file /nonexistent/gateway.pid, code=2 (No such file or directory)"},
     {"/tmp", "unable to create pid file /tmp, code=21 (Is a directory)"},
+    {"/dev/full", "unable to write pid file /dev/full, code=28 (No space left on device)"},
     {"\"\"", "unable to create pid file , code=2 (No such file or directory)"},
 };
 INSTANTIATE_TEST_SUITE_P(files, gateway_with_bad_pid_file, testing::ValuesIn(bad_pid_files));
+
+TEST_F(gateway, a_pid_file_that_fails_to_close_fails_the_run)
+{
+    const test_gateway given{m_config};
+    file_that_fails_to_close = m_pid_file.path();
+    EXPECT_FALSE(rtls_gateway_run(given.handle()));
+    EXPECT_THAT(logged(), testing::Contains("unable to close pid file " + std::string(m_pid_file.path()) +
+                                            ", code=122 (Disk quota exceeded)"));
+}
 
 TEST_F(gateway, an_interrupt_before_the_start_leaves_no_pid_file)
 {
@@ -359,6 +397,16 @@ TEST_F(gateway, running_twice_fails_the_second_time)
     const test_gateway given{m_config};
     EXPECT_TRUE(rtls_gateway_run(given.handle()));
     EXPECT_FALSE(rtls_gateway_run(given.handle()));
+}
+
+TEST_F(gateway, its_threads_have_names)
+{
+    const test_gateway given{m_config};
+    ASSERT_TRUE(rtls_gateway_run(given.handle()));
+    texts_t names;
+    for (const auto& thread : std::filesystem::directory_iterator{"/proc/self/task"})
+        std::getline(std::ifstream{thread.path() / "comm"}, names.emplace_back());
+    EXPECT_THAT(names, testing::IsSupersetOf({"rtls-win", "rtls-terminal"}));
 }
 
 } // namespace

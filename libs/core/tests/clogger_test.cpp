@@ -39,7 +39,19 @@ component_ptr make_component(const logger_ptr& logger, const char* name = "main"
 
 class clogger : public testing::Test {
 protected:
-    clogger() { (void)syslog_capture::take(); }
+    clogger() { (void)lines(); }
+
+    // What has reached the system log since the last call.
+    std::vector<syslog_capture::line_t> lines()
+    {
+        EXPECT_TRUE(logger_flush(m_logger.get(), 10'000));
+        return syslog_capture::take();
+    }
+    std::vector<std::string> texts()
+    {
+        EXPECT_TRUE(logger_flush(m_logger.get(), 10'000));
+        return syslog_capture::take_texts();
+    }
 
     // Connected, and the record of it is gone.
     void connect()
@@ -58,15 +70,14 @@ TEST_F(clogger, says_that_it_starts)
     m_main.reset();
     m_logger.reset();
     m_logger = make_logger();
-    EXPECT_EQ(syslog_capture::take(),
-              (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_INFO, "Starting app"}}));
+    EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_INFO, "Starting app"}}));
     EXPECT_EQ(syslog_capture::mask(), 0x7F);
 }
 
 TEST_F(clogger, each_function_has_its_priority_and_reaches_both_sinks)
 {
     connect();
-    (void)syslog_capture::take();
+    (void)lines();
     const struct {
         void (*log)(tav_component_logger, const char*, ...);
         int priority;
@@ -74,8 +85,7 @@ TEST_F(clogger, each_function_has_its_priority_and_reaches_both_sinks)
     for (const auto& c : cases) {
         c.log(m_main.get(), "%s %d", "text", c.priority);
         const std::string text = "text " + std::to_string(c.priority);
-        EXPECT_EQ(syslog_capture::take(),
-                  (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, c.priority, text}}));
+        EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, c.priority, text}}));
         EXPECT_EQ(m_broker.next_undated(), "&app:main DATE " + text);
     }
 }
@@ -83,52 +93,52 @@ TEST_F(clogger, each_function_has_its_priority_and_reaches_both_sinks)
 TEST_F(clogger, debug_records_reach_the_broker_and_not_the_system_log)
 {
     connect();
-    (void)syslog_capture::take();
+    (void)lines();
+    const uint64_t queued = logger_get_counters(m_logger.get()).queued;
     logger_debug(m_main.get(), "%s", "hidden");
     logger_debug_ts(m_main.get(), {0, 5}, "%s", "hidden, too");
+    EXPECT_EQ(logger_get_counters(m_logger.get()).queued, queued) << "nor take room there";
     EXPECT_EQ(m_broker.next_undated(), "&app:main DATE hidden");
     EXPECT_EQ(m_broker.next(), "&app:main 1970-01-01 00:00:00.005 hidden, too");
-    EXPECT_THAT(syslog_capture::take_texts(), IsEmpty());
+    EXPECT_THAT(texts(), IsEmpty());
 }
 
 TEST_F(clogger, debugging_opens_the_system_log_to_debug_records_and_dates_its_lines)
 {
-    (void)syslog_capture::take();
+    (void)lines();
     m_logger->m_logger.set_debug(true);
     EXPECT_EQ(syslog_capture::mask(), 0xFF);
     logger_debug_ts(m_main.get(), {1714568822, 45}, "now %s", "seen");
-    EXPECT_EQ(syslog_capture::take(),
-              (std::vector<syslog_capture::line_t>{
-                  {"app", LOG_PERROR, LOG_USER, LOG_DEBUG, "2024-05-01 13:07:02.045 now seen"}}));
+    EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{
+                           {"app", LOG_PERROR, LOG_USER, LOG_DEBUG, "2024-05-01 13:07:02.045 now seen"}}));
 
     m_logger->m_logger.set_debug(false);
     EXPECT_EQ(syslog_capture::mask(), 0x7F);
     logger_debug(m_main.get(), "hidden again");
     logger_info(m_main.get(), "without a date");
-    EXPECT_EQ(syslog_capture::take(),
+    EXPECT_EQ(lines(),
               (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_INFO, "without a date"}}));
 }
 
 TEST_F(clogger, only_the_mask_decides_what_the_system_log_gets)
 {
-    (void)syslog_capture::take();
+    (void)lines();
     setlogmask(LOG_UPTO(LOG_DEBUG)); // not by the library
     EXPECT_TRUE(logger_debug_is_wanted(m_main.get()));
     logger_debug(m_main.get(), "admitted");
-    EXPECT_EQ(syslog_capture::take(),
-              (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_DEBUG, "admitted"}}));
+    EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_DEBUG, "admitted"}}));
     setlogmask(LOG_UPTO(LOG_WARNING));
     EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
     logger_debug(m_main.get(), "masked");
     logger_info(m_main.get(), "masked");
     logger_warning(m_main.get(), "admitted");
-    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("admitted"));
+    EXPECT_THAT(texts(), ElementsAre("admitted"));
 
     m_logger->m_logger.set_debug(true);
     setlogmask(LOG_UPTO(LOG_INFO));
     EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
     logger_debug(m_main.get(), "masked in spite of the flag");
-    EXPECT_THAT(syslog_capture::take_texts(), IsEmpty());
+    EXPECT_THAT(texts(), IsEmpty());
 }
 
 TEST_F(clogger, debugging_shows_the_nesting_in_the_system_log)
@@ -136,21 +146,21 @@ TEST_F(clogger, debugging_shows_the_nesting_in_the_system_log)
     const tav::libs::core::logger& logger = m_logger->m_logger;
     m_logger->m_logger.set_debug(true);
     const auto scope = logger.enter_scope("scope");
-    (void)syslog_capture::take();
+    (void)lines();
     logger.info("text").date_time({0, 5});
     m_logger->m_logger.set_debug(false);
     logger.info("text").date_time({0, 5});
-    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("1970-01-01 00:00:00.005     | text", "text"));
+    EXPECT_THAT(texts(), ElementsAre("1970-01-01 00:00:00.005     | text", "text"));
 }
 
 TEST_F(clogger, percent_signs_in_a_message_stay_as_they_are)
 {
     connect();
-    (void)syslog_capture::take();
+    (void)lines();
     for (const std::string text : {"%1%", "100%", "%", "%%", "%s%n", "%1$s %|2|"}) {
         logger_error(m_main.get(), "%s", text.c_str());
         EXPECT_EQ(m_broker.next_undated(), "&app:main DATE " + text);
-        EXPECT_THAT(syslog_capture::take_texts(), ElementsAre(text));
+        EXPECT_THAT(texts(), ElementsAre(text));
     }
     logger_error(m_main.get(), "100%%");
     EXPECT_EQ(m_broker.next_undated(), "&app:main DATE 100%");
@@ -168,10 +178,10 @@ TEST_F(clogger, messages_have_no_length_limit)
 
 TEST_F(clogger, an_argument_that_cannot_be_converted_leaves_an_empty_message)
 {
-    (void)syslog_capture::take();
+    (void)lines();
     const wchar_t not_in_this_locale[] = {0x263A, 0};
     logger_info(m_main.get(), "%ls", not_in_this_locale);
-    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre(""));
+    EXPECT_THAT(texts(), ElementsAre(""));
 }
 
 TEST_F(clogger, the_prefix_keeps_a_padded_component_name)
@@ -188,7 +198,7 @@ TEST_F(clogger, records_before_the_connect_are_lost_to_the_broker)
     connect();
     logger_info(m_main.get(), "late");
     EXPECT_EQ(m_broker.next_undated(), "&app:main DATE late");
-    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("early", "late"));
+    EXPECT_THAT(texts(), ElementsAre("early", "late"));
 }
 
 TEST_F(clogger, two_brokers_get_the_records_in_turn)
@@ -211,12 +221,12 @@ TEST_F(clogger, nothing_is_published_while_writing_to_the_socket_is_off)
     connect();
     EXPECT_TRUE(m_logger->m_logger.is_writing_to_socket());
     m_logger->m_logger.set_writing_to_socket(false);
-    (void)syslog_capture::take();
+    (void)lines();
     logger_error(m_main.get(), "to the system log alone");
     m_logger->m_logger.set_writing_to_socket(true);
     logger_error(m_main.get(), "to both");
     EXPECT_EQ(m_broker.next_undated(), "&app:main DATE to both");
-    EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("to the system log alone", "to both"));
+    EXPECT_THAT(texts(), ElementsAre("to the system log alone", "to both"));
 }
 
 TEST_F(clogger, a_bad_address_is_an_error_record_and_changes_nothing)
@@ -230,12 +240,11 @@ TEST_F(clogger, a_bad_address_is_an_error_record_and_changes_nothing)
         {"tcp://", "logger_connect: zmq_connect: 22, Invalid argument"},
         {"nosuch://127.0.0.1:1", "logger_connect: zmq_connect: 93, Protocol not supported"},
     };
-    (void)syslog_capture::take();
+    (void)lines();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.address);
         logger_connect(m_logger.get(), c.address);
-        EXPECT_EQ(syslog_capture::take(),
-                  (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_ERR, c.then}}));
+        EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_ERR, c.then}}));
         EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
     }
     connect();
@@ -275,13 +284,12 @@ TEST_F(clogger, a_full_queue_drops_records_without_a_word_and_never_blocks)
     constexpr int queue_length = 1000; // the library's default
     const std::string endpoint = broker().endpoint();
     logger_connect(m_logger.get(), endpoint.c_str());
-    (void)syslog_capture::take();
     for (int i = 1; i < 2 * queue_length; ++i) {
         errno = ERANGE;
         logger_info(m_main.get(), "%d", i);
         ASSERT_EQ(errno, ERANGE) << "callers report the errno of what failed, not ours";
     }
-    EXPECT_EQ(syslog_capture::take().size(), 2U * queue_length - 1);
+    EXPECT_EQ(logger_get_counters(m_logger.get()).unpublished, size_t{queue_length});
 
     broker late(endpoint);
     EXPECT_EQ(late.next_undated(), "&app:logger DATE Connected to socket");
@@ -293,7 +301,7 @@ TEST_F(clogger, a_full_queue_drops_records_without_a_word_and_never_blocks)
 
 TEST_F(clogger, null_arguments_do_nothing)
 {
-    (void)syslog_capture::take();
+    (void)lines();
     logger_debug(nullptr, "%d", 1);
     logger_debug_ts(nullptr, {0, 0}, "%d", 1);
     logger_info(nullptr, "%d", 1);
@@ -307,7 +315,7 @@ TEST_F(clogger, null_arguments_do_nothing)
     EXPECT_EQ(create_component_logger(m_logger.get(), nullptr), nullptr);
     destroy_component_logger(nullptr);
     destroy_logger(nullptr);
-    EXPECT_THAT(syslog_capture::take_texts(), IsEmpty());
+    EXPECT_THAT(texts(), IsEmpty());
 }
 
 TEST_F(clogger, the_identity_outlives_the_name_given)
@@ -320,10 +328,10 @@ TEST_F(clogger, the_identity_outlives_the_name_given)
     name->assign(name->size(), '?');
     name.reset();
     m_main = make_component(m_logger);
-    (void)syslog_capture::take();
+    (void)lines();
     for (int i = 0; i < 10; ++i)
         logger_info(m_main.get(), "%d", i);
-    for (const auto& line : syslog_capture::take())
+    for (const auto& line : lines())
         EXPECT_EQ(line.identity, identity);
 }
 
@@ -387,10 +395,12 @@ TEST_F(short_memory, in_a_connect_is_an_error_record)
     const broker reader;
     const std::string address = reader.endpoint() + std::string(100, ' '); // needs memory
     const logger_ptr logger = make_logger(m_name.c_str());
+    EXPECT_TRUE(logger_flush(logger.get(), 10'000));
     (void)syslog_capture::take();
     fail_allocation_after(0);
     logger_connect(logger.get(), address.c_str());
     EXPECT_FALSE(cancel_failing_allocation());
+    EXPECT_TRUE(logger_flush(logger.get(), 10'000));
     EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("logger_connect: out of memory!"));
 }
 
@@ -402,7 +412,7 @@ TEST_F(clogger, threads_log_at_once_and_records_stay_whole)
         return "thread " + std::to_string(thread) + " record " + std::to_string(record) + ".";
     };
     connect();
-    (void)syslog_capture::take();
+    (void)lines();
     std::vector<std::thread> threads;
     threads.reserve(threads_number);
     for (size_t thread = 0; thread < threads_number; ++thread)
@@ -421,7 +431,7 @@ TEST_F(clogger, threads_log_at_once_and_records_stay_whole)
         ASSERT_LT(thread, threads_number) << record;
         ++next[thread];
     }
-    EXPECT_EQ(syslog_capture::take().size(), threads_number * records_each / 2);
+    EXPECT_EQ(lines().size(), threads_number * records_each / 2);
 }
 
 } // namespace

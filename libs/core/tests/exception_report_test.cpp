@@ -8,6 +8,7 @@
 
 #include <syslog.h>
 
+#include <chrono>
 #include <memory>
 #include <ostream>
 #include <stdexcept>
@@ -65,12 +66,19 @@ TEST(located_exception, is_a_standard_exception_with_its_text)
     EXPECT_EQ(exception_to_string(wordy_exception(here, "")), "wordy: /src/a.cpp:42 tav::a::f: ");
 }
 
+constexpr auto patience = std::chrono::seconds(10);
+
 class exception_report : public testing::Test {
 protected:
-    exception_report() { (void)syslog_capture::take(); }
-
-    static std::vector<std::string> texts()
+    exception_report()
     {
+        EXPECT_TRUE(m_logger.flush(patience));
+        (void)syslog_capture::take();
+    }
+
+    std::vector<std::string> texts()
+    {
+        EXPECT_TRUE(m_logger.flush(patience));
         std::vector<std::string> texts;
         for (const auto& line : syslog_capture::take()) {
             EXPECT_EQ(line.priority, LOG_ERR);

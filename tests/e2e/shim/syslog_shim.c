@@ -1,9 +1,12 @@
 /* syslog_shim - preloaded into the daemon under test: its system log becomes a file.
  *
  * RTLS_SYSLOG_FILE names the file. Each record that the log mask admits becomes a line
- * "<priority> <ident>: <text>", written with one write so that threads do not mix. */
+ * "<priority> <ident>: <text>", written with one write so that threads do not mix.
+ * RTLS_SYSLOG_UNREAD names another file: while it exists, nobody reads the log. Then whoever writes to it
+ * waits, and so do the others who call a function of the log, as in libc. */
 #define _GNU_SOURCE
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,6 +14,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+static pthread_mutex_t log_mutex = PTHREAD_MUTEX_INITIALIZER;
 static const char* ident = "";
 static int log_mask = 0xFF;
 
@@ -18,26 +22,36 @@ void openlog(const char* new_ident, int option, int facility)
 {
     (void)option;
     (void)facility;
+    pthread_mutex_lock(&log_mutex);
     ident = new_ident ? new_ident : "";
+    pthread_mutex_unlock(&log_mutex);
 }
 
-void closelog(void) {}
+void closelog(void)
+{
+    pthread_mutex_lock(&log_mutex);
+    pthread_mutex_unlock(&log_mutex);
+}
 
 int setlogmask(int mask)
 {
+    pthread_mutex_lock(&log_mutex);
     const int old = log_mask;
     if (mask)
         log_mask = mask;
+    pthread_mutex_unlock(&log_mutex);
     return old;
 }
 
-void vsyslog(int priority, const char* format, va_list arguments)
+static void wait_for_a_reader(void)
 {
-    if (!(log_mask & LOG_MASK(LOG_PRI(priority))))
-        return;
-    const char* path = getenv("RTLS_SYSLOG_FILE");
-    if (!path)
-        return;
+    const char* unread = getenv("RTLS_SYSLOG_UNREAD");
+    while (unread && access(unread, F_OK) == 0)
+        usleep(10000); /* like libc's send, a place where the thread can be cancelled */
+}
+
+static void write_line(int priority, const char* path, const char* format, va_list arguments)
+{
     char* text = NULL;
     char* line = NULL;
     if (vasprintf(&text, format, arguments) < 0)
@@ -53,6 +67,25 @@ void vsyslog(int priority, const char* format, va_list arguments)
         close(fd);
     }
     free(line);
+}
+
+static void unlock(void* mutex)
+{
+    pthread_mutex_unlock(mutex);
+}
+
+void vsyslog(int priority, const char* format, va_list arguments)
+{
+    const char* path = getenv("RTLS_SYSLOG_FILE");
+    if (!path)
+        return;
+    pthread_mutex_lock(&log_mutex);
+    pthread_cleanup_push(unlock, &log_mutex);
+    if (log_mask & LOG_MASK(LOG_PRI(priority))) {
+        wait_for_a_reader();
+        write_line(priority, path, format, arguments);
+    }
+    pthread_cleanup_pop(1);
 }
 
 void syslog(int priority, const char* format, ...)

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -306,6 +307,9 @@ TEST(log_call_error, tells_the_call_and_errno_with_its_text)
          "f: call: 11, Resource temporarily unavailable"},
         {ETERM, "f: call: 156384765, Context was terminated", "f: call: 156384765, Unknown error 156384765"},
         {EHOSTUNREACH, "f: call: 113, Host unreachable", "f: call: 113, No route to host"},
+        {EOWNERDEAD, "f: call: 130, Owner died", "f: call: 130, Owner died"},
+        {INT_MIN, "f: call: -2147483648, Unknown error -2147483648",
+         "f: call: -2147483648, Unknown error -2147483648"}, // the longest that is made, not found
     };
     for (const auto& c : cases) {
         errno = c.error;

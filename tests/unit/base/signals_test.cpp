@@ -24,7 +24,8 @@ class signals : public testing::Test {
 protected:
     signals()
     {
-        zsys_init(); // its handlers set the flag
+        zsys_init();                        // its handlers set the flag
+        (void)std::signal(SIGHUP, SIG_DFL); // whatever we were started with
         clear_stop();
     }
     ~signals() override
@@ -46,13 +47,14 @@ TEST_F(signals, an_actor_blocks_all_of_them_for_its_own_thread_only)
     EXPECT_FALSE(is_blocked(SIGTERM));
 }
 
-TEST_F(signals, the_two_that_stop_the_daemon_are_blocked_and_inherited)
+TEST_F(signals, those_that_stop_the_daemon_are_blocked_and_inherited)
 {
     block_stop_signals();
     const auto check = [] {
         EXPECT_TRUE(is_blocked(SIGINT));
         EXPECT_TRUE(is_blocked(SIGTERM));
-        EXPECT_FALSE(is_blocked(SIGHUP));
+        EXPECT_TRUE(is_blocked(SIGHUP));
+        EXPECT_FALSE(is_blocked(SIGUSR1));
     };
     check();
     std::thread(check).join();
@@ -60,7 +62,8 @@ TEST_F(signals, the_two_that_stop_the_daemon_are_blocked_and_inherited)
 
 TEST_F(signals, a_sleep_takes_the_one_that_came_before_at_once)
 {
-    for (const int signal : {SIGINT, SIGTERM}) {
+    stop_on_hangup();
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         clear_stop();
         block_stop_signals();
         ASSERT_EQ(raise(signal), 0);
@@ -88,6 +91,14 @@ TEST_F(signals, a_stop_can_be_requested_from_any_thread)
     EXPECT_FALSE(is_stop_requested());
     std::thread(request_stop).join();
     EXPECT_TRUE(is_stop_requested());
+}
+
+TEST_F(signals, a_hangup_that_was_to_be_ignored_still_is)
+{
+    (void)std::signal(SIGHUP, SIG_IGN); // as nohup does
+    stop_on_hangup();
+    ASSERT_EQ(raise(SIGHUP), 0);
+    EXPECT_FALSE(is_stop_requested());
 }
 
 } // namespace

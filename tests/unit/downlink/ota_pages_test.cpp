@@ -1,10 +1,11 @@
-#include "downlink/ota_pages.h"
+#include "downlink/page_serving.h"
 
 #include "base/hex.h"
 #include "firmware/ota.h"
 #include "rtls-gateway.h"
 #include "support/bridge_message_fixture.h"
 #include "support/failing_new.h"
+#include "wire/ota_pages.h"
 
 #include <string>
 

@@ -40,7 +40,7 @@ public:
     void feed(bytes_view bytes)
     {
         const auto keep = [](void* kept, WIN_CLIENT_t& c) {
-            static_cast<frames_t*>(kept)->emplace_back(c.pending_data, c.pending_data + c.pending_data_size);
+            static_cast<frames_t*>(kept)->emplace_back(c.pending_data.get(), c.pending_data + c.pending_data_size);
         };
         win_client_decode(*client, bytes, keep, &frames);
     }
@@ -118,7 +118,7 @@ TEST(win_client_new, gives_a_fresh_record_with_its_own_copy_of_the_identity)
     EXPECT_EQ(bytes_t(client->mac_addr, client->mac_addr + mac_size), bytes_t(mac_size));
     EXPECT_FALSE(client->firmware_updated);
     EXPECT_EQ(client->connection_delay, 5U);
-    EXPECT_EQ(zlist_size(client->unsent_messages), 0U);
+    EXPECT_EQ(client->unsent_messages.size(), 0U);
     void* record = client;
     win_client_destroy(&record);
     EXPECT_EQ(record, nullptr);
@@ -155,8 +155,8 @@ TEST(win_client_destroy, takes_what_is_there)
     const zframe_ptr id{zframe_new("\0abcd", 5)};
     WIN_CLIENT_t* client = win_client_new(id.get());
     ASSERT_TRUE(win_client_increase_buffer_size(client));
-    zlist_append(client->unsent_messages, zframe_new("1", 1));
-    zlist_append(client->unsent_messages, zframe_new("2", 1));
+    EXPECT_TRUE(client->unsent_messages.append(hex("01")));
+    EXPECT_TRUE(client->unsent_messages.append(hex("02")));
     void* record = client;
     win_client_destroy(&record); // the leak checker sees whether anything stays
     EXPECT_EQ(record, nullptr);
@@ -167,10 +167,10 @@ TEST(win_client_increase_buffer_size, grows_by_512_bytes_and_keeps_the_content)
     decoder d;
     ASSERT_TRUE(win_client_increase_buffer_size(d.client));
     EXPECT_EQ(d.client->pending_buffsize, 512U);
-    std::ranges::fill(std::span{d.client->pending_data, 512}, uint8_t{0xAB});
+    std::ranges::fill(std::span{d.client->pending_data.get(), 512}, uint8_t{0xAB});
     ASSERT_TRUE(win_client_increase_buffer_size(d.client));
     EXPECT_EQ(d.client->pending_buffsize, 1024U);
-    EXPECT_EQ(bytes_t(d.client->pending_data, d.client->pending_data + 512), bytes_t(512, 0xAB));
+    EXPECT_EQ(bytes_t(d.client->pending_data.get(), d.client->pending_data + 512), bytes_t(512, 0xAB));
 }
 
 TEST(win_client_increase_buffer_size, ends_at_one_mebibyte)

@@ -57,12 +57,15 @@ std::string key_of(const WIN_CLIENT_t& client)
 }
 
 // What waits for the client, oldest first.
-std::vector<std::string> unsent(const WIN_CLIENT_t& client)
+std::vector<std::string> unsent(WIN_CLIENT_t& client)
 {
     std::vector<std::string> texts;
-    for (void* item = zlist_first(client.unsent_messages); item; item = zlist_next(client.unsent_messages)) {
-        auto* frame = static_cast<zframe_t*>(item);
-        texts.emplace_back(reinterpret_cast<const char*>(zframe_data(frame)), zframe_size(frame));
+    for (size_t left = client.unsent_messages.size(); left > 0; --left) { // once around
+        const bytes_view front = client.unsent_messages.front();
+        const bytes_t bytes{front.begin(), front.end()};
+        texts.push_back(text(bytes));
+        client.unsent_messages.pop();
+        EXPECT_TRUE(client.unsent_messages.append(bytes));
     }
     return texts;
 }
@@ -77,7 +80,7 @@ WIN_CLIENT_t* add_unreachable(const win_link& link, const char* identity)
 {
     const zframe_ptr id{zframe_new(identity, 5)};
     WIN_CLIENT_t* client = win_client_new(id.get());
-    zhashx_insert(link.server().clients, key_of(*client).c_str(), client);
+    link.server().clients.insert(key_of(*client).c_str(), client);
     return client;
 }
 
@@ -209,7 +212,7 @@ TEST(win_connection, closed_by_the_peer_is_forgotten)
     const win_link link;
     auto [peer, client] = link.connect();
     const uint8_t mac[mac_size] = {0x01, 0x02, 0x03, 0x04, 0x05, 0xA6, 0xB7, 0xC8};
-    win_client_set_mac_addr(&link.server(), client, mac);
+    link.server().clients.set_mac_addr(*client, mac);
     const std::string then = "SLIP: Connection closed by peer IP:127.0.0.1:" + std::to_string(peer.port()) +
                              " MAC:0102030405a:6b7c8 ID:[" + key_of(*client) + "]";
     log.take();
@@ -224,7 +227,7 @@ TEST(win_connection, data_of_an_unknown_client_is_reported_and_dropped)
     const win_link link;
     auto [peer, client] = link.connect();
     const std::string key = key_of(*client);
-    zhashx_delete(link.server().clients, key.c_str());
+    link.server().clients.erase(key.c_str());
     log.take();
     peer.send(framed_ping);
     const std::string then = "SLIP: (E) rsvd from non existed client " + key;
@@ -362,7 +365,7 @@ TEST(data_to_win_client, is_false_for_an_unknown_client_alone)
     log.take();
     EXPECT_TRUE(send_to(link, lost->id, ping));
     EXPECT_THAT(unsent(*lost), ElementsAre(text(framed_ping)));
-    EXPECT_EQ(lost->unsent_bytes, framed_ping.size());
+    EXPECT_EQ(lost->unsent_messages.bytes(), framed_ping.size());
     EXPECT_THAT(log.messages("main"), ElementsAre(unreachable));
 
     EXPECT_TRUE(send_to(link, lost->id, hex("01"))); // after what waits, whatever becomes of it
@@ -370,9 +373,10 @@ TEST(data_to_win_client, is_false_for_an_unknown_client_alone)
     EXPECT_THAT(log.messages("main"),
                 ElementsAre("unsent_messages_to_win_client: zframe_send: 113, Host unreachable"));
 
-    lost->unsent_bytes = unsent_messages_limit; // no room: lost, and true all the same
+    const bytes_t filler(unsent_messages_limit - lost->unsent_messages.bytes());
+    EXPECT_TRUE(lost->unsent_messages.append(filler)); // no room: lost, and true all the same
     EXPECT_TRUE(send_to(link, lost->id, hex("02")));
-    EXPECT_EQ(unsent(*lost).size(), 2U);
+    EXPECT_EQ(unsent(*lost).size(), 3U);
 }
 
 TEST(data_to_win_client, sends_what_waits_first)
@@ -383,7 +387,7 @@ TEST(data_to_win_client, sends_what_waits_first)
     EXPECT_TRUE(send_to(link, client->id, hex("01")));
     EXPECT_EQ(peer.receive(7), "old " + text(hex("F5 01 F7")));
     EXPECT_THAT(unsent(*client), IsEmpty());
-    EXPECT_EQ(client->unsent_bytes, 0U);
+    EXPECT_EQ(client->unsent_messages.bytes(), 0U);
 }
 
 TEST(data_to_win_client, without_an_identity_reaches_every_client_once)
@@ -502,7 +506,7 @@ TEST(data_to_cache, keeps_sixteen_mebibytes_and_reports_the_first_loss_alone)
     const bytes_t mebibyte(1024 * 1024, 0x11);
     for (int i = 0; i < 16; ++i)
         ASSERT_TRUE(data_to_cache(&link.server(), client, mebibyte.data(), mebibyte.size()));
-    EXPECT_EQ(client->unsent_bytes, unsent_messages_limit);
+    EXPECT_EQ(client->unsent_messages.bytes(), unsent_messages_limit);
     (void)log.messages("main");
     for (int i = 0; i < 3; ++i)
         EXPECT_FALSE(data_to_cache(&link.server(), client, ping.data(), 1));
@@ -510,7 +514,7 @@ TEST(data_to_cache, keeps_sixteen_mebibytes_and_reports_the_first_loss_alone)
         log.messages("main"),
         ElementsAre("data_to_cache: win client [0061626364] IP 0.0.0.0:0 does not read: 16777216 bytes "
                     "wait for it, messages are lost!"));
-    EXPECT_EQ(zlist_size(client->unsent_messages), 16U);
+    EXPECT_EQ(client->unsent_messages.size(), 16U);
 }
 
 TEST(data_to_cache, keeps_no_more_small_messages_than_memory_is_meant_for)
@@ -519,9 +523,8 @@ TEST(data_to_cache, keeps_no_more_small_messages_than_memory_is_meant_for)
     const win_link link;
     WIN_CLIENT_t* client = add_unreachable(link, "\0abcd");
     // What waits already, without 262,142 records of it.
-    while (zlist_size(client->unsent_messages) < unsent_messages_number_limit - 2)
-        ASSERT_EQ(zlist_append(client->unsent_messages, zframe_new("x", 1)), 0);
-    client->unsent_bytes = unsent_messages_number_limit - 2;
+    while (client->unsent_messages.size() < unsent_messages_number_limit - 2)
+        ASSERT_TRUE(client->unsent_messages.append(hex("78")));
     log.take();
     EXPECT_TRUE(data_to_cache(&link.server(), client, ping.data(), 1));
     EXPECT_TRUE(data_to_cache(&link.server(), client, ping.data(), 1));
@@ -530,7 +533,7 @@ TEST(data_to_cache, keeps_no_more_small_messages_than_memory_is_meant_for)
     EXPECT_THAT(log.messages("main"),
                 ElementsAre("data_to_cache: win client [0061626364] IP 0.0.0.0:0 does not read: 262144 bytes "
                             "wait for it, messages are lost!"));
-    EXPECT_EQ(zlist_size(client->unsent_messages), 262'144U);
+    EXPECT_EQ(client->unsent_messages.size(), 262'144U);
 }
 
 TEST(rpl_version, goes_to_every_client_and_advances_each_time)

@@ -2,8 +2,8 @@
 
 #include "base/hex.h"
 #include "base/udplib.h"
-#include "link/win_server_private.h"
 #include "support/log_capture.h"
+#include "wire/discovery_answers.h"
 
 #include <gtest/gtest.h>
 

@@ -47,7 +47,7 @@ std::string closed_line(const WIN_CLIENT_t& client, const char* mac = "000000000
 void name_bridge(const win_link& link, WIN_CLIENT_t* client, uint8_t last_byte)
 {
     const uint8_t mac[mac_size] = {0x01, 0x02, 0x03, 0x04, 0x05, 0xA6, 0xB7, last_byte};
-    win_client_set_mac_addr(&link.server(), client, mac);
+    link.server().clients.set_mac_addr(*client, mac);
 }
 
 NODE_t* node_of(const win_link& link, const WIN_CLIENT_t& client)
@@ -144,11 +144,25 @@ TEST(check_client_connection, missed_ticks_that_come_in_a_row_count_as_one)
     clock_of_checks clock{link};
     clock.tick();
     EXPECT_EQ(client->connection_delay, 4U);
-    for (int i = 0; i < 499; ++i)
-        clock.tick(1);
+    for (int i = 0; i < 10; ++i)
+        clock.tick(5);
     EXPECT_EQ(client->connection_delay, 4U);
-    clock.tick(1); // 500 ms after the last one that counted
+    clock.tick(10'000); // ten of them were missed
+    for (int i = 0; i < 10; ++i)
+        clock.tick(1);
     EXPECT_EQ(client->connection_delay, 3U);
+}
+
+TEST(check_client_connection, a_late_tick_takes_nothing_from_the_punctual_one_behind_it)
+{
+    const win_link link;
+    auto [peer, client] = link.connect();
+    clock_of_checks clock{link};
+    clock.tick();
+    clock.tick(1650);
+    EXPECT_EQ(client->connection_delay, 3U);
+    clock.tick(350);
+    EXPECT_EQ(client->connection_delay, 2U);
 }
 
 TEST(check_client_connection, closes_all_unwanted_bridges_in_one_tick_in_table_order)
@@ -165,7 +179,7 @@ TEST(check_client_connection, closes_all_unwanted_bridges_in_one_tick_in_table_o
         }
     }
     std::vector<std::string> then;
-    zhashx_t* clients = link.server().clients;
+    zhashx_t* clients = link.server().clients.unguarded();
     for (void* item = zhashx_first(clients); item; item = zhashx_next(clients))
         if (const auto* client = static_cast<WIN_CLIENT_t*>(item); client->mac_addr[0] == 0)
             then.push_back(closed_line(*client));
@@ -232,8 +246,7 @@ TEST(check_proxy_connection, reconnects_from_the_second_silent_tick_on)
     ASSERT_GT(port, 0);
     const std::string endpoint = "tcp://127.0.0.1:" + std::to_string(port);
     WIN_SERVER_t& server = link.server();
-    std::free(server.proxy_full_address);
-    server.proxy_full_address = strdup(endpoint.c_str());
+    server.proxy_full_address = endpoint;
     server.proxy_sock = zsock_new(ZMQ_SUB);
     zsock_set_subscribe(server.proxy_sock, "");
     zactor_t* monitor = zactor_new(zmonitor, server.proxy_sock);
@@ -303,7 +316,7 @@ TEST(unsent_messages, go_out_oldest_first_with_a_line_each)
     log.take();
     EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0);
     EXPECT_EQ(peer.receive(5), std::string("\x01\x02\xF5\xF7\x00", 5));
-    EXPECT_EQ(client->unsent_bytes, 0U);
+    EXPECT_EQ(client->unsent_messages.bytes(), 0U);
     EXPECT_FALSE(client->unsent_overflow);
     const std::string tail =
         " 127.0.0.1:" + std::to_string(peer.port()) + " [" + identity_key{client->id}.c_str() + "]";
@@ -337,15 +350,15 @@ TEST(unsent_messages, of_a_stalled_bridge_wait_in_order_until_it_reads)
         ASSERT_TRUE(data_to_win_client(&link.server(), client->id, numbered(n).data(), 4));
         then += framed(n);
     }
-    ASSERT_EQ(zlist_size(client->unsent_messages), count);
-    const size_t bytes = client->unsent_bytes;
+    ASSERT_EQ(client->unsent_messages.size(), count);
+    const size_t bytes = client->unsent_messages.bytes();
     {
         log_capture log;
         EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0);
         EXPECT_THAT(log.take(), IsEmpty());
     }
-    EXPECT_EQ(zlist_size(client->unsent_messages), count);
-    EXPECT_EQ(client->unsent_bytes, bytes);
+    EXPECT_EQ(client->unsent_messages.size(), count);
+    EXPECT_EQ(client->unsent_messages.bytes(), bytes);
 
     std::string received;
     EXPECT_TRUE(repeat_until([&] { return received.size() >= then.size(); },
@@ -354,8 +367,8 @@ TEST(unsent_messages, of_a_stalled_bridge_wait_in_order_until_it_reads)
                                  check_clients_unsent_messages(link.loop(), 1, &link.server());
                              }));
     EXPECT_TRUE(received == then) << received.size() << " of " << then.size() << " bytes";
-    EXPECT_EQ(client->unsent_bytes, 0U);
-    EXPECT_EQ(zlist_size(client->unsent_messages), 0U);
+    EXPECT_EQ(client->unsent_messages.bytes(), 0U);
+    EXPECT_EQ(client->unsent_messages.size(), 0U);
 }
 
 TEST(unsent_messages, of_many_stalled_bridges_cost_the_others_no_time)
@@ -372,7 +385,7 @@ TEST(unsent_messages, of_many_stalled_bridges_cost_the_others_no_time)
     EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0);
     EXPECT_LT(zclock_mono() - start, 5000) << "not even one time-out";
     for (const auto& bridge : bridges)
-        EXPECT_EQ(zlist_size(bridge.client->unsent_messages), 1U);
+        EXPECT_EQ(bridge.client->unsent_messages.size(), 1U);
 }
 
 TEST(unsent_messages, beyond_the_ceiling_are_lost_and_reported_once_until_the_cache_is_empty)
@@ -382,10 +395,14 @@ TEST(unsent_messages, beyond_the_ceiling_are_lost_and_reported_once_until_the_ca
     auto [peer, client] = link.connect(4096);
     const auto* one = reinterpret_cast<const uint8_t*>("x");
     const auto overflow = [&, client = client] {
-        client->unsent_bytes = unsent_messages_limit; // as if so much waited
+        unsent_queue& queue = client->unsent_messages;
+        ASSERT_TRUE(queue.append(bytes_t(unsent_messages_limit - queue.bytes())));
         for (int i = 0; i < 3; ++i)
             EXPECT_FALSE(data_to_cache(&link.server(), client, one, 1));
-        client->unsent_bytes = 0;
+        const bool one_waits = queue.size() == 2;
+        queue.clear();
+        if (one_waits)
+            ASSERT_TRUE(queue.append({one, 1}));
     };
     const std::string then = "data_to_cache: win client [" + std::string(identity_key{client->id}.c_str()) +
                              "] IP 127.0.0.1:" + std::to_string(peer.port()) +
@@ -396,9 +413,8 @@ TEST(unsent_messages, beyond_the_ceiling_are_lost_and_reported_once_until_the_ca
     ASSERT_TRUE(data_to_cache(&link.server(), client, one, 1)); // room again, but the episode goes on
     overflow();
     EXPECT_THAT(log.messages("main"), IsEmpty());
-    client->unsent_bytes = 1;
     unsent_messages_to_win_client(&link.server(), client);
-    ASSERT_EQ(zlist_size(client->unsent_messages), 0U);
+    ASSERT_EQ(client->unsent_messages.size(), 0U);
     overflow();
     EXPECT_THAT(log.messages("main"), ElementsAre(then));
 }

@@ -10,7 +10,7 @@
 #include "support/temp_file.h"
 #include "support/test_gateway.h"
 #include "support/wait.h"
-#include "terminal/node_requests.h"
+#include "wire/node_commands.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -44,6 +44,11 @@ static OTA_FIRMWARE_INFO_t sample_info()
     info.page_size = 256;
     info.maximum_pages = 1024;
     return info;
+}
+
+static offered_image offered(const OTA_FIRMWARE_INFO_t& info)
+{
+    return {info.git_ver, info.crc32, info.size};
 }
 
 // --- Requests
@@ -80,7 +85,7 @@ TEST(node_requests, set)
          hex("0E 08 00 00 12 00 0E 20 0E 01 02 A0 FF CA FE 01 23 00 03 E8 FF BE EF 00 01 02 03 04 05 1A 2B")},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(make_set_request(sample_info(), c.source, sample_mac), c.then) << c.given;
+        EXPECT_EQ(make_set_request(offered(sample_info()), c.source, sample_mac), c.then) << c.given;
 }
 
 // --- Texts
@@ -311,7 +316,7 @@ TEST_F(terminal_firmware_test, set_by_index_and_mac)
     for (const auto& c : sent) {
         EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), "0", "1a2b", c.source),
                   "Command sent the node successfully!\n");
-        EXPECT_EQ(next_request(), make_set_request(info, c.meant, sample_mac));
+        EXPECT_EQ(next_request(), make_set_request(offered(info), c.meant, sample_mac));
     }
 }
 

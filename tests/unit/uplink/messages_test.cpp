@@ -133,7 +133,7 @@ TEST_F(win_client_messages, a_ping_comes_back_in_its_timestamp_envelope)
 TEST_F(win_client_messages, a_ping_is_printed_with_the_bridge_it_came_from)
 {
     const bytes_t mac = hex(bridge_mac);
-    win_client_set_mac_addr(server, bridge, mac.data());
+    server->clients.set_mac_addr(*bridge, mac.data());
     EXPECT_TRUE(receive(hex("00 00 A7")));
     EXPECT_EQ(lines("parsing"), texts_t{"SLIP: MSG_PING a7 MAC : ab:cd:ef:01:2a:bc:de:3f"});
 }
@@ -406,7 +406,7 @@ TEST_F(win_client_messages, the_bridge_of_a_connection_is_the_one_last_named)
     };
     for (const auto& c : cases) {
         const bytes_t zero(mac_size);
-        win_client_set_mac_addr(server, bridge, zero.data());
+        server->clients.set_mac_addr(*bridge, zero.data());
         EXPECT_TRUE(receive(c.message));
         EXPECT_TRUE(receive(c.message)); // named again: no line
         EXPECT_EQ(lines("develop"), texts_t{"SLIP: Change connection MAC-address from " + c.then});
@@ -464,7 +464,7 @@ TEST_F(win_client_messages, the_direct_mask_is_the_envelopes)
 TEST_F(win_client_messages, a_forwarded_heartbeat_names_this_bridge)
 {
     const bytes_t mac = hex(bridge_mac);
-    win_client_set_mac_addr(server, bridge, mac.data());
+    server->clients.set_mac_addr(*bridge, mac.data());
     EXPECT_TRUE(receive(envelope(heartbeat_body({.seq = 1}))));
     EXPECT_EQ(reports(), texts_t{heartbeat_report}); // the bridge's MAC at its end
     EXPECT_TRUE(node(sender_mac)->forwarded_ip);

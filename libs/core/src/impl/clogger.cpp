@@ -1,6 +1,7 @@
 #include "impl/clogger.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <exception>
@@ -52,7 +53,7 @@ __attribute__((format(printf, 3, 0))) void write_record(tav_component_logger log
     // The text is an argument, never a pattern: its own % signs stay as they are.
     const std::string text = formatted(format, arguments);
     auto record = ((*logger->m_component).*level)("%1%");
-    record % text;
+    record.kind(format) % text;
     if (time)
         record.date_time(*time);
 }
@@ -77,13 +78,30 @@ tav_logger create_logger(const char* name)
     try {
         return new tav_logger_handle{{name, "logger"}};
     } catch (const std::exception&) {
-        return nullptr; // no memory, or no descriptors for the socket
+        return nullptr; // no memory, no descriptors for the socket, no thread
     }
 }
 
 void destroy_logger(tav_logger logger)
 {
     delete logger;
+}
+
+bool logger_flush(tav_logger logger, unsigned timeout_ms)
+{
+    try {
+        return logger != nullptr && logger->m_logger.flush(std::chrono::milliseconds(timeout_ms));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+tav_log_counters_t logger_get_counters(tav_logger logger)
+{
+    if (logger == nullptr)
+        return {};
+    const auto lines = logger->m_logger.system_log_counters();
+    return {lines.queued, lines.written, lines.lost, lines.held_back, logger->m_logger.unpublished()};
 }
 
 void logger_connect(tav_logger logger, const char* address)

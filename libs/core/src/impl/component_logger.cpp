@@ -4,6 +4,8 @@
 
 #include <syslog.h>
 
+#include <utility>
+
 namespace tav::libs::core {
 
 namespace {
@@ -46,14 +48,19 @@ bool component_logger::is_debug_wanted() const
 
 // All output happens here. The broker always sees date and indentation; the system log dates its
 // lines by itself and gets them only while it is used for debugging.
-void component_logger::write(int log_level, const std::string& text,
+void component_logger::write(int log_level, std::string text, const char* kind,
                              const std::optional<timestamp>& time) const
 {
-    const timestamp at = time ? *time : timestamp::current_time();
-    const std::string line = at.to_iso_8601(true, ' ', false) + " " + indent() + text;
-    const std::string record = m_logger.is_publishing() ? m_zmq_prefix + line : std::string();
-    m_logger.write_to_system_log(log_level, m_logger.is_debug() ? line : text);
-    if (!record.empty())
+    const bool is_debug = m_logger.is_debug();
+    const bool is_publishing = m_logger.is_publishing();
+    std::string line;
+    if (is_debug || is_publishing) {
+        const timestamp at = time ? *time : timestamp::current_time();
+        line = at.to_iso_8601(true, ' ', false) + " " + indent() + text;
+    }
+    const std::string record = is_publishing ? m_zmq_prefix + line : std::string();
+    m_logger.write_to_system_log(log_level, std::move(is_debug ? line : text), kind);
+    if (is_publishing)
         m_logger.publish(record);
 }
 
@@ -125,7 +132,7 @@ void component_logger::log_error(const boost::system::error_code& code, const so
 }
 
 component_logger::formatter::formatter(const component_logger& component, int log_level, const char* pattern)
-    : m_format(pattern), m_log_level(log_level), m_logger(component)
+    : m_format(pattern), m_log_level(log_level), m_kind(pattern), m_logger(component)
 {
 }
 
@@ -153,6 +160,12 @@ component_logger::formatter& component_logger::formatter::date_time(const timest
     return *this;
 }
 
+component_logger::formatter& component_logger::formatter::kind(const char* kind)
+{
+    m_kind = kind;
+    return *this;
+}
+
 std::string component_logger::formatter::text() const
 {
     std::string text;
@@ -170,7 +183,7 @@ std::string component_logger::formatter::text() const
 component_logger::formatter::~formatter()
 {
     if (m_logger.m_logger.is_wanted(m_log_level))
-        m_logger.write(m_log_level, text(), m_timestamp);
+        m_logger.write(m_log_level, text(), m_kind, m_timestamp);
 }
 
 } // namespace tav::libs::core

@@ -42,9 +42,10 @@ public:
     // Whether a debug record would reach anybody now.
     bool is_debug_wanted() const;
 
-    // Writes one record, dated now unless told otherwise. Throws std::bad_alloc, and then nothing of it
-    // is written.
-    void write(int log_level, const std::string& text, const std::optional<timestamp>& time = {}) const;
+    // Writes one record, dated now unless told otherwise. Records of one kind share that pointer (see
+    // rate_limit). Throws std::bad_alloc, and then nothing of it is written.
+    void write(int log_level, std::string text, const char* kind,
+               const std::optional<timestamp>& time = {}) const;
 
     // Trace the entry into a function or scope with a debug record. Records are indented by one level
     // more for as long as the guard lives; leaving writes nothing.
@@ -93,12 +94,14 @@ public:
     formatter& function(const source_location& location);       // then the signature and ": "
     formatter& short_function(const source_location& location); // or the short name and ": "
     formatter& date_time(const timestamp& time);                // instead of now
+    formatter& kind(const char* kind);                          // instead of the pattern, see rate_limit
 
 private:
     std::string text() const;
 
     boost::format m_format;
     int m_log_level; // a priority of syslog
+    const char* m_kind;
     const component_logger& m_logger;
     std::optional<source_location> m_source_location;
     std::string_view m_function;

@@ -6,20 +6,27 @@ namespace {
 
 constexpr int linger_ms = 5000;
 
+zmq::socket_t make_socket(zmq::context_t& context)
+{
+    zmq::socket_t socket(context, zmq::socket_type::push);
+    socket.set(zmq::sockopt::linger, linger_ms);
+    return socket;
+}
+
 } // namespace
 
 logger::logger(std::string_view application_name, std::string_view component_name)
     : component_logger(*this, application_name, component_name), m_module_name(application_name),
-      m_debug_socket(m_zmq_context, zmq::socket_type::push), m_system_log(application_name)
+      m_debug_socket(make_socket(m_zmq_context)), m_system_log(application_name)
 {
-    m_debug_socket.set(zmq::sockopt::linger, linger_ms);
     // Not by a formatter: its record would end the process where this may still throw.
-    write(LOG_INFO, "Starting " + m_module_name);
+    write(LOG_INFO, "Starting " + m_module_name, "Starting %1%");
 }
 
 logger::~logger()
 {
-    m_debug_socket.close();
+    m_debug_socket.close(); // it lingers behind the scenes, so that the two waits are one
+    m_system_log.close();
     m_zmq_context.close();
 }
 
@@ -36,7 +43,7 @@ void logger::connect(const std::string& address)
         m_debug_socket.connect(address);
         m_has_broker.store(true, std::memory_order_relaxed);
     }
-    write(LOG_DEBUG, "Connected to socket");
+    write(LOG_DEBUG, "Connected to socket", "Connected to socket");
 }
 
 std::unique_ptr<component_logger> logger::component(std::string_view name)
@@ -49,10 +56,12 @@ void logger::publish(std::string_view record)
     const rtls::mutex_guard lock(m_socket_mutex);
     try {
         // No result means that the queue is full, or that no broker is there.
-        (void)m_debug_socket.send(zmq::buffer(record), zmq::send_flags::dontwait);
+        if (m_debug_socket.send(zmq::buffer(record), zmq::send_flags::dontwait))
+            return;
     } catch (const zmq::error_t&) {
         // A log that cannot be sent must not be what ends the daemon.
     }
+    m_unpublished.fetch_add(1, std::memory_order_relaxed);
 }
 
 } // namespace tav::libs::core

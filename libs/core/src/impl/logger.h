@@ -3,8 +3,8 @@
 // Ownership  Owns its ZeroMQ context and socket; must outlive the component loggers that it makes.
 // Threads    Any, all at once; the socket is guarded by a mutex. One logger per process at a time, as
 //            the system log has only one identity.
-// Failures   The constructor and connect() throw zmq::error_t or std::bad_alloc. A constructor that throws
-//            leaves the system log closed.
+// Failures   The constructor and connect() throw zmq::error_t or std::bad_alloc, the constructor also
+//            std::system_error. A constructor that throws leaves the system log closed.
 #pragma once
 
 #include "core/thread_annotations.h"
@@ -16,9 +16,12 @@
 #include <syslog.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace tav::libs::core {
 
@@ -26,7 +29,7 @@ namespace tav::libs::core {
 class logger : public component_logger {
 public:
     logger(std::string_view application_name, std::string_view component_name);
-    ~logger(); // waits up to five seconds for a connected broker to take the last records
+    ~logger(); // waits up to five seconds for the system log and a connected broker to take the last records
 
     // Debugging lets the system log take debug records and copies all of its lines to standard error.
     void set_debug(bool on);
@@ -57,11 +60,20 @@ public:
     // Whether a record of this level must be composed. All but debug records go to the system log anyway.
     bool is_wanted(int log_level) const { return log_level != LOG_DEBUG || is_debug_wanted(); }
 
-    // One line to the system log. Throws nothing.
-    void write_to_system_log(int log_level, const std::string& line) { m_system_log.write(log_level, line); }
+    // One line to the system log, of this kind (see rate_limit). Never waits.
+    void write_to_system_log(int log_level, std::string line, const char* kind)
+    {
+        m_system_log.write(log_level, std::move(line), kind);
+    }
+
+    // Waits until the system log has all lines so far. False: not in time.
+    bool flush(std::chrono::milliseconds timeout) { return m_system_log.flush(timeout); }
 
     // Sends one record to a broker. Never waits: a record that cannot go at once is lost.
     void publish(std::string_view record);
+
+    system_log::counters system_log_counters() const { return m_system_log.count(); }
+    uint64_t unpublished() const { return m_unpublished.load(std::memory_order_relaxed); }
 
 private:
     std::string m_module_name;
@@ -69,6 +81,7 @@ private:
     std::atomic<bool> m_writing_to_socket{true};
     std::atomic<bool> m_enable_logger{true};
     std::atomic<bool> m_has_broker{false};
+    std::atomic<uint64_t> m_unpublished{0}; // records that a broker should have got
     zmq::context_t m_zmq_context;
     rtls::annotated_mutex m_socket_mutex;
     zmq::socket_t m_debug_socket RTLS_GUARDED_BY(m_socket_mutex);

@@ -4,13 +4,20 @@
 #include <zmq.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <utility>
 
 namespace {
 
+constexpr auto patience = std::chrono::seconds(10);
+
 std::atomic<int> last_linger{-2};
+std::mutex closed_mutex;
+std::condition_variable closed_changed;
+int closed = 0;
 std::mutex action_mutex;
 std::function<void()> action_on_linger;
 
@@ -38,6 +45,29 @@ extern "C" int zmq_setsockopt(void* socket, int option, const void* value, size_
     if (option == ZMQ_LINGER && size == sizeof(int))
         note_linger(value);
     return rc;
+}
+
+extern "C" int zmq_close(void* socket)
+{
+    using function_t = int (*)(void*);
+    static const auto real = reinterpret_cast<function_t>(dlsym(RTLD_NEXT, "zmq_close"));
+    const int rc = real(socket);
+    const std::lock_guard lock(closed_mutex);
+    ++closed;
+    closed_changed.notify_all();
+    return rc;
+}
+
+int socket_options::closed_number()
+{
+    const std::lock_guard lock(closed_mutex);
+    return closed;
+}
+
+bool socket_options::wait_for_closing(int more_than)
+{
+    std::unique_lock lock(closed_mutex);
+    return closed_changed.wait_for(lock, patience, [&] { return closed > more_than; });
 }
 
 int socket_options::last_linger_ms()

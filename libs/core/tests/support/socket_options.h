@@ -1,5 +1,5 @@
-// socket_options - sees the options that the library sets on its ZeroMQ sockets: linked into a test, it
-// stands before libzmq's own function.
+// socket_options - sees what the library does with its ZeroMQ sockets: linked into a test, it stands before
+// libzmq's own functions.
 #pragma once
 
 #include <functional>
@@ -11,5 +11,11 @@ int last_linger_ms();
 
 // Called by whoever sets a linger time, on its thread, once.
 void on_next_linger(std::function<void()> action);
+
+// How many sockets were closed so far.
+int closed_number();
+
+// Waits until there are more. False: not within ten seconds.
+bool wait_for_closing(int more_than);
 
 } // namespace socket_options

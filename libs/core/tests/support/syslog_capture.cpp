@@ -1,28 +1,93 @@
 #include "support/syslog_capture.h"
 
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 namespace {
 
+constexpr auto patience = std::chrono::seconds(10);
+
 struct system_log_t {
-    std::mutex mutex;
+    std::mutex libc_mutex; // before the other one
+
+    std::mutex mutex; // guards the rest, and is never held for long
+    std::condition_variable changed;
     const char* identity = nullptr;
     int options = 0;
     int facility = 0;
     int mask = LOG_UPTO(LOG_DEBUG);
     std::vector<syslog_capture::line_t> lines;
+    std::optional<syslog_capture::stuck> stuck;
+    bool is_somebody_stuck = false;
+    int reading_again = -1; // of the last time that nobody read
 };
 
+// Not destroyed: a thread may still be stuck in it when the program ends.
 system_log_t& system_log()
 {
-    static system_log_t log;
-    return log;
+    static auto* const log = new system_log_t;
+    return *log;
+}
+
+struct stuck_t {
+    bool can_be_cancelled;
+    int reading_again;
+};
+
+std::optional<stuck_t> get_stuck()
+{
+    system_log_t& log = system_log();
+    const std::lock_guard lock(log.mutex);
+    if (!log.stuck)
+        return std::nullopt;
+    log.is_somebody_stuck = true;
+    log.changed.notify_all();
+    return stuck_t{*log.stuck == syslog_capture::stuck::cancellable, log.reading_again};
+}
+
+// In read(), which is a cancellation point. Nothing on the way here is noexcept.
+void wait_for_the_reader()
+{
+    const auto stuck = get_stuck();
+    if (!stuck)
+        return;
+    int old_state = 0;
+    if (!stuck->can_be_cancelled)
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_state);
+    uint64_t value = 0;
+    (void)!read(stuck->reading_again, &value, sizeof value);
+    if (!stuck->can_be_cancelled)
+        pthread_setcancelstate(old_state, nullptr);
+}
+
+__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
+{
+    char* text = nullptr;
+    if (vasprintf(&text, format, arguments) < 0)
+        return {};
+    std::string result = text;
+    std::free(text);
+    return result;
+}
+
+void store(int priority, std::string text)
+{
+    system_log_t& log = system_log();
+    const std::lock_guard lock(log.mutex);
+    const char* identity = log.identity != nullptr ? log.identity : "";
+    log.lines.push_back({identity, log.options, log.facility, priority, std::move(text)});
+    log.changed.notify_all();
 }
 
 } // namespace
@@ -31,6 +96,7 @@ extern "C" {
 
 void openlog(const char* ident, int option, int facility)
 {
+    const std::lock_guard libc_lock(system_log().libc_mutex);
     const std::lock_guard lock(system_log().mutex);
     system_log().identity = ident;
     system_log().options = option;
@@ -39,12 +105,14 @@ void openlog(const char* ident, int option, int facility)
 
 void closelog()
 {
+    const std::lock_guard libc_lock(system_log().libc_mutex);
     const std::lock_guard lock(system_log().mutex);
     system_log().identity = nullptr;
 }
 
 int setlogmask(int mask)
 {
+    const std::lock_guard libc_lock(system_log().libc_mutex);
     const std::lock_guard lock(system_log().mutex);
     const int old = system_log().mask;
     if (mask != 0) // 0 asks only
@@ -52,16 +120,14 @@ int setlogmask(int mask)
     return old;
 }
 
-void vsyslog(int priority, const char* format, va_list arguments)
+__attribute__((format(printf, 2, 0))) void vsyslog(int priority, const char* format, va_list arguments)
 {
-    char* text = nullptr;
-    const int length = vasprintf(&text, format, arguments);
-    const std::lock_guard lock(system_log().mutex);
-    system_log_t& log = system_log();
-    if (length >= 0 && (LOG_MASK(priority) & log.mask) != 0)
-        log.lines.push_back(
-            {log.identity != nullptr ? log.identity : "", log.options, log.facility, priority, text});
-    std::free(text);
+    std::string text = formatted(format, arguments);
+    const std::lock_guard libc_lock(system_log().libc_mutex);
+    if ((LOG_MASK(priority) & syslog_capture::mask()) == 0)
+        return;
+    wait_for_the_reader();
+    store(priority, std::move(text));
 }
 
 void syslog(int priority, const char* format, ...)
@@ -98,6 +164,12 @@ std::vector<std::string> syslog_capture::take_texts()
     return texts;
 }
 
+bool syslog_capture::wait_for(const std::function<bool(const std::vector<line_t>&)>& condition)
+{
+    std::unique_lock lock(system_log().mutex);
+    return system_log().changed.wait_for(lock, patience, [&] { return condition(system_log().lines); });
+}
+
 int syslog_capture::mask()
 {
     const std::lock_guard lock(system_log().mutex);
@@ -108,4 +180,28 @@ bool syslog_capture::is_open()
 {
     const std::lock_guard lock(system_log().mutex);
     return system_log().identity != nullptr;
+}
+
+void syslog_capture::stop_reading(stuck how)
+{
+    const std::lock_guard lock(system_log().mutex);
+    system_log().stuck = how;
+    system_log().is_somebody_stuck = false;
+    system_log().reading_again = eventfd(0, 0); // never closed: somebody may still look at the last one
+}
+
+void syslog_capture::wait_until_stuck()
+{
+    std::unique_lock lock(system_log().mutex);
+    system_log().changed.wait(lock, [] { return system_log().is_somebody_stuck; });
+}
+
+void syslog_capture::read_again()
+{
+    const std::lock_guard lock(system_log().mutex);
+    if (!system_log().stuck.has_value())
+        return;
+    system_log().stuck.reset();
+    const uint64_t one = 1;
+    (void)!write(system_log().reading_again, &one, sizeof one);
 }

@@ -1,9 +1,17 @@
 // clogger - the logging library's flat interface: the only way in for the daemon.
 //
 // Every record goes to the system log and, once connected, to a debug broker as one ZeroMQ message.
+// Neither can hold up who logs. A thread of the library's own ("rtls-log", which takes no signals) hands the
+// lines to syslog(3), in the order of the calls. While the system log takes none, 8,192 lines or 8 MiB wait;
+// what comes then is lost, and a warning says how much as soon as there is room again:
+//     Log lines lost while the system log took none: 17
+// 1,000 lines of each second pass whole; beyond them only the first of each format, and a warning follows:
+//     Log lines held back beyond 1000 in a second: 17
 // Ownership  The caller owns what a create function returns and releases it with the matching destroy
 //            function. Component loggers must be destroyed before their logger.
-// Threads    Every function may be called from any thread, create and destroy of one handle excepted.
+// Threads    Every function may be called from any thread, create and destroy of one handle excepted. Not by
+//            the child of a fork: its records are dropped. Whoever calls libc's own functions for the system
+//            log waits while it takes no lines; the mask that setlogmask leaves is heeded.
 // Failures   A null component logger writes nothing; destroying null does nothing. Nothing throws; a
 //            record that there is no memory for ends the process. Every record leaves errno as it was.
 #pragma once
@@ -22,9 +30,30 @@ typedef struct tav_component_logger_handle* tav_component_logger;
 #define TAV_PRINTF_LIKE(format_index, first_argument)                                                        \
     __attribute__((format(printf, format_index, first_argument)))
 
-// A logger for the application `name` (also its syslog identity), or null when memory is short.
+// A logger for the application `name` (also its syslog identity), or null when memory, descriptors or
+// threads are short.
 tav_logger create_logger(const char* name);
+
+// Waits until all records are where they belong: at most 2.5 seconds for the system log, five for a connected
+// broker, both at once. What could not be written then is given up.
 void destroy_logger(tav_logger logger);
+
+// Waits until the system log has all records so far, and it is said there how many are missing. False when
+// that takes longer than `timeout_ms`, and for null. exit() waits by itself, at most 2.5 seconds; this is for
+// who is about to end the process in a harder way.
+bool logger_flush(tav_logger logger, unsigned timeout_ms);
+
+// What became of the records so far. Debug records that the system log's mask keeps out are no lines.
+typedef struct tav_log_counters_t {
+    uint64_t queued;      // lines taken in for the system log
+    uint64_t written;     // of these, handed to syslog(3); the others wait
+    uint64_t lost;        // lines lost, as the system log took none
+    uint64_t held_back;   // lines beyond 1,000 in a second
+    uint64_t unpublished; // records that a broker should have got, but its queue was full or it was away
+} tav_log_counters_t;
+
+// All zero for null. Reads a few counters, each by itself, and never waits.
+tav_log_counters_t logger_get_counters(tav_logger logger);
 
 // Also publishes all later records to the ZeroMQ endpoint `address`. A bad address is logged as an
 // error and changes nothing. Each call adds one more peer; records are dealt out in turn.

@@ -1,8 +1,12 @@
-// ota_pages - the requests of nodes for pages of a firmware image, and our answers.
+// ota_pages - a node's request for a page of a firmware image, and the frame of the answer.
+//
+// Pure functions: no socket, no lock, no memory of their own; nothing waits, nothing throws.
+// Threads    Any.
+// Bytes      Big-endian, but for the answer's type: layout ota_page in messaging.h.
 #pragma once
 
 #include "base/bytes.h"
-#include "link/win_server_private.h"
+#include "registry/addresses.h"
 #include "wire/messaging.h"
 
 #include <cstddef>
@@ -25,15 +29,11 @@ std::optional<ota_page_request> read_ota_page_request(bytes_view message);
 constexpr size_t ota_response_page = ota_page::size;
 constexpr size_t ota_response_size(uint16_t page_size)
 {
-    return ota_response_page + page_size + 8U;
+    return ota_response_page + page_size + mac_size;
 }
 
 // Writes all of the answer but the page into `response` of ota_response_size bytes: the request's own
 // fields under a new header, and the node's MAC (8 bytes) behind the place of the page.
 void write_ota_response_frame(bytes_view request, const uint8_t* node_mac, bytes_span response);
-
-// Answers a node's request for a page from the store. False when the image or the page is not there: the
-// servers are to be asked then. WIN server thread only.
-bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac);
 
 } // namespace rtls

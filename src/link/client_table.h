@@ -1,0 +1,73 @@
+// client_table - the bridges that are connected, by identity.
+//
+// Ownership  The table owns the records.
+// Threads    Every access locks by itself. The WIN server's thread alone changes the table, so that what it
+//            finds stays; other threads copy. The registry's lock, where both are held, is the outer one.
+// Failures   Nothing throws, but copy.
+#pragma once
+
+#include "base/czmq_ptr.h"
+#include "link/win_clients.h"
+
+#include "core/thread_annotations.h"
+
+#include <vector>
+
+namespace rtls {
+
+// What other threads may know of a WIN client.
+struct win_client_info {
+    zframe_ptr id;
+    sockaddr_in addr;
+    uint8_t mac_addr[mac_size];
+};
+
+class client_table {
+public:
+    client_table();
+    ~client_table() = default;
+    client_table(const client_table&) = delete;
+    client_table& operator=(const client_table&) = delete;
+
+    bool is_made() const { return m_records != nullptr; } // false when memory was short
+
+    // The client with this identity (upper-case hex), or nullptr.
+    WIN_CLIENT_t* find(const char* key) noexcept;
+    // Takes the record over. False, and the record stays the caller's, when the key is taken or memory short.
+    bool insert(const char* key, WIN_CLIENT_t* client) noexcept;
+    // Destroys the record, if there is one.
+    void erase(const char* key) noexcept;
+    size_t size() noexcept;
+
+    // Takes over the MAC that the client's bridge gives itself; other threads see it whole.
+    void set_mac_addr(WIN_CLIENT_t& client, const uint8_t* mac) noexcept;
+
+    // Calls visit(WIN_CLIENT_t&) for each client, in table order, without the lock. The visitor may look
+    // clients up and send, but erase none, and begin no other walk. WIN server's thread only.
+    template <typename Visitor>
+    void for_each(Visitor visit)
+    {
+        collect();
+        for (WIN_CLIENT_t* client : m_walk)
+            visit(*client);
+    }
+
+    // What other threads may know, in table order. Throws std::bad_alloc.
+    std::vector<win_client_info> copy();
+
+    // The table itself, for who must have it and knows that nobody else is there.
+    zhashx_t* unguarded() RTLS_NO_THREAD_SAFETY_ANALYSIS { return m_records.get(); }
+
+    // The lock itself.
+    annotated_mutex& mutex() RTLS_RETURNS_LOCK(m_mutex) { return m_mutex; }
+
+private:
+    void collect() noexcept;
+
+    annotated_mutex m_mutex;
+    zhashx_ptr m_records;
+    // The walk's own list; has room for all records, so that a walk needs no memory.
+    std::vector<WIN_CLIENT_t*> m_walk;
+};
+
+} // namespace rtls

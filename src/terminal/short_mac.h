@@ -1,0 +1,21 @@
+// short_mac - nodes by the last two bytes of their MAC, as operators name them.
+//
+// Of several nodes with the same last two bytes the first in the registry's order is meant.
+// Threads    Any. Each function takes the registry's lock itself, and logs outside it.
+// Failures   A null container is logged; there is no such node then.
+#pragma once
+
+#include "registry/nodes_container.h"
+
+#include <cstdint>
+#include <optional>
+
+namespace rtls {
+
+// The whole MAC of that node.
+std::optional<mac_array> find_mac_by_short(NODES_CONTAINER_t* nodes, uint16_t short_mac);
+
+// Removes that node from the registry. False when there is none.
+bool delete_node_by_short_mac(NODES_CONTAINER_t* nodes, uint16_t short_mac);
+
+} // namespace rtls

@@ -1,0 +1,39 @@
+// node_commands - the requests by which operators command nodes.
+//
+// Each is a generic request as the WIN server takes it: a header, a body, and the destination's MAC.
+// Pure functions: no socket, no lock; nothing waits. Only make_set_request allocates (std::bad_alloc).
+// Threads    Any.
+// Bytes      Big-endian, but for the type: layouts reboot_request, apply_request and set_request in
+//            messaging.h.
+#pragma once
+
+#include "registry/addresses.h"
+#include "wire/messaging.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace rtls {
+
+// "Reboot."
+std::array<uint8_t, reboot_request::size> make_reboot_request(const mac_array& mac);
+
+// "Run the firmware that you have fetched."
+std::array<uint8_t, apply_request::size> make_apply_request(const mac_array& mac);
+
+// An image as a node is told of it.
+struct offered_image {
+    uint32_t git_ver;
+    uint32_t crc32;
+    size_t size; // bytes; its low 32 bits are sent
+};
+
+// "Fetch this firmware": from the node whose short MAC is `source`, from the gateway (0), or, without
+// a source, passively.
+std::vector<uint8_t> make_set_request(const offered_image& image, std::optional<uint16_t> source,
+                                      const mac_array& mac);
+
+} // namespace rtls
