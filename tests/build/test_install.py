@@ -19,6 +19,12 @@ def test_programs_and_configuration_have_their_places(prefix):
     assert files == {"sbin/rtls-gateway", "bin/rtls-sim", "etc/rtls-gateway/rtls-gateway.conf"}
 
 
+def test_the_logging_library_is_installed_for_other_programs(prefix):
+    installed = sorted(path.name for folder in ("lib", "include") for path in (prefix / folder).rglob("*") if path.is_file())
+    assert "librtls-core.a" in installed and "clogger.h" in installed and "rtls-core-config.cmake" in installed
+    assert not [name for name in installed if name.startswith("librtls_")], "the layers are nobody else's"
+
+
 def test_the_configuration_is_the_one_that_explains_itself(prefix):
     installed = prefix / "etc/rtls-gateway/rtls-gateway.conf"
     assert installed.read_bytes() == (ROOT / "config/rtls-gateway.conf").read_bytes()

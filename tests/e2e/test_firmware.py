@@ -54,7 +54,7 @@ class ImageServer:
 
         self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         self.server.daemon_threads = True
-        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+        threading.Thread(target=self.server.serve_forever, args=(0.01,), daemon=True).start()
 
     def url(self, path: str) -> str:
         return f"http://127.0.0.1:{self.server.server_port}{path}"

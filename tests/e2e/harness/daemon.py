@@ -2,6 +2,7 @@
 import itertools
 import os
 import pathlib
+import resource
 import signal
 import socket
 import subprocess
@@ -16,9 +17,15 @@ BUILD = pathlib.Path(os.environ.get("RTLS_BUILD_DIR", ROOT / "build" / "release"
 BINARY = BUILD / "rtls-gateway"
 SHIM = BUILD / "syslog_shim.so"
 
+# The peers of one test live in this process, a descriptor each. The daemon is started with a soft limit that
+# is too low for many bridges, and raises it by itself.
+_, _hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+resource.setrlimit(resource.RLIMIT_NOFILE, (_hard, _hard))
+WITH_FEW_FILES = ["prlimit", "--nofile=512:"]
+
 # Below the ephemeral range, a range of its own for each parallel worker, so that nobody takes a port
 # between our looking and the daemon's binding.
-_worker = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0")[2:])
+_worker = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0")[2:]) + int(os.environ.get("E2E_FIRST_WORKER", "0"))
 _next_port = itertools.count(10000 + 1400 * (_worker % 16))
 
 
@@ -111,7 +118,7 @@ class Daemon:
         self.proxy = Proxy(self.context, self._endpoint("proxy"))
 
     def start(self, wait_ready: bool = True, arguments=None):
-        command = [str(BINARY)] + (["-c", str(self.config_file)] if arguments is None else arguments)
+        command = [*WITH_FEW_FILES, str(BINARY)] + (["-c", str(self.config_file)] if arguments is None else arguments)
         self.process = subprocess.Popen(command, env=self.env, stdin=subprocess.DEVNULL, stdout=self.output,
                                         stderr=subprocess.STDOUT, cwd=self.folder)
         if wait_ready:
