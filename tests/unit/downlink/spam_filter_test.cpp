@@ -16,16 +16,8 @@ namespace {
 
 const std::string mac = "E400000000000001";
 const std::string other_mac = "E400000000000002";
-const std::string config_a = "0408"
-                             "05"
-                             "010204"
-                             "00000001000000020003FFFD" +
-                             mac;
-const std::string config_b = "0408"
-                             "05"
-                             "010204"
-                             "00000001000000020003FFFE" +
-                             mac;
+const std::string config_a = digits("0408 05 010204 00000001000000020003FFFD") + mac;
+const std::string config_b = digits("0408 05 010204 00000001000000020003FFFE") + mac;
 
 class spam_filter_test : public testing::Test {
 protected:
@@ -62,16 +54,8 @@ TEST_F(spam_filter_test, drops_what_repeats_within_50_ms)
     const std::string ack_2 = "100802" + mac;
     const std::string sensor = "150801" + mac;
     const std::string longer_ack = "10080100" + mac;
-    const std::string reporting_freq_6 = "0408"
-                                         "06"
-                                         "010204"
-                                         "00000001000000020003FFFD" +
-                                         mac;
-    const std::string to_other = "0408"
-                                 "05"
-                                 "010204"
-                                 "00000001000000020003FFFD" +
-                                 other_mac;
+    const std::string reporting_freq_6 = digits("0408 06 010204 00000001000000020003FFFD") + mac;
+    const std::string to_other = digits("0408 05 010204 00000001000000020003FFFD") + other_mac;
     const struct {
         const char* given;
         std::vector<step_t> steps;

@@ -50,27 +50,14 @@ TEST(node_request, the_nodes_record_selects_the_form)
         {"known by address, reached directly: no wrapper to mark", false, true, "0E08070000",
          "1122334455667788", "0E08070000" + ip},
         {"forwarded", true, false, "0E08070003AABBCC", "1122334455667788",
-         "0008000008"
-         "0E08070003AABBCC"
-         "1122334455667788" +
-             ip},
+         digits("0008000008 0E08070003AABBCC 1122334455667788") + ip},
         {"forwarded, reached directly", true, true, "0E08070003AABBCC", "1122334455667788",
-         "0028000008"
-         "0E08070003AABBCC"
-         "1122334455667788" +
-             ip},
-        {"forwarded, no MAC", true, false, "0008070003", "",
-         "0008000005"
-         "0008070003" +
-             ip},
+         digits("0028000008 0E08070003AABBCC 1122334455667788") + ip},
+        {"forwarded, no MAC", true, false, "0008070003", "", digits("0008000005 0008070003") + ip},
         {"forwarded, reached directly, no MAC", true, true, "0008070003", "",
-         "0028000005"
-         "0008070003" +
-             ip},
+         digits("0028000005 0008070003") + ip},
         {"no message at all", true, false, "", "1122334455667788",
-         "0008000000"
-         "1122334455667788" +
-             ip},
+         digits("0008000000 1122334455667788") + ip},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
