@@ -14,8 +14,8 @@
 #include "terminal/client.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
-#include "wire/messaging.h"
 #include "terminal/texts.h"
+#include "wire/messaging.h"
 
 #include <atomic>
 #include <cerrno>
@@ -327,11 +327,11 @@ bool terminal_server_is_ready(void* p_terminal_server)
 static bool send_request_frame(zframe_ptr frame, zsock_t* sock, int flags)
 {
     zframe_t* raw = frame.release();
-    const bool sent = zframe_send(&raw, sock, flags) == 0;
+    const bool is_sent = zframe_send(&raw, sock, flags) == 0;
     const int error = errno;
     zframe_destroy(&raw); // null when sent
     errno = error;
-    return sent;
+    return is_sent;
 }
 
 bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t* data, size_t data_size)

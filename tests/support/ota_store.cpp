@@ -1,4 +1,5 @@
 #include "support/ota_store.h"
+#include "firmware/crc32.h"
 
 #include "base/common.h"
 #include "support/temp_file.h"

@@ -1,4 +1,5 @@
 #include "support/proxy_fixture.h"
+#include "downlink/win_server_pub_sub_proxy.h"
 
 #include "base/hex.h"
 

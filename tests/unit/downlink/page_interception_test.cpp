@@ -1,5 +1,6 @@
 // Firmware pages on their way down to a node, which the store keeps for others.
 #include "base/hex.h"
+#include "downlink/page_interception.h"
 #include "firmware/ota.h"
 #include "rtls-gateway.h"
 #include "support/proxy_fixture.h"

@@ -1,4 +1,6 @@
 // Texts from the proxy, on their way to the dispatcher.
+#include "downlink/proxy_reader.h"
+#include "downlink/win_server_pub_sub_proxy.h"
 #include "support/proxy_fixture.h"
 #include "support/sock.h"
 

@@ -2,6 +2,7 @@
 
 #include "base/hex.h"
 #include "base/udplib.h"
+#include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "wire/discovery_answers.h"
 

@@ -400,8 +400,9 @@ TEST(unsent_messages, beyond_the_ceiling_are_lost_and_reported_once_until_the_ca
             EXPECT_FALSE(data_to_cache(&link.server(), client, one, 1));
         const bool one_waits = queue.size() == 2;
         queue.clear();
-        if (one_waits)
+        if (one_waits) {
             ASSERT_TRUE(queue.append({one, 1}));
+        }
     };
     const std::string then = "data_to_cache: win client [" + std::string(identity_key{client->id}.c_str()) +
                              "] IP 127.0.0.1:" + std::to_string(peer.port()) +

@@ -71,7 +71,7 @@ TEST(node_request, the_route_is_a_copy_of_the_nodes_record)
     zframe_ptr frame{zframe_new(id.data(), id.size())};
     for (const bool flag : {false, true}) {
         NODE_t node{};
-        node.win_client_id = frame.get();
+        node.win_client_id.reset(zframe_dup(frame.get()));
         std::iota(std::begin(node.ip_addr), std::end(node.ip_addr), uint8_t{0xA0});
         node.forwarded_ip = flag;
         node.direct_mask = !flag;
