@@ -253,7 +253,8 @@ TEST_F(config, null_arguments_are_logged_by_the_function_called)
 
 TEST_F(config, the_sample_has_every_key)
 {
-    const auto source_root = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path();
+    const auto source_root =
+        std::filesystem::path(__FILE__).parent_path().parent_path().parent_path().parent_path();
     zconfig_t* root = config_new((source_root / "config/rtls-gateway.conf").c_str());
     ASSERT_NE(root, nullptr);
     const struct {
