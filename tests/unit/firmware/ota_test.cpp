@@ -12,6 +12,7 @@
 
 namespace rtls {
 
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
