@@ -3,6 +3,7 @@
 #include "terminal/node_requests.h"
 #include "terminal/request.h"
 #include "terminal/terminal_server.h"
+#include "terminal/texts.h"
 
 #include <cstring>
 #include <optional>
@@ -10,10 +11,7 @@
 namespace rtls {
 
 static constexpr char incorrect_index[] = "Incorrect INDEX value!\n";
-static constexpr char incorrect_mac[] = "Incorrect MAC value!\n";
-static constexpr char not_in_list[] = "Node %04X not in nodes list\n";
-static constexpr char not_sent[] = "Failed to send command!\n";
-static constexpr char sent[] = "Command sent successfully!\n";
+static constexpr char index_missing[] = "INDEX are missing!\n";
 
 size_t firmware_pages_number(const OTA_FIRMWARE_INFO_t& info)
 {
@@ -51,7 +49,7 @@ std::string firmware_del(services& gateway, const char* index_word)
     const auto index = get_short_val_from_str(index_word);
     if (!index || !gateway.ota->del_firmware(*index))
         return incorrect_index;
-    return sent;
+    return command_sent;
 }
 
 std::string firmware_apply(services& gateway, const char* mac_word)
@@ -65,7 +63,7 @@ std::string firmware_apply(services& gateway, const char* mac_word)
     auto message = make_apply_request(*mac);
     const bool is_sent =
         terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
-    return is_sent ? sent : not_sent;
+    return is_sent ? command_sent : command_not_sent;
 }
 
 std::string firmware_set(services& gateway, const char* index_word, const char* mac_word,
@@ -92,7 +90,7 @@ std::string firmware_set(services& gateway, const char* index_word, const char* 
     auto message = make_set_request(*info, source, *mac);
     const bool is_sent =
         terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
-    return is_sent ? "Command sent the node successfully!\n" : not_sent;
+    return is_sent ? "Command sent the node successfully!\n" : command_not_sent;
 }
 
 // --- Sub-commands. Each gets the reply that is already addressed, and answers it.
@@ -132,8 +130,7 @@ static void subcommand_set(const terminal_request& request, terminal_reply& repl
 
 static void subcommand_apply(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? "MAC are missing!\n"
-                                        : firmware_apply(request.gateway, value_word(request)));
+    reply.send(request.words.size() < 3 ? mac_missing : firmware_apply(request.gateway, value_word(request)));
 }
 
 static void subcommand_list(const terminal_request& request, terminal_reply& reply)
@@ -150,14 +147,13 @@ static void subcommand_list(const terminal_request& request, terminal_reply& rep
 
 static void subcommand_info(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
+    reply.send(request.words.size() < 3 ? index_missing
                                         : firmware_info(request.gateway, value_word(request)));
 }
 
 static void subcommand_del(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
-                                        : firmware_del(request.gateway, value_word(request)));
+    reply.send(request.words.size() < 3 ? index_missing : firmware_del(request.gateway, value_word(request)));
 }
 
 static constexpr struct {

@@ -6,6 +6,7 @@
 #include "registry/nodes_container.h"
 #include "terminal/request.h"
 #include "terminal/terminal_server.h"
+#include "terminal/texts.h"
 
 #include <arpa/inet.h>
 
@@ -14,8 +15,6 @@
 #include <ctime>
 
 namespace rtls {
-
-static constexpr char str_null_win_clients[] = "%s: null pointer to win clients!";
 
 // --- Lines
 
@@ -233,7 +232,7 @@ void command_pcl(const terminal_request& request)
     }
     zhashx_t* terminals = terminal_server_get_clients(request.gateway.terminal_server);
     if (!terminals) {
-        logger_error(g_logger, "%s: null pointer to terminal clients!", __func__);
+        logger_error(g_logger, str_null_terminal_clients, __func__);
         return;
     }
     if (!request.answer("####### Terminal clients\n"))
@@ -284,7 +283,7 @@ static void list_nodes(const terminal_request& request, bool full)
     }
     NODES_CONTAINER_t* registry = request.gateway.nodes;
     if (!registry) {
-        logger_error(g_logger, "%s: null pointer to nodes container!", "command_pn");
+        logger_error(g_logger, str_null_nodes_container, "command_pn");
         return;
     }
     const auto bridges = win_server_copy_clients(request.gateway.win_server);

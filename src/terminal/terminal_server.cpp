@@ -14,6 +14,7 @@
 #include "terminal/client.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
+#include "terminal/texts.h"
 
 #include <atomic>
 #include <cerrno>
@@ -43,7 +44,6 @@ struct TERMINAL_SERVER_t {
 
 static constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
 static constexpr char actor_name[] = "terminal_server_actor";
-static constexpr char console[] = "CONS"; // channel of our lines in the debug stream
 
 // --- the operators' port
 
