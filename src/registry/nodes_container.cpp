@@ -11,13 +11,9 @@
 
 namespace rtls {
 
-namespace {
-
 // The first byte of every node's MAC; an address's interface identifier has another one there.
-constexpr uint8_t first_mac_byte = 0xE4;
-constexpr size_t interface_identifier = 8; // offset in an address
-
-} // namespace
+static constexpr uint8_t first_mac_byte = 0xE4;
+static constexpr size_t interface_identifier = 8; // offset in an address
 
 void NODES_CONTAINER_t::lock()
 {

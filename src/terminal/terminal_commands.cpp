@@ -90,11 +90,15 @@ static void command_quit(const terminal_request& request)
     zhashx_delete(clients, id_str.get());
 }
 
+namespace {
+
 // The short MAC in the second word; without one, `refusal` is the answer.
 struct short_mac_or_refusal {
     uint16_t value;
     const char* refusal; // null when there is a value
 };
+
+} // namespace
 
 static short_mac_or_refusal short_mac_argument(const terminal_request& request)
 {
