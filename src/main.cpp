@@ -53,7 +53,7 @@ static const char* parse_options(int argc, char* argv[])
         }
         config_file = optarg;
     }
-    if (config_file == nullptr) // the line break is part of the text
+    if (!config_file) // the line break is part of the text
         logger_error(g_logger, "The configuration file is not defined! Usage: %s -c config_file\n", argv[0]);
     return config_file;
 }
@@ -71,7 +71,7 @@ static void connect_debug_broker(void* gateway)
 static bool serve(const char* config_file)
 {
     void* gateway = rtls_gateway_new(config_file);
-    if (gateway == nullptr)
+    if (!gateway)
         return false;
     connect_debug_broker(gateway);
     if (rtls_gateway_run(gateway))
@@ -106,7 +106,7 @@ int main(int argc, char* argv[])
         return EXIT_FAILURE;
     log_versions();
     const char* config_file = parse_options(argc, argv);
-    const bool served = config_file != nullptr && serve_with_curl(config_file);
+    const bool served = config_file && serve_with_curl(config_file);
     if (served)
         logger_info(g_logger, "Exiting");
     logger_cleanup();

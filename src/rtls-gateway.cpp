@@ -68,19 +68,19 @@ static bool read_firmware_files(zconfig_t* config, uint16_t* number)
 static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_name)
 {
     gateway.config = config_new(config_file_name);
-    if (gateway.config == nullptr || !config_value_get(gateway.config, "pidfile", &gateway.pid_file_name))
+    if (!gateway.config || !config_value_get(gateway.config, "pidfile", &gateway.pid_file_name))
         return false;
     read_debug_mask(gateway.config);
 
     auto* handle = static_cast<services*>(&gateway);
     gateway.win_server = static_cast<WIN_SERVER_t*>(win_server_new(gateway.config, handle));
-    if (gateway.win_server == nullptr)
+    if (!gateway.win_server)
         return false;
     gateway.terminal_server = static_cast<TERMINAL_SERVER_t*>(terminal_server_new(gateway.config, handle));
-    if (gateway.terminal_server == nullptr)
+    if (!gateway.terminal_server)
         return false;
     gateway.nodes = static_cast<NODES_CONTAINER_t*>(nodes_container_new());
-    if (gateway.nodes == nullptr)
+    if (!gateway.nodes)
         return false;
 
     uint16_t firmware_files = 0;
@@ -140,13 +140,13 @@ static bool are_servers_ready(const RTLS_GATEWAY_t& gateway)
 bool rtls_gateway_run(void* p_rtls_gateway)
 {
     RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    if (gateway == nullptr)
+    if (!gateway)
         return false;
-    if (gateway->win_server == nullptr) {
+    if (!gateway->win_server) {
         logger_error(g_logger, "%s: win server is not created!", __func__);
         return false;
     }
-    if (gateway->terminal_server == nullptr) {
+    if (!gateway->terminal_server) {
         logger_error(g_logger, "%s: terminal server is not created!", __func__);
         return false;
     }
@@ -174,7 +174,7 @@ void rtls_gateway_destroy(void** pp_rtls_gateway)
 {
     if (any_null(__func__, pp_rtls_gateway))
         return;
-    if (*pp_rtls_gateway == nullptr)
+    if (!*pp_rtls_gateway)
         return;
     RTLS_GATEWAY_t* gateway = gateway_of(*pp_rtls_gateway, __func__);
     // Both actors first: their threads use all the rest.
@@ -191,43 +191,43 @@ void rtls_gateway_destroy(void** pp_rtls_gateway)
 zconfig_t* rtls_gateway_get_config(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? gateway->config : nullptr;
+    return gateway ? gateway->config : nullptr;
 }
 
 void* rtls_gateway_get_win_server(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? gateway->win_server : nullptr;
+    return gateway ? gateway->win_server : nullptr;
 }
 
 void* rtls_gateway_get_terminal_server(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? gateway->terminal_server : nullptr;
+    return gateway ? gateway->terminal_server : nullptr;
 }
 
 void* rtls_gateway_get_nodes_container(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? gateway->nodes : nullptr;
+    return gateway ? gateway->nodes : nullptr;
 }
 
 void* rtls_gateway_get_ota(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? gateway->ota : nullptr;
+    return gateway ? gateway->ota : nullptr;
 }
 
 void* rtls_gateway_get_firmware(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? gateway->firmware.get() : nullptr;
+    return gateway ? gateway->firmware.get() : nullptr;
 }
 
 void rtls_gateway_set_firmware(void* p_rtls_gateway, void* p_firmware)
 {
     RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    if (gateway == nullptr)
+    if (!gateway)
         return;
     gateway->firmware.set(static_cast<FIRMWARE_t*>(p_firmware));
 }
@@ -235,39 +235,39 @@ void rtls_gateway_set_firmware(void* p_rtls_gateway, void* p_firmware)
 zhashx_t* rtls_gateway_get_win_clients(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? win_server_get_clients(gateway->win_server) : nullptr;
+    return gateway ? win_server_get_clients(gateway->win_server) : nullptr;
 }
 
 zhashx_t* rtls_gateway_get_terminal_clients(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? terminal_server_get_clients(gateway->terminal_server) : nullptr;
+    return gateway ? terminal_server_get_clients(gateway->terminal_server) : nullptr;
 }
 
 void rtls_gateway_nodes_update(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    if (gateway != nullptr)
+    if (gateway)
         win_server_nodes_update(gateway->win_server, nullptr);
 }
 
 uint16_t rtls_gateway_get_debug_level(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway != nullptr ? gateway->debug_level.load(std::memory_order_relaxed) : uint16_t{0};
+    return gateway ? gateway->debug_level.load(std::memory_order_relaxed) : uint16_t{0};
 }
 
 void rtls_gateway_set_debug_level(void* p_rtls_gateway, uint16_t debug_level)
 {
     RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    if (gateway != nullptr)
+    if (gateway)
         gateway->debug_level.store(debug_level, std::memory_order_relaxed);
 }
 
 uint16_t rtls_gateway_increment_debug_level(void* p_rtls_gateway)
 {
     RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    if (gateway == nullptr)
+    if (!gateway)
         return 0;
     return static_cast<uint16_t>(gateway->debug_level.fetch_add(1, std::memory_order_relaxed) + 1);
 }

@@ -1,6 +1,9 @@
 // bytes - loads and stores with the byte order in the verb, and a reader for variable payloads.
 //
 // Several messages mix byte orders on purpose, so nothing here guesses: every call says le or be.
+// Ownership  None: views and spans are the caller's.
+// Threads    Any; pure functions.
+// Failures   None: an offset beyond the bytes is the caller's fault, which debug builds catch.
 #pragma once
 
 #include <cassert>

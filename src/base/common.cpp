@@ -18,27 +18,25 @@ const char* const dbg_section_name[DBG_SECTIONS_NUMBER] = {"raw",       "parsing
 
 std::atomic<uint16_t> debug_mask{0};
 
-namespace {
-
 // A line of the debug stream, with the terminating zero that is not sent; longer lines are cut.
-constexpr size_t stream_line_size = 2048;
+static constexpr size_t stream_line_size = 2048;
 
 // One for all threads and sockets: operators are told once that lines get lost.
-overflow_watch stream_watch{"Overflow debugging queue!", "Exemption debugging queue!"};
+static overflow_watch stream_watch{"Overflow debugging queue!", "Exemption debugging queue!"};
 
-tav_component_logger section_logger(dbg_section_t section)
+static tav_component_logger section_logger(dbg_section_t section)
 {
     return g_logger_section ? g_logger_section[section] : nullptr;
 }
 
-bool is_streamed(dbg_section_t section)
+static bool is_streamed(dbg_section_t section)
 {
     return (debug_mask.load(std::memory_order_relaxed) >> section & 1) != 0;
 }
 
 // Renders the coloured line into `line` and returns its length.
-size_t render_line(char (&line)[stream_line_size], tav_timestamp_t timestamp, const char* channel,
-                   const char* message)
+static size_t render_line(char (&line)[stream_line_size], tav_timestamp_t timestamp, const char* channel,
+                          const char* message)
 {
     const auto seconds = static_cast<time_t>(timestamp.seconds);
     tm utc{};
@@ -51,7 +49,7 @@ size_t render_line(char (&line)[stream_line_size], tav_timestamp_t timestamp, co
 }
 
 // The log lines name CZMQ's calls, by which operators know these failures.
-void send_line(zsock_t* dbg_sock, const char* function, const char* line, size_t length)
+static void send_line(zsock_t* dbg_sock, const char* function, const char* line, size_t length)
 {
     message_part part{bytes_view{reinterpret_cast<const uint8_t*>(line), length}};
     if (!part.is_made())
@@ -62,9 +60,9 @@ void send_line(zsock_t* dbg_sock, const char* function, const char* line, size_t
         stream_watch.refused(function, "zframe_send");
 }
 
-__attribute__((format(printf, 5, 0))) void dbg_print_ts_impl(zsock_t* dbg_sock, tav_timestamp_t timestamp,
-                                                             dbg_section_t section, const char* channel,
-                                                             const char* format, va_list args)
+static __attribute__((format(printf, 5, 0))) void
+dbg_print_ts_impl(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t section, const char* channel,
+                  const char* format, va_list args)
 {
     char* message = zsys_vprintf(format, args);
     if (!message)
@@ -77,8 +75,6 @@ __attribute__((format(printf, 5, 0))) void dbg_print_ts_impl(zsock_t* dbg_sock, 
     }
     zstr_free(&message);
 }
-
-} // namespace
 
 bool dbg_is_wanted(dbg_section_t section)
 {

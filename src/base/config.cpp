@@ -15,7 +15,7 @@ zconfig_t* config_new(const char* config_file_name)
     if (any_null(__func__, config_file_name))
         return nullptr;
     zconfig_t* config = zconfig_load(config_file_name);
-    if (config == nullptr)
+    if (!config)
         logger_error(g_logger, "Error opening configuration file!");
     return config;
 }
@@ -25,7 +25,7 @@ bool config_value_get(zconfig_t* config, const char* path, const char** res)
     if (any_null(__func__, config, path, res))
         return false;
     *res = zconfig_get(config, path, nullptr);
-    if (*res == nullptr)
+    if (!*res)
         logger_error(g_logger, "Parameter \"%s\" is not found in the configuration file!", path);
     return *res != nullptr;
 }

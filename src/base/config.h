@@ -1,7 +1,7 @@
 // config - typed access to the configuration tree (ZPL, read by CZMQ).
 //
 // Ownership  The tree is the caller's until config_destroy. Texts handed out point into it.
-// Threads    Main thread, while the services are created.
+// Threads    Main thread, while the services are created. Only config_new waits: for the disk.
 // Failures   Logged once, in fixed words; the caller decides whether a missing key is fatal.
 #pragma once
 

@@ -1,4 +1,5 @@
-// endpoints - the channels between this process's own threads.
+// endpoints - the names of the channels between this process's own threads. Their sockets belong to the
+// threads that are named here.
 #pragma once
 
 namespace rtls {

@@ -7,9 +7,7 @@
 
 namespace rtls {
 
-namespace {
-
-constexpr auto make_digit_pairs()
+static constexpr auto make_digit_pairs()
 {
     constexpr char digits[] = "0123456789ABCDEF";
     std::array<char, 512> pairs{};
@@ -20,12 +18,12 @@ constexpr auto make_digit_pairs()
     return pairs;
 }
 
-constexpr auto digit_pairs = make_digit_pairs();
+static constexpr auto digit_pairs = make_digit_pairs();
 
-constexpr uint8_t no_digit = 0xFF;
+static constexpr uint8_t no_digit = 0xFF;
 
 // By character: the hex digit's value, or no_digit.
-constexpr std::array<uint8_t, 256> make_digit_values()
+static constexpr std::array<uint8_t, 256> make_digit_values()
 {
     std::array<uint8_t, 256> values{};
     values.fill(no_digit);
@@ -36,9 +34,7 @@ constexpr std::array<uint8_t, 256> make_digit_values()
     return values;
 }
 
-constexpr auto digit_values = make_digit_values();
-
-} // namespace
+static constexpr auto digit_values = make_digit_values();
 
 std::string to_hex(std::span<const uint8_t> bytes)
 {

@@ -1,4 +1,7 @@
-// hex - bytes as hexadecimal text, table-driven.
+// hex - bytes as hexadecimal text, and back; table-driven.
+//
+// Threads    Any. Nothing waits.
+// Failures   Of memory: to_hex throws std::bad_alloc, hex_text stays empty. Of text: logged.
 #pragma once
 
 #include <sys/types.h>

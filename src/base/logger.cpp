@@ -45,11 +45,11 @@ static tav_component_logger create_section_logger(size_t index)
 static bool create_section_loggers()
 {
     g_logger_section = new (std::nothrow) tav_component_logger[DBG_SECTIONS_NUMBER]{};
-    if (g_logger_section == nullptr)
+    if (!g_logger_section)
         return false;
     for (size_t i = 0; i < DBG_SECTIONS_NUMBER; ++i) {
         g_logger_section[i] = create_section_logger(i);
-        if (g_logger_section[i] == nullptr)
+        if (!g_logger_section[i])
             return false;
     }
     return true;
@@ -58,7 +58,7 @@ static bool create_section_loggers()
 bool logger_init(const char* project_name)
 {
     g_logger_ctx = create_logger(project_name);
-    if (g_logger_ctx == nullptr) {
+    if (!g_logger_ctx) {
         // Nobody has opened the system log yet.
         openlog(project_name, LOG_PERROR, LOG_USER);
         setlogmask(LOG_UPTO(LOG_DEBUG));
@@ -66,7 +66,7 @@ bool logger_init(const char* project_name)
         return false;
     }
     g_logger = create_component_logger(g_logger_ctx, "main");
-    if (g_logger == nullptr) {
+    if (!g_logger) {
         syslog(LOG_ERR, str_out_of_memory, __func__);
         return false;
     }
@@ -79,7 +79,7 @@ bool logger_init(const char* project_name)
 
 void logger_cleanup(void)
 {
-    if (g_logger_section != nullptr)
+    if (g_logger_section)
         std::for_each_n(g_logger_section, DBG_SECTIONS_NUMBER, destroy_component_logger);
     delete[] g_logger_section;
     g_logger_section = nullptr;

@@ -1,4 +1,6 @@
 // null_check - the first line of every public function: are the arguments there?
+//
+// Threads    Any. Nothing waits but the logger's lock, and that for null arguments only.
 #pragma once
 
 #include "base/common.h"
@@ -11,7 +13,7 @@ namespace rtls {
 template <typename... Pointers>
 [[nodiscard]] bool any_null(const char* function, const Pointers*... pointers) noexcept
 {
-    const bool found = (... || (pointers == nullptr));
+    const bool found = (... || !pointers);
     if (found) [[unlikely]]
         logger_error(g_logger, str_null_pointer, function);
     return found;

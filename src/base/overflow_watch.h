@@ -1,6 +1,6 @@
 // overflow_watch - says once that a queue has overflowed, and once that it takes messages again.
 //
-// Threads    Any, at once.
+// Threads    Any, at once. Nothing waits.
 // Failures   A refusal for another reason than a full queue is logged each time: it is rare.
 #pragma once
 

@@ -1,6 +1,8 @@
 // peer - who is at the other end of a connection: its address, its texts, and how it is cut.
 //
-// Threads    None of its own. Nothing waits.
+// Ownership  Descriptors stay the library's: they are asked and shut down, never closed.
+// Threads    Any. Nothing waits.
+// Failures   Of the system: a result, or nothing done. Nothing is logged or throws.
 #pragma once
 
 #include "base/hex.h"

@@ -1,4 +1,7 @@
 // posix_regex - owner of a compiled POSIX regular expression.
+//
+// Threads    Any, one at a time. Patterns are our own: what matching costs is theirs to bound.
+// Failures   An expression that did not compile says so; nothing throws.
 #pragma once
 
 #include <regex.h>

@@ -1,4 +1,7 @@
 // tokenize - splits a command line in place.
+//
+// Ownership  The words stay the line's.
+// Threads    Any. Nothing waits, nothing is allocated.
 #pragma once
 
 #include <cstdint>

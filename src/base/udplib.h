@@ -1,6 +1,8 @@
 // udplib - a thin layer over UDP sockets, for the discovery channel.
 //
+// Ownership  The caller's is the descriptor, until udp_destroy.
 // Threads    A descriptor belongs to the thread that opened it.
+// Blocking   Receiving waits for a datagram, unless the caller knows that one is there.
 // Failures   Logged with the call's name and errno. A descriptor of -1 is refused silently.
 #pragma once
 

@@ -47,7 +47,7 @@ FIRMWARE_t* firmware_get_from_url(const char* url)
     }
     auto* firmware = static_cast<FIRMWARE_t*>(owner.get());
     firmware->name = basename(url); // the C library's own, which leaves the text as it is
-    if (firmware->name == nullptr) {
+    if (!firmware->name) {
         logger_warning(g_logger, "%s: basename error on: %s", __func__, url);
         return nullptr;
     }
@@ -69,7 +69,7 @@ bool firmware_msg_pack(FIRMWARE_t* firmware, gwMsgUpdateRequest_t* msg)
     if (any_null(__func__, msg))
         return false;
     msg->len = 0;
-    if (firmware == nullptr) {
+    if (!firmware) {
         logger_error(g_logger, "%s: no firmware!", __func__);
         msg->flag = ENO_FIRMWARE;
         return true;
@@ -100,7 +100,7 @@ void firmware_destroy(void** pp_firmware)
         return;
     auto* firmware = static_cast<FIRMWARE_t*>(*pp_firmware);
     *pp_firmware = nullptr;
-    if (firmware == nullptr)
+    if (!firmware)
         return;
     std::free(firmware->memory);
     delete firmware;

@@ -60,7 +60,7 @@ static bool resize_firmware(OTA_FIRMWARE_t& firmware, uint64_t required_page_cou
     if (required_page_count <= blocks_ceiling)
         mask.reset(new (std::nothrow) bool[page_count]{});
     void* memory = mask ? std::realloc(firmware.memory.get(), page_count * block_bytes) : nullptr;
-    if (memory == nullptr) {
+    if (!memory) {
         logger_error(g_logger, str_out_of_memory, __func__);
         return false;
     }
@@ -113,13 +113,13 @@ static bool describe_image(OTA_FIRMWARE_t& firmware, const uint32_t* crc32, cons
     static constexpr char reporter[] = "ota_download_firmware";
     const bytes_view image{firmware.memory.get(), firmware.info.size};
     firmware.info.crc32 = crc32_byte(image.data(), static_cast<uint32_t>(image.size()));
-    if (crc32 != nullptr && *crc32 != firmware.info.crc32) {
+    if (crc32 && *crc32 != firmware.info.crc32) {
         logger_error(g_logger, "%s incorrect crc32!", reporter);
         return false;
     }
     if (!read_board_tag(image, firmware.info) || !read_firmware_tag(image, firmware.info))
         return false;
-    if (git_ver != nullptr && *git_ver != firmware.info.git_ver) {
+    if (git_ver && *git_ver != firmware.info.git_ver) {
         logger_error(g_logger, "%s incorrect git version!", reporter);
         return false;
     }
@@ -155,7 +155,7 @@ size_t OTA_t::find_slot(uint32_t git_ver, uint32_t crc32) const
     size_t slot = 0;
     for (; slot < m_files_number; ++slot) {
         const OTA_FIRMWARE_t* firmware = m_firmware_arr[slot].get();
-        if (firmware != nullptr && firmware->info.git_ver == git_ver && firmware->info.crc32 == crc32)
+        if (firmware && firmware->info.git_ver == git_ver && firmware->info.crc32 == crc32)
             break;
     }
     return slot;
@@ -229,7 +229,7 @@ bool OTA_t::get_firmware_page(uint32_t git_id, uint32_t crc32, uint32_t page_siz
 
     const mutex_guard lock{m_mutex};
     OTA_FIRMWARE_t* firmware = find_firmware(git_id, crc32);
-    if (firmware == nullptr || page.start >= firmware->info.size || !is_complete(*firmware, page))
+    if (!firmware || page.start >= firmware->info.size || !is_complete(*firmware, page))
         return false;
     const size_t available = std::min<size_t>(page_size, firmware->info.size - page.start);
     std::memcpy(bufer, firmware->memory.get() + page.start, available);
@@ -246,7 +246,7 @@ bool OTA_t::set_firmware_page(uint32_t git_id, uint32_t crc32, uint32_t page_siz
     const bytes_view bytes{buffer, page_size};
 
     const mutex_guard lock{m_mutex};
-    if (OTA_FIRMWARE_t* firmware = find_firmware(git_id, crc32); firmware != nullptr)
+    if (OTA_FIRMWARE_t* firmware = find_firmware(git_id, crc32))
         return store_page(*firmware, page, bytes);
     // A new image displaces another only once its first page is in: a refused page costs nothing.
     firmware_ptr firmware = create_firmware_for_page(git_id, crc32);

@@ -30,7 +30,7 @@ static bytes_view find_record(bytes_view image, std::span<const char> tag, size_
     if (image.size() < tag.size())
         return {};
     const void* found = memmem(image.data(), image.size(), tag.data(), tag.size());
-    if (found == nullptr)
+    if (!found)
         return {};
     const auto at = static_cast<size_t>(static_cast<const uint8_t*>(found) - image.data()) + tag.size();
     return image.size() - at >= size ? image.subspan(at, size) : bytes_view{};

@@ -1,4 +1,8 @@
 // node - what the gateway knows of one node of the location network.
+//
+// Ownership  A node owns the identity and the command that it keeps.
+// Threads    Those of its container, under its lock. Nothing waits.
+// Failures   A null argument, and memory that is short, are logged.
 #pragma once
 
 #include "base/czmq_ptr.h"

@@ -50,7 +50,7 @@ std::string firmware_del(services& gateway, const char* index_word)
     const auto index = get_short_val_from_str(index_word);
     if (!index || !gateway.ota->del_firmware(*index))
         return incorrect_index;
-    return sent;
+    return command_sent;
 }
 
 std::string firmware_apply(services& gateway, const char* mac_word)
@@ -64,7 +64,7 @@ std::string firmware_apply(services& gateway, const char* mac_word)
     auto message = make_apply_request(*mac);
     const bool is_sent =
         terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
-    return is_sent ? sent : not_sent;
+    return is_sent ? command_sent : command_not_sent;
 }
 
 std::string firmware_set(services& gateway, const char* index_word, const char* mac_word,
@@ -91,7 +91,7 @@ std::string firmware_set(services& gateway, const char* index_word, const char* 
     auto message = make_set_request({info->git_ver, info->crc32, info->size}, source, *mac);
     const bool is_sent =
         terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
-    return is_sent ? "Command sent the node successfully!\n" : not_sent;
+    return is_sent ? "Command sent the node successfully!\n" : command_not_sent;
 }
 
 // --- Sub-commands. Each gets the reply that is already addressed, and answers it.

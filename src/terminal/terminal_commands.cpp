@@ -91,11 +91,15 @@ static void command_quit(const terminal_request& request)
     zhashx_delete(clients, id_str.get());
 }
 
+namespace {
+
 // The short MAC in the second word; without one, `refusal` is the answer.
 struct short_mac_or_refusal {
     uint16_t value;
     const char* refusal; // null when there is a value
 };
+
+} // namespace
 
 static short_mac_or_refusal short_mac_argument(const terminal_request& request)
 {
@@ -118,8 +122,8 @@ static std::string reboot_node(const terminal_request& request)
     auto message = make_reboot_request(*mac);
     return terminal_server_generic_req_to_win_serwer(request.gateway.terminal_server, message.data(),
                                                      message.size())
-               ? sent
-               : not_sent;
+               ? command_sent
+               : command_not_sent;
 }
 
 static void command_reboot(const terminal_request& request)

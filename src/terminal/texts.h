@@ -9,8 +9,8 @@ inline constexpr char console[] = "CONS"; // channel of the terminal's lines in 
 inline constexpr char mac_missing[] = "MAC are missing!\n";
 inline constexpr char incorrect_mac[] = "Incorrect MAC value!\n";
 inline constexpr char not_in_list[] = "Node %04X not in nodes list\n"; // the short MAC
-inline constexpr char sent[] = "Command sent successfully!\n";
-inline constexpr char not_sent[] = "Failed to send command!\n";
+inline constexpr char command_sent[] = "Command sent successfully!\n";
+inline constexpr char command_not_sent[] = "Failed to send command!\n";
 
 // Log texts; the argument is the reporting function's name.
 inline constexpr char str_null_terminal_clients[] = "%s: null pointer to terminal clients!";
