@@ -11,13 +11,6 @@
 # that climbs does not link.
 function(rtls_add_layer folder)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS;PRIVATE;HEADERS")
-  if(folder IN_LIST RTLS_FOLDERS_TOGETHER)
-    list(TRANSFORM arg_SOURCES PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
-    target_sources(rtls_gateway PRIVATE ${arg_SOURCES})
-    target_link_libraries(rtls_gateway PRIVATE ${arg_PRIVATE})
-    return()
-  endif()
-
   set(root ${PROJECT_BINARY_DIR}/src/layers/${folder})
   file(MAKE_DIRECTORY ${root})
   if(arg_HEADERS)
@@ -29,6 +22,13 @@ function(rtls_add_layer folder)
   endif()
 
   set(layer rtls_${folder})
+  if(NOT arg_SOURCES) # headers alone
+    add_library(${layer} INTERFACE)
+    target_include_directories(${layer} INTERFACE ${root})
+    target_link_libraries(${layer} INTERFACE ${arg_DEPENDS})
+    return()
+  endif()
+
   add_library(${layer} STATIC ${arg_SOURCES})
   target_include_directories(${layer} PUBLIC ${root})
   target_link_libraries(${layer} PUBLIC ${arg_DEPENDS} PRIVATE rtls_options ${arg_PRIVATE})

@@ -1,7 +1,7 @@
 // What the simulator sends, against the bytes on the wire written out by hand.
 #include "uplink.h"
 
-#include "../../../src/wire/messaging.h"
+#include "wire/messaging.h"
 
 #include <gtest/gtest.h>
 

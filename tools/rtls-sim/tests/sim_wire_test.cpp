@@ -1,6 +1,6 @@
 #include "wire.h"
 
-#include "../../../src/wire/messaging.h"
+#include "wire/messaging.h"
 
 #include <gtest/gtest.h>
 
