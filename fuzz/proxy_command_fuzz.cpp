@@ -5,7 +5,7 @@
 // so that most runs get past the checks.
 #include "base/czmq_ptr.h"
 #include "base/hex.h"
-#include "downlink/win_server_pub_sub_proxy.h"
+#include "downlink/proxy_reader.h"
 #include "firmware/ota.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
@@ -83,7 +83,7 @@ struct world_t {
         NODE_t* node = nodes_container_find_or_create_by_mac(nodes, mac, nullptr, 0);
         nodes_container_set_address(nodes, node, ip, (options & option::forwarded_ip) != 0);
         node->direct_mask = (options & option::direct_mask) != 0;
-        zframe_destroy(&node->win_client_id);
+        node->win_client_id.reset();
         if ((options & option::no_bridge) == 0)
             node_update_win_client_ID(node, bridges[0]->id);
     }

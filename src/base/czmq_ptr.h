@@ -20,6 +20,7 @@ struct destroyed_by {
     }
 };
 
+using zactor_ptr = std::unique_ptr<zactor_t, destroyed_by<zactor_destroy>>;
 using zconfig_ptr = std::unique_ptr<zconfig_t, destroyed_by<zconfig_destroy>>;
 using zframe_ptr = std::unique_ptr<zframe_t, destroyed_by<zframe_destroy>>;
 using zhashx_ptr = std::unique_ptr<zhashx_t, destroyed_by<zhashx_destroy>>;

@@ -4,26 +4,22 @@
 #include "base/endpoints.h"
 #include "base/logger.h"
 #include "base/null_check.h"
-#include "link/sending.h"
-#include "registry/nodes_container.h"
-#include "wire/node_request.h"
+#include "downlink/node_delivery.h"
 
 #include <array>
 
 namespace rtls {
 
-constexpr size_t generic_request_min = msgHeader_t::size;
-constexpr size_t generic_request_max = 800; // the MAC included
+static constexpr size_t generic_request_min = msgHeader_t::size;
+static constexpr size_t generic_request_max = 800; // the MAC included
 // The longest message, without the MAC, in its longest form: 800 + 21 bytes.
-constexpr size_t generic_frame_max = generic_request_max - mac_size + node_request_overhead;
+static constexpr size_t generic_frame_max = generic_request_max - mac_size + node_request_overhead;
 
-static void forward_to_node(WIN_SERVER_t* server, const NODE_t& node, bytes_view message, bytes_view mac)
+static void forward_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view message, bytes_view mac)
 {
     std::array<uint8_t, generic_frame_max> frame{};
-    const size_t size = node_request_frame(frame, node, message, mac);
-    // A node without a client, heard of only by way of other clients, has a null identity here: its
-    // requests go to every bridge, one of which reaches it.
-    data_to_win_client(server, node.win_client_id, frame.data(), size);
+    const size_t size = node_request_frame(frame, route, message, mac);
+    send_to_node(server, route, bytes_view{frame}.first(size));
 }
 
 bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
@@ -49,14 +45,9 @@ bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
     const bytes_view message = request.first(payload_len);
     const bytes_view mac = request.last(mac_size);
     dbg_print(dbg, DBG_PARSING, "GENERIC", "INFO(GENERIC): dst %02X%02X", mac[6], mac[7]);
-    {
-        NODES_CONTAINER_t& nodes = *server->nodes();
-        const nodes_guard guard{nodes};
-        // Held until the frame is handed over, so that the node's address and client stay the same.
-        if (const NODE_t* node = nodes.find_by_mac(mac.data())) {
-            forward_to_node(server, *node, message, mac);
-            return true;
-        }
+    if (const auto route = find_route(server, mac)) {
+        forward_to_node(server, *route, message, mac);
+        return true;
     }
     dbg_print(dbg, DBG_PARSING, "GENERIC", "ERROR(GENERIC): dst %02X%02X%02X%02X%02X%02X%02X%02X not found",
               mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], mac[6], mac[7]);

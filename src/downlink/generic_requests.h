@@ -1,9 +1,12 @@
 // generic_requests - requests that go down to a node as they are, and the channel by which other threads
 // hand them in.
 //
-// Threads    WIN server thread. Nothing waits.
+// Threads    WIN server thread; requests of others come by the channel. Takes the registry's lock for the
+//            look-up of the node, and sends and prints outside it. Nothing waits.
 // Bytes      A request is a header (5 bytes; the length in it big-endian), a payload, the destination's MAC
-//            (8 bytes).
+//            (8 bytes). What comes by the channel: winserw_sock_cmd_t in wire/messaging.h.
+// Failures   A request that is refused is printed to the debug stream, and nothing is sent; nobody is told. A
+//            null argument is logged.
 #pragma once
 
 #include "link/win_server_private.h"

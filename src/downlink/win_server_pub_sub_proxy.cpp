@@ -1,17 +1,15 @@
 #include "downlink/win_server_pub_sub_proxy.h"
 
-#include "base/czmq_ptr.h"
-#include "base/hex.h"
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "downlink/generic_requests.h"
+#include "downlink/node_delivery.h"
+#include "downlink/page_interception.h"
+#include "downlink/spam_filter.h"
 #include "downlink/update_announcement.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
-#include "link/sending.h"
-#include "registry/nodes_container.h"
 #include "wire/messaging.h"
-#include "wire/node_request.h"
 
 #include <array>
 #include <memory>
@@ -20,31 +18,14 @@
 
 namespace rtls {
 
-constexpr size_t command_min = 11; // a type, a byte and a MAC
-constexpr suseconds_t repeat_interval_us = 50'000;
-constexpr suseconds_t us_per_second = 1'000'000;
 // Role bit that tells that the node takes its position in little-endian words.
-constexpr uint8_t role_swaps_position = 0x80;
+static constexpr uint8_t role_swaps_position = 0x80;
 
 // The whole of a MSG_NWK_DATA_15_4_REQ has a 16-bit size.
-constexpr size_t network_block_max = UINT16_MAX - mac_size;
+static constexpr size_t network_block_max = UINT16_MAX - mac_size;
 
 // Errors name the dispatcher, and the type, whichever step finds them: log filters rely on it.
-constexpr char dispatcher[] = "process_data_from_pub_sub_proxy";
-
-// Runs `use` on the node with this MAC, if there is one; what it found. The lock is held until `use` has
-// handed its frame over, so that the node's address and client stay the same. `use` may pass on a null
-// client identity: a node heard of only by way of other clients is asked through every bridge.
-template <typename Use>
-static bool with_node(WIN_SERVER_t* server, bytes_view mac, Use use)
-{
-    NODES_CONTAINER_t& nodes = *server->nodes();
-    const nodes_guard guard{nodes};
-    const NODE_t* node = nodes.find_by_mac(mac.data());
-    if (node)
-        use(*node);
-    return node != nullptr;
-}
+static constexpr char dispatcher[] = "process_data_from_pub_sub_proxy";
 
 // A zero-terminated copy, or nullptr with the reason logged.
 static std::unique_ptr<char[]> copy_text(bytes_view text)
@@ -89,12 +70,12 @@ static void ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
         dbg_print(dbg, DBG_PARSING, "PROXY", "Firmware downloaded. Index: %d\n", index); // newline: sic
 }
 
-static void forward_network_data(WIN_SERVER_t* server, const NODE_t& node, bytes_view block)
+static void forward_network_data(WIN_SERVER_t* server, const node_route& route, bytes_view block)
 {
     // On the stack, and not cleared: the builder writes every byte that is sent.
     std::array<uint8_t, network_block_max + node_request_overhead> frame;
-    const size_t size = node_request_frame(frame, node, block, {});
-    data_to_win_client(server, node.win_client_id, frame.data(), size);
+    const size_t size = node_request_frame(frame, route, block, {});
+    send_to_node(server, route, bytes_view{frame}.first(size));
 }
 
 static void nwk_data_req(WIN_SERVER_t* server, bytes_view data)
@@ -110,12 +91,13 @@ static void nwk_data_req(WIN_SERVER_t* server, bytes_view data)
     }
     const bytes_view mac = data.last(mac_size);
     zsock_t* dbg = server->dbg_client_sock;
-    const bool found = with_node(server, mac, [&](const NODE_t& node) {
-        dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_NWK_DATA_15_4_REQ dst:%02X%02X", mac[6], mac[7]);
-        forward_network_data(server, node, data.first(data.size() - mac_size));
-    });
-    if (!found)
+    const auto route = find_route(server, mac);
+    if (!route) {
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_NWK_DATA_15_4_REQ dst %02X%02X not found", mac[6], mac[7]);
+        return;
+    }
+    dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_NWK_DATA_15_4_REQ dst:%02X%02X", mac[6], mac[7]);
+    forward_network_data(server, *route, data.first(data.size() - mac_size));
 }
 
 static void print_node_configuration(const WIN_SERVER_t* server, bytes_view data)
@@ -153,15 +135,16 @@ static void conf_node_req(WIN_SERVER_t* server, bytes_view data)
         return;
     }
     const bytes_view mac = data.subspan(srvMsgConfigNode_t::long_addr);
-    const bool found = with_node(server, mac, [&](const NODE_t& node) {
-        print_node_configuration(server, data);
-        std::array<uint8_t, srvMsgConfigNode_t::long_addr + node_request_overhead> frame{};
-        const size_t size = node_request_frame(frame, node, node_configuration(data), mac);
-        data_to_win_client(server, node.win_client_id, frame.data(), size);
-    });
-    if (!found)
+    const auto route = find_route(server, mac);
+    if (!route) {
         dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_CONF_NODE_REQ dst %02X%02X not found",
                   mac[6], mac[7]);
+        return;
+    }
+    print_node_configuration(server, data);
+    std::array<uint8_t, srvMsgConfigNode_t::long_addr + node_request_overhead> frame{};
+    const size_t size = node_request_frame(frame, *route, node_configuration(data), mac);
+    send_to_node(server, *route, bytes_view{frame}.first(size));
 }
 
 // Makes the image of `url` the current one and tells the bridges. If it contradicts the announced CRC
@@ -243,23 +226,30 @@ static void rest_ack(WIN_SERVER_t* server, bytes_view data)
     }
     const bytes_view mac = data.subspan(srvMsgAck_t::long_addr);
     zsock_t* dbg = server->dbg_client_sock;
-    const bool found = with_node(server, mac, [&](const NODE_t& node) {
-        dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK dst: %02X%02X seq:%02X", mac[6], mac[7],
-                  data[srvMsgAck_t::seqNo]);
-        std::array<uint8_t, gwMsgAck_t::size> frame{};
-        // Bridges relay acknowledgements by address alone, so this type is never wrapped.
-        const size_t size = node_request_direct(frame, node, data.first(srvMsgAck_t::long_addr));
-        data_to_win_client(server, node.win_client_id, frame.data(), size);
-    });
-    if (!found)
+    const auto route = find_route(server, mac);
+    if (!route) {
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK node: %02X%02X not found", mac[6], mac[7]);
+        return;
+    }
+    dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK dst: %02X%02X seq:%02X", mac[6], mac[7],
+              data[srvMsgAck_t::seqNo]);
+    std::array<uint8_t, gwMsgAck_t::size> frame{};
+    // Bridges relay acknowledgements by address alone, so this type is never wrapped.
+    node_request_direct(frame, *route, data.first(srvMsgAck_t::long_addr));
+    send_to_node(server, *route, frame);
 }
 
+namespace {
+
+// A row is a type and the step that handles it; the function that walks the rows never grows.
 struct proxy_command {
     gwCmdID_t type;
     void (*run)(WIN_SERVER_t* server, bytes_view data); // checks the size itself
 };
-constexpr proxy_command proxy_commands[] = {
+
+} // namespace
+
+static constexpr proxy_command proxy_commands[] = {
     {MSG_OTA_UPLOAD_FW, ota_upload_fw},
     {MSG_NWK_DATA_15_4_REQ, nwk_data_req},
     {MSG_CONF_NODE_REQ, conf_node_req},
@@ -271,6 +261,7 @@ constexpr proxy_command proxy_commands[] = {
     {MSG_TDOA_SCHED_CONF_REQ, tdoa_sched_conf_req},
 };
 
+// Runs the step of the command's type; its type is swapped already. What no row names is printed.
 static void dispatch(WIN_SERVER_t* server, bytes_view data)
 {
     const gwCmdID_t type = load_le16(data, msgGeneric_t::msgType);
@@ -289,7 +280,7 @@ bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t
         logger_error(g_logger, "%s: null nodes container not found!", __func__);
         return false;
     }
-    if (data_size < command_min) {
+    if (data_size < proxy_command_min) {
         logger_error(g_logger, "%s: invalid input data!", __func__);
         return false;
     }
@@ -302,141 +293,6 @@ bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t
         return false;
     dispatch(server, {data, data_size});
     return true;
-}
-
-// --- the spam filter
-
-// A clock that was set back makes no repeat.
-static bool is_within_repeat_interval(timeval earlier, timeval now)
-{
-    time_t seconds = now.tv_sec - earlier.tv_sec;
-    suseconds_t microseconds = now.tv_usec - earlier.tv_usec;
-    if (microseconds < 0) {
-        microseconds += us_per_second;
-        seconds -= 1;
-    }
-    return seconds == 0 && microseconds < repeat_interval_us;
-}
-
-// Whether `command` is the node's last one. Sequence numbers (byte 2, whatever it is in this type) do not
-// count: the newer one replaces the stored one before the comparison.
-static bool is_last_command(NODE_t& node, bytes_view command)
-{
-    if (!node.last_data || node.last_data_size != command.size())
-        return false;
-    if (memcmp(node.last_data, command.data(), sizeof(gwCmdID_t)) != 0)
-        return false;
-    node.last_data[msgGeneric_t::seqNo] = command[msgGeneric_t::seqNo];
-    return memcmp(node.last_data, command.data(), command.size()) == 0;
-}
-
-static void remember_command(NODE_t& node, bytes_view command)
-{
-    if (command.size() > node.max_data_size) {
-        void* grown = realloc(node.last_data, command.size());
-        if (!grown) {
-            logger_error(g_logger, str_out_of_memory, "spam_filter");
-            return;
-        }
-        node.last_data = static_cast<uint8_t*>(grown);
-        node.max_data_size = command.size();
-    }
-    memcpy(node.last_data, command.data(), command.size());
-    node.last_data_size = command.size();
-}
-
-bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now)
-{
-    if (any_null(__func__, p_nodes, data))
-        return false;
-    if (data_size < command_min)
-        return false;
-    const bytes_view command{data, data_size - mac_size};
-
-    auto& nodes = *static_cast<NODES_CONTAINER_t*>(p_nodes);
-    const nodes_guard guard{nodes};
-    NODE_t* node = nodes.find_by_mac(data + command.size());
-    if (!node)
-        return false;
-    // The time moves on with repeats, too: a steady stream of them stays suppressed.
-    const timeval last = std::exchange(node->last_data_time, now);
-    if (is_within_repeat_interval(last, now) && is_last_command(*node, command))
-        return true;
-    remember_command(*node, command);
-    return false;
-}
-
-// --- firmware pages on their way down
-
-// Whether the bytes at hand hold a whole page, and the request says that it carries one.
-static bool carries_firmware_page(bytes_view request)
-{
-    if (request.size() < ota_page::size)
-        return false;
-    const size_t total_len = load_be16(request, msgHeader_t::total_len);
-    const size_t page_size = load_be16(request, ota_page::page_size);
-    return total_len > ota_page::total_len && load_be16(request, ota_page::command) == GENERIC_REQ_OtaPage &&
-           total_len >= page_size + ota_page::total_len && request.size() >= page_size + ota_page::size;
-}
-
-bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
-{
-    if (any_null(__func__, server, buf))
-        return false;
-    OTA_t* ota = server->ota();
-    if (!ota) {
-        logger_error(g_logger, "%s: rtls_gateway_get_ota returns NULL!", __func__);
-        return false;
-    }
-    const bytes_view request{buf, parsedlen};
-    if (!carries_firmware_page(request))
-        return false;
-    return ota->set_firmware_page(load_be32(request, ota_page::git_id), load_be32(request, ota_page::crc32),
-                                  load_be16(request, ota_page::page_size),
-                                  load_be16(request, ota_page::page_number), buf + ota_page::size);
-}
-
-// --- the reader
-
-static void process_text(WIN_SERVER_t* server, const char* text)
-{
-    constexpr char function[] = "handle_pub_sub_proxy";
-    const size_t data_size = strlen(text) / 2;
-    if (data_size <= sizeof(gwCmdID_t)) {
-        logger_error(g_logger, "%s: wrong size of input data!", function);
-        return;
-    }
-    const std::unique_ptr<uint8_t[]> data{new (std::nothrow) uint8_t[data_size]};
-    if (!data) {
-        logger_error(g_logger, str_out_of_memory, function);
-        return;
-    }
-    // The decoder's one byte more than its limit cannot happen here: the text has no further pair. But it
-    // looks at what follows the last pair, and refuses the text for trailing garbage.
-    const auto limit = static_cast<ssize_t>(data_size);
-    if (string_to_uint8_arr(text, data.get(), limit) != limit) {
-        logger_error(g_logger, "%s: string_to_uint8_arr: wrong input data!", function);
-        return;
-    }
-    process_data_from_pub_sub_proxy(server, data.get(), data_size);
-}
-
-int handle_pub_sub_proxy(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
-{
-    if (any_null(__func__, reader, p_server))
-        return 0;
-    auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    // Before anything else: even a failed receive is a sign of life.
-    server->proxy_is_silent = false;
-
-    const zstr_ptr text{zstr_recv(reader)};
-    if (!text) {
-        logger_error(g_logger, "%s: zstr_recv return NULL!", __func__);
-        return 0;
-    }
-    dbg_print(server->dbg_client_sock, DBG_RAW, "PROXY_RAW_INPUT", "%s", text.get());
-    process_text(server, text.get());
-    return 0;
 }
 
 } // namespace rtls

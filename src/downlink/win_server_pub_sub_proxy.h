@@ -1,7 +1,11 @@
 // win_server_pub_sub_proxy - commands from the pub/sub proxy, decoded already: checked by their type,
 // rewritten for the WIN link, and sent to the WIN client that reaches the node.
 //
-// Threads    WIN server thread.
+// Threads    WIN server thread. Takes the registry's lock for the look-up of the node, and sends and prints
+//            outside it. An order to fetch an image (MSG_OTA_UPLOAD_FW, MSG_FW_IMAGE_AVAIL_IND) waits for
+//            the transfer, and all that the thread does waits with it; no other command waits.
+// Bytes      Commands are big-endian (srvMsg* and others in wire/messaging.h). Only the type is changed on
+//            the way down, and the position for nodes that ask for it.
 // Failures   A command that is refused is logged or printed, and nothing is sent.
 #pragma once
 
@@ -10,11 +14,7 @@
 namespace rtls {
 
 // Runs one command; its type (the first two bytes, big-endian) is swapped in place. False when it is too
-// short or a repeat, or when there is no registry.
+// short or a repeat, or when there is no registry; true says nothing of what the command itself found.
 bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t data_size);
-
-bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now);
-bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen);
-int handle_pub_sub_proxy(zloop_t* loop, zsock_t* reader, void* p_server) noexcept;
 
 } // namespace rtls

@@ -158,11 +158,15 @@ static CURLcode set_options(CURL* curl, const char* url, image_receiver& receive
     return rc;
 }
 
+namespace {
+
 struct curl_freed {
     void operator()(char* p) const noexcept { curl_free(p); }
     void operator()(CURL* p) const noexcept { curl_easy_cleanup(p); }
     void operator()(CURLU* p) const noexcept { curl_url_cleanup(p); }
 };
+
+} // namespace
 
 static std::unique_ptr<char, curl_freed> url_part(CURLU* url, CURLUPart part)
 {

@@ -27,6 +27,9 @@ struct OTA_FIRMWARE_t {
     image_memory memory;
     size_t page_count = 0; // blocks that memory and validity_mask hold, of an image under assembly
 };
+
+namespace {
+
 // Blocks of one page, in 64 bits: size and number come from the wire.
 struct page_blocks {
     page_blocks(uint32_t page_size, uint32_t page_number)
@@ -38,6 +41,8 @@ struct page_blocks {
     uint64_t first;
     uint64_t end; // past the last
 };
+
+} // namespace
 
 static bool is_page_size(uint32_t page_size)
 {

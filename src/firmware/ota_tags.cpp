@@ -12,16 +12,16 @@ static constexpr char board_tag[] = "@BoardVer";
 static constexpr char firmware_tag[] = "@Firmware";
 
 namespace board_record { // behind its tag
-constexpr size_t board_version = 0;
-constexpr size_t board_revision = 1;
-constexpr size_t size = 2;
+static constexpr size_t board_version = 0;
+static constexpr size_t board_revision = 1;
+static constexpr size_t size = 2;
 } // namespace board_record
 
 namespace firmware_record { // behind its tag; big-endian
-constexpr size_t git_ver = 0;
-constexpr size_t page_size = 4;
-constexpr size_t maximum_pages = 6;
-constexpr size_t size = 8;
+static constexpr size_t git_ver = 0;
+static constexpr size_t page_size = 4;
+static constexpr size_t maximum_pages = 6;
+static constexpr size_t size = 8;
 } // namespace firmware_record
 
 // The `size` bytes behind the first `tag`, or nothing when they are not all there.

@@ -4,18 +4,13 @@
 #include "base/logger.h"
 #include "base/null_check.h"
 
-#include <cstdlib>
-
 namespace rtls {
 
 void node_destroy(void** pp_node)
 {
-    if (!pp_node || !*pp_node)
+    if (!pp_node)
         return;
-    auto* node = static_cast<NODE_t*>(*pp_node);
-    zframe_destroy(&node->win_client_id);
-    free(node->last_data);
-    free(node);
+    delete static_cast<NODE_t*>(*pp_node);
     *pp_node = nullptr;
 }
 
@@ -23,10 +18,10 @@ bool node_update_win_client_ID(NODE_t* node, zframe_t* win_client_id)
 {
     if (any_null(__func__, node, win_client_id))
         return false;
-    if (zframe_eq(node->win_client_id, win_client_id))
-        return true; // nearly every report: no copy
-    zframe_destroy(&node->win_client_id);
-    node->win_client_id = zframe_dup(win_client_id);
+    if (zframe_eq(node->win_client_id.get(), win_client_id))
+        return true;             // nearly every report: no copy
+    node->win_client_id.reset(); // before the copy: memory may be short
+    node->win_client_id.reset(zframe_dup(win_client_id));
     if (node->win_client_id)
         return true;
     log_call_error(__func__, "zframe_dup");

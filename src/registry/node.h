@@ -1,6 +1,7 @@
 // node - what the gateway knows of one node of the location network.
 #pragma once
 
+#include "base/czmq_ptr.h"
 #include "registry/addresses.h"
 
 #include <czmq.h>
@@ -8,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace rtls {
 
@@ -15,28 +17,27 @@ namespace rtls {
 // ip_addr and forwarded_ip change only through nodes_container_set_address, which keeps the
 // container's look-up by address in step.
 struct NODE_t {
-    zframe_t* win_client_id;       // owned; the WIN client it was last heard through, null until known
-    uint8_t ip_addr[ip_addr_size]; // IPv6, network order
-    uint8_t mac_addr[mac_size];    // the container's key
-    uint8_t parent_addr[mac_size]; // MAC of the parent in the routing tree
-    uint16_t lifetime;             // seconds left before the node counts as lost
-    timeval last_activity;
-    uint32_t sw_version;
-    uint8_t type; // NODE_ROLE, low four bits
-    uint8_t ranging_freq;
-    uint8_t reporting_freq;
-    uint8_t sublocation_id;
-    int32_t pos_X;
-    int32_t pos_Y;
-    int32_t pos_Z;           // height: one value, or the two halves below
-    uint8_t state;           // high four bits of the heartbeat's role byte, unshifted
-    bool forwarded_ip;       // ip_addr came in a forwarded message and does not identify the node
-    uint8_t sequence_number; // of the last accepted message
-    uint8_t* last_data;      // owned (malloc); the last command sent to the node, without its MAC
-    size_t last_data_size;
-    size_t max_data_size; // bytes allocated for last_data
-    timeval last_data_time;
-    bool direct_mask; // its last forwarded message came to its bridge directly; goes into wrapped commands
+    zframe_ptr win_client_id;           // the WIN client it was last heard through, null until known
+    uint8_t ip_addr[ip_addr_size] = {}; // IPv6, network order
+    uint8_t mac_addr[mac_size] = {};    // the container's key
+    uint8_t parent_addr[mac_size] = {}; // MAC of the parent in the routing tree
+    uint16_t lifetime = 0;              // seconds left before the node counts as lost
+    timeval last_activity = {};
+    uint32_t sw_version = 0;
+    uint8_t type = 0; // NODE_ROLE, low four bits
+    uint8_t ranging_freq = 0;
+    uint8_t reporting_freq = 0;
+    uint8_t sublocation_id = 0;
+    int32_t pos_X = 0;
+    int32_t pos_Y = 0;
+    int32_t pos_Z = 0;              // height: one value, or the two halves below
+    uint8_t state = 0;              // high four bits of the heartbeat's role byte, unshifted
+    bool forwarded_ip = false;      // ip_addr came in a forwarded message and does not identify the node
+    uint8_t sequence_number = 0;    // of the last accepted message
+    std::vector<uint8_t> last_data; // the last command sent to the node, without its MAC; keeps its memory
+    timeval last_data_time = {};
+    bool direct_mask =
+        false; // its last forwarded message came to its bridge directly; goes into wrapped commands
 };
 
 // pos_Z as two halves: the height in the low 16 bits, its offset in the high 16 bits.
@@ -55,7 +56,8 @@ struct NODE_small_t {
     uint8_t mac_addr[mac_size];
 };
 
-// Frees the node and all it owns; leaves null. Takes null.
+// Frees a node made with new, and all it owns; leaves null. Takes null. For those who make nodes of their
+// own: the container's are freed by it alone.
 void node_destroy(void** pp_node);
 
 // Points the node at another WIN client: keeps a copy of `win_client_id`. False, with a log line and

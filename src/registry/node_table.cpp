@@ -14,30 +14,28 @@
 
 namespace rtls {
 
-namespace {
-
 // The sizes through which a zhashx grows: the fifth largest prime below each power of two from 16 on.
-constexpr size_t bucket_counts[] = {3,      17,     43,      103,     229,    487,   997,
-                                    2011,   4057,   8161,    16349,   32707,  65449, 131023,
-                                    262111, 524243, 1048517, 2097091, 4194247};
-constexpr size_t max_load_percent = 75;
+static constexpr size_t bucket_counts[] = {3,      17,     43,      103,     229,    487,   997,
+                                           2011,   4057,   8161,    16349,   32707,  65449, 131023,
+                                           262111, 524243, 1048517, 2097091, 4194247};
+static constexpr size_t max_load_percent = 75;
 
 // Long chains make the table grow up to this many buckets in any case, and beyond it up to so many
 // buckets a node. Ordinary MACs need about the 1.5th power of their number.
-constexpr size_t always_allowed_buckets = 65536;
-constexpr size_t allowed_buckets_per_node = 1024;
+static constexpr size_t always_allowed_buckets = 65536;
+static constexpr size_t allowed_buckets_per_node = 1024;
 
 // The limit on nodes leaves room below the last size: the load alone never meets the end of the list.
 static_assert(bucket_counts[std::size(bucket_counts) - 1] * max_load_percent / 100 > nodes_container_limit);
 
-constexpr size_t bits_per_word = 64;
+static constexpr size_t bits_per_word = 64;
 
-constexpr size_t words_for(size_t buckets)
+static constexpr size_t words_for(size_t buckets)
 {
     return (buckets + bits_per_word - 1) / bits_per_word;
 }
 
-uint64_t make_seed()
+static uint64_t make_seed()
 {
     uint64_t seed = 0;
     if (getrandom(&seed, sizeof seed, GRND_NONBLOCK) != sizeof seed)
@@ -45,7 +43,7 @@ uint64_t make_seed()
     return seed;
 }
 
-constexpr uint64_t mixed(uint64_t x)
+static constexpr uint64_t mixed(uint64_t x)
 {
     x = (x ^ x >> 32) * 0xD6E8FEB86659FD93U;
     x = (x ^ x >> 32) * 0xD6E8FEB86659FD93U;
@@ -53,7 +51,7 @@ constexpr uint64_t mixed(uint64_t x)
 }
 
 // CZMQ's hash of a text, over the 8 bytes; the seed-free hash that makes the table's order.
-size_t order_hash(const uint8_t* mac)
+static size_t order_hash(const uint8_t* mac)
 {
     uint64_t hash = 0;
     for (size_t i = 0; i < mac_size; ++i)
@@ -61,7 +59,7 @@ size_t order_hash(const uint8_t* mac)
     return hash;
 }
 
-uint64_t as_number(const uint8_t* mac)
+static uint64_t as_number(const uint8_t* mac)
 {
     uint64_t number = 0;
     static_assert(sizeof number == mac_size);
@@ -69,18 +67,16 @@ uint64_t as_number(const uint8_t* mac)
     return number;
 }
 
-bool has_mac(const stored_node& node, const uint8_t* mac)
+static bool has_mac(const stored_node& node, const uint8_t* mac)
 {
     return memcmp(node.mac_addr, mac, mac_size) == 0;
 }
 
-void push(stored_node** buckets, uint64_t* occupied, size_t bucket, stored_node* node)
+static void push(stored_node** buckets, uint64_t* occupied, size_t bucket, stored_node* node)
 {
     node->next_in_bucket = std::exchange(buckets[bucket], node);
     occupied[bucket / bits_per_word] |= uint64_t{1} << bucket % bits_per_word;
 }
-
-} // namespace
 
 size_t seeded_hash(uint64_t low, uint64_t high)
 {
@@ -105,10 +101,8 @@ node_table::node_table()
 
 node_table::~node_table()
 {
-    for (auto [mac, node] : m_by_mac) {
-        void* p_node = static_cast<NODE_t*>(node);
-        node_destroy(&p_node);
-    }
+    for (auto [mac, node] : m_by_mac)
+        delete node;
 }
 
 size_t node_table::bucket_of(const uint8_t* mac) const
@@ -133,22 +127,23 @@ stored_node* node_table::find(const uint8_t* mac) noexcept
     return found == m_by_mac.end() ? nullptr : found->second;
 }
 
-bool node_table::insert(stored_node* node) noexcept
+stored_node* node_table::insert(std::unique_ptr<stored_node>&& new_node) noexcept
 {
     try {
-        m_by_mac.emplace(as_number(node->mac_addr), node);
+        m_by_mac.emplace(as_number(new_node->mac_addr), new_node.get());
     } catch (const std::bad_alloc&) {
-        return false;
+        return nullptr;
     }
+    stored_node* const node = new_node.release();
     if (m_size >= m_bucket_count * max_load_percent / 100 && grow())
         ++m_chain_limit;
     find(node->mac_addr); // its chain may be too long, as in a zhashx, which looks before it inserts
     push(m_buckets.get(), m_occupied.get(), bucket_of(node->mac_addr), node);
     ++m_size;
-    return true;
+    return node;
 }
 
-stored_node* node_table::remove(const uint8_t* mac) noexcept
+std::unique_ptr<stored_node> node_table::remove(const uint8_t* mac) noexcept
 {
     stored_node* node = find(mac);
     if (!node)
@@ -163,7 +158,7 @@ stored_node* node_table::remove(const uint8_t* mac) noexcept
     m_by_mac.erase(as_number(mac));
     --m_size;
     m_cursor = nullptr;
-    return node;
+    return std::unique_ptr<stored_node>{node};
 }
 
 // The first bucket from `from` on that holds a node; the number of buckets if there is none.

@@ -21,13 +21,14 @@
 
 namespace rtls {
 
-// A node with its places in the container's structures. Allocated zeroed with calloc: node_destroy
-// frees it as the NODE_t that it begins with.
+// A node with its places in the container's structures.
 struct stored_node : NODE_t {
-    stored_node* next_in_bucket;
-    stored_node* previous_with_address; // the other nodes with the same address
-    stored_node* next_with_address;
+    stored_node* next_in_bucket = nullptr;
+    stored_node* previous_with_address = nullptr; // the other nodes with the same address
+    stored_node* next_with_address = nullptr;
 };
+// A million of them are kept.
+static_assert(sizeof(stored_node) <= 160);
 
 // Hashes of bytes that peers choose, seeded at random so that nobody can make them collide.
 size_t seeded_hash(uint64_t low, uint64_t high = 0);
@@ -44,11 +45,12 @@ public:
     // The node with this MAC, or nullptr. May reorder the table, as in a zhashx.
     stored_node* find(const uint8_t* mac) noexcept;
 
-    // Takes over a node whose MAC is not in the table. False, the node untouched, when memory is short.
-    bool insert(stored_node* node) noexcept;
+    // Takes over a node whose MAC is not in the table, and returns it. Null, the node untouched, when memory
+    // is short.
+    stored_node* insert(std::unique_ptr<stored_node>&& new_node) noexcept;
 
-    // Takes the node with this MAC out and hands it to the caller; nullptr if there is none.
-    stored_node* remove(const uint8_t* mac) noexcept;
+    // Takes the node with this MAC out; null if there is none.
+    std::unique_ptr<stored_node> remove(const uint8_t* mac) noexcept;
 
     // The one cursor, in table order.
     stored_node* first() noexcept;

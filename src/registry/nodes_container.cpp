@@ -4,19 +4,16 @@
 #include "base/logger.h"
 #include "base/null_check.h"
 
-#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 
 namespace rtls {
 
-namespace {
-
 // The first byte of every node's MAC; an address's interface identifier has another one there.
-constexpr uint8_t first_mac_byte = 0xE4;
-constexpr size_t interface_identifier = 8; // offset in an address
-
-} // namespace
+static constexpr uint8_t first_mac_byte = 0xE4;
+static constexpr size_t interface_identifier = 8; // offset in an address
 
 void NODES_CONTAINER_t::lock()
 {
@@ -33,15 +30,13 @@ NODE_t* NODES_CONTAINER_t::create(const uint8_t* mac)
 {
     if (m_nodes.size() >= m_limit)
         return nullptr;
-    auto* node = static_cast<stored_node*>(calloc(1, sizeof(stored_node)));
-    if (!node)
+    std::unique_ptr<stored_node> new_node{new (std::nothrow) stored_node};
+    if (!new_node)
         return nullptr;
-    memcpy(node->mac_addr, mac, mac_size);
-    if (!m_nodes.insert(node)) {
-        free(node);
-        return nullptr;
-    }
-    m_by_address.add(node);
+    memcpy(new_node->mac_addr, mac, mac_size);
+    stored_node* node = m_nodes.insert(std::move(new_node));
+    if (node)
+        m_by_address.add(node);
     return node;
 }
 
@@ -106,12 +101,9 @@ void NODES_CONTAINER_t::update_lifetime()
 
 void NODES_CONTAINER_t::remove(const uint8_t* mac)
 {
-    stored_node* node = m_nodes.remove(mac);
-    if (!node)
-        return;
-    m_by_address.remove(node);
-    void* p_node = static_cast<NODE_t*>(node);
-    node_destroy(&p_node);
+    const auto node = m_nodes.remove(mac);
+    if (node)
+        m_by_address.remove(node.get());
 }
 
 // --- by handle

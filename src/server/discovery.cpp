@@ -12,7 +12,9 @@
 
 namespace rtls {
 
-constexpr size_t receive_limit = 32; // longer datagrams are cut by the receive
+static constexpr size_t receive_limit = 32; // longer datagrams are cut by the receive
+
+namespace {
 
 // A datagram as it came in.
 struct discovery_datagram {
@@ -21,6 +23,8 @@ struct discovery_datagram {
     sockaddr_in requester;
     in_addr gateway; // the local address that it was sent to
 };
+
+} // namespace
 
 // The local address out of the first packet information; none when it is missing or was cut off.
 static std::optional<in_addr> local_address(msghdr& message)

@@ -7,7 +7,7 @@
 #include "base/signals.h"
 #include "base/udplib.h"
 #include "downlink/generic_requests.h"
-#include "downlink/win_server_pub_sub_proxy.h"
+#include "downlink/proxy_reader.h"
 #include "link/win_server_win_clients.h"
 #include "server/discovery.h"
 #include "server/supervision.h"

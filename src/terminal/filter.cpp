@@ -7,31 +7,32 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
+#include <new>
 #include <optional>
 
 namespace rtls {
 
-namespace {
-
 // Measured with random patterns: within these limits none took more than half a second or 100 MB.
-constexpr size_t pattern_size_limit = 512;
-constexpr uint64_t repetition_limit = 65'536;  // of the product of all repetition counts
-constexpr uint64_t fixed_size_limit = 131'072; // of an expanded pattern without options
-constexpr uint64_t size_limit = 512;           // of one with options: they cost by the third power
-constexpr uint64_t options_limit = 512;
-constexpr uint64_t idling_limit = 16; // costs exponentially
-constexpr uint64_t idling_in_loop = 4;
-constexpr uint64_t beyond_all_limits = 1 << 20;
+static constexpr size_t pattern_size_limit = 512;
+static constexpr uint64_t repetition_limit = 65'536;  // of the product of all repetition counts
+static constexpr uint64_t fixed_size_limit = 131'072; // of an expanded pattern without options
+static constexpr uint64_t size_limit = 512;           // of one with options: they cost by the third power
+static constexpr uint64_t options_limit = 512;
+static constexpr uint64_t idling_limit = 16; // costs exponentially
+static constexpr uint64_t idling_in_loop = 4;
+static constexpr uint64_t beyond_all_limits = 1 << 20;
 
-uint64_t capped(uint64_t number)
+static uint64_t capped(uint64_t number)
 {
     return std::min(number, beyond_all_limits);
 }
-bool is_digit(char c)
+
+static bool is_digit(char c)
 {
     return c >= '0' && c <= '9';
 }
+
+namespace {
 
 // What a piece of a pattern has become when all repetitions are written out.
 struct pattern_cost {
@@ -72,11 +73,15 @@ struct pattern_cost {
     }
 };
 
-bool is_within_limits(const pattern_cost& total)
+} // namespace
+
+static bool is_within_limits(const pattern_cost& total)
 {
     return total.size <= (total.options == 0 ? fixed_size_limit : size_limit) &&
            total.options <= options_limit && total.idling <= idling_limit;
 }
+
+namespace {
 
 // Reads a pattern from left to right and sums up its cost. What is no valid pattern gets some cost or
 // other: the compiler refuses it anyway.
@@ -265,18 +270,18 @@ bool is_affordable_pattern(std::string_view pattern)
     return pattern.size() <= pattern_size_limit && pattern_scanner{pattern}.is_affordable();
 }
 
-regex_t* compile_filter(const char* pattern)
+regex_ptr compile_filter(const char* pattern)
 {
-    auto* preg = static_cast<regex_t*>(std::malloc(sizeof(regex_t)));
+    std::unique_ptr<regex_t> preg{new (std::nothrow) regex_t}; // nothing in it to free until it is compiled
     if (!preg) {
         logger_error(g_logger, str_out_of_memory, "command_grep");
         return nullptr;
     }
     errno = 0;
-    if (is_affordable_pattern(pattern) && regcomp(preg, pattern, REG_EXTENDED | REG_NOSUB) == 0)
-        return preg;
+    if (is_affordable_pattern(pattern) && regcomp(preg.get(), pattern, REG_EXTENDED | REG_NOSUB) == 0)
+        return regex_ptr{preg.release()};
     const int error = errno;
-    std::free(preg); // regcomp leaves nothing in it when it fails
+    preg.reset();
     errno = error;
     return nullptr;
 }

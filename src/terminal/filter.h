@@ -1,8 +1,13 @@
-// terminal_filter - compiles an operator's grep pattern, unless it could take the daemon down.
+// filter - compiles an operator's grep pattern, unless it could take the daemon down.
+//
+// Ownership  A compiled filter is the caller's.
+// Threads    None of its own; no lock. Compiling a pattern takes half a second at most.
+// Failures   A refused pattern is for the caller to report; a shortage of memory is logged, too.
 #pragma once
 
 #include <regex.h>
 
+#include <memory>
 #include <string_view>
 
 namespace rtls {
@@ -13,8 +18,16 @@ namespace rtls {
 // does either serves every operator.
 bool is_affordable_pattern(std::string_view pattern);
 
-// A compiled filter (malloc; release with regfree and free); or null, with errno telling of a shortage
-// of memory and 0 otherwise.
-regex_t* compile_filter(const char* pattern);
+struct regex_freed {
+    void operator()(regex_t* compiled) const noexcept
+    {
+        regfree(compiled);
+        delete compiled;
+    }
+};
+using regex_ptr = std::unique_ptr<regex_t, regex_freed>; // of a compiled expression
+
+// A compiled filter; or null, with errno telling of a shortage of memory and 0 otherwise.
+regex_ptr compile_filter(const char* pattern);
 
 } // namespace rtls

@@ -4,6 +4,7 @@
 #include "terminal/short_mac.h"
 #include "terminal/terminal_server.h"
 #include "wire/node_commands.h"
+#include "terminal/texts.h"
 
 #include <cstring>
 #include <optional>
@@ -11,10 +12,7 @@
 namespace rtls {
 
 static constexpr char incorrect_index[] = "Incorrect INDEX value!\n";
-static constexpr char incorrect_mac[] = "Incorrect MAC value!\n";
-static constexpr char not_in_list[] = "Node %04X not in nodes list\n";
-static constexpr char not_sent[] = "Failed to send command!\n";
-static constexpr char sent[] = "Command sent successfully!\n";
+static constexpr char index_missing[] = "INDEX are missing!\n";
 
 size_t firmware_pages_number(const OTA_FIRMWARE_INFO_t& info)
 {
@@ -133,8 +131,7 @@ static void subcommand_set(const terminal_request& request, terminal_reply& repl
 
 static void subcommand_apply(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? "MAC are missing!\n"
-                                        : firmware_apply(request.gateway, value_word(request)));
+    reply.send(request.words.size() < 3 ? mac_missing : firmware_apply(request.gateway, value_word(request)));
 }
 
 static void subcommand_list(const terminal_request& request, terminal_reply& reply)
@@ -151,14 +148,13 @@ static void subcommand_list(const terminal_request& request, terminal_reply& rep
 
 static void subcommand_info(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
+    reply.send(request.words.size() < 3 ? index_missing
                                         : firmware_info(request.gateway, value_word(request)));
 }
 
 static void subcommand_del(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? "INDEX are missing!\n"
-                                        : firmware_del(request.gateway, value_word(request)));
+    reply.send(request.words.size() < 3 ? index_missing : firmware_del(request.gateway, value_word(request)));
 }
 
 static constexpr struct {
@@ -172,7 +168,7 @@ static constexpr struct {
 // An operator who cannot be reached gets nothing done: nobody would see the outcome.
 void command_firmware(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id, request.sock};
+    terminal_reply reply{request.client->id.get(), request.sock};
     if (!reply)
         return;
     if (request.words.size() >= 2)

@@ -1,4 +1,8 @@
-// terminal_firmware - the operators' words on the firmware store, as answers to given arguments.
+// firmware_commands - the operators' words on the firmware store, as answers to given arguments.
+//
+// Threads    Terminal thread. The store and the registry lock themselves.
+// Blocking   Only "get", for the time of its transfer.
+// Failures   Are answers. Memory that runs out throws std::bad_alloc.
 #pragma once
 
 #include "services.h"
@@ -8,6 +12,8 @@
 #include <string>
 
 namespace rtls {
+
+struct terminal_request;
 
 inline constexpr char firmware_list_header[] =
     "index     git id      crc32     size   page size   pages   brd version   brd revision   max pages\n";
@@ -26,5 +32,8 @@ std::string firmware_apply(services& gateway, const char* mac_word);
 // `source_word`: "GW", a short MAC, or null for the passive mode.
 std::string firmware_set(services& gateway, const char* index_word, const char* mac_word,
                          const char* source_word);
+
+// "fw", with a sub-command.
+void command_firmware(const terminal_request& request);
 
 } // namespace rtls

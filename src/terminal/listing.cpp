@@ -6,6 +6,7 @@
 #include "registry/nodes_container.h"
 #include "terminal/request.h"
 #include "terminal/terminal_server.h"
+#include "terminal/texts.h"
 
 #include <arpa/inet.h>
 
@@ -15,15 +16,13 @@
 
 namespace rtls {
 
-static constexpr char str_null_win_clients[] = "%s: null pointer to win clients!";
-
 // --- Lines
 
 std::string terminal_client_line(const TERMINAL_CLIENT_t& client, bool is_asking)
 {
     return text_format("%sip:%s:%d sub:%d grep:%s\n", is_asking ? "+" : " ",
                        ipv4_text{client.client_addr}.c_str(), ntohs(client.client_addr.sin_port),
-                       client.subscribed, client.grep_string ? client.grep_string : "--");
+                       client.subscribed, client.grep_string ? client.grep_string->c_str() : "--");
 }
 
 std::string win_client_line(const sockaddr_in& addr)
@@ -115,7 +114,7 @@ static uint32_t bridge_of(const NODE_t& node, const bridge_index& bridges)
 {
     if (!node.win_client_id)
         return no_bridge;
-    const auto found = bridges.find(frame_bytes(node.win_client_id));
+    const auto found = bridges.find(frame_bytes(node.win_client_id.get()));
     return found == bridges.end() ? no_bridge : found->second;
 }
 
@@ -233,14 +232,14 @@ void command_pcl(const terminal_request& request)
     }
     zhashx_t* terminals = terminal_server_get_clients(request.gateway.terminal_server);
     if (!terminals) {
-        logger_error(g_logger, "%s: null pointer to terminal clients!", __func__);
+        logger_error(g_logger, str_null_terminal_clients, __func__);
         return;
     }
     if (!request.answer("####### Terminal clients\n"))
         return;
     for (void* item = zhashx_first(terminals); item; item = zhashx_next(terminals)) {
         const auto* terminal = static_cast<TERMINAL_CLIENT_t*>(item);
-        const bool is_asking = zframe_eq(terminal->id, request.client->id);
+        const bool is_asking = zframe_eq(terminal->id.get(), request.client->id.get());
         if (!request.answer(terminal_client_line(*terminal, is_asking)))
             return;
     }
@@ -284,7 +283,7 @@ static void list_nodes(const terminal_request& request, bool full)
     }
     NODES_CONTAINER_t* registry = request.gateway.nodes;
     if (!registry) {
-        logger_error(g_logger, "%s: null pointer to nodes container!", "command_pn");
+        logger_error(g_logger, str_null_nodes_container, "command_pn");
         return;
     }
     const auto bridges = win_server_copy_clients(request.gateway.win_server);

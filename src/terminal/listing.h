@@ -1,7 +1,10 @@
-// terminal_listing - the lists of clients and nodes that operators see.
+// listing - the lists of clients and nodes that operators see.
 //
 // The node lists work on a snapshot: what they show is copied under the registry's lock, and made into
 // text and sent after it, so that a slow terminal never holds up the WIN server.
+// Ownership  Rows are copies, but for the bridges, to which they point by their place in the list given.
+// Threads    The commands: terminal thread. The rest: any.
+// Failures   Memory that runs out throws std::bad_alloc.
 #pragma once
 
 #include "registry/nodes_container.h"
@@ -20,6 +23,8 @@
 #include <vector>
 
 namespace rtls {
+
+struct terminal_request;
 
 // What the lists show of one node.
 struct node_row {
@@ -78,5 +83,10 @@ struct node_groups {
     std::vector<const node_row*> expired;  // whatever their bridge
 };
 node_groups group_nodes(std::span<const node_row> nodes, size_t bridges_number);
+
+// --- Commands. A listing ends at the first line that the operator does not take.
+void command_pcl(const terminal_request& request);
+void command_pn(const terminal_request& request);
+void command_pnf(const terminal_request& request);
 
 } // namespace rtls

@@ -1,6 +1,8 @@
-// terminal_commands_private - what the files of the terminal commands share.
+// request - one command being run: who asked, what for, and how it is answered.
 //
-// Threads    Terminal thread.
+// Ownership  A request borrows all it names, for the time of its command.
+// Threads    Terminal thread; no lock. An answer waits for the socket's send time-out at most.
+// Failures   Memory that runs out throws std::bad_alloc, which ends the command; the server logs it.
 #pragma once
 
 #include "services.h"
@@ -12,10 +14,10 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 
 namespace rtls {
 
-// One command being run: who asked, what for, and where the answers go.
 struct terminal_request {
     services& gateway;
     TERMINAL_CLIENT_t* client;
@@ -24,7 +26,7 @@ struct terminal_request {
     std::span<char* const> words;
 
     // One whole answer; false when the operator cannot be reached now.
-    bool answer(const char* text) const noexcept { return terminal_send(client->id, sock, text); }
+    bool answer(const char* text) const noexcept { return terminal_send(client->id.get(), sock, text); }
     bool answer(const std::string& text) const noexcept { return answer(text.c_str()); }
 };
 
@@ -33,13 +35,5 @@ using command_function = void (*)(const terminal_request&);
 // The operators' number: hexadecimal by strtol's rules ("0x" and garbage behind it are fine), cut to 16
 // bits. Nothing when there is no digit or the number does not fit strtol.
 std::optional<uint16_t> get_short_val_from_str(const char* str_value);
-
-// --- terminal_listing.cpp
-void command_pcl(const terminal_request& request);
-void command_pn(const terminal_request& request);
-void command_pnf(const terminal_request& request);
-
-// --- terminal_firmware.cpp
-void command_firmware(const terminal_request& request);
 
 } // namespace rtls

@@ -6,7 +6,7 @@
 
 namespace rtls {
 
-constexpr char str_null_nodes[] = "%s: null pointer to nodes container!";
+static constexpr char str_null_nodes[] = "%s: null pointer to nodes container!";
 
 static std::optional<mac_array> find_mac_locked(NODES_CONTAINER_t& nodes, uint16_t short_mac)
     RTLS_REQUIRES(nodes);

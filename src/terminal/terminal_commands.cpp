@@ -7,24 +7,25 @@
 #include "base/peer.h"
 #include "base/tokenize.h"
 #include "terminal/filter.h"
+#include "terminal/firmware_commands.h"
+#include "terminal/listing.h"
 #include "terminal/request.h"
 #include "terminal/short_mac.h"
 #include "terminal/terminal_server.h"
+#include "terminal/texts.h"
 #include "version.h"
 #include "wire/node_commands.h"
 
 #include <zmq.h>
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 namespace rtls {
 
 static constexpr uint16_t words_limit = 16;
-static constexpr char console[] = "CONS"; // channel of our lines in the debug stream
 static constexpr char no_pattern[] = "-- undefined --";
 
 // Operators' scripts compare it: the misspellings stay.
@@ -65,18 +66,6 @@ static constexpr char help_text[] =
     "      SOURSE=                              passive mode\n";
 static_assert(sizeof help_text - 1 == 2288);
 
-std::optional<uint16_t> get_short_val_from_str(const char* str_value)
-{
-    char* end = nullptr;
-    errno = 0;
-    const long value = std::strtol(str_value, &end, 16);
-    if (errno == ERANGE && (value == LONG_MAX || value == LONG_MIN))
-        return std::nullopt;
-    if ((errno != 0 && value == 0) || end == str_value)
-        return std::nullopt;
-    return static_cast<uint16_t>(value);
-}
-
 static void command_help(const terminal_request& request)
 {
     request.answer(help_text);
@@ -87,7 +76,7 @@ static void command_quit(const terminal_request& request)
 {
     zhashx_t* clients = terminal_server_get_clients(request.gateway.terminal_server);
     if (!clients) {
-        logger_error(g_logger, "%s: null pointer to terminal clients!", __func__);
+        logger_error(g_logger, str_null_terminal_clients, __func__);
         return;
     }
     if (!request.answer("bye bye.\n") || !request.answer("")) { // an empty text closes the connection
@@ -97,7 +86,7 @@ static void command_quit(const terminal_request& request)
             cut_connection(request.client->fd, request.client->client_addr);
         return;
     }
-    const zstr_ptr id_str{zframe_strhex(request.client->id)};
+    const zstr_ptr id_str{zframe_strhex(request.client->id.get())};
     dbg_print(request.dbg_sock, DBG_TERMINAL, console, "Client %s disconnected", id_str.get());
     zhashx_delete(clients, id_str.get());
 }
@@ -111,10 +100,10 @@ struct short_mac_or_refusal {
 static short_mac_or_refusal short_mac_argument(const terminal_request& request)
 {
     if (request.words.size() < 2)
-        return {0, "MAC are missing!\n"};
+        return {0, mac_missing};
     const auto value = get_short_val_from_str(request.words[1]);
     if (!value)
-        return {0, "Incorrect MAC value!\n"};
+        return {0, incorrect_mac};
     return {*value, nullptr};
 }
 
@@ -125,17 +114,17 @@ static std::string reboot_node(const terminal_request& request)
         return refusal;
     const auto mac = find_mac_by_short(request.gateway.nodes, short_mac);
     if (!mac)
-        return text_format("Node %04X not in nodes list\n", short_mac);
+        return text_format(not_in_list, short_mac);
     auto message = make_reboot_request(*mac);
     return terminal_server_generic_req_to_win_serwer(request.gateway.terminal_server, message.data(),
                                                      message.size())
-               ? "Command sent successfully!\n"
-               : "Failed to send command!\n";
+               ? sent
+               : not_sent;
 }
 
 static void command_reboot(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id, request.sock};
+    terminal_reply reply{request.client->id.get(), request.sock};
     if (reply)
         reply.send(reboot_node(request));
 }
@@ -146,13 +135,13 @@ static std::string delete_node(const terminal_request& request)
     if (refusal)
         return refusal;
     if (!delete_node_by_short_mac(request.gateway.nodes, short_mac))
-        return text_format("Node %04X not in nodes list\n", short_mac);
+        return text_format(not_in_list, short_mac);
     return "Command completed successfully!\n";
 }
 
 static void command_del(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id, request.sock};
+    terminal_reply reply{request.client->id.get(), request.sock};
     if (reply)
         reply.send(delete_node(request));
 }
@@ -222,36 +211,40 @@ static void command_subm(const terminal_request& request)
     request.answer("unsubscribed * ok.\n");
 }
 
+static void keep_pattern(TERMINAL_CLIENT_t& client, const char* pattern)
+try {
+    client.grep_string = pattern;
+} catch (const std::bad_alloc&) {
+    client.grep_string.reset();
+    logger_error(g_logger, str_out_of_memory, "command_grep");
+}
+
 // A pattern that cannot be used takes the old filter away, but the old pattern's text stays and is
 // shown: operators' scripts know it so.
 static void set_filter(const terminal_request& request, const char* pattern)
 {
     TERMINAL_CLIENT_t& client = *request.client;
-    terminal_client_clear_filter(client);
+    client.preg.reset(); // before the next is compiled: memory may be short
     client.preg = compile_filter(pattern);
     if (!client.preg) {
         request.answer(text_format("GREP: cannot set regexp:  %s\n", zmq_strerror(errno)));
         return;
     }
-    std::free(client.grep_string);
-    client.grep_string = strdup(pattern);
-    if (!client.grep_string)
-        logger_error(g_logger, str_out_of_memory, "command_grep");
+    keep_pattern(client, pattern);
 }
 
 static void command_grep(const terminal_request& request)
 {
     if (request.words.size() >= 2)
         set_filter(request, request.words[1]);
-    const char* pattern = request.client->grep_string;
-    request.answer(text_format("GREP: %s\n", pattern ? pattern : no_pattern));
+    const auto& pattern = request.client->grep_string;
+    request.answer(text_format("GREP: %s\n", pattern ? pattern->c_str() : no_pattern));
 }
 
 static void command_grepm(const terminal_request& request)
 {
-    terminal_client_clear_filter(*request.client);
-    std::free(request.client->grep_string);
-    request.client->grep_string = nullptr;
+    request.client->preg.reset();
+    request.client->grep_string.reset();
     request.answer(text_format("GREP: %s\n", no_pattern));
 }
 

@@ -15,10 +15,10 @@
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
 #include "wire/messaging.h"
+#include "terminal/texts.h"
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <set>
@@ -28,57 +28,51 @@
 namespace rtls {
 
 struct TERMINAL_SERVER_t {
-    zactor_t* actor = nullptr;        // owner's thread; null until terminal_server_run
+    zactor_ptr actor;                 // owner's thread; null until terminal_server_run
     in_port_t port = 0;               // host order
-    zhashx_t* clients = nullptr;      // owned TERMINAL_CLIENT_t by identity (upper-case hex)
+    zhashx_ptr clients;               // owned TERMINAL_CLIENT_t by identity (upper-case hex)
     services* rtls_gateway = nullptr; // what the gateway hands out
     std::atomic<bool> ready{false};   // set once by the actor, polled by the owner
-    zsock_t* terminal_sock = nullptr; // the actor's, like all that follows
-    zsock_t* dbg_server_sock = nullptr;
-    zsock_t* dbg_client_sock = nullptr;
-    zsock_t* winserv_client_sock = nullptr;
-    zloop_t* actor_loop = nullptr;
+    zsock_ptr terminal_sock;          // the actor's, like all that follows
+    zsock_ptr dbg_server_sock;
+    zsock_ptr dbg_client_sock;
+    zsock_ptr winserv_client_sock;
+    zloop_ptr actor_loop;
 
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
 };
 
-namespace {
+static constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
+static constexpr char actor_name[] = "terminal_server_actor";
 
-constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
-constexpr char actor_name[] = "terminal_server_actor";
-constexpr char console[] = "CONS"; // channel of our lines in the debug stream
-
-} // namespace
+// --- the operators' port
 
 // Asks the system who is at the other end of a new connection, and says so in the debug stream.
-static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t* client, int fd,
+static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t& client, int fd,
                               const char* id_str)
 {
-    if (!read_peer_address(fd, client->client_addr)) {
-        dbg_print(server->dbg_client_sock, DBG_TERMINAL, console,
+    if (!read_peer_address(fd, client.client_addr)) {
+        dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console,
                   "(E) Cannot get IP address for terminal client [%s]", id_str);
         return;
     }
-    client->fd = fd;
-    dbg_print(server->dbg_client_sock, DBG_TERMINAL, console, "new terminal client [%s] IP %s:%d", id_str,
-              ipv4_text{client->client_addr}.c_str(), ntohs(client->client_addr.sin_port));
+    client.fd = fd;
+    dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "new terminal client [%s] IP %s:%d",
+              id_str, ipv4_text{client.client_addr}.c_str(), ntohs(client.client_addr.sin_port));
 }
 
 static void add_client(TERMINAL_SERVER_t* server, zframe_ptr id, int fd, const char* id_str)
 {
-    auto* client = static_cast<TERMINAL_CLIENT_t*>(std::calloc(1, sizeof(TERMINAL_CLIENT_t)));
+    std::unique_ptr<TERMINAL_CLIENT_t> client{new (std::nothrow) TERMINAL_CLIENT_t};
     if (!client) {
         logger_error(g_logger, str_out_of_memory, "handle_terminal_clients");
         return;
     }
-    client->id = id.release();
-    client->fd = -1;
-    note_peer_address(server, client, fd, id_str);
-    if (zhashx_insert(server->clients, id_str, client) != 0) {
-        void* item = client;
-        terminal_client_item_destructor(&item);
-    }
+    client->id = std::move(id);
+    note_peer_address(server, *client, fd, id_str);
+    if (zhashx_insert(server->clients.get(), id_str, client.get()) == 0)
+        (void)client.release(); // the table's now
 }
 
 // Deletes the record of a client that sent "nothing", which is the mark of a disconnect. A chunk that
@@ -86,8 +80,8 @@ static void add_client(TERMINAL_SERVER_t* server, zframe_ptr id, int fd, const c
 // its real disconnect must not be taken for somebody new.
 static void forget_client(TERMINAL_SERVER_t* server, const char* id_str, bool is_connected)
 {
-    dbg_print(server->dbg_client_sock, DBG_TERMINAL, console, "DELETING %s\n", id_str);
-    zhashx_delete(server->clients, id_str);
+    dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "DELETING %s\n", id_str);
+    zhashx_delete(server->clients.get(), id_str);
     if (is_connected)
         server->forgotten_ids.emplace(id_str);
 }
@@ -101,9 +95,9 @@ static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, mess
         logger_error(g_logger, str_out_of_memory, "handle_terminal_clients");
         return;
     }
-    dbg_print(server->dbg_client_sock, DBG_TERMINAL, console, "rcvd ID [%zu] %s", identity.size(),
+    dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "rcvd ID [%zu] %s", identity.size(),
               id_str.get());
-    auto* client = static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients, id_str.get()));
+    auto* client = static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), id_str.get()));
     if (!client) {
         const bool was_forgotten = server->forgotten_ids.erase(id_str.get()) != 0;
         if (!was_forgotten || chunk.size() != 0)
@@ -114,8 +108,8 @@ static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, mess
     if (text.empty() || text.front() == '\0')
         forget_client(server, id_str.get(), !text.empty());
     else
-        terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock, text.data(),
-                                server->dbg_client_sock);
+        terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
+                                server->dbg_client_sock.get());
 }
 
 static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
@@ -135,9 +129,12 @@ static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_s
     return 0;
 }
 
+// --- the debug stream
+
 static bool wants_line(const TERMINAL_CLIENT_t& client, const char* line) noexcept
 {
-    return client.subscribed && (!client.preg || regexec(client.preg, line, 0, nullptr, 0) != REG_NOMATCH);
+    return client.subscribed &&
+           (!client.preg || regexec(client.preg.get(), line, 0, nullptr, 0) != REG_NOMATCH);
 }
 
 // Gives one line of the debug stream (at most 2047 bytes, so a filter has little to chew) to those who
@@ -152,37 +149,40 @@ static int handle_dbg_message(zloop_t* /*loop*/, zsock_t* reader, void* p_server
     const zstr_ptr line{text};
     if (!*text)
         return 0; // an empty text would close the subscribers' connections
-    for (void* item = zhashx_first(server->clients); item; item = zhashx_next(server->clients)) {
+    zhashx_t* clients = server->clients.get();
+    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
         const auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
         if (wants_line(*client, line.get()))
-            terminal_send(client->id, server->terminal_sock, line.get());
+            terminal_send(client->id.get(), server->terminal_sock.get(), line.get());
     }
     return 0;
 }
+
+// --- the actor
 
 // The end of this actor is the end of the daemon: the main thread watches the interrupt flag.
 static void destroy_actor_context(TERMINAL_SERVER_t* server) noexcept
 {
     request_stop();
-    zloop_destroy(&server->actor_loop);
-    zsock_destroy(&server->terminal_sock);
-    zsock_destroy(&server->dbg_server_sock);
-    zsock_destroy(&server->dbg_client_sock);
-    zsock_destroy(&server->winserv_client_sock);
+    server->actor_loop.reset();
+    server->terminal_sock.reset();
+    server->dbg_server_sock.reset();
+    server->dbg_client_sock.reset();
+    server->winserv_client_sock.reset();
 }
 
 // A socket bound to (bind) or connected with (connect) an endpoint; or null, logged.
-static zsock_t* open_socket(int type, int (*attach)(zsock_t*, const char*, ...), const char* attach_name,
-                            const std::string& endpoint)
+static zsock_ptr open_socket(int type, int (*attach)(zsock_t*, const char*, ...), const char* attach_name,
+                             const std::string& endpoint)
 {
-    zsock_t* sock = zsock_new(type);
+    zsock_ptr sock{zsock_new(type)};
     if (!sock) {
         log_call_error(actor_name, "zsock_new");
         return nullptr;
     }
-    if (attach(sock, "%s", endpoint.c_str()) < 0) { // a bind to TCP answers with the port
+    if (attach(sock.get(), "%s", endpoint.c_str()) < 0) { // a bind to TCP answers with the port
         log_call_error(actor_name, attach_name);
-        zsock_destroy(&sock);
+        return nullptr;
     }
     return sock;
 }
@@ -193,7 +193,7 @@ static bool open_sockets(TERMINAL_SERVER_t* server)
     server->dbg_server_sock = open_socket(ZMQ_PULL, zsock_bind, "zsock_bind", debug_stream_endpoint);
     if (!server->dbg_server_sock)
         return false;
-    zsock_set_rcvtimeo(server->dbg_server_sock, socket_timeout_ms);
+    zsock_set_rcvtimeo(server->dbg_server_sock.get(), socket_timeout_ms);
 
     server->dbg_client_sock = open_socket(ZMQ_PUSH, zsock_connect, "zsock_connect", debug_stream_endpoint);
     if (!server->dbg_client_sock)
@@ -208,13 +208,13 @@ static bool open_sockets(TERMINAL_SERVER_t* server)
         open_socket(ZMQ_STREAM, zsock_bind, "zsock_bind", "tcp://*:" + std::to_string(server->port));
     if (!server->terminal_sock)
         return false;
-    zsock_set_sndtimeo(server->terminal_sock, socket_timeout_ms);
+    zsock_set_sndtimeo(server->terminal_sock.get(), socket_timeout_ms);
     return true;
 }
 
 static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
 {
-    server->actor_loop = zloop_new();
+    server->actor_loop.reset(zloop_new());
     if (!server->actor_loop) {
         log_call_error(actor_name, "zloop_new");
         return false;
@@ -223,12 +223,12 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
         zsock_t* sock;
         zloop_reader_fn* handler;
     } readers[] = {
-        {server->terminal_sock, handle_terminal_clients},
-        {server->dbg_server_sock, handle_dbg_message},
+        {server->terminal_sock.get(), handle_terminal_clients},
+        {server->dbg_server_sock.get(), handle_dbg_message},
         {pipe, zloop_end_event},
     };
     for (const auto& r : readers)
-        if (zloop_reader(server->actor_loop, r.sock, r.handler, server) != 0) {
+        if (zloop_reader(server->actor_loop.get(), r.sock, r.handler, server) != 0) {
             log_call_error(actor_name, "zloop_reader");
             return false;
         }
@@ -249,11 +249,13 @@ static void terminal_server_actor(zsock_t* pipe, void* p_terminal_server) noexce
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
     if (open_sockets(server) && create_loop(server, pipe)) {
         server->ready = true;
-        zloop_start(server->actor_loop);
+        zloop_start(server->actor_loop.get());
         logger_info(g_logger, "terminal actor_loop Ending");
     }
     destroy_actor_context(server);
 }
+
+// --- by handle
 
 void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
 {
@@ -268,12 +270,12 @@ void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
     server->rtls_gateway = static_cast<services*>(p_rtls_gateway);
     if (!config_value_uint16_t_get(config, "ports/terminal", &server->port))
         return nullptr;
-    server->clients = zhashx_new();
+    server->clients.reset(zhashx_new());
     if (!server->clients) {
         log_call_error(__func__, "zhashx_new");
         return nullptr;
     }
-    zhashx_set_destructor(server->clients, terminal_client_item_destructor);
+    zhashx_set_destructor(server->clients.get(), terminal_client_item_destructor);
     return owner.release();
 }
 
@@ -287,7 +289,7 @@ bool terminal_server_run(void* p_terminal_server)
                      zmq_strerror(errno));
         return false;
     }
-    server->actor = zactor_new(terminal_server_actor, server);
+    server->actor.reset(zactor_new(terminal_server_actor, server));
     if (!server->actor) {
         log_call_error(__func__, "zactor_new");
         return false;
@@ -302,8 +304,7 @@ void terminal_server_destroy(void** pp_terminal_server)
     auto* server = static_cast<TERMINAL_SERVER_t*>(*pp_terminal_server);
     if (!server)
         return;
-    zactor_destroy(&server->actor);
-    zhashx_destroy(&server->clients);
+    server->actor.reset(); // first: its thread uses all the rest
     delete server;
     *pp_terminal_server = nullptr;
 }
@@ -312,7 +313,7 @@ zhashx_t* terminal_server_get_clients(void* p_terminal_server)
 {
     if (any_null(__func__, p_terminal_server))
         return nullptr;
-    return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->clients;
+    return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->clients.get();
 }
 
 bool terminal_server_is_ready(void* p_terminal_server)
@@ -336,7 +337,7 @@ static bool send_request_frame(zframe_ptr frame, zsock_t* sock, int flags)
 bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t* data, size_t data_size)
 {
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
-    zsock_t* sock = server ? server->winserv_client_sock : nullptr; // null, too, while no actor runs
+    zsock_t* sock = server ? server->winserv_client_sock.get() : nullptr; // null, too, while no actor runs
     if (any_null(__func__, sock, data))
         return false;
     constexpr int32_t command = WINSERW_SOCK_CMD_GENERIC_REQ; // host order: it stays in the process

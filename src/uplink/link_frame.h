@@ -1,7 +1,11 @@
 // link_frame - what is known of the one frame from a WIN client that is being processed.
 //
-// Private to the processing of messages from WIN clients. The frame stands in the client's
-// pending_data, which is ours until the decoder begins the next one: handlers convert it in place.
+// Private to the processing of messages from WIN clients.
+// Ownership  Borrows all it refers to. The frame stands in the client's pending_data, which is ours until the
+//            decoder begins the next one: handlers convert it in place.
+// Threads    WIN server thread; lives as long as one call of process_data_from_win_client. No lock of its
+//            own; nothing waits.
+// Bytes      msg as it came in, but for its type, whose flag bits are cleared.
 #pragma once
 
 #include "base/bytes.h"
@@ -32,14 +36,17 @@ struct link_frame {
     bool change_route = true;      // move the node's route to this client
     std::array<uint8_t, gwMsgAck_t::size> ack{};
 
+    // The message's own, in place.
     uint8_t* seq_no() { return &msg[msgGeneric_t::seqNo]; }
 
+    // When the node was heard: the time of reception.
     timeval activity() const
     {
         return {.tv_sec = static_cast<time_t>(input_time.seconds),
                 .tv_usec = static_cast<suseconds_t>(input_time.milliseconds) * 1000};
     }
 
+    // Addresses the ack, if one is asked for. `ip_addr`: 16 bytes.
     void acknowledge_to(const uint8_t* ip_addr)
     {
         if (!ack_requested)
@@ -48,15 +55,12 @@ struct link_frame {
         store_bytes(ack, gwMsgAck_t::ipaddr, {ip_addr, ip_addr_size});
     }
 
+    // Hands a report on, stamped with the time of its generation.
     void to_msg_handler(bytes_view data)
     {
         data_to_msg_handler(&server, data.data(), data.size(), static_cast<uint32_t>(generation_time.seconds),
                             static_cast<uint16_t>(generation_time.milliseconds));
     }
 };
-
-// Handlers of messages with a payload of their own length. False refuses the frame: no ack is sent.
-bool handle_generic_server_req(link_frame& frame);
-bool handle_sensor_report(link_frame& frame);
 
 } // namespace rtls

@@ -5,20 +5,21 @@
 #include "link/rpl_version.h"
 #include "link/sending.h"
 #include "uplink/link_frame.h"
+#include "uplink/payloads.h"
 
 #include <cstring>
 
 namespace rtls {
 
-constexpr uint16_t node_lifetime = 300; // seconds; a heartbeat names its own
+static constexpr uint16_t node_lifetime = 300; // seconds; a heartbeat names its own
 
 // The smallest frame with a timestamp envelope, and the smallest 15.4 envelope.
-constexpr size_t wrap_ts_minimum = 17;
-constexpr size_t nwk_data_minimum = 30;
+static constexpr size_t wrap_ts_minimum = 17;
+static constexpr size_t nwk_data_minimum = 30;
 
 // The types that may be dispatched; the envelopes and the ping are not among them.
-constexpr uint16_t first_dispatched_type = MSG_PANID_REQ;
-constexpr uint16_t last_dispatched_type = MSG_SENSOR_IND_NEW;
+static constexpr uint16_t first_dispatched_type = MSG_PANID_REQ;
+static constexpr uint16_t last_dispatched_type = MSG_SENSOR_IND_NEW;
 
 // --- what several handlers do
 
@@ -93,6 +94,8 @@ static bool handle_announce_root(link_frame& frame)
     return true;
 }
 
+namespace {
+
 // The numbers of a heartbeat in host order.
 struct heartbeat_numbers {
     uint32_t sw_version;
@@ -100,6 +103,8 @@ struct heartbeat_numbers {
     int32_t pos_Y;
     int32_t pos_Z;
 };
+
+} // namespace
 
 static heartbeat_numbers read_heartbeat(bytes_view msg)
 {
@@ -183,6 +188,8 @@ static bool handle_heartbeat(link_frame& frame)
 
 // --- dispatch
 
+namespace {
+
 struct link_message {
     uint16_t type;
     // Of frame.msg, exactly. A forwarded message brings its envelope's trailer of 24 bytes along: so a
@@ -191,8 +198,10 @@ struct link_message {
     bool (*handle)(link_frame&);
 };
 
-constexpr size_t checked_by_handler = 0;
-constexpr link_message link_messages[] = {
+} // namespace
+
+static constexpr size_t checked_by_handler = 0;
+static constexpr link_message link_messages[] = {
     {MSG_PANID_REQ, gwMsgPrefixRequest_t::size, handle_panid_req},
     {MSG_ANNOUNCE_ROOT_IND, gwMsgRootAnnounce_t::size, handle_announce_root},
     {MSG_HEARTBEAT_IND, gwMsgHeartbeat_t::size, handle_heartbeat},
@@ -201,6 +210,8 @@ constexpr link_message link_messages[] = {
     {MSG_SENSOR_IND_NEW, checked_by_handler, handle_sensor_report},
 };
 
+// Hands the message to the handler of its type. False refuses the frame: its size is not the type's, or the
+// handler says so.
 static bool dispatch(link_frame& frame)
 {
     for (const auto& m : link_messages)

@@ -2,7 +2,9 @@
 // back.
 //
 // Threads    WIN server thread. The registry is shared: its lock is held for look-up and update only,
-//            and what is printed, sent or handed on afterwards has been copied out.
+//            and what is printed, sent or handed on afterwards has been copied out. Nothing waits.
+// Bytes      Little-endian as they come, big-endian as they go on (wire/messaging.h says what differs).
+// Failures   A frame that is refused is dropped without an ack; a null argument is logged.
 #pragma once
 
 #include "link/win_server_private.h"

@@ -1,11 +1,8 @@
-// Generic server requests and sensor reports: messages with a payload of their own length.
-//
-// Their length is a 16-bit quantity, header included, and wraps for the largest payload lengths. Such
-// a frame may pass the size checks with far fewer bytes than it promises, so whoever reads the payload
-// asks first whether the bytes are there.
+#include "uplink/payloads.h"
+
 #include "base/logger.h"
 #include "downlink/page_serving.h"
-#include "uplink/link_frame.h"
+#include "uplink/upstream.h"
 #include "wire/report_texts.h"
 
 #include <arpa/inet.h>
@@ -17,9 +14,9 @@
 
 namespace rtls {
 
-constexpr size_t copy_limit = 1050;             // bytes of a generic request's copy
-constexpr uint16_t generic_length_limit = 1043; // first length that is refused
-constexpr uint16_t sensor_length_limit = 293;
+static constexpr size_t copy_limit = 1050;             // bytes of a generic request's copy
+static constexpr uint16_t generic_length_limit = 1043; // first length that is refused
+static constexpr uint16_t sensor_length_limit = 293;
 static_assert(generic_length_limit - 1 + mac_size == copy_limit);
 
 namespace {
@@ -113,7 +110,11 @@ bool handle_sensor_report(link_frame& frame)
 
 // --- sub-commands of generic requests
 
+namespace {
+
 enum class outcome { done, to_servers };
+
+} // namespace
 
 static outcome answer_route_request(link_frame& frame, const payload_message& message)
 {
@@ -141,7 +142,7 @@ static outcome publish_ul_tdoa(link_frame& frame, const payload_message& message
     return published ? outcome::done : outcome::to_servers;
 }
 
-constexpr size_t range_report_entries(uint16_t total_len)
+static constexpr size_t range_report_entries(uint16_t total_len)
 {
     return (total_len - 2U) / range_report::entry_size;
 }
@@ -173,8 +174,8 @@ struct generic_sub_command {
 
 } // namespace
 
-constexpr uint16_t any_length = 0xFFFF;
-constexpr generic_sub_command sub_commands[] = {
+static constexpr uint16_t any_length = 0xFFFF;
+static constexpr generic_sub_command sub_commands[] = {
     {GENERIC_REQ_RouteRequest, route_request_minimum, any_length,
      [](uint16_t total_len) { return route_request_extent(route_requesters(total_len)); },
      answer_route_request},

@@ -12,12 +12,10 @@
 
 namespace rtls {
 
-namespace {
-
 // For a message's first part. A sender looks only every millisecond or so whether its queue has been
 // emptied; in a burst it would refuse messages that there is room for. Asking for its events makes it look.
 // Leaves errno as a full queue does when there is no room.
-bool send_first(message_part& part, void* socket, bool more = false)
+static bool send_first(message_part& part, void* socket, bool more = false)
 {
     if (part.send(socket, more))
         return true;
@@ -31,10 +29,9 @@ bool send_first(message_part& part, void* socket, bool more = false)
     return has_room && part.send(socket, more);
 }
 
-overflow_watch msg_handler_queue{"Overflow message handler queue!", "Exemption message handler queue!"};
-overflow_watch proxy_input_queue{"Overflow proxy input queue!", "Exemption proxy input queue!"};
-
-} // namespace
+static overflow_watch msg_handler_queue{"Overflow message handler queue!",
+                                        "Exemption message handler queue!"};
+static overflow_watch proxy_input_queue{"Overflow proxy input queue!", "Exemption proxy input queue!"};
 
 static void print_raw_output(WIN_SERVER_t* server, bytes_view data)
 {

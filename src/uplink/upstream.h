@@ -3,6 +3,7 @@
 //
 // Both sends are don't-wait: a server that is down or slow costs its own reports and stalls nobody.
 // Threads    WIN server thread.
+// Bytes      Reports go as they are given: big-endian. The time before them is big-endian, too.
 // Failures   A full queue is said once an episode; what it does not take is lost.
 #pragma once
 

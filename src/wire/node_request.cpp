@@ -1,42 +1,58 @@
 #include "wire/node_request.h"
 
+#include <algorithm>
+
 namespace rtls {
 
 // Set in the high byte of the wrapper's type for a node that is reached directly.
-constexpr gwCmdID_t wrapper_direct = msg_flag_direct_mask;
+static constexpr gwCmdID_t wrapper_direct = msg_flag_direct_mask;
 
-static bytes_view address_of(const NODE_t& node)
+static client_identity copy_identity(zframe_t* id)
 {
-    return {node.ip_addr, ip_addr_size};
+    client_identity copy{};
+    copy.size = static_cast<uint8_t>(std::min(zframe_size(id), copy.bytes.size()));
+    store_bytes(copy.bytes, 0, {zframe_data(id), copy.size});
+    return copy;
 }
 
-size_t node_request_direct(bytes_span out, const NODE_t& node, bytes_view message)
+node_route route_of(const NODE_t& node)
+{
+    node_route route{};
+    if (node.win_client_id)
+        route.client = copy_identity(node.win_client_id.get());
+    store_bytes(route.ip_addr, 0, {node.ip_addr, ip_addr_size});
+    route.forwarded_ip = node.forwarded_ip;
+    route.direct_mask = node.direct_mask;
+    return route;
+}
+
+size_t node_request_direct(bytes_span out, const node_route& route, bytes_view message)
 {
     store_bytes(out, 0, message);
-    store_bytes(out, message.size(), address_of(node));
+    store_bytes(out, message.size(), route.ip_addr);
     return message.size() + ip_addr_size;
 }
 
-size_t node_request_wrapped(bytes_span out, const NODE_t& node, bytes_view message, bytes_view mac)
+size_t node_request_wrapped(bytes_span out, const node_route& route, bytes_view message, bytes_view mac)
 {
-    const gwCmdID_t direct = node.direct_mask ? wrapper_direct : gwCmdID_t{0};
+    const gwCmdID_t direct = route.direct_mask ? wrapper_direct : gwCmdID_t{0};
     store_le16(out, msgHeader_t::msgType, MSG_NWK_DATA_15_4_REQ | direct);
     out[msgHeader_t::seqNo] = 0;
     // Big-endian beside a little-endian type: that is how bridges read what the gateway builds.
     store_be16(out, msgHeader_t::total_len, static_cast<uint16_t>(message.size()));
 
     size_t at = msgHeader_t::size;
-    for (const bytes_view part : {message, mac, address_of(node)}) {
+    for (const bytes_view part : {message, mac, bytes_view{route.ip_addr}}) {
         store_bytes(out, at, part);
         at += part.size();
     }
     return at;
 }
 
-size_t node_request_frame(bytes_span out, const NODE_t& node, bytes_view message, bytes_view mac)
+size_t node_request_frame(bytes_span out, const node_route& route, bytes_view message, bytes_view mac)
 {
-    return node.forwarded_ip ? node_request_wrapped(out, node, message, mac)
-                             : node_request_direct(out, node, message);
+    return route.forwarded_ip ? node_request_wrapped(out, route, message, mac)
+                              : node_request_direct(out, route, message);
 }
 
 } // namespace rtls

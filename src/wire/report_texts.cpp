@@ -8,15 +8,15 @@
 namespace rtls {
 
 // Board fields and the charge were added to the measurement later: a longer payload has them.
-constexpr uint16_t total_len_with_board = 38;
-constexpr uint16_t total_len_with_charge = 39;
+static constexpr uint16_t total_len_with_board = 38;
+static constexpr uint16_t total_len_with_charge = 39;
 
-constexpr std::string_view route_request_head = "\"route_request\":{\"reporter\":{\"mac\":\"";
-constexpr std::string_view route_requesters_head = "\"},\"requester\":[";
-constexpr std::string_view route_requester_mac = "{\"mac\":\"";
-constexpr std::string_view route_requester_lqi = "\",\"lqi\":";
-constexpr std::string_view route_request_tail = "]}";
-constexpr size_t lqi_width = 3;
+static constexpr std::string_view route_request_head = "\"route_request\":{\"reporter\":{\"mac\":\"";
+static constexpr std::string_view route_requesters_head = "\"},\"requester\":[";
+static constexpr std::string_view route_requester_mac = "{\"mac\":\"";
+static constexpr std::string_view route_requester_lqi = "\",\"lqi\":";
+static constexpr std::string_view route_request_tail = "]}";
+static constexpr size_t lqi_width = 3;
 
 namespace {
 

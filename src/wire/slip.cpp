@@ -6,18 +6,16 @@
 
 namespace rtls {
 
-namespace {
+static constexpr size_t word_size = sizeof(uint64_t);
 
-constexpr size_t word_size = sizeof(uint64_t);
-
-constexpr uint64_t in_every_byte(uint8_t value)
+static constexpr uint64_t in_every_byte(uint8_t value)
 {
     return 0x0101010101010101U * value;
 }
 
 // The top bit of each byte of `word` that is special; every other bit clear. The sums cannot carry
 // from one byte into the next, because the top bits are masked off before.
-constexpr uint64_t special_bytes(uint64_t word)
+static constexpr uint64_t special_bytes(uint64_t word)
 {
     constexpr uint64_t top_bits = in_every_byte(0x80);
     const uint64_t low_bits = word & ~top_bits;
@@ -26,7 +24,7 @@ constexpr uint64_t special_bytes(uint64_t word)
     return word & at_least_start & ~above_end & top_bits;
 }
 
-uint64_t load_word(const uint8_t* from)
+static uint64_t load_word(const uint8_t* from)
 {
     uint64_t word = 0;
     std::memcpy(&word, from, word_size);
@@ -34,7 +32,7 @@ uint64_t load_word(const uint8_t* from)
 }
 
 // Index in memory of the first byte marked in a mask that is not 0.
-size_t first_marked(uint64_t mask)
+static size_t first_marked(uint64_t mask)
 {
     const int bits =
         std::endian::native == std::endian::little ? std::countr_zero(mask) : std::countl_zero(mask);
@@ -43,15 +41,13 @@ size_t first_marked(uint64_t mask)
 
 // Writes ESC in any case and keeps it only when needed: whether a byte is special is as good as random,
 // and a mispredicted branch would cost more than the store.
-uint8_t* put_byte(uint8_t b, uint8_t* out)
+static uint8_t* put_byte(uint8_t b, uint8_t* out)
 {
     *out = slip_esc;
     out += slip_is_special(b) ? 1 : 0;
     *out = b;
     return out + 1;
 }
-
-} // namespace
 
 size_t slip_encode(bytes_view message, uint8_t* out)
 {

@@ -150,11 +150,10 @@ texts_t bridge_message_fixture::management_texts()
     return texts;
 }
 
-std::optional<NODE_t> bridge_message_fixture::node(const std::string& mac)
+const NODE_t* bridge_message_fixture::node(const std::string& mac)
 {
     const nodes_guard guard{nodes};
-    const NODE_t* found = nodes_container_find_by_mac(nodes, hex(mac).data());
-    return found ? std::optional{*found} : std::nullopt;
+    return nodes_container_find_by_mac(nodes, hex(mac).data());
 }
 
 size_t bridge_message_fixture::node_count()
@@ -169,7 +168,7 @@ std::string bridge_message_fixture::route_of(const std::string& mac)
     const NODE_t* found = nodes_container_find_by_mac(nodes, hex(mac).data());
     if (!found || !found->win_client_id)
         return "";
-    return to_hex({zframe_data(found->win_client_id), zframe_size(found->win_client_id)});
+    return to_hex({zframe_data(found->win_client_id.get()), zframe_size(found->win_client_id.get())});
 }
 
 void bridge_message_fixture::introduce(const std::string& mac, const std::string& ip)

@@ -70,8 +70,8 @@ protected:
     // Management lines, without the time of sending.
     texts_t management_texts();
 
-    // A copy of the node; its pointers are not to be followed.
-    std::optional<NODE_t> node(const std::string& mac);
+    // The node, or nullptr. No other thread knows it.
+    const NODE_t* node(const std::string& mac);
     size_t node_count();
     // The identity of the bridge that reaches the node; "" when there is none.
     std::string route_of(const std::string& mac);

@@ -12,16 +12,21 @@ namespace rtls {
 
 using bytes_t = std::vector<uint8_t>;
 
+// The digits alone, as to_hex writes them.
+inline std::string digits(std::string_view text)
+{
+    std::string without_blanks{text};
+    std::erase(without_blanks, ' ');
+    return without_blanks;
+}
+
 // Blanks between the digits are for the reader.
 inline bytes_t hex(std::string_view text)
 {
-    std::string digits;
-    for (const char c : text)
-        if (c != ' ')
-            digits += c;
+    const std::string pairs = digits(text);
     bytes_t bytes;
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        bytes.push_back(static_cast<uint8_t>(std::strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
+    for (size_t i = 0; i + 1 < pairs.size(); i += 2)
+        bytes.push_back(static_cast<uint8_t>(std::strtoul(pairs.substr(i, 2).c_str(), nullptr, 16)));
     return bytes;
 }
 

@@ -8,8 +8,6 @@
 
 namespace rtls {
 
-using zsock_ptr = std::unique_ptr<zsock_t, destroyed_by<zsock_destroy>>;
-
 // A name within this process, never the same one twice: a closed socket gives its name up some time
 // after its end.
 inline std::string new_endpoint()

@@ -49,14 +49,8 @@ TEST_F(generic_test, the_frame_takes_the_form_that_the_node_needs)
     } cases[] = {
         {"known by address", false, false, "0E08070003AABBCC" + ip},
         {"known by address, reached directly", false, true, "0E08070003AABBCC" + ip},
-        {"forwarded", true, false,
-         "0008000008"
-         "0E08070003AABBCC" +
-             mac + ip},
-        {"forwarded, reached directly", true, true,
-         "0028000008"
-         "0E08070003AABBCC" +
-             mac + ip},
+        {"forwarded", true, false, digits("0008000008 0E08070003AABBCC") + mac + ip},
+        {"forwarded, reached directly", true, true, digits("0028000008 0E08070003AABBCC") + mac + ip},
     };
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     WIN_CLIENT_t* other = add_bridge("0000000002");
@@ -104,25 +98,11 @@ TEST_F(generic_test, the_length_must_fit_the_size)
         std::string request;
         std::string then;
     } cases[] = {
-        {"one byte less",
-         "0E0807000A"
-         "001122334455667788" +
-             mac,
-         "22, expected 23"},
-        {"one byte more",
-         "0E0807000A"
-         "00112233445566778899AA" +
-             mac,
-         "24, expected 23"},
-        {"the longest length, which 16 bits cannot add to",
-         "0E0807FFFF"
-         "0000000000"
-         "0000",
+        {"one byte less", digits("0E0807000A 001122334455667788") + mac, "22, expected 23"},
+        {"one byte more", digits("0E0807000A 00112233445566778899AA") + mac, "24, expected 23"},
+        {"the longest length, which 16 bits cannot add to", digits("0E0807FFFF 0000000000 0000"),
          "12, expected 65548"},
-        {"a length that would wrap to fit",
-         "0E0807FFF8"
-         "E4000000",
-         "9, expected 65541"},
+        {"a length that would wrap to fit", digits("0E0807FFF8 E4000000"), "9, expected 65541"},
         {"little-endian", "0E08070300AABBCC" + mac, "16, expected 781"},
     };
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
@@ -147,8 +127,7 @@ TEST_F(generic_test, every_truncation_is_refused)
 
 TEST_F(generic_test, an_unknown_node_is_named)
 {
-    EXPECT_FALSE(process("0E08070000"
-                         "01AB00000000CDEF"));
+    EXPECT_FALSE(process("0E08070000 01AB00000000CDEF"));
     EXPECT_EQ(lines("parsing"), (texts{"GENERIC: INFO(GENERIC): dst CDEF",
                                        "GENERIC: ERROR(GENERIC): dst 01AB00000000CDEF not found"}));
 }

@@ -1,7 +1,9 @@
-#include "downlink/win_server_pub_sub_proxy.h"
-#include "link/win_server_private.h"
+#include "downlink/spam_filter.h"
+
 #include "registry/nodes_container.h"
+#include "support/failing_new.h"
 #include "support/hex_bytes.h"
+#include "support/log_capture.h"
 
 #include <gtest/gtest.h>
 
@@ -14,16 +16,8 @@ namespace {
 
 const std::string mac = "E400000000000001";
 const std::string other_mac = "E400000000000002";
-const std::string config_a = "0408"
-                             "05"
-                             "010204"
-                             "00000001000000020003FFFD" +
-                             mac;
-const std::string config_b = "0408"
-                             "05"
-                             "010204"
-                             "00000001000000020003FFFE" +
-                             mac;
+const std::string config_a = digits("0408 05 010204 00000001000000020003FFFD") + mac;
+const std::string config_b = digits("0408 05 010204 00000001000000020003FFFE") + mac;
 
 class spam_filter_test : public testing::Test {
 protected:
@@ -60,16 +54,8 @@ TEST_F(spam_filter_test, drops_what_repeats_within_50_ms)
     const std::string ack_2 = "100802" + mac;
     const std::string sensor = "150801" + mac;
     const std::string longer_ack = "10080100" + mac;
-    const std::string reporting_freq_6 = "0408"
-                                         "06"
-                                         "010204"
-                                         "00000001000000020003FFFD" +
-                                         mac;
-    const std::string to_other = "0408"
-                                 "05"
-                                 "010204"
-                                 "00000001000000020003FFFD" +
-                                 other_mac;
+    const std::string reporting_freq_6 = digits("0408 06 010204 00000001000000020003FFFD") + mac;
+    const std::string to_other = digits("0408 05 010204 00000001000000020003FFFD") + other_mac;
     const struct {
         const char* given;
         std::vector<step_t> steps;
@@ -125,17 +111,17 @@ TEST_F(spam_filter_test, commands_for_unknown_nodes_are_never_repeats)
 TEST_F(spam_filter_test, the_copy_grows_and_never_shrinks)
 {
     is_repeat("100801" + mac, 0);
-    EXPECT_EQ(node()->last_data_size, 3u);
-    EXPECT_EQ(node()->max_data_size, 3u);
+    EXPECT_EQ(node()->last_data.size(), 3u);
+    EXPECT_EQ(node()->last_data.capacity(), 3u);
     is_repeat(config_a, 1);
-    EXPECT_EQ(node()->last_data_size, 18u);
-    EXPECT_EQ(node()->max_data_size, 18u);
-    const uint8_t* const grown = node()->last_data;
+    EXPECT_EQ(node()->last_data.size(), 18u);
+    EXPECT_EQ(node()->last_data.capacity(), 18u);
+    const uint8_t* const grown = node()->last_data.data();
     is_repeat("100801" + mac, 2);
-    EXPECT_EQ(node()->last_data, grown);
-    EXPECT_EQ(node()->last_data_size, 3u);
-    EXPECT_EQ(node()->max_data_size, 18u);
-    EXPECT_EQ(std::memcmp(node()->last_data, hex("100801").data(), 3), 0);
+    EXPECT_EQ(node()->last_data.data(), grown);
+    EXPECT_EQ(node()->last_data.size(), 3u);
+    EXPECT_EQ(node()->last_data.capacity(), 18u);
+    EXPECT_EQ(std::memcmp(node()->last_data.data(), hex("100801").data(), 3), 0);
 }
 
 TEST_F(spam_filter_test, a_repeat_moves_the_time_but_not_the_copy)
@@ -154,7 +140,7 @@ TEST_F(spam_filter_test, inputs_too_short_for_a_command_are_left_alone)
         const uint8_t nothing = 0;
         EXPECT_FALSE(spam_filter(nodes, bytes.empty() ? &nothing : bytes.data(), size, {1, 0})) << size;
     }
-    EXPECT_EQ(node()->last_data, nullptr);
+    EXPECT_TRUE(node()->last_data.empty());
 }
 
 TEST_F(spam_filter_test, null_arguments_are_refused)
@@ -162,6 +148,20 @@ TEST_F(spam_filter_test, null_arguments_are_refused)
     const bytes_t bytes = hex(config_a);
     EXPECT_FALSE(spam_filter(nullptr, bytes.data(), bytes.size(), {1, 0}));
     EXPECT_FALSE(spam_filter(nodes, nullptr, 26, {1, 0}));
+}
+
+TEST_F(spam_filter_test, a_copy_for_which_memory_is_short_is_reported_and_the_command_passes)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    is_repeat("100801" + mac, 0);
+    const bytes_t longer = hex(config_a);
+    log_capture log;
+    fail_next_allocations(1);
+    EXPECT_FALSE(spam_filter(nodes, longer.data(), longer.size(), {1'000'000'000, 1}));
+    EXPECT_EQ(failures_left(), 0U);
+    EXPECT_EQ(log.messages("main"), std::vector<std::string>{"spam_filter: out of memory!"});
+    EXPECT_EQ(node()->last_data, hex("100801")) << "the one before stays";
 }
 
 } // namespace rtls

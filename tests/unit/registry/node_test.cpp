@@ -6,8 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 namespace rtls {
 
 using testing::ElementsAre;
@@ -15,7 +13,7 @@ using testing::IsEmpty;
 
 static NODE_t* new_node()
 {
-    return static_cast<NODE_t*>(calloc(1, sizeof(NODE_t)));
+    return new NODE_t;
 }
 
 TEST(node_destroy, takes_null)
@@ -33,9 +31,9 @@ TEST(node_destroy, frees_all_that_the_node_owns_and_leaves_null)
         for (const bool has_data : {false, true}) {
             NODE_t* node = new_node();
             if (has_client)
-                node->win_client_id = zframe_new("12345", 5);
+                node->win_client_id.reset(zframe_new("12345", 5));
             if (has_data)
-                node->last_data = static_cast<uint8_t*>(malloc(64));
+                node->last_data.resize(64);
             void* p_node = node;
             node_destroy(&p_node);
             EXPECT_EQ(p_node, nullptr);
@@ -56,10 +54,10 @@ protected:
 TEST_F(node_update_win_client, keeps_a_copy)
 {
     EXPECT_TRUE(node_update_win_client_ID(node, first.get()));
-    EXPECT_NE(node->win_client_id, first.get());
-    EXPECT_TRUE(zframe_eq(node->win_client_id, first.get()));
+    EXPECT_NE(node->win_client_id.get(), first.get());
+    EXPECT_TRUE(zframe_eq(node->win_client_id.get(), first.get()));
     first.reset();
-    EXPECT_EQ(zframe_size(node->win_client_id), 5U);
+    EXPECT_EQ(zframe_size(node->win_client_id.get()), 5U);
     EXPECT_THAT(log.messages("main"), IsEmpty());
 }
 
@@ -67,18 +65,18 @@ TEST_F(node_update_win_client, replaces_another_one)
 {
     ASSERT_TRUE(node_update_win_client_ID(node, first.get()));
     EXPECT_TRUE(node_update_win_client_ID(node, second.get()));
-    EXPECT_TRUE(zframe_eq(node->win_client_id, second.get()));
+    EXPECT_TRUE(zframe_eq(node->win_client_id.get(), second.get()));
 }
 
 TEST_F(node_update_win_client, does_not_copy_the_same_one_again)
 {
     ASSERT_TRUE(node_update_win_client_ID(node, first.get()));
-    const zframe_t* kept = node->win_client_id;
+    const zframe_t* kept = node->win_client_id.get();
     const zframe_ptr same{zframe_dup(first.get())};
     EXPECT_TRUE(node_update_win_client_ID(node, same.get()));
-    EXPECT_EQ(node->win_client_id, kept);
-    EXPECT_TRUE(node_update_win_client_ID(node, node->win_client_id));
-    EXPECT_EQ(node->win_client_id, kept);
+    EXPECT_EQ(node->win_client_id.get(), kept);
+    EXPECT_TRUE(node_update_win_client_ID(node, node->win_client_id.get()));
+    EXPECT_EQ(node->win_client_id.get(), kept);
 }
 
 TEST_F(node_update_win_client, refuses_null)
@@ -86,7 +84,7 @@ TEST_F(node_update_win_client, refuses_null)
     ASSERT_TRUE(node_update_win_client_ID(node, first.get()));
     EXPECT_FALSE(node_update_win_client_ID(nullptr, first.get()));
     EXPECT_FALSE(node_update_win_client_ID(node, nullptr));
-    EXPECT_TRUE(zframe_eq(node->win_client_id, first.get()));
+    EXPECT_TRUE(zframe_eq(node->win_client_id.get(), first.get()));
     EXPECT_THAT(log.messages("main"), ElementsAre("node_update_win_client_ID: null pointer!",
                                                   "node_update_win_client_ID: null pointer!"));
 }

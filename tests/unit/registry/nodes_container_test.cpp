@@ -108,7 +108,7 @@ TEST_F(nodes_container, a_new_node_is_all_zeros_but_its_mac)
     ASSERT_NE(node, nullptr);
     EXPECT_EQ(mac_of(*node), mac_of(0x0102030405060708));
     EXPECT_EQ(node->win_client_id, nullptr);
-    EXPECT_EQ(node->last_data, nullptr);
+    EXPECT_THAT(node->last_data, IsEmpty());
     EXPECT_THAT(node->ip_addr, Each(0));
     EXPECT_THAT(node->parent_addr, Each(0));
     for (const timeval& time : {node->last_activity, node->last_data_time}) {
@@ -116,9 +116,9 @@ TEST_F(nodes_container, a_new_node_is_all_zeros_but_its_mac)
         EXPECT_EQ(time.tv_usec, 0);
     }
     const std::vector<uint64_t> unsigned_fields = {
-        node->lifetime,       node->sw_version,      node->type,           node->ranging_freq,
-        node->reporting_freq, node->sublocation_id,  node->state,          node->forwarded_ip,
-        node->direct_mask,    node->sequence_number, node->last_data_size, node->max_data_size};
+        node->lifetime,       node->sw_version,     node->type,  node->ranging_freq,
+        node->reporting_freq, node->sublocation_id, node->state, node->forwarded_ip,
+        node->direct_mask,    node->sequence_number};
     EXPECT_THAT(unsigned_fields, Each(0U));
     EXPECT_THAT((std::array{node->pos_X, node->pos_Y, node->pos_Z}), Each(0));
 }

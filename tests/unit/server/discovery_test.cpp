@@ -121,10 +121,8 @@ TEST(discovery_answers, are_the_address_and_the_port_in_network_order)
     EXPECT_EQ(to_hex(discovery_echo_answer(address_of("192.168.1.20"), 4000)), "C0A801140FA0");
     EXPECT_EQ(to_hex(discovery_echo_answer(address_of("255.0.254.1"), 65535)), "FF00FE01FFFF");
     const std::vector<uint8_t> request{1, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
-    EXPECT_EQ(to_hex(discovery_address_answer(request, address_of("10.0.0.5"), 4000)), "01"
-                                                                                       "1122334455667788"
-                                                                                       "0A000005"
-                                                                                       "0FA0");
+    EXPECT_EQ(to_hex(discovery_address_answer(request, address_of("10.0.0.5"), 4000)),
+              digits("01 1122334455667788 0A000005 0FA0"));
 }
 
 TEST_F(discovery_test, six_bytes_of_any_content_are_answered_with_the_requesters_address)
@@ -133,8 +131,7 @@ TEST_F(discovery_test, six_bytes_of_any_content_are_answered_with_the_requesters
         {0, 0, 0, 0, 0, 0}, {1, 2, 3, 4, 5, 6}, {2, 0, 0, 0, 0, 0}, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}};
     for (const auto& request : requests) {
         send(request);
-        EXPECT_EQ(answer(), "7F000003"
-                            "0FA1");
+        EXPECT_EQ(answer(), digits("7F000003 0FA1"));
     }
     EXPECT_EQ(log.messages("discovery"), std::vector<std::string>(requests.size(), rcvd_line()));
 }
@@ -153,9 +150,7 @@ TEST_F(discovery_test, a_request_for_the_address_is_answered_with_the_one_it_was
 TEST_F(discovery_test, a_broadcast_is_answered_with_an_address_of_the_receiving_interface)
 {
     send({1, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88}, "127.255.255.255");
-    EXPECT_EQ(answer(), "011122334455667788"
-                        "7F000001"
-                        "0FA1");
+    EXPECT_EQ(answer(), digits("011122334455667788 7F000001 0FA1"));
 }
 
 TEST_F(discovery_test, every_other_size_and_command_is_refused)
@@ -202,9 +197,7 @@ TEST_F(discovery_test, other_packet_information_in_front_does_no_harm)
     ASSERT_EQ(setsockopt(server->discovery_sock_descriptor, SOL_SOCKET, SO_TIMESTAMP, &on, sizeof on), 0);
     ASSERT_EQ(setsockopt(server->discovery_sock_descriptor, IPPROTO_IP, IP_RECVTTL, &on, sizeof on), 0);
     send({1, 2, 3, 4, 5, 6, 7, 8, 9});
-    EXPECT_EQ(answer(), "010203040506070809"
-                        "7F000002"
-                        "0FA1");
+    EXPECT_EQ(answer(), digits("010203040506070809 7F000002 0FA1"));
 }
 
 TEST_F(discovery_test, without_a_server_or_a_socket_there_is_nothing_to_do)

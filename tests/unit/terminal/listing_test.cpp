@@ -166,8 +166,7 @@ TEST(client_lines, show_peers)
     client.client_addr = ipv4_address("10.1.2.3", 65535);
     EXPECT_EQ(terminal_client_line(client, false), " ip:10.1.2.3:65535 sub:0 grep:--\n");
     client.subscribed = 1;
-    char pattern[] = "100%s";
-    client.grep_string = pattern;
+    client.grep_string = "100%s";
     EXPECT_EQ(terminal_client_line(client, true), "+ip:10.1.2.3:65535 sub:1 grep:100%s\n");
     EXPECT_EQ(win_client_line(ipv4_address("10.1.2.4", 1)), " ip:10.1.2.4:1\n");
 }
@@ -175,8 +174,8 @@ TEST(client_lines, show_peers)
 TEST(client_lines, a_long_pattern_is_shown_whole)
 {
     TERMINAL_CLIENT_t client{};
-    std::string pattern(2000, 'x');
-    client.grep_string = pattern.data();
+    const std::string pattern(2000, 'x');
+    client.grep_string = pattern;
     EXPECT_EQ(terminal_client_line(client, false), " ip:0.0.0.0:0 sub:0 grep:" + pattern + "\n");
 }
 

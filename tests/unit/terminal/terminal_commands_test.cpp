@@ -79,11 +79,10 @@ protected:
 
     TERMINAL_CLIENT_t* add_operator(const char* id, const char* ip, uint16_t port)
     {
-        auto* client = static_cast<TERMINAL_CLIENT_t*>(calloc(1, sizeof(TERMINAL_CLIENT_t)));
-        client->id = zframe_from(id);
-        client->fd = -1;
+        auto* client = new TERMINAL_CLIENT_t;
+        client->id.reset(zframe_from(id));
         client->client_addr = ipv4_address(ip, port);
-        const zstr_ptr key{zframe_strhex(client->id)};
+        const zstr_ptr key{zframe_strhex(client->id.get())};
         zhashx_t* clients = rtls_gateway_get_terminal_clients(m_gateway.handle());
         if (zhashx_size(clients) == 0)
             zhashx_set_destructor(clients, terminal_client_item_destructor);
@@ -348,15 +347,15 @@ TEST_F(terminal_commands_test, grep_sets_shows_and_clears_the_filter)
     EXPECT_EQ(answers_to("grep"), strings{"GREP: -- undefined --\n"});
     EXPECT_EQ(answers_to("grep ab+c"), strings{"GREP: ab+c\n"});
     ASSERT_NE(m_client->preg, nullptr);
-    EXPECT_EQ(regexec(m_client->preg, "xabbbcx", 0, nullptr, 0), 0);
+    EXPECT_EQ(regexec(m_client->preg.get(), "xabbbcx", 0, nullptr, 0), 0);
     EXPECT_EQ(answers_to("grep"), strings{"GREP: ab+c\n"});
     EXPECT_EQ(answers_to("grep two words"), strings{"GREP: two\n"});
-    EXPECT_EQ(regexec(m_client->preg, "abc", 0, nullptr, 0), REG_NOMATCH);
+    EXPECT_EQ(regexec(m_client->preg.get(), "abc", 0, nullptr, 0), REG_NOMATCH);
     EXPECT_EQ(answers_to("sub-"), strings{"unsubscribed * ok.\n"});
     EXPECT_NE(m_client->preg, nullptr) << "the filter outlives the subscription";
     EXPECT_EQ(answers_to("grep-"), strings{"GREP: -- undefined --\n"});
     EXPECT_EQ(m_client->preg, nullptr);
-    EXPECT_EQ(m_client->grep_string, nullptr);
+    EXPECT_FALSE(m_client->grep_string);
     EXPECT_EQ(answers_to("grep-"), strings{"GREP: -- undefined --\n"});
 }
 
@@ -457,7 +456,7 @@ TEST_F(terminal_commands_test, pcl_marks_the_one_who_asks)
 {
     TERMINAL_CLIENT_t* other = add_operator("another", "10.0.0.2", 1002);
     other->subscribed = 1;
-    other->grep_string = strdup("abc");
+    other->grep_string = "abc";
     m_gateway.add_bridge("bridge", hex("0A 1B 2C 3D 4E 5F 60 71"), "10.0.0.3", 1003);
     EXPECT_THAT(answers_to("pcl"), testing::UnorderedElementsAre(
                                        "####### Terminal clients\n", "+ip:10.0.0.1:1001 sub:0 grep:--\n",

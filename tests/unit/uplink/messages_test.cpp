@@ -14,10 +14,9 @@ namespace rtls {
 using win_client_messages = bridge_message_fixture;
 
 // The heartbeat of `heartbeat()` as the servers get it.
-static const std::string heartbeat_report = "01040" // type; the sequence number follows
-                                            "10A145207E4A2A3A4A5A6A7A8B1B2B3B4B5B6B7B8"
-                                            "01020304000004D2FFFFFFFEFFFD1234"
-                                            "ABCDEF012ABCDE3F";
+static const std::string heartbeat_report =
+    digits("0104 01 0A145207 E4A2A3A4A5A6A7A8 B1B2B3B4B5B6B7B8 01020304") + // and the position,
+    digits("000004D2 FFFFFFFE FFFD1234") + digits("ABCDEF012ABCDE3F");      // the bridge
 
 static std::string seq_patched(std::string report, char seq)
 {

@@ -410,9 +410,7 @@ TEST_F(generic_server_req, ul_tdoa_data_becomes_a_management_text)
 TEST_F(generic_server_req, a_range_report_is_printed_and_goes_upstream)
 {
     introduce(sender_mac, sender_ip);
-    const bytes_t body = hex("AB CD 00 01 E2 40 00 07"
-                             "00 01 FF FF FF FF FF FF"
-                             "99 99 99");
+    const bytes_t body = hex("AB CD 00 01 E2 40 00 07 00 01 FF FF FF FF FF FF 99 99 99");
     const std::string first = "RANGE_RPT: A7A8, ABCD,     123456,     7";
     const std::string second = "RANGE_RPT: A7A8, 0001, 4294967295, 65535";
     const struct {

@@ -1,19 +1,22 @@
 #include "wire/node_request.h"
 
+#include "base/czmq_ptr.h"
 #include "base/hex.h"
 #include "support/hex_bytes.h"
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <numeric>
 #include <vector>
 
 namespace rtls {
 
 namespace {
 
-NODE_t node_with(bool forwarded_ip, bool direct_mask)
+node_route node_with(bool forwarded_ip, bool direct_mask)
 {
-    NODE_t node{};
+    node_route node{};
     for (size_t i = 0; i < ip_addr_size; ++i)
         node.ip_addr[i] = static_cast<uint8_t>(0xA0 + i);
     node.forwarded_ip = forwarded_ip;
@@ -22,7 +25,7 @@ NODE_t node_with(bool forwarded_ip, bool direct_mask)
 }
 
 // A frame built into a heap buffer that has not a byte to spare.
-std::string frame_of(const NODE_t& node, bytes_view message, bytes_view mac)
+std::string frame_of(const node_route& node, bytes_view message, bytes_view mac)
 {
     const size_t size = message.size() + ip_addr_size + (node.forwarded_ip ? 5 + mac.size() : 0);
     bytes_t out(size);
@@ -47,32 +50,39 @@ TEST(node_request, the_nodes_record_selects_the_form)
         {"known by address, reached directly: no wrapper to mark", false, true, "0E08070000",
          "1122334455667788", "0E08070000" + ip},
         {"forwarded", true, false, "0E08070003AABBCC", "1122334455667788",
-         "0008000008"
-         "0E08070003AABBCC"
-         "1122334455667788" +
-             ip},
+         digits("0008000008 0E08070003AABBCC 1122334455667788") + ip},
         {"forwarded, reached directly", true, true, "0E08070003AABBCC", "1122334455667788",
-         "0028000008"
-         "0E08070003AABBCC"
-         "1122334455667788" +
-             ip},
-        {"forwarded, no MAC", true, false, "0008070003", "",
-         "0008000005"
-         "0008070003" +
-             ip},
+         digits("0028000008 0E08070003AABBCC 1122334455667788") + ip},
+        {"forwarded, no MAC", true, false, "0008070003", "", digits("0008000005 0008070003") + ip},
         {"forwarded, reached directly, no MAC", true, true, "0008070003", "",
-         "0028000005"
-         "0008070003" +
-             ip},
+         digits("0028000005 0008070003") + ip},
         {"no message at all", true, false, "", "1122334455667788",
-         "0008000000"
-         "1122334455667788" +
-             ip},
+         digits("0008000000 1122334455667788") + ip},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
         EXPECT_EQ(frame_of(node_with(c.forwarded_ip, c.direct_mask), hex(c.message), hex(c.mac)), c.then);
     }
+}
+
+TEST(node_request, the_route_is_a_copy_of_the_nodes_record)
+{
+    const bytes_t id = hex("0012345678");
+    zframe_ptr frame{zframe_new(id.data(), id.size())};
+    for (const bool flag : {false, true}) {
+        NODE_t node{};
+        node.win_client_id = frame.get();
+        std::iota(std::begin(node.ip_addr), std::end(node.ip_addr), uint8_t{0xA0});
+        node.forwarded_ip = flag;
+        node.direct_mask = !flag;
+        const node_route route = route_of(node);
+        ASSERT_TRUE(route.client);
+        EXPECT_EQ(bytes_t(route.client->bytes.begin(), route.client->bytes.begin() + route.client->size), id);
+        EXPECT_EQ(to_hex(route.ip_addr), ip);
+        EXPECT_EQ(route.forwarded_ip, flag);
+        EXPECT_EQ(route.direct_mask, !flag);
+    }
+    EXPECT_FALSE(route_of(NODE_t{}).client);
 }
 
 TEST(node_request, the_wrapper_counts_the_message_in_network_order)

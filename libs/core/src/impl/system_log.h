@@ -42,8 +42,8 @@ public:
     system_log(const system_log&) = delete;
     system_log& operator=(const system_log&) = delete;
 
-    // Writes what is left. What cannot be written within two seconds is given up. What follows is not written.
-    // At exit() it is done for who has not.
+    // Writes what is left; what cannot be written within two seconds is given up, and what follows is not
+    // written. exit() closes what is still open.
     void close();
 
     // Debugging admits debug records and copies all lines to standard error, from the next line on.

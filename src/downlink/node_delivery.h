@@ -1,0 +1,24 @@
+// node_delivery - how a node is reached, and the handing over of what is sent to it.
+//
+// Threads    WIN server thread. find_route takes the registry's lock for a look-up and a copy; nothing is
+//            framed, printed or sent under it. Nothing waits.
+// Failures   What a bridge does not take waits in its unsent messages, and what is for a bridge that is gone
+//            is dropped. Memory that is short is logged.
+#pragma once
+
+#include "base/bytes.h"
+#include "link/win_server_private.h"
+#include "wire/node_request.h"
+
+#include <optional>
+
+namespace rtls {
+
+// How the node with this MAC (8 bytes) is reached, or nothing when there is none.
+std::optional<node_route> find_route(WIN_SERVER_t* server, bytes_view mac);
+
+// Sends a frame to the route's client. A node without one, heard of only by way of other clients, is sent
+// it through every bridge: one of them reaches it.
+void send_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view frame);
+
+} // namespace rtls

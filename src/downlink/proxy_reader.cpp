@@ -1,0 +1,57 @@
+#include "downlink/proxy_reader.h"
+
+#include "base/czmq_ptr.h"
+#include "base/hex.h"
+#include "base/logger.h"
+#include "base/null_check.h"
+#include "downlink/win_server_pub_sub_proxy.h"
+#include "wire/messaging.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace rtls {
+
+static void process_text(WIN_SERVER_t* server, const char* text)
+{
+    constexpr char function[] = "handle_pub_sub_proxy";
+    const size_t data_size = strlen(text) / 2;
+    if (data_size <= sizeof(gwCmdID_t)) {
+        logger_error(g_logger, "%s: wrong size of input data!", function);
+        return;
+    }
+    const std::unique_ptr<uint8_t[]> data{new (std::nothrow) uint8_t[data_size]};
+    if (!data) {
+        logger_error(g_logger, str_out_of_memory, function);
+        return;
+    }
+    // The decoder's one byte more than its limit cannot happen here: the text has no further pair. But it
+    // looks at what follows the last pair, and refuses the text for trailing garbage.
+    const auto limit = static_cast<ssize_t>(data_size);
+    if (string_to_uint8_arr(text, data.get(), limit) != limit) {
+        logger_error(g_logger, "%s: string_to_uint8_arr: wrong input data!", function);
+        return;
+    }
+    process_data_from_pub_sub_proxy(server, data.get(), data_size);
+}
+
+int handle_pub_sub_proxy(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
+{
+    if (any_null(__func__, reader, p_server))
+        return 0;
+    auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    // Before anything else: even a failed receive is a sign of life.
+    server->proxy_is_silent = false;
+
+    const zstr_ptr text{zstr_recv(reader)};
+    if (!text) {
+        logger_error(g_logger, "%s: zstr_recv return NULL!", __func__);
+        return 0;
+    }
+    dbg_print(server->dbg_client_sock, DBG_RAW, "PROXY_RAW_INPUT", "%s", text.get());
+    process_text(server, text.get());
+    return 0;
+}
+
+} // namespace rtls

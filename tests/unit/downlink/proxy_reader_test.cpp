@@ -1,0 +1,148 @@
+// Texts from the proxy, on their way to the dispatcher.
+#include "support/proxy_fixture.h"
+#include "support/sock.h"
+
+namespace rtls {
+
+namespace {
+
+class reader_test : public proxy_fixture {
+protected:
+    reader_test()
+    {
+        zsock_set_rcvtimeo(reader.get(), 1000);
+        zsock_set_sndhwm(proxy.get(), 10);
+        const std::string endpoint = new_endpoint();
+        EXPECT_EQ(zsock_bind(reader.get(), "%s", endpoint.c_str()), 0);
+        EXPECT_EQ(zsock_connect(proxy.get(), "%s", endpoint.c_str()), 0);
+    }
+
+    void handle(const std::string& text)
+    {
+        zstr_send(proxy.get(), text.c_str());
+        EXPECT_EQ(handle_pub_sub_proxy(nullptr, reader.get(), server), 0);
+    }
+
+    zsock_ptr reader{zsock_new(ZMQ_PULL)};
+    zsock_ptr proxy{zsock_new(ZMQ_PUSH)};
+};
+
+} // namespace
+
+TEST_F(reader_test, each_length_of_text_has_one_answer)
+{
+    for (size_t digits = 0; digits <= 64; ++digits) {
+        SCOPED_TRACE(digits);
+        handle(std::string(digits, '0'));
+        EXPECT_EQ(lines("raw"), texts{"PROXY_RAW_INPUT: " + std::string(digits, '0')});
+        texts error, printed;
+        if (digits < 6)
+            error = {"handle_pub_sub_proxy: wrong size of input data!"};
+        else if (digits < 22)
+            error = {"process_data_from_pub_sub_proxy: invalid input data!"};
+        else
+            printed = {"PROXY: Received unknown type: 0000"};
+        EXPECT_EQ(errors(), error);
+        EXPECT_EQ(lines("parsing"), printed);
+    }
+}
+
+TEST_F(reader_test, an_invalid_character_anywhere_refuses_the_text)
+{
+    const texts refused{"string_to_uint8_arr: Invalid input data: [47]",
+                        "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"};
+    for (size_t digits = 6; digits <= 27; ++digits)
+        for (size_t at = 0; at < digits; ++at) {
+            std::string text(digits, '0');
+            text[at] = 'G';
+            handle(text);
+            EXPECT_EQ(errors(), refused) << text;
+            EXPECT_EQ(lines("parsing"), texts{}) << text;
+        }
+}
+
+TEST_F(reader_test, what_trails_the_last_pair_counts_only_if_it_is_no_digit)
+{
+    WIN_CLIENT_t* bridge = add_bridge("0000000001");
+    const struct {
+        const char* trailing;
+        texts errors;
+        size_t sent;
+    } cases[] = {
+        {"", {}, 1},
+        {"A", {}, 1},
+        {"f", {}, 1},
+        {"\n",
+         {"string_to_uint8_arr: Invalid input data: [0A]",
+          "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"},
+         0},
+        {" ",
+         {"string_to_uint8_arr: Invalid input data: [20]",
+          "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"},
+         0},
+        {"\r\n",
+         {"string_to_uint8_arr: Invalid input data: [0D]",
+          "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"},
+         0},
+        {"\xC3",
+         {"string_to_uint8_arr: Invalid input data: [FFFFFFC3]",
+          "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"},
+         0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(hex_of(c.trailing));
+        fresh_node({bridge, false, false});
+        handle(digits("0810 01") + mac + c.trailing);
+        EXPECT_EQ(errors(), c.errors);
+        EXPECT_EQ(sent_to(bridge), texts(c.sent, digits("1008 01") + ip));
+    }
+}
+
+TEST_F(reader_test, lower_case_digits_are_digits)
+{
+    WIN_CLIENT_t* bridge = add_bridge("0000000001");
+    add_node(mac, {bridge, false, false});
+    handle("0810abe4000000000000a1");
+    EXPECT_EQ(sent_to(bridge), texts{"1008AB" + ip});
+}
+
+TEST_F(reader_test, a_text_is_never_a_format)
+{
+    handle("100%s%n");
+    EXPECT_EQ(lines("raw"), texts{"PROXY_RAW_INPUT: 100%s%n"});
+    EXPECT_EQ(errors(), (texts{"string_to_uint8_arr: Invalid input data: [25]",
+                               "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"}));
+}
+
+TEST_F(reader_test, a_huge_text_is_refused_by_its_type)
+{
+    handle("0804" + std::string(size_t{8} * 1024 * 1024, '0'));
+    EXPECT_EQ(errors(), texts{"process_data_from_pub_sub_proxy (MSG_CONF_NODE_REQ): wrong size 4194306"});
+}
+
+TEST_F(reader_test, every_message_is_a_sign_of_life)
+{
+    for (const char* text : {"", "00", "0810", "0810010000000000000000"}) {
+        server->proxy_is_silent = true;
+        handle(text);
+        EXPECT_FALSE(server->proxy_is_silent) << text;
+    }
+}
+
+TEST_F(reader_test, a_failed_receive_is_reported_and_is_a_sign_of_life_too)
+{
+    zsock_set_rcvtimeo(reader.get(), 0);
+    server->proxy_is_silent = true;
+    EXPECT_EQ(handle_pub_sub_proxy(nullptr, reader.get(), server), 0);
+    EXPECT_FALSE(server->proxy_is_silent);
+    EXPECT_EQ(errors(), texts{"handle_pub_sub_proxy: zstr_recv return NULL!"});
+}
+
+TEST_F(reader_test, null_arguments_are_refused)
+{
+    EXPECT_EQ(handle_pub_sub_proxy(nullptr, nullptr, server), 0);
+    EXPECT_EQ(handle_pub_sub_proxy(nullptr, reader.get(), nullptr), 0);
+    EXPECT_EQ(errors(), texts(2, "handle_pub_sub_proxy: null pointer!"));
+}
+
+} // namespace rtls
