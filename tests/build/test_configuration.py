@@ -1,4 +1,5 @@
 """What the build does with its options, seen in trees of its own that are configured for it."""
+import json
 import pathlib
 
 import pytest
@@ -49,6 +50,14 @@ def test_as_part_of_another_project_it_is_the_daemon_alone(tmp_path):
     assert {option: cache[option] for option in ALONE} == dict.fromkeys(ALONE, "OFF")
     assert_has_the_daemon_alone(tmp_path / "build", cache)
     assert not cache["CMAKE_BUILD_TYPE"], "that is for the other project to say"
+
+
+def test_every_source_is_built(build):
+    compiled = {entry["file"] for entry in json.loads((build.folder / "compile_commands.json").read_text())}
+    folders = ["src", "libs/core/src", "tests/unit", "tests/support", "tools"]
+    sources = {str(path) for folder in folders for path in (ROOT / folder).rglob("*.cpp")}
+    assert len(sources) > 100
+    assert sources - compiled == set()
 
 
 @pytest.mark.slow
