@@ -54,8 +54,9 @@ struct watched_calls {
 
     std::atomic<int> failing_connects = 0;
     std::atomic<unsigned> sleeps = 0;
-    std::atomic<const char*> held_endpoint = nullptr;  // whose bind waits until this is null
-    std::atomic<void (*)()> before_deletion = nullptr; // of a client from the table
+    std::atomic<const char*> held_endpoint = nullptr;   // whose bind waits until this is null
+    std::atomic<std::promise<void>*> sending = nullptr; // told once, then null
+    std::atomic<void (*)()> before_deletion = nullptr;  // of a client from the table
 };
 
 watched_calls& calls()
@@ -131,6 +132,13 @@ int zmq_connect(void* socket, const char* endpoint)
         return -1;
     }
     return real<decltype(zmq_connect)>("zmq_connect")(socket, endpoint);
+}
+
+int zmq_sendmsg(void* socket, zmq_msg_t* message, int flags)
+{
+    if (auto* sending = calls().sending.exchange(nullptr))
+        sending->set_value();
+    return real<decltype(zmq_sendmsg)>("zmq_sendmsg")(socket, message, flags);
 }
 
 int zloop_timer(zloop_t* loop, size_t delay, size_t times, zloop_timer_fn handler, void* argument)
@@ -345,6 +353,25 @@ TEST_F(wiring, a_proxy_that_cannot_be_connected_again_ends_the_gateway)
                                                   std::to_string(EMTHREAD) + ", " + zmq_strerror(EMTHREAD)));
     EXPECT_TRUE(is_stop_requested());
     zsock_destroy(&server.proxy_sock);
+}
+
+// A bridge that is slow, but not known to be stalled, gets what waits for it before its connection ends.
+TEST_F(wiring, a_bridge_whose_queue_is_full_is_given_time_to_read_before_it_is_closed)
+{
+    const win_link link{10};
+    auto [peer, client] = link.connect(4096);
+    const std::string sent = link.fill(*client);
+    zsock_set_sndtimeo(link.server().win_sock, static_cast<int>(patience.count()));
+    std::promise<void> closing;
+    calls().sending = &closing;
+    auto received = std::async(std::launch::async, [&, &peer = peer] {
+        closing.get_future().wait(); // it begins to read when the gateway has begun to wait
+        return peer.receive(sent.size());
+    });
+    delete_win_client(&link.server(), client->id);
+    EXPECT_EQ(link.clients(), 0U);
+    EXPECT_EQ(received.get().size(), sent.size());
+    EXPECT_TRUE(link.pump_until([&, &peer = peer] { return peer.is_closed(std::chrono::milliseconds(1)); }));
 }
 
 // --- the table of bridges, which another thread copies
