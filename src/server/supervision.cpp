@@ -25,7 +25,8 @@ static bool is_wanted(NODES_CONTAINER_t& nodes, const WIN_CLIENT_t& client)
 {
     const nodes_guard guard{nodes};
     const NODE_t* node = nodes.find_by_mac(client.mac_addr);
-    return node && node->lifetime != 0 && node->win_client_id && zframe_eq(node->win_client_id.get(), client.id);
+    return node && node->lifetime != 0 && node->win_client_id &&
+           zframe_eq(node->win_client_id.get(), client.id);
 }
 
 // Counts one tick of one client. True when its grace is over.

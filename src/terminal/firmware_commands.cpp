@@ -3,8 +3,8 @@
 #include "terminal/request.h"
 #include "terminal/short_mac.h"
 #include "terminal/terminal_server.h"
-#include "wire/node_commands.h"
 #include "terminal/texts.h"
+#include "wire/node_commands.h"
 
 #include <cstring>
 #include <optional>

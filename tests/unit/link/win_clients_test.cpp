@@ -40,7 +40,8 @@ public:
     void feed(bytes_view bytes)
     {
         const auto keep = [](void* kept, WIN_CLIENT_t& c) {
-            static_cast<frames_t*>(kept)->emplace_back(c.pending_data.get(), c.pending_data + c.pending_data_size);
+            static_cast<frames_t*>(kept)->emplace_back(c.pending_data.get(),
+                                                       c.pending_data + c.pending_data_size);
         };
         win_client_decode(*client, bytes, keep, &frames);
     }
