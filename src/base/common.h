@@ -46,7 +46,7 @@ tav_timestamp_t get_current_time(void);
 // Logs "<channel>: <message>" to the section's logger and, when the section is enabled, pushes the
 // coloured line to the debug stream. Never blocks: a full stream drops the line, and its overflow is
 // reported once per episode.
-// dbg_sock  the calling thread's own PUSH socket on "inproc://dbg_dump"
+// dbg_sock  the calling thread's own PUSH socket on debug_stream_endpoint
 // channel   short label of the source, such as "CONS" or "SLIP"
 void dbg_print(zsock_t* dbg_sock, dbg_section_t section, const char* channel, const char* format, ...)
     __attribute__((format(printf, 4, 5)));

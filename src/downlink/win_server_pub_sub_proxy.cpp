@@ -63,7 +63,7 @@ static void ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
     dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_OTA_UPLOAD_FW mgd: %08X crc: %08X url: %s", git_ver, crc32,
               url.get());
 
-    const int index = server->ota()->download_firmware(url.get(), &crc32, &git_ver);
+    const int index = ota_download_firmware(server->ota(), url.get(), &crc32, &git_ver);
     if (index == -1)
         dbg_print(dbg, DBG_PARSING, "PROXY", "Failed to read firmware!");
     else

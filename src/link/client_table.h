@@ -29,7 +29,8 @@ public:
     client_table(const client_table&) = delete;
     client_table& operator=(const client_table&) = delete;
 
-    bool is_made() const { return m_records != nullptr; } // false when memory was short
+    // False when memory was short.
+    bool is_made() const RTLS_NO_THREAD_SAFETY_ANALYSIS { return m_records != nullptr; }
 
     // The client with this identity (upper-case hex), or nullptr.
     WIN_CLIENT_t* find(const char* key) noexcept;
@@ -58,14 +59,14 @@ public:
     // The table itself, for who must have it and knows that nobody else is there.
     zhashx_t* unguarded() RTLS_NO_THREAD_SAFETY_ANALYSIS { return m_records.get(); }
 
-    // The lock itself.
+    // The lock itself, for tests of who takes it.
     annotated_mutex& mutex() RTLS_RETURNS_LOCK(m_mutex) { return m_mutex; }
 
 private:
     void collect() noexcept;
 
     annotated_mutex m_mutex;
-    zhashx_ptr m_records;
+    zhashx_ptr m_records RTLS_GUARDED_BY(m_mutex);
     // The walk's own list; has room for all records, so that a walk needs no memory.
     std::vector<WIN_CLIENT_t*> m_walk;
 };

@@ -123,6 +123,7 @@ static bool send_front(WIN_SERVER_t& server, WIN_CLIENT_t& client)
     message_part data{client.unsent_messages.front()};
     message_part id{bytes_view{zframe_data(client.id), zframe_size(client.id)}};
     void* socket = zsock_resolve(server.win_sock);
+    // Neither part waits: a socket that took the identity has room for what belongs to it.
     return data.is_made() && id.is_made() && id.send(socket, true) && data.send(socket);
 }
 

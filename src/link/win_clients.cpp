@@ -1,4 +1,3 @@
-// win_clients - see win_clients.h.
 #include "link/win_clients.h"
 
 #include "base/common.h"

@@ -1,4 +1,5 @@
-// win_server_private - the WIN server's record.
+// win_server_private - the WIN server's record. It belongs to the server, and stands here because the link,
+// what goes down and what comes up all work on it; "private" to the layers of the WIN server's thread.
 //
 // Threads    All of it belongs to the actor's thread, except where a field says otherwise.
 #pragma once

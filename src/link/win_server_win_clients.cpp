@@ -1,4 +1,3 @@
-// win_server_win_clients - see the header.
 #include "link/win_server_win_clients.h"
 
 #include "base/czmq_ptr.h"

@@ -18,7 +18,7 @@
 namespace rtls {
 
 // One node. Owned by the nodes container; borrowed under its lock.
-// ip_addr and forwarded_ip change only through nodes_container_set_address, which keeps the
+// ip_addr and forwarded_ip change only through the container's set_address, which keeps the
 // container's look-up by address in step.
 struct NODE_t {
     zframe_ptr win_client_id;           // the WIN client it was last heard through, null until known
@@ -54,7 +54,7 @@ constexpr int16_t node_z_offset(const NODE_t& node)
     return static_cast<int16_t>(static_cast<uint32_t>(node.pos_Z) >> 16);
 }
 
-// A node's address pair, for the duplicate check of the listings.
+// A node's address pair; kept for those outside.
 struct NODE_small_t {
     uint8_t ip_addr[ip_addr_size];
     uint8_t mac_addr[mac_size];

@@ -1,7 +1,5 @@
 #include "registry/node_table.h"
 
-#include "registry/nodes_container.h"
-
 #include <sys/random.h>
 
 #include <bit>

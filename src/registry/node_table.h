@@ -33,6 +33,9 @@ static_assert(sizeof(stored_node) <= 160);
 // Hashes of bytes that peers choose, seeded at random so that nobody can make them collide.
 size_t seeded_hash(uint64_t low, uint64_t high = 0);
 
+// The most nodes one container takes: peers create nodes, and nothing but an operator removes them.
+constexpr size_t nodes_container_limit = 1'000'000;
+
 class node_table {
 public:
     node_table(); // throws std::bad_alloc

@@ -18,9 +18,6 @@
 
 namespace rtls {
 
-// The most nodes one container takes: peers create nodes, and nothing but an operator removes them.
-constexpr size_t nodes_container_limit = 1'000'000;
-
 class RTLS_CAPABILITY("registry") NODES_CONTAINER_t {
 public:
     // Takes at most `limit` nodes. Throws std::bad_alloc.

@@ -1,5 +1,3 @@
-// win_server_supervision - the WIN server's periodic work: bridges nobody speaks through are let go,
-// nodes age, a silent proxy is reconnected, and what could not be sent is tried again.
 #include "server/supervision.h"
 
 #include "base/czmq_ptr.h"

@@ -31,8 +31,7 @@ zhashx_t* win_server_get_clients(void* p_win_server);
 // True once every socket is open and the loop is about to start; stays true.
 bool win_server_is_ready(void* p_win_server);
 
-// A copy of the clients' addresses, in table order. Takes the table's own lock; never call it while
-// holding the nodes container's.
+// A copy of the clients' addresses, in table order. Takes the table's own lock;.
 std::vector<win_client_info> win_server_copy_clients(void* p_win_server);
 
 } // namespace rtls

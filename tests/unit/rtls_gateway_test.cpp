@@ -328,7 +328,7 @@ TEST_F(gateway, nodes_update_goes_to_all_bridges)
         bridges.push_back(given.add_bridge(std::array<uint8_t, 5>{0, 0, 0, 0, number}));
     rtls_gateway_nodes_update(given.handle());
     for (WIN_CLIENT_t* bridge : bridges)
-        EXPECT_EQ(zlist_size(bridge->unsent_messages), 1U);
+        EXPECT_EQ(bridge->unsent_messages.size(), 1U);
     zsock_destroy(&win_sock);
 }
 

@@ -4,11 +4,13 @@
 #include "base/config.h"
 #include "link/win_server_private.h"
 #include "rtls-gateway.h"
+#include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/node_command_fixture.h"
 #include "support/sock.h"
 #include "support/temp_file.h"
 #include "terminal/terminal_server.h"
+#include "uplink/upstream.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -146,9 +148,10 @@ TEST_F(log_levels, overflows_and_their_ends_are_errors)
 TEST_F(log_levels, messages_that_a_bridge_loses_are_errors)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
-    bridge->unsent_bytes = unsent_messages_limit;
+    ASSERT_TRUE(
+        bridge->unsent_messages.append(bytes_t(unsent_messages_limit - bridge->unsent_messages.bytes())));
     EXPECT_FALSE(data_to_cache(server, bridge, report, sizeof report));
-    bridge->unsent_bytes = 0;
+    bridge->unsent_messages.clear();
     EXPECT_EQ(level_of("messages are lost!"), LOG_ERR);
 }
 

@@ -1,6 +1,8 @@
 // A node's address and its bridge belong together: a request that takes one from before and one from after a
 // move goes to a bridge that does not know the node, or to another node.
 #include "base/hex.h"
+#include "downlink/generic_requests.h"
+#include "downlink/win_server_pub_sub_proxy.h"
 #include "registry/nodes_container.h"
 #include "support/proxy_fixture.h"
 

@@ -417,8 +417,8 @@ std::vector<std::string> lines_of(log_capture& log, std::initializer_list<const 
 std::vector<std::string> keys_in_table_order(const win_link& link)
 {
     std::vector<std::string> keys;
-    for (void* item = zhashx_first(link.server().clients); item; item = zhashx_next(link.server().clients))
-        keys.emplace_back(client_key{static_cast<WIN_CLIENT_t*>(item)->id}.c_str());
+    link.server().clients.for_each(
+        [&](WIN_CLIENT_t& client) { keys.emplace_back(identity_key{client.id}.c_str()); });
     return keys;
 }
 

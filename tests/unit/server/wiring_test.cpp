@@ -2,9 +2,13 @@
 // Peers, operators and supervisors rely on it, and no message shows it. The libraries' calls are watched by
 // stand-ins with the same names, which this program's link prefers; each does what it stands for.
 #include "base/signals.h"
+#include "link/rpl_version.h"
+#include "link/sending.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
+#include "server/supervision.h"
+#include "server/win_server.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/sock.h"
@@ -342,7 +346,7 @@ TEST_F(wiring, a_proxy_that_cannot_be_connected_again_ends_the_gateway)
 {
     const win_link link;
     WIN_SERVER_t& server = link.server();
-    server.proxy_sock = zsock_new_sub(server.proxy_full_address, "");
+    server.proxy_sock = zsock_new_sub(server.proxy_full_address.c_str(), "");
     ASSERT_NE(server.proxy_sock, nullptr);
     (void)log.take();
     EXPECT_EQ(check_proxy_connection(link.loop(), 1, &server), 0);
@@ -385,7 +389,7 @@ bool table_was_locked = false;
 void try_the_lock()
 {
     table_was_locked = !std::async(std::launch::async, [] {
-                            const std::unique_lock attempt{watched_server->clients_mutex, std::try_to_lock};
+                            const std::unique_lock attempt{watched_server->clients.mutex(), std::try_to_lock};
                             return attempt.owns_lock();
                         }).get();
 }
