@@ -22,7 +22,8 @@ std::atomic<uint16_t> debug_mask{0};
 static constexpr size_t stream_line_size = 2048;
 
 // One for all threads and sockets: operators are told once that lines get lost.
-static overflow_watch stream_watch{"Overflow debugging queue!", "Exemption debugging queue!"};
+static overflow_watch stream_watch{"Overflow debugging queue!", "Exemption debugging queue!",
+                                   "debugging queue"};
 
 static tav_component_logger section_logger(dbg_section_t section)
 {
@@ -107,6 +108,11 @@ void dbg_print_ts(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t se
     va_start(args, format);
     dbg_print_ts_impl(dbg_sock, timestamp, section, channel, format, args);
     va_end(args);
+}
+
+void dbg_stream_stopping() noexcept
+{
+    stream_watch.stopping();
 }
 
 errno_text::errno_text(int error) noexcept : m_text(strerror_r(error, m_buffer, sizeof m_buffer)) {}

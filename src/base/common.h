@@ -55,6 +55,9 @@ void dbg_print(zsock_t* dbg_sock, dbg_section_t section, const char* channel, co
 void dbg_print_ts(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t section, const char* channel,
                   const char* format, ...) __attribute__((format(printf, 5, 6)));
 
+// The debug stream is no longer drained: says what an overflow of it that has not ended has cost until now.
+void dbg_stream_stopping() noexcept;
+
 // The system's text for an errno, whole for any number.
 class errno_text {
 public:

@@ -1,6 +1,8 @@
-// overflow_watch - says once that a queue has overflowed, and once that it takes messages again.
+// overflow_watch - says once that a queue has overflowed, and once that it takes messages again: with how
+// many were lost meanwhile, and in how long.
 //
-// Threads    Any, at once. Nothing waits.
+// Threads    Any, at once. Nothing waits. A loss that meets the end of an episode in another thread may be
+//            counted to the next one; none is counted twice, and none is forgotten.
 // Failures   A refusal for another reason than a full queue is logged each time: it is rare.
 #pragma once
 
@@ -9,39 +11,77 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 
 namespace rtls {
 
 class overflow_watch {
 public:
-    // Both texts outlive the watch. "Exemption" is what our operators' log filters know as the end of an
-    // overflow.
-    constexpr overflow_watch(const char* overflow_text, const char* exemption_text) noexcept
-        : m_overflow_text(overflow_text), m_exemption_text(exemption_text)
+    // The texts outlive the watch. "Exemption" is what our operators' log filters know as the end of an
+    // overflow; `name` ("message handler queue") is what the count of the losses calls the queue.
+    constexpr overflow_watch(const char* overflow_text, const char* exemption_text, const char* name) noexcept
+        : m_overflow_text(overflow_text), m_exemption_text(exemption_text), m_name(name)
     {
     }
 
-    // The queue took a message.
+    // The queue took a message. Without an overflow this reads no clock and writes nothing.
     void accepted() noexcept
     {
-        if (m_overflows.load(std::memory_order_relaxed) &&
-            m_overflows.exchange(false, std::memory_order_relaxed))
-            logger_error(g_logger, "%s", m_exemption_text);
+        if (m_since_ms.load(std::memory_order_relaxed) == none)
+            return;
+        const int64_t since = m_since_ms.exchange(none, std::memory_order_relaxed);
+        if (since == none)
+            return; // another thread has said it
+        logger_error(g_logger, "%s", m_exemption_text);
+        say_losses(since);
     }
 
     // It did not, with errno as `call` left it; `function` is who reports.
     void refused(const char* function, const char* call) noexcept
     {
         if (errno != EAGAIN)
-            log_call_error(function, call);
-        else if (!m_overflows.exchange(true, std::memory_order_relaxed))
+            return log_call_error(function, call);
+        m_lost.fetch_add(1, std::memory_order_relaxed);
+        if (m_since_ms.load(std::memory_order_relaxed) != none)
+            return;
+        int64_t expected = none;
+        if (m_since_ms.compare_exchange_strong(expected, now_ms(), std::memory_order_relaxed))
             logger_error(g_logger, "%s", m_overflow_text);
     }
 
+    // Whoever drains the queue stops: says what an overflow that has not ended has cost until now. Nothing
+    // without an overflow, or when it has been said.
+    void stopping() noexcept
+    {
+        const int64_t since = m_since_ms.load(std::memory_order_relaxed);
+        if (since != none)
+            say_losses(since);
+    }
+
 private:
+    static constexpr int64_t none = -1; // no overflow
+
+    static int64_t now_ms() noexcept
+    {
+        using namespace std::chrono;
+        return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+    }
+
+    void say_losses(int64_t since) noexcept
+    {
+        const auto lost = static_cast<unsigned long long>(m_lost.exchange(0, std::memory_order_relaxed));
+        if (lost == 0)
+            return; // a stop has said it
+        const auto time = static_cast<long long>(now_ms() - since);
+        logger_info(g_logger, "Overflow %s: %llu lost in %lld ms", m_name, lost, time);
+    }
+
     const char* m_overflow_text;
     const char* m_exemption_text;
-    std::atomic<bool> m_overflows{false};
+    const char* m_name;
+    std::atomic<int64_t> m_since_ms{none}; // the episode's first loss, by the monotonic clock
+    std::atomic<uint64_t> m_lost{0};       // and not said yet
 };
 
 } // namespace rtls

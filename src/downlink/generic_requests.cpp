@@ -15,14 +15,15 @@ static constexpr size_t generic_request_max = 800; // the MAC included
 // The longest message, without the MAC, in its longest form: 800 + 21 bytes.
 static constexpr size_t generic_frame_max = generic_request_max - mac_size + node_request_overhead;
 
-static void forward_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view message, bytes_view mac)
+static void forward_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view message, bytes_view mac,
+                            WIN_CLIENT_t* asking)
 {
     std::array<uint8_t, generic_frame_max> frame{};
     const size_t size = node_request_frame(frame, route, message, mac);
-    send_to_node(server, route, bytes_view{frame}.first(size));
+    send_to_node(server, route, bytes_view{frame}.first(size), asking);
 }
 
-bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
+bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen, WIN_CLIENT_t* asking)
 {
     if (any_null(__func__, server, buf))
         return false;
@@ -46,7 +47,7 @@ bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen)
     const bytes_view mac = request.last(mac_size);
     dbg_print(dbg, DBG_PARSING, "GENERIC", "INFO(GENERIC): dst %02X%02X", mac[6], mac[7]);
     if (const auto route = find_route(server, mac)) {
-        forward_to_node(server, *route, message, mac);
+        forward_to_node(server, *route, message, mac, asking);
         return true;
     }
     dbg_print(dbg, DBG_PARSING, "GENERIC", "ERROR(GENERIC): dst %02X%02X%02X%02X%02X%02X%02X%02X not found",

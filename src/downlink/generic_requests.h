@@ -14,8 +14,10 @@
 namespace rtls {
 
 // Sends one request (5 to 800 bytes) down the WIN client of its node. False, after a debug line, when it was
-// refused; true says nothing of the delivery.
-bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen);
+// refused; true says nothing of the delivery. `asking`: the client that the request answers, which gets it
+// when its node has no route of its own; without one every client does.
+bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen,
+                     WIN_CLIENT_t* asking = nullptr);
 
 // zloop reader of request_channel_endpoint. -1, which ends the loop, when it is interrupted; else 0.
 int handle_interthread_sever_sock(zloop_t* loop, zsock_t* reader, void* p_server) noexcept;

@@ -14,10 +14,10 @@ std::optional<node_route> find_route(WIN_SERVER_t* server, bytes_view mac)
     return node ? std::optional{route_of(*node)} : std::nullopt;
 }
 
-void send_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view frame)
+void send_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view frame, WIN_CLIENT_t* asking)
 {
     if (!route.client) {
-        data_to_win_client(server, nullptr, frame.data(), frame.size());
+        data_to_win_client(server, asking ? asking->id.get() : nullptr, frame.data(), frame.size());
         return;
     }
     // Without its identity the frame must not go: null would mean every bridge.

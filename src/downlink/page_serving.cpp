@@ -11,7 +11,8 @@
 
 namespace rtls {
 
-bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac)
+bool send_otapage_from_cache(WIN_SERVER_t* server, WIN_CLIENT_t& asking, bytes_view message,
+                             const uint8_t* node_mac)
 {
     if (any_null(__func__, server, message.data(), node_mac) || any_null(__func__, server->rtls_gateway))
         return false;
@@ -36,7 +37,7 @@ bool send_otapage_from_cache(WIN_SERVER_t* server, bytes_view message, const uin
         return false;
     // Whether the forwarder takes it (an answer above its limit it refuses) makes no difference: the
     // image is ours, so the servers are not asked.
-    generic_process(server, response.get(), size);
+    generic_process(server, response.get(), size, &asking);
     return true;
 }
 

@@ -13,6 +13,10 @@
 
 namespace rtls {
 
+// The largest command has little over 64 KiB, so 128 KiB as hex. A text that is far beyond can only cost: its
+// copies, its line in the debug stream, and what the repeat filter remembers of it for each node.
+static constexpr size_t text_limit = size_t{1024} * 1024;
+
 static void process_text(WIN_SERVER_t* server, const char* text)
 {
     constexpr char function[] = "handle_pub_sub_proxy";
@@ -36,6 +40,23 @@ static void process_text(WIN_SERVER_t* server, const char* text)
     process_data_from_pub_sub_proxy(server, data.get(), data_size);
 }
 
+// The next text, zero-terminated; or null with the reason logged.
+static char* receive_text(zsock_t* reader)
+{
+    constexpr char function[] = "handle_pub_sub_proxy";
+    zmq_msg_t message;
+    zmq_msg_init(&message);
+    char* text = nullptr;
+    if (zmq_msg_recv(&message, zsock_resolve(reader), 0) < 0)
+        logger_error(g_logger, "%s: zstr_recv return NULL!", function);
+    else if (zmq_msg_size(&message) > text_limit)
+        logger_error(g_logger, "%s: a text of %zu bytes is too long!", function, zmq_msg_size(&message));
+    else if (text = strndup(static_cast<const char*>(zmq_msg_data(&message)), zmq_msg_size(&message)); !text)
+        logger_error(g_logger, str_out_of_memory, function);
+    zmq_msg_close(&message);
+    return text;
+}
+
 int handle_pub_sub_proxy(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
 {
     if (any_null(__func__, reader, p_server))
@@ -44,11 +65,9 @@ int handle_pub_sub_proxy(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noe
     // Before anything else: even a failed receive is a sign of life.
     server->proxy_is_silent = false;
 
-    const zstr_ptr text{zstr_recv(reader)};
-    if (!text) {
-        logger_error(g_logger, "%s: zstr_recv return NULL!", __func__);
+    const zstr_ptr text{receive_text(reader)};
+    if (!text)
         return 0;
-    }
     dbg_print(server->dbg_client_sock, DBG_RAW, "PROXY_RAW_INPUT", "%s", text.get());
     process_text(server, text.get());
     return 0;

@@ -102,10 +102,8 @@ bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uin
 // would itself be taken for one, so it is not sent then.
 static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WIN_CLIENT_t* client)
 {
-    // A client with a backlog is known not to read: waiting for it would stall all the others.
-    const bool stalled = client && !client->unsent_messages.empty();
-    const int flags = ZFRAME_MORE | ZFRAME_REUSE | (stalled ? ZFRAME_DONTWAIT : 0);
-    if (zframe_send(&client_id, server.win_sock, flags) == 0)
+    // Not waiting for room: a client that does not read would stall all the others.
+    if (zframe_send(&client_id, server.win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) == 0)
         zstr_sendm(server.win_sock, "");
     else if (errno != EAGAIN)
         log_call_error("delete_win_client", "zframe_send");

@@ -6,6 +6,8 @@
 
 #include "base/bytes.h"
 #include "base/common.h"
+#include "base/own_addresses.h"
+#include "base/rate_bound.h"
 #include "link/client_table.h"
 #include "link/closed_ids.h"
 #include "services.h"
@@ -42,6 +44,11 @@ struct WIN_SERVER_t {
     zsock_t* proxy_sock = nullptr;
     zsock_t* proxy_input_sock = nullptr;
     zsock_t* msg_handler_sock = nullptr;
+
+    own_addresses own;            // these four guard the discovery port
+    rate_bound discovery_answers; // by requester
+    refusal_episode own_datagrams;
+    refusal_episode discovery_flood;
 
     int win_backlog = 0; // of the WIN port; 0: the library's default
     closed_id_set closed_ids;

@@ -75,9 +75,36 @@ static void print_requester(const WIN_SERVER_t* server, const sockaddr_in& reque
               ipv4_text{requester}.c_str(), port);
 }
 
-static void answer_datagram(const WIN_SERVER_t* server, const discovery_datagram& datagram)
+// Whether the datagram claims to come from our own discovery port.
+static bool is_our_own(WIN_SERVER_t& server, const sockaddr_in& requester)
+{
+    if (ntohs(requester.sin_port) != server.discovery_port)
+        return false;
+    const int64_t now = zclock_mono();
+    if (!server.own.contain(requester.sin_addr, now))
+        return false;
+    if (server.own_datagrams.begins(now))
+        logger_error(g_logger, "discovery: requests from our own port at %s are not answered!",
+                     ipv4_text{requester}.c_str());
+    return true;
+}
+
+static bool may_answer(WIN_SERVER_t& server, const sockaddr_in& requester)
+{
+    const int64_t now = zclock_mono();
+    if (server.discovery_answers.allows(requester.sin_addr, now))
+        return true;
+    if (server.discovery_flood.begins(now))
+        logger_error(g_logger, "discovery: more than %u requests a second from %s are not answered!",
+                     rate_bound::answers_a_second, ipv4_text{requester}.c_str());
+    return false;
+}
+
+static void answer_datagram(WIN_SERVER_t* server, const discovery_datagram& datagram)
 {
     const auto send = [&](bytes_view answer) {
+        if (!may_answer(*server, datagram.requester))
+            return;
         udp_sendto(server->discovery_sock_descriptor, answer.data(), answer.size(), &datagram.requester,
                    sizeof datagram.requester);
     };
@@ -101,12 +128,13 @@ int handle_udp_in(zloop_t* /*loop*/, zmq_pollitem_t* /*item*/, void* p_server) n
 {
     if (any_null(__func__, p_server))
         return 0;
-    const auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    auto* server = static_cast<WIN_SERVER_t*>(p_server);
     discovery_datagram datagram{};
     if (!receive_datagram(server->discovery_sock_descriptor, datagram))
         return 0;
     print_requester(server, datagram.requester);
-    answer_datagram(server, datagram);
+    if (!is_our_own(*server, datagram.requester))
+        answer_datagram(server, datagram);
     return 0;
 }
 

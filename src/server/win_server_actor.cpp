@@ -11,6 +11,7 @@
 #include "link/win_server_win_clients.h"
 #include "server/discovery.h"
 #include "server/supervision.h"
+#include "uplink/upstream.h"
 
 namespace rtls {
 
@@ -185,6 +186,7 @@ void destroy_actor_context(WIN_SERVER_t* server)
     request_stop(); // without the WIN server the gateway is of no use
     if (any_null(__func__, server))
         return;
+    upstream_stopping();
     zloop_destroy(&server->actor_loop);
     udp_destroy(server->discovery_sock_descriptor);
     server->discovery_sock_descriptor = -1;

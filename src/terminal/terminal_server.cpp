@@ -164,6 +164,7 @@ static int handle_dbg_message(zloop_t* /*loop*/, zsock_t* reader, void* p_server
 static void destroy_actor_context(TERMINAL_SERVER_t* server) noexcept
 {
     request_stop();
+    dbg_stream_stopping();
     server->actor_loop.reset();
     server->terminal_sock.reset();
     server->dbg_server_sock.reset();

@@ -132,7 +132,7 @@ static outcome answer_route_request(link_frame& frame, const payload_message& me
 
 static outcome answer_ota_page(link_frame& frame, const payload_message& message)
 {
-    const bool served = send_otapage_from_cache(&frame.server, frame.msg, message.sender_mac());
+    const bool served = send_otapage_from_cache(&frame.server, frame.client, frame.msg, message.sender_mac());
     return served ? outcome::done : outcome::to_servers;
 }
 

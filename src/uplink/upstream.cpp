@@ -29,9 +29,10 @@ static bool send_first(message_part& part, void* socket, bool more = false)
     return has_room && part.send(socket, more);
 }
 
-static overflow_watch msg_handler_queue{"Overflow message handler queue!",
-                                        "Exemption message handler queue!"};
-static overflow_watch proxy_input_queue{"Overflow proxy input queue!", "Exemption proxy input queue!"};
+static overflow_watch msg_handler_queue{"Overflow message handler queue!", "Exemption message handler queue!",
+                                        "message handler queue"};
+static overflow_watch proxy_input_queue{"Overflow proxy input queue!", "Exemption proxy input queue!",
+                                        "proxy input queue"};
 
 static void print_raw_output(WIN_SERVER_t* server, bytes_view data)
 {
@@ -92,6 +93,12 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text)
         proxy_input_queue.accepted();
     else
         proxy_input_queue.refused(__func__, "zstr_send (proxy_input_sock)");
+}
+
+void upstream_stopping() noexcept
+{
+    msg_handler_queue.stopping();
+    proxy_input_queue.stopping();
 }
 
 static void print_ul_tdoa(WIN_SERVER_t* server, const ul_tdoa_report& report)

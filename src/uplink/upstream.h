@@ -4,7 +4,8 @@
 // Both sends are don't-wait: a server that is down or slow costs its own reports and stalls nobody.
 // Threads    WIN server thread.
 // Bytes      Reports go as they are given: big-endian. The time before them is big-endian, too.
-// Failures   A full queue is said once an episode; what it does not take is lost.
+// Failures   A full queue is said once an episode; what it does not take is lost, and counted: how many were
+//            lost in how long is said at the episode's end, or at the stop.
 #pragma once
 
 #include "link/win_server_private.h"
@@ -17,6 +18,9 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
 
 // One management line with this text, stamped with the present time.
 void win_management_to_server(WIN_SERVER_t* server, const char* text);
+
+// The server stops: says what queues that are still full have cost.
+void upstream_stopping() noexcept;
 
 // Publishes UL-TDOA data as a management line. False when the message is too short for what it promises.
 // `node_mac` is not used.

@@ -6,7 +6,7 @@ WRAP_TS, IND, TRF2SRV = 0x0200, 0x0100, 0x0A00
 PANID_REQ, ROOT, HEARTBEAT, GENERIC, ANNOUNCE, SENSOR = 0x0101, 0x0103, 0x0104, 0x010E, 0x010F, 0x0116
 ROUTE_REQUEST, OTA_PAGE, UL_TDOA, RANGE_REPORT = 10, 16, 40, 48
 LIFETIME = 300
-PAGE_ONLY_TO_WHO_ASKED = False     # what a node without a route asks for: else it goes to every bridge
+PAGE_ONLY_TO_WHO_ASKED = True      # what a node without a route asks for: else it goes to every bridge
 
 
 def le16(data: bytes, at: int) -> int:

@@ -24,6 +24,7 @@ namespace rtls {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
 namespace {
 
 constexpr tav_timestamp_t may_first{1714568822, 45}; // 2024-05-01 13:07:02.045 UTC
@@ -207,7 +208,9 @@ TEST_F(debug_stream, an_overflow_and_its_end_are_reported_once_each)
             print(writer.get(), 1);
             logged = log.messages("main");
         }
-        EXPECT_THAT(logged, ElementsAre("Exemption debugging queue!"));
+        EXPECT_EQ(logged.size(), 2U);
+        EXPECT_EQ(logged.front(), "Exemption debugging queue!");
+        EXPECT_TRUE(logged.back().starts_with("Overflow debugging queue: ")) << logged.back();
         print(writer.get(), 1);
         EXPECT_THAT(log.messages("main"), IsEmpty());
     }
@@ -221,7 +224,8 @@ TEST_F(debug_stream, an_overflow_of_one_socket_ends_with_a_line_of_another)
     dbg_print_ts(unconnected.get(), may_first, DBG_DEVELOP, "CONS", "lost, too");
     EXPECT_THAT(log.messages("main"), ElementsAre("Overflow debugging queue!"));
     dbg_print_ts(push.get(), may_first, DBG_DEVELOP, "CONS", "passes");
-    EXPECT_THAT(log.messages("main"), ElementsAre("Exemption debugging queue!"));
+    EXPECT_THAT(log.messages("main"), ElementsAre("Exemption debugging queue!",
+                                                  StartsWith("Overflow debugging queue: 2 lost in ")));
 }
 
 TEST_F(debug_stream, a_thousand_lines_wait_for_the_terminal_server)
@@ -241,6 +245,24 @@ TEST_F(debug_stream, a_thousand_lines_wait_for_the_terminal_server)
     for (int i = 0; i < 1000; ++i)
         ASSERT_EQ(receive_frame(late.get()), line("CONS", "line " + std::to_string(i)));
     dbg_print_ts(push.get(), may_first, DBG_DEVELOP, "CONS", "ends the episode");
+    EXPECT_THAT(log.messages("main"), ElementsAre("Exemption debugging queue!",
+                                                  StartsWith("Overflow debugging queue: 1 lost in ")));
+}
+
+TEST_F(debug_stream, the_stop_says_what_an_overflow_has_cost_that_has_not_ended)
+{
+    debug_mask = 1U << DBG_DEVELOP;
+    dbg_stream_stopping();
+    EXPECT_THAT(log.messages("main"), IsEmpty());
+    const zsock_ptr unconnected{zsock_new(ZMQ_PUSH)};
+    for (int i = 0; i < 5; ++i)
+        dbg_print_ts(unconnected.get(), may_first, DBG_DEVELOP, "CONS", "lost");
+    EXPECT_THAT(log.messages("main"), ElementsAre("Overflow debugging queue!"));
+    dbg_stream_stopping();
+    EXPECT_THAT(log.messages("main"), ElementsAre(StartsWith("Overflow debugging queue: 5 lost in ")));
+    dbg_stream_stopping();
+    EXPECT_THAT(log.messages("main"), IsEmpty());
+    dbg_print_ts(push.get(), may_first, DBG_DEVELOP, "CONS", "passes");
     EXPECT_THAT(log.messages("main"), ElementsAre("Exemption debugging queue!"));
 }
 

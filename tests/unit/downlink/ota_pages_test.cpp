@@ -74,7 +74,10 @@ protected:
                                           page_number, page.data()));
     }
 
-    bool send_page(const bytes_t& request) { return send_otapage_from_cache(server, request, m_mac.data()); }
+    bool send_page(const bytes_t& request)
+    {
+        return send_otapage_from_cache(server, *bridge, request, m_mac.data());
+    }
 
     const bytes_t m_mac = hex(sender_mac);
 };
@@ -82,11 +85,11 @@ protected:
 TEST_F(ota_pages, null_arguments_are_logged)
 {
     const bytes_t request = page_request(128, 0);
-    EXPECT_FALSE(send_otapage_from_cache(nullptr, request, m_mac.data()));
-    EXPECT_FALSE(send_otapage_from_cache(server, {}, m_mac.data()));
-    EXPECT_FALSE(send_otapage_from_cache(server, request, nullptr));
+    EXPECT_FALSE(send_otapage_from_cache(nullptr, *bridge, request, m_mac.data()));
+    EXPECT_FALSE(send_otapage_from_cache(server, *bridge, {}, m_mac.data()));
+    EXPECT_FALSE(send_otapage_from_cache(server, *bridge, request, nullptr));
     server->rtls_gateway = nullptr;
-    EXPECT_FALSE(send_otapage_from_cache(server, request, m_mac.data()));
+    EXPECT_FALSE(send_otapage_from_cache(server, *bridge, request, m_mac.data()));
     server->rtls_gateway = static_cast<services*>(gateway);
     EXPECT_EQ(errors(), texts_t(4, "send_otapage_from_cache: null pointer!"));
 }
@@ -159,6 +162,24 @@ TEST_F(ota_pages, a_page_too_large_for_a_node_is_not_passed_on)
     EXPECT_EQ(reports(), texts_t{}); // nor do the servers get the request
     EXPECT_EQ(lines("parsing"), (texts_t{"SLIP: MSG_GENERIC_SERVER_REQ: [14] in_buf_size:14  src:A7A8",
                                          "GENERIC: ERROR(GENERIC): msg too long, rcvd: 827"}));
+}
+
+TEST_F(ota_pages, a_page_for_a_node_without_a_route_goes_to_the_connection_that_asked_alone)
+{
+    store_page(128, 0, ramp(128));
+    remove_node("E4A2A3A4A5A6A7A8");
+    add_node("E4A2A3A4A5A6A7A8", {});
+    EXPECT_TRUE(send_otapage_from_cache(server, *other_bridge, page_request(128, 0), m_mac.data()));
+    EXPECT_EQ(sent_to(other_bridge).size(), 1U);
+    EXPECT_EQ(sent_to(bridge), texts_t{});
+}
+
+TEST_F(ota_pages, a_page_goes_by_the_route_of_its_node_whoever_asked)
+{
+    store_page(128, 0, ramp(128));
+    EXPECT_TRUE(send_otapage_from_cache(server, *other_bridge, page_request(128, 0), m_mac.data()));
+    EXPECT_EQ(sent_to(other_bridge), texts_t{});
+    EXPECT_EQ(sent_to(bridge).size(), 1U);
 }
 
 TEST_F(ota_pages, a_page_for_a_node_that_is_gone_is_answered_all_the_same)

@@ -118,8 +118,18 @@ TEST_F(reader_test, a_text_is_never_a_format)
 
 TEST_F(reader_test, a_huge_text_is_refused_by_its_type)
 {
-    handle("0804" + std::string(size_t{8} * 1024 * 1024, '0'));
-    EXPECT_EQ(errors(), texts{"process_data_from_pub_sub_proxy (MSG_CONF_NODE_REQ): wrong size 4194306"});
+    handle("0804" + std::string(size_t{1024} * 1024 - 4, '0'));
+    EXPECT_EQ(errors(), texts{"process_data_from_pub_sub_proxy (MSG_CONF_NODE_REQ): wrong size 524288"});
+}
+
+TEST_F(reader_test, a_text_beyond_all_commands_is_refused_by_its_length)
+{
+    (void)lines("raw");
+    handle("0804" + std::string(size_t{1024} * 1024 - 3, '0'));
+    EXPECT_EQ(errors(), texts{"handle_pub_sub_proxy: a text of 1048577 bytes is too long!"});
+    EXPECT_EQ(lines("raw"), texts{});
+    handle("0810");
+    EXPECT_EQ(errors(), texts{"handle_pub_sub_proxy: wrong size of input data!"}); // the next is taken
 }
 
 TEST_F(reader_test, every_message_is_a_sign_of_life)

@@ -257,6 +257,24 @@ TEST(win_connection, the_late_notice_of_one_that_we_closed_makes_no_client)
     EXPECT_EQ(link.clients(), 1U);
 }
 
+TEST(win_connection, whose_queue_is_just_full_is_cut_without_waiting_for_room)
+{
+    log_capture log;
+    const win_link link{10};
+    auto [peer, client] = link.connect(4096);
+    (void)link.fill(*client);
+    ASSERT_THAT(unsent(*client), IsEmpty()); // full, and nothing shows yet that it does not read
+    constexpr milliseconds time_out{2000};
+    zsock_set_sndtimeo(link.server().win_sock, static_cast<int>(time_out.count()));
+    log.take();
+    const auto begin = std::chrono::steady_clock::now();
+    delete_win_client(&link.server(), client->id);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, time_out / 2);
+    EXPECT_TRUE(peer.is_closed());
+    EXPECT_EQ(link.clients(), 0U);
+    EXPECT_THAT(log.messages("main"), IsEmpty());
+}
+
 TEST(closed_ids, are_remembered_once_and_in_bounded_number)
 {
     closed_id_set ids;

@@ -13,6 +13,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <array>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -205,6 +207,48 @@ TEST_F(discovery_test, other_packet_information_in_front_does_no_harm)
     ASSERT_EQ(setsockopt(server->discovery_sock_descriptor, IPPROTO_IP, IP_RECVTTL, &on, sizeof on), 0);
     send({1, 2, 3, 4, 5, 6, 7, 8, 9});
     EXPECT_EQ(answer(), digits("010203040506070809 7F000002 0FA1"));
+}
+
+TEST_F(discovery_test, what_comes_from_our_own_port_is_not_answered)
+{
+    server->discovery_port = port_of(bridge);
+    for (int i = 0; i < 3; i++) {
+        send({1, 2, 3, 4, 5, 6});
+        send({1, 2, 3, 4, 5, 6, 7, 8, 9});
+    }
+    EXPECT_EQ(
+        log.messages("main"),
+        std::vector<std::string>{"discovery: requests from our own port at 127.0.0.3 are not answered!"});
+    server->discovery_port = static_cast<in_port_t>(port_of(bridge) + 1);
+    EXPECT_TRUE(is_unanswered());
+}
+
+TEST_F(discovery_test, one_address_has_a_hundred_answers_a_second)
+{
+    const rate_bound seeded{7};
+    server->discovery_answers = seeded;
+    int sent = 0;
+    int answered = 0;
+    const auto begin = std::chrono::steady_clock::now();
+    const auto flood = [&](const std::vector<uint8_t>& request) {
+        send(request);
+        ++sent;
+        std::array<uint8_t, 64> bytes{};
+        while (recv(bridge, bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) // the loopback delivers at once
+            ++answered;
+    };
+    for (int i = 0; i < 500; i++) {
+        flood({1, 2, 3, 4, 5, 6});
+        flood({1, 2, 3, 4, 5, 6, 7, 8, 9});
+    }
+    const auto seconds = std::chrono::ceil<std::chrono::seconds>(std::chrono::steady_clock::now() - begin);
+    EXPECT_GE(answered, 100);
+    EXPECT_LE(answered, 100 * seconds.count());
+    if (answered < sent) {
+        EXPECT_EQ(log.messages("main"),
+                  std::vector<std::string>{
+                      "discovery: more than 100 requests a second from 127.0.0.3 are not answered!"});
+    }
 }
 
 TEST_F(discovery_test, without_a_server_or_a_socket_there_is_nothing_to_do)
