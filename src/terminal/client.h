@@ -18,7 +18,7 @@ namespace rtls {
 typedef struct TERMINAL_CLIENT {
     zframe_ptr id;                          // copy of the stream socket's routing identity
     std::optional<std::string> grep_string; // may name a pattern that failed to compile
-    regex_ptr preg;                         // null: no filter, every line passes
+    filter_ptr preg;                        // null: no filter, every line passes
     uint8_t subscribed = 0;                 // 1: receives the debug stream
     sockaddr_in client_addr = {};           // zero when unknown
 

@@ -133,8 +133,7 @@ static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_s
 
 static bool wants_line(const TERMINAL_CLIENT_t& client, const char* line) noexcept
 {
-    return client.subscribed &&
-           (!client.preg || regexec(client.preg.get(), line, 0, nullptr, 0) != REG_NOMATCH);
+    return client.subscribed && (!client.preg || passes(*client.preg, line));
 }
 
 // Gives one line of the debug stream (at most 2047 bytes, so a filter has little to chew) to those who

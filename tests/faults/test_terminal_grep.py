@@ -1,0 +1,40 @@
+"""No filter stops the operators' thread, or takes the daemon's memory, whatever lines come."""
+import re
+import time
+
+import pytest
+
+# Refused or not, each of these leaves the terminal as quick as before. The first two made the C library's
+# matcher keep every set of positions that a line led it through.
+FILTERS = [".*[0-7].{450}!", ".*[0-7].{250}!", "((a|b|c|.)?){20}!", "((.{1,20}){1,20})!"]
+LINES = 5
+
+
+def resident_kb(pid: int) -> int:
+    with open(f"/proc/{pid}/status") as status:
+        return int(re.search(r"^VmRSS:\s+(\d+) kB", status.read(), re.M)[1])
+
+
+@pytest.mark.parametrize("pattern", FILTERS)
+def test_no_filter_holds_up_the_terminal(gateway, pattern):
+    watcher, filtered, other = gateway.terminal(), gateway.terminal(), gateway.terminal()
+    watcher.command("sub", "\n")
+    filtered.command("sub", "\n")
+    begin = time.monotonic()
+    filtered.command("grep " + pattern, "\n")
+    assert time.monotonic() - begin < 1
+    other.command("dbg terminal y", "ul_tdoa n\n")
+    before = resident_kb(gateway.process.pid)
+
+    # The terminal's section shows what operators type: a long word makes a long line of the debug stream.
+    word = "".join("3x"[bits * 2654435761 >> 16 & 1] for bits in range(1900))
+    begin = time.monotonic()
+    for _ in range(LINES):
+        assert other.command(word, "\n").startswith("Unknown command.")
+        assert other.command("grep-", "\n") == "GREP: -- undefined --\n"
+    assert other.command("info", "\n\n").startswith("GW Version")
+    took = time.monotonic() - begin
+    watcher.read_until(word[:1800])
+    assert took < 1, "the others' commands waited for the filter"
+    assert other.command("dbg terminal n", "ul_tdoa n\n")
+    assert resident_kb(gateway.process.pid) - before < 20_000
