@@ -4,7 +4,10 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
+#include <iterator>
 #include <memory>
+#include <random>
 #include <string>
 
 namespace rtls {
@@ -26,41 +29,93 @@ static std::string repeated(const char* text, int count)
     return all;
 }
 
+// What operators write, or try.
+static const std::string affordable_patterns[] = {
+    "",
+    "abc",
+    "100%s",
+    "(CONS|SLIP).*rcvd",
+    "^.*IP [0-9]{1,3}\\.[0-9]{1,3}\\.[0-9]{1,3}\\.[0-9]{1,3}:[0-9]+$",
+    "([0-9a-f]{2} ){8}",
+    "\\b(node|bridge)\\b",
+    "[]abc]*[^]abc]+[[:alpha:]]?[[.a.]][[=a=]]",
+    "[*+?{9999}{9999}(]",      // nothing in a set repeats
+    "\\*{3}\\{9999\\{9999",    // nor does what is escaped
+    "[[:digit:]{9999}{9999}]", // a class inside a set does not end it
+    "a{300}",
+    "a{1,300}",
+    "a{300,}",
+    "(a{256}){256}", // 65,536 times, the most
+    "(a*)*",
+    "(a|b)*c+",
+    "(", // the compiler's business
+    ")",
+    "a{",
+    "a{2",
+    "a{,3}",
+    "a{x}",
+    "[abc",
+    "[[:alpha",
+    "\\",
+    "*a",
+    std::string(512, 'x'),
+    repeated("(", 256) + repeated(")", 256),
+};
+
+// The seconds of processor time that compiling the pattern takes, and matching lines that give it a lot to
+// try. Not those of the clock: the machine may be busy elsewhere.
+static double cost_of(const std::string& pattern)
+{
+    const auto used = [] {
+        timespec time{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+    };
+    const std::string lines[] = {std::string(2047, 'a'), std::string(2047, 'x'), repeated("ab ", 682),
+                                 repeated("x1.", 682)}; // the longest lines of the debug stream
+    const double start = used();
+    if (const filter_ptr filter{compile_filter(pattern.c_str())})
+        for (const auto& line : lines)
+            (void)regexec(filter.get(), line.c_str(), 0, nullptr, 0);
+    return used() - start;
+}
+
 TEST(affordable_pattern, what_operators_write)
 {
-    const std::string patterns[] = {
-        "",
-        "abc",
-        "100%s",
-        "(CONS|SLIP).*rcvd",
-        "^.*IP [0-9]{1,3}\\.[0-9]{1,3}\\.[0-9]{1,3}\\.[0-9]{1,3}:[0-9]+$",
-        "([0-9a-f]{2} ){8}",
-        "\\b(node|bridge)\\b",
-        "[]abc]*[^]abc]+[[:alpha:]]?[[.a.]][[=a=]]",
-        "[*+?{9999}{9999}(]",      // nothing in a set repeats
-        "\\*{3}\\{9999\\{9999",    // nor does what is escaped
-        "[[:digit:]{9999}{9999}]", // a class inside a set does not end it
-        "a{300}",
-        "a{1,300}",
-        "a{300,}",
-        "(a{256}){256}", // 65,536 times, the most
-        "(a*)*",
-        "(a|b)*c+",
-        "(", // the compiler's business
-        ")",
-        "a{",
-        "a{2",
-        "a{,3}",
-        "a{x}",
-        "[abc",
-        "[[:alpha",
-        "\\",
-        "*a",
-        std::string(512, 'x'),
-        repeated("(", 256) + repeated(")", 256),
-    };
-    for (const auto& pattern : patterns)
+    for (const auto& pattern : affordable_patterns)
         EXPECT_TRUE(is_affordable_pattern(pattern)) << pattern;
+}
+
+// Every line of the debug stream is matched on the terminal's thread, on which all operators wait.
+TEST(affordable_pattern, costs_little_when_lines_are_matched)
+{
+    for (const auto& pattern : affordable_patterns)
+        EXPECT_LT(cost_of(pattern), 4 * 0.5) << pattern;
+}
+
+TEST(affordable_pattern, is_any_that_costs_little_whatever_it_is_made_of)
+{
+    const char* const pieces[] = {"a",    "x",   ".",    "\\w",    "\\b",  "^",       "$",     "[ab]",
+                                  "[^x]", "(",   "(",    ")",      ")",    "|",       "*",     "+",
+                                  "?",    "{2}", "{3,}", "{2,20}", "{40}", "{1,200}", "(a|b)", "()"};
+    std::mt19937 random{std::random_device{}()};
+    const auto seed = static_cast<unsigned>(random());
+    SCOPED_TRACE(testing::Message() << "seed " << seed);
+    random.seed(seed);
+    const auto number = [&](size_t limit) {
+        return std::uniform_int_distribution<size_t>{0, limit - 1}(random);
+    };
+    unsigned compiled = 0;
+    for (int i = 0; i < 400; ++i) {
+        std::string pattern;
+        for (size_t count = 2 + number(14); count > 0; --count)
+            pattern += pieces[number(std::size(pieces))];
+        if (!is_affordable_pattern(pattern))
+            continue;
+        EXPECT_LT(cost_of(pattern), 4 * 0.5) << pattern;
+        ++compiled;
+    }
+    EXPECT_GT(compiled, 50U); // enough of them to mean something
 }
 
 TEST(affordable_pattern, what_takes_the_daemon_down)
