@@ -245,11 +245,6 @@ TEST(image_receiver, body_without_length_is_reported_on_request)
 
 // --- whole transfers
 
-TEST(image_download, default_time_out_is_twenty_seconds)
-{
-    EXPECT_EQ(image_download_options{.caller = ""}.timeout, 20s);
-}
-
 TEST(image_download, answer_becomes_an_image_or_a_failed_download)
 {
     const std::string redirect = "HTTP/1.1 302 Found\r\nConnection: close\r\nLocation: /target\r\n";
