@@ -18,21 +18,19 @@
 
 namespace rtls {
 
-namespace {
-
 // The most events one call of the reader takes: many for the intake, few enough for the other sockets.
-constexpr int events_per_call = 64;
+static constexpr int events_per_call = 64;
 
 // While events come this close behind one another, the reader lets some more gather before it takes them,
 // for up to a millisecond a call. Waking up for each report, and having the loop ask every socket for
 // news in between, would cost several times what the report itself does.
-constexpr int64_t busy_gap_us = 300;
-constexpr long gather_us = 100;
-constexpr int64_t busy_call_us = 1000;
+static constexpr int64_t busy_gap_us = 300;
+static constexpr long gather_us = 100;
+static constexpr int64_t busy_call_us = 1000;
 
 using win_client_ptr = std::unique_ptr<void, destroyed_by<win_client_destroy>>;
 
-void print_new_client(WIN_SERVER_t& server, const sockaddr_in* addr, const identity_key& key)
+static void print_new_client(WIN_SERVER_t& server, const sockaddr_in* addr, const identity_key& key)
 {
     if (addr)
         dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "new win client [%s] IP %s:%d", key.c_str(),
@@ -44,7 +42,7 @@ void print_new_client(WIN_SERVER_t& server, const sockaddr_in* addr, const ident
 
 // A record for a new connection, ready for data; or null. Its address is zero when the peer is gone
 // already: the record is needed all the same, for the disconnection that will follow.
-win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
+static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
 {
     zframe_ptr id{zframe_new(identity.bytes().data(), identity.bytes().size())};
     win_client_ptr owner{id ? win_client_new(id.get()) : nullptr};
@@ -64,7 +62,7 @@ win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, const i
     return owner;
 }
 
-void on_connect(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
+static void on_connect(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
 {
     win_client_ptr owner = make_client(server, identity, key);
     if (!owner)
@@ -78,7 +76,7 @@ void on_connect(WIN_SERVER_t& server, message_part& identity, const identity_key
     esc_data_to_win_client(&server, client->id, greeting, sizeof greeting);
 }
 
-void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const identity_key& key)
+static void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const identity_key& key)
 {
     dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "Connection closed by peer IP:%s:%d MAC:%s ID:[%s]",
               ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
@@ -86,7 +84,7 @@ void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const ident
     server.clients.erase(key.c_str());
 }
 
-void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_key& key, bytes_view data)
+static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_key& key, bytes_view data)
 {
     if (dbg_is_wanted(DBG_RAW))
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_INPUT", "%s [%zu] %s:%d [%s]",
@@ -95,7 +93,7 @@ void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_key& key
     parse_data_from_win_client(&server, &client, data.data(), data.size());
 }
 
-void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& data)
+static void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& data)
 {
     const identity_key key{identity.bytes()};
     WIN_CLIENT_t* client = server.clients.find(key.c_str());
@@ -111,13 +109,11 @@ void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& da
         on_connect(server, identity, key);
 }
 
-void deliver_frame(void* p_server, WIN_CLIENT_t& client)
+static void deliver_frame(void* p_server, WIN_CLIENT_t& client)
 {
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     server->process_frame(server, &client);
 }
-
-} // namespace
 
 // Lets events gather on a drained stream socket, if the last ones came in quick succession. False when it
 // is the turn of the loop's other sources.

@@ -14,25 +14,23 @@
 
 namespace rtls {
 
-namespace {
+static constexpr char reporter[] = "win_server_actor";
+static constexpr int win_send_timeout_ms = 100;
+static constexpr int interthread_receive_timeout_ms = 100;
 
-constexpr char reporter[] = "win_server_actor";
-constexpr int win_send_timeout_ms = 100;
-constexpr int interthread_receive_timeout_ms = 100;
-
-bool made(bool ok, const char* call)
+static bool made(bool ok, const char* call)
 {
     if (!ok)
         log_call_error(reporter, call);
     return ok;
 }
 
-bool open_debug_stream(WIN_SERVER_t& server)
+static bool open_debug_stream(WIN_SERVER_t& server)
 {
     return made(zsock_connect(server.dbg_client_sock, "%s", debug_stream_endpoint) == 0, "zsock_connect");
 }
 
-bool open_win_port(WIN_SERVER_t& server)
+static bool open_win_port(WIN_SERVER_t& server)
 {
     server.win_sock = zsock_new(ZMQ_STREAM);
     if (!made(server.win_sock, "zsock_new"))
@@ -43,7 +41,7 @@ bool open_win_port(WIN_SERVER_t& server)
     return made(zsock_bind(server.win_sock, "tcp://*:%d", server.win_port) != -1, "zsock_bind");
 }
 
-bool open_discovery(WIN_SERVER_t& server)
+static bool open_discovery(WIN_SERVER_t& server)
 {
     if (udp_new_connection(server.discovery_port, &server.discovery_sock_descriptor))
         return true;
@@ -51,7 +49,7 @@ bool open_discovery(WIN_SERVER_t& server)
     return false;
 }
 
-bool open_interthread_channel(WIN_SERVER_t& server)
+static bool open_interthread_channel(WIN_SERVER_t& server)
 {
     server.interthread_sever_sock = zsock_new(ZMQ_ROUTER);
     if (!made(server.interthread_sever_sock, "zsock_new"))
@@ -61,36 +59,36 @@ bool open_interthread_channel(WIN_SERVER_t& server)
                 "zsock_bind");
 }
 
-bool open_proxy(WIN_SERVER_t& server)
+static bool open_proxy(WIN_SERVER_t& server)
 {
     server.proxy_sock = zsock_new_sub(server.proxy_full_address.c_str(), "");
     return made(server.proxy_sock, "zsock_new_sub");
 }
 
-bool open_proxy_input(WIN_SERVER_t& server)
+static bool open_proxy_input(WIN_SERVER_t& server)
 {
     server.proxy_input_sock = zsock_new_push(server.proxy_full_input_address.c_str());
     return made(server.proxy_input_sock, "zsock_new_push");
 }
 
-bool open_message_handler(WIN_SERVER_t& server)
+static bool open_message_handler(WIN_SERVER_t& server)
 {
     server.msg_handler_sock = zsock_new_push(server.msg_handler_full_address.c_str());
     return made(server.msg_handler_sock, "zsock_new_push");
 }
 
-bool make_loop(WIN_SERVER_t& server)
+static bool make_loop(WIN_SERVER_t& server)
 {
     server.actor_loop = zloop_new();
     return made(server.actor_loop, "zloop_new");
 }
 
-constexpr bool (*open_steps[])(WIN_SERVER_t&) = {
+static constexpr bool (*open_steps[])(WIN_SERVER_t&) = {
     open_debug_stream, open_win_port,    open_discovery,       open_interthread_channel,
     open_proxy,        open_proxy_input, open_message_handler, make_loop,
 };
 
-bool open_all(WIN_SERVER_t& server)
+static bool open_all(WIN_SERVER_t& server)
 {
     for (const auto open : open_steps)
         if (!open(server))
@@ -98,7 +96,7 @@ bool open_all(WIN_SERVER_t& server)
     return true;
 }
 
-bool register_discovery(WIN_SERVER_t& server)
+static bool register_discovery(WIN_SERVER_t& server)
 {
     zmq_pollitem_t item{nullptr, server.discovery_sock_descriptor, ZMQ_POLLIN, 0};
     if (!made(zloop_poller(server.actor_loop, &item, handle_udp_in, &server) == 0, "zloop_poller"))
@@ -108,7 +106,7 @@ bool register_discovery(WIN_SERVER_t& server)
     return true;
 }
 
-bool register_readers(WIN_SERVER_t& server, zsock_t* pipe)
+static bool register_readers(WIN_SERVER_t& server, zsock_t* pipe)
 {
     const struct {
         zsock_t* sock;
@@ -126,7 +124,7 @@ bool register_readers(WIN_SERVER_t& server, zsock_t* pipe)
     return true;
 }
 
-bool register_timers(WIN_SERVER_t& server)
+static bool register_timers(WIN_SERVER_t& server)
 {
     server.supervised_since = zclock_mono();
     constexpr struct {
@@ -144,19 +142,17 @@ bool register_timers(WIN_SERVER_t& server)
     return true;
 }
 
-bool make_unsent_messages(WIN_SERVER_t& server)
+static bool make_unsent_messages(WIN_SERVER_t& server)
 {
     server.unsent_messages = zlist_new();
     return made(server.unsent_messages, "unsent_messages zlist_new");
 }
 
-bool prepare(WIN_SERVER_t& server, zsock_t* pipe)
+static bool prepare(WIN_SERVER_t& server, zsock_t* pipe)
 {
     return open_all(server) && register_discovery(server) && register_readers(server, pipe) &&
            register_timers(server) && make_unsent_messages(server);
 }
-
-} // namespace
 
 void win_server_actor(zsock_t* pipe, void* p_server) noexcept
 {

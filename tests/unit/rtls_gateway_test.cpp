@@ -8,6 +8,7 @@
 #include "registry/nodes_container.h"
 #include "server/win_server.h"
 #include "support/log_capture.h"
+#include "support/sanitizers.h"
 #include "support/tcp_listener.h"
 #include "support/temp_file.h"
 #include "support/test_gateway.h"
@@ -17,10 +18,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <malloc.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -293,10 +296,46 @@ TEST_F(gateway, a_new_firmware_takes_the_place_of_the_one_before)
     rtls_gateway_set_firmware(given.get(), firmware_get_from_url(image.url().c_str()));
 }
 
+// A daemon that runs for years is given images again and again.
+TEST_F(gateway, the_firmware_before_is_given_back)
+{
+    if (!malloc_can_refuse)
+        GTEST_SKIP() << "sanitizers have an allocator of their own, and report the leak itself";
+    const auto in_use = [] {
+        const struct mallinfo2 info = mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    constexpr size_t large = 8'000'000;
+    const gateway_ptr given = create();
+    const temp_file image("image_0123abcd_.bin", std::string(large, 'x'));
+    const size_t before = in_use();
+    rtls_gateway_set_firmware(given.get(), firmware_get_from_url(image.url().c_str()));
+    ASSERT_GE(in_use(), before + large);
+    for (int i = 0; i < 3; ++i)
+        rtls_gateway_set_firmware(given.get(), firmware_get_from_url(image.url().c_str()));
+    EXPECT_LT(in_use(), before + large + large / 2);
+    rtls_gateway_set_firmware(given.get(), nullptr);
+    EXPECT_LT(in_use(), before + large / 2);
+}
+
 TEST_F(gateway, nodes_update_goes_to_all_bridges)
 {
+    test_gateway given{m_config};
+    zsock_t*& win_sock = given.win_server().win_sock;
+    win_sock = zsock_new(ZMQ_STREAM); // nobody is connected: what is sent waits
+    std::vector<WIN_CLIENT_t*> bridges;
+    for (const uint8_t number : {uint8_t{1}, uint8_t{2}, uint8_t{3}})
+        bridges.push_back(given.add_bridge(std::array<uint8_t, 5>{0, 0, 0, 0, number}));
+    rtls_gateway_nodes_update(given.handle());
+    for (WIN_CLIENT_t* bridge : bridges)
+        EXPECT_EQ(zlist_size(bridge->unsent_messages), 1U);
+    zsock_destroy(&win_sock);
+}
+
+TEST_F(gateway, nodes_update_without_a_bridge_has_nothing_to_do)
+{
     const gateway_ptr given = create();
-    EXPECT_NO_FATAL_FAILURE(rtls_gateway_nodes_update(given.get())) << "no bridge is connected";
+    rtls_gateway_nodes_update(given.get());
     EXPECT_THAT(logged(), IsEmpty());
 }
 
@@ -356,6 +395,17 @@ TEST_F(gateway, a_pid_file_that_fails_to_close_fails_the_run)
     EXPECT_FALSE(rtls_gateway_run(given.handle()));
     EXPECT_THAT(logged(), testing::Contains("unable to close pid file " + std::string(m_pid_file.path()) +
                                             ", code=122 (Disk quota exceeded)"));
+}
+
+// The text is what operators have to go by: all of it, the longest that a file can fail with.
+TEST_F(gateway, a_bad_pid_file_is_reported_with_the_systems_whole_text)
+{
+    const temp_file loop("loop");
+    ASSERT_EQ(symlink(loop.path(), loop.path()), 0);
+    test_gateway given{m_config.set("pidfile", loop.path())};
+    EXPECT_FALSE(rtls_gateway_run(given.handle()));
+    EXPECT_THAT(logged(), testing::Contains("unable to create pid file " + std::string(loop.path()) +
+                                            ", code=40 (Too many levels of symbolic links)"));
 }
 
 TEST_F(gateway, an_interrupt_before_the_start_leaves_no_pid_file)

@@ -16,13 +16,13 @@ static constexpr std::string_view greeting = "sync\n";
 bool bridge_link::connect(const sockaddr_in& gateway)
 {
     close();
-    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd_ < 0)
+    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (m_fd < 0)
         return false;
     const int on = 1;
-    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    state_ = state::connecting;
-    if (::connect(fd_, reinterpret_cast<const sockaddr*>(&gateway), sizeof gateway) == 0 ||
+    setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    m_state = state::connecting;
+    if (::connect(m_fd, reinterpret_cast<const sockaddr*>(&gateway), sizeof gateway) == 0 ||
         errno == EINPROGRESS)
         return true;
     close();
@@ -31,37 +31,37 @@ bool bridge_link::connect(const sockaddr_in& gateway)
 
 void bridge_link::close()
 {
-    if (fd_ >= 0)
-        ::close(fd_);
-    fd_ = -1;
-    state_ = state::down;
-    greeted_ = 0;
-    out_.clear();
-    sent_ = 0;
-    in_ = {};
+    if (m_fd >= 0)
+        ::close(m_fd);
+    m_fd = -1;
+    m_state = state::down;
+    m_greeted = 0;
+    m_out.clear();
+    m_sent = 0;
+    m_in = {};
 }
 
 void bridge_link::queue(view message)
 {
     // What has gone makes room, without moving the rest at every message.
-    if (sent_ > 65'536 && sent_ > out_.size() / 2) {
-        out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(sent_));
-        sent_ = 0;
+    if (m_sent > 65'536 && m_sent > m_out.size() / 2) {
+        m_out.erase(m_out.begin(), m_out.begin() + static_cast<ptrdiff_t>(m_sent));
+        m_sent = 0;
     }
-    append_frame(out_, message);
+    append_frame(m_out, message);
 }
 
 bool bridge_link::flush()
 {
-    while (sent_ < out_.size()) {
-        const ssize_t written = ::send(fd_, out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL);
+    while (m_sent < m_out.size()) {
+        const ssize_t written = ::send(m_fd, m_out.data() + m_sent, m_out.size() - m_sent, MSG_NOSIGNAL);
         if (written < 0)
             return errno == EAGAIN || errno == EINTR;
-        sent_ += static_cast<size_t>(written);
-        bytes_sent_ += static_cast<uint64_t>(written);
+        m_sent += static_cast<size_t>(written);
+        m_bytes_sent += static_cast<uint64_t>(written);
     }
-    out_.clear();
-    sent_ = 0;
+    m_out.clear();
+    m_sent = 0;
     return true;
 }
 
@@ -69,20 +69,20 @@ bool bridge_link::finish_connecting()
 {
     int error = 0;
     socklen_t size = sizeof error;
-    if (getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0)
+    if (getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0)
         return false;
-    state_ = state::waiting;
+    m_state = state::waiting;
     return true;
 }
 
 // The greeting may come in pieces; what follows it is framed.
 view bridge_link::strip_greeting(view data)
 {
-    while (state_ == state::waiting && !data.empty()) {
-        greeted_ = data[0] == static_cast<uint8_t>(greeting[greeted_]) ? greeted_ + 1 : 0;
+    while (m_state == state::waiting && !data.empty()) {
+        m_greeted = data[0] == static_cast<uint8_t>(greeting[m_greeted]) ? m_greeted + 1 : 0;
         data = data.subspan(1);
-        if (greeted_ == greeting.size())
-            state_ = state::up;
+        if (m_greeted == greeting.size())
+            m_state = state::up;
     }
     return data;
 }
@@ -91,12 +91,12 @@ bool bridge_link::read(const std::function<void(view)>& received)
 {
     std::array<uint8_t, 65'536> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
     for (;;) {
-        const ssize_t got = ::recv(fd_, buffer.data(), buffer.size(), 0);
+        const ssize_t got = ::recv(m_fd, buffer.data(), buffer.size(), 0);
         if (got == 0)
             return false;
         if (got < 0)
             return errno == EAGAIN || errno == EINTR;
-        in_.feed(strip_greeting(view{buffer}.first(static_cast<size_t>(got))), received);
+        m_in.feed(strip_greeting(view{buffer}.first(static_cast<size_t>(got))), received);
         if (static_cast<size_t>(got) < buffer.size())
             return true;
     }
@@ -104,7 +104,7 @@ bool bridge_link::read(const std::function<void(view)>& received)
 
 bool bridge_link::on_ready(bool readable, bool writable, const std::function<void(view)>& received)
 {
-    if (state_ == state::connecting && writable && !finish_connecting())
+    if (m_state == state::connecting && writable && !finish_connecting())
         return false;
     if (writable && !flush())
         return false;

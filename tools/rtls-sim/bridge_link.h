@@ -24,11 +24,11 @@ public:
     bool connect(const sockaddr_in& gateway);
     void close();
 
-    state now() const { return state_; }
-    int fd() const { return fd_; }
+    state now() const { return m_state; }
+    int fd() const { return m_fd; }
     // Whether the owner should poll for writing, too.
-    bool wants_write() const { return state_ == state::connecting || sent_ < out_.size(); }
-    size_t unsent() const { return out_.size() - sent_; }
+    bool wants_write() const { return m_state == state::connecting || m_sent < m_out.size(); }
+    size_t unsent() const { return m_out.size() - m_sent; }
 
     // Frames a message and queues it.
     void queue(view message);
@@ -38,20 +38,20 @@ public:
     // when the connection is gone.
     bool on_ready(bool readable, bool writable, const std::function<void(view)>& received);
 
-    uint64_t bytes_sent() const { return bytes_sent_; }
+    uint64_t bytes_sent() const { return m_bytes_sent; }
 
 private:
     bool finish_connecting();
     bool read(const std::function<void(view)>& received);
     view strip_greeting(view data);
 
-    int fd_ = -1;
-    state state_ = state::down;
-    size_t greeted_ = 0; // bytes of the greeting seen
-    bytes out_;
-    size_t sent_ = 0;
-    deframer in_;
-    uint64_t bytes_sent_ = 0;
+    int m_fd = -1;
+    state m_state = state::down;
+    size_t m_greeted = 0; // bytes of the greeting seen
+    bytes m_out;
+    size_t m_sent = 0;
+    deframer m_in;
+    uint64_t m_bytes_sent = 0;
 };
 
 } // namespace sim

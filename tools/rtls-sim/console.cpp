@@ -17,7 +17,7 @@ static constexpr auto counters_interval = 5s; // where they cannot be redrawn in
 static constexpr size_t buffer_size = 65'536;
 
 console::console(console_options options, FILE* out)
-    : out_(out), options_(options), is_terminal_(isatty(fileno(out)) != 0)
+    : m_out(out), m_options(options), m_is_terminal(isatty(fileno(out)) != 0)
 {
     // Lines and counters reach the screen together, at the next flush: the counters do not flicker.
     std::setvbuf(out, nullptr, _IOFBF, buffer_size);
@@ -31,95 +31,95 @@ console::~console()
 // The budget starts anew every second; what it kept back is told once.
 bool console::within_budget_locked()
 {
-    if (options_.lines_per_second == 0)
+    if (m_options.lines_per_second == 0)
         return true;
     const auto now = std::chrono::steady_clock::now();
-    if (now - second_ >= 1s) {
-        second_ = now;
-        lines_this_second_ = 0;
-        if (not_shown_ > 0)
-            print_locked(fmt::format("... {} more lines not shown (--lines, --quiet)", not_shown_));
-        not_shown_ = 0;
+    if (now - m_second >= 1s) {
+        m_second = now;
+        m_lines_this_second = 0;
+        if (m_not_shown > 0)
+            print_locked(fmt::format("... {} more lines not shown (--lines, --quiet)", m_not_shown));
+        m_not_shown = 0;
     }
-    return lines_this_second_ < options_.lines_per_second;
+    return m_lines_this_second < m_options.lines_per_second;
 }
 
 bool console::wants_traffic()
 {
-    if (options_.quiet)
+    if (m_options.quiet)
         return false;
-    const std::scoped_lock lock{mutex_};
+    const std::scoped_lock lock{m_mutex};
     if (within_budget_locked())
         return true;
-    ++not_shown_;
+    ++m_not_shown;
     return false;
 }
 
 void console::traffic(std::string_view line)
 {
-    if (options_.quiet)
+    if (m_options.quiet)
         return;
-    const std::scoped_lock lock{mutex_};
-    ++lines_this_second_;
+    const std::scoped_lock lock{m_mutex};
+    ++m_lines_this_second;
     print_locked(line);
 }
 
 void console::notice(std::string_view line)
 {
-    const std::scoped_lock lock{mutex_};
+    const std::scoped_lock lock{m_mutex};
     print_locked(line);
 }
 
 void console::counters(std::string_view line)
 {
-    const std::scoped_lock lock{mutex_};
-    counters_ = line;
+    const std::scoped_lock lock{m_mutex};
+    m_counters = line;
     const auto now = std::chrono::steady_clock::now();
-    if (is_terminal_) {
+    if (m_is_terminal) {
         draw_counters_locked();
-    } else if (now - counters_printed_ >= counters_interval) {
-        print_locked(counters_);
-        counters_printed_ = now;
+    } else if (now - m_counters_printed >= counters_interval) {
+        print_locked(m_counters);
+        m_counters_printed = now;
     }
 }
 
 bool console::flush()
 {
-    const std::scoped_lock lock{mutex_};
-    return std::fflush(out_) == 0;
+    const std::scoped_lock lock{m_mutex};
+    return std::fflush(m_out) == 0;
 }
 
 void console::finish()
 {
-    const std::scoped_lock lock{mutex_};
+    const std::scoped_lock lock{m_mutex};
     erase_counters_locked();
-    counters_.clear();
-    std::fflush(out_);
+    m_counters.clear();
+    std::fflush(m_out);
 }
 
 void console::print_locked(std::string_view line)
 {
     erase_counters_locked();
-    std::fwrite(line.data(), 1, line.size(), out_);
-    std::fputc('\n', out_);
+    std::fwrite(line.data(), 1, line.size(), m_out);
+    std::fputc('\n', m_out);
 }
 
 void console::erase_counters_locked()
 {
-    if (counters_drawn_)
-        std::fputs("\r\033[K", out_);
-    counters_drawn_ = false;
+    if (m_counters_drawn)
+        std::fputs("\r\033[K", m_out);
+    m_counters_drawn = false;
 }
 
 // Cut to the window's width: a line that wraps could not be erased again.
 void console::draw_counters_locked()
 {
     winsize window{};
-    if (counters_.empty() || ioctl(fileno(out_), TIOCGWINSZ, &window) != 0)
+    if (m_counters.empty() || ioctl(fileno(m_out), TIOCGWINSZ, &window) != 0)
         return;
     const size_t width = window.ws_col > 0 ? window.ws_col : 80;
-    fmt::print(out_, "\r\033[K\033[7m{:.{}}\033[0m", counters_, width - 1);
-    counters_drawn_ = true;
+    fmt::print(m_out, "\r\033[K\033[7m{:.{}}\033[0m", m_counters, width - 1);
+    m_counters_drawn = true;
 }
 
 std::string wall_clock()

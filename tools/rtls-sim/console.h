@@ -45,16 +45,16 @@ private:
     void erase_counters_locked();
     void draw_counters_locked();
 
-    std::mutex mutex_;
-    FILE* out_;
-    console_options options_;
-    bool is_terminal_;
-    bool counters_drawn_ = false;
-    std::string counters_;
-    std::chrono::steady_clock::time_point counters_printed_{};
-    std::chrono::steady_clock::time_point second_{};
-    unsigned lines_this_second_ = 0;
-    uint64_t not_shown_ = 0;
+    std::mutex m_mutex;
+    FILE* m_out;
+    console_options m_options;
+    bool m_is_terminal;
+    bool m_counters_drawn = false;
+    std::string m_counters;
+    std::chrono::steady_clock::time_point m_counters_printed{};
+    std::chrono::steady_clock::time_point m_second{};
+    unsigned m_lines_this_second = 0;
+    uint64_t m_not_shown = 0;
 };
 
 // "12:00:01.250", local time.

@@ -107,20 +107,20 @@ bool report_maker::chance(unsigned percent)
 
 uint64_t report_maker::below(uint64_t limit)
 {
-    return random_() % limit;
+    return m_random() % limit;
 }
 
 bytes report_maker::noise(size_t size)
 {
     bytes out(size);
     for (uint8_t& byte : out)
-        byte = static_cast<uint8_t>(random_());
+        byte = static_cast<uint8_t>(m_random());
     return out;
 }
 
 stamp_t report_maker::next_stamp()
 {
-    return {run_, ++stamps_, realtime_ns()};
+    return {m_run, ++m_stamps, realtime_ns()};
 }
 
 uplink_t report_maker::make_sensor_of(device& from)

@@ -38,7 +38,7 @@ device make_device(unsigned bridge, unsigned node, unsigned forwarded_percent, s
 // Makes reports. Everything random in them follows from the seed.
 class report_maker {
 public:
-    report_maker(uint64_t seed, uint32_t run) : random_(seed), run_(run) {}
+    report_maker(uint64_t seed, uint32_t run) : m_random(seed), m_run(run) {}
 
     // What a device of this role may report next.
     kind choose(const device& from);
@@ -50,7 +50,7 @@ public:
     bool chance(unsigned percent);
     // A number in [0, limit).
     uint64_t below(uint64_t limit);
-    std::mt19937_64& random() { return random_; }
+    std::mt19937_64& random() { return m_random; }
 
 private:
     bytes noise(size_t size);
@@ -61,9 +61,9 @@ private:
     uplink_t make_route_of(device& from);
     uplink_t make_generic_of(device& from);
 
-    std::mt19937_64 random_;
-    uint32_t run_;
-    uint64_t stamps_ = 0;
+    std::mt19937_64 m_random;
+    uint32_t m_run;
+    uint64_t m_stamps = 0;
 };
 
 } // namespace sim

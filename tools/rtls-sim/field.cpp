@@ -26,8 +26,8 @@ static constexpr auto prefix_timeout = 3s;
 static constexpr auto tend_interval = 50ms;
 
 field::field(const field_options& options, tracker& tracker, console& out)
-    : options_(options), tracker_(tracker), out_(out),
-      maker_(options.seed, static_cast<uint32_t>(realtime_ns() >> 20))
+    : m_options(options), m_tracker(tracker), m_out(out),
+      m_maker(options.seed, static_cast<uint32_t>(realtime_ns() >> 20))
 {
     open_poll();
     build_bridges();
@@ -35,51 +35,51 @@ field::field(const field_options& options, tracker& tracker, console& out)
 
 field::~field()
 {
-    bridges_.clear();
-    close(wake_);
-    close(poll_);
+    m_bridges.clear();
+    close(m_wake);
+    close(m_poll);
 }
 
 void field::open_poll()
 {
-    poll_ = epoll_create1(EPOLL_CLOEXEC);
-    wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    m_poll = epoll_create1(EPOLL_CLOEXEC);
+    m_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.ptr = nullptr;
-    if (poll_ < 0 || wake_ < 0 || epoll_ctl(poll_, EPOLL_CTL_ADD, wake_, &event) != 0)
+    if (m_poll < 0 || m_wake < 0 || epoll_ctl(m_poll, EPOLL_CTL_ADD, m_wake, &event) != 0)
         throw std::system_error{errno, std::generic_category(), "epoll"};
 }
 
 void field::build_bridges()
 {
-    for (unsigned number = 1; number <= options_.bridges; ++number) {
+    for (unsigned number = 1; number <= m_options.bridges; ++number) {
         auto b = std::make_unique<bridge>();
         b->number = number;
-        b->self = make_device(number, 0, 0, maker_.random());
-        for (unsigned node = 1; node <= options_.nodes; ++node)
-            b->nodes.push_back(make_device(number, node, options_.forwarded_percent, maker_.random()));
-        bridges_.push_back(std::move(b));
+        b->self = make_device(number, 0, 0, m_maker.random());
+        for (unsigned node = 1; node <= m_options.nodes; ++node)
+            b->nodes.push_back(make_device(number, node, m_options.forwarded_percent, m_maker.random()));
+        m_bridges.push_back(std::move(b));
     }
     // Bridges take turns, so that no connection gets a burst.
-    for (unsigned node = 0; node <= options_.nodes; ++node)
-        for (const auto& b : bridges_)
-            devices_.push_back(node == 0 ? &b->self : &b->nodes[node - 1]);
-    for (device* d : devices_)
-        by_ip_.emplace(hex(d->ip), d);
+    for (unsigned node = 0; node <= m_options.nodes; ++node)
+        for (const auto& b : m_bridges)
+            m_devices.push_back(node == 0 ? &b->self : &b->nodes[node - 1]);
+    for (device* d : m_devices)
+        m_by_ip.emplace(hex(d->ip), d);
 }
 
 void field::wake() const
 {
     const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(wake_, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(m_wake, &one, sizeof one);
 }
 
 void field::post(std::function<void()> job)
 {
     {
-        const std::scoped_lock lock{jobs_mutex_};
-        jobs_.push_back(std::move(job));
+        const std::scoped_lock lock{m_jobs_mutex};
+        m_jobs.push_back(std::move(job));
     }
     wake();
 }
@@ -88,8 +88,8 @@ void field::run_jobs()
 {
     std::vector<std::function<void()>> jobs;
     {
-        const std::scoped_lock lock{jobs_mutex_};
-        jobs.swap(jobs_);
+        const std::scoped_lock lock{m_jobs_mutex};
+        jobs.swap(m_jobs);
     }
     for (const auto& job : jobs)
         job();
@@ -98,7 +98,7 @@ void field::run_jobs()
 void field::run(const std::stop_token& stop)
 {
     const std::stop_callback wake_up{stop, [this] { wake(); }};
-    counted_at_ = steady::now();
+    m_counted_at = steady::now();
     while (!stop.stop_requested()) {
         handle_events(wait_time_ms());
         run_jobs();
@@ -114,22 +114,22 @@ void field::run(const std::stop_token& stop)
 int field::wait_time_ms() const
 {
     const auto longest = static_cast<double>(std::chrono::milliseconds{tend_interval}.count());
-    if (!to_introduce_.empty())
+    if (!m_to_introduce.empty())
         return 1;
-    if (!reports_flow_ || introduced_ == 0 || options_.rate <= 0)
+    if (!m_reports_flow || m_introduced == 0 || m_options.rate <= 0)
         return static_cast<int>(longest);
-    return static_cast<int>(std::clamp((1 - due_) * 1000 / options_.rate, 1.0, longest));
+    return static_cast<int>(std::clamp((1 - m_due) * 1000 / m_options.rate, 1.0, longest));
 }
 
 void field::handle_events(int timeout_ms)
 {
     std::array<epoll_event, 256> events{};
-    const int count = epoll_wait(poll_, events.data(), static_cast<int>(events.size()), timeout_ms);
+    const int count = epoll_wait(m_poll, events.data(), static_cast<int>(events.size()), timeout_ms);
     for (int i = 0; i < count; ++i) {
         auto* b = static_cast<bridge*>(events[static_cast<size_t>(i)].data.ptr);
         if (b == nullptr) {
             uint64_t drained = 0;
-            [[maybe_unused]] const ssize_t got = read(wake_, &drained, sizeof drained);
+            [[maybe_unused]] const ssize_t got = read(m_wake, &drained, sizeof drained);
             continue;
         }
         const uint32_t what = events[static_cast<size_t>(i)].events;
@@ -157,17 +157,17 @@ void field::watch(bridge& b)
     event.events = wanted;
     event.data.ptr = &b;
     if (b.link.fd() >= 0)
-        epoll_ctl(poll_, b.watched == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, b.link.fd(), &event);
+        epoll_ctl(m_poll, b.watched == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, b.link.fd(), &event);
     b.watched = wanted;
 }
 
 void field::tend_bridges()
 {
     const auto now = steady::now();
-    if (now - tended_at_ < tend_interval)
+    if (now - m_tended_at < tend_interval)
         return;
-    tended_at_ = now;
-    for (const auto& b : bridges_)
+    m_tended_at = now;
+    for (const auto& b : m_bridges)
         tend_bridge(*b, now);
 }
 
@@ -175,11 +175,11 @@ void field::tend_bridge(bridge& b, steady::time_point now)
 {
     switch (b.link.now()) {
     case bridge_link::state::down:
-        if (may_connect_ && now >= b.connect_at && std::ranges::count_if(bridges_, [](const auto& other) {
-                                                       const auto state = other->link.now();
-                                                       return state == bridge_link::state::connecting ||
-                                                              state == bridge_link::state::waiting;
-                                                   }) < most_connecting)
+        if (m_may_connect && now >= b.connect_at && std::ranges::count_if(m_bridges, [](const auto& other) {
+                                                        const auto state = other->link.now();
+                                                        return state == bridge_link::state::connecting ||
+                                                               state == bridge_link::state::waiting;
+                                                    }) < most_connecting)
             connect(b);
         break;
     case bridge_link::state::connecting:
@@ -198,30 +198,30 @@ void field::tend_bridge(bridge& b, steady::time_point now)
 void field::connect(bridge& b)
 {
     const auto now = steady::now();
-    if (!gateway_known_ && now >= discover_at_) {
-        const auto asked = resolve(options_.discover ? options_.discovery_address : options_.host,
-                                   options_.discover ? options_.discovery_port : options_.win_port);
+    if (!m_gateway_known && now >= m_discover_at) {
+        const auto asked = resolve(m_options.discover ? m_options.discovery_address : m_options.host,
+                                   m_options.discover ? m_options.discovery_port : m_options.win_port);
         const auto found =
-            asked && options_.discover ? discover_gateway(*asked, b.self.signs.mac, 500ms) : asked;
-        discover_at_ = now + 1s;
-        if (found && options_.discover)
-            out_.notice(fmt::format("discovered the gateway at {}", endpoint_text(*found)));
+            asked && m_options.discover ? discover_gateway(*asked, b.self.signs.mac, 500ms) : asked;
+        m_discover_at = now + 1s;
+        if (found && m_options.discover)
+            m_out.notice(fmt::format("discovered the gateway at {}", endpoint_text(*found)));
         else if (!found)
-            out_.notice(options_.discover ? "no answer to the discovery request" : "unknown gateway host");
+            m_out.notice(m_options.discover ? "no answer to the discovery request" : "unknown gateway host");
         if (found) {
-            gateway_ = *found;
-            gateway_known_ = true;
+            m_gateway = *found;
+            m_gateway_known = true;
         }
     }
     b.connect_at = now + connect_again_after;
     b.give_up_at = now + greeting_timeout;
-    if (gateway_known_ && b.link.connect(gateway_))
+    if (m_gateway_known && b.link.connect(m_gateway))
         watch(b);
 }
 
 void field::disconnect(bridge& b, const char* why)
 {
-    out_.notice(fmt::format("bridge {}: {}", short_mac(b.self.signs.mac), why));
+    m_out.notice(fmt::format("bridge {}: {}", short_mac(b.self.signs.mac), why));
     b.link.close();
     b.watched = 0;
     b.asked = false;
@@ -231,17 +231,17 @@ void field::disconnect(bridge& b, const char* why)
     if (!b.joined)
         return;
     b.joined = false;
-    --joined_;
+    --m_joined;
     const auto forget = [this](device& d) {
         if (d.introduced)
-            --introduced_;
+            --m_introduced;
         d.introduced = false;
     };
     std::ranges::for_each(b.nodes, forget);
     b.self.introduced = false;
-    std::erase_if(to_introduce_, [&](const device* d) { return d->bridge == b.number; });
-    if (options_.discover)
-        gateway_known_ = false; // it may come back elsewhere
+    std::erase_if(m_to_introduce, [&](const device* d) { return d->bridge == b.number; });
+    if (m_options.discover)
+        m_gateway_known = false; // it may come back elsewhere
 }
 
 void field::ask_prefix(bridge& b)
@@ -261,27 +261,27 @@ void field::join(bridge& b, const downlink_t& message)
     if (b.joined)
         return;
     b.joined = true;
-    ++joined_;
+    ++m_joined;
     b.self.introduced = true;
     send_kind(kind::root_announce, b.self);
     send_kind(kind::heartbeat, b.self);
     for (device& d : b.nodes)
-        to_introduce_.push_back(&d);
+        m_to_introduce.push_back(&d);
 }
 
 bool field::is_complete() const
 {
-    return joined_ == options_.bridges && introduced_ == options_.bridges * options_.nodes;
+    return m_joined == m_options.bridges && m_introduced == m_options.bridges * m_options.nodes;
 }
 
 void field::list_devices()
 {
     post([this] {
-        for (const device* d : devices_)
-            out_.notice(fmt::format("{} {:<11} bridge {:<3} {:<9} seq {:3} sw {:08X} xyz {},{},{} {}",
-                                    short_mac(d->signs.mac), role_name(d->signs.role & 0x0F), d->bridge,
-                                    d->forwarded ? "forwarded" : "direct", d->seq, d->signs.sw_version,
-                                    d->signs.x, d->signs.y, d->signs.z, ip_text(d->ip)));
+        for (const device* d : m_devices)
+            m_out.notice(fmt::format("{} {:<11} bridge {:<3} {:<9} seq {:3} sw {:08X} xyz {},{},{} {}",
+                                     short_mac(d->signs.mac), role_name(d->signs.role & 0x0F), d->bridge,
+                                     d->forwarded ? "forwarded" : "direct", d->seq, d->signs.sw_version,
+                                     d->signs.x, d->signs.y, d->signs.z, ip_text(d->ip)));
     });
 }
 

@@ -56,13 +56,13 @@ public:
 
     // From any thread:
     // Bridges connect from now on: before, the servers may not be there to receive what they report.
-    void let_bridges_connect() { may_connect_ = true; }
+    void let_bridges_connect() { m_may_connect = true; }
     // Reports flow (or not), once a bridge has joined and introduced its nodes.
-    void let_reports_flow(bool flow) { reports_flow_ = flow; }
+    void let_reports_flow(bool flow) { m_reports_flow = flow; }
     // Every bridge has joined and every node was introduced.
     bool is_complete() const;
-    field_state state() const { return {joined_.load(), introduced_.load()}; }
-    uint64_t reports_made() const { return made_.load(); }
+    field_state state() const { return {m_joined.load(), m_introduced.load()}; }
+    uint64_t reports_made() const { return m_made.load(); }
     // A node starts to fetch an image. Answered on the console.
     void start_ota(const mac_t& node, const ota_order& order, uint16_t page_size);
     // One line per device, on the console.
@@ -73,7 +73,7 @@ public:
         unsigned succeeded = 0;
         unsigned failed = 0;
     };
-    ota_counts ota() const { return {ota_running_.load(), ota_succeeded_.load(), ota_failed_.load()}; }
+    ota_counts ota() const { return {m_ota_running.load(), m_ota_succeeded.load(), m_ota_failed.load()}; }
 
 private:
     struct bridge {
@@ -137,40 +137,40 @@ private:
     void end_fetch(device& d, const fetch& ended);
     device* find(const mac_t& mac);
     device* addressed(const downlink_t& message);
-    bridge& bridge_of(const device& d) { return *bridges_[d.bridge - 1]; }
+    bridge& bridge_of(const device& d) { return *m_bridges[d.bridge - 1]; }
 
-    field_options options_;
-    tracker& tracker_;
-    console& out_;
-    report_maker maker_;
-    sockaddr_in gateway_{};
-    bool gateway_known_ = false;
-    steady::time_point discover_at_{};
-    int poll_ = -1;
-    int wake_ = -1;
-    std::vector<std::unique_ptr<bridge>> bridges_;
-    std::vector<bridge*> to_flush_; // have something to write since the last turn
-    std::vector<device*> devices_;  // all, bridges included, in the order in which they report
-    std::unordered_map<std::string, device*> by_ip_;
-    size_t next_device_ = 0;
-    std::deque<device*> to_introduce_;
-    std::unordered_map<device*, fetch> fetches_;
-    std::unordered_map<device*, uint32_t> fetched_; // git ids of complete images, to be applied
-    double due_ = 0;                                // reports, in fractions
-    steady::time_point counted_at_{};
-    steady::time_point introduced_at_{};
-    steady::time_point tended_at_{};
+    field_options m_options;
+    tracker& m_tracker;
+    console& m_out;
+    report_maker m_maker;
+    sockaddr_in m_gateway{};
+    bool m_gateway_known = false;
+    steady::time_point m_discover_at{};
+    int m_poll = -1;
+    int m_wake = -1;
+    std::vector<std::unique_ptr<bridge>> m_bridges;
+    std::vector<bridge*> m_to_flush; // have something to write since the last turn
+    std::vector<device*> m_devices;  // all, bridges included, in the order in which they report
+    std::unordered_map<std::string, device*> m_by_ip;
+    size_t m_next_device = 0;
+    std::deque<device*> m_to_introduce;
+    std::unordered_map<device*, fetch> m_fetches;
+    std::unordered_map<device*, uint32_t> m_fetched; // git ids of complete images, to be applied
+    double m_due = 0;                                // reports, in fractions
+    steady::time_point m_counted_at{};
+    steady::time_point m_introduced_at{};
+    steady::time_point m_tended_at{};
 
-    std::mutex jobs_mutex_;
-    std::vector<std::function<void()>> jobs_;
-    std::atomic<bool> may_connect_{false};
-    std::atomic<bool> reports_flow_{false};
-    std::atomic<unsigned> joined_{0};
-    std::atomic<unsigned> introduced_{0};
-    std::atomic<uint64_t> made_{0};
-    std::atomic<unsigned> ota_running_{0};
-    std::atomic<unsigned> ota_succeeded_{0};
-    std::atomic<unsigned> ota_failed_{0};
+    std::mutex m_jobs_mutex;
+    std::vector<std::function<void()>> m_jobs;
+    std::atomic<bool> m_may_connect{false};
+    std::atomic<bool> m_reports_flow{false};
+    std::atomic<unsigned> m_joined{0};
+    std::atomic<unsigned> m_introduced{0};
+    std::atomic<uint64_t> m_made{0};
+    std::atomic<unsigned> m_ota_running{0};
+    std::atomic<unsigned> m_ota_succeeded{0};
+    std::atomic<unsigned> m_ota_failed{0};
 };
 
 } // namespace sim

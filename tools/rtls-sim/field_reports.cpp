@@ -21,17 +21,17 @@ static constexpr uint64_t overheard_one_in = 16;
 void field::introduce_nodes()
 {
     const auto now = steady::now();
-    const std::chrono::duration<double> elapsed = now - introduced_at_;
+    const std::chrono::duration<double> elapsed = now - m_introduced_at;
     const auto allowed =
         static_cast<size_t>(std::min(elapsed.count(), catch_up_s) * introductions_per_second);
     if (allowed == 0)
         return;
-    introduced_at_ = now;
-    for (size_t i = 0; i < allowed && !to_introduce_.empty(); ++i) {
-        device* d = to_introduce_.front();
+    m_introduced_at = now;
+    for (size_t i = 0; i < allowed && !m_to_introduce.empty(); ++i) {
+        device* d = m_to_introduce.front();
         if (bridge_of(*d).link.unsent() > most_unsent)
             return;
-        to_introduce_.pop_front();
+        m_to_introduce.pop_front();
         introduce(*d);
     }
 }
@@ -41,49 +41,49 @@ void field::introduce(device& d)
     // A gateway that knows the node from an earlier run may take the first message for a duplicate.
     bridge& b = bridge_of(d);
     const bool first = !d.introduced;
-    send(d, maker_.make(kind::node_announce, d, b.self.signs.mac, b.prefix, b.version), b, false, true);
+    send(d, m_maker.make(kind::node_announce, d, b.self.signs.mac, b.prefix, b.version), b, false, true);
     d.introduced = true;
     if (first)
-        ++introduced_;
+        ++m_introduced;
     send_kind(kind::heartbeat, d);
 }
 
 bool field::is_ready(const device& d) const
 {
-    const bridge& b = *bridges_[d.bridge - 1];
+    const bridge& b = *m_bridges[d.bridge - 1];
     return d.introduced && b.joined && b.link.unsent() <= most_unsent && steady::now() >= d.silent_until;
 }
 
 void field::make_due_reports()
 {
     const auto now = steady::now();
-    const std::chrono::duration<double> elapsed = now - counted_at_;
-    counted_at_ = now;
-    if (!reports_flow_ || introduced_ + joined_ == 0) {
-        due_ = 0;
+    const std::chrono::duration<double> elapsed = now - m_counted_at;
+    m_counted_at = now;
+    if (!m_reports_flow || m_introduced + m_joined == 0) {
+        m_due = 0;
         return;
     }
-    due_ += elapsed.count() * options_.rate;
-    while (due_ >= 1 && make_report())
-        due_ -= 1;
-    const double most = std::max(1.0, options_.rate * catch_up_s);
-    if (due_ > most) {
-        tracker_.stalled(static_cast<uint64_t>(due_ - most));
-        due_ = most;
+    m_due += elapsed.count() * m_options.rate;
+    while (m_due >= 1 && make_report())
+        m_due -= 1;
+    const double most = std::max(1.0, m_options.rate * catch_up_s);
+    if (m_due > most) {
+        m_tracker.stalled(static_cast<uint64_t>(m_due - most));
+        m_due = most;
     }
 }
 
 // One report of the next device that can make one; false when none can.
 bool field::make_report()
 {
-    for (size_t tried = 0; tried < devices_.size(); ++tried) {
-        device& d = *devices_[next_device_];
-        next_device_ = (next_device_ + 1) % devices_.size();
+    for (size_t tried = 0; tried < m_devices.size(); ++tried) {
+        device& d = *m_devices[m_next_device];
+        m_next_device = (m_next_device + 1) % m_devices.size();
         if (!is_ready(d))
             continue;
         const bool due = steady::now() >= d.next_heartbeat;
-        send_kind(due ? kind::heartbeat : maker_.choose(d), d);
-        ++made_;
+        send_kind(due ? kind::heartbeat : m_maker.choose(d), d);
+        ++m_made;
         return true;
     }
     return false;
@@ -101,23 +101,23 @@ void field::send_kind(kind k, device& d)
     }
     bridge* via = &own;
     bool foreign = false;
-    if (d.forwarded && bridges_.size() > 1 && maker_.below(overheard_one_in) == 0) {
-        bridge& other = *bridges_[(own.number + maker_.below(bridges_.size() - 1)) % bridges_.size()];
+    if (d.forwarded && m_bridges.size() > 1 && m_maker.below(overheard_one_in) == 0) {
+        bridge& other = *m_bridges[(own.number + m_maker.below(m_bridges.size() - 1)) % m_bridges.size()];
         foreign = other.joined && other.link.unsent() <= most_unsent;
         if (foreign)
             via = &other;
     }
-    send(d, maker_.make(k, d, via->self.signs.mac, own.prefix, own.version), *via, foreign, false);
+    send(d, m_maker.make(k, d, via->self.signs.mac, own.prefix, own.version), *via, foreign, false);
 }
 
 void field::send_ping(bridge& b)
 {
-    const uplink_t ping = maker_.make_ping_of(b.self);
+    const uplink_t ping = m_maker.make_ping_of(b.self);
     bytes frame = ping.body;
-    if (maker_.chance(options_.timestamp_percent))
+    if (m_maker.chance(m_options.timestamp_percent))
         frame = sent_with_time(frame, ping.seq, {static_cast<uint32_t>(realtime_ns() / 1'000'000'000U), 0});
     b.pings.emplace(std::string{frame.begin(), frame.end()}, steady::now());
-    tracker_.sent_ping();
+    m_tracker.sent_ping();
     queue(b, frame);
 }
 
@@ -156,40 +156,40 @@ void field::send(device& d, const uplink_t& message, bridge& via, bool foreign, 
                                                envelope_seq, d.ip)
                               : sent_directly(message, via.self.signs.mac, d.ip);
     uint16_t flags = d.direct_mask ? flag_direct : uint16_t{0};
-    if (can_be_acknowledged(message.kind) && maker_.chance(options_.ack_percent)) {
+    if (can_be_acknowledged(message.kind) && m_maker.chance(m_options.ack_percent)) {
         flags |= flag_ack;
         via.acks.emplace(ack_key(d.forwarded ? envelope_seq : message.seq, d, message.kind), steady::now());
-        tracker_.wanted_ack();
+        m_tracker.wanted_ack();
     }
     set_flags(frame, flags);
     sent_report record{message.kind, message.from, message.seq, message.to, message.content, {}, optional};
-    if (maker_.chance(options_.timestamp_percent)) {
-        const generation_time time = recent_time(maker_);
+    if (m_maker.chance(m_options.timestamp_percent)) {
+        const generation_time time = recent_time(m_maker);
         frame = sent_with_time(frame, message.seq, time);
         if (message.to == outlet::handler) // management lines bear the time at which the gateway writes them
             record.time = report_time{time.seconds, time.milliseconds()};
     }
-    tracker_.sent(std::move(record));
+    m_tracker.sent(std::move(record));
     queue(via, frame);
 }
 
 void field::queue(bridge& b, view message)
 {
     if (b.link.unsent() == 0)
-        to_flush_.push_back(&b);
+        m_to_flush.push_back(&b);
     b.link.queue(message);
 }
 
 void field::flush_links()
 {
-    for (bridge* b : to_flush_) {
+    for (bridge* b : m_to_flush) {
         if (b->link.fd() < 0)
             continue;
         if (!b->link.flush())
             disconnect(*b, "connection closed by the gateway");
         watch(*b);
     }
-    to_flush_.clear();
+    m_to_flush.clear();
 }
 
 } // namespace sim

@@ -106,9 +106,9 @@ struct image_server::state {
 
 image_server::image_server(const std::string& address, uint16_t port, const std::filesystem::path& directory,
                            std::function<void(const std::string&)> served)
-    : state_(std::make_unique<state>())
+    : m_state(std::make_unique<state>())
 {
-    httplib::Server& server = state_->server;
+    httplib::Server& server = m_state->server;
     if (!server.set_mount_point("/", directory.string()))
         return;
     server.set_logger(
@@ -118,33 +118,33 @@ image_server::image_server(const std::string& address, uint16_t port, const std:
         });
     if (port == 0) {
         const int bound = server.bind_to_any_port(address);
-        state_->port = bound > 0 ? static_cast<uint16_t>(bound) : uint16_t{0};
+        m_state->port = bound > 0 ? static_cast<uint16_t>(bound) : uint16_t{0};
     } else if (server.bind_to_port(address, port)) {
-        state_->port = port;
+        m_state->port = port;
     }
-    if (state_->port != 0)
-        state_->thread = std::thread{[&server] { server.listen_after_bind(); }};
+    if (m_state->port != 0)
+        m_state->thread = std::thread{[&server] { server.listen_after_bind(); }};
 }
 
 image_server::~image_server()
 {
-    if (!state_->thread.joinable())
+    if (!m_state->thread.joinable())
         return;
     // stop() before the thread has begun to listen would be forgotten.
-    while (!state_->server.is_running())
+    while (!m_state->server.is_running())
         std::this_thread::yield();
-    state_->server.stop();
-    state_->thread.join();
+    m_state->server.stop();
+    m_state->thread.join();
 }
 
 bool image_server::is_up() const
 {
-    return state_->thread.joinable();
+    return m_state->thread.joinable();
 }
 
 uint16_t image_server::port() const
 {
-    return state_->port;
+    return m_state->port;
 }
 
 } // namespace sim

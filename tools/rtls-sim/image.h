@@ -50,7 +50,7 @@ public:
 
 private:
     struct state;
-    std::unique_ptr<state> state_;
+    std::unique_ptr<state> m_state;
 };
 
 } // namespace sim

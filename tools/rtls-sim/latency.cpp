@@ -27,21 +27,21 @@ uint64_t latency::upper_end(size_t bucket)
 void latency::add(std::chrono::nanoseconds time)
 {
     time = std::max(time, std::chrono::nanoseconds{0}); // clocks of two processes may differ by a hair
-    ++counts_[bucket_of(static_cast<uint64_t>(time.count()))];
-    ++count_;
-    max_ = std::max(max_, time);
+    ++m_counts[bucket_of(static_cast<uint64_t>(time.count()))];
+    ++m_count;
+    m_max = std::max(m_max, time);
 }
 
 std::chrono::nanoseconds latency::percentile(double share) const
 {
-    const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(count_)));
+    const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(m_count)));
     uint64_t seen = 0;
     for (size_t bucket = 0; bucket < buckets; ++bucket) {
-        seen += counts_[bucket];
+        seen += m_counts[bucket];
         if (seen >= wanted && seen > 0)
-            return std::min(max_, std::chrono::nanoseconds{upper_end(bucket)});
+            return std::min(m_max, std::chrono::nanoseconds{upper_end(bucket)});
     }
-    return max_;
+    return m_max;
 }
 
 static double milliseconds(std::chrono::nanoseconds time)
@@ -51,11 +51,11 @@ static double milliseconds(std::chrono::nanoseconds time)
 
 std::string latency::summary() const
 {
-    if (count_ == 0)
+    if (m_count == 0)
         return "no samples";
     return fmt::format("p50 {:.3f} ms  p90 {:.3f} ms  p99 {:.3f} ms  p99.9 {:.3f} ms  max {:.3f} ms",
                        milliseconds(percentile(0.5)), milliseconds(percentile(0.9)),
-                       milliseconds(percentile(0.99)), milliseconds(percentile(0.999)), milliseconds(max_));
+                       milliseconds(percentile(0.99)), milliseconds(percentile(0.999)), milliseconds(m_max));
 }
 
 } // namespace sim

@@ -13,8 +13,8 @@ namespace sim {
 class latency {
 public:
     void add(std::chrono::nanoseconds time);
-    uint64_t count() const { return count_; }
-    std::chrono::nanoseconds max() const { return max_; }
+    uint64_t count() const { return m_count; }
+    std::chrono::nanoseconds max() const { return m_max; }
     // The time within which `share` (0..1) of all lie, rounded up to the histogram's resolution.
     std::chrono::nanoseconds percentile(double share) const;
     // "p50 0.12 ms  p90 .. p99 .. p99.9 .. max .."
@@ -27,9 +27,9 @@ private:
     static size_t bucket_of(uint64_t ns);
     static uint64_t upper_end(size_t bucket);
 
-    std::array<uint64_t, buckets> counts_{};
-    uint64_t count_ = 0;
-    std::chrono::nanoseconds max_{0};
+    std::array<uint64_t, buckets> m_counts{};
+    uint64_t m_count = 0;
+    std::chrono::nanoseconds m_max{0};
 };
 
 } // namespace sim

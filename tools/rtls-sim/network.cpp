@@ -51,21 +51,21 @@ private:
     void summarize();
     bool is_good() const;
 
-    const network_options& options_;
-    console out_;
-    tracker tracker_;
-    std::unique_ptr<field> field_;
-    std::unique_ptr<servers> servers_;
-    std::unique_ptr<image_server> images_;
-    std::vector<std::jthread> threads_;
-    int signals_ = -1;
-    bool input_open_;
-    std::string typed_;
-    phase phase_ = phase::gathering;
-    steady::time_point entered_ = steady::now();
-    steady::time_point started_ = steady::now();
-    bool timed_out_ = false;
-    bool interrupted_ = false;
+    const network_options& m_options;
+    console m_out;
+    tracker m_tracker;
+    std::unique_ptr<field> m_field;
+    std::unique_ptr<servers> m_servers;
+    std::unique_ptr<image_server> m_images;
+    std::vector<std::jthread> m_threads;
+    int m_signals = -1;
+    bool m_input_open;
+    std::string m_typed;
+    phase m_phase = phase::gathering;
+    steady::time_point m_entered = steady::now();
+    steady::time_point m_started = steady::now();
+    bool m_timed_out = false;
+    bool m_interrupted = false;
 };
 
 // Signals arrive on a descriptor; the threads started later inherit the mask.
@@ -81,67 +81,69 @@ static int open_signals()
 }
 
 network::network(const network_options& options)
-    : options_(options), out_(options.console), signals_(open_signals()), input_open_(options.read_commands)
+    : m_options(options), m_out(options.console), m_signals(open_signals()),
+      m_input_open(options.read_commands)
 {
     if (!options.with_servers)
-        tracker_.count_only();
+        m_tracker.count_only();
     if (options.with_servers)
-        servers_ = std::make_unique<servers>(options.servers, options.with_field ? &tracker_ : nullptr, out_);
+        m_servers =
+            std::make_unique<servers>(options.servers, options.with_field ? &m_tracker : nullptr, m_out);
     if (options.with_field)
-        field_ = std::make_unique<field>(options.field, tracker_, out_);
+        m_field = std::make_unique<field>(options.field, m_tracker, m_out);
     if (!options.images.empty())
-        images_ = std::make_unique<image_server>(options.servers.address, options.http_port, options.images,
-                                                 [this](const std::string& line) { out_.notice(line); });
+        m_images = std::make_unique<image_server>(options.servers.address, options.http_port, options.images,
+                                                  [this](const std::string& line) { m_out.notice(line); });
 }
 
 void network::start_threads()
 {
-    if (servers_)
-        threads_.emplace_back([this](const std::stop_token& stop) { servers_->run(stop); });
-    if (field_)
-        threads_.emplace_back([this](const std::stop_token& stop) { field_->run(stop); });
+    if (m_servers)
+        m_threads.emplace_back([this](const std::stop_token& stop) { m_servers->run(stop); });
+    if (m_field)
+        m_threads.emplace_back([this](const std::stop_token& stop) { m_field->run(stop); });
 }
 
 // The field first: then nothing is sent any more that the servers would miss.
 void network::stop_threads()
 {
-    while (!threads_.empty()) {
-        threads_.back().request_stop();
-        threads_.pop_back();
+    while (!m_threads.empty()) {
+        m_threads.back().request_stop();
+        m_threads.pop_back();
     }
 }
 
 int network::run()
 {
-    if (images_ && !images_->is_up()) {
-        out_.notice(fmt::format("cannot serve {} on port {}", options_.images, options_.http_port));
+    if (m_images && !m_images->is_up()) {
+        m_out.notice(fmt::format("cannot serve {} on port {}", m_options.images, m_options.http_port));
         return 1;
     }
-    if (images_)
-        out_.notice(fmt::format("serving {} at http://127.0.0.1:{}/", options_.images, images_->port()));
+    if (m_images)
+        m_out.notice(fmt::format("serving {} at http://127.0.0.1:{}/", m_options.images, m_images->port()));
     start_threads();
-    if (servers_)
-        out_.notice("waiting for the gateway to connect to message handler and proxy");
-    while (phase_ != phase::over) {
+    if (m_servers)
+        m_out.notice("waiting for the gateway to connect to message handler and proxy");
+    while (m_phase != phase::over) {
         wait_and_read();
         advance();
-        out_.counters(counters());
-        if (!out_.flush())
-            phase_ = phase::over; // nobody reads what we say
+        m_out.counters(counters());
+        if (!m_out.flush())
+            m_phase = phase::over; // nobody reads what we say
     }
     stop_threads();
     summarize();
-    return options_.check && !is_good() ? 1 : 0;
+    return m_options.check && !is_good() ? 1 : 0;
 }
 
 void network::wait_and_read()
 {
-    std::array<pollfd, 2> waiting{{{signals_, POLLIN, 0}, {input_open_ ? STDIN_FILENO : -1, POLLIN, 0}}};
+    std::array<pollfd, 2> waiting{{{m_signals, POLLIN, 0}, {m_input_open ? STDIN_FILENO : -1, POLLIN, 0}}};
     poll(waiting.data(), waiting.size(), static_cast<int>(std::chrono::milliseconds{tick}.count()));
     if (waiting[0].revents != 0) {
         signalfd_siginfo info{};
-        [[maybe_unused]] const ssize_t got = read(signals_, &info, sizeof info);
-        interrupted_ = true;
+        [[maybe_unused]] const ssize_t got = read(m_signals, &info, sizeof info);
+        m_interrupted = true;
         enter(phase::over);
     }
     if (waiting[1].revents != 0)
@@ -153,13 +155,13 @@ void network::read_standard_input()
     std::array<char, 4096> buffer{};
     const ssize_t got = read(STDIN_FILENO, buffer.data(), buffer.size());
     if (got <= 0) {
-        input_open_ = false;
+        m_input_open = false;
         return;
     }
-    typed_.append(buffer.data(), static_cast<size_t>(got));
-    for (size_t end = typed_.find('\n'); end != std::string::npos; end = typed_.find('\n')) {
-        obey(typed_.substr(0, end));
-        typed_.erase(0, end + 1);
+    m_typed.append(buffer.data(), static_cast<size_t>(got));
+    for (size_t end = m_typed.find('\n'); end != std::string::npos; end = m_typed.find('\n')) {
+        obey(m_typed.substr(0, end));
+        m_typed.erase(0, end + 1);
     }
 }
 
@@ -171,26 +173,26 @@ void network::obey(const std::string& line)
     if (words[0] == "quit" || words[0] == "exit")
         return enter(phase::over);
     if (words[0] == "help")
-        return out_.notice(fmt::format("{}  ota-start MAC GITID:CRC:SIZE[:PAGESIZE] | FILE\n"
-                                       "                                   the node fetches an image\n"
-                                       "  nodes  stats  quit",
-                                       command_help()));
+        return m_out.notice(fmt::format("{}  ota-start MAC GITID:CRC:SIZE[:PAGESIZE] | FILE\n"
+                                        "                                   the node fetches an image\n"
+                                        "  nodes  stats  quit",
+                                        command_help()));
     if (words[0] == "stats") {
-        for (const std::string& text : tracker_.summary())
-            out_.notice(text);
+        for (const std::string& text : m_tracker.summary())
+            m_out.notice(text);
         return;
     }
-    if (words[0] == "nodes" && field_)
-        return field_->list_devices();
-    if (words[0] == "ota-start" && field_)
+    if (words[0] == "nodes" && m_field)
+        return m_field->list_devices();
+    if (words[0] == "ota-start" && m_field)
         return obey_ota_start(words);
     const parsed_command command = parse_command(words);
     if (!command.error.empty())
-        return out_.notice(command.error + " (help lists the commands)");
-    if (!servers_)
-        return out_.notice("this process plays no proxy: use rtls-sim send");
-    servers_->publish(command.message);
-    out_.notice(fmt::format("published {}: {}", words[0], hex(command.message)));
+        return m_out.notice(command.error + " (help lists the commands)");
+    if (!m_servers)
+        return m_out.notice("this process plays no proxy: use rtls-sim send");
+    m_servers->publish(command.message);
+    m_out.notice(fmt::format("published {}: {}", words[0], hex(command.message)));
 }
 
 void network::obey_ota_start(const std::vector<std::string>& words)
@@ -203,44 +205,44 @@ void network::obey_ota_start(const std::vector<std::string>& words)
                                   traits->page_size};
     }
     if (!request)
-        return out_.notice("ota-start takes a MAC, and GITID:CRC:SIZE[:PAGESIZE] or an image file");
-    field_->start_ota(*node, request->order, request->page_size.value_or(options_.field.ota_page_size));
+        return m_out.notice("ota-start takes a MAC, and GITID:CRC:SIZE[:PAGESIZE] or an image file");
+    m_field->start_ota(*node, request->order, request->page_size.value_or(m_options.field.ota_page_size));
 }
 
 void network::enter(phase next)
 {
-    phase_ = next;
-    entered_ = steady::now();
+    m_phase = next;
+    m_entered = steady::now();
 }
 
 void network::advance()
 {
-    const std::chrono::duration<double> here = steady::now() - entered_;
-    switch (phase_) {
+    const std::chrono::duration<double> here = steady::now() - m_entered;
+    switch (m_phase) {
     case phase::gathering:
         if (has_gathered())
             begin_reporting();
-        else if (options_.check && here.count() > options_.deadline) {
-            timed_out_ = true;
+        else if (m_options.check && here.count() > m_options.deadline) {
+            m_timed_out = true;
             enter(phase::over);
         }
         break;
     case phase::reporting:
-        if (!options_.check)
-            tracker_.give_up(lost_after);
-        if (options_.duration > 0 && here.count() >= options_.duration)
+        if (!m_options.check)
+            m_tracker.give_up(lost_after);
+        if (m_options.duration > 0 && here.count() >= m_options.duration)
             begin_draining();
         break;
     case phase::draining:
         if (has_drained())
             enter(phase::settling);
-        else if (here.count() > options_.deadline) {
-            timed_out_ = true;
+        else if (here.count() > m_options.deadline) {
+            m_timed_out = true;
             enter(phase::over);
         }
         break;
     case phase::settling:
-        if (steady::now() - entered_ >= settle_time)
+        if (steady::now() - m_entered >= settle_time)
             enter(phase::over);
         break;
     case phase::over:
@@ -250,21 +252,21 @@ void network::advance()
 
 bool network::has_gathered()
 {
-    if (servers_ && !servers_->gateway_is_here())
+    if (m_servers && !m_servers->gateway_is_here())
         return false;
-    if (field_)
-        field_->let_bridges_connect();
+    if (m_field)
+        m_field->let_bridges_connect();
     // Without a check, reports flow as soon as there is somebody to make them.
-    return !field_ || !options_.check || field_->is_complete();
+    return !m_field || !m_options.check || m_field->is_complete();
 }
 
 void network::begin_reporting()
 {
     enter(phase::reporting);
-    if (!field_)
+    if (!m_field)
         return;
-    field_->let_reports_flow(true);
-    if (!options_.ota.empty())
+    m_field->let_reports_flow(true);
+    if (!m_options.ota.empty())
         begin_ota();
 }
 
@@ -272,20 +274,20 @@ void network::begin_reporting()
 // that the gateway lacks come from the servers.
 void network::begin_ota()
 {
-    const std::filesystem::path file{options_.ota};
-    if (images_ && servers_ &&
-        std::filesystem::exists(std::filesystem::path{options_.images} / file.filename()))
-        if (const auto traits = read_traits(options_.servers.ota_image))
+    const std::filesystem::path file{m_options.ota};
+    if (m_images && m_servers &&
+        std::filesystem::exists(std::filesystem::path{m_options.images} / file.filename()))
+        if (const auto traits = read_traits(m_options.servers.ota_image))
             obey(fmt::format("upload {:08X} {:08X} http://127.0.0.1:{}/{}", traits->git_id,
-                             crc32(options_.servers.ota_image), images_->port(), file.filename().string()));
-    obey_ota_start({"ota-start", options_.ota_node, options_.ota});
+                             crc32(m_options.servers.ota_image), m_images->port(), file.filename().string()));
+    obey_ota_start({"ota-start", m_options.ota_node, m_options.ota});
 }
 
 void network::begin_draining()
 {
-    if (field_)
-        field_->let_reports_flow(false);
-    if (options_.check && field_ && servers_)
+    if (m_field)
+        m_field->let_reports_flow(false);
+    if (m_options.check && m_field && m_servers)
         publish_checked_commands();
     enter(phase::draining);
 }
@@ -295,9 +297,9 @@ void network::publish_checked_commands()
 {
     static constexpr std::array types = {msg::generic_down, msg::sensor_request, msg::conf_sensor,
                                          msg::tdoa_schedule, msg::node_data};
-    const unsigned nodes = std::min(options_.field.nodes, checked_nodes);
+    const unsigned nodes = std::min(m_options.field.nodes, checked_nodes);
     for (unsigned node = 1; node <= nodes; ++node) {
-        const mac_t mac = device_mac(1 + node % options_.field.bridges, node);
+        const mac_t mac = device_mac(1 + node % m_options.field.bridges, node);
         for (const msg type : types) {
             // Begins with a sub-command that no node knows, and has every byte that framing must escape.
             const bytes payload =
@@ -306,69 +308,69 @@ void network::publish_checked_commands()
             command.be16(code(type)).u8(1).be16(static_cast<uint16_t>(payload.size())).raw(payload).raw(mac);
             if (type == msg::node_data)
                 command.raw(mac);
-            tracker_.wanted_command(mac, type, payload);
-            servers_->publish(command.take());
+            m_tracker.wanted_command(mac, type, payload);
+            m_servers->publish(command.take());
         }
     }
 }
 
 bool network::has_drained() const
 {
-    return tracker_.counts().waiting() == 0 && (!field_ || field_->ota().running == 0);
+    return m_tracker.counts().waiting() == 0 && (!m_field || m_field->ota().running == 0);
 }
 
 std::string network::counters() const
 {
-    const tally now = tracker_.counts();
+    const tally now = m_tracker.counts();
     std::string line =
-        fmt::format("[{:.0f}s]", std::chrono::duration<double>(steady::now() - started_).count());
-    if (field_) {
-        const field_state state = field_->state();
-        line += fmt::format(" bridges {}/{} nodes {}", state.bridges_joined, options_.field.bridges,
+        fmt::format("[{:.0f}s]", std::chrono::duration<double>(steady::now() - m_started).count());
+    if (m_field) {
+        const field_state state = m_field->state();
+        line += fmt::format(" bridges {}/{} nodes {}", state.bridges_joined, m_options.field.bridges,
                             state.nodes_introduced);
     }
-    if (field_ && servers_)
+    if (m_field && m_servers)
         line += fmt::format("  sent {} arrived {} under way {} lost {} unexpected {}", now.sent, now.received,
                             now.in_flight, now.lost, now.unexpected);
-    else if (field_)
+    else if (m_field)
         line += fmt::format("  sent {}", now.sent);
-    else if (servers_)
-        line += fmt::format("  arrived {}", servers_->reports());
-    if (field_)
+    else if (m_servers)
+        line += fmt::format("  arrived {}", m_servers->reports());
+    if (m_field)
         line += fmt::format("  acks {}/{} pings {}/{}", now.acks, now.acks_wanted, now.echoes, now.pings);
-    if (servers_ && options_.servers.broker)
-        line += fmt::format("  log {}", servers_->broker_records());
+    if (m_servers && m_options.servers.broker)
+        line += fmt::format("  log {}", m_servers->broker_records());
     return line;
 }
 
 void network::summarize()
 {
-    out_.finish();
-    if (field_)
-        for (const std::string& line : tracker_.summary())
-            out_.notice(line);
-    if (servers_ && !field_)
-        out_.notice(fmt::format("reports received: {}", servers_->reports()));
-    if (servers_)
-        for (const std::string& line : servers_->summary())
-            out_.notice(line);
-    if (options_.check) {
-        for (const std::string& line : tracker_.missing(most_missing_shown))
-            out_.notice(line);
-        if (timed_out_)
-            out_.notice("gave up waiting");
-        out_.notice(is_good() ? "check: every report arrived, once and right" : "check: FAILED");
+    m_out.finish();
+    if (m_field)
+        for (const std::string& line : m_tracker.summary())
+            m_out.notice(line);
+    if (m_servers && !m_field)
+        m_out.notice(fmt::format("reports received: {}", m_servers->reports()));
+    if (m_servers)
+        for (const std::string& line : m_servers->summary())
+            m_out.notice(line);
+    if (m_options.check) {
+        for (const std::string& line : m_tracker.missing(most_missing_shown))
+            m_out.notice(line);
+        if (m_timed_out)
+            m_out.notice("gave up waiting");
+        m_out.notice(is_good() ? "check: every report arrived, once and right" : "check: FAILED");
     }
-    out_.flush();
+    m_out.flush();
 }
 
 bool network::is_good() const
 {
-    const tally now = tracker_.counts();
-    if (timed_out_ || interrupted_ || phase_ != phase::over || now.waiting() != 0 || now.lost != 0 ||
+    const tally now = m_tracker.counts();
+    if (m_timed_out || m_interrupted || m_phase != phase::over || now.waiting() != 0 || now.lost != 0 ||
         now.unexpected != 0 || now.wrong_time != 0 || now.acks_unexpected != 0 || now.echoes_unexpected != 0)
         return false;
-    if (field_ && (field_->ota().failed != 0 || (!options_.ota.empty() && field_->ota().succeeded == 0)))
+    if (m_field && (m_field->ota().failed != 0 || (!m_options.ota.empty() && m_field->ota().succeeded == 0)))
         return false;
     return now.sent > 0;
 }

@@ -22,11 +22,11 @@ public:
     // A page has come; others' and repeated ones are left alone. True when it was the awaited one.
     bool accept(const ota_page_t& page);
 
-    bool finished() const { return finished_; }
-    bool succeeded() const { return finished_ && error_.empty(); }
-    uint32_t git_id() const { return order_.git_id; }
+    bool finished() const { return m_finished; }
+    bool succeeded() const { return m_finished && m_error.empty(); }
+    uint32_t git_id() const { return m_order.git_id; }
     size_t pages() const;
-    size_t pages_received() const { return next_page_; }
+    size_t pages_received() const { return m_next_page; }
     // "120 of 400 pages", or how it ended, with pages per second.
     std::string progress(steady::time_point now) const;
 
@@ -34,18 +34,18 @@ private:
     void finish(std::string error);
     std::string check_image() const;
 
-    ota_order order_;
-    uint16_t page_size_;
-    bytes reference_;
-    bytes image_;
-    uint16_t next_page_ = 0;
-    std::optional<steady::time_point> asked_at_;
-    steady::time_point started_at_{};
-    steady::time_point finished_at_{};
-    unsigned tries_ = 0;
-    unsigned repeats_ = 0;
-    bool finished_ = false;
-    std::string error_;
+    ota_order m_order;
+    uint16_t m_page_size;
+    bytes m_reference;
+    bytes m_image;
+    uint16_t m_next_page = 0;
+    std::optional<steady::time_point> m_asked_at;
+    steady::time_point m_started_at{};
+    steady::time_point m_finished_at{};
+    unsigned m_tries = 0;
+    unsigned m_repeats = 0;
+    bool m_finished = false;
+    std::string m_error;
 };
 
 } // namespace sim

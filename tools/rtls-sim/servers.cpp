@@ -22,8 +22,8 @@ static constexpr size_t most_gaps = 100'000;
 
 void stamp_watch::seen(const stamp_t& stamp)
 {
-    latency_.add(std::chrono::nanoseconds{static_cast<int64_t>(realtime_ns() - stamp.time_ns)});
-    run& r = runs_[stamp.run];
+    m_latency.add(std::chrono::nanoseconds{static_cast<int64_t>(realtime_ns() - stamp.time_ns)});
+    run& r = m_runs[stamp.run];
     ++r.received;
     if (r.received == 1)
         r.first = r.last = stamp.counter;
@@ -44,35 +44,35 @@ void stamp_watch::seen(const stamp_t& stamp)
 std::vector<std::string> stamp_watch::summary() const
 {
     std::vector<std::string> lines;
-    for (const auto& [id, r] : runs_)
+    for (const auto& [id, r] : m_runs)
         lines.push_back(fmt::format("run {:08X}: stamped reports {} (numbers {} to {}), lost {}, repeated {}",
                                     id, r.received, r.first, r.last, r.gaps.size(), r.repeated));
-    if (!runs_.empty())
-        lines.push_back("latency of stamped reports: " + latency_.summary());
+    if (!m_runs.empty())
+        lines.push_back("latency of stamped reports: " + m_latency.summary());
     return lines;
 }
 
 servers::servers(const servers_options& options, tracker* tracker, console& out)
-    : options_(options), tracker_(tracker), out_(out), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      handler_(context_, zmq::socket_type::pull), proxy_input_(context_, zmq::socket_type::pull),
-      broker_(context_, zmq::socket_type::pull), proxy_(context_, zmq::socket_type::xpub),
-      handler_monitor_(context_, zmq::socket_type::pair), input_monitor_(context_, zmq::socket_type::pair)
+    : m_options(options), m_tracker(tracker), m_out(out), m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_handler(m_context, zmq::socket_type::pull), m_proxy_input(m_context, zmq::socket_type::pull),
+      m_broker(m_context, zmq::socket_type::pull), m_proxy(m_context, zmq::socket_type::xpub),
+      m_handler_monitor(m_context, zmq::socket_type::pair), m_input_monitor(m_context, zmq::socket_type::pair)
 {
-    if (wake_ < 0)
+    if (m_wake < 0)
         throw std::system_error{errno, std::generic_category(), "eventfd"};
-    proxy_.set(zmq::sockopt::xpub_verboser, 1); // tells about every subscriber that comes and goes
-    watch_peers(handler_, handler_monitor_, "inproc://handler");
-    watch_peers(proxy_input_, input_monitor_, "inproc://input");
-    bind(handler_, options_.handler_port);
-    bind(proxy_input_, options_.proxy_input_port);
-    bind(proxy_, options_.proxy_port);
-    if (options_.broker)
-        bind(broker_, options_.broker_port);
+    m_proxy.set(zmq::sockopt::xpub_verboser, 1); // tells about every subscriber that comes and goes
+    watch_peers(m_handler, m_handler_monitor, "inproc://handler");
+    watch_peers(m_proxy_input, m_input_monitor, "inproc://input");
+    bind(m_handler, m_options.handler_port);
+    bind(m_proxy_input, m_options.proxy_input_port);
+    bind(m_proxy, m_options.proxy_port);
+    if (m_options.broker)
+        bind(m_broker, m_options.broker_port);
 }
 
 servers::~servers()
 {
-    close(wake_);
+    close(m_wake);
 }
 
 void servers::bind(zmq::socket_t& socket, uint16_t port) const
@@ -80,10 +80,10 @@ void servers::bind(zmq::socket_t& socket, uint16_t port) const
     socket.set(zmq::sockopt::linger, 1000);
     socket.set(zmq::sockopt::rcvhwm, receive_queue);
     try {
-        socket.bind(fmt::format("tcp://{}:{}", options_.address, port));
+        socket.bind(fmt::format("tcp://{}:{}", m_options.address, port));
     } catch (const zmq::error_t& error) {
         throw std::system_error{error.num(), std::generic_category(),
-                                fmt::format("{}:{}", options_.address, port)};
+                                fmt::format("{}:{}", m_options.address, port)};
     }
 }
 
@@ -98,14 +98,14 @@ void servers::watch_peers(zmq::socket_t& socket, zmq::socket_t& monitor, const c
 void servers::wake() const
 {
     const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(wake_, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(m_wake, &one, sizeof one);
 }
 
 void servers::publish(bytes command)
 {
     {
-        const std::scoped_lock lock{queue_mutex_};
-        queue_.push_back(std::move(command));
+        const std::scoped_lock lock{m_queue_mutex};
+        m_queue.push_back(std::move(command));
     }
     wake();
 }
@@ -113,13 +113,13 @@ void servers::publish(bytes command)
 void servers::run(const std::stop_token& stop)
 {
     const std::stop_callback wake_up{stop, [this] { wake(); }};
-    std::array<zmq::pollitem_t, 7> items{{{handler_.handle(), 0, ZMQ_POLLIN, 0},
-                                          {proxy_input_.handle(), 0, ZMQ_POLLIN, 0},
-                                          {broker_.handle(), 0, ZMQ_POLLIN, 0},
-                                          {proxy_.handle(), 0, ZMQ_POLLIN, 0},
-                                          {handler_monitor_.handle(), 0, ZMQ_POLLIN, 0},
-                                          {input_monitor_.handle(), 0, ZMQ_POLLIN, 0},
-                                          {nullptr, wake_, ZMQ_POLLIN, 0}}};
+    std::array<zmq::pollitem_t, 7> items{{{m_handler.handle(), 0, ZMQ_POLLIN, 0},
+                                          {m_proxy_input.handle(), 0, ZMQ_POLLIN, 0},
+                                          {m_broker.handle(), 0, ZMQ_POLLIN, 0},
+                                          {m_proxy.handle(), 0, ZMQ_POLLIN, 0},
+                                          {m_handler_monitor.handle(), 0, ZMQ_POLLIN, 0},
+                                          {m_input_monitor.handle(), 0, ZMQ_POLLIN, 0},
+                                          {nullptr, m_wake, ZMQ_POLLIN, 0}}};
     while (!stop.stop_requested()) {
         zmq::poll(items.data(), items.size(), std::chrono::milliseconds{-1});
         const auto ready = [&](size_t i) { return (items[i].revents & ZMQ_POLLIN) != 0; };
@@ -132,9 +132,9 @@ void servers::run(const std::stop_token& stop)
         if (ready(3))
             read_subscription();
         if (ready(4))
-            read_monitor(handler_monitor_, handler_peers_, "message handler");
+            read_monitor(m_handler_monitor, m_handler_peers, "message handler");
         if (ready(5))
-            read_monitor(input_monitor_, input_peers_, "proxy input");
+            read_monitor(m_input_monitor, m_input_peers, "proxy input");
         if (ready(6))
             publish_queued();
     }
@@ -149,20 +149,20 @@ void servers::read_handler()
 {
     for (int i = 0; i < batch; ++i) {
         std::array<zmq::message_t, 2> frames;
-        if (!handler_.recv(frames[0], zmq::recv_flags::dontwait))
+        if (!m_handler.recv(frames[0], zmq::recv_flags::dontwait))
             return;
         size_t count = 1;
         bool more = frames[0].more();
         while (more) {
             zmq::message_t& next = frames[1]; // a third frame overwrites the second: counted as malformed
-            [[maybe_unused]] const auto got = handler_.recv(next, zmq::recv_flags::none);
+            [[maybe_unused]] const auto got = m_handler.recv(next, zmq::recv_flags::none);
             more = next.more();
             ++count;
         }
         if (count == 2)
             take(outlet::handler, read_handler_message(bytes_of(frames[0]), bytes_of(frames[1])));
         else
-            out_.notice(fmt::format("message handler: a message of {} frames", count));
+            m_out.notice(fmt::format("message handler: a message of {} frames", count));
     }
 }
 
@@ -170,7 +170,7 @@ void servers::read_proxy_input()
 {
     for (int i = 0; i < batch; ++i) {
         zmq::message_t frame;
-        if (!proxy_input_.recv(frame, zmq::recv_flags::dontwait))
+        if (!m_proxy_input.recv(frame, zmq::recv_flags::dontwait))
             return;
         take(outlet::proxy_input, read_management_line(frame.to_string_view()));
     }
@@ -180,27 +180,27 @@ void servers::read_broker()
 {
     for (int i = 0; i < batch; ++i) {
         zmq::message_t frame;
-        if (!broker_.recv(frame, zmq::recv_flags::dontwait))
+        if (!m_broker.recv(frame, zmq::recv_flags::dontwait))
             return;
-        ++broker_records_;
-        if (options_.broker_log && out_.wants_traffic())
-            out_.traffic(fmt::format("{} log  {}", wall_clock(), frame.to_string_view()));
+        ++m_broker_records;
+        if (m_options.broker_log && m_out.wants_traffic())
+            m_out.traffic(fmt::format("{} log  {}", wall_clock(), frame.to_string_view()));
     }
 }
 
 void servers::read_subscription()
 {
     zmq::message_t frame;
-    while (proxy_.recv(frame, zmq::recv_flags::dontwait)) {
+    while (m_proxy.recv(frame, zmq::recv_flags::dontwait)) {
         const view message = bytes_of(frame);
         if (message.empty() || message[0] > 1)
             continue;
         if (message[0] == 1)
-            ++subscribed_;
-        else if (subscribed_ > 0)
-            --subscribed_;
-        out_.notice(message[0] == 1 ? "the gateway has subscribed to the proxy"
-                                    : "the gateway has left the proxy");
+            ++m_subscribed;
+        else if (m_subscribed > 0)
+            --m_subscribed;
+        m_out.notice(message[0] == 1 ? "the gateway has subscribed to the proxy"
+                                     : "the gateway has left the proxy");
     }
 }
 
@@ -216,33 +216,34 @@ void servers::read_monitor(zmq::socket_t& monitor, std::atomic<int>& peers, cons
         if (!came && peers == 0)
             continue;
         peers += came ? 1 : -1;
-        out_.notice(fmt::format("the gateway has {} the {}", came ? "connected to" : "left", name));
+        m_out.notice(fmt::format("the gateway has {} the {}", came ? "connected to" : "left", name));
     }
 }
 
 void servers::publish_queued()
 {
     uint64_t drained = 0;
-    [[maybe_unused]] const ssize_t got = read(wake_, &drained, sizeof drained);
+    [[maybe_unused]] const ssize_t got = read(m_wake, &drained, sizeof drained);
     std::vector<bytes> commands;
     {
-        const std::scoped_lock lock{queue_mutex_};
-        commands.swap(queue_);
+        const std::scoped_lock lock{m_queue_mutex};
+        commands.swap(m_queue);
     }
     for (const bytes& command : commands) {
         const std::string text = hex(command);
-        proxy_.send(zmq::buffer(text), zmq::send_flags::dontwait);
-        if (out_.wants_traffic())
-            out_.traffic(fmt::format("{} publish {}", wall_clock(), text));
+        m_proxy.send(zmq::buffer(text), zmq::send_flags::dontwait);
+        if (m_out.wants_traffic())
+            m_out.traffic(fmt::format("{} publish {}", wall_clock(), text));
     }
 }
 
 void servers::take(outlet where, const report_t& report)
 {
-    ++reports_;
+    ++m_reports;
     if (report.stamp)
-        stamps_.seen(*report.stamp);
-    const auto verdict = tracker_ == nullptr ? tracker::verdict::expected : tracker_->arrived(where, report);
+        m_stamps.seen(*report.stamp);
+    const auto verdict =
+        m_tracker == nullptr ? tracker::verdict::expected : m_tracker->arrived(where, report);
     if (report.page)
         serve_page(report);
     const char* remark = "";
@@ -250,10 +251,10 @@ void servers::take(outlet where, const report_t& report)
         remark = "  (not sent like this by our bridges)";
     else if (verdict == tracker::verdict::wrong_time)
         remark = "  (wrong time)";
-    if (*remark == '\0' ? out_.wants_traffic() : true) {
+    if (*remark == '\0' ? m_out.wants_traffic() : true) {
         const std::string line = fmt::format("{} up   {}.{:03} {}{}", wall_clock(), report.time.seconds % 60,
                                              report.time.milliseconds, describe(report), remark);
-        *remark == '\0' ? out_.traffic(line) : out_.notice(line);
+        *remark == '\0' ? m_out.traffic(line) : m_out.notice(line);
     }
 }
 
@@ -262,12 +263,12 @@ void servers::serve_page(const report_t& request)
 {
     const ota_page_id& id = *request.page;
     const size_t start = size_t{id.page_size} * id.page;
-    if (options_.ota_image.empty() || crc32(options_.ota_image) != id.crc ||
-        start >= options_.ota_image.size())
+    if (m_options.ota_image.empty() || crc32(m_options.ota_image) != id.crc ||
+        start >= m_options.ota_image.size())
         return;
-    const auto command = page_command(request.from, request.seq, id, options_.ota_image);
+    const auto command = page_command(request.from, request.seq, id, m_options.ota_image);
     const std::string text = hex(command);
-    proxy_.send(zmq::buffer(text), zmq::send_flags::dontwait);
+    m_proxy.send(zmq::buffer(text), zmq::send_flags::dontwait);
 }
 
 } // namespace sim

@@ -48,8 +48,8 @@ private:
         uint64_t last = 0;
         std::set<uint64_t> gaps; // counters not seen yet, below `last`; bounded
     };
-    std::map<uint32_t, run> runs_;
-    latency latency_;
+    std::map<uint32_t, run> m_runs;
+    latency m_latency;
 };
 
 class servers {
@@ -66,12 +66,12 @@ public:
     // Publishes a command (its bytes) through the proxy.
     void publish(bytes command);
     // The gateway is connected to message handler and proxy input, and has subscribed to the proxy.
-    bool gateway_is_here() const { return handler_peers_ > 0 && input_peers_ > 0 && subscribed_ > 0; }
-    unsigned subscriptions() const { return subscribed_; }
-    uint64_t reports() const { return reports_; }
-    uint64_t broker_records() const { return broker_records_; }
+    bool gateway_is_here() const { return m_handler_peers > 0 && m_input_peers > 0 && m_subscribed > 0; }
+    unsigned subscriptions() const { return m_subscribed; }
+    uint64_t reports() const { return m_reports; }
+    uint64_t broker_records() const { return m_broker_records; }
     // After run() has ended.
-    std::vector<std::string> summary() const { return stamps_.summary(); }
+    std::vector<std::string> summary() const { return m_stamps.summary(); }
 
 private:
     struct watched_socket;
@@ -87,26 +87,26 @@ private:
     void serve_page(const report_t& request);
     void wake() const;
 
-    servers_options options_;
-    tracker* tracker_;
-    console& out_;
-    int wake_ = -1;
-    zmq::context_t context_;
-    zmq::socket_t handler_;
-    zmq::socket_t proxy_input_;
-    zmq::socket_t broker_;
-    zmq::socket_t proxy_;
-    zmq::socket_t handler_monitor_;
-    zmq::socket_t input_monitor_;
-    stamp_watch stamps_;
+    servers_options m_options;
+    tracker* m_tracker;
+    console& m_out;
+    int m_wake = -1;
+    zmq::context_t m_context;
+    zmq::socket_t m_handler;
+    zmq::socket_t m_proxy_input;
+    zmq::socket_t m_broker;
+    zmq::socket_t m_proxy;
+    zmq::socket_t m_handler_monitor;
+    zmq::socket_t m_input_monitor;
+    stamp_watch m_stamps;
 
-    std::mutex queue_mutex_;
-    std::vector<bytes> queue_;
-    std::atomic<int> handler_peers_{0};
-    std::atomic<int> input_peers_{0};
-    std::atomic<unsigned> subscribed_{0};
-    std::atomic<uint64_t> reports_{0};
-    std::atomic<uint64_t> broker_records_{0};
+    std::mutex m_queue_mutex;
+    std::vector<bytes> m_queue;
+    std::atomic<int> m_handler_peers{0};
+    std::atomic<int> m_input_peers{0};
+    std::atomic<unsigned> m_subscribed{0};
+    std::atomic<uint64_t> m_reports{0};
+    std::atomic<uint64_t> m_broker_records{0};
 };
 
 } // namespace sim

@@ -14,33 +14,33 @@ static int64_t in_milliseconds(const report_time& time)
 
 void tracker::sent(sent_report report)
 {
-    const std::scoped_lock lock{mutex_};
-    ++tally_.by_kind[static_cast<size_t>(report.kind)].sent;
+    const std::scoped_lock lock{m_mutex};
+    ++m_tally.by_kind[static_cast<size_t>(report.kind)].sent;
     if (!report.optional && report.to != outlet::none)
-        ++tally_.sent;
-    if (count_only_ || report.to == outlet::none)
+        ++m_tally.sent;
+    if (m_count_only || report.to == outlet::none)
         return;
     std::string content = report.content;
-    under_way_.emplace(std::move(content), entry{std::move(report), steady::now(), realtime_ns()});
+    m_under_way.emplace(std::move(content), entry{std::move(report), steady::now(), realtime_ns()});
 }
 
 void tracker::sent_ping()
 {
-    const std::scoped_lock lock{mutex_};
-    ++tally_.by_kind[static_cast<size_t>(kind::ping)].sent;
-    ++tally_.pings;
+    const std::scoped_lock lock{m_mutex};
+    ++m_tally.by_kind[static_cast<size_t>(kind::ping)].sent;
+    ++m_tally.pings;
 }
 
 void tracker::wanted_ack()
 {
-    const std::scoped_lock lock{mutex_};
-    ++tally_.acks_wanted;
+    const std::scoped_lock lock{m_mutex};
+    ++m_tally.acks_wanted;
 }
 
 void tracker::stalled(uint64_t reports)
 {
-    const std::scoped_lock lock{mutex_};
-    tally_.stalled += reports;
+    const std::scoped_lock lock{m_mutex};
+    m_tally.stalled += reports;
 }
 
 bool tracker::time_is_right(const entry& sent, const report_time& time) const
@@ -55,50 +55,50 @@ bool tracker::time_is_right(const entry& sent, const report_time& time) const
 
 tracker::verdict tracker::arrived(outlet where, const report_t& report)
 {
-    const std::scoped_lock lock{mutex_};
+    const std::scoped_lock lock{m_mutex};
     if (report.kind)
-        ++tally_.by_kind[static_cast<size_t>(*report.kind)].received;
-    auto [at, end] = under_way_.equal_range(report.content);
+        ++m_tally.by_kind[static_cast<size_t>(*report.kind)].received;
+    auto [at, end] = m_under_way.equal_range(report.content);
     while (at != end && at->second.report.to != where)
         ++at;
     if (at == end || !report.valid) {
         if (report.page)
             return verdict::unserved_page; // the gateway has no such image: the servers are asked instead
-        ++tally_.unexpected;
+        ++m_tally.unexpected;
         return verdict::unexpected;
     }
     const entry found = std::move(at->second);
-    under_way_.erase(at);
+    m_under_way.erase(at);
     if (!found.report.optional)
-        ++tally_.received;
-    reports_.add(steady::now() - found.sent_at);
+        ++m_tally.received;
+    m_reports.add(steady::now() - found.sent_at);
     if (time_is_right(found, report.time))
         return verdict::expected;
-    ++tally_.wrong_time;
+    ++m_tally.wrong_time;
     return verdict::wrong_time;
 }
 
 void tracker::echoed(bool expected, std::chrono::nanoseconds round_trip)
 {
-    const std::scoped_lock lock{mutex_};
+    const std::scoped_lock lock{m_mutex};
     if (!expected) {
-        ++tally_.echoes_unexpected;
+        ++m_tally.echoes_unexpected;
         return;
     }
-    ++tally_.by_kind[static_cast<size_t>(kind::ping)].received;
-    ++tally_.echoes;
-    pings_.add(round_trip);
+    ++m_tally.by_kind[static_cast<size_t>(kind::ping)].received;
+    ++m_tally.echoes;
+    m_pings.add(round_trip);
 }
 
 void tracker::acked(bool expected, std::chrono::nanoseconds round_trip)
 {
-    const std::scoped_lock lock{mutex_};
+    const std::scoped_lock lock{m_mutex};
     if (!expected) {
-        ++tally_.acks_unexpected;
+        ++m_tally.acks_unexpected;
         return;
     }
-    ++tally_.acks;
-    acks_.add(round_trip);
+    ++m_tally.acks;
+    m_acks.add(round_trip);
 }
 
 static std::string command_key(const mac_t& node, uint16_t type, view payload)
@@ -108,51 +108,51 @@ static std::string command_key(const mac_t& node, uint16_t type, view payload)
 
 void tracker::wanted_command(const mac_t& node, msg type, view payload)
 {
-    const std::scoped_lock lock{mutex_};
-    ++tally_.commands_wanted;
-    commands_.emplace(command_key(node, code(type), payload), steady::now());
+    const std::scoped_lock lock{m_mutex};
+    ++m_tally.commands_wanted;
+    m_commands.emplace(command_key(node, code(type), payload), steady::now());
 }
 
 bool tracker::command_arrived(const mac_t& node, uint16_t type, view payload)
 {
-    const std::scoped_lock lock{mutex_};
-    if (commands_.empty())
+    const std::scoped_lock lock{m_mutex};
+    if (m_commands.empty())
         return false;
-    const auto found = commands_.find(command_key(node, type, payload));
-    if (found == commands_.end())
+    const auto found = m_commands.find(command_key(node, type, payload));
+    if (found == m_commands.end())
         return false;
-    command_times_.add(steady::now() - found->second);
-    commands_.erase(found);
-    ++tally_.commands;
+    m_command_times.add(steady::now() - found->second);
+    m_commands.erase(found);
+    ++m_tally.commands;
     return true;
 }
 
 void tracker::give_up(std::chrono::seconds age)
 {
-    const std::scoped_lock lock{mutex_};
+    const std::scoped_lock lock{m_mutex};
     const auto oldest = steady::now() - age;
-    std::erase_if(under_way_, [&](const auto& item) {
+    std::erase_if(m_under_way, [&](const auto& item) {
         if (item.second.sent_at >= oldest)
             return false;
         if (!item.second.report.optional)
-            ++tally_.lost;
+            ++m_tally.lost;
         return true;
     });
 }
 
 tally tracker::counts() const
 {
-    const std::scoped_lock lock{mutex_};
-    tally now = tally_;
-    now.in_flight = count_only_ ? 0 : now.sent - now.received - now.lost;
+    const std::scoped_lock lock{m_mutex};
+    tally now = m_tally;
+    now.in_flight = m_count_only ? 0 : now.sent - now.received - now.lost;
     return now;
 }
 
 std::vector<std::string> tracker::missing(size_t limit) const
 {
-    const std::scoped_lock lock{mutex_};
+    const std::scoped_lock lock{m_mutex};
     std::vector<std::string> lines;
-    for (const auto& [content, item] : under_way_) {
+    for (const auto& [content, item] : m_under_way) {
         if (item.report.optional)
             continue;
         if (lines.size() == limit)
@@ -165,7 +165,7 @@ std::vector<std::string> tracker::missing(size_t limit) const
         lines.push_back(fmt::format("missing: {} from {} seq {}: {}", kind_name(report.kind),
                                     short_mac(report.from), report.seq, shown));
     }
-    for (const auto& [key, sent_at] : commands_)
+    for (const auto& [key, sent_at] : m_commands)
         if (lines.size() < limit)
             lines.push_back("missing: " + key);
     return lines;
@@ -174,13 +174,14 @@ std::vector<std::string> tracker::missing(size_t limit) const
 std::vector<std::string> tracker::summary() const
 {
     const tally now = counts();
-    const std::scoped_lock lock{mutex_};
+    const std::scoped_lock lock{m_mutex};
     std::vector<std::string> lines;
     for (size_t i = 0; i < kinds; ++i)
         if (const auto& counts = now.by_kind[i]; counts.sent + counts.received > 0)
-            lines.push_back(fmt::format("  {:<18} sent {:>9}{}", kind_name(static_cast<kind>(i)), counts.sent,
-                                        count_only_ ? "" : fmt::format("  received {:>9}", counts.received)));
-    if (!count_only_)
+            lines.push_back(
+                fmt::format("  {:<18} sent {:>9}{}", kind_name(static_cast<kind>(i)), counts.sent,
+                            m_count_only ? "" : fmt::format("  received {:>9}", counts.received)));
+    if (!m_count_only)
         lines.push_back(fmt::format("reports: sent {}  received {}  missing {}  unexpected {}  wrong time {}",
                                     now.sent, now.received, now.in_flight + now.lost, now.unexpected,
                                     now.wrong_time));
@@ -190,14 +191,14 @@ std::vector<std::string> tracker::summary() const
         lines.push_back(fmt::format("commands: published {}  arrived {}", now.commands_wanted, now.commands));
     if (now.stalled > 0)
         lines.push_back(fmt::format("not sent because the gateway did not read: {}", now.stalled));
-    if (reports_.count() > 0)
-        lines.push_back("latency bridge to server: " + reports_.summary());
-    if (acks_.count() > 0)
-        lines.push_back("ack after:                " + acks_.summary());
-    if (command_times_.count() > 0)
-        lines.push_back("command to node:          " + command_times_.summary());
-    if (pings_.count() > 0)
-        lines.push_back("ping round trip:          " + pings_.summary());
+    if (m_reports.count() > 0)
+        lines.push_back("latency bridge to server: " + m_reports.summary());
+    if (m_acks.count() > 0)
+        lines.push_back("ack after:                " + m_acks.summary());
+    if (m_command_times.count() > 0)
+        lines.push_back("command to node:          " + m_command_times.summary());
+    if (m_pings.count() > 0)
+        lines.push_back("ping round trip:          " + m_pings.summary());
     return lines;
 }
 

@@ -59,7 +59,7 @@ struct tally {
 class tracker {
 public:
     // Nobody watches the servers' side (bridges in a process of their own): counts what is sent only.
-    void count_only() { count_only_ = true; }
+    void count_only() { m_count_only = true; }
 
     // Announce a report before its bytes leave.
     void sent(sent_report report);
@@ -93,15 +93,15 @@ private:
     };
     bool time_is_right(const entry& sent, const report_time& time) const;
 
-    mutable std::mutex mutex_;
-    bool count_only_ = false;
-    std::unordered_multimap<std::string, entry> under_way_;             // by content
-    std::unordered_multimap<std::string, steady::time_point> commands_; // by node, type and payload
-    tally tally_;
-    latency reports_;
-    latency acks_;
-    latency pings_;
-    latency command_times_;
+    mutable std::mutex m_mutex;
+    bool m_count_only = false;
+    std::unordered_multimap<std::string, entry> m_under_way;             // by content
+    std::unordered_multimap<std::string, steady::time_point> m_commands; // by node, type and payload
+    tally m_tally;
+    latency m_reports;
+    latency m_acks;
+    latency m_pings;
+    latency m_command_times;
 };
 
 } // namespace sim

@@ -19,7 +19,7 @@ std::string_view role_name(unsigned role)
 
 writer& writer::u8(uint8_t value)
 {
-    out_.push_back(value);
+    m_out.push_back(value);
     return *this;
 }
 
@@ -50,25 +50,25 @@ writer& writer::be64(uint64_t value)
 
 writer& writer::raw(view data)
 {
-    out_.insert(out_.end(), data.begin(), data.end());
+    m_out.insert(m_out.end(), data.begin(), data.end());
     return *this;
 }
 
 view reader::take(size_t count)
 {
-    if (count > data_.size()) {
-        failed_ = true;
-        data_ = {};
+    if (count > m_data.size()) {
+        m_failed = true;
+        m_data = {};
         return {};
     }
-    const view taken = data_.first(count);
-    data_ = data_.subspan(count);
+    const view taken = m_data.first(count);
+    m_data = m_data.subspan(count);
     return taken;
 }
 
 view reader::rest()
 {
-    return take(data_.size());
+    return take(m_data.size());
 }
 
 uint8_t reader::u8()
@@ -257,29 +257,29 @@ void append_frame(bytes& out, view message)
 
 bool deframer::push(uint8_t byte)
 {
-    if (state_ == state::escaped) {
-        message_.push_back(byte);
-        state_ = state::data;
+    if (m_state == state::escaped) {
+        m_message.push_back(byte);
+        m_state = state::data;
         return false;
     }
     if (byte == frame_start) {
-        message_.clear();
-        state_ = state::start;
+        m_message.clear();
+        m_state = state::start;
         return false;
     }
-    if (state_ == state::outside)
+    if (m_state == state::outside)
         return false; // the greeting, or noise
     if (byte == frame_end) {
-        const bool complete = state_ == state::data;
-        state_ = state::outside;
+        const bool complete = m_state == state::data;
+        m_state = state::outside;
         return complete;
     }
     if (byte == frame_escape) {
-        state_ = state::escaped;
+        m_state = state::escaped;
         return false;
     }
-    message_.push_back(byte);
-    state_ = state::data;
+    m_message.push_back(byte);
+    m_state = state::data;
     return false;
 }
 

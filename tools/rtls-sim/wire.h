@@ -85,16 +85,16 @@ public:
     writer& be32(uint32_t value);
     writer& be64(uint64_t value);
     writer& raw(view data);
-    bytes take() { return std::move(out_); }
+    bytes take() { return std::move(m_out); }
 
 private:
-    bytes out_;
+    bytes m_out;
 };
 
 // Reads them back. A read past the end yields zeros, and failed() from then on.
 class reader {
 public:
-    explicit reader(view data) : data_(data) {}
+    explicit reader(view data) : m_data(data) {}
     uint8_t u8();
     uint16_t le16();
     uint16_t be16();
@@ -105,12 +105,12 @@ public:
     view rest();
     mac_t mac();
     ip_t ip();
-    size_t left() const { return data_.size(); }
-    bool failed() const { return failed_; }
+    size_t left() const { return m_data.size(); }
+    bool failed() const { return m_failed; }
 
 private:
-    view data_;
-    bool failed_ = false;
+    view m_data;
+    bool m_failed = false;
 };
 
 std::string hex(view data); // upper case
@@ -143,15 +143,15 @@ public:
     {
         for (uint8_t byte : received)
             if (push(byte))
-                complete(view{message_});
+                complete(view{m_message});
     }
 
 private:
     bool push(uint8_t byte); // true when `byte` completed a message
 
     enum class state { outside, start, data, escaped };
-    state state_ = state::outside;
-    bytes message_;
+    state m_state = state::outside;
+    bytes m_message;
 };
 
 // What the simulator puts at the end of sensor and range reports to measure loss and latency exactly,

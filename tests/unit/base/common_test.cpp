@@ -394,6 +394,22 @@ TEST(crc32_byte, agrees_with_the_bit_by_bit_definition_at_every_length_and_align
                 << length << " bytes from " << start;
 }
 
+// The number alone says little to an operator who has no source at hand.
+TEST(call_errors, are_logged_with_the_whole_text_of_every_error)
+{
+    log_capture log;
+    for (int error = 1; error < 134; ++error) {
+        errno = error;
+        log_call_error("function", "call");
+        EXPECT_EQ(errno, error);
+        log_system_call_error("function", "call");
+        EXPECT_EQ(errno, error);
+        const std::string then = "function: call: " + std::to_string(error) + ", ";
+        EXPECT_THAT(log.messages("main"),
+                    testing::ElementsAre(then + zmq_strerror(error), then + strerror(error)));
+    }
+}
+
 TEST(crc32_byte, refuses_null)
 {
     log_capture log;

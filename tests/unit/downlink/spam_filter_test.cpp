@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <future>
 #include <vector>
 
 namespace rtls {
@@ -141,6 +143,20 @@ TEST_F(spam_filter_test, inputs_too_short_for_a_command_are_left_alone)
         EXPECT_FALSE(spam_filter(nodes, bytes.empty() ? &nothing : bytes.data(), size, {1, 0})) << size;
     }
     EXPECT_TRUE(node()->last_data.empty());
+}
+
+// What a node was last sent stands in the registry, from which operators delete nodes.
+TEST_F(spam_filter_test, waits_for_the_registry)
+{
+    const bytes_t command = hex(config_a);
+    std::future<bool> is_repeat;
+    {
+        const nodes_guard guard{nodes};
+        is_repeat = std::async(std::launch::async,
+                               [&] { return spam_filter(nodes, command.data(), command.size(), {}); });
+        EXPECT_EQ(is_repeat.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    }
+    EXPECT_FALSE(is_repeat.get());
 }
 
 TEST_F(spam_filter_test, null_arguments_are_refused)

@@ -2,6 +2,7 @@
 
 #include "base/hex.h"
 #include "base/udplib.h"
+#include "link/win_server_private.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "wire/discovery_answers.h"
@@ -93,8 +94,13 @@ protected:
         if (!is_readable(bridge))
             return "none";
         std::vector<uint8_t> bytes(64);
-        const ssize_t size = recv(bridge, bytes.data(), bytes.size(), 0);
+        sockaddr_in from{};
+        socklen_t from_size = sizeof from;
+        const ssize_t size =
+            recvfrom(bridge, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&from), &from_size);
         bytes.resize(static_cast<size_t>(size));
+        // Firewalls on a bridge's side let in what comes from where it has asked, and nothing else.
+        EXPECT_EQ(ntohs(from.sin_port), port_of(server->discovery_sock_descriptor));
         return to_hex(bytes);
     }
 

@@ -400,6 +400,64 @@ TEST(win_server_nodes_update, of_one_bridge_leaves_its_mark)
     EXPECT_THAT(log.messages("parsing"), ElementsAre("UPDATE: send cmd: MSG_UPDATE_CMD to current node"));
 }
 
+namespace {
+
+// The lines of one of these channels, in the order in which they were printed.
+std::vector<std::string> lines_of(log_capture& log, std::initializer_list<const char*> channels)
+{
+    std::vector<std::string> lines;
+    for (const auto& record : log.take())
+        for (const char* channel : channels)
+            if (const size_t at = record.find(channel); at != std::string::npos)
+                lines.push_back(record.substr(at));
+    return lines;
+}
+
+// The keys of the bridges, as the table lists them.
+std::vector<std::string> keys_in_table_order(const win_link& link)
+{
+    std::vector<std::string> keys;
+    for (void* item = zhashx_first(link.server().clients); item; item = zhashx_next(link.server().clients))
+        keys.emplace_back(client_key{static_cast<WIN_CLIENT_t*>(item)->id}.c_str());
+    return keys;
+}
+
+} // namespace
+
+// Whoever reads the log sees what a bridge was sent and then why, one bridge after the other.
+TEST(win_server_nodes_update, prints_each_line_behind_its_sending_in_the_tables_order)
+{
+    log_capture log;
+    const win_link link;
+    std::vector<win_link::bridge_t> bridges;
+    for (int i = 0; i < 10; ++i)
+        bridges.push_back(link.connect());
+    log.take();
+    win_server_nodes_update(&link.server(), nullptr);
+    std::vector<std::string> then;
+    for (const auto& key : keys_in_table_order(link)) {
+        then.push_back("SLIP_RAW_OUTPUT: F5180100F7 [5] [" + key + "]");
+        then.emplace_back("UPDATE: send cmd: MSG_UPDATE_CMD to brige: 127.0.0.1");
+    }
+    EXPECT_EQ(lines_of(log, {"SLIP_RAW_OUTPUT", "UPDATE:"}), then);
+}
+
+TEST(data_to_win_client, goes_to_all_bridges_in_the_tables_order)
+{
+    log_capture log;
+    const win_link link;
+    std::vector<win_link::bridge_t> bridges;
+    for (int i = 0; i < 10; ++i)
+        bridges.push_back(link.connect());
+    log.take();
+    const uint8_t message = 1;
+    EXPECT_TRUE(data_to_win_client(&link.server(), nullptr, &message, 1));
+    std::vector<std::string> then;
+    for (const auto& key : keys_in_table_order(link))
+        then.push_back("SLIP_RAW_OUTPUT: F501F7 [3] [" + key + "]");
+    EXPECT_EQ(lines_of(log, {"SLIP_RAW_OUTPUT"}), then);
+}
+
 TEST(delete_win_client, closes_the_connection_and_forgets_the_client)
 {
     log_capture log;

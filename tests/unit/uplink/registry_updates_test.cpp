@@ -88,7 +88,7 @@ TEST_F(registry_updates, a_direct_heartbeat_takes_the_forwarded_mark_away)
 TEST_F(registry_updates, a_forwarded_heartbeat_or_announcement_names_the_bridge_that_heard_it)
 {
     const bytes_t mac = hex(bridge_mac);
-    win_client_set_mac_addr(server, bridge, mac.data());
+    server->clients.set_mac_addr(*bridge, mac.data());
     for (const unsigned type : {0x0104U, 0x010FU})
         for (const unsigned outer : {0x0100U, 0x0A00U}) {
             const auto seq = static_cast<uint8_t>(type + outer / 0x100);

@@ -34,46 +34,46 @@ class daemon {
 public:
     daemon()
     {
-        std::filesystem::create_directories(directory_);
-        const std::string text = config_text(ports, (directory_ / "pid").string());
-        write_file(directory_ / "conf", {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+        std::filesystem::create_directories(m_directory);
+        const std::string text = config_text(ports, (m_directory / "pid").string());
+        write_file(m_directory / "conf", {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
         start();
     }
     ~daemon()
     {
         stop();
-        std::filesystem::remove_all(directory_);
+        std::filesystem::remove_all(m_directory);
     }
     daemon(const daemon&) = delete;
     daemon& operator=(const daemon&) = delete;
 
     void start()
     {
-        std::filesystem::remove(directory_ / "pid");
-        std::string file = (directory_ / "conf").string();
+        std::filesystem::remove(m_directory / "pid");
+        std::string file = (m_directory / "conf").string();
         std::string program = RTLS_GATEWAY_PROGRAM;
         std::string option = "-c";
         char* arguments[] = {program.data(), option.data(), file.data(), nullptr};
-        ASSERT_EQ(posix_spawn(&pid_, program.c_str(), nullptr, nullptr, arguments, environ), 0);
+        ASSERT_EQ(posix_spawn(&m_pid, program.c_str(), nullptr, nullptr, arguments, environ), 0);
     }
     // Returns its exit status.
     int stop()
     {
-        if (pid_ <= 0)
+        if (m_pid <= 0)
             return -1;
-        kill(pid_, SIGTERM);
+        kill(m_pid, SIGTERM);
         int status = -1;
-        waitpid(pid_, &status, 0);
-        pid_ = 0;
+        waitpid(m_pid, &status, 0);
+        m_pid = 0;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
     gateway_ports ports = free_ports(port_choice::any_free);
-    const std::filesystem::path directory_ =
+    const std::filesystem::path m_directory =
         std::filesystem::path{testing::TempDir()} / ("sim_gateway_test." + std::to_string(getpid()));
 
 private:
-    pid_t pid_ = 0;
+    pid_t m_pid = 0;
 };
 
 static network_options options_for(const gateway_ports& ports)
@@ -116,7 +116,7 @@ TEST(sim_gateway, a_node_updates_over_the_air)
 {
     daemon gateway;
     const bytes image = make_image({});
-    const auto file = gateway.directory_ / image_name(image_traits{}.git_id);
+    const auto file = gateway.m_directory / image_name(image_traits{}.git_id);
     ASSERT_TRUE(write_file(file, image));
     network_options options = options_for(gateway.ports);
     options.ota = file.string();
@@ -150,7 +150,7 @@ TEST(sim_gateway, a_taken_port_is_an_error)
     daemon gateway;
     network_options options = options_for(gateway.ports);
     options.servers.handler_port = gateway.ports.win;
-    ASSERT_TRUE(comes_true([&] { return std::filesystem::exists(gateway.directory_ / "pid"); }));
+    ASSERT_TRUE(comes_true([&] { return std::filesystem::exists(gateway.m_directory / "pid"); }));
     EXPECT_EQ(run_network(options), 1);
 }
 

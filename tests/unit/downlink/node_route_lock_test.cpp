@@ -1,0 +1,82 @@
+// A node's address and its bridge belong together: a request that takes one from before and one from after a
+// move goes to a bridge that does not know the node, or to another node.
+#include "base/hex.h"
+#include "registry/nodes_container.h"
+#include "support/proxy_fixture.h"
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+namespace rtls {
+
+namespace {
+
+class node_route_lock : public proxy_fixture {
+protected:
+    struct place_t {
+        bytes_t address;
+        WIN_CLIENT_t* bridge;
+    };
+    const place_t m_places[2] = {
+        {hex("FE80 0000 0000 0000 1111 1111 1111 1111"), add_bridge("0000000001")},
+        {hex("FE80 0000 0000 0000 2222 2222 2222 2222"), add_bridge("0000000002")},
+    };
+
+    void move_to(const place_t& place)
+    {
+        const nodes_guard guard{nodes};
+        NODE_t* node = nodes_container_find_or_create_by_mac(nodes, hex(mac).data(), nullptr, 0);
+        nodes_container_set_address(nodes, node, place.address.data(), false);
+        node_update_win_client_ID(node, place.bridge->id);
+    }
+    // So that no command is a repeat.
+    void forget_last_command()
+    {
+        const nodes_guard guard{nodes};
+        nodes_container_find_by_mac(nodes, hex(mac).data())->last_data_time = {};
+    }
+
+    // Runs the request while another thread moves the node about, as a bridge's messages do.
+    void expect_whole_places(const std::function<bool()>& request)
+    {
+        move_to(m_places[0]);
+        std::atomic<bool> done = false;
+        std::thread mover{[&] {
+            for (size_t i = 0; !done; ++i)
+                move_to(m_places[i % 2]);
+        }};
+        size_t sent = 0;
+        for (int i = 0; i < 3000; ++i) {
+            forget_last_command();
+            request();
+            for (const auto& place : m_places)
+                for (const auto& message : sent_to(place.bridge)) {
+                    ++sent;
+                    EXPECT_TRUE(message.ends_with(to_hex(place.address))) << message;
+                }
+        }
+        done = true;
+        mover.join();
+        EXPECT_GT(sent, 2000U);
+    }
+};
+
+} // namespace
+
+TEST_F(node_route_lock, a_generic_request_goes_to_the_bridge_of_its_address)
+{
+    const bytes_t request = hex("0E08 07 0003 AABBCC" + mac);
+    expect_whole_places([&] { return generic_process(server, request.data(), request.size()); });
+}
+
+TEST_F(node_route_lock, a_command_goes_to_the_bridge_of_its_address)
+{
+    for (const char* command : {"0810 C7", "0800 07 0003 0102030405060708 AABBCC",
+                                "0804 0A 0B 01 EE 0102030405060708090A0B0C", "080E 07 0003 AABBCC"}) {
+        SCOPED_TRACE(command);
+        expect_whole_places([&] { return process(command + mac); });
+    }
+}
+
+} // namespace rtls
