@@ -66,7 +66,7 @@ NODE_t* NODES_CONTAINER_t::find_by_short_mac(uint8_t short_mac_hi, uint8_t short
 
 NODE_t* NODES_CONTAINER_t::find_by_ip(const uint8_t* ip_addr)
 {
-    auto node = m_by_address.only_with(ip_addr);
+    auto node = m_by_address.first_with(ip_addr);
     if (!node)
         node = m_nodes.find_first([=](const NODE_t& candidate) {
             return !candidate.forwarded_ip && memcmp(candidate.ip_addr, ip_addr, ip_addr_size) == 0;

@@ -69,7 +69,7 @@ private:
 
     annotated_mutex m_mutex; // stays first: the handle may be used as the mutex itself
     node_table m_nodes;
-    address_index m_by_address;
+    address_index m_by_address{m_nodes};
     const size_t m_limit;
 };
 
