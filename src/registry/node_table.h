@@ -21,16 +21,26 @@
 
 namespace rtls {
 
-// A node with its places in the container's structures.
-struct stored_node : NODE_t {
+// A node with the numbers that its order depends on. They lie where NODE_t ends in padding.
+struct numbered_node : NODE_t {
     uint64_t tree_growth : 8 = 0; // of a tree's root: the growth of the table for which the tree is sorted
     uint64_t pushed : 48 = 0;     // the table's count of pushes when it got this node: newer ones come first
+};
+
+// A place in one of the lists of the expiry queue.
+struct expiry_link {
+    expiry_link* previous = nullptr;
+    expiry_link* next = nullptr;
+};
+
+// A node with its places in the container's structures.
+struct stored_node : numbered_node, expiry_link {
     stored_node* next_in_bucket = nullptr;
     stored_node* tree_left = nullptr; // the other nodes with the same address
     stored_node* tree_right = nullptr;
 };
-// A million of them are kept. The two numbers lie where NODE_t ends in padding.
-static_assert(sizeof(stored_node) <= 160);
+// A million of them are kept: 16 bytes more than without the expiry queue.
+static_assert(sizeof(stored_node) <= 176);
 
 // Where a node comes in table order.
 struct table_place {
