@@ -73,8 +73,8 @@ public:
 private:
     NODE_t* settled(stored_node* node) const;
     bool has_room();
-    void make_room();
-    NODE_t* create(const uint8_t* mac);
+    void make_room() RTLS_REQUIRES(this);
+    NODE_t* create(const uint8_t* mac) RTLS_REQUIRES(this);
 
     annotated_mutex m_mutex; // stays first: the handle may be used as the mutex itself
     node_table m_nodes;
