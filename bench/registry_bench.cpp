@@ -117,6 +117,83 @@ void walk_all(benchmark::State& state)
             benchmark::DoNotOptimize(node);
 }
 
+// A registry as an attacker would fill it: all nodes have the same address, be it of all zeros or not.
+class flooded_registry {
+public:
+    flooded_registry(size_t count, const ip_t& ip) : m_ip(ip)
+    {
+        for (size_t i = 0; i < count; ++i)
+            nodes_container_set_address(m_nodes, create(i), m_ip.data(), false);
+    }
+    ~flooded_registry() { nodes_container_destroy(&m_nodes); }
+    flooded_registry(const flooded_registry&) = delete;
+    flooded_registry& operator=(const flooded_registry&) = delete;
+
+    // MACs as if drawn at random.
+    NODE_t* create(uint64_t number)
+    {
+        mac_t mac{0xE4, 0x11, 0x22};
+        for (size_t k = 0; k < 5; ++k)
+            mac[7 - k] = static_cast<uint8_t>(number * 0x9E3779B97F4A7C15U >> 8 * k);
+        return nodes_container_find_or_create_by_mac(m_nodes, mac.data(), nullptr, 0);
+    }
+    NODE_t* find() { return nodes_container_find_by_ip(m_nodes, m_ip.data()); }
+    void move(NODE_t* node, const ip_t& ip) { nodes_container_set_address(m_nodes, node, ip.data(), false); }
+    const ip_t& ip() const { return m_ip; }
+    void* nodes() const { return m_nodes; }
+
+private:
+    void* m_nodes = nodes_container_new();
+    ip_t m_ip;
+};
+
+constexpr ip_t shared_ip{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0xE6, 1, 2, 3, 4, 5, 6, 7};
+constexpr ip_t other_ip{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0xE6, 1, 2, 3, 4, 5, 6, 8};
+
+void find_in_flooded(benchmark::State& state, const ip_t& ip)
+{
+    flooded_registry r(static_cast<size_t>(state.range(0)), ip);
+    while (state.KeepRunning())
+        benchmark::DoNotOptimize(r.find());
+}
+
+// An address that nobody has, while all nodes share another one.
+void find_forged_ip(benchmark::State& state)
+{
+    const flooded_registry r(static_cast<size_t>(state.range(0)), shared_ip);
+    while (state.KeepRunning())
+        benchmark::DoNotOptimize(nodes_container_find_by_ip(r.nodes(), other_ip.data()));
+}
+
+// The node found goes elsewhere and comes back: every look-up finds another one than the one before.
+void find_shared_ip_of_a_mover(benchmark::State& state)
+{
+    flooded_registry r(static_cast<size_t>(state.range(0)), shared_ip);
+    while (state.KeepRunning()) {
+        NODE_t* const mover = r.find();
+        r.move(mover, other_ip);
+        benchmark::DoNotOptimize(r.find());
+        r.move(mover, shared_ip);
+    }
+}
+
+// A new node with the shared address before every look-up.
+void find_shared_ip_of_newcomers(benchmark::State& state)
+{
+    flooded_registry r(static_cast<size_t>(state.range(0)), shared_ip);
+    auto number = static_cast<uint64_t>(state.range(0));
+    while (state.KeepRunning()) {
+        r.move(r.create(++number), shared_ip);
+        benchmark::DoNotOptimize(r.find());
+    }
+}
+
+// The floods are made once: they take seconds.
+void at_sizes_of_floods(benchmark::internal::Benchmark* b)
+{
+    b->Arg(1'000)->Arg(100'000)->Arg(900'000)->Iterations(20'000);
+}
+
 void at_three_sizes(benchmark::internal::Benchmark* b)
 {
     b->Arg(10)->Arg(1'000)->Arg(100'000);
@@ -130,6 +207,11 @@ BENCHMARK(find_by_ip)->Apply(at_three_sizes);
 BENCHMARK(find_by_unknown_ip)->Apply(at_three_sizes);
 BENCHMARK(process_report)->Apply(at_three_sizes);
 BENCHMARK(age_all)->Apply(at_three_sizes)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(find_in_flooded, shared_ip, shared_ip)->Apply(at_sizes_of_floods);
+BENCHMARK_CAPTURE(find_in_flooded, no_ip, ip_t{})->Apply(at_sizes_of_floods);
+BENCHMARK(find_forged_ip)->Apply(at_sizes_of_floods);
+BENCHMARK(find_shared_ip_of_a_mover)->Apply(at_sizes_of_floods);
+BENCHMARK(find_shared_ip_of_newcomers)->Apply(at_sizes_of_floods);
 BENCHMARK(walk_all)->Apply(at_three_sizes)->Unit(benchmark::kMicrosecond);
 
 } // namespace rtls

@@ -5,8 +5,6 @@
 
 namespace rtls {
 
-static constexpr std::array<uint64_t, 2> unset_address{};
-
 address_index::address_key address_index::key_of(const uint8_t* ip_addr)
 {
     address_key key;
@@ -16,63 +14,45 @@ address_index::address_key address_index::key_of(const uint8_t* ip_addr)
 
 void address_index::add(stored_node* node) noexcept
 {
-    if (node->forwarded_ip)
+    if (node->forwarded_ip || m_given_up)
         return;
-    const address_key key = key_of(node->ip_addr);
-    if (key == unset_address) {
-        ++m_unset;
-        return;
-    }
     try {
-        stored_node*& head = m_heads[key];
-        node->previous_with_address = nullptr;
-        node->next_with_address = head;
-        if (head)
-            head->previous_with_address = node;
-        head = node;
+        m_trees[key_of(node->ip_addr)].insert(m_table, node);
     } catch (const std::bad_alloc&) {
-        m_incomplete = true; // slower from now on, but still right
+        m_given_up = true; // slower from now on, but still right
     }
 }
 
 void address_index::remove(stored_node* node) noexcept
 {
-    if (node->forwarded_ip)
+    if (node->forwarded_ip || m_given_up)
         return;
-    const address_key key = key_of(node->ip_addr);
-    if (key == unset_address) {
-        --m_unset;
+    const auto entry = m_trees.find(key_of(node->ip_addr));
+    if (entry == m_trees.end())
         return;
-    }
-    stored_node* const previous = node->previous_with_address;
-    stored_node* const next = node->next_with_address;
-    node->previous_with_address = node->next_with_address = nullptr;
-    if (next)
-        next->previous_with_address = previous;
-    if (previous) {
-        previous->next_with_address = next;
+    try {
+        entry->second.remove(m_table, node);
+    } catch (const std::bad_alloc&) {
+        m_given_up = true;
         return;
     }
-    const auto entry = m_heads.find(key);
-    if (entry == m_heads.end() || entry->second != node)
-        return; // it never got in
-    if (next)
-        entry->second = next;
-    else
-        m_heads.erase(entry);
+    if (entry->second.empty())
+        m_trees.erase(entry);
 }
 
-std::optional<stored_node*> address_index::only_with(const uint8_t* ip_addr) const noexcept
+std::optional<stored_node*> address_index::first_with(const uint8_t* ip_addr) noexcept
 {
-    if (m_incomplete)
+    if (m_given_up)
         return std::nullopt;
-    const address_key key = key_of(ip_addr);
-    if (key == unset_address)
-        return m_unset == 0 ? std::optional<stored_node*>{nullptr} : std::nullopt;
-    const auto entry = m_heads.find(key);
-    if (entry == m_heads.end())
+    const auto entry = m_trees.find(key_of(ip_addr));
+    if (entry == m_trees.end())
         return nullptr;
-    return entry->second->next_with_address ? std::nullopt : std::optional{entry->second};
+    try {
+        return entry->second.first(m_table);
+    } catch (const std::bad_alloc&) {
+        m_given_up = true;
+        return std::nullopt;
+    }
 }
 
 } // namespace rtls

@@ -18,14 +18,16 @@
 namespace rtls {
 
 // One node. Owned by the nodes container; borrowed under its lock.
-// ip_addr and forwarded_ip change only through the container's set_address, which keeps the
-// container's look-up by address in step.
+// ip_addr and forwarded_ip change only through the container's set_address, which keeps the container's
+// look-up by address in step; lifetime through its set_lifetime, which keeps the order in which nodes
+// expire. The container counts lifetime down as it hands the node out.
 struct NODE_t {
     zframe_ptr win_client_id;           // the WIN client it was last heard through, null until known
     uint8_t ip_addr[ip_addr_size] = {}; // IPv6, network order
     uint8_t mac_addr[mac_size] = {};    // the container's key
     uint8_t parent_addr[mac_size] = {}; // MAC of the parent in the routing tree
     uint16_t lifetime = 0;              // seconds left before the node counts as lost
+    uint32_t lifetime_tick = 0;         // the container's: up to when lifetime is counted down
     timeval last_activity = {};
     uint32_t sw_version = 0;
     uint8_t type = 0; // NODE_ROLE, low four bits

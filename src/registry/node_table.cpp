@@ -28,6 +28,8 @@ static_assert(bucket_counts[std::size(bucket_counts) - 1] * max_load_percent / 1
 
 static constexpr size_t bits_per_word = 64;
 
+static constexpr uint64_t pushed_mask = (uint64_t{1} << 48) - 1;
+
 static constexpr size_t words_for(size_t buckets)
 {
     return (buckets + bits_per_word - 1) / bits_per_word;
@@ -70,12 +72,6 @@ static bool has_mac(const stored_node& node, const uint8_t* mac)
     return memcmp(node.mac_addr, mac, mac_size) == 0;
 }
 
-static void push(stored_node** buckets, uint64_t* occupied, size_t bucket, stored_node* node)
-{
-    node->next_in_bucket = std::exchange(buckets[bucket], node);
-    occupied[bucket / bits_per_word] |= uint64_t{1} << bucket % bits_per_word;
-}
-
 size_t seeded_hash(uint64_t low, uint64_t high)
 {
     static const uint64_t seed = make_seed();
@@ -101,6 +97,13 @@ node_table::~node_table()
 {
     for (auto [mac, node] : m_by_mac)
         delete node;
+}
+
+void node_table::push(stored_node** buckets, uint64_t* occupied, size_t bucket, stored_node* node)
+{
+    node->pushed = ++m_pushes & pushed_mask;
+    node->next_in_bucket = std::exchange(buckets[bucket], node);
+    occupied[bucket / bits_per_word] |= uint64_t{1} << bucket % bits_per_word;
 }
 
 size_t node_table::bucket_of(const uint8_t* mac) const

@@ -21,19 +21,43 @@
 
 namespace rtls {
 
-// A node with its places in the container's structures.
-struct stored_node : NODE_t {
-    stored_node* next_in_bucket = nullptr;
-    stored_node* previous_with_address = nullptr; // the other nodes with the same address
-    stored_node* next_with_address = nullptr;
+// A node with the numbers that its order depends on. They lie where NODE_t ends in padding.
+struct numbered_node : NODE_t {
+    uint64_t tree_growth : 8 = 0; // of a tree's root: the growth of the table for which the tree is sorted
+    uint64_t pushed : 48 = 0;     // the table's count of pushes when it got this node: newer ones come first
 };
-// A million of them are kept.
-static_assert(sizeof(stored_node) <= 160);
+
+// A place in one of the lists of the expiry queue.
+struct expiry_link {
+    expiry_link* previous = nullptr;
+    expiry_link* next = nullptr;
+};
+
+// A node with its places in the container's structures.
+struct stored_node : numbered_node, expiry_link {
+    stored_node* next_in_bucket = nullptr;
+    stored_node* tree_left = nullptr; // the other nodes with the same address
+    stored_node* tree_right = nullptr;
+};
+// A million of them are kept: 16 bytes more than without the expiry queue.
+static_assert(sizeof(stored_node) <= 176);
+
+// Where a node comes in table order.
+struct table_place {
+    size_t bucket;
+    uint64_t pushed;
+
+    bool operator<(const table_place& other) const
+    {
+        return bucket != other.bucket ? bucket < other.bucket : pushed > other.pushed;
+    }
+};
 
 // Hashes of bytes that peers choose, seeded at random so that nobody can make them collide.
 size_t seeded_hash(uint64_t low, uint64_t high = 0);
 
-// The most nodes one container takes: peers create nodes, and nothing but an operator removes them.
+// The most nodes one container takes: peers create nodes. Operators remove them, and at the limit the node
+// that has been expired for longest makes room for a new one.
 constexpr size_t nodes_container_limit = 1'000'000;
 
 class node_table {
@@ -54,6 +78,12 @@ public:
 
     // Takes the node with this MAC out; null if there is none.
     std::unique_ptr<stored_node> remove(const uint8_t* mac) noexcept;
+
+    // How often the table has grown. Each growth reorders it: places are comparable between two of them.
+    uint8_t growth() const { return static_cast<uint8_t>(m_growth); }
+
+    // The place of a node that is in the table, or was until nothing but its removal happened.
+    table_place place_of(const stored_node& node) const { return {bucket_of(node.mac_addr), node.pushed}; }
 
     // The one cursor, in table order.
     stored_node* first() noexcept;
@@ -93,6 +123,7 @@ private:
     template <typename T>
     static zeroed_array<T> make_zeroed(size_t count) noexcept;
 
+    void push(stored_node** buckets, uint64_t* occupied, size_t bucket, stored_node* node);
     size_t bucket_of(const uint8_t* mac) const;
     size_t next_occupied(size_t from) const;
     bool may_spread() const;
@@ -103,6 +134,7 @@ private:
     size_t m_bucket_count = 0;
     size_t m_growth = 0; // index into the bucket counts
     size_t m_size = 0;
+    uint64_t m_pushes = 0; // 48 bits of it last for years of creations at full speed
     unsigned m_chain_limit = 1;
     size_t m_cursor_bucket = 0;
     stored_node* m_cursor = nullptr; // what next() returns, or null: look in the buckets behind

@@ -25,28 +25,55 @@ void NODES_CONTAINER_t::unlock()
     m_mutex.unlock();
 }
 
-// Adds a node that is all zeros but its MAC; nullptr when memory is short or the container full.
+// The node, which may be null, with its lifetime up to date: what is handed out is read and written.
+NODE_t* NODES_CONTAINER_t::settled(stored_node* node) const
+{
+    if (node)
+        m_expiry.settle(*node);
+    return node;
+}
+
+bool NODES_CONTAINER_t::has_room()
+{
+    return m_nodes.size() < m_limit || m_expiry.longest_expired();
+}
+
+// Removes the node that has been expired for longest, if the container is full.
+void NODES_CONTAINER_t::make_room()
+{
+    if (m_nodes.size() < m_limit)
+        return;
+    if (const stored_node* expired = m_expiry.longest_expired())
+        remove(expired->mac_addr);
+}
+
+// Adds a node that is all zeros but its MAC; nullptr when memory is short, or the container full of nodes
+// that live.
 NODE_t* NODES_CONTAINER_t::create(const uint8_t* mac)
 {
-    if (m_nodes.size() >= m_limit)
+    if (!has_room())
         return nullptr;
     std::unique_ptr<stored_node> new_node{new (std::nothrow) stored_node};
     if (!new_node)
         return nullptr;
     memcpy(new_node->mac_addr, mac, mac_size);
+    make_room();
     stored_node* node = m_nodes.insert(std::move(new_node));
-    if (node)
-        m_by_address.add(node);
+    if (!node)
+        return nullptr;
+    m_by_address.add(node);
+    m_expiry.add(*node);
     return node;
 }
 
 NODE_t* NODES_CONTAINER_t::find_or_create_by_mac(const uint8_t* mac, const uint8_t* sequence_number)
 {
-    NODE_t* node = m_nodes.find(mac);
+    NODE_t* node = find_by_mac(mac);
     if (!node) {
         node = create(mac);
-        if (!node)
+        if (!node && !m_refusing) // peers can bring about any number of refusals
             logger_error(g_logger, str_out_of_memory, "nodes_container_find_or_create_by_mac");
+        m_refusing = !node;
         return node;
     }
     if (sequence_number) {
@@ -59,24 +86,24 @@ NODE_t* NODES_CONTAINER_t::find_or_create_by_mac(const uint8_t* mac, const uint8
 
 NODE_t* NODES_CONTAINER_t::find_by_short_mac(uint8_t short_mac_hi, uint8_t short_mac_lo)
 {
-    return m_nodes.find_first([=](const NODE_t& node) {
+    return settled(m_nodes.find_first([=](const NODE_t& node) {
         return node.mac_addr[6] == short_mac_hi && node.mac_addr[7] == short_mac_lo;
-    });
+    }));
 }
 
 NODE_t* NODES_CONTAINER_t::find_by_ip(const uint8_t* ip_addr)
 {
-    auto node = m_by_address.only_with(ip_addr);
+    auto node = m_by_address.first_with(ip_addr);
     if (!node)
         node = m_nodes.find_first([=](const NODE_t& candidate) {
             return !candidate.forwarded_ip && memcmp(candidate.ip_addr, ip_addr, ip_addr_size) == 0;
         });
     if (*node)
-        return *node;
+        return settled(*node);
     uint8_t mac[mac_size];
     memcpy(mac, ip_addr + interface_identifier, mac_size);
     mac[0] = first_mac_byte;
-    return m_nodes.find(mac);
+    return find_by_mac(mac);
 }
 
 void NODES_CONTAINER_t::set_address(NODE_t& node, const uint8_t* ip_addr, bool forwarded_ip)
@@ -90,20 +117,24 @@ void NODES_CONTAINER_t::set_address(NODE_t& node, const uint8_t* ip_addr, bool f
     m_by_address.add(&stored);
 }
 
+void NODES_CONTAINER_t::set_lifetime(NODE_t& node, uint16_t lifetime)
+{
+    m_expiry.set_lifetime(static_cast<stored_node&>(node), lifetime);
+}
+
 void NODES_CONTAINER_t::update_lifetime()
 {
     const nodes_guard guard{*this};
-    m_nodes.for_each([](NODE_t& node) {
-        if (node.lifetime != 0)
-            --node.lifetime;
-    });
+    m_expiry.tick();
 }
 
 void NODES_CONTAINER_t::remove(const uint8_t* mac)
 {
     const auto node = m_nodes.remove(mac);
-    if (node)
-        m_by_address.remove(node.get());
+    if (!node)
+        return;
+    m_by_address.remove(node.get());
+    m_expiry.remove(*node);
 }
 
 // --- by handle
@@ -191,6 +222,13 @@ RTLS_NO_THREAD_SAFETY_ANALYSIS void nodes_container_set_address(void* p_nodes, N
 {
     if (!any_null(__func__, p_nodes, node, ip_addr))
         container_of(p_nodes).set_address(*node, ip_addr, forwarded_ip);
+}
+
+RTLS_NO_THREAD_SAFETY_ANALYSIS void nodes_container_set_lifetime(void* p_nodes, NODE_t* node,
+                                                                 uint16_t lifetime)
+{
+    if (!any_null(__func__, p_nodes, node))
+        container_of(p_nodes).set_lifetime(*node, lifetime);
 }
 
 void nodes_container_update_lifetime(void* p_nodes)

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "registry/address_index.h"
+#include "registry/expiry_queue.h"
 #include "registry/node.h"
 #include "registry/node_table.h"
 
@@ -33,16 +34,17 @@ public:
 
     // The one cursor, in table order. Any other call may reorder the table: never look up while
     // iterating.
-    NODE_t* first() RTLS_REQUIRES(this) { return m_nodes.first(); }
-    NODE_t* next() RTLS_REQUIRES(this) { return m_nodes.next(); }
+    NODE_t* first() RTLS_REQUIRES(this) { return settled(m_nodes.first()); }
+    NODE_t* next() RTLS_REQUIRES(this) { return settled(m_nodes.next()); }
 
     // The node with exactly this MAC, or nullptr.
-    NODE_t* find_by_mac(const uint8_t* mac) RTLS_REQUIRES(this) { return m_nodes.find(mac); }
+    NODE_t* find_by_mac(const uint8_t* mac) RTLS_REQUIRES(this) { return settled(m_nodes.find(mac)); }
 
     // The node with this MAC, made if it is new. With a sequence number (may be null), nullptr for a
     // known node that already has it: a duplicate, to be dropped. A new node does not take the number
-    // over, so that its second message is the first one compared. nullptr, too, and a log line, when
-    // there is no room for a new one.
+    // over, so that its second message is the first one compared. nullptr, too, when there is no room for
+    // a new one, with a log line for the first such call since a node was last created. At the limit
+    // a new node destroys the one that has been expired for longest: keep no other node across this call.
     NODE_t* find_or_create_by_mac(const uint8_t* mac, const uint8_t* sequence_number) RTLS_REQUIRES(this);
 
     // The first node in table order whose MAC ends in these two bytes, or nullptr. Walks the table.
@@ -55,6 +57,9 @@ public:
     // Gives the node another address; keeps the look-up by address in step.
     void set_address(NODE_t& node, const uint8_t* ip_addr, bool forwarded_ip) RTLS_REQUIRES(this);
 
+    // Gives the node another lifetime, in seconds.
+    void set_lifetime(NODE_t& node, uint16_t lifetime) RTLS_REQUIRES(this);
+
     // Ages every node by one second. Takes the lock itself.
     void update_lifetime() RTLS_EXCLUDES(this);
 
@@ -62,11 +67,16 @@ public:
     void remove(const uint8_t* mac) RTLS_REQUIRES(this);
 
 private:
-    NODE_t* create(const uint8_t* mac);
+    NODE_t* settled(stored_node* node) const;
+    bool has_room();
+    void make_room() RTLS_REQUIRES(this);
+    NODE_t* create(const uint8_t* mac) RTLS_REQUIRES(this);
 
     annotated_mutex m_mutex; // stays first: the handle may be used as the mutex itself
     node_table m_nodes;
-    address_index m_by_address;
+    address_index m_by_address{m_nodes};
+    expiry_queue m_expiry;
+    bool m_refusing = false; // since a new node was refused; none has been created since
     const size_t m_limit;
 };
 
@@ -106,6 +116,7 @@ NODE_t* nodes_container_find_or_create_by_mac(void* p_nodes, const uint8_t* mac,
 NODE_t* nodes_container_find_by_short_mac(void* p_nodes, uint8_t short_mac_hi, uint8_t short_mac_lo);
 NODE_t* nodes_container_find_by_ip(void* p_nodes, const uint8_t* ip_addr);
 void nodes_container_set_address(void* p_nodes, NODE_t* node, const uint8_t* ip_addr, bool forwarded_ip);
+void nodes_container_set_lifetime(void* p_nodes, NODE_t* node, uint16_t lifetime);
 // Takes the lock itself: call it without.
 void nodes_container_update_lifetime(void* p_nodes);
 void nodes_container_delete(void* p_nodes, const uint8_t* mac);

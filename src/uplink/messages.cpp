@@ -38,7 +38,7 @@ static bool refresh_node(link_frame& frame, const uint8_t* mac)
     if (!node)
         return false;
     move_route_locked(frame, *node);
-    node->lifetime = node_lifetime;
+    frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();
     return true;
 }
@@ -134,7 +134,7 @@ static bool update_node(link_frame& frame, const heartbeat_numbers& heartbeat)
     node->pos_X = heartbeat.pos_X;
     node->pos_Y = heartbeat.pos_Y;
     node->pos_Z = heartbeat.pos_Z;
-    node->lifetime = static_cast<uint16_t>(node->reporting_freq * 5);
+    frame.nodes.set_lifetime(*node, static_cast<uint16_t>(node->reporting_freq * 5));
     node->last_activity = frame.activity();
     move_route_locked(frame, *node);
     if (frame.change_route)
@@ -274,7 +274,7 @@ static bool register_forwarded_node(link_frame& frame, const uint8_t* trailer)
     if (!node)
         return false;
     node->direct_mask = frame.direct_mask;
-    node->lifetime = node_lifetime;
+    frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();
     move_route_locked(frame, *node);
     if (frame.change_route)

@@ -14,6 +14,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace rtls {
@@ -63,6 +64,21 @@ protected:
     void set_address(NODE_t* node, const ip_t& ip, bool forwarded = false)
     {
         nodes_container_set_address(nodes, node, ip.data(), forwarded);
+    }
+    void set_lifetime(NODE_t* node, uint16_t lifetime)
+    {
+        nodes_container_set_lifetime(nodes, node, lifetime);
+    }
+    void age(int ticks)
+    {
+        for (int i = 0; i < ticks; ++i)
+            nodes_container_update_lifetime(nodes);
+    }
+    // Starts anew with a container that takes no more nodes than this.
+    void limit_to(size_t limit)
+    {
+        nodes_container_destroy(&nodes);
+        nodes = new NODES_CONTAINER_t(limit);
     }
     std::vector<mac_t> in_order()
     {
@@ -378,6 +394,41 @@ TEST_F(nodes_container, addresses_agree_with_a_walk_whatever_happens)
     }
 }
 
+// The same while the table grows: each growth gives the nodes with one address another order.
+TEST_F(nodes_container, shared_addresses_agree_with_a_walk_while_the_table_grows)
+{
+    std::mt19937_64 random(7);
+    const auto first_in_walk = [this](const ip_t& ip) -> NODE_t* {
+        for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
+            if (!node->forwarded_ip && memcmp(node->ip_addr, ip.data(), ip_addr_size) == 0)
+                return node;
+        return nullptr; // no test node has the MAC that an interface identifier here stands for
+    };
+    const auto some_ip = [&] {
+        return random() % 3 == 0 ? ip_t{} : ip_of(static_cast<uint8_t>(random() % 4));
+    };
+    std::vector<mac_t> known;
+    for (int i = 0; i < 20'000; ++i) {
+        if (known.empty() || random() % 3 != 0) {
+            known.push_back(mac_of(0xE500000000000000 | random() >> 8));
+            set_address(create(known.back()), some_ip(), random() % 8 == 0);
+        }
+        mac_t& mac = known[random() % known.size()];
+        if (random() % 2 == 0)
+            set_address(find(mac), some_ip(), random() % 8 == 0);
+        else if (random() % 4 == 0) {
+            nodes_container_delete(nodes, mac.data());
+            std::swap(mac, known.back());
+            known.pop_back();
+        }
+        if (i < 1'000 || i % 50 == 0)
+            for (const ip_t& ip : {ip_t{}, ip_of(0), ip_of(1), ip_of(2), ip_of(3)}) {
+                ASSERT_EQ(find_ip(ip), first_in_walk(ip)) << "operation " << i;
+            }
+    }
+    EXPECT_GT(nodes_container_get_size(nodes), 5'000U);
+}
+
 TEST_F(nodes_container, the_handle_is_the_mutex)
 {
     auto* mutex = static_cast<pthread_mutex_t*>(nodes);
@@ -410,7 +461,7 @@ TEST_F(nodes_container, serves_two_threads_under_its_lock)
         const nodes_guard guard{nodes};
         const mac_t mac = mac_of(random() % 50);
         NODE_t* node = create(mac);
-        node->lifetime = 300;
+        set_lifetime(node, 300);
         set_address(node, ip_of(static_cast<uint8_t>(random())));
         if (random() % 3 == 0)
             nodes_container_delete(nodes, mac.data());
@@ -439,6 +490,8 @@ TEST_F(nodes_container, null_arguments_are_logged_and_answered)
     nodes_container_set_address(nullptr, node, ip.data(), false);
     nodes_container_set_address(nodes, nullptr, ip.data(), false);
     nodes_container_set_address(nodes, node, nullptr, false);
+    nodes_container_set_lifetime(nullptr, node, 1);
+    nodes_container_set_lifetime(nodes, nullptr, 1);
     nodes_container_update_lifetime(nullptr);
     nodes_container_delete(nullptr, mac.data());
     nodes_container_delete(nodes, nullptr);
@@ -456,6 +509,7 @@ TEST_F(nodes_container, null_arguments_are_logged_and_answered)
             "nodes_container_find_by_short_mac: null pointer!", "nodes_container_find_by_ip: null pointer!",
             "nodes_container_find_by_ip: null pointer!", "nodes_container_set_address: null pointer!",
             "nodes_container_set_address: null pointer!", "nodes_container_set_address: null pointer!",
+            "nodes_container_set_lifetime: null pointer!", "nodes_container_set_lifetime: null pointer!",
             "nodes_container_update_lifetime: null pointer!", "nodes_container_delete: null pointer!",
             "nodes_container_delete: null pointer!", "nodes_container_lock: null pointer!",
             "nodes_container_unlock: null pointer!"));
@@ -464,8 +518,11 @@ TEST_F(nodes_container, null_arguments_are_logged_and_answered)
 TEST_F(nodes_container, is_full_at_its_limit)
 {
     log_capture log;
-    for (uint64_t i = 0; i < nodes_container_limit; ++i)
-        ASSERT_NE(create(mac_of(i)), nullptr) << i;
+    for (uint64_t i = 0; i < nodes_container_limit; ++i) {
+        NODE_t* node = create(mac_of(i));
+        ASSERT_NE(node, nullptr) << i;
+        set_lifetime(node, 300);
+    }
     EXPECT_THAT(log.messages("main"), IsEmpty());
     EXPECT_EQ(create(mac_of(nodes_container_limit)), nullptr);
     EXPECT_THAT(log.messages("main"), ElementsAre("nodes_container_find_or_create_by_mac: out of memory!"));
@@ -474,6 +531,135 @@ TEST_F(nodes_container, is_full_at_its_limit)
         ASSERT_EQ(mac_of(*find(mac_of(i))), mac_of(i));
     nodes_container_delete(nodes, mac_of(5).data());
     EXPECT_NE(create(mac_of(nodes_container_limit)), nullptr);
+}
+
+TEST_F(nodes_container, at_the_limit_the_longest_expired_node_makes_room)
+{
+    log_capture log;
+    limit_to(4);
+    set_lifetime(create(mac_of(1)), 3);
+    set_lifetime(create(mac_of(2)), 1);
+    set_lifetime(create(mac_of(3)), 2);
+    set_lifetime(create(mac_of(4)), 300);
+    age(3);
+    for (const uint64_t gone : {2, 3, 1, 12, 13}) { // those after the first three are themselves newcomers
+        EXPECT_NE(find(mac_of(gone)), nullptr) << gone;
+        EXPECT_NE(create(mac_of(gone + 10)), nullptr);
+        EXPECT_EQ(find(mac_of(gone)), nullptr) << gone;
+        EXPECT_EQ(nodes_container_get_size(nodes), 4U);
+    }
+    EXPECT_NE(find(mac_of(4)), nullptr);
+    EXPECT_THAT(log.messages("main"), IsEmpty());
+}
+
+TEST_F(nodes_container, a_node_that_is_renewed_keeps_its_room)
+{
+    limit_to(2);
+    set_lifetime(create(mac_of(1)), 1);
+    set_lifetime(create(mac_of(2)), 2);
+    age(2);
+    set_lifetime(find(mac_of(1)), 1);
+    create(mac_of(3));
+    EXPECT_NE(find(mac_of(1)), nullptr);
+    EXPECT_EQ(find(mac_of(2)), nullptr);
+}
+
+TEST_F(nodes_container, no_node_that_lives_makes_room)
+{
+    limit_to(3);
+    set_lifetime(create(mac_of(1)), 0xFFFF); // longer than any node can name
+    set_lifetime(create(mac_of(2)), 5000);
+    create(mac_of(3))->lifetime = 4998; // behind the container's back
+    age(4997);
+    EXPECT_EQ(create(mac_of(4)), nullptr);
+    age(1);
+    EXPECT_NE(create(mac_of(4)), nullptr);
+    EXPECT_EQ(find(mac_of(3)), nullptr);
+    EXPECT_EQ(find(mac_of(2))->lifetime, 2);
+    EXPECT_EQ(find(mac_of(1))->lifetime, 0xFFFF - 4998);
+}
+
+TEST_F(nodes_container, a_refusal_is_logged_once_an_episode)
+{
+    constexpr const char* line = "nodes_container_find_or_create_by_mac: out of memory!";
+    log_capture log;
+    limit_to(1);
+    set_lifetime(create(mac_of(1)), 1);
+    for (uint64_t i = 2; i < 100; ++i)
+        EXPECT_EQ(create(mac_of(i)), nullptr);
+    EXPECT_EQ(create(mac_of(1)), find(mac_of(1))); // known: ends no episode
+    EXPECT_EQ(create(mac_of(2)), nullptr);
+    EXPECT_THAT(log.messages("main"), ElementsAre(line));
+    age(1);
+    set_lifetime(create(mac_of(2)), 1);
+    for (uint64_t i = 3; i < 100; ++i)
+        EXPECT_EQ(create(mac_of(i)), nullptr);
+    EXPECT_THAT(log.messages("main"), ElementsAre(line));
+}
+
+// Against lifetimes counted down one by one, and a list of those that expired in their order.
+TEST_F(nodes_container, lifetimes_and_room_agree_with_a_count_whatever_happens)
+{
+    constexpr size_t limit = 20;
+    limit_to(limit);
+    std::map<mac_t, uint16_t> lifetimes;
+    std::vector<mac_t> waiting; // in the order of when their lifetimes were set
+    std::vector<mac_t> expired;
+    std::mt19937_64 random(11);
+    const auto forget = [&](const mac_t& mac) {
+        std::erase(waiting, mac);
+        std::erase(expired, mac);
+    };
+    const auto set = [&](const mac_t& mac, uint16_t lifetime) {
+        if (lifetimes[mac] == 0 && lifetime == 0)
+            return;
+        forget(mac);
+        lifetimes[mac] = lifetime;
+        (lifetime == 0 ? expired : waiting).push_back(mac);
+    };
+    for (int i = 0; i < 30'000; ++i) {
+        const mac_t mac = mac_of(random() % 40);
+        switch (random() % 8) {
+        case 0:
+            age(1);
+            for (const mac_t& one : std::vector<mac_t>(waiting))
+                if (--lifetimes[one] == 0) {
+                    std::erase(waiting, one);
+                    expired.push_back(one);
+                }
+            break;
+        case 1:
+            nodes_container_delete(nodes, mac.data());
+            forget(mac);
+            lifetimes.erase(mac);
+            break;
+        case 2:
+        case 3: {
+            const bool known = lifetimes.count(mac) != 0;
+            const bool full = lifetimes.size() == limit;
+            ASSERT_EQ(create(mac) != nullptr, known || !full || !expired.empty()) << i;
+            if (known || (full && expired.empty()))
+                break;
+            if (full) {
+                lifetimes.erase(expired.front());
+                expired.erase(expired.begin());
+            }
+            lifetimes[mac] = 0;
+            expired.push_back(mac);
+            break;
+        }
+        default:
+            if (NODE_t* node = find(mac)) {
+                const auto lifetime = static_cast<uint16_t>(random() % 4 == 0 ? 0 : random() % 30);
+                set_lifetime(node, lifetime);
+                set(mac, lifetime);
+            }
+        }
+        std::map<mac_t, uint16_t> listed;
+        for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
+            listed[mac_of(*node)] = node->lifetime;
+        ASSERT_EQ(listed, lifetimes) << i;
+    }
 }
 
 } // namespace rtls
