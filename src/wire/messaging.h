@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 
 namespace rtls {
 
@@ -409,5 +410,104 @@ static_assert(discovery_address::address == discovery_address::request_size);
 static_assert(discovery_address::port + 2 == discovery_address::size);
 static_assert(sizeof(winserw_sock_cmd_t) == 4);
 static_assert(sizeof(gwMsgUpdateRequest_t) == 527);
+
+// --- Peers in the field depend on every byte: each record's fields follow one another up to its end.
+
+namespace layout {
+
+struct field {
+    size_t at;
+    size_t width;
+};
+
+constexpr bool is_filled(size_t size, std::initializer_list<field> fields)
+{
+    size_t end = 0;
+    for (const field& f : fields) {
+        if (f.at != end)
+            return false;
+        end += f.width;
+    }
+    return end == size;
+}
+
+constexpr size_t mac = 8;
+constexpr size_t ip = 16;
+
+} // namespace layout
+
+static_assert(layout::is_filled(
+    msgHeader_t::size, {{msgHeader_t::msgType, 2}, {msgHeader_t::seqNo, 1}, {msgHeader_t::total_len, 2}}));
+static_assert(layout::is_filled(msgGeneric_t::size, {{msgGeneric_t::msgType, 2}, {msgGeneric_t::seqNo, 1}}));
+static_assert(layout::is_filled(gwMsgGeneric_t::size,
+                                {{gwMsgGeneric_t::msgType, 2}, {gwMsgGeneric_t::seqNo, 1}}));
+static_assert(layout::is_filled(gwMsgPrefixRequest_t::size,
+                                {{gwMsgPrefixRequest_t::header, gwMsgGeneric_t::size},
+                                 {gwMsgPrefixRequest_t::ieee_addr, layout::mac}}));
+static_assert(layout::is_filled(gwMsgVrPrefixResponse_t::size, {{gwMsgVrPrefixResponse_t::msgType, 2},
+                                                                {gwMsgVrPrefixResponse_t::rplPrefix, 2},
+                                                                {gwMsgVrPrefixResponse_t::rpl_version, 1}}));
+static_assert(layout::is_filled(gwMsgRootAnnounce_t::size,
+                                {{gwMsgRootAnnounce_t::header, gwMsgGeneric_t::size},
+                                 {gwMsgRootAnnounce_t::ieee_addr, layout::mac},
+                                 {gwMsgRootAnnounce_t::rplPrefix, 2},
+                                 {gwMsgRootAnnounce_t::rpl_version, 1}}));
+static_assert(layout::is_filled(gwMsgHeartbeat_t::size, {{gwMsgHeartbeat_t::header, msgGeneric_t::size},
+                                                         {gwMsgHeartbeat_t::reporting_freq, 1},
+                                                         {gwMsgHeartbeat_t::ranging_freq, 1},
+                                                         {gwMsgHeartbeat_t::node_role, 1},
+                                                         {gwMsgHeartbeat_t::sublocation_id, 1},
+                                                         {gwMsgHeartbeat_t::long_addr, layout::mac},
+                                                         {gwMsgHeartbeat_t::parent_addr, layout::mac},
+                                                         {gwMsgHeartbeat_t::sw_version, 4},
+                                                         {gwMsgHeartbeat_t::pos_X, 4},
+                                                         {gwMsgHeartbeat_t::pos_Y, 4},
+                                                         {gwMsgHeartbeat_t::pos_Z, 4},
+                                                         {gwMsgHeartbeat_t::bridge_mac, layout::mac},
+                                                         {gwMsgHeartbeat_t::ipaddr, layout::ip}}));
+static_assert(gwMsgHeartbeat_t::z_val == gwMsgHeartbeat_t::pos_Z &&
+              gwMsgHeartbeat_t::z_offset == gwMsgHeartbeat_t::z_val + 2);
+static_assert(layout::is_filled(gwMsgConfigNode_t::size, {{gwMsgConfigNode_t::msgType, 2},
+                                                          {gwMsgConfigNode_t::reporting_freq, 1},
+                                                          {gwMsgConfigNode_t::ranging_freq, 1},
+                                                          {gwMsgConfigNode_t::node_role, 1},
+                                                          {gwMsgConfigNode_t::sublocation_id, 1},
+                                                          {gwMsgConfigNode_t::pos_X, 4},
+                                                          {gwMsgConfigNode_t::pos_Y, 4},
+                                                          {gwMsgConfigNode_t::pos_Z, 4},
+                                                          {gwMsgConfigNode_t::ipaddr, layout::ip}}));
+static_assert(gwMsgConfigNode_t::z_val == gwMsgConfigNode_t::pos_Z &&
+              gwMsgConfigNode_t::z_offset == gwMsgConfigNode_t::z_val + 2);
+static_assert(layout::is_filled(srvMsgConfigNode_t::size, {{srvMsgConfigNode_t::msgType, 2},
+                                                           {srvMsgConfigNode_t::reporting_freq, 1},
+                                                           {srvMsgConfigNode_t::ranging_freq, 1},
+                                                           {srvMsgConfigNode_t::node_role, 1},
+                                                           {srvMsgConfigNode_t::sublocation_id, 1},
+                                                           {srvMsgConfigNode_t::pos_X, 4},
+                                                           {srvMsgConfigNode_t::pos_Y, 4},
+                                                           {srvMsgConfigNode_t::pos_Z, 4},
+                                                           {srvMsgConfigNode_t::long_addr, layout::mac}}));
+static_assert(layout::is_filled(
+    gwMsgAck_t::size, {{gwMsgAck_t::msgType, 2}, {gwMsgAck_t::seqNo, 1}, {gwMsgAck_t::ipaddr, layout::ip}}));
+static_assert(layout::is_filled(srvMsgAck_t::size, {{srvMsgAck_t::msgType, 2},
+                                                    {srvMsgAck_t::seqNo, 1},
+                                                    {srvMsgAck_t::long_addr, layout::mac}}));
+static_assert(layout::is_filled(gwMsgFwImageAvailInd_t::size, {{gwMsgFwImageAvailInd_t::msgType, 2},
+                                                               {gwMsgFwImageAvailInd_t::sh1, 4},
+                                                               {gwMsgFwImageAvailInd_t::crc32, 4},
+                                                               {gwMsgFwImageAvailInd_t::len, 2}}));
+static_assert(msgGenericReq_t::msgHeader == 0 && msgGenericReq_t::data == msgHeader_t::size);
+static_assert(nwk_data_ind::inner == msgHeader_t::size && nwk_data_ind::trailer_mac == 0);
+static_assert(nwk_data_ind::trailer_ip == nwk_data_ind::trailer_mac + layout::mac);
+static_assert(nwk_data_ind::overhead == nwk_data_ind::inner + nwk_data_ind::trailer_ip + layout::ip);
+static_assert(wrap_ts::seconds == msgHeader_t::size && wrap_ts::fraction == wrap_ts::seconds + 4 &&
+              wrap_ts::size == wrap_ts::fraction + 2);
+static_assert(layout::is_filled(sizeof(gwMsgUpdateRequest_t), {{offsetof(gwMsgUpdateRequest_t, msgType), 2},
+                                                               {offsetof(gwMsgUpdateRequest_t, flag), 1},
+                                                               {offsetof(gwMsgUpdateRequest_t, ver), 4},
+                                                               {offsetof(gwMsgUpdateRequest_t, num), 2},
+                                                               {offsetof(gwMsgUpdateRequest_t, crc32), 4},
+                                                               {offsetof(gwMsgUpdateRequest_t, len), 2},
+                                                               {offsetof(gwMsgUpdateRequest_t, buf), 512}}));
 
 } // namespace rtls

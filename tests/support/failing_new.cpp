@@ -11,6 +11,7 @@
 #endif
 
 static thread_local unsigned failures = 0;
+static thread_local size_t smallest_to_fail = 0;
 
 namespace rtls {
 
@@ -23,9 +24,10 @@ bool allocations_can_fail()
 #endif
 }
 
-void fail_next_allocations(unsigned count)
+void fail_next_allocations(unsigned count, size_t at_least)
 {
     failures = count;
+    smallest_to_fail = at_least;
 }
 
 unsigned failures_left()
@@ -39,7 +41,7 @@ unsigned failures_left()
 
 static void* allocate(size_t size) noexcept
 {
-    if (failures == 0)
+    if (failures == 0 || size < smallest_to_fail)
         return malloc(size == 0 ? 1 : size);
     --failures;
     return nullptr;

@@ -125,40 +125,6 @@ TEST_F(gateway, owns_its_services_and_hands_them_out)
     EXPECT_THAT(logged(), IsEmpty());
 }
 
-TEST_F(gateway, null_arguments_are_logged_by_the_function_called)
-{
-    const struct {
-        const char* function;
-        bool (*answers_nothing)();
-    } cases[] = {
-        {"rtls_gateway_new", [] { return rtls_gateway_new(nullptr) == nullptr; }},
-        {"rtls_gateway_run", [] { return !rtls_gateway_run(nullptr); }},
-        {"rtls_gateway_destroy", [] { return rtls_gateway_destroy(nullptr), true; }},
-        {"rtls_gateway_get_config", [] { return rtls_gateway_get_config(nullptr) == nullptr; }},
-        {"rtls_gateway_get_win_server", [] { return rtls_gateway_get_win_server(nullptr) == nullptr; }},
-        {"rtls_gateway_get_terminal_server",
-         [] { return rtls_gateway_get_terminal_server(nullptr) == nullptr; }},
-        {"rtls_gateway_get_nodes_container",
-         [] { return rtls_gateway_get_nodes_container(nullptr) == nullptr; }},
-        {"rtls_gateway_get_ota", [] { return rtls_gateway_get_ota(nullptr) == nullptr; }},
-        {"rtls_gateway_get_firmware", [] { return rtls_gateway_get_firmware(nullptr) == nullptr; }},
-        {"rtls_gateway_set_firmware", [] { return rtls_gateway_set_firmware(nullptr, nullptr), true; }},
-        {"rtls_gateway_get_win_clients", [] { return rtls_gateway_get_win_clients(nullptr) == nullptr; }},
-        {"rtls_gateway_get_terminal_clients",
-         [] { return rtls_gateway_get_terminal_clients(nullptr) == nullptr; }},
-        {"rtls_gateway_nodes_update", [] { return rtls_gateway_nodes_update(nullptr), true; }},
-        {"rtls_gateway_get_debug_level", [] { return rtls_gateway_get_debug_level(nullptr) == 0; }},
-        {"rtls_gateway_set_debug_level", [] { return rtls_gateway_set_debug_level(nullptr, 1), true; }},
-        {"rtls_gateway_increment_debug_level",
-         [] { return rtls_gateway_increment_debug_level(nullptr) == 0; }},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.function);
-        EXPECT_TRUE(c.answers_nothing());
-        EXPECT_EQ(logged(), texts_t{std::string(c.function) + ": null pointer!"});
-    }
-}
-
 TEST_F(gateway, the_first_missing_key_is_the_one_reported)
 {
     constexpr size_t required = 10;

@@ -432,13 +432,6 @@ TEST(call_errors, are_logged_with_the_whole_text_of_every_error)
     }
 }
 
-TEST(crc32_byte, refuses_null)
-{
-    log_capture log;
-    EXPECT_EQ(crc32_byte(nullptr, 0), 0U);
-    EXPECT_THAT(log.messages("main"), ElementsAre("crc32_byte: null pointer!"));
-}
-
 TEST(string_to_uint8_arr, decodes_pairs_of_digits)
 {
     log_capture log;
@@ -508,17 +501,6 @@ TEST(string_to_uint8_arr, knows_every_character)
         EXPECT_EQ(string_to_uint8_arr(text, &decoded, 1), digit ? 1 : 0) << c;
         EXPECT_EQ(decoded, digit ? strtol(text, nullptr, 16) : 0xEE) << c;
     }
-}
-
-TEST(string_to_uint8_arr, refuses_null)
-{
-    log_capture log;
-    uint8_t decoded = 0xEE;
-    EXPECT_EQ(string_to_uint8_arr(nullptr, &decoded, 1), 0);
-    EXPECT_EQ(string_to_uint8_arr("00", nullptr, 1), 0);
-    EXPECT_EQ(decoded, 0xEE);
-    EXPECT_THAT(log.messages("main"),
-                ElementsAre("string_to_uint8_arr: null pointer!", "string_to_uint8_arr: null pointer!"));
 }
 
 TEST(get_next_rpl_version, follows_the_lollipop_rule)

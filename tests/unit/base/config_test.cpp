@@ -212,45 +212,6 @@ TEST_F(config, what_is_no_flag_fails_without_a_word)
     EXPECT_THAT(logged(), IsEmpty());
 }
 
-TEST_F(config, null_arguments_are_logged_by_the_function_called)
-{
-    const tree given("1");
-    zconfig_t* root = given.root.get();
-    const char* text = nullptr;
-    int64_t number = 0;
-    uint16_t small = 0;
-    bool flag = false;
-
-    EXPECT_EQ(config_new(nullptr), nullptr);
-    EXPECT_EQ(logged(), texts_t{"config_new: null pointer!"});
-
-    EXPECT_FALSE(config_value_get(nullptr, path, &text));
-    EXPECT_FALSE(config_value_get(root, nullptr, &text));
-    EXPECT_FALSE(config_value_get(root, path, nullptr));
-    EXPECT_EQ(logged(), texts_t(3, "config_value_get: null pointer!"));
-
-    EXPECT_FALSE(config_value_long_get(nullptr, path, &number));
-    EXPECT_FALSE(config_value_long_get(root, nullptr, &number));
-    EXPECT_FALSE(config_value_long_get(root, path, nullptr));
-    EXPECT_EQ(logged(), texts_t(3, "config_value_long_get: null pointer!"));
-
-    EXPECT_FALSE(config_value_uint16_t_get(nullptr, path, &small));
-    EXPECT_FALSE(config_value_uint16_t_get(root, nullptr, &small));
-    EXPECT_FALSE(config_value_uint16_t_get(root, path, nullptr));
-    EXPECT_EQ(logged(), texts_t(3, "config_value_uint16_t_get: null pointer!"));
-
-    EXPECT_FALSE(config_value_bool_get(nullptr, path, &flag));
-    EXPECT_FALSE(config_value_bool_get(root, nullptr, &flag));
-    EXPECT_FALSE(config_value_bool_get(root, path, nullptr));
-    EXPECT_EQ(logged(), texts_t(3, "config_value_bool_get: null pointer!"));
-
-    config_destroy(nullptr);
-    EXPECT_EQ(logged(), texts_t{"config_destroy: null pointer!"});
-    zconfig_t* none = nullptr;
-    config_destroy(&none);
-    EXPECT_THAT(logged(), IsEmpty());
-}
-
 TEST_F(config, the_sample_has_every_key)
 {
     const auto source_root =

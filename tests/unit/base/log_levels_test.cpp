@@ -2,6 +2,7 @@
 // taken by stand-ins of this program.
 #include "base/common.h"
 #include "base/config.h"
+#include "base/logger.h"
 #include "link/win_server_private.h"
 #include "rtls-gateway.h"
 #include "support/hex_bytes.h"
@@ -89,6 +90,7 @@ protected:
 
     static std::vector<record> take()
     {
+        EXPECT_TRUE(logger_flush(g_logger_ctx, 5000)); // the lines are written by a thread of the library's
         const std::lock_guard guard{written().mutex};
         return std::exchange(written().records, {});
     }

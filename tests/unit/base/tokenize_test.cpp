@@ -58,22 +58,4 @@ TEST(tokenize, stores_addresses_within_the_line)
     EXPECT_EQ(argv[1], line + 5);
 }
 
-TEST(tokenize, refuses_null)
-{
-    log_capture log;
-    char line[] = "a b";
-    char* argv[2] = {};
-    uint16_t argc = 7;
-    tokenize(nullptr, &argc, argv, 2);
-    EXPECT_EQ(argc, 0);
-    argc = 7;
-    tokenize(line, &argc, nullptr, 2);
-    EXPECT_EQ(argc, 0);
-    tokenize(line, nullptr, argv, 2);
-    EXPECT_EQ(argv[0], nullptr);
-    EXPECT_STREQ(line, "a b");
-    EXPECT_THAT(log.messages("main"),
-                ElementsAre("tokenize: null pointer!", "tokenize: null pointer!", "tokenize: null pointer!"));
-}
-
 } // namespace rtls

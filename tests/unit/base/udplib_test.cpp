@@ -178,13 +178,6 @@ TEST(udp_new_connection, closes_the_socket_when_the_port_is_taken)
     close(taken);
 }
 
-TEST(udp_new_connection, refuses_null)
-{
-    log_capture log;
-    EXPECT_FALSE(udp_new_connection(0, nullptr));
-    EXPECT_THAT(log.messages("main"), ElementsAre("udp_new_connection: null pointer!"));
-}
-
 TEST(udp, datagrams_travel_both_ways)
 {
     const udp_socket here;

@@ -151,14 +151,6 @@ TEST_F(generic_test, a_bridge_that_is_gone_does_not_change_the_result)
     EXPECT_EQ(sent_to(other), texts{});
 }
 
-TEST_F(generic_test, null_arguments_are_refused)
-{
-    const uint8_t zero = 0;
-    EXPECT_FALSE(generic_process(nullptr, &zero, 1));
-    EXPECT_FALSE(generic_process(server, nullptr, 13));
-    EXPECT_EQ(errors(), (texts{"generic_process: null pointer!", "generic_process: null pointer!"}));
-}
-
 TEST_F(generic_test, the_registry_is_unlocked_on_every_way_out)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
@@ -256,14 +248,6 @@ TEST_F(interthread_test, an_empty_receive_ends_the_loop)
 {
     zsock_set_rcvtimeo(router.get(), 0);
     EXPECT_EQ(handle_interthread_sever_sock(nullptr, router.get(), server), -1);
-}
-
-TEST_F(interthread_test, null_arguments_do_not_end_the_loop)
-{
-    EXPECT_EQ(handle_interthread_sever_sock(nullptr, nullptr, server), 0);
-    EXPECT_EQ(handle_interthread_sever_sock(nullptr, router.get(), nullptr), 0);
-    EXPECT_EQ(errors(), (texts{"handle_interthread_sever_sock: null pointer!",
-                               "handle_interthread_sever_sock: null pointer!"}));
 }
 
 } // namespace rtls

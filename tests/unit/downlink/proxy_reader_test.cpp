@@ -150,11 +150,4 @@ TEST_F(reader_test, a_failed_receive_is_reported_and_is_a_sign_of_life_too)
     EXPECT_EQ(errors(), texts{"handle_pub_sub_proxy: zstr_recv return NULL!"});
 }
 
-TEST_F(reader_test, null_arguments_are_refused)
-{
-    EXPECT_EQ(handle_pub_sub_proxy(nullptr, nullptr, server), 0);
-    EXPECT_EQ(handle_pub_sub_proxy(nullptr, reader.get(), nullptr), 0);
-    EXPECT_EQ(errors(), texts(2, "handle_pub_sub_proxy: null pointer!"));
-}
-
 } // namespace rtls

@@ -159,13 +159,6 @@ TEST_F(spam_filter_test, waits_for_the_registry)
     EXPECT_FALSE(is_repeat.get());
 }
 
-TEST_F(spam_filter_test, null_arguments_are_refused)
-{
-    const bytes_t bytes = hex(config_a);
-    EXPECT_FALSE(spam_filter(nullptr, bytes.data(), bytes.size(), {1, 0}));
-    EXPECT_FALSE(spam_filter(nodes, nullptr, 26, {1, 0}));
-}
-
 TEST_F(spam_filter_test, a_copy_for_which_memory_is_short_is_reported_and_the_command_passes)
 {
     if (!allocations_can_fail())

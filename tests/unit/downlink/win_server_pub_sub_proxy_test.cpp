@@ -16,14 +16,6 @@ using proxy_test = proxy_fixture;
 
 // --- the dispatcher
 
-TEST_F(proxy_test, null_arguments_are_refused)
-{
-    bytes_t bytes(26);
-    EXPECT_FALSE(process_data_from_pub_sub_proxy(nullptr, bytes.data(), bytes.size()));
-    EXPECT_FALSE(process_data_from_pub_sub_proxy(server, nullptr, bytes.size()));
-    EXPECT_EQ(errors(), texts(2, "process_data_from_pub_sub_proxy: null pointer!"));
-}
-
 TEST_F(proxy_test, without_a_registry_nothing_is_dispatched)
 {
     const auto homeless = std::make_unique<WIN_SERVER_t>();

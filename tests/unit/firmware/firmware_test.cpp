@@ -227,13 +227,6 @@ TEST(firmware_download, failure_gives_no_record)
     }
 }
 
-TEST(firmware_download, null_url_is_reported)
-{
-    log_capture log;
-    EXPECT_EQ(firmware_get_from_url(nullptr), nullptr);
-    EXPECT_THAT(log.messages("main"), ElementsAre("firmware_get_from_url: null pointer!"));
-}
-
 // --- pages
 
 TEST(firmware_msg_pack, pages_of_images)

@@ -62,36 +62,6 @@ TEST(ota, destroy_takes_null_and_leaves_null)
     EXPECT_THAT(log.messages("main"), ElementsAre("ota_destroy: null pointer!"));
 }
 
-TEST(ota, null_arguments_are_reported)
-{
-    const auto store = store_of(1);
-    void* ota = store.get();
-    uint8_t page[32] = {};
-    OTA_FIRMWARE_INFO_t info{};
-    log_capture log;
-    EXPECT_EQ(ota_download_firmware(nullptr, "http://127.0.0.1:1/", nullptr, nullptr), -1);
-    EXPECT_EQ(ota_download_firmware(ota, nullptr, nullptr, nullptr), -1);
-    EXPECT_THAT(log.messages("main"),
-                ElementsAre("ota_download_firmware: null pointer!", "ota_download_firmware: null pointer!"));
-    EXPECT_FALSE(ota_get_firmware_info(nullptr, 0, &info));
-    EXPECT_FALSE(ota_get_firmware_info(ota, 0, nullptr));
-    EXPECT_THAT(log.messages("main"),
-                ElementsAre("ota_get_firmware_info: null pointer!", "ota_get_firmware_info: null pointer!"));
-    EXPECT_FALSE(ota_del_firmware(nullptr, 0));
-    EXPECT_EQ(ota_get_files_number(nullptr), 0);
-    EXPECT_THAT(log.messages("main"),
-                ElementsAre("ota_del_firmware: null pointer!", "ota_get_files_number: null pointer!"));
-    EXPECT_FALSE(ota_get_firmware_page(nullptr, git, crc, 32, 0, page));
-    EXPECT_FALSE(ota_get_firmware_page(ota, git, crc, 32, 0, nullptr));
-    EXPECT_THAT(log.messages("main"),
-                ElementsAre("ota_get_firmware_page: null pointer!", "ota_get_firmware_page: null pointer!"));
-    EXPECT_FALSE(ota_set_firmware_page(nullptr, git, crc, 32, 0, page));
-    EXPECT_FALSE(ota_set_firmware_page(ota, git, crc, 32, 0, nullptr));
-    EXPECT_THAT(log.messages("main"),
-                ElementsAre("ota_set_firmware_page: null pointer!", "ota_set_firmware_page: null pointer!"));
-    EXPECT_THAT(slots(store), ElementsAre(0u));
-}
-
 // --- downloads
 
 TEST(ota_download, info_comes_from_the_image)

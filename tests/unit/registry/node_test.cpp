@@ -79,16 +79,6 @@ TEST_F(node_update_win_client, does_not_copy_the_same_one_again)
     EXPECT_EQ(node->win_client_id.get(), kept);
 }
 
-TEST_F(node_update_win_client, refuses_null)
-{
-    ASSERT_TRUE(node_update_win_client_ID(node, first.get()));
-    EXPECT_FALSE(node_update_win_client_ID(nullptr, first.get()));
-    EXPECT_FALSE(node_update_win_client_ID(node, nullptr));
-    EXPECT_TRUE(zframe_eq(node->win_client_id.get(), first.get()));
-    EXPECT_THAT(log.messages("main"), ElementsAre("node_update_win_client_ID: null pointer!",
-                                                  "node_update_win_client_ID: null pointer!"));
-}
-
 TEST(node_height, reads_as_two_halves)
 {
     const struct {

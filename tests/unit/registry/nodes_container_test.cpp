@@ -471,50 +471,6 @@ TEST_F(nodes_container, serves_two_threads_under_its_lock)
     listing.join();
 }
 
-TEST_F(nodes_container, null_arguments_are_logged_and_answered)
-{
-    log_capture log;
-    const mac_t mac = mac_of(1);
-    NODE_t* node = create(mac);
-    const ip_t ip = ip_of(1);
-    EXPECT_EQ(nodes_container_get_size(nullptr), 0U);
-    EXPECT_EQ(nodes_container_get_first(nullptr), nullptr);
-    EXPECT_EQ(nodes_container_get_next(nullptr), nullptr);
-    EXPECT_EQ(nodes_container_find_by_mac(nullptr, mac.data()), nullptr);
-    EXPECT_EQ(nodes_container_find_by_mac(nodes, nullptr), nullptr);
-    EXPECT_EQ(nodes_container_find_or_create_by_mac(nullptr, mac.data(), nullptr, any_type), nullptr);
-    EXPECT_EQ(nodes_container_find_or_create_by_mac(nodes, nullptr, nullptr, any_type), nullptr);
-    EXPECT_EQ(nodes_container_find_by_short_mac(nullptr, 0, 1), nullptr);
-    EXPECT_EQ(nodes_container_find_by_ip(nullptr, ip.data()), nullptr);
-    EXPECT_EQ(nodes_container_find_by_ip(nodes, nullptr), nullptr);
-    nodes_container_set_address(nullptr, node, ip.data(), false);
-    nodes_container_set_address(nodes, nullptr, ip.data(), false);
-    nodes_container_set_address(nodes, node, nullptr, false);
-    nodes_container_set_lifetime(nullptr, node, 1);
-    nodes_container_set_lifetime(nodes, nullptr, 1);
-    nodes_container_update_lifetime(nullptr);
-    nodes_container_delete(nullptr, mac.data());
-    nodes_container_delete(nodes, nullptr);
-    nodes_container_lock(nullptr);
-    nodes_container_unlock(nullptr);
-    EXPECT_EQ(find(mac), node);
-    EXPECT_THAT(
-        log.messages("main"),
-        ElementsAre(
-            "nodes_container_get_size: null pointer!", "nodes_container_get_first: null pointer!",
-            "nodes_container_get_next: null pointer!", "nodes_container_find_by_mac: null pointer!",
-            "nodes_container_find_by_mac: null pointer!",
-            "nodes_container_find_or_create_by_mac: null pointer!",
-            "nodes_container_find_or_create_by_mac: null pointer!",
-            "nodes_container_find_by_short_mac: null pointer!", "nodes_container_find_by_ip: null pointer!",
-            "nodes_container_find_by_ip: null pointer!", "nodes_container_set_address: null pointer!",
-            "nodes_container_set_address: null pointer!", "nodes_container_set_address: null pointer!",
-            "nodes_container_set_lifetime: null pointer!", "nodes_container_set_lifetime: null pointer!",
-            "nodes_container_update_lifetime: null pointer!", "nodes_container_delete: null pointer!",
-            "nodes_container_delete: null pointer!", "nodes_container_lock: null pointer!",
-            "nodes_container_unlock: null pointer!"));
-}
-
 TEST_F(nodes_container, is_full_at_its_limit)
 {
     log_capture log;

@@ -189,26 +189,11 @@ TEST(check_client_connection, closes_all_unwanted_bridges_in_one_tick_in_table_o
     EXPECT_THAT(log.messages("win"), ElementsAreArray(then));
 }
 
-TEST(supervision_timers, without_arguments_or_nodes_do_not_end_the_loop)
+TEST(supervision_timers, without_nodes_do_not_end_the_loop)
 {
     log_capture log;
     const win_link link;
-    const struct {
-        int (*handler)(zloop_t*, int, void*) noexcept;
-        std::string name;
-    } timers[] = {
-        {check_client_connection, "check_client_connection"},
-        {update_nodes_lifetime, "update_nodes_lifetime"},
-        {check_proxy_connection, "check_proxy_connection"},
-        {check_clients_unsent_messages, "check_clients_unsent_messages"},
-    };
-    for (const auto& t : timers) {
-        log.take();
-        EXPECT_EQ(t.handler(link.loop(), 1, nullptr), 1);
-        EXPECT_EQ(t.handler(nullptr, 1, &link.server()), 1);
-        EXPECT_THAT(log.messages("main"),
-                    ElementsAre(t.name + ": null pointer!", t.name + ": null pointer!"));
-    }
+    log.take();
     NODES_CONTAINER_t* nodes = std::exchange(link.server().rtls_gateway->nodes, nullptr);
     EXPECT_EQ(check_client_connection(link.loop(), 1, &link.server()), 1);
     EXPECT_EQ(update_nodes_lifetime(link.loop(), 1, &link.server()), 1);
@@ -325,18 +310,6 @@ TEST(unsent_messages, go_out_oldest_first_with_a_line_each)
 
     EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0); // nothing waits
     EXPECT_THAT(log.take(), IsEmpty());
-}
-
-TEST(unsent_messages, missing_arguments_are_reported)
-{
-    log_capture log;
-    const win_link link;
-    auto [peer, client] = link.connect();
-    log.take();
-    unsent_messages_to_win_client(nullptr, client);
-    unsent_messages_to_win_client(&link.server(), nullptr);
-    const char* then = "unsent_messages_to_win_client: null pointer!";
-    EXPECT_THAT(log.messages("main"), ElementsAre(then, then));
 }
 
 TEST(unsent_messages, of_a_stalled_bridge_wait_in_order_until_it_reads)

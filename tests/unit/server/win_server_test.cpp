@@ -191,27 +191,6 @@ TEST(win_server_new, the_backlog_is_optional)
     }
 }
 
-TEST(win_server, missing_arguments_are_reported)
-{
-    log_capture log;
-    const zconfig_ptr config = complete_config.tree();
-    EXPECT_EQ(win_server_new(nullptr, &any_gateway), nullptr);
-    EXPECT_EQ(win_server_new(config.get(), nullptr), nullptr);
-    EXPECT_FALSE(win_server_run(nullptr));
-    EXPECT_FALSE(win_server_is_ready(nullptr));
-    EXPECT_EQ(win_server_get_clients(nullptr), nullptr);
-    EXPECT_TRUE(win_server_copy_clients(nullptr).empty());
-    win_server_nodes_update(nullptr, nullptr);
-    win_server_destroy(nullptr);
-    delete_win_client(nullptr, nullptr);
-    EXPECT_THAT(log.messages("main"),
-                ElementsAre("win_server_new: null pointer!", "win_server_new: null pointer!",
-                            "win_server_run: null pointer!", "win_server_is_ready: null pointer!",
-                            "win_server_get_clients: null pointer!", "win_server_copy_clients: null pointer!",
-                            "win_server_nodes_update: null pointer!", "win_server_destroy: null pointer!",
-                            "delete_win_client: null pointer!"));
-}
-
 TEST(win_server_destroy, leaves_the_handle_null)
 {
     log_capture log;

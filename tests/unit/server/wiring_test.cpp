@@ -359,25 +359,6 @@ TEST_F(wiring, a_proxy_that_cannot_be_connected_again_ends_the_gateway)
     zsock_destroy(&server.proxy_sock);
 }
 
-// A bridge that is slow, but not known to be stalled, gets what waits for it before its connection ends.
-TEST_F(wiring, a_bridge_whose_queue_is_full_is_given_time_to_read_before_it_is_closed)
-{
-    const win_link link{10};
-    auto [peer, client] = link.connect(4096);
-    const std::string sent = link.fill(*client);
-    zsock_set_sndtimeo(link.server().win_sock, static_cast<int>(patience.count()));
-    std::promise<void> closing;
-    calls().sending = &closing;
-    auto received = std::async(std::launch::async, [&, &peer = peer] {
-        closing.get_future().wait(); // it begins to read when the gateway has begun to wait
-        return peer.receive(sent.size());
-    });
-    delete_win_client(&link.server(), client->id);
-    EXPECT_EQ(link.clients(), 0U);
-    EXPECT_EQ(received.get().size(), sent.size());
-    EXPECT_TRUE(link.pump_until([&, &peer = peer] { return peer.is_closed(std::chrono::milliseconds(1)); }));
-}
-
 // --- the table of bridges, which another thread copies
 
 namespace {

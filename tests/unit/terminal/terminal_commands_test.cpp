@@ -161,20 +161,6 @@ protected:
 
 static constexpr char unknown[] = "Unknown command. Type \"h\" or \"help\" for help.\n";
 
-TEST_F(terminal_commands_test, null_arguments_are_logged)
-{
-    char text[] = "pn";
-    void* gateway = m_gateway.handle();
-    zsock_t* sock = m_terminal.get();
-    terminal_commands_parse(nullptr, m_client, sock, text, m_dbg.get());
-    terminal_commands_parse(gateway, nullptr, sock, text, m_dbg.get());
-    terminal_commands_parse(gateway, m_client, nullptr, text, m_dbg.get());
-    terminal_commands_parse(gateway, m_client, sock, nullptr, m_dbg.get());
-    terminal_commands_parse(gateway, m_client, sock, text, nullptr);
-    EXPECT_EQ(errors(), strings(5, "terminal_commands_parse: null pointer!"));
-    EXPECT_EQ(finish_and_take(), strings{});
-}
-
 TEST_F(terminal_commands_test, words_are_found_whatever_surrounds_them)
 {
     const struct {

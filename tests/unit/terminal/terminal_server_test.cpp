@@ -56,24 +56,6 @@ protected:
     int m_gateway = 0; // stands for the gateway object, which is only handed on
 };
 
-TEST_F(terminal_server_handle_test, null_arguments_are_logged)
-{
-    uint8_t data[1] = {};
-    EXPECT_EQ(terminal_server_new(nullptr, &m_gateway), nullptr);
-    EXPECT_EQ(terminal_server_new(m_config.get(), nullptr), nullptr);
-    EXPECT_FALSE(terminal_server_run(nullptr));
-    terminal_server_destroy(nullptr);
-    EXPECT_EQ(terminal_server_get_clients(nullptr), nullptr);
-    EXPECT_FALSE(terminal_server_is_ready(nullptr));
-    EXPECT_FALSE(terminal_server_generic_req_to_win_serwer(nullptr, data, sizeof data));
-    EXPECT_EQ(
-        errors(),
-        (strings{"terminal_server_new: null pointer!", "terminal_server_new: null pointer!",
-                 "terminal_server_run: null pointer!", "terminal_server_destroy: null pointer!",
-                 "terminal_server_get_clients: null pointer!", "terminal_server_is_ready: null pointer!",
-                 "terminal_server_generic_req_to_win_serwer: null pointer!"}));
-}
-
 TEST_F(terminal_server_handle_test, a_null_handle_is_left_alone)
 {
     void* server = nullptr;

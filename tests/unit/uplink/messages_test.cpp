@@ -26,14 +26,6 @@ static std::string seq_patched(std::string report, char seq)
 
 // --- the frame as a whole
 
-TEST_F(win_client_messages, null_arguments_are_logged)
-{
-    EXPECT_FALSE(process_data_from_win_client(nullptr, bridge));
-    EXPECT_FALSE(process_data_from_win_client(server, nullptr));
-    EXPECT_EQ(errors(), (texts_t{"process_data_from_win_client: null pointer!",
-                                 "process_data_from_win_client: null pointer!"}));
-}
-
 TEST_F(win_client_messages, a_frame_without_a_message_is_refused)
 {
     EXPECT_FALSE(process_data_from_win_client(server, bridge)); // it has no buffer yet

@@ -138,23 +138,6 @@ TEST_F(upstream, an_empty_report_is_a_report)
     EXPECT_EQ(log.messages("raw"), (lines_t{"HANDLER_RAW_OUTPUT:  [0]"}));
 }
 
-TEST_F(upstream, null_arguments_are_logged)
-{
-    const uint8_t data = 1;
-    data_to_msg_handler(nullptr, &data, 1, 0, 0);
-    data_to_msg_handler(&server, nullptr, 1, 0, 0);
-    win_management_to_server(nullptr, "text");
-    win_management_to_server(&server, nullptr);
-    EXPECT_FALSE(processing_ul_tdoa(nullptr, {&data, 1}, &data));
-    EXPECT_FALSE(processing_ul_tdoa(&server, {}, &data));
-    EXPECT_EQ(log.messages("main"),
-              (lines_t{"data_to_msg_handler: null pointer!", "data_to_msg_handler: null pointer!",
-                       "win_management_to_server: null pointer!", "win_management_to_server: null pointer!",
-                       "processing_ul_tdoa: null pointer!", "processing_ul_tdoa: null pointer!"}));
-    EXPECT_EQ(receive_parts(handler.get()), lines_t{});
-    EXPECT_FALSE(has_line());
-}
-
 TEST_F(upstream, a_full_handler_queue_is_reported_once_and_once_its_end)
 {
     const uint8_t data = 1;
