@@ -32,7 +32,7 @@ watch& sending()
 bool is_free(void* nodes)
 {
     auto taken = std::async(std::launch::async, [nodes] { const nodes_guard guard{nodes}; });
-    if (taken.wait_for(std::chrono::milliseconds(500)) == std::future_status::ready)
+    if (taken.wait_for(patience) == std::future_status::ready)
         return true;
     sending().waiting.push_back(std::move(taken));
     return false;
