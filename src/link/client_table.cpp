@@ -1,5 +1,6 @@
 #include "link/client_table.h"
 
+#include <cassert>
 #include <cstring>
 #include <new>
 
@@ -52,6 +53,7 @@ void client_table::collect() noexcept
 {
     const mutex_guard guard{m_mutex};
     m_walk.clear();
+    assert(m_walk.capacity() >= zhashx_size(m_records.get())); // insert has seen to it
     for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get()))
         m_walk.push_back(static_cast<WIN_CLIENT_t*>(item));
 }

@@ -100,8 +100,7 @@ WIN_CLIENT_t* test_gateway::add_bridge(bytes_view identity)
     const zframe_ptr id{zframe_new(identity.data(), identity.size())};
     WIN_CLIENT_t* client = win_client_new(id.get());
     require(client != nullptr, "win_client_new");
-    require(zhashx_insert(rtls_gateway_get_win_clients(m_handle), to_hex(identity).c_str(), client) == 0,
-            "zhashx_insert");
+    require(win_server().clients.insert(to_hex(identity).c_str(), client), "a place in the table");
     return client;
 }
 
