@@ -69,7 +69,7 @@ void syslog(int priority, const char* format, ...)
 
 // What syslog becomes where the compiler fortifies calls of libc.
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...)
+__attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int /*flag*/, const char* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
