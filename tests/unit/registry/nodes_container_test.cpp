@@ -498,7 +498,8 @@ TEST_F(nodes_container, at_the_limit_the_longest_expired_node_makes_room)
     set_lifetime(create(mac_of(3)), 2);
     set_lifetime(create(mac_of(4)), 300);
     age(3);
-    for (const uint64_t gone : {2, 3, 1, 12, 13}) { // those after the first three are themselves newcomers
+    for (const uint64_t gone :
+         {2U, 3U, 1U, 12U, 13U}) { // those after the first three are themselves newcomers
         EXPECT_NE(find(mac_of(gone)), nullptr) << gone;
         EXPECT_NE(create(mac_of(gone + 10)), nullptr);
         EXPECT_EQ(find(mac_of(gone)), nullptr) << gone;
