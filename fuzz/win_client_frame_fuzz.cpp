@@ -133,7 +133,8 @@ std::vector<uint8_t> helped(std::vector<uint8_t> message, unsigned options)
 
 void process_decoded(void* p_gateway, WIN_CLIENT_t& decoder)
 {
-    process_frame(*static_cast<idle_gateway*>(p_gateway), {decoder.pending_data.get(), decoder.pending_data_size});
+    process_frame(*static_cast<idle_gateway*>(p_gateway),
+                  {decoder.pending_data.get(), decoder.pending_data_size});
 }
 
 } // namespace
