@@ -265,11 +265,11 @@ TEST(firmware_msg_pack, pages_of_images)
         auto request = request_for(c.page);
         log_capture log;
         EXPECT_TRUE(firmware_msg_pack(&firmware, &request));
-        EXPECT_EQ(request.len, c.len);
+        EXPECT_EQ(+request.len, c.len);
         EXPECT_EQ(request.flag, c.flag);
-        EXPECT_EQ(request.ver, 0x0102A0FFu);
-        EXPECT_EQ(request.num, c.page);
-        EXPECT_EQ(request.msgType, 0xA5A5);
+        EXPECT_EQ(+request.ver, 0x0102A0FFu);
+        EXPECT_EQ(+request.num, c.page);
+        EXPECT_EQ(+request.msgType, 0xA5A5);
         if (c.warned) {
             EXPECT_THAT(log.messages("main"), ElementsAre("error seek: size:" + std::to_string(c.size) +
                                                           " want get: " + std::to_string(c.page) + " num"));
@@ -279,7 +279,7 @@ TEST(firmware_msg_pack, pages_of_images)
         std::vector<uint8_t> page(512, 0xFF);
         std::copy_n(bytes.data() + size_t{c.page} * 512, c.len, page.data());
         EXPECT_EQ(std::vector(std::begin(request.buf), std::end(request.buf)), page);
-        EXPECT_EQ(request.crc32, node_crc(page)) << "over the padding, too";
+        EXPECT_EQ(+request.crc32, node_crc(page)) << "over the padding, too";
     }
 }
 
@@ -289,8 +289,8 @@ TEST(firmware_msg_pack, without_an_image_the_flag_says_so)
     log_capture log;
     EXPECT_TRUE(firmware_msg_pack(nullptr, &request));
     EXPECT_EQ(request.flag, ENO_FIRMWARE);
-    EXPECT_EQ(request.len, 0);
-    EXPECT_EQ(request.num, 3);
+    EXPECT_EQ(+request.len, 0);
+    EXPECT_EQ(+request.num, 3);
     EXPECT_THAT(log.messages("main"), ElementsAre("firmware_msg_pack: no firmware!"));
 }
 
