@@ -49,6 +49,7 @@ std::string text_format(const char* format, ...)
 
     std::string text(size, '\0');
     va_start(args, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it loses track of the second va_start
     vsnprintf(text.data(), size + 1, format, args);
     va_end(args);
     return text;

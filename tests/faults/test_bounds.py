@@ -38,7 +38,7 @@ def test_a_request_from_our_own_discovery_port_is_not_answered(gateway):
         except BlockingIOError:
             answer = b""
     assert answer == b""
-    said = [line for line in gateway.syslog() if "our own port" in line]
+    said = wait_until(lambda: [line for line in gateway.syslog() if "our own port" in line], "the line")
     assert said == ["3 rtls-gateway: discovery: requests from our own port at 127.0.0.9 are not answered!"]
 
 
@@ -62,7 +62,7 @@ def test_one_address_gets_a_hundred_answers_a_second(gateway):
         except BlockingIOError:
             pass
     assert 100 <= answers <= 100 * seconds
-    said = [line for line in gateway.syslog() if "requests a second" in line]
+    said = wait_until(lambda: [line for line in gateway.syslog() if "requests a second" in line], "the line")
     assert len(said) == 1
 
 
