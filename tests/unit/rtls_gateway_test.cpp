@@ -24,7 +24,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -36,8 +35,8 @@
 #include <utility>
 #include <vector>
 
-// The file whose next close fails, as that of a file on a server may; null: none.
-static std::atomic<const char*> file_that_fails_to_close;
+// The file whose next close by this thread fails, as that of a file on a server may; null: none.
+static thread_local const char* file_that_fails_to_close = nullptr;
 
 static bool is_named(int file, const char* path)
 {
