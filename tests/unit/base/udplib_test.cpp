@@ -81,9 +81,12 @@ int option_of(int handle, int level, int option)
     return value;
 }
 
+// By its kind, too: other threads, such as that of the system log, may have taken the number meanwhile.
 bool is_open(int handle)
 {
-    return fcntl(handle, F_GETFD) != -1;
+    int domain = 0;
+    socklen_t length = sizeof domain;
+    return getsockopt(handle, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 && domain == AF_INET;
 }
 
 // A descriptor that is open and no socket.
