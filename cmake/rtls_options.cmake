@@ -73,6 +73,6 @@ function(rtls_add_tests)
     target_link_libraries(${name} PRIVATE rtls_options rtls_test_options ${arg_LIBRARIES} GTest::gtest_main GTest::gmock)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES
       TIMEOUT 300
-      ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp")
+      ENVIRONMENT "TSAN_OPTIONS=ignore_noninstrumented_modules=1:suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp")
   endforeach()
 endfunction()
