@@ -1,0 +1,103 @@
+#include "base/door.h"
+
+#include "base/logger.h"
+#include "base/peer.h"
+
+#include <arpa/inet.h>
+
+#include <charconv>
+#include <cstring>
+#include <string_view>
+#include <system_error>
+
+namespace rtls {
+
+static constexpr const char* refusal_texts[door_refusals] = {
+    "it is in none of the networks that may connect",
+    "all connections are taken",
+    "it has as many as one address may have",
+};
+
+std::optional<door_refusal> door::judge(in_addr address, size_t present, size_t of_address) const noexcept
+{
+    if (rules.networks && !rules.networks->contains(address))
+        return door_refusal::network;
+    if (rules.most != 0 && present >= rules.most)
+        return door_refusal::full;
+    if (rules.most_of_one_address != 0 && of_address >= rules.most_of_one_address)
+        return door_refusal::address;
+    return std::nullopt;
+}
+
+bool door::admits(in_addr address, size_t present, size_t of_address, int64_t now_ms) noexcept
+{
+    const auto refusal = judge(address, present, of_address);
+    if (!refusal)
+        return true;
+    const auto which = static_cast<size_t>(*refusal);
+    refusals& of_kind = m_refusals[which];
+    of_kind.count.store(of_kind.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    if (of_kind.episode.begins(now_ms))
+        logger_warning(g_logger, "%s port: %s is refused, %s", m_name, ipv4_text{address}.c_str(),
+                       refusal_texts[which]);
+    return false;
+}
+
+// --- the rules
+
+// An optional key, read without config_value_get so that its absence logs nothing.
+static const char* optional_text(zconfig_t* config, const char* name, const char* what)
+{
+    return zconfig_get(config, ("ports/" + std::string{name} + what).c_str(), nullptr);
+}
+
+static bool refuse(const char* name, const char* what, const char* expected)
+{
+    logger_error(g_logger, "The parameter \"ports/%s%s\" is no %s!", name, what, expected);
+    return false;
+}
+
+bool read_door_address(zconfig_t* config, const char* name, std::string& address)
+{
+    static constexpr char what[] = "_address";
+    const char* text = optional_text(config, name, what);
+    if (!text)
+        return true;
+    in_addr parsed{};
+    if (strcmp(text, "*") != 0 && inet_pton(AF_INET, text, &parsed) != 1)
+        return refuse(name, what, "IPv4 address");
+    address = text;
+    return true;
+}
+
+static bool read_bound(zconfig_t* config, const char* name, const char* what, size_t& bound)
+{
+    const char* text = optional_text(config, name, what);
+    if (!text)
+        return true;
+    const std::string_view digits{text};
+    const auto [last, error] = std::from_chars(digits.data(), digits.data() + digits.size(), bound);
+    if (error != std::errc{} || last != digits.data() + digits.size() || bound == 0)
+        return refuse(name, what, "positive number");
+    return true;
+}
+
+static bool read_networks(zconfig_t* config, const char* name, std::optional<prefix_list>& networks)
+{
+    static constexpr char what[] = "_networks";
+    const char* text = optional_text(config, name, what);
+    if (!text)
+        return true;
+    networks = parse_networks(text);
+    return networks || refuse(name, what, "list of IPv4 networks");
+}
+
+bool read_door_rules(zconfig_t* config, const char* name, door_rules& rules)
+{
+    return read_door_address(config, name, rules.address) &&
+           read_bound(config, name, "_connections", rules.most) &&
+           read_bound(config, name, "_connections_per_address", rules.most_of_one_address) &&
+           read_networks(config, name, rules.networks);
+}
+
+} // namespace rtls
