@@ -25,31 +25,37 @@ static bool set_options(int handle)
     return true;
 }
 
-static bool bind_to_port(int handle, in_port_t port_nbr)
+static bool bind_to_port(int handle, in_addr own_address, in_port_t port_nbr)
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port_nbr);
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_addr = own_address;
     return bind(handle, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == 0;
 }
 
 bool udp_new_connection(in_port_t port_nbr, int* handle)
 {
-    if (any_null(__func__, handle))
+    return udp_new_connection_at({htonl(INADDR_ANY)}, port_nbr, handle);
+}
+
+bool udp_new_connection_at(in_addr own_address, in_port_t port_nbr, int* handle)
+{
+    static constexpr char reporter[] = "udp_new_connection"; // as operators know it
+    if (any_null(reporter, handle))
         return false;
     *handle = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     if (*handle == -1) {
-        log_system_call_error(__func__, "socket");
+        log_system_call_error(reporter, "socket");
         return false;
     }
     if (!set_options(*handle)) {
-        log_system_call_error(__func__, "setsockopt");
+        log_system_call_error(reporter, "setsockopt");
         close(*handle);
         return false;
     }
-    if (!bind_to_port(*handle, port_nbr)) {
-        log_system_call_error(__func__, "bind");
+    if (!bind_to_port(*handle, own_address, port_nbr)) {
+        log_system_call_error(reporter, "bind");
         close(*handle);
         return false;
     }

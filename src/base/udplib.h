@@ -18,6 +18,8 @@ namespace rtls {
 // address reuse and packet information (IP_PKTINFO) on. After a false result `handle` may name a
 // descriptor that is already closed: it must not be used.
 bool udp_new_connection(in_port_t port_nbr, int* handle);
+// The same on one address of this host alone. Datagrams to a broadcast address do not reach it then.
+bool udp_new_connection_at(in_addr own_address, in_port_t port_nbr, int* handle);
 void udp_destroy(int handle);
 
 bool udp_sendto(int handle, const void* buffer, size_t length, const sockaddr_in* sockaddr, socklen_t si_len);

@@ -132,6 +132,18 @@ TEST(udp_new_connection, takes_the_port_in_host_order)
     udp_destroy(handle);
 }
 
+TEST(udp_new_connection_at, binds_one_address_alone)
+{
+    int handle = -1;
+    ASSERT_TRUE(udp_new_connection_at(address_of("127.0.0.1", 0).sin_addr, 0, &handle));
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(handle, reinterpret_cast<sockaddr*>(&address), &length);
+    EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+    EXPECT_NE(address.sin_port, 0);
+    udp_destroy(handle);
+}
+
 TEST(udp_new_connection, reports_that_no_socket_can_be_had)
 {
     log_capture log;
