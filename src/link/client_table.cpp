@@ -25,15 +25,21 @@ bool client_table::insert(const char* key, WIN_CLIENT_t* client) noexcept
     try {
         if (m_walk.capacity() <= zhashx_size(m_records.get()))
             m_walk.reserve(2 * m_walk.capacity() + 8);
+        m_of_address.add(client->addr.sin_addr);
     } catch (const std::bad_alloc&) {
         return false;
     }
-    return zhashx_insert(m_records.get(), key, client) == 0;
+    const bool is_new = zhashx_insert(m_records.get(), key, client) == 0;
+    if (!is_new)
+        m_of_address.remove(client->addr.sin_addr);
+    return is_new;
 }
 
 void client_table::erase(const char* key) noexcept
 {
     const mutex_guard guard{m_mutex};
+    if (const auto* client = static_cast<const WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key)))
+        m_of_address.remove(client->addr.sin_addr);
     zhashx_delete(m_records.get(), key);
 }
 

@@ -6,6 +6,7 @@
 // Failures   Nothing throws, but copy.
 #pragma once
 
+#include "base/address_counts.h"
 #include "base/czmq_ptr.h"
 #include "link/win_clients.h"
 
@@ -39,6 +40,8 @@ public:
     // Destroys the record, if there is one.
     void erase(const char* key) noexcept;
     size_t size() noexcept;
+    // How many connections this address holds. WIN server's thread only.
+    size_t size_of_address(in_addr address) const noexcept { return m_of_address.of(address); }
 
     // Takes over the MAC that the client's bridge gives itself; other threads see it whole.
     void set_mac_addr(WIN_CLIENT_t& client, const uint8_t* mac) noexcept;
@@ -69,6 +72,7 @@ private:
     zhashx_ptr m_records RTLS_GUARDED_BY(m_mutex);
     // The walk's own list; has room for all records, so that a walk needs no memory.
     std::vector<WIN_CLIENT_t*> m_walk;
+    address_counts m_of_address; // the WIN server's thread's alone
 };
 
 } // namespace rtls

@@ -6,6 +6,7 @@
 
 #include "base/bytes.h"
 #include "base/common.h"
+#include "base/door.h"
 #include "base/own_addresses.h"
 #include "base/rate_bound.h"
 #include "link/client_table.h"
@@ -26,6 +27,8 @@ struct WIN_SERVER_t {
     zactor_t* actor = nullptr;        // owner's thread; null while not running
     in_port_t win_port = 0;           // host order
     in_port_t discovery_port = 0;
+    door win_door{"WIN"};
+    std::string discovery_address = "*";
     client_table clients;
     std::string proxy_full_address; // endpoints
     std::string proxy_full_input_address;

@@ -61,12 +61,23 @@ static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, 
     return owner;
 }
 
+static bool is_admitted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
+{
+    const in_addr address = client.addr.sin_addr;
+    return server.win_door.admits(address, server.clients.size(), server.clients.size_of_address(address),
+                                  zclock_mono());
+}
+
 static void on_connect(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
 {
     win_client_ptr owner = make_client(server, identity, key);
     if (!owner)
         return;
     auto* client = static_cast<WIN_CLIENT_t*>(owner.get());
+    if (!is_admitted(server, *client)) {
+        delete_win_client(&server, client->id);
+        return;
+    }
     if (!server.clients.insert(key.c_str(), client))
         return;
     (void)owner.release(); // the table's from here on

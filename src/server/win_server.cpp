@@ -58,6 +58,9 @@ static bool read_config(zconfig_t* config, WIN_SERVER_t& server)
         !config_value_uint16_t_get(config, "message_handler/port", &handler_port))
         return false;
     read_backlog(config, server);
+    if (!read_door_rules(config, "win", server.win_door.rules) ||
+        !read_door_address(config, "discovery", server.discovery_address))
+        return false;
     server.proxy_full_address = make_endpoint(proxy_address, proxy_port);
     server.proxy_full_input_address = make_endpoint(proxy_address, proxy_input_port);
     server.msg_handler_full_address = make_endpoint(handler_address, handler_port);

@@ -13,6 +13,8 @@
 #include "server/supervision.h"
 #include "uplink/upstream.h"
 
+#include <arpa/inet.h>
+
 namespace rtls {
 
 static constexpr char reporter[] = "win_server_actor";
@@ -39,12 +41,17 @@ static bool open_win_port(WIN_SERVER_t& server)
     zsock_set_sndtimeo(server.win_sock, win_send_timeout_ms);
     if (server.win_backlog > 0)
         zsock_set_backlog(server.win_sock, server.win_backlog);
-    return made(zsock_bind(server.win_sock, "tcp://*:%d", server.win_port) != -1, "zsock_bind");
+    return made(zsock_bind(server.win_sock, "tcp://%s:%d", server.win_door.rules.address.c_str(),
+                           server.win_port) != -1,
+                "zsock_bind");
 }
 
 static bool open_discovery(WIN_SERVER_t& server)
 {
-    if (udp_new_connection(server.discovery_port, &server.discovery_sock_descriptor))
+    in_addr address{htonl(INADDR_ANY)};
+    if (server.discovery_address != "*")
+        inet_pton(AF_INET, server.discovery_address.c_str(), &address); // read_door_address has checked it
+    if (udp_new_connection_at(address, server.discovery_port, &server.discovery_sock_descriptor))
         return true;
     server.discovery_sock_descriptor = -1; // whatever it holds is closed already
     return false;
