@@ -2,8 +2,7 @@
 //
 // Ownership  The loggers live from logger_init to logger_cleanup; everybody else borrows them.
 // Threads    logger_init and logger_cleanup run on the main thread, while no other thread logs. Logging
-// itself:
-//            any thread, at once.
+//            itself: any thread, at once.
 // Blocking   logger_cleanup waits up to 5 s for records that the debug broker has not taken.
 #pragma once
 
