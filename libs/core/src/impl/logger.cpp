@@ -1,5 +1,7 @@
 #include "impl/logger.h"
 
+#include <locale>
+
 namespace tav::libs::core {
 
 namespace {
@@ -13,12 +15,23 @@ zmq::socket_t make_socket(zmq::context_t& context)
     return socket;
 }
 
+// Formatting looks characters up in tables of the global locale, which the standard library fills on first
+// use and without a lock. So they are filled here, before several threads can format at once.
+void fill_character_tables()
+{
+    const std::locale global;
+    const auto& characters = std::use_facet<std::ctype<char>>(global);
+    char blank = characters.widen(' ');
+    characters.narrow(&blank, &blank + 1, '\0', &blank);
+}
+
 } // namespace
 
 logger::logger(std::string_view application_name, std::string_view component_name)
     : component_logger(*this, application_name, component_name), m_module_name(application_name),
       m_debug_socket(make_socket(m_zmq_context)), m_system_log(application_name)
 {
+    fill_character_tables();
     // Not by a formatter: its record would end the process where this may still throw.
     write(LOG_INFO, "Starting " + m_module_name, "Starting %1%");
 }
