@@ -1,5 +1,7 @@
 #include "impl/clogger.h"
 
+#include <syslog.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -13,7 +15,6 @@ namespace {
 
 using tav::libs::core::component_logger;
 using tav::libs::core::timestamp;
-using level_t = component_logger::formatter (component_logger::*)(const char* pattern) const;
 
 // Logging often stands between a failed call and the reading of its errno.
 class errno_keeper {
@@ -42,31 +43,26 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, 
     return text;
 }
 
-// noexcept: without the memory for a record the process ends here, not in some C library's frame.
-__attribute__((format(printf, 3, 0))) void write_record(tav_component_logger logger, level_t level,
+// One record. When there is no memory for it, it is lost, and the system log says so: whoever has to report
+// just that must not end the process with it.
+__attribute__((format(printf, 3, 0))) void write_record(const component_logger& component, int log_level,
                                                         const char* format, va_list arguments,
-                                                        std::optional<timestamp> time = {}) noexcept
+                                                        const std::optional<timestamp>& time = {}) noexcept
 {
-    if (logger == nullptr)
-        return;
     const errno_keeper keeper;
-    // The text is an argument, never a pattern: its own % signs stay as they are.
-    const std::string text = formatted(format, arguments);
-    auto record = ((*logger->m_component).*level)("%1%");
-    record.kind(format) % text;
-    if (time)
-        record.date_time(*time);
+    try {
+        component.write(log_level, formatted(format, arguments), format, time);
+    } catch (const std::bad_alloc&) {
+        component.lose(log_level);
+    }
 }
 
-// noexcept: a record of these, too, ends the process when there is no memory for it.
-void report_failed_connect(const tav::libs::core::logger& logger, const zmq::error_t& failure) noexcept
+__attribute__((format(printf, 2, 3))) void report(const component_logger& component, const char* format, ...)
 {
-    logger.error("%1%: zmq_connect: %2%, %3%") % "logger_connect" % failure.num() % failure.what();
-}
-
-void report_short_memory(const tav::libs::core::logger& logger) noexcept
-{
-    logger.error("%1%: out of memory!") % "logger_connect";
+    va_list arguments;
+    va_start(arguments, format);
+    write_record(component, LOG_ERR, format, arguments);
+    va_end(arguments);
 }
 
 } // namespace
@@ -101,7 +97,8 @@ tav_log_counters_t logger_get_counters(tav_logger logger)
     if (logger == nullptr)
         return {};
     const auto lines = logger->m_logger.system_log_counters();
-    return {lines.queued, lines.written, lines.lost, lines.held_back, logger->m_logger.unpublished()};
+    return {lines.queued,    lines.written,  lines.lost,
+            lines.held_back, lines.unstored, logger->m_logger.unpublished()};
 }
 
 void logger_connect(tav_logger logger, const char* address)
@@ -111,9 +108,9 @@ void logger_connect(tav_logger logger, const char* address)
     try {
         logger->m_logger.connect(address);
     } catch (const zmq::error_t& failure) {
-        report_failed_connect(logger->m_logger, failure);
+        report(logger->m_logger, "logger_connect: zmq_connect: %d, %s", failure.num(), failure.what());
     } catch (const std::bad_alloc&) {
-        report_short_memory(logger->m_logger);
+        report(logger->m_logger, "logger_connect: out of memory!");
     }
 }
 
@@ -144,7 +141,7 @@ void logger_debug(tav_component_logger logger, const char* format, ...)
         return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::debug, format, arguments);
+    write_record(*logger->m_component, LOG_DEBUG, format, arguments);
     va_end(arguments);
 }
 
@@ -154,31 +151,37 @@ void logger_debug_ts(tav_component_logger logger, tav_timestamp_t time, const ch
         return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::debug, format, arguments,
+    write_record(*logger->m_component, LOG_DEBUG, format, arguments,
                  timestamp(time.seconds, time.milliseconds));
     va_end(arguments);
 }
 
 void logger_info(tav_component_logger logger, const char* format, ...)
 {
+    if (logger == nullptr)
+        return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::info, format, arguments);
+    write_record(*logger->m_component, LOG_INFO, format, arguments);
     va_end(arguments);
 }
 
 void logger_warning(tav_component_logger logger, const char* format, ...)
 {
+    if (logger == nullptr)
+        return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::warning, format, arguments);
+    write_record(*logger->m_component, LOG_WARNING, format, arguments);
     va_end(arguments);
 }
 
 void logger_error(tav_component_logger logger, const char* format, ...)
 {
+    if (logger == nullptr)
+        return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::error, format, arguments);
+    write_record(*logger->m_component, LOG_ERR, format, arguments);
     va_end(arguments);
 }

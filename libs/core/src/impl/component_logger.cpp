@@ -64,6 +64,11 @@ void component_logger::write(int log_level, std::string text, const char* kind,
         m_logger.publish(record);
 }
 
+void component_logger::lose(int log_level) const
+{
+    m_logger.lose(log_level);
+}
+
 std::string component_logger::indent() const
 {
     const int depth = m_indent.load(std::memory_order_relaxed);
@@ -157,12 +162,6 @@ component_logger::formatter& component_logger::formatter::short_function(const s
 component_logger::formatter& component_logger::formatter::date_time(const timestamp& time)
 {
     m_timestamp = time;
-    return *this;
-}
-
-component_logger::formatter& component_logger::formatter::kind(const char* kind)
-{
-    m_kind = kind;
     return *this;
 }
 

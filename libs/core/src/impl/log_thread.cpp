@@ -4,8 +4,12 @@
 
 #include <syslog.h>
 
+#include <array>
 #include <chrono>
+#include <cinttypes>
 #include <csignal>
+#include <cstdio>
+#include <new>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -22,6 +26,7 @@ constexpr int all_but_debug = LOG_UPTO(LOG_INFO);
 
 constexpr char lost_text[] = "Log lines lost while the system log took none";
 constexpr char held_back_text[] = "Log lines held back beyond 1000 in a second";
+constexpr char unstored_text[] = "Log lines lost as memory was short";
 static_assert(rate_limit::lines_each_second == 1000);
 
 // Held from opening to closing.
@@ -58,6 +63,16 @@ void note_mask(log_thread_state& state)
     state.mask.store(setlogmask(0), std::memory_order_relaxed);
 }
 
+// The date before a line; none when there is no memory for it.
+std::string date_prefix()
+{
+    try {
+        return timestamp::current_time().to_iso_8601(true, ' ', false) + " ";
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
 // The log, open from the first set_debug() on for as long as this lives.
 class opened_log {
 public:
@@ -75,6 +90,7 @@ public:
         using action = log_entry::action;
         notice(lost_text, entry.before.lost);
         notice(held_back_text, entry.before.held_back);
+        notice(unstored_text, entry.before.unstored);
         if (entry.what == action::write) {
             say(entry.priority, entry.text.c_str());
             m_state.written.fetch_add(1, std::memory_order_relaxed);
@@ -106,9 +122,10 @@ private:
     {
         if (number == 0)
             return;
-        const std::string date =
-            m_is_debug ? timestamp::current_time().to_iso_8601(true, ' ', false) + " " : std::string();
-        say(LOG_WARNING, (date + text + ": " + std::to_string(number)).c_str());
+        std::array<char, 128> line{};
+        (void)std::snprintf(line.data(), line.size(), "%s%s: %" PRIu64,
+                            m_is_debug ? date_prefix().c_str() : "", text, number);
+        say(LOG_WARNING, line.data());
     }
 
     log_thread_state& m_state;
@@ -121,7 +138,7 @@ bool is_gap_due(const log_thread_state& state) RTLS_REQUIRES(state.mutex)
 {
     const log_gap& gap = state.queue.gap();
     const bool is_second_over = std::chrono::steady_clock::now() >= state.rate.end_of_second();
-    return gap.lost != 0 || (gap.held_back != 0 && (state.is_closing || is_second_over));
+    return gap.lost != 0 || gap.unstored != 0 || (gap.held_back != 0 && (state.is_closing || is_second_over));
 }
 
 void wait_for_work(log_thread_state& state) RTLS_REQUIRES(state.mutex)
@@ -137,10 +154,10 @@ std::optional<log_entry> next_entry(log_thread_state& state)
 {
     const rtls::mutex_guard lock(state.mutex);
     while (!state.is_given_up) {
-        if (state.queue.is_empty() && is_gap_due(state))
-            state.queue.push_order(log_entry::action::mark);
         if (!state.queue.is_empty())
             return state.queue.pop();
+        if (is_gap_due(state))
+            return state.queue.end_gap();
         if (state.is_closing)
             break;
         wait_for_work(state);

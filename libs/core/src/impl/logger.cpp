@@ -64,6 +64,13 @@ std::unique_ptr<component_logger> logger::component(std::string_view name)
     return std::make_unique<component_logger>(*this, m_module_name, name);
 }
 
+void logger::lose(int log_level)
+{
+    m_system_log.lose(log_level);
+    if (is_publishing())
+        m_unpublished.fetch_add(1, std::memory_order_relaxed);
+}
+
 void logger::publish(std::string_view record)
 {
     const rtls::mutex_guard lock(m_socket_mutex);

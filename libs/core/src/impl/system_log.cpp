@@ -145,9 +145,25 @@ bool system_log::admits(int priority) const
     return (current_log_mask(*m_state) & LOG_MASK(priority)) != 0;
 }
 
+// Debug lines that the mask would not let pass are not to take room from others.
+bool system_log::takes(int priority) const
+{
+    return !is_in_child() && (priority != LOG_DEBUG || admits(LOG_DEBUG));
+}
+
+void system_log::lose(int priority)
+{
+    if (!takes(priority))
+        return;
+    const rtls::mutex_guard lock(m_state->mutex);
+    m_state->queue.lose();
+    m_unstored.fetch_add(1, std::memory_order_relaxed);
+    m_state->work.notify_one();
+}
+
 void system_log::write(int priority, std::string line, const void* kind)
 {
-    if (is_in_child() || (priority == LOG_DEBUG && !admits(LOG_DEBUG)))
+    if (!takes(priority))
         return;
     const auto now = steady_clock::now();
     const rtls::mutex_guard lock(m_state->mutex);
@@ -166,7 +182,7 @@ system_log::counters system_log::count() const
 {
     const auto relaxed = std::memory_order_relaxed;
     return {m_queued.load(relaxed), m_state->written.load(relaxed), m_lost.load(relaxed),
-            m_held_back.load(relaxed)};
+            m_held_back.load(relaxed), m_unstored.load(relaxed)};
 }
 
 } // namespace tav::libs::core
