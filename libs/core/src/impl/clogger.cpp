@@ -11,10 +11,10 @@
 #include <optional>
 #include <string>
 
-namespace {
-
 using tav::libs::core::component_logger;
 using tav::libs::core::timestamp;
+
+namespace {
 
 // Logging often stands between a failed call and the reading of its errno.
 class errno_keeper {
@@ -28,8 +28,10 @@ private:
     int m_errno = errno;
 };
 
+} // namespace
+
 // The text that printf would print; empty if the arguments cannot be converted.
-__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
+static __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
 {
     va_list measured;
     va_copy(measured, arguments);
@@ -43,33 +45,44 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, 
     return text;
 }
 
-// One record. When there is no memory for it, it is lost, and the system log says so: whoever has to report
-// just that must not end the process with it.
-__attribute__((format(printf, 3, 0))) void write_record(const component_logger& component, int log_level,
-                                                        const char* format, va_list arguments,
-                                                        const std::optional<timestamp>& time = {}) noexcept
+// When there is no memory for the record, it is lost, and the system log says so: whoever has to report just that
+// must not end the process with it.
+template <typename Write>
+static void write_or_lose(const component_logger& component, int log_level, Write write) noexcept
 {
     const errno_keeper keeper;
     try {
-        component.write(log_level, formatted(format, arguments), format, time);
+        write();
     } catch (const std::bad_alloc&) {
         component.lose(log_level);
     }
 }
 
-__attribute__((format(printf, 2, 3))) void report(const component_logger& component, const char* format, ...)
+static __attribute__((format(printf, 3, 0))) void
+write_record(const component_logger& component, int log_level, const char* format, va_list arguments,
+             const std::optional<timestamp>& time = {}) noexcept
 {
-    va_list arguments;
-    va_start(arguments, format);
-    write_record(component, LOG_ERR, format, arguments);
-    va_end(arguments);
+    write_or_lose(component, log_level,
+                  [&] { component.write(log_level, formatted(format, arguments), format, time); });
 }
 
-} // namespace
+static void report_failed_connect(const component_logger& component, const zmq::error_t& failure) noexcept
+{
+    static constexpr char head[] = "logger_connect: zmq_connect: ";
+    write_or_lose(component, LOG_ERR, [&] {
+        component.write(LOG_ERR, head + std::to_string(failure.num()) + ", " + failure.what(), head);
+    });
+}
+
+static void report_short_memory(const component_logger& component) noexcept
+{
+    static constexpr char text[] = "logger_connect: out of memory!";
+    write_or_lose(component, LOG_ERR, [&] { component.write(LOG_ERR, text, text); });
+}
 
 tav_logger create_logger(const char* name)
 {
-    if (name == nullptr)
+    if (!name)
         return nullptr;
     try {
         return new tav_logger_handle{{name, "logger"}};
@@ -86,7 +99,7 @@ void destroy_logger(tav_logger logger)
 bool logger_flush(tav_logger logger, unsigned timeout_ms)
 {
     try {
-        return logger != nullptr && logger->m_logger.flush(std::chrono::milliseconds(timeout_ms));
+        return logger && logger->m_logger.flush(std::chrono::milliseconds(timeout_ms));
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -94,7 +107,7 @@ bool logger_flush(tav_logger logger, unsigned timeout_ms)
 
 tav_log_counters_t logger_get_counters(tav_logger logger)
 {
-    if (logger == nullptr)
+    if (!logger)
         return {};
     const auto lines = logger->m_logger.system_log_counters();
     return {lines.queued,    lines.written,  lines.lost,
@@ -103,20 +116,20 @@ tav_log_counters_t logger_get_counters(tav_logger logger)
 
 void logger_connect(tav_logger logger, const char* address)
 {
-    if (logger == nullptr || address == nullptr)
+    if (!logger || !address)
         return;
     try {
         logger->m_logger.connect(address);
     } catch (const zmq::error_t& failure) {
-        report(logger->m_logger, "logger_connect: zmq_connect: %d, %s", failure.num(), failure.what());
+        report_failed_connect(logger->m_logger, failure);
     } catch (const std::bad_alloc&) {
-        report(logger->m_logger, "logger_connect: out of memory!");
+        report_short_memory(logger->m_logger);
     }
 }
 
 tav_component_logger create_component_logger(tav_logger logger, const char* name)
 {
-    if (logger == nullptr || name == nullptr)
+    if (!logger || !name)
         return nullptr;
     try {
         return new tav_component_logger_handle{logger->m_logger.component(name)};
@@ -132,7 +145,7 @@ void destroy_component_logger(tav_component_logger logger)
 
 bool logger_debug_is_wanted(tav_component_logger logger)
 {
-    return logger != nullptr && logger->m_component->is_debug_wanted();
+    return logger && logger->m_component->is_debug_wanted();
 }
 
 void logger_debug(tav_component_logger logger, const char* format, ...)
@@ -158,7 +171,7 @@ void logger_debug_ts(tav_component_logger logger, tav_timestamp_t time, const ch
 
 void logger_info(tav_component_logger logger, const char* format, ...)
 {
-    if (logger == nullptr)
+    if (!logger)
         return;
     va_list arguments;
     va_start(arguments, format);
@@ -168,7 +181,7 @@ void logger_info(tav_component_logger logger, const char* format, ...)
 
 void logger_warning(tav_component_logger logger, const char* format, ...)
 {
-    if (logger == nullptr)
+    if (!logger)
         return;
     va_list arguments;
     va_start(arguments, format);
@@ -178,7 +191,7 @@ void logger_warning(tav_component_logger logger, const char* format, ...)
 
 void logger_error(tav_component_logger logger, const char* format, ...)
 {
-    if (logger == nullptr)
+    if (!logger)
         return;
     va_list arguments;
     va_start(arguments, format);

@@ -8,11 +8,7 @@
 
 namespace tav::libs::core {
 
-namespace {
-
-constexpr size_t blanks_per_level = 4;
-
-} // namespace
+static constexpr size_t blanks_per_level = 4;
 
 component_logger::component_logger(logger& owner, std::string_view application_name,
                                    std::string_view component_name)

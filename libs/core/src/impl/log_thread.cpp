@@ -17,24 +17,24 @@
 
 namespace tav::libs::core {
 
-namespace {
-
 using state_ptr = std::shared_ptr<log_thread_state>;
 
-constexpr int every_priority = LOG_UPTO(LOG_DEBUG);
-constexpr int all_but_debug = LOG_UPTO(LOG_INFO);
+static constexpr int every_priority = LOG_UPTO(LOG_DEBUG);
+static constexpr int all_but_debug = LOG_UPTO(LOG_INFO);
 
-constexpr char lost_text[] = "Log lines lost while the system log took none";
-constexpr char held_back_text[] = "Log lines held back beyond 1000 in a second";
-constexpr char unstored_text[] = "Log lines lost as memory was short";
+static constexpr char lost_text[] = "Log lines lost while the system log took none";
+static constexpr char held_back_text[] = "Log lines held back beyond 1000 in a second";
+static constexpr char unstored_text[] = "Log lines lost as memory was short";
 static_assert(rate_limit::lines_each_second == 1000);
 
 // Held from opening to closing.
-rtls::annotated_mutex log_owner;
+static rtls::annotated_mutex log_owner;
 
 // Set while somebody is in libc's functions for the system log. They wait for each other, as long as it
 // takes: who may not wait looks here first.
-std::atomic_flag libc_is_busy;
+static std::atomic_flag libc_is_busy;
+
+namespace {
 
 class libc_use {
 public:
@@ -58,13 +58,15 @@ public:
     cancellable& operator=(const cancellable&) = delete;
 };
 
-void note_mask(log_thread_state& state)
+} // namespace
+
+static void note_mask(log_thread_state& state)
 {
     state.mask.store(setlogmask(0), std::memory_order_relaxed);
 }
 
 // The date before a line; none when there is no memory for it.
-std::string date_prefix()
+static std::string date_prefix()
 {
     try {
         return timestamp::current_time().to_iso_8601(true, ' ', false) + " ";
@@ -72,6 +74,8 @@ std::string date_prefix()
         return {};
     }
 }
+
+namespace {
 
 // The log, open from the first set_debug() on for as long as this lives.
 class opened_log {
@@ -132,16 +136,18 @@ private:
     bool m_is_debug = false;
 };
 
+} // namespace
+
 // Whether lines are missing that no entry speaks of, and it is time to say so: the queue is empty now, so
 // there is room again; or the second is over.
-bool is_gap_due(const log_thread_state& state) RTLS_REQUIRES(state.mutex)
+static bool is_gap_due(const log_thread_state& state) RTLS_REQUIRES(state.mutex)
 {
     const log_gap& gap = state.queue.gap();
     const bool is_second_over = std::chrono::steady_clock::now() >= state.rate.end_of_second();
     return gap.lost != 0 || gap.unstored != 0 || (gap.held_back != 0 && (state.is_closing || is_second_over));
 }
 
-void wait_for_work(log_thread_state& state) RTLS_REQUIRES(state.mutex)
+static void wait_for_work(log_thread_state& state) RTLS_REQUIRES(state.mutex)
 {
     if (state.queue.gap().held_back != 0)
         state.work.wait_until(state.mutex, state.rate.end_of_second());
@@ -150,7 +156,7 @@ void wait_for_work(log_thread_state& state) RTLS_REQUIRES(state.mutex)
 }
 
 // Nothing at the end.
-std::optional<log_entry> next_entry(log_thread_state& state)
+static std::optional<log_entry> next_entry(log_thread_state& state)
 {
     const rtls::mutex_guard lock(state.mutex);
     while (!state.is_given_up) {
@@ -165,7 +171,7 @@ std::optional<log_entry> next_entry(log_thread_state& state)
     return std::nullopt;
 }
 
-void follow_entries(log_thread_state& state)
+static void follow_entries(log_thread_state& state)
 {
     opened_log log(state);
     while (const auto entry = next_entry(state)) {
@@ -175,6 +181,8 @@ void follow_entries(log_thread_state& state)
         state.progress.notify_all();
     }
 }
+
+namespace {
 
 // Tells the owner, whichever way the thread ends.
 class end_notice {
@@ -193,7 +201,9 @@ private:
     log_thread_state& m_state;
 };
 
-extern "C" void* run_log_thread(void* argument)
+} // namespace
+
+static void* run_log_thread(void* argument)
 {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     pthread_setname_np(pthread_self(), "rtls-log");
@@ -203,6 +213,8 @@ extern "C" void* run_log_thread(void* argument)
     follow_entries(**state);
     return nullptr;
 }
+
+namespace {
 
 class thread_attributes {
 public:

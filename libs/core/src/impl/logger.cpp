@@ -4,11 +4,9 @@
 
 namespace tav::libs::core {
 
-namespace {
+static constexpr int linger_ms = 5000;
 
-constexpr int linger_ms = 5000;
-
-zmq::socket_t make_socket(zmq::context_t& context)
+static zmq::socket_t make_socket(zmq::context_t& context)
 {
     zmq::socket_t socket(context, zmq::socket_type::push);
     socket.set(zmq::sockopt::linger, linger_ms);
@@ -17,15 +15,13 @@ zmq::socket_t make_socket(zmq::context_t& context)
 
 // Formatting looks characters up in tables of the global locale, which the standard library fills on first
 // use and without a lock. So they are filled here, before several threads can format at once.
-void fill_character_tables()
+static void fill_character_tables()
 {
     const std::locale global;
     const auto& characters = std::use_facet<std::ctype<char>>(global);
     char blank = characters.widen(' ');
     characters.narrow(&blank, &blank + 1, '\0', &blank);
 }
-
-} // namespace
 
 logger::logger(std::string_view application_name, std::string_view component_name)
     : component_logger(*this, application_name, component_name), m_module_name(application_name),
