@@ -39,8 +39,8 @@ protected:
         (void)syslog_capture::take();
     }
 
-    // With this allocation failing, counted from when the logger's socket is there: libzmq itself would end the
-    // program. Whether there was one, and the loggers could not be made.
+    // With this allocation failing, counted from when the logger's socket is there: libzmq itself would end
+    // the program. Whether there was one, and the loggers could not be made.
     static bool fails_at(size_t allocation)
     {
         socket_options::on_next_linger([allocation] { fail_allocation_after(allocation); });

@@ -45,8 +45,8 @@ static __attribute__((format(printf, 1, 0))) std::string formatted(const char* f
     return text;
 }
 
-// When there is no memory for the record, it is lost, and the system log says so: whoever has to report just that
-// must not end the process with it.
+// When there is no memory for the record, it is lost, and the system log says so: whoever has to report just
+// that must not end the process with it.
 template <typename Write>
 static void write_or_lose(const component_logger& component, int log_level, Write write) noexcept
 {
