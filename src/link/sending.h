@@ -2,6 +2,9 @@
 //
 // What a connection does not take at once waits in the client's unsent messages.
 // Threads    WIN server thread. Nothing waits, but closing a connection (up to the socket's 100 ms).
+// Bytes      Messages go as they are given; START, END and ESC are put around and into them (wire/slip.h).
+// Failures   A null argument, memory that is short and what the socket refuses are logged; a socket that is
+//            full is no failure. Nothing throws.
 #pragma once
 
 #include "link/win_server_private.h"

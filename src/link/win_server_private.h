@@ -1,7 +1,9 @@
 // win_server_private - the WIN server's record. It belongs to the server, and stands here because the link,
 // what goes down and what comes up all work on it; "private" to the layers of the WIN server's thread.
 //
+// Ownership  The server owns the record, the actor what it opens; the services are the gateway's.
 // Threads    All of it belongs to the actor's thread, except where a field says otherwise.
+// Failures   A socket that is not open is null.
 #pragma once
 
 #include "base/bytes.h"

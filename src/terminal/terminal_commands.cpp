@@ -126,6 +126,7 @@ static std::string reboot_node(const terminal_request& request)
                : command_not_sent;
 }
 
+// The answer is addressed first, as in command_del: an operator who cannot be reached gets nothing done.
 static void command_reboot(const terminal_request& request)
 {
     terminal_reply reply{request.client->id.get(), request.sock};

@@ -17,10 +17,6 @@ static constexpr uint16_t node_lifetime = 300; // seconds; a heartbeat names its
 static constexpr size_t wrap_ts_minimum = 17;
 static constexpr size_t nwk_data_minimum = 30;
 
-// The types that may be dispatched; the envelopes and the ping are not among them.
-static constexpr uint16_t first_dispatched_type = MSG_PANID_REQ;
-static constexpr uint16_t last_dispatched_type = MSG_SENSOR_IND_NEW;
-
 // --- what several handlers do
 
 // Points the node at the client that the frame came from, unless its route is to stay. Under the lock.
@@ -334,7 +330,7 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
     take_flags(frame);
     if (!unwrap_forwarded(frame))
         return false;
-    if (frame.type >= first_dispatched_type && frame.type <= last_dispatched_type && !dispatch(frame))
+    if (!dispatch(frame))
         return false;
     if (frame.ack_requested && frame.ack_dst_known)
         data_to_win_client(server, client->id, frame.ack.data(), frame.ack.size());
