@@ -14,21 +14,21 @@ client_table::client_table() : m_records(zhashx_new())
 
 WIN_CLIENT_t* client_table::find(const char* key) noexcept
 {
-    const mutex_guard guard{
-        m_mutex}; // a look-up that meets a long chain moves the whole table to new buckets
+    // A look-up that meets a long chain moves the whole table to new buckets.
+    const mutex_guard guard{m_mutex};
     return static_cast<WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key));
 }
 
-bool client_table::insert(const char* key, WIN_CLIENT_t* client) noexcept
+WIN_CLIENT_t* client_table::insert(const char* key, win_client_ptr client) noexcept
 {
     const mutex_guard guard{m_mutex};
     try {
         if (m_walk.capacity() <= zhashx_size(m_records.get()))
             m_walk.reserve(2 * m_walk.capacity() + 8);
     } catch (const std::bad_alloc&) {
-        return false;
+        return nullptr;
     }
-    return zhashx_insert(m_records.get(), key, client) == 0;
+    return zhashx_insert(m_records.get(), key, client.get()) == 0 ? client.release() : nullptr;
 }
 
 void client_table::erase(const char* key) noexcept
