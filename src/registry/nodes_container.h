@@ -4,7 +4,7 @@
 // Threads    WIN server and terminal. The container is its own lock: hold a nodes_guard around each call
 //            and each whole iteration, except where a function says that it takes the lock itself.
 //            clang checks it. Nothing is sent, printed or waited for under the lock.
-// Failures   Nothing throws, but making a container.
+// Failures   Nothing throws, but making a container. What fails under the lock is logged when it is let go.
 #pragma once
 
 #include "base/czmq_ptr.h"
@@ -18,6 +18,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <utility>
 
 namespace rtls {
 
@@ -30,6 +32,7 @@ public:
     NODES_CONTAINER_t& operator=(const NODES_CONTAINER_t&) = delete;
 
     void lock() RTLS_ACQUIRE();
+    // Logs, behind it, what has failed meanwhile.
     void unlock() RTLS_RELEASE();
 
     size_t size() const RTLS_REQUIRES(this) { return m_nodes.size(); }
@@ -59,6 +62,9 @@ public:
     // Gives the node another address; keeps the look-up by address in step.
     void set_address(NODE_t& node, const uint8_t* ip_addr, bool forwarded_ip) RTLS_REQUIRES(this);
 
+    // Points the node at another WIN client, of which it keeps a copy; at none when memory is short.
+    void set_win_client(NODE_t& node, zframe_t* win_client_id) RTLS_REQUIRES(this);
+
     // Gives the node another lifetime, in seconds.
     void set_lifetime(NODE_t& node, uint16_t lifetime) RTLS_REQUIRES(this);
 
@@ -67,6 +73,14 @@ public:
 
     // Removes and destroys the node with this MAC, if there is one.
     void remove(const uint8_t* mac) RTLS_REQUIRES(this);
+
+    // What has failed since the lock was taken. Taking it out is for those who log it.
+    struct failures {
+        bool no_room = false;       // for a new node; the first of an episode
+        std::optional<int> no_copy; // of an identity; errno
+        void log() const;
+    };
+    failures take_failures() RTLS_REQUIRES(this) { return std::exchange(m_failures, {}); }
 
 private:
     NODE_t* settled(stored_node* node) const;
@@ -79,6 +93,7 @@ private:
     address_index m_by_address{m_nodes};
     expiry_queue m_expiry;
     bool m_refusing = false; // since a new node was refused; none has been created since
+    failures m_failures;
     const size_t m_limit;
 };
 

@@ -23,7 +23,7 @@ static constexpr uint16_t last_dispatched_type = MSG_SENSOR_IND_NEW;
 static void move_route_locked(link_frame& frame, NODE_t& node)
 {
     if (frame.change_route)
-        node_update_win_client_ID(&node, frame.client.id);
+        frame.nodes.set_win_client(node, frame.client.id);
 }
 
 // Registers a sign of life of the node with this MAC. False for a duplicate, or when there is no room.
