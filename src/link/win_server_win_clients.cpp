@@ -10,10 +10,9 @@
 #include <sys/socket.h>
 #include <time.h>
 
-#include <array>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
-#include <new>
 
 namespace rtls {
 

@@ -9,7 +9,6 @@
 #include "link/client_table.h"
 
 #include <czmq.h>
-#include <netinet/in.h>
 
 #include <vector>
 

@@ -13,6 +13,8 @@
 #include "server/supervision.h"
 #include "uplink/upstream.h"
 
+#include <pthread.h>
+
 namespace rtls {
 
 static constexpr char reporter[] = "win_server_actor";
