@@ -10,8 +10,6 @@
 
 #include <zmq.h>
 
-#include <cerrno>
-
 namespace rtls {
 
 class message_part {

@@ -1,6 +1,5 @@
 #include "link/rpl_version.h"
 
-#include "base/logger.h"
 #include "base/null_check.h"
 #include "link/sending.h"
 #include "wire/messaging.h"

@@ -9,6 +9,7 @@
 #include "wire/slip.h"
 
 #include <array>
+#include <cerrno>
 #include <memory>
 #include <new>
 

@@ -8,6 +8,7 @@
 #include "link/win_server_private.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <utility>

@@ -8,10 +8,9 @@
 #include "link/sending.h"
 
 #include <sys/socket.h>
-#include <time.h>
 
-#include <array>
 #include <cstdlib>
+#include <ctime>
 #include <utility>
 
 namespace rtls {

@@ -1,7 +1,6 @@
 #include "registry/node.h"
 
 #include "base/common.h"
-#include "base/logger.h"
 #include "base/null_check.h"
 
 namespace rtls {

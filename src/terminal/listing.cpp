@@ -11,8 +11,10 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 namespace rtls {
 

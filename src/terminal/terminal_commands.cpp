@@ -21,6 +21,8 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <span>
+#include <string>
 #include <string_view>
 
 namespace rtls {

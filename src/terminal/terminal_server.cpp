@@ -17,8 +17,11 @@
 #include "terminal/texts.h"
 #include "wire/messaging.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <memory>
 #include <new>
 #include <set>

@@ -16,6 +16,7 @@
 #include "wire/messaging.h"
 
 #include <array>
+#include <ctime>
 
 namespace rtls {
 

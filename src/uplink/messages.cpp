@@ -1,6 +1,5 @@
 #include "uplink/messages.h"
 
-#include "base/logger.h"
 #include "base/null_check.h"
 #include "link/rpl_version.h"
 #include "link/sending.h"

@@ -16,7 +16,6 @@
 #include <atomic>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <set>
 #include <stop_token>
 #include <string>

@@ -13,7 +13,6 @@
 #include <optional>
 #include <system_error>
 #include <thread>
-#include <utility>
 
 namespace tav::libs::core {
 
