@@ -42,19 +42,21 @@ private:
 
 } // namespace
 
-// Whether the message is encoded; log filters know who says that it is not.
-static bool is_encoded(const encoded_message& message)
+// Whether there is a WIN port, and a message for it; log filters know who says that there is not.
+static bool can_send(const WIN_SERVER_t& server, const encoded_message& message)
 {
-    if (!message.bytes().empty())
-        return true;
-    logger_error(g_logger, str_out_of_memory, "data_to_win_client");
-    return false;
+    constexpr char function[] = "data_to_win_client";
+    if (any_null(function, server.win_sock.get()))
+        return false;
+    if (message.bytes().empty())
+        logger_error(g_logger, str_out_of_memory, function);
+    return !message.bytes().empty();
 }
 
 bool data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data)
 {
     const encoded_message message{data};
-    if (!is_encoded(message))
+    if (!can_send(server, message))
         return false;
     WIN_CLIENT_t* client = server.clients.find(identity_key{identity}.c_str());
     if (client)
@@ -65,7 +67,7 @@ bool data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data)
 bool data_to_all_bridges(WIN_SERVER_t& server, bytes_view data)
 {
     const encoded_message message{data};
-    if (!is_encoded(message))
+    if (!can_send(server, message))
         return false;
     server.clients.for_each(
         [&](WIN_CLIENT_t& client) { encoded_to_win_client(&server, &client, message.bytes()); });
@@ -74,7 +76,7 @@ bool data_to_all_bridges(WIN_SERVER_t& server, bytes_view data)
 
 bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
-    if (any_null(__func__, server, data) || any_null(__func__, server->win_sock.get()))
+    if (any_null(__func__, server, data))
         return false;
     return client_id ? data_to_bridge(*server, frame_bytes(client_id), {data, size})
                      : data_to_all_bridges(*server, {data, size});

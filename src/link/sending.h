@@ -1,7 +1,7 @@
 // sending - frames on their way down to the bridges.
 //
 // What a connection does not take at once waits in the client's unsent messages.
-// Threads    WIN server thread. Nothing waits, but closing a connection (up to the socket's 100 ms).
+// Threads    WIN server thread. Nothing waits.
 #pragma once
 
 #include "base/bytes.h"

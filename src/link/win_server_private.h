@@ -1,8 +1,7 @@
 // win_server_private - the WIN server's record. It belongs to the server, and stands here because the link,
 // what goes down and what comes up all work on it; "private" to the layers of the WIN server's thread.
 //
-// Ownership  The record owns what its fields hold. The actor opens its sockets, list and loop, and closes
-// them in
+// Ownership  The record owns what its fields hold. The actor opens sockets, list and loop, and closes them in
 //            the order that destroy_actor_context has, which peers see; the members' order does not count.
 // Threads    All of it belongs to the actor's thread, except where a field says otherwise.
 #pragma once
