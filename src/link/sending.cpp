@@ -2,9 +2,9 @@
 
 #include "base/hex.h"
 #include "base/logger.h"
-#include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/peer.h"
+#include "base/stream_send.h"
 #include "link/unsent_messages.h"
 #include "wire/slip.h"
 
@@ -43,25 +43,44 @@ private:
 
 } // namespace
 
+// Whether there is a WIN port, and a message for it; log filters know who says that there is not.
+static bool can_send(const WIN_SERVER_t& server, const encoded_message& message)
+{
+    constexpr char function[] = "data_to_win_client";
+    if (any_null(function, server.win_sock.get()))
+        return false;
+    if (message.bytes().empty())
+        logger_error(g_logger, str_out_of_memory, function);
+    return !message.bytes().empty();
+}
+
+bool data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data)
+{
+    const encoded_message message{data};
+    if (!can_send(server, message))
+        return false;
+    WIN_CLIENT_t* client = server.clients.find(identity_key{identity}.c_str());
+    if (client)
+        encoded_to_win_client(&server, client, message.bytes());
+    return client != nullptr;
+}
+
+bool data_to_all_bridges(WIN_SERVER_t& server, bytes_view data)
+{
+    const encoded_message message{data};
+    if (!can_send(server, message))
+        return false;
+    server.clients.for_each(
+        [&](WIN_CLIENT_t& client) { encoded_to_win_client(&server, &client, message.bytes()); });
+    return true;
+}
+
 bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
-    if (any_null(__func__, server, data) || any_null(__func__, server->win_sock.get()))
+    if (any_null(__func__, server, data))
         return false;
-    const encoded_message message{{data, size}};
-    if (message.bytes().empty()) {
-        logger_error(g_logger, str_out_of_memory, __func__);
-        return false;
-    }
-    if (client_id) {
-        WIN_CLIENT_t* client = server->clients.find(identity_key{client_id}.c_str());
-        if (!client)
-            return false;
-        encoded_to_win_client(server, client, message.bytes());
-        return true;
-    }
-    server->clients.for_each(
-        [&](WIN_CLIENT_t& client) { encoded_to_win_client(server, &client, message.bytes()); });
-    return true;
+    return client_id ? data_to_bridge(*server, frame_bytes(client_id), {data, size})
+                     : data_to_all_bridges(*server, {data, size});
 }
 
 void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded)
@@ -69,44 +88,45 @@ void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_vie
     if (!client->unsent_messages.empty()) {
         data_to_cache(server, client, encoded.data(), encoded.size());
         unsent_messages_to_win_client(server, client);
-    } else if (!esc_data_to_win_client(server, client->id, encoded.data(), encoded.size())) {
+    } else if (!bytes_to_bridge(*server, frame_bytes(client->id), encoded)) {
         data_to_cache(server, client, encoded.data(), encoded.size());
     }
+}
+
+bool bytes_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
+{
+    constexpr char function[] = "esc_data_to_win_client"; // as log filters know it
+    message_part frame{bytes};
+    if (!frame.is_made()) {
+        log_call_error(function, "zframe_new");
+        return false;
+    }
+    if (!stream_send(server.win_sock, identity, frame)) {
+        if (errno != EAGAIN)
+            log_call_error(function, "zframe_send");
+        return false;
+    }
+    if (dbg_is_wanted(DBG_RAW))
+        dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT", "%s [%zu] [%s]",
+                  hex_text{bytes}.c_str(), bytes.size(), identity_key{identity}.c_str());
+    return true;
 }
 
 bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
     if (any_null(__func__, server, client_id, data) || any_null(__func__, server->win_sock.get()))
         return false;
-    // Made before the identity is sent: an identity without data would leave the socket out of step, and
-    // the next client's identity would go to this one as data.
-    message_part frame{bytes_view{data, size}};
-    if (!frame.is_made()) {
-        log_call_error(__func__, "zframe_new");
-        return false;
-    }
-    // The identity is what fails when the peer does not read; the data after it is then not offered.
-    zframe_t* id = client_id;
-    if (zframe_send(&id, server->win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) != 0 ||
-        !frame.send(zsock_resolve(server->win_sock))) {
-        if (errno != EAGAIN)
-            log_call_error(__func__, "zframe_send");
-        return false;
-    }
-    if (dbg_is_wanted(DBG_RAW))
-        dbg_print(server->dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT", "%s [%zu] [%s]",
-                  hex_text{{data, size}}.c_str(), size, identity_key{client_id}.c_str());
-    return true;
+    return bytes_to_bridge(*server, frame_bytes(client_id), {data, size});
 }
 
-// Closes the connection by an empty frame after its identity. Without the identity the empty frame
-// would itself be taken for one, so it is not sent then.
+// Closes the connection by an empty frame after its identity.
 static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WIN_CLIENT_t* client)
 {
     // Not waiting for room: a client that does not read would stall all the others.
-    if (zframe_send(&client_id, server.win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) == 0)
-        zstr_sendm(server.win_sock, "");
-    else if (errno != EAGAIN)
+    message_part nothing;
+    if (stream_send(server.win_sock, frame_bytes(client_id), nothing))
+        return;
+    if (errno != EAGAIN)
         log_call_error("delete_win_client", "zframe_send");
     else if (client) // its queue is full, so that the stream socket cannot close it
         cut_connection(client->fd, client->addr);

@@ -2,9 +2,9 @@
 
 #include "base/hex.h"
 #include "base/logger.h"
-#include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/peer.h"
+#include "base/stream_send.h"
 #include "link/win_server_private.h"
 
 #include <algorithm>
@@ -120,12 +120,8 @@ bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* da
 // read, and it does not wait: any number of stalled bridges costs the others nothing.
 static bool send_front(WIN_SERVER_t& server, WIN_CLIENT_t& client)
 {
-    // Made before the identity is sent: an identity without data would leave the socket out of step.
     message_part data{client.unsent_messages.front()};
-    message_part id{bytes_view{zframe_data(client.id), zframe_size(client.id)}};
-    void* socket = zsock_resolve(server.win_sock);
-    // Neither part waits: a socket that took the identity has room for what belongs to it.
-    return data.is_made() && id.is_made() && id.send(socket, true) && data.send(socket);
+    return data.is_made() && stream_send(server.win_sock, frame_bytes(client.id), data);
 }
 
 static void print_flushed(WIN_SERVER_t& server, const WIN_CLIENT_t& client, bytes_view message, size_t left)

@@ -77,7 +77,7 @@ static void on_connect(WIN_SERVER_t& server, message_part& identity, const ident
         return;
     // Bridges wait for this before they speak; it stands outside of any frame on purpose.
     static constexpr uint8_t greeting[] = {'s', 'y', 'n', 'c', '\n'};
-    esc_data_to_win_client(&server, client->id, greeting, sizeof greeting);
+    bytes_to_bridge(server, identity.bytes(), greeting);
 }
 
 static void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const identity_key& key)
