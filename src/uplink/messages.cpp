@@ -20,6 +20,8 @@ static constexpr uint16_t last_dispatched_type = MSG_SENSOR_IND_NEW;
 // --- what several handlers do
 
 // Points the node at the client that the frame came from, unless its route is to stay. Under the lock.
+static void move_route_locked(link_frame& frame, NODE_t& node) RTLS_REQUIRES(frame.nodes);
+
 static void move_route_locked(link_frame& frame, NODE_t& node)
 {
     if (frame.change_route)
