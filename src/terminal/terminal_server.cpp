@@ -321,17 +321,6 @@ bool terminal_server_is_ready(void* p_terminal_server)
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->ready;
 }
 
-// Sends the frame and gives it up either way; errno tells why it was not sent.
-static bool send_request_frame(zframe_ptr frame, zsock_t* sock, int flags)
-{
-    zframe_t* raw = frame.release();
-    const bool is_sent = zframe_send(&raw, sock, flags) == 0;
-    const int error = errno;
-    zframe_destroy(&raw); // null when sent
-    errno = error;
-    return is_sent;
-}
-
 bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t* data, size_t data_size)
 {
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
@@ -339,14 +328,14 @@ bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t*
     if (any_null(__func__, sock, data))
         return false;
     constexpr int32_t command = WINSERW_SOCK_CMD_GENERIC_REQ; // host order: it stays in the process
-    zframe_ptr command_frame{zframe_new(&command, sizeof command)};
-    zframe_ptr data_frame{zframe_new(data, data_size)};
-    if (!command_frame || !data_frame) {
+    message_part command_part{bytes_view{reinterpret_cast<const uint8_t*>(&command), sizeof command}};
+    message_part data_part{bytes_view{data, data_size}};
+    if (!command_part.is_made() || !data_part.is_made()) {
         log_call_error(__func__, "zframe_new");
         return false;
     }
-    if (send_request_frame(std::move(command_frame), sock, ZFRAME_MORE | ZFRAME_DONTWAIT) &&
-        send_request_frame(std::move(data_frame), sock, ZFRAME_DONTWAIT))
+    void* socket = zsock_resolve(sock);
+    if (command_part.send(socket, true) && data_part.send(socket))
         return true;
     if (errno == EAGAIN)
         logger_error(g_logger, "Overflow winserw queue!"); // each one is a command that was not sent
