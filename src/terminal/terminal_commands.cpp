@@ -4,7 +4,6 @@
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/null_check.h"
-#include "base/peer.h"
 #include "base/tokenize.h"
 #include "terminal/filter.h"
 #include "terminal/firmware_commands.h"
@@ -83,7 +82,7 @@ static void command_quit(const terminal_request& request)
         // A client that does not read takes no more frames, not even the one that closes it: its connection
         // is cut, and the disconnect event that follows frees the record.
         if (errno == EAGAIN) // otherwise it is gone already
-            cut_connection(request.client->fd, request.client->client_addr);
+            terminal_server_cut_client(request.gateway.terminal_server, *request.client, request.sock);
         return;
     }
     const zstr_ptr id_str{zframe_strhex(request.client->id.get())};

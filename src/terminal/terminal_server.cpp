@@ -2,6 +2,7 @@
 
 #include "base/common.h"
 #include "base/config.h"
+#include "base/connection_cut.h"
 #include "base/czmq_ptr.h"
 #include "base/endpoints.h"
 #include "base/logger.h"
@@ -41,6 +42,7 @@ struct TERMINAL_SERVER_t {
 
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
+    connection_cuts cuts; // of those who quit and do not read
 };
 
 static constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
@@ -52,7 +54,7 @@ static constexpr char actor_name[] = "terminal_server_actor";
 static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t& client, int fd,
                               const char* id_str)
 {
-    if (!read_peer_address(fd, client.client_addr)) {
+    if (!read_peer_address(fd, server->port, client.client_addr)) {
         dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console,
                   "(E) Cannot get IP address for terminal client [%s]", id_str);
         return;
@@ -82,6 +84,7 @@ static void forget_client(TERMINAL_SERVER_t* server, const char* id_str, bool is
 {
     dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "DELETING %s\n", id_str);
     zhashx_delete(server->clients.get(), id_str);
+    server->cuts.forget(id_str);
     if (is_connected)
         server->forgotten_ids.emplace(id_str);
 }
@@ -126,6 +129,7 @@ static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_s
     } catch (const std::bad_alloc&) {
         logger_error(g_logger, str_out_of_memory, __func__);
     }
+    server->cuts.carry_out(zsock_resolve(reader), server->port);
     return 0;
 }
 
@@ -314,6 +318,15 @@ zhashx_t* terminal_server_get_clients(void* p_terminal_server)
     if (any_null(__func__, p_terminal_server))
         return nullptr;
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->clients.get();
+}
+
+void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& client, zsock_t* sock)
+{
+    if (any_null(__func__, p_terminal_server, sock))
+        return;
+    auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
+    server->cuts.want(identity_key{client.id.get()}.c_str(), client.fd, client.client_addr);
+    server->cuts.carry_out(zsock_resolve(sock), server->port);
 }
 
 bool terminal_server_is_ready(void* p_terminal_server)

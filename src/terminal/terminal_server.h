@@ -15,11 +15,18 @@
 
 namespace rtls {
 
+struct TERMINAL_CLIENT;
+
 void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway);
 bool terminal_server_run(void* p_terminal_server);
 void terminal_server_destroy(void** pp_terminal_server);
 zhashx_t* terminal_server_get_clients(void* p_terminal_server);
 bool terminal_server_is_ready(void* p_terminal_server);
+
+// Cuts the connection of a client whose queue is full, which `sock` (the stream socket) cannot close: now,
+// or as soon as it is proven that its descriptor is still its own. The disconnect that follows frees the
+// record.
+void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& client, zsock_t* sock);
 
 // Hands a generic request (header, payload, destination MAC) to the WIN server's thread. False when
 // its queue is full. The name is misspelt, and kept: operators' scripts find it in our logs.

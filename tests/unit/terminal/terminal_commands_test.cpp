@@ -28,9 +28,11 @@ static constexpr char listening[] = "the terminal's own line";
 // A TCP connection within this process.
 class tcp_connection {
 public:
-    tcp_connection()
+    explicit tcp_connection(uint16_t port = 0)
     {
-        sockaddr_in addr = ipv4_address("127.0.0.1", 0);
+        const int yes = 1;
+        setsockopt(m_listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes); // cases follow each other
+        sockaddr_in addr = ipv4_address("127.0.0.1", port);
         socklen_t size = sizeof addr;
         EXPECT_EQ(bind(m_listener, reinterpret_cast<sockaddr*>(&addr), size), 0);
         EXPECT_EQ(listen(m_listener, 1), 0);
@@ -556,15 +558,17 @@ TEST_F(terminal_commands_test, quit_that_cannot_be_told_cuts_the_connection_of_w
         const char* given;
         int socket_type; // whose identity frames fail: a full PUSH with EAGAIN, a STREAM with EHOSTUNREACH
         bool is_same_peer;
+        bool is_same_port;
         bool then_cut;
     } cases[] = {
-        {"an operator who does not read", ZMQ_PUSH, true, true},
-        {"an operator who is gone", ZMQ_STREAM, true, false},
-        {"a descriptor that has another owner", ZMQ_PUSH, false, false},
+        {"an operator who does not read", ZMQ_PUSH, true, true, true},
+        {"an operator who is gone", ZMQ_STREAM, true, true, false},
+        {"a descriptor that has another owner", ZMQ_PUSH, false, true, false},
+        {"a descriptor of another port", ZMQ_PUSH, true, false, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
-        const tcp_connection connection;
+        const tcp_connection connection{c.is_same_port ? m_gateway.terminal_port() : uint16_t{0}};
         m_client->fd = connection.accepted_fd();
         m_client->client_addr = connection.peer_address();
         if (!c.is_same_peer)
