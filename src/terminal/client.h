@@ -20,6 +20,7 @@ typedef struct TERMINAL_CLIENT {
     std::optional<std::string> grep_string; // may name a pattern that failed to compile
     filter_ptr preg;                        // null: no filter, every line passes
     uint8_t subscribed = 0;                 // 1: receives the debug stream
+    bool takes_frames = false;              // the last one was taken: it is worth waiting for
     sockaddr_in client_addr = {};           // zero when unknown
 
     int fd = -1; // the connection's descriptor as seen at connect, or -1; closed by the library, not by us

@@ -1,5 +1,6 @@
 #include "terminal/reply.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <utility>
@@ -7,13 +8,23 @@
 namespace rtls {
 
 // A null frame would be "sent" with success, so it is refused here.
-static bool send_identity(zframe_t* id, zsock_t* sock) noexcept
+static bool send_identity(zframe_t* id, zsock_t* sock, int flags) noexcept
 {
-    return id && zframe_send(&id, sock, ZFRAME_MORE | ZFRAME_REUSE) == 0;
+    return id && zframe_send(&id, sock, ZFRAME_MORE | ZFRAME_REUSE | flags) == 0;
 }
 
-terminal_reply::terminal_reply(zframe_t* id, zsock_t* sock) noexcept
-    : m_sock(send_identity(id, sock) ? sock : nullptr)
+// The wait is for those who read, when many frames come at once. A client that does not read would cost the
+// others a time-out for each frame; so would one that has left while commands of his wait to be handled.
+static bool address_client(TERMINAL_CLIENT_t& client, zsock_t* sock) noexcept
+{
+    const bool is_sent = send_identity(client.id.get(), sock, ZFRAME_DONTWAIT) ||
+                         (errno == EAGAIN && client.takes_frames && send_identity(client.id.get(), sock, 0));
+    client.takes_frames = is_sent;
+    return is_sent;
+}
+
+terminal_reply::terminal_reply(TERMINAL_CLIENT_t& client, zsock_t* sock) noexcept
+    : m_sock(address_client(client, sock) ? sock : nullptr)
 {
 }
 
@@ -28,9 +39,9 @@ void terminal_reply::send(const char* text) noexcept
         zstr_sendm(sock, text); // "more" means nothing here, and makes a text without addressee fail
 }
 
-bool terminal_send(zframe_t* id, zsock_t* sock, const char* text) noexcept
+bool terminal_send(TERMINAL_CLIENT_t& client, zsock_t* sock, const char* text) noexcept
 {
-    terminal_reply reply{id, sock};
+    terminal_reply reply{client, sock};
     const bool addressed{reply};
     reply.send(text);
     return addressed;

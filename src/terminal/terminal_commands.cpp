@@ -127,7 +127,7 @@ static std::string reboot_node(const terminal_request& request)
 
 static void command_reboot(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id.get(), request.sock};
+    terminal_reply reply{*request.client, request.sock};
     if (reply)
         reply.send(reboot_node(request));
 }
@@ -144,7 +144,7 @@ static std::string delete_node(const terminal_request& request)
 
 static void command_del(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id.get(), request.sock};
+    terminal_reply reply{*request.client, request.sock};
     if (reply)
         reply.send(delete_node(request));
 }

@@ -9,7 +9,9 @@
 #include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/peer.h"
+#include "base/rate_bound.h"
 #include "base/signals.h"
+#include "link/closed_ids.h"
 #include "server/win_server.h"
 #include "services.h"
 #include "terminal/client.h"
@@ -20,6 +22,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <new>
 #include <set>
@@ -31,6 +35,7 @@ namespace rtls {
 struct TERMINAL_SERVER_t {
     zactor_ptr actor;                 // owner's thread; null until terminal_server_run
     in_port_t port = 0;               // host order
+    size_t sessions_limit = SIZE_MAX; // of operators at once
     zhashx_ptr clients;               // owned TERMINAL_CLIENT_t by identity (upper-case hex)
     services* rtls_gateway = nullptr; // what the gateway hands out
     std::atomic<bool> ready{false};   // set once by the actor, polled by the owner
@@ -42,11 +47,38 @@ struct TERMINAL_SERVER_t {
 
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
-    connection_cuts cuts; // of those who quit and do not read
+    connection_cuts cuts;      // of those who quit and do not read
+    closed_id_set refused_ids; // connections beyond the limit
+    refusal_episode refusals;
 };
 
 static constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
 static constexpr char actor_name[] = "terminal_server_actor";
+
+// A connection whose other end has vanished without a word is closed after this and three more times
+// the interval.
+static constexpr int keepalive_idle_s = 60;
+static constexpr int keepalive_interval_s = 10;
+static constexpr int keepalive_probes = 3;
+
+namespace {
+
+// What a reader takes before the others have their turn: the loop asks every socket for news in between,
+// which costs more than a line of the debug stream does. One command or filter may take its time: then the
+// turn ends with it.
+class turn {
+public:
+    // Whether one more event may be handled.
+    bool goes_on() noexcept { return ++m_events < most_events && zclock_usecs() - m_began < most_us; }
+
+private:
+    static constexpr int most_events = 64;
+    static constexpr int64_t most_us = 2000;
+    int m_events = 0;
+    const int64_t m_began = zclock_usecs();
+};
+
+} // namespace
 
 // --- the operators' port
 
@@ -64,8 +96,24 @@ static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t& clie
               id_str, ipv4_text{client.client_addr}.c_str(), ntohs(client.client_addr.sin_port));
 }
 
+// Closes the connection of who comes when all sessions are taken. Connections without a record count, too.
+static bool is_refused(TERMINAL_SERVER_t* server, zframe_t* id, const char* id_str)
+{
+    if (zhashx_size(server->clients.get()) + server->forgotten_ids.size() < server->sessions_limit)
+        return false;
+    if (server->refusals.begins(zclock_mono()))
+        logger_warning(g_logger, "%s: all %zu sessions are taken, more are refused!",
+                       "handle_terminal_clients", server->sessions_limit);
+    if (zframe_send(&id, server->terminal_sock.get(), ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) == 0)
+        zstr_sendm(server->terminal_sock.get(), ""); // closes it
+    server->refused_ids.remember(id_str);
+    return true;
+}
+
 static void add_client(TERMINAL_SERVER_t* server, zframe_ptr id, int fd, const char* id_str)
 {
+    if (is_refused(server, id.get(), id_str))
+        return;
     std::unique_ptr<TERMINAL_CLIENT_t> client{new (std::nothrow) TERMINAL_CLIENT_t};
     if (!client) {
         logger_error(g_logger, str_out_of_memory, "handle_terminal_clients");
@@ -89,6 +137,20 @@ static void forget_client(TERMINAL_SERVER_t* server, const char* id_str, bool is
         server->forgotten_ids.emplace(id_str);
 }
 
+// Somebody without a record has connected, or has sent something all the same.
+static void handle_stranger(TERMINAL_SERVER_t* server, zframe_ptr id, int fd, const char* id_str,
+                            bool is_empty)
+{
+    if (server->refused_ids.forget(id_str)) { // what comes after the refusal is ignored, up to its end
+        if (!is_empty)
+            server->refused_ids.remember(id_str);
+        return;
+    }
+    const bool was_forgotten = server->forgotten_ids.erase(id_str) != 0;
+    if (!was_forgotten || !is_empty)
+        add_client(server, std::move(id), fd, id_str);
+}
+
 // Handles what `id` sent: its connect, its disconnect, or a command.
 static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, message_part& chunk)
 {
@@ -102,9 +164,7 @@ static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, mess
               id_str.get());
     auto* client = static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), id_str.get()));
     if (!client) {
-        const bool was_forgotten = server->forgotten_ids.erase(id_str.get()) != 0;
-        if (!was_forgotten || chunk.size() != 0)
-            add_client(server, std::move(id), identity.source_fd(), id_str.get());
+        handle_stranger(server, std::move(id), identity.source_fd(), id_str.get(), chunk.size() == 0);
         return;
     }
     std::string text{reinterpret_cast<const char*>(chunk.data()), chunk.size()};
@@ -115,21 +175,31 @@ static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, mess
                                 server->dbg_client_sock.get());
 }
 
-static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
+// False when there is no event.
+static bool handle_event(TERMINAL_SERVER_t* server, void* socket) noexcept
 {
-    auto* server = static_cast<TERMINAL_SERVER_t*>(p_server);
     message_part identity;
-    if (!identity.receive(zsock_resolve(reader)))
-        return 1;
     message_part chunk;
-    if (!chunk.receive(zsock_resolve(reader)))
-        return 0;
+    if (!identity.receive(socket) || !chunk.receive(socket))
+        return false;
     try {
         handle_chunk(server, identity, chunk);
     } catch (const std::bad_alloc&) {
-        logger_error(g_logger, str_out_of_memory, __func__);
+        logger_error(g_logger, str_out_of_memory, "handle_terminal_clients");
     }
-    server->cuts.carry_out(zsock_resolve(reader), server->port);
+    return true;
+}
+
+static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
+{
+    auto* server = static_cast<TERMINAL_SERVER_t*>(p_server);
+    void* socket = zsock_resolve(reader);
+    turn turn;
+    if (!handle_event(server, socket))
+        return 1;
+    while (turn.goes_on() && handle_event(server, socket)) {
+    }
+    server->cuts.carry_out(socket, server->port);
     return 0;
 }
 
@@ -141,22 +211,33 @@ static bool wants_line(const TERMINAL_CLIENT_t& client, const char* line) noexce
 }
 
 // Gives one line of the debug stream (at most 2047 bytes, so a filter has little to chew) to those who
-// want it. One line a turn: a subscriber that stalls costs the time-out for each line, and operators'
-// commands get their turn in between.
+// want it.
+static void deliver_line(TERMINAL_SERVER_t* server, const char* line) noexcept
+{
+    if (!*line)
+        return; // an empty text would close the subscribers' connections
+    zhashx_t* clients = server->clients.get();
+    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
+        auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
+        if (wants_line(*client, line))
+            terminal_send(*client, server->terminal_sock.get(), line);
+    }
+}
+
 static int handle_dbg_message(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
 {
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_server);
-    char* text = nullptr;
-    if (zsock_recv(reader, "s", &text) != 0 || !text)
-        return 0;
-    const zstr_ptr line{text};
-    if (!*text)
-        return 0; // an empty text would close the subscribers' connections
-    zhashx_t* clients = server->clients.get();
-    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
-        const auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
-        if (wants_line(*client, line.get()))
-            terminal_send(client->id.get(), server->terminal_sock.get(), line.get());
+    turn turn;
+    message_part part;
+    try {
+        do {
+            if (!part.receive(zsock_resolve(reader)))
+                break;
+            const std::string line{reinterpret_cast<const char*>(part.data()), part.size()};
+            deliver_line(server, line.c_str());
+        } while (turn.goes_on());
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, __func__);
     }
     return 0;
 }
@@ -175,15 +256,27 @@ static void destroy_actor_context(TERMINAL_SERVER_t* server) noexcept
     server->winserv_client_sock.reset();
 }
 
+// What the operators' connections inherit from the socket they come by.
+static void prepare_operators_port(zsock_t* sock) noexcept
+{
+    zsock_set_tcp_keepalive(sock, 1);
+    zsock_set_tcp_keepalive_idle(sock, keepalive_idle_s);
+    zsock_set_tcp_keepalive_intvl(sock, keepalive_interval_s);
+    zsock_set_tcp_keepalive_cnt(sock, keepalive_probes);
+    zsock_set_sndtimeo(sock, socket_timeout_ms);
+}
+
 // A socket bound to (bind) or connected with (connect) an endpoint; or null, logged.
 static zsock_ptr open_socket(int type, int (*attach)(zsock_t*, const char*, ...), const char* attach_name,
-                             const std::string& endpoint)
+                             const std::string& endpoint, void (*prepare)(zsock_t*) = nullptr)
 {
     zsock_ptr sock{zsock_new(type)};
     if (!sock) {
         log_call_error(actor_name, "zsock_new");
         return nullptr;
     }
+    if (prepare)
+        prepare(sock.get());
     if (attach(sock.get(), "%s", endpoint.c_str()) < 0) { // a bind to TCP answers with the port
         log_call_error(actor_name, attach_name);
         return nullptr;
@@ -208,12 +301,9 @@ static bool open_sockets(TERMINAL_SERVER_t* server)
     if (!server->winserv_client_sock)
         return false;
 
-    server->terminal_sock =
-        open_socket(ZMQ_STREAM, zsock_bind, "zsock_bind", "tcp://*:" + std::to_string(server->port));
-    if (!server->terminal_sock)
-        return false;
-    zsock_set_sndtimeo(server->terminal_sock.get(), socket_timeout_ms);
-    return true;
+    server->terminal_sock = open_socket(ZMQ_STREAM, zsock_bind, "zsock_bind",
+                                        "tcp://*:" + std::to_string(server->port), prepare_operators_port);
+    return server->terminal_sock != nullptr;
 }
 
 static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
@@ -261,6 +351,21 @@ static void terminal_server_actor(zsock_t* pipe, void* p_terminal_server) noexce
 
 // --- by handle
 
+// An optional key, read without config_value_get so that its absence logs nothing.
+static void read_sessions_limit(zconfig_t* config, TERMINAL_SERVER_t& server)
+{
+    const char* text = zconfig_get(config, "ports/terminal_sessions", nullptr);
+    if (!text)
+        return;
+    char* end = nullptr;
+    const long limit = strtol(text, &end, 0);
+    if (end == text || limit <= 0)
+        logger_warning(g_logger, "%s: ports/terminal_sessions is no positive number, there is no limit",
+                       "terminal_server_new");
+    else
+        server.sessions_limit = static_cast<size_t>(limit);
+}
+
 void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
 {
     if (any_null(__func__, config, p_rtls_gateway))
@@ -274,6 +379,7 @@ void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
     server->rtls_gateway = static_cast<services*>(p_rtls_gateway);
     if (!config_value_uint16_t_get(config, "ports/terminal", &server->port))
         return nullptr;
+    read_sessions_limit(config, *server);
     server->clients.reset(zhashx_new());
     if (!server->clients) {
         log_call_error(__func__, "zhashx_new");

@@ -3,8 +3,8 @@
 // Ownership  The gateway object owns the server; everybody else sees an opaque pointer.
 // Threads    terminal_server_new, _run, _is_ready and _destroy: the owner's thread. The others: the
 //            actor's thread only. No lock but those of what the commands use.
-// Blocking   terminal_server_destroy waits for the actor's end. The actor waits for an operator who does
-//            not read 100 ms a frame.
+// Blocking   terminal_server_destroy waits for the actor's end. The actor waits 100 ms for an operator who
+//            stops reading, once until he reads again.
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
 

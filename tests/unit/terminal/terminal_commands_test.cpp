@@ -584,6 +584,38 @@ TEST_F(terminal_commands_test, quit_that_cannot_be_told_cuts_the_connection_of_w
 
 // --- An operator who takes nothing
 
+TEST_F(terminal_commands_test, who_does_not_read_is_waited_for_once)
+{
+    EXPECT_EQ(answers_to("sub"), strings{"subscribed * ok.\n"});
+    stall();
+    constexpr int64_t time_out = 200;
+    zsock_set_sndtimeo(m_terminal.get(), time_out);
+    const auto time_of = [this](const char* command) {
+        const int64_t begin = zclock_mono();
+        run(command);
+        return zclock_mono() - begin;
+    };
+    EXPECT_GE(time_of("sub"), time_out - 1);
+    for (const char* command : {"sub", "info", "dbg", "fw list", "reboot 1a2b", "quit"})
+        EXPECT_LT(time_of(command), time_out / 2) << command;
+
+    ASSERT_EQ(zsock_connect(m_terminal.get(), "%s", m_endpoint.c_str()), 0); // now he reads
+    EXPECT_EQ(answers_to("sub"), strings{"subscribed * ok.\n"});
+    stall();
+    zsock_set_sndtimeo(m_terminal.get(), time_out);
+    EXPECT_GE(time_of("sub"), time_out - 1);
+}
+
+TEST_F(terminal_commands_test, who_never_took_anything_is_not_waited_for)
+{
+    stall();
+    constexpr int64_t time_out = 2000;
+    zsock_set_sndtimeo(m_terminal.get(), time_out);
+    const int64_t begin = zclock_mono();
+    run("sub");
+    EXPECT_LT(zclock_mono() - begin, time_out / 2);
+}
+
 TEST_F(terminal_commands_test, without_an_identity_frame_no_text_is_sent)
 {
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
