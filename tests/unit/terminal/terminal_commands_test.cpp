@@ -379,7 +379,7 @@ TEST_F(terminal_commands_test, grep_that_fails_takes_the_filter_and_leaves_its_t
     }
     const std::string longest(2000, 'x');
     EXPECT_EQ(answers_to("grep " + longest), strings{"GREP: " + longest + "\n"});
-    EXPECT_EQ(answers_to("grep " + std::string(5000, 'y')), (strings{costly, "GREP: " + longest + "\n"}));
+    EXPECT_EQ(answers_to("grep " + std::string(5000, '.')), (strings{costly, "GREP: " + longest + "\n"}));
     EXPECT_EQ(rows_of("pcl")[1], "+ip:10.0.0.1:1001 sub:0 grep:" + longest + "\n");
 }
 
