@@ -7,6 +7,11 @@
 // now; and a duplicate that was made before that look is the connection itself, whatever becomes of the
 // number meanwhile. Only such a duplicate is shut down.
 //
+// A connection that ends when the queue of its events is just full leaves no notice. So the peer's address,
+// by which the duplicate is compared, must not have been asked for so late that it was another's: whoever is
+// asked to cut soon after the first event has to know that (terminal_server.cpp does). A bridge is closed
+// seconds after its first event, when the library has long let go of one that ended so.
+//
 // Ownership  Descriptors stay the library's; duplicates live for the time of one cut.
 // Threads    That of the stream socket.
 // Blocking   Nothing waits.

@@ -24,6 +24,11 @@ typedef struct TERMINAL_CLIENT {
     sockaddr_in client_addr = {};           // zero when unknown
 
     int fd = -1; // the connection's descriptor as seen at connect, or -1; closed by the library, not by us
+
+    // Whether fd and client_addr are known to have been this connection's own when they were asked for.
+    bool is_peer_proven = false;
+    uint64_t drained_before = 0; // how often the socket had been drained until then
+    size_t events = 1;           // received, that one included, as far as they are counted
 } TERMINAL_CLIENT_t;
 
 // Frees the record, made with new, and all it owns; leaves null. Takes null. (CZMQ's item destructor.)

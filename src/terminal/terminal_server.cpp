@@ -48,6 +48,7 @@ struct TERMINAL_SERVER_t {
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
     connection_cuts cuts;      // of those who quit and do not read
+    uint64_t drained = 0;      // how often no event was left in terminal_sock
     closed_id_set refused_ids; // connections beyond the limit
     refusal_episode refusals;
 };
@@ -120,9 +121,23 @@ static void add_client(TERMINAL_SERVER_t* server, zframe_ptr id, int fd, const c
         return;
     }
     client->id = std::move(id);
+    client->drained_before = server->drained;
     note_peer_address(server, *client, fd, id_str);
     if (zhashx_insert(server->clients.get(), id_str, client.get()) == 0)
         (void)client.release(); // the table's now
+}
+
+// The address of a connection was asked for when its first event was handled, by a number that may have been
+// somebody else's by then. If no event was left in the socket at any time since, the connection had not ended
+// before: its end would have come. (It would not, had all the places of the queue been taken by other
+// events.)
+static void prove_peer(const TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client)
+{
+    constexpr size_t queue_size = 1000; // the library's
+    if (client.is_peer_proven || client.events >= queue_size)
+        return;
+    client.is_peer_proven = server.drained != client.drained_before;
+    ++client.events;
 }
 
 // Deletes the record of a client that sent "nothing", which is the mark of a disconnect. A chunk that
@@ -167,6 +182,7 @@ static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, mess
         handle_stranger(server, std::move(id), identity.source_fd(), id_str.get(), chunk.size() == 0);
         return;
     }
+    prove_peer(*server, *client);
     std::string text{reinterpret_cast<const char*>(chunk.data()), chunk.size()};
     if (text.empty() || text.front() == '\0')
         forget_client(server, id_str.get(), !text.empty());
@@ -181,7 +197,7 @@ static bool handle_event(TERMINAL_SERVER_t* server, void* socket) noexcept
     message_part identity;
     message_part chunk;
     if (!identity.receive(socket) || !chunk.receive(socket))
-        return false;
+        return false; // never between the two: they come together
     try {
         handle_chunk(server, identity, chunk);
     } catch (const std::bad_alloc&) {
@@ -197,8 +213,11 @@ static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_s
     turn turn;
     if (!handle_event(server, socket))
         return 1;
-    while (turn.goes_on() && handle_event(server, socket)) {
-    }
+    while (turn.goes_on())
+        if (!handle_event(server, socket)) {
+            ++server->drained;
+            break;
+        }
     server->cuts.carry_out(socket, server->port);
     return 0;
 }
@@ -431,7 +450,8 @@ void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& 
     if (any_null(__func__, p_terminal_server, sock))
         return;
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
-    server->cuts.want(identity_key{client.id.get()}.c_str(), client.fd, client.client_addr);
+    if (client.is_peer_proven)
+        server->cuts.want(identity_key{client.id.get()}.c_str(), client.fd, client.client_addr);
     server->cuts.carry_out(zsock_resolve(sock), server->port);
 }
 

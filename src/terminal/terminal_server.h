@@ -24,7 +24,8 @@ zhashx_t* terminal_server_get_clients(void* p_terminal_server);
 bool terminal_server_is_ready(void* p_terminal_server);
 
 // Cuts the connection of a client whose queue is full, which `sock` (the stream socket) cannot close: now,
-// or as soon as it is proven that its descriptor is still its own. The disconnect that follows frees the
+// or as soon as it is proven that its descriptor is still its own. Never, when it is not known whether the
+// peer's address is. The disconnect that follows frees the
 // record.
 void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& client, zsock_t* sock);
 

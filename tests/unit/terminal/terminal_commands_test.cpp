@@ -592,18 +592,21 @@ TEST_F(terminal_commands_test, quit_that_cannot_be_told_cuts_the_connection_of_w
         int socket_type; // whose identity frames fail: a full PUSH with EAGAIN, a STREAM with EHOSTUNREACH
         bool is_same_peer;
         bool is_same_port;
+        bool is_peer_proven;
         bool then_cut;
     } cases[] = {
-        {"an operator who does not read", ZMQ_PUSH, true, true, true},
-        {"an operator who is gone", ZMQ_STREAM, true, true, false},
-        {"a descriptor that has another owner", ZMQ_PUSH, false, true, false},
-        {"a descriptor of another port", ZMQ_PUSH, true, false, false},
+        {"an operator who does not read", ZMQ_PUSH, true, true, true, true},
+        {"an operator who is gone", ZMQ_STREAM, true, true, true, false},
+        {"a descriptor that has another owner", ZMQ_PUSH, false, true, true, false},
+        {"a descriptor of another port", ZMQ_PUSH, true, false, true, false},
+        {"an address that may be another's", ZMQ_PUSH, true, true, false, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
         const tcp_connection connection{c.is_same_port ? m_gateway.terminal_port() : uint16_t{0}};
         m_client->fd = connection.accepted_fd();
         m_client->client_addr = connection.peer_address();
+        m_client->is_peer_proven = c.is_peer_proven;
         if (!c.is_same_peer)
             m_client->client_addr.sin_port = static_cast<in_port_t>(~m_client->client_addr.sin_port);
         m_terminal.reset(zsock_new(c.socket_type));
