@@ -52,6 +52,7 @@ std::string text_format(const char* format, ...)
     char line[512]; // nearly all texts fit
     va_list args;
     va_start(args, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it loses track of this one, too
     const int length = vsnprintf(line, sizeof line, format, args);
     va_end(args);
     const size_t size = length < 0 ? 0 : static_cast<size_t>(length);
