@@ -72,3 +72,34 @@ def is_answered(terminal) -> bool:
         return terminal.command("sub-", "\n") == "unsubscribed * ok.\n"
     except (AssertionError, OSError):
         return False
+
+
+def unread(ends) -> int:
+    """Bytes that the daemon's library has not read yet of the connection with these ports."""
+    for line in open("/proc/net/tcp"):
+        fields = line.split()
+        if (fields[1][-4:], fields[2][-4:]) == ends:
+            return int(fields[4].split(":")[1], 16)
+    return 1    # not accepted yet
+
+
+def test_a_stranger_whose_end_is_not_told_cuts_nobody(gateway):
+    """The library drops the notice of an end when its queue of a thousand events is just full."""
+    operator = gateway.terminal()
+    assert sessions(operator) == 1
+    with frozen(gateway.process.pid, "rtls-terminal"):
+        before = descriptors(gateway)
+        stranger = gateway.terminal()
+        ends = f"{gateway.ports['terminal']:04X}", f"{stranger.port:04X}"
+        wait_until(lambda: descriptors(gateway) > before, "the stranger to be accepted")
+        for chunk in [b"x"] * 998 + [b"quit"]:      # behind the connect, which is an event, too
+            stranger.send(chunk)
+            while unread(ends):
+                pass
+        stranger.close()
+        wait_until(lambda: descriptors(gateway) <= before, "the stranger to be gone")
+        honest = [gateway.terminal() for _ in range(3)]     # one of them has his number
+        wait_until(lambda: descriptors(gateway) >= before + 3, "the operators to be accepted")
+    for _ in range(100):    # until the stranger's last word has been handled
+        assert all(is_answered(terminal) for terminal in honest)
+    assert sessions(operator) >= 4
