@@ -10,6 +10,7 @@
 
 #include "base/bytes.h"
 #include "base/common.h"
+#include "base/connection_cut.h"
 #include "base/czmq_ptr.h"
 #include "base/door.h"
 #include "base/own_addresses.h"
@@ -60,6 +61,7 @@ struct WIN_SERVER_t {
 
     int win_backlog = 0; // of the WIN port; 0: the library's default
     closed_id_set closed_ids;
+    connection_cuts cuts;          // of closed connections whose queue is full
     int64_t last_win_event = 0;    // zclock_usecs of when the WIN port was last drained
     int64_t supervised_since = 0;  // zclock_mono of when the first period of the client checks began
     int64_t last_client_check = 0; // number of the period in which clients were last checked

@@ -44,7 +44,7 @@ static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, 
     if (!client)
         return nullptr;
     client->fd = identity.source_fd();
-    const bool known = read_peer_address(client->fd, client->addr);
+    const bool known = read_peer_address(client->fd, server.win_port, client->addr);
     print_new_client(server, known ? &client->addr : nullptr, key);
 
     client->pending_data.reset(static_cast<uint8_t*>(std::malloc(pending_data_step)));
@@ -97,6 +97,14 @@ static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_k
     parse_data_from_win_client(&server, &client, data.data(), data.size());
 }
 
+// An empty frame of somebody unknown: a new connection, or the late notice of one that we have closed.
+static void on_unknown(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
+{
+    server.cuts.forget(key.c_str());
+    if (!server.closed_ids.forget(key.c_str()))
+        on_connect(server, identity, key);
+}
+
 static void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& data)
 {
     const identity_key key{identity.bytes()};
@@ -109,8 +117,8 @@ static void handle_event(WIN_SERVER_t& server, message_part& identity, message_p
     else if (!bytes.empty())
         dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "(E) rsvd from non existed client %s",
                   key.c_str());
-    else if (!server.closed_ids.forget(key.c_str())) // a late notice of our own closing is no connection
-        on_connect(server, identity, key);
+    else
+        on_unknown(server, identity, key);
 }
 
 static void deliver_frame(void* p_server, WIN_CLIENT_t& client)
@@ -158,8 +166,10 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
         }
         handle_event(*server, identity, data);
         if (events == events_per_call || !receive_another(identity, *server, socket, call_began))
-            return 0;
+            break;
     }
+    server->cuts.carry_out(socket, server->win_port);
+    return 0;
 }
 
 void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size)

@@ -174,7 +174,7 @@ static constexpr struct {
 // An operator who cannot be reached gets nothing done: nobody would see the outcome.
 void command_firmware(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id.get(), request.sock};
+    terminal_reply reply{*request.client, request.sock};
     if (!reply)
         return;
     if (request.words.size() >= 2)
