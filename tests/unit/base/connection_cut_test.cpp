@@ -25,10 +25,7 @@ protected:
         size_t size;
     };
 
-    connection_cut_test()
-        : m_port(static_cast<in_port_t>(zsock_bind(m_sock.get(), "tcp://127.0.0.1:*")))
-    {
-    }
+    connection_cut_test() : m_port(static_cast<in_port_t>(zsock_bind(m_sock.get(), "tcp://127.0.0.1:*"))) {}
 
     void* socket() const { return zsock_resolve(m_sock.get()); }
 
