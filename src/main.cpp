@@ -1,6 +1,7 @@
 // main - brings up logging and the gateway, waits for a signal to stop, takes everything down again.
 
 #include "base/config.h"
+#include "base/link_watch.h"
 #include "base/logger.h"
 #include "base/signals.h"
 #include "rtls-gateway.h"
@@ -75,8 +76,10 @@ static bool serve(const char* config_file)
         return false;
     connect_debug_broker(gateway);
     if (rtls_gateway_run(gateway))
-        while (!is_stop_requested())
+        while (!is_stop_requested()) {
             sleep_open_to_stop_signals(idle_step_ms);
+            logger_tend_broker(g_logger_ctx);
+        }
     rtls_gateway_destroy(&gateway);
     return true;
 }
@@ -97,6 +100,7 @@ int main(int argc, char* argv[])
 {
     // First of all: from here on SIGTERM is an orderly stop, whenever it comes.
     zsys_init();
+    make_io_threads();
     stop_on_hangup();
     block_stop_signals();
     (void)std::signal(SIGPIPE, SIG_IGN);

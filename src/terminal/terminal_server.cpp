@@ -4,6 +4,7 @@
 #include "base/config.h"
 #include "base/czmq_ptr.h"
 #include "base/endpoints.h"
+#include "base/link_watch.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
@@ -180,6 +181,7 @@ static zsock_ptr open_socket(int type, int (*attach)(zsock_t*, const char*, ...)
         log_call_error(actor_name, "zsock_new");
         return nullptr;
     }
+    serve_by(sock.get(), io_thread_of_ports);
     if (attach(sock.get(), "%s", endpoint.c_str()) < 0) { // a bind to TCP answers with the port
         log_call_error(actor_name, attach_name);
         return nullptr;
