@@ -6,10 +6,12 @@
 
 #include "base/bytes.h"
 #include "base/common.h"
+#include "base/link_watch.h"
 #include "base/own_addresses.h"
 #include "base/rate_bound.h"
 #include "link/client_table.h"
 #include "link/closed_ids.h"
+#include "link/upstream_queue.h"
 #include "services.h"
 
 #include <czmq.h>
@@ -44,6 +46,15 @@ struct WIN_SERVER_t {
     zsock_t* proxy_sock = nullptr;
     zsock_t* proxy_input_sock = nullptr;
     zsock_t* msg_handler_sock = nullptr;
+    link_watch proxy_link{"proxy"}; // of these three; their states are read by any thread
+    link_watch proxy_input_link{"proxy input"};
+    link_watch msg_handler_link{"message handler"};
+    upstream_queue to_handler{"Overflow message handler queue!", "Exemption message handler queue!",
+                              "message handler queue", "data_to_msg_handler", "zframe_send"};
+    upstream_queue to_proxy_input{"Overflow proxy input queue!", "Exemption proxy input queue!",
+                                  "proxy input queue", "win_management_to_server",
+                                  "zstr_send (proxy_input_sock)"};
+    bool intake_is_paused = false; // the WIN port is not read, while one of these waits
 
     own_addresses own;            // these four guard the discovery port
     rate_bound discovery_answers; // by requester

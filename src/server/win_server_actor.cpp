@@ -36,6 +36,7 @@ static bool open_win_port(WIN_SERVER_t& server)
     server.win_sock = zsock_new(ZMQ_STREAM);
     if (!made(server.win_sock, "zsock_new"))
         return false;
+    serve_by(server.win_sock, io_thread_of_ports);
     zsock_set_sndtimeo(server.win_sock, win_send_timeout_ms);
     if (server.win_backlog > 0)
         zsock_set_backlog(server.win_sock, server.win_backlog);
@@ -60,22 +61,45 @@ static bool open_interthread_channel(WIN_SERVER_t& server)
                 "zsock_bind");
 }
 
+// A socket towards a server upstream, connected. `call` is what operators know the failure by.
+static zsock_t* open_link(link_watch& link, int type, const std::string& endpoint, io_thread thread,
+                          const char* call)
+{
+    zsock_t* sock = zsock_new(type);
+    if (sock) {
+        link.open(sock, endpoint, thread);
+        if (zsock_connect(sock, "%s", endpoint.c_str()) != 0) {
+            const int error = errno;
+            link.close();
+            zsock_destroy(&sock);
+            errno = error;
+        }
+    }
+    (void)made(sock, call);
+    return sock;
+}
+
 static bool open_proxy(WIN_SERVER_t& server)
 {
-    server.proxy_sock = zsock_new_sub(server.proxy_full_address.c_str(), "");
-    return made(server.proxy_sock, "zsock_new_sub");
+    server.proxy_sock =
+        open_link(server.proxy_link, ZMQ_SUB, server.proxy_full_address, io_thread_of_proxy, "zsock_new_sub");
+    if (server.proxy_sock)
+        zsock_set_subscribe(server.proxy_sock, "");
+    return server.proxy_sock != nullptr;
 }
 
 static bool open_proxy_input(WIN_SERVER_t& server)
 {
-    server.proxy_input_sock = zsock_new_push(server.proxy_full_input_address.c_str());
-    return made(server.proxy_input_sock, "zsock_new_push");
+    server.proxy_input_sock = open_link(server.proxy_input_link, ZMQ_PUSH, server.proxy_full_input_address,
+                                        io_thread_of_proxy_input, "zsock_new_push");
+    return server.proxy_input_sock != nullptr;
 }
 
 static bool open_message_handler(WIN_SERVER_t& server)
 {
-    server.msg_handler_sock = zsock_new_push(server.msg_handler_full_address.c_str());
-    return made(server.msg_handler_sock, "zsock_new_push");
+    server.msg_handler_sock = open_link(server.msg_handler_link, ZMQ_PUSH, server.msg_handler_full_address,
+                                        io_thread_of_handler, "zsock_new_push");
+    return server.msg_handler_sock != nullptr;
 }
 
 static bool make_loop(WIN_SERVER_t& server)
@@ -121,6 +145,9 @@ static bool register_readers(WIN_SERVER_t& server, zsock_t* pipe)
     };
     for (const auto& r : readers)
         if (!made(zloop_reader(server.actor_loop, r.sock, r.handler, r.argument) == 0, "zloop_reader"))
+            return false;
+    for (link_watch* link : {&server.proxy_link, &server.proxy_input_link, &server.msg_handler_link})
+        if (!made(link->join(server.actor_loop), "zloop_reader"))
             return false;
     return true;
 }
@@ -186,7 +213,7 @@ void destroy_actor_context(WIN_SERVER_t* server)
     request_stop(); // without the WIN server the gateway is of no use
     if (any_null(__func__, server))
         return;
-    upstream_stopping();
+    upstream_stopping(*server);
     zloop_destroy(&server->actor_loop);
     udp_destroy(server->discovery_sock_descriptor);
     server->discovery_sock_descriptor = -1;
@@ -196,6 +223,8 @@ void destroy_actor_context(WIN_SERVER_t* server)
             zframe_ptr{static_cast<zframe_t*>(zlist_pop(server->unsent_messages))}.reset();
         zlist_destroy(&server->unsent_messages);
     }
+    for (link_watch* link : {&server->proxy_link, &server->proxy_input_link, &server->msg_handler_link})
+        link->close();
     zsock_destroy(&server->proxy_input_sock);
     zsock_destroy(&server->proxy_sock);
     zsock_destroy(&server->msg_handler_sock);
