@@ -30,6 +30,7 @@ struct RTLS_GATEWAY_t : services {
     zconfig_t* config = nullptr;
     std::atomic<uint16_t> debug_level = 0;
     const char* pid_file_name = nullptr; // points into config
+    std::unique_ptr<download_pool> own_downloads;
 };
 
 using gateway_ptr = std::unique_ptr<void, destroyed_by<rtls_gateway_destroy>>;
@@ -87,6 +88,8 @@ static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_nam
     if (!read_firmware_files(gateway.config, &firmware_files))
         return false;
     gateway.ota = static_cast<OTA_t*>(ota_new(firmware_files));
+    gateway.own_downloads.reset(new (std::nothrow) download_pool);
+    gateway.downloads = gateway.own_downloads.get();
     return gateway.ota != nullptr;
 }
 
@@ -180,6 +183,8 @@ void rtls_gateway_destroy(void** pp_rtls_gateway)
     // Both actors first: their threads use all the rest.
     destroy_service<terminal_server_destroy>(gateway->terminal_server);
     destroy_service<win_server_destroy>(gateway->win_server);
+    gateway->own_downloads.reset(); // then its threads, which use the store
+    gateway->downloads = nullptr;
     config_destroy(&gateway->config);
     destroy_service<nodes_container_destroy>(gateway->nodes);
     gateway->firmware.set(nullptr);

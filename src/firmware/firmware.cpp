@@ -37,22 +37,26 @@ static uint32_t setVersion(const char* fname)
 
 FIRMWARE_t* firmware_get_from_url(const char* url)
 {
-    if (any_null(__func__, url))
-        return nullptr;
+    return any_null(__func__, url) ? nullptr : firmware_fetch(url, nullptr);
+}
+
+FIRMWARE_t* firmware_fetch(const char* url, std::string* reason)
+{
+    static constexpr char reporter[] = "firmware_get_from_url";
     using firmware_ptr = std::unique_ptr<void, destroyed_by<firmware_destroy>>;
     firmware_ptr owner{new (std::nothrow) FIRMWARE_t{}};
     if (!owner) {
-        logger_error(g_logger, str_out_of_memory, __func__);
+        logger_error(g_logger, str_out_of_memory, reporter);
         return nullptr;
     }
     auto* firmware = static_cast<FIRMWARE_t*>(owner.get());
     firmware->name = basename(url); // the C library's own, which leaves the text as it is
     if (!firmware->name) {
-        logger_warning(g_logger, "%s: basename error on: %s", __func__, url);
+        logger_warning(g_logger, "%s: basename error on: %s", reporter, url);
         return nullptr;
     }
 
-    auto image = image_download(url, {.caller = __func__});
+    auto image = image_download(url, {.caller = reporter, .reason = reason});
     if (!image)
         return nullptr;
     firmware->memory = image->memory.release();

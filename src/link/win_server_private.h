@@ -5,6 +5,7 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "base/call_queue.h"
 #include "base/common.h"
 #include "base/link_watch.h"
 #include "base/own_addresses.h"
@@ -19,6 +20,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace rtls {
@@ -54,7 +56,8 @@ struct WIN_SERVER_t {
     upstream_queue to_proxy_input{"Overflow proxy input queue!", "Exemption proxy input queue!",
                                   "proxy input queue", "win_management_to_server",
                                   "zstr_send (proxy_input_sock)"};
-    bool intake_is_paused = false; // the WIN port is not read, while one of these waits
+    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
+    bool intake_is_paused = false;     // the WIN port is not read, while one of these waits
 
     own_addresses own;            // these four guard the discovery port
     rate_bound discovery_answers; // by requester

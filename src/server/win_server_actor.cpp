@@ -13,6 +13,8 @@
 #include "server/supervision.h"
 #include "uplink/upstream.h"
 
+#include <new>
+
 namespace rtls {
 
 static constexpr char reporter[] = "win_server_actor";
@@ -108,9 +110,18 @@ static bool make_loop(WIN_SERVER_t& server)
     return made(server.actor_loop, "zloop_new");
 }
 
+static bool open_call_queue(WIN_SERVER_t& server)
+try {
+    server.calls = std::make_shared<call_queue>();
+    return made(server.calls->join(server.actor_loop), "zloop_poller");
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, reporter);
+    return false;
+}
+
 static constexpr bool (*open_steps[])(WIN_SERVER_t&) = {
-    open_debug_stream, open_win_port,    open_discovery,       open_interthread_channel,
-    open_proxy,        open_proxy_input, open_message_handler, make_loop,
+    open_debug_stream, open_win_port,        open_discovery, open_interthread_channel, open_proxy,
+    open_proxy_input,  open_message_handler, make_loop,      open_call_queue,
 };
 
 static bool open_all(WIN_SERVER_t& server)
@@ -215,6 +226,9 @@ void destroy_actor_context(WIN_SERVER_t* server)
         return;
     upstream_stopping(*server);
     zloop_destroy(&server->actor_loop);
+    if (server->calls)
+        server->calls->close(); // whoever still has something to say is not heard
+    server->calls.reset();
     udp_destroy(server->discovery_sock_descriptor);
     server->discovery_sock_descriptor = -1;
     zsock_destroy(&server->win_sock);

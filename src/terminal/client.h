@@ -9,7 +9,9 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 
@@ -21,6 +23,11 @@ typedef struct TERMINAL_CLIENT {
     filter_ptr preg;                        // null: no filter, every line passes
     uint8_t subscribed = 0;                 // 1: receives the debug stream
     sockaddr_in client_addr = {};           // zero when unknown
+
+    // While an image is being fetched for this operator, what he types waits: his answers keep their order.
+    bool is_fetching = false;
+    std::deque<std::string> typed_ahead;
+    size_t typed_ahead_bytes = 0;
 
     int fd = -1; // the connection's descriptor as seen at connect, or -1; closed by the library, not by us
 } TERMINAL_CLIENT_t;

@@ -37,6 +37,11 @@ std::string firmware_info_text(uint16_t index, const OTA_FIRMWARE_INFO_t& info)
                        info.maximum_pages);
 }
 
+std::string fetch_answer(int index)
+{
+    return index >= 0 ? text_format("Firmware downloaded. Index: %d\n", index) : "Failed to read firmware!\n";
+}
+
 std::string firmware_info(services& gateway, const char* index_word)
 {
     const auto index = get_short_val_from_str(index_word);
@@ -104,7 +109,6 @@ static const char* value_word(const terminal_request& request)
     return request.words[1];
 }
 
-// Blocks the terminal thread while the transfer lasts.
 static void subcommand_get(const terminal_request& request, terminal_reply& reply)
 {
     if (request.words.size() < 3) {
@@ -112,8 +116,7 @@ static void subcommand_get(const terminal_request& request, terminal_reply& repl
         return;
     }
     const int index = request.gateway.ota->download_firmware(request.words[2], nullptr, nullptr);
-    reply.send(index >= 0 ? text_format("Firmware downloaded. Index: %d\n", index)
-                          : "Failed to read firmware!\n");
+    reply.send(fetch_answer(index));
 }
 
 static void subcommand_set(const terminal_request& request, terminal_reply& reply)
@@ -168,6 +171,9 @@ static constexpr struct {
 // An operator who cannot be reached gets nothing done: nobody would see the outcome.
 void command_firmware(const terminal_request& request)
 {
+    if (request.words.size() >= 3 && strcasecmp(request.words[1], "get") == 0 &&
+        terminal_server_fetch(request.gateway.terminal_server, *request.client, request.words[2]))
+        return;
     terminal_reply reply{request.client->id.get(), request.sock};
     if (!reply)
         return;

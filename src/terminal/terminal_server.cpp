@@ -1,5 +1,6 @@
 #include "terminal/terminal_server.h"
 
+#include "base/call_queue.h"
 #include "base/common.h"
 #include "base/config.h"
 #include "base/czmq_ptr.h"
@@ -13,6 +14,7 @@
 #include "server/win_server.h"
 #include "services.h"
 #include "terminal/client.h"
+#include "terminal/firmware_commands.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
 #include "terminal/texts.h"
@@ -39,6 +41,7 @@ struct TERMINAL_SERVER_t {
     zsock_ptr dbg_client_sock;
     zsock_ptr winserv_client_sock;
     zloop_ptr actor_loop;
+    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
 
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
@@ -87,6 +90,49 @@ static void forget_client(TERMINAL_SERVER_t* server, const char* id_str, bool is
         server->forgotten_ids.emplace(id_str);
 }
 
+// What an operator may type ahead while an image is fetched for him; more is nothing that a person types.
+static constexpr size_t typed_ahead_limit = size_t{64} * 1024;
+
+static void keep_for_later(TERMINAL_CLIENT_t& client, std::string text)
+{
+    if (client.typed_ahead_bytes + text.size() > typed_ahead_limit)
+        return;
+    client.typed_ahead_bytes += text.size();
+    client.typed_ahead.push_back(std::move(text));
+}
+
+static void handle_text(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t* client, const char* id_str,
+                        std::string text)
+{
+    if (text.empty() || (text.front() == '\0' && !client->is_fetching))
+        forget_client(server, id_str, !text.empty());
+    else if (client->is_fetching)
+        keep_for_later(*client, std::move(text));
+    else
+        terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
+                                server->dbg_client_sock.get());
+}
+
+// An image has been fetched for this operator, or could not be (-1): answers, and does what was typed
+// meanwhile, up to the next image. Each command may be the operator's last.
+static void answer_fetch(TERMINAL_SERVER_t* server, const std::string& id_str, int index)
+{
+    const auto find = [&] {
+        return static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), id_str.c_str()));
+    };
+    TERMINAL_CLIENT_t* client = find();
+    if (!client)
+        return;
+    client->is_fetching = false;
+    terminal_send(client->id.get(), server->terminal_sock.get(), fetch_answer(index).c_str());
+    for (; client && !client->is_fetching && !client->typed_ahead.empty(); client = find()) {
+        std::string text = std::move(client->typed_ahead.front());
+        client->typed_ahead.pop_front();
+        client->typed_ahead_bytes -= text.size();
+        handle_text(server, client, id_str.c_str(), std::move(text));
+    }
+}
+
 // Handles what `id` sent: its connect, its disconnect, or a command.
 static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, message_part& chunk)
 {
@@ -105,12 +151,7 @@ static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, mess
             add_client(server, std::move(id), identity.source_fd(), id_str.get());
         return;
     }
-    std::string text{reinterpret_cast<const char*>(chunk.data()), chunk.size()};
-    if (text.empty() || text.front() == '\0')
-        forget_client(server, id_str.get(), !text.empty());
-    else
-        terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
-                                server->dbg_client_sock.get());
+    handle_text(server, client, id_str.get(), {reinterpret_cast<const char*>(chunk.data()), chunk.size()});
 }
 
 static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
@@ -166,6 +207,9 @@ static void destroy_actor_context(TERMINAL_SERVER_t* server) noexcept
     request_stop();
     dbg_stream_stopping();
     server->actor_loop.reset();
+    if (server->calls)
+        server->calls->close(); // whoever still has something to say is not heard
+    server->calls.reset();
     server->terminal_sock.reset();
     server->dbg_server_sock.reset();
     server->dbg_client_sock.reset();
@@ -221,6 +265,11 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
         log_call_error(actor_name, "zloop_new");
         return false;
     }
+    server->calls.reset(new (std::nothrow) call_queue);
+    if (!server->calls) {
+        logger_error(g_logger, str_out_of_memory, actor_name);
+        return false;
+    }
     const struct {
         zsock_t* sock;
         zloop_reader_fn* handler;
@@ -234,6 +283,10 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
             log_call_error(actor_name, "zloop_reader");
             return false;
         }
+    if (!server->calls->join(server->actor_loop.get())) {
+        log_call_error(actor_name, "zloop_poller");
+        return false;
+    }
     return true;
 }
 
@@ -323,6 +376,30 @@ bool terminal_server_is_ready(void* p_terminal_server)
     if (any_null(__func__, p_terminal_server))
         return false;
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->ready;
+}
+
+bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url)
+{
+    auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
+    if (!server || !server->calls || !server->rtls_gateway->downloads)
+        return false;
+    const zstr_ptr id_str{zframe_strhex(client.id.get())};
+    if (!id_str)
+        return false;
+    auto work = [server, ota = server->rtls_gateway->ota, calls = server->calls, url = std::string{url},
+                 id = std::string{id_str.get()}] {
+        std::string reason;
+        const int index = ota ? ota->download_firmware(url.c_str(), nullptr, nullptr, &reason) : -1;
+        calls->post([server, id, index, text = url + ": " + reason, failed = !reason.empty()] {
+            if (failed)
+                dbg_print(server->dbg_client_sock.get(), DBG_DEVELOP, console, "%s", text.c_str());
+            answer_fetch(server, id, index);
+        });
+    };
+    client.is_fetching = server->rtls_gateway->downloads->order(std::move(work));
+    if (!client.is_fetching)
+        terminal_send(client.id.get(), server->terminal_sock.get(), fetch_answer(-1).c_str());
+    return true;
 }
 
 // Sends the frame and gives it up either way; errno tells why it was not sent.

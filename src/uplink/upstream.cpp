@@ -76,10 +76,12 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text)
               nullptr);
 }
 
+// At the start, too, when a socket could not be opened.
 void upstream_stopping(WIN_SERVER_t& server) noexcept
 {
-    server.to_handler.stopping(zsock_resolve(server.msg_handler_sock));
-    server.to_proxy_input.stopping(zsock_resolve(server.proxy_input_sock));
+    const auto socket_of = [](zsock_t* sock) { return sock ? zsock_resolve(sock) : nullptr; };
+    server.to_handler.stopping(socket_of(server.msg_handler_sock));
+    server.to_proxy_input.stopping(socket_of(server.proxy_input_sock));
 }
 
 static void print_ul_tdoa(WIN_SERVER_t* server, const ul_tdoa_report& report)
