@@ -1,6 +1,7 @@
 // main - brings up logging and the gateway, waits for a signal to stop, takes everything down again.
 
 #include "base/config.h"
+#include "base/link_watch.h"
 #include "base/logger.h"
 #include "base/signals.h"
 #include "rtls-gateway.h"
@@ -11,12 +12,16 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <system_error>
+#include <thread>
 
 using namespace rtls;
 
 static constexpr int idle_step_ms = 100;
+static constexpr std::chrono::milliseconds stop_limit{4800};
 
 // Each bridge costs a descriptor, and the library spins when there are none left to accept with.
 static void raise_descriptor_limit()
@@ -67,6 +72,21 @@ static void connect_debug_broker(void* gateway)
         logger_error(g_logger, "'debug_broker_address' is not defined in the config file");
 }
 
+// A stop takes five seconds at most. The libraries' ends wait for threads of theirs that may stand in a
+// name server's silence for minutes; by then the daemon's own work is done, and the log has what it said.
+static void limit_the_stop()
+{
+    try {
+        std::thread{[] {
+            block_all_signals();
+            std::this_thread::sleep_for(stop_limit);
+            _exit(EXIT_SUCCESS);
+        }}.detach();
+    } catch (const std::system_error& failure) {
+        logger_warning(g_logger, "the stop has no limit: %s", failure.what());
+    }
+}
+
 // False when the gateway cannot be made. One that cannot run is logged, but no failure of the program.
 static bool serve(const char* config_file)
 {
@@ -75,8 +95,11 @@ static bool serve(const char* config_file)
         return false;
     connect_debug_broker(gateway);
     if (rtls_gateway_run(gateway))
-        while (!is_stop_requested())
+        while (!is_stop_requested()) {
             sleep_open_to_stop_signals(idle_step_ms);
+            logger_tend_broker(g_logger_ctx);
+        }
+    limit_the_stop();
     rtls_gateway_destroy(&gateway);
     return true;
 }
@@ -97,6 +120,7 @@ int main(int argc, char* argv[])
 {
     // First of all: from here on SIGTERM is an orderly stop, whenever it comes.
     zsys_init();
+    make_io_threads();
     stop_on_hangup();
     block_stop_signals();
     (void)std::signal(SIGPIPE, SIG_IGN);

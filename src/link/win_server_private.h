@@ -9,14 +9,17 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "base/call_queue.h"
 #include "base/common.h"
 #include "base/connection_cut.h"
 #include "base/czmq_ptr.h"
 #include "base/door.h"
+#include "base/link_watch.h"
 #include "base/own_addresses.h"
 #include "base/rate_bound.h"
 #include "link/client_table.h"
 #include "link/closed_ids.h"
+#include "link/upstream_queue.h"
 #include "services.h"
 
 #include <czmq.h>
@@ -24,6 +27,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace rtls {
@@ -53,6 +57,16 @@ struct WIN_SERVER_t {
     lent<zsock_ptr> proxy_sock;
     lent<zsock_ptr> proxy_input_sock;
     lent<zsock_ptr> msg_handler_sock;
+    link_watch proxy_link{"proxy"}; // of these three; their states are read by any thread
+    link_watch proxy_input_link{"proxy input"};
+    link_watch msg_handler_link{"message handler"};
+    upstream_queue to_handler{"Overflow message handler queue!", "Exemption message handler queue!",
+                              "message handler queue", "data_to_msg_handler", "zframe_send"};
+    upstream_queue to_proxy_input{"Overflow proxy input queue!", "Exemption proxy input queue!",
+                                  "proxy input queue", "win_management_to_server",
+                                  "zstr_send (proxy_input_sock)"};
+    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
+    bool intake_is_paused = false;     // the WIN port is not read, while one of these waits
 
     own_addresses own;            // these four guard the discovery port
     rate_bound discovery_answers; // by requester

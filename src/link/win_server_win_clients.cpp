@@ -165,7 +165,8 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
             return 1;
         }
         handle_event(*server, identity, data);
-        if (events == events_per_call || !receive_another(identity, *server, socket, call_began))
+        if (events == events_per_call || server->intake_is_paused ||
+            !receive_another(identity, *server, socket, call_began))
             break;
     }
     server->cuts.carry_out(socket, server->win_port);

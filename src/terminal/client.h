@@ -10,7 +10,9 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 
@@ -23,6 +25,11 @@ typedef struct TERMINAL_CLIENT {
     uint8_t subscribed = 0;                 // 1: receives the debug stream
     bool takes_frames = false;              // the last one was taken: it is worth waiting for
     sockaddr_in client_addr = {};           // zero when unknown
+
+    // While an image is being fetched for this operator, what he types waits: his answers keep their order.
+    bool is_fetching = false;
+    std::deque<std::string> typed_ahead;
+    size_t typed_ahead_bytes = 0;
 
     int fd = -1; // the connection's descriptor as seen at connect, or -1; closed by the library, not by us
 

@@ -1,11 +1,13 @@
 #include "terminal/terminal_server.h"
 
+#include "base/call_queue.h"
 #include "base/common.h"
 #include "base/config.h"
 #include "base/connection_cut.h"
 #include "base/czmq_ptr.h"
 #include "base/door.h"
 #include "base/endpoints.h"
+#include "base/link_watch.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
@@ -16,6 +18,7 @@
 #include "server/win_server.h"
 #include "services.h"
 #include "terminal/client.h"
+#include "terminal/firmware_commands.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
 #include "terminal/texts.h"
@@ -47,6 +50,7 @@ struct TERMINAL_SERVER_t {
     zsock_ptr dbg_client_sock;
     zsock_ptr winserv_client_sock;
     zloop_ptr actor_loop;
+    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
 
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
@@ -180,6 +184,49 @@ static void handle_stranger(TERMINAL_SERVER_t* server, message_part& identity, c
         add_client(server, identity, id_str);
 }
 
+// What an operator may type ahead while an image is fetched for him; more is nothing that a person types.
+static constexpr size_t typed_ahead_limit = size_t{64} * 1024;
+
+static void keep_for_later(TERMINAL_CLIENT_t& client, std::string text)
+{
+    if (client.typed_ahead_bytes + text.size() > typed_ahead_limit)
+        return;
+    client.typed_ahead_bytes += text.size();
+    client.typed_ahead.push_back(std::move(text));
+}
+
+static void handle_text(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t* client, const char* id_str,
+                        std::string text)
+{
+    if (text.empty() || (text.front() == '\0' && !client->is_fetching))
+        forget_client(server, id_str, !text.empty());
+    else if (client->is_fetching)
+        keep_for_later(*client, std::move(text));
+    else
+        terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
+                                server->dbg_client_sock.get());
+}
+
+// An image has been fetched for this operator, or could not be (-1): answers, and does what was typed
+// meanwhile, up to the next image. Each command may be the operator's last.
+static void answer_fetch(TERMINAL_SERVER_t* server, const std::string& id_str, int index)
+{
+    const auto find = [&] {
+        return static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), id_str.c_str()));
+    };
+    TERMINAL_CLIENT_t* client = find();
+    if (!client)
+        return;
+    client->is_fetching = false;
+    terminal_send(*client, server->terminal_sock.get(), fetch_answer(index).c_str());
+    for (; client && !client->is_fetching && !client->typed_ahead.empty(); client = find()) {
+        std::string text = std::move(client->typed_ahead.front());
+        client->typed_ahead.pop_front();
+        client->typed_ahead_bytes -= text.size();
+        handle_text(server, client, id_str.c_str(), std::move(text));
+    }
+}
+
 // Handles what `id` sent: its connect, its disconnect, or a command.
 static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, message_part& chunk)
 {
@@ -192,12 +239,7 @@ static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, mess
         return;
     }
     prove_peer(*server, *client);
-    std::string text{reinterpret_cast<const char*>(chunk.data()), chunk.size()};
-    if (text.empty() || text.front() == '\0')
-        forget_client(server, key.c_str(), !text.empty());
-    else
-        terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
-                                server->dbg_client_sock.get());
+    handle_text(server, client, key.c_str(), {reinterpret_cast<const char*>(chunk.data()), chunk.size()});
 }
 
 // False when there is no event.
@@ -278,6 +320,9 @@ static void destroy_actor_context(TERMINAL_SERVER_t* server) noexcept
     request_stop();
     dbg_stream_stopping();
     server->actor_loop.reset();
+    if (server->calls)
+        server->calls->close(); // whoever still has something to say is not heard
+    server->calls.reset();
     server->terminal_sock.reset();
     server->dbg_server_sock.reset();
     server->dbg_client_sock.reset();
@@ -303,6 +348,7 @@ static zsock_ptr open_socket(int type, int (*attach)(zsock_t*, const char*, ...)
         log_call_error(actor_name, "zsock_new");
         return nullptr;
     }
+    serve_by(sock.get(), io_thread_of_ports);
     if (prepare)
         prepare(sock.get());
     if (attach(sock.get(), "%s", endpoint.c_str()) < 0) { // a bind to TCP answers with the port
@@ -343,6 +389,11 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
         log_call_error(actor_name, "zloop_new");
         return false;
     }
+    server->calls.reset(new (std::nothrow) call_queue);
+    if (!server->calls) {
+        logger_error(g_logger, str_out_of_memory, actor_name);
+        return false;
+    }
     const struct {
         zsock_t* sock;
         zloop_reader_fn* handler;
@@ -356,6 +407,10 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
             log_call_error(actor_name, "zloop_reader");
             return false;
         }
+    if (!server->calls->join(server->actor_loop.get())) {
+        log_call_error(actor_name, "zloop_poller");
+        return false;
+    }
     return true;
 }
 
@@ -461,6 +516,27 @@ bool terminal_server_is_ready(void* p_terminal_server)
     if (any_null(__func__, p_terminal_server))
         return false;
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->ready;
+}
+
+bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url)
+{
+    auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
+    if (!server || !server->calls || !server->rtls_gateway->downloads)
+        return false;
+    auto work = [server, ota = server->rtls_gateway->ota, calls = server->calls, url = std::string{url},
+                 id = std::string{identity_key{client.id.get()}.c_str()}] {
+        std::string reason;
+        const int index = ota ? ota->download_firmware(url.c_str(), nullptr, nullptr, &reason) : -1;
+        calls->post([server, id, index, text = url + ": " + reason, failed = !reason.empty()] {
+            if (failed)
+                dbg_print(server->dbg_client_sock.get(), DBG_DEVELOP, console, "%s", text.c_str());
+            answer_fetch(server, id, index);
+        });
+    };
+    client.is_fetching = server->rtls_gateway->downloads->order(std::move(work));
+    if (!client.is_fetching)
+        terminal_send(client, server->terminal_sock.get(), fetch_answer(-1).c_str());
+    return true;
 }
 
 bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t* data, size_t data_size)
