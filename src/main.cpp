@@ -1,6 +1,8 @@
 // main - brings up logging and the gateway, waits for a signal to stop, takes everything down again.
 
+#include "base/common.h"
 #include "base/config.h"
+#include "base/curve.h"
 #include "base/link_watch.h"
 #include "base/logger.h"
 #include "base/signals.h"
@@ -15,6 +17,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -63,13 +66,27 @@ static const char* parse_options(int argc, char* argv[])
     return config_file;
 }
 
+// What the gateway itself could read. False when the records must stay here.
+static bool secure_debug_broker(zconfig_t* config)
+try {
+    curve_certificates certificates;
+    if (!certificates.read(config) || !certificates.closes(server_link::debug_broker))
+        return true;
+    const curve_keys keys = certificates.keys(server_link::debug_broker);
+    return logger_secure(g_logger_ctx, keys.server.c_str(), keys.own_public.c_str(), keys.own_secret.c_str());
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, __func__);
+    return false;
+}
+
 static void connect_debug_broker(void* gateway)
 {
     const char* address = nullptr;
-    if (config_value_get(rtls_gateway_get_config(gateway), "debug_broker_address", &address))
-        logger_connect(g_logger_ctx, address);
-    else
+    zconfig_t* config = rtls_gateway_get_config(gateway);
+    if (!config_value_get(config, "debug_broker_address", &address))
         logger_error(g_logger, "'debug_broker_address' is not defined in the config file");
+    else if (secure_debug_broker(config))
+        logger_connect(g_logger_ctx, address);
 }
 
 // A stop takes five seconds at most. The libraries' ends wait for threads of theirs that may stand in a

@@ -7,6 +7,7 @@
 #include "base/null_check.h"
 #include "base/signals.h"
 #include "downlink/update_announcement.h"
+#include "firmware/image_download.h"
 #include "server/win_server.h"
 #include "services.h"
 #include "terminal/terminal_server.h"
@@ -19,6 +20,10 @@
 #include <cstdio>
 #include <memory>
 #include <new>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace rtls {
 
@@ -87,6 +92,32 @@ static bool read_admitted_macs(zconfig_t* config, NODES_CONTAINER_t& nodes)
     }
 }
 
+// Optional keys: where firmware may come from, and whether operators may replace what servers ordered.
+static bool read_firmware_rules(zconfig_t* config, OTA_t& store)
+try {
+    std::vector<std::string> prefixes;
+    if (const char* text = zconfig_get(config, "firmware_urls", nullptr)) {
+        prefixes = words_of(text);
+        if (prefixes.empty()) {
+            logger_error(g_logger, "The parameter \"firmware_urls\" names no URL!");
+            return false;
+        }
+    }
+    image_download_only_from(std::move(prefixes));
+    bool keeps = false;
+    if (zconfig_get(config, "firmware_keep_ordered", nullptr) &&
+        !config_value_bool_get(config, "firmware_keep_ordered", &keeps)) {
+        logger_error(g_logger, "The parameter \"firmware_keep_ordered\" is neither yes nor no!");
+        return false;
+    }
+    if (keeps)
+        store.keep_ordered();
+    return true;
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, "rtls_gateway_new");
+    return false;
+}
+
 // Keeps what a service's own function has made, and names it among the services. False when there is none.
 template <typename Owner>
 static bool keep(Owner& owner, typename Owner::pointer& service, void* handle)
@@ -113,6 +144,7 @@ static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_nam
            read_admitted_macs(gateway.config, *gateway.nodes) &&
            read_firmware_files(gateway.config, &firmware_files) &&
            keep(gateway.own_ota, gateway.ota, ota_new(firmware_files)) &&
+           read_firmware_rules(gateway.config, *gateway.ota) &&
            keep(gateway.own_downloads, gateway.downloads, new (std::nothrow) download_pool);
 }
 

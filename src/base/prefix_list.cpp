@@ -94,17 +94,25 @@ static bool add_word(prefix_list& list, std::string_view word, Reader read)
     return true;
 }
 
+std::vector<std::string> words_of(std::string_view text)
+{
+    static constexpr std::string_view between = " \t,";
+    std::vector<std::string> words;
+    for (size_t begin = text.find_first_not_of(between); begin != std::string_view::npos;) {
+        const size_t end = std::min(text.find_first_of(between, begin), text.size());
+        words.emplace_back(text.substr(begin, end - begin));
+        begin = text.find_first_not_of(between, end);
+    }
+    return words;
+}
+
 template <typename Reader>
 static std::optional<prefix_list> parse(std::string_view text, Reader read)
 {
-    static constexpr std::string_view between = " \t,";
     prefix_list list;
-    for (size_t begin = text.find_first_not_of(between); begin != std::string_view::npos;) {
-        const size_t end = std::min(text.find_first_of(between, begin), text.size());
-        if (!add_word(list, text.substr(begin, end - begin), read))
+    for (const std::string& word : words_of(text))
+        if (!add_word(list, word, read))
             return std::nullopt;
-        begin = text.find_first_not_of(between, end);
-    }
     if (list.empty())
         return std::nullopt;
     return list;

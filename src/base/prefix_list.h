@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -38,6 +39,9 @@ private:
     };
     std::vector<entry> m_entries;
 };
+
+// The words of a list: between them are blanks, tabs and commas.
+std::vector<std::string> words_of(std::string_view text);
 
 // IPv4 networks as RFC 4632 writes them, with commas or blanks between: "10.0.0.0/8, 192.168.1.7". An address
 // alone is a network of its own. Nothing when a word is no network, or there is none.

@@ -273,8 +273,38 @@ try {
     reason->clear();
 }
 
+static std::vector<std::string>& allowed_prefixes()
+{
+    static std::vector<std::string> prefixes;
+    return prefixes;
+}
+
+void image_download_only_from(std::vector<std::string> prefixes)
+{
+    allowed_prefixes() = std::move(prefixes);
+}
+
+static bool may_come_from(std::string_view url)
+{
+    const auto& prefixes = allowed_prefixes();
+    return prefixes.empty() || std::any_of(prefixes.begin(), prefixes.end(),
+                                           [url](const auto& prefix) { return url.starts_with(prefix); });
+}
+
+static void refuse_source(const char* url, const image_download_options& options)
+{
+    static constexpr char text[] = "firmware does not come from there (firmware_urls)";
+    logger_error(g_logger, "%s: %s: %s", options.caller, url, text);
+    if (options.reason)
+        *options.reason = text;
+}
+
 std::optional<downloaded_image> image_download(const char* url, const image_download_options& options)
 {
+    if (!may_come_from(url)) {
+        refuse_source(url, options);
+        return std::nullopt;
+    }
     image_receiver receiver{options};
     if (!receiver.is_ready()) {
         logger_error(g_logger, "%s error regcomp %s", options.caller, errno_text{errno}.c_str());

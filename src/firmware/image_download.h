@@ -23,6 +23,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace rtls {
 
@@ -54,6 +55,10 @@ struct image_download_options {
     std::chrono::milliseconds timeout{20'000};
     std::string* reason = nullptr; // gets the reason of a transfer that failed
 };
+
+// From now on images come only from URLs that begin with one of these; none: from anywhere. Of the process;
+// before its first download.
+void image_download_only_from(std::vector<std::string> prefixes);
 
 // Downloads an image; nothing when that fails.
 std::optional<downloaded_image> image_download(const char* url, const image_download_options& options);

@@ -27,7 +27,8 @@ struct OTA_FIRMWARE_t {
     OTA_FIRMWARE_INFO_t info{};
     std::unique_ptr<bool[]> validity_mask; // one flag a block; null: downloaded, so valid throughout
     image_memory memory;
-    size_t page_count = 0; // blocks that memory and validity_mask hold, of an image under assembly
+    size_t page_count = 0;  // blocks that memory and validity_mask hold, of an image under assembly
+    bool is_ordered = true; // by the servers, or assembled from their pages
 };
 
 namespace {
@@ -169,19 +170,42 @@ OTA_FIRMWARE_t* OTA_t::find_firmware(uint32_t git_ver, uint32_t crc32) const
     return slot < m_files_number ? m_firmware_arr[slot].get() : nullptr;
 }
 
-// Puts an image in the place of the one with its key, otherwise in the next slot in turn; its slot.
-// -1, and the image is destroyed, when there are no slots.
+bool OTA_t::may_take(size_t slot, const OTA_FIRMWARE_t& firmware) const
+{
+    const OTA_FIRMWARE_t* present = m_firmware_arr[slot].get();
+    return !m_keeps_ordered || firmware.is_ordered || !present || !present->is_ordered;
+}
+
+// The slot for this image: its key's own, otherwise the next in turn. The number of slots when all that it
+// may have are taken for good.
+size_t OTA_t::choose_slot(const OTA_FIRMWARE_t& firmware)
+{
+    const size_t own = find_slot(firmware.info.git_ver, firmware.info.crc32);
+    if (own < m_files_number)
+        return may_take(own, firmware) ? own : m_files_number;
+    for (size_t tried = 0; tried < m_files_number; ++tried) {
+        const size_t slot = m_index;
+        m_index = static_cast<uint16_t>((m_index + 1) % m_files_number);
+        if (may_take(slot, firmware))
+            return slot;
+    }
+    return m_files_number;
+}
+
+// Stores an image; its slot. -1, and the image is destroyed, when there is no slot for it.
 int OTA_t::add_firmware(firmware_ptr firmware)
 {
-    if (m_files_number == 0)
+    const size_t slot = choose_slot(*firmware);
+    if (slot == m_files_number)
         return -1;
-    size_t slot = find_slot(firmware->info.git_ver, firmware->info.crc32);
-    if (slot == m_files_number) {
-        slot = m_index;
-        m_index = static_cast<uint16_t>((m_index + 1) % m_files_number);
-    }
     m_firmware_arr[slot] = std::move(firmware);
     return static_cast<int>(slot);
+}
+
+int OTA_t::store_downloaded(firmware_ptr firmware)
+{
+    const mutex_guard lock{m_mutex};
+    return add_firmware(std::move(firmware));
 }
 
 int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint32_t* git_ver,
@@ -200,11 +224,14 @@ int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint3
         return -1;
     firmware->memory = std::move(image->memory);
     firmware->info.size = image->size;
+    firmware->is_ordered = crc32 || git_ver;
     if (!describe_image(*firmware, crc32, git_ver))
         return -1;
 
-    const mutex_guard lock{m_mutex};
-    return add_firmware(std::move(firmware));
+    const int slot = store_downloaded(std::move(firmware));
+    if (slot == -1 && m_keeps_ordered)
+        logger_error(g_logger, "%s: the images that the servers ordered are kept", reporter);
+    return slot;
 }
 
 std::optional<OTA_FIRMWARE_INFO_t> OTA_t::firmware_info(uint16_t index) const

@@ -42,6 +42,10 @@ public:
     OTA_t(const OTA_t&) = delete;
     OTA_t& operator=(const OTA_t&) = delete;
 
+    // From now on a download that no server ordered takes no slot with an image that one did, or sent. Before
+    // the store is used by several threads.
+    void keep_ordered() { m_keeps_ordered = true; }
+
     // Downloads, checks and stores an image; its slot, or -1. `crc32` and `git_ver` are what to expect;
     // null: not checked. An image with the same key is replaced in place, otherwise it takes
     // the next slot in turn, whatever is in it: slots emptied by a delete are not preferred.
@@ -74,10 +78,14 @@ private:
 
     size_t find_slot(uint32_t git_ver, uint32_t crc32) const RTLS_REQUIRES(m_mutex);
     OTA_FIRMWARE_t* find_firmware(uint32_t git_ver, uint32_t crc32) const RTLS_REQUIRES(m_mutex);
+    bool may_take(size_t slot, const OTA_FIRMWARE_t& firmware) const RTLS_REQUIRES(m_mutex);
+    size_t choose_slot(const OTA_FIRMWARE_t& firmware) RTLS_REQUIRES(m_mutex);
     int add_firmware(firmware_ptr firmware) RTLS_REQUIRES(m_mutex);
+    int store_downloaded(firmware_ptr firmware);
 
     mutable annotated_mutex m_mutex;
     const uint16_t m_files_number;
+    bool m_keeps_ordered = false; // written before the actors run
     // The slots; null: empty. Images are reached only under the lock.
     const std::unique_ptr<firmware_ptr[]> m_firmware_arr RTLS_GUARDED_BY(m_mutex);
     // The slot that the next new image takes, whatever is in it.

@@ -12,6 +12,7 @@
 #include "base/call_queue.h"
 #include "base/common.h"
 #include "base/connection_cut.h"
+#include "base/curve.h"
 #include "base/czmq_ptr.h"
 #include "base/door.h"
 #include "base/link_watch.h"
@@ -39,6 +40,7 @@ struct WIN_SERVER_t {
     in_port_t discovery_port = 0;
     door win_door{"WIN"};
     std::string discovery_address = "*";
+    curve_certificates certificates; // of the links upstream
     client_table clients;
     std::string proxy_full_address; // endpoints
     std::string proxy_full_input_address;

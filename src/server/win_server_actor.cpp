@@ -70,28 +70,47 @@ static bool open_interthread_channel(WIN_SERVER_t& server)
                 "zsock_bind");
 }
 
-// A socket towards a server upstream, connected. `call` is what operators know the failure by.
-static zsock_ptr open_link(link_watch& link, int type, const std::string& endpoint, io_thread thread,
-                           const char* call)
+namespace {
+
+// A link to a server upstream.
+struct link_plan {
+    link_watch& watch;
+    int socket_type;
+    const std::string& endpoint;
+    io_thread thread;
+    server_link keys;
+    const char* call; // what operators know the failure by
+};
+
+} // namespace
+
+static bool connect_link(const link_plan& plan, const curve_certificates& certificates, zsock_t* sock)
 {
-    zsock_ptr sock{zsock_new(type)};
-    if (sock) {
-        link.open(sock.get(), endpoint, thread);
-        if (zsock_connect(sock.get(), "%s", endpoint.c_str()) != 0) {
-            const int error = errno;
-            link.close();
-            sock.reset();
-            errno = error;
-        }
-    }
-    (void)made(sock != nullptr, call);
-    return sock;
+    if (!certificates.protect(sock, plan.keys))
+        return false;
+    plan.watch.open(sock, plan.endpoint, plan.thread);
+    if (zsock_connect(sock, "%s", plan.endpoint.c_str()) == 0)
+        return true;
+    const int error = errno;
+    plan.watch.close();
+    errno = error;
+    return false;
+}
+
+// The socket, connected; or null, logged.
+static zsock_ptr open_link(const link_plan& plan, const curve_certificates& certificates)
+{
+    zsock_ptr sock{zsock_new(plan.socket_type)};
+    if (made(sock && connect_link(plan, certificates, sock.get()), plan.call))
+        return sock;
+    return nullptr;
 }
 
 static bool open_proxy(WIN_SERVER_t& server)
 {
-    server.proxy_sock =
-        open_link(server.proxy_link, ZMQ_SUB, server.proxy_full_address, io_thread_of_proxy, "zsock_new_sub");
+    server.proxy_sock = open_link({server.proxy_link, ZMQ_SUB, server.proxy_full_address, io_thread_of_proxy,
+                                   server_link::pub_sub_proxy, "zsock_new_sub"},
+                                  server.certificates);
     if (server.proxy_sock)
         zsock_set_subscribe(server.proxy_sock, "");
     return server.proxy_sock;
@@ -99,15 +118,19 @@ static bool open_proxy(WIN_SERVER_t& server)
 
 static bool open_proxy_input(WIN_SERVER_t& server)
 {
-    server.proxy_input_sock = open_link(server.proxy_input_link, ZMQ_PUSH, server.proxy_full_input_address,
-                                        io_thread_of_proxy_input, "zsock_new_push");
+    server.proxy_input_sock =
+        open_link({server.proxy_input_link, ZMQ_PUSH, server.proxy_full_input_address,
+                   io_thread_of_proxy_input, server_link::pub_sub_proxy_input, "zsock_new_push"},
+                  server.certificates);
     return server.proxy_input_sock;
 }
 
 static bool open_message_handler(WIN_SERVER_t& server)
 {
-    server.msg_handler_sock = open_link(server.msg_handler_link, ZMQ_PUSH, server.msg_handler_full_address,
-                                        io_thread_of_handler, "zsock_new_push");
+    server.msg_handler_sock =
+        open_link({server.msg_handler_link, ZMQ_PUSH, server.msg_handler_full_address, io_thread_of_handler,
+                   server_link::message_handler, "zsock_new_push"},
+                  server.certificates);
     return server.msg_handler_sock;
 }
 

@@ -2,6 +2,8 @@
 import socket
 
 import pytest
+import zmq
+import zmq.auth
 
 from harness import wire
 from harness.peers import Bridge, Stream, Terminal, wait_until
@@ -86,3 +88,104 @@ def test_a_misprint_keeps_the_gateway_from_starting(start_gateway, key, value):
     gateway.expected_status = gateway.wait_exit()
     assert any(f'The parameter "ports/{key}" is no ' in line for line in gateway.syslog())
     assert not gateway.pid_file.exists()
+
+
+class Closed:
+    """Servers that speak CURVE only, and certificates for all."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        zmq.auth.create_certificates(folder, "gateway")
+        zmq.auth.create_certificates(folder, "servers")
+        self.public, self.secret = zmq.auth.load_certificate(folder / "servers.key_secret")
+
+    def server(self, gateway, kind, name):
+        sock = gateway.context.socket(kind)
+        sock.curve_secretkey, sock.curve_publickey, sock.curve_server = self.secret, self.public, True
+        if kind == zmq.PULL:
+            sock.rcvtimeo = 10_000
+        sock.bind(f"tcp://127.0.0.1:{gateway.ports[name]}")
+        return sock
+
+    def change(self, config):
+        servers = str(self.folder / "servers.key")
+        config["curve"] = {"certificate": str(self.folder / "gateway.key_secret"), "message_handler": servers,
+                           "pub_sub_proxy": servers, "pub_sub_proxy_input": servers, "debug_broker": servers}
+        return config
+
+
+def test_links_by_certificate(start_gateway, tmp_path):
+    closed = Closed(tmp_path)
+    gateway = start_gateway(upstream=(), change=closed.change)
+    handler = closed.server(gateway, zmq.PULL, "handler")
+    proxy_input = closed.server(gateway, zmq.PULL, "proxy_input")
+    broker = closed.server(gateway, zmq.PULL, "broker")
+    proxy = closed.server(gateway, zmq.XPUB, "proxy")
+    try:
+        assert b"Connected to socket" in broker.recv()
+        assert proxy.poll(10_000) and proxy.recv() == b"\x01"
+        bridge = gateway.bridge(BRIDGE)
+        bridge.introduce()
+        sender = wire.ip(0xB0000 + BRIDGE[7])
+        bridge.send_message(wire.sensor(9, b"\xaa\xbb", sender))
+        assert handler.recv_multipart()
+        bridge.send_message(wire.generic_server_req(10, 10, bytes(16), sender))
+        assert proxy_input.recv()
+    finally:
+        for sock in (handler, proxy_input, broker, proxy):
+            sock.close(0)
+
+
+def test_a_server_without_the_certificate_gets_nothing(start_gateway, tmp_path):
+    gateway = start_gateway(change=Closed(tmp_path).change, wait_ready=False)
+    gateway.wait_ready()
+    bridge = gateway.bridge(BRIDGE)
+    bridge.introduce()
+    bridge.barrier()
+    wait_until(lambda: [line for line in gateway.syslog() if "connecting again" in line], "the refusal")
+    assert gateway.proxy_input.nothing_arrives(within=1) and gateway.handler.nothing_arrives(within=0)
+
+
+@pytest.mark.parametrize("missing", ["gateway.key_secret", "servers.key"])
+def test_a_certificate_that_is_not_there(start_gateway, tmp_path, missing):
+    closed = Closed(tmp_path)
+    (tmp_path / missing).unlink()
+    gateway = start_gateway(wait_ready=False, change=closed.change)
+    gateway.expected_status = gateway.wait_exit()
+    assert any("names no certificate" in line for line in gateway.syslog())
+
+
+def test_a_certificate_without_its_secret(start_gateway, tmp_path):
+    closed = Closed(tmp_path)
+
+    def change(config):
+        config = closed.change(config)
+        config["curve"]["certificate"] = str(tmp_path / "gateway.key")
+        return config
+    gateway = start_gateway(wait_ready=False, change=change)
+    gateway.expected_status = gateway.wait_exit()
+    assert any("no certificate with a secret key" in line for line in gateway.syslog())
+
+
+def with_keys(**keys):
+    return lambda config: {**config, **keys}
+
+
+def test_firmware_comes_from_where_it_may(start_gateway, tmp_path):
+    image = tmp_path / "image.bin"
+    image.write_bytes(b"@BoardVer\x03\x0e" + b"@Firmware" + bytes.fromhex("0102a0ff01000400") + bytes(900))
+    gateway = start_gateway(change=with_keys(firmware_urls=f"https://files.example/, file://{tmp_path}/allowed/"))
+    operator = gateway.terminal()
+    assert operator.command(f"fw get file://{image}", "\n") == "Failed to read firmware!\n"
+    assert any("firmware does not come from there" in line for line in gateway.syslog())
+    (tmp_path / "allowed").mkdir()
+    image.rename(tmp_path / "allowed" / "image.bin")
+    answer = operator.command(f"fw get file://{tmp_path}/allowed/image.bin", "\n")
+    assert answer == "Firmware downloaded. Index: 0\n"
+
+
+@pytest.mark.parametrize("key,value", [("firmware_urls", ","), ("firmware_keep_ordered", "perhaps")])
+def test_a_misprinted_rule_for_firmware_keeps_the_gateway_from_starting(start_gateway, key, value):
+    gateway = start_gateway(wait_ready=False, change=with_keys(**{key: value}))
+    gateway.expected_status = gateway.wait_exit()
+    assert any(f'"{key}"' in line for line in gateway.syslog())

@@ -32,6 +32,13 @@ void broker_link::watch()
     m_events = std::move(events);
 }
 
+void broker_link::secure(const char* server_key, const char* own_public, const char* own_secret)
+{
+    m_socket.set(zmq::sockopt::curve_serverkey, server_key);
+    m_socket.set(zmq::sockopt::curve_publickey, own_public);
+    m_socket.set(zmq::sockopt::curve_secretkey, own_secret);
+}
+
 void broker_link::connect(const std::string& address)
 {
     m_addresses.push_back(address);

@@ -24,6 +24,9 @@ public:
 
     explicit broker_link(zmq::context_t& context);
 
+    // Connections made from now on are encrypted (CurveZMQ); keys in Z85.
+    void secure(const char* server_key, const char* own_public, const char* own_secret);
+
     // Connects one more broker.
     void connect(const std::string& address);
     void close();

@@ -114,6 +114,18 @@ tav_log_counters_t logger_get_counters(tav_logger logger)
             lines.held_back, lines.unstored, logger->m_logger.unpublished()};
 }
 
+bool logger_secure(tav_logger logger, const char* server_key, const char* own_public, const char* own_secret)
+{
+    if (!logger || !server_key || !own_public || !own_secret)
+        return false;
+    try {
+        logger->m_logger.secure(server_key, own_public, own_secret);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 void logger_connect(tav_logger logger, const char* address)
 {
     if (!logger || !address)

@@ -36,6 +36,12 @@ void logger::set_debug(bool on)
     m_debug.store(on, std::memory_order_relaxed);
 }
 
+void logger::secure(const char* server_key, const char* own_public, const char* own_secret)
+{
+    const rtls::mutex_guard lock(m_socket_mutex);
+    m_broker.secure(server_key, own_public, own_secret);
+}
+
 void logger::connect(const std::string& address)
 {
     {

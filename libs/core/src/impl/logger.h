@@ -36,6 +36,9 @@ public:
     void set_debug(bool on);
     bool is_debug() const { return m_debug.load(std::memory_order_relaxed); }
 
+    // Brokers connected from now on are spoken to by CurveZMQ. Throws zmq::error_t.
+    void secure(const char* server_key, const char* own_public, const char* own_secret);
+
     // Connects one more broker; several get the records in turn. What throws std::bad_alloc may be the
     // record of it: the broker is connected then.
     void connect(const std::string& address);

@@ -64,6 +64,10 @@ tav_log_counters_t logger_get_counters(tav_logger logger);
 // error and changes nothing. Each call adds one more peer; records are dealt out in turn.
 void logger_connect(tav_logger logger, const char* address);
 
+// Brokers connected from now on are spoken to by CurveZMQ (RFC 26/CURVEZMQ) only. The keys are 40 characters of
+// Z85 each: the broker's public one, and our own pair. False when the library has no such keys, or no CURVE.
+bool logger_secure(tav_logger logger, const char* server_key, const char* own_public, const char* own_secret);
+
 // Looks after the connection with the brokers: one that the library gives up, as its server answered nonsense
 // or is of the wrong kind, is connected again. To be called several times a second; never waits.
 void logger_tend_broker(tav_logger logger);

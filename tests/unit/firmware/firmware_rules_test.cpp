@@ -1,0 +1,106 @@
+// Where firmware may come from, and whose images an operator's download may replace.
+#include "firmware/image_download.h"
+#include "firmware/ota.h"
+#include "support/log_capture.h"
+#include "support/ota_store.h"
+#include "support/temp_file.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace rtls {
+
+using testing::Contains;
+using testing::ElementsAre;
+
+class firmware_sources : public testing::Test {
+protected:
+    ~firmware_sources() override { image_download_only_from({}); }
+
+    log_capture m_log;
+    const temp_file m_file{"image.bin", std::string(100, 'x')};
+};
+
+TEST_F(firmware_sources, are_all_without_a_list)
+{
+    EXPECT_TRUE(image_download(m_file.url().c_str(), {.caller = "test"}));
+}
+
+TEST_F(firmware_sources, are_what_begins_with_a_prefix)
+{
+    const std::string url = m_file.url();
+    image_download_only_from({"http://127.0.0.1/", url.substr(0, url.rfind('/') + 1)});
+    EXPECT_TRUE(image_download(url.c_str(), {.caller = "test"}));
+}
+
+TEST_F(firmware_sources, beyond_the_list_are_refused_with_the_reason)
+{
+    image_download_only_from({"https://files.example/"});
+    std::string reason;
+    for (const std::string& url : {m_file.url(), std::string{"https://files.example"}, std::string{}})
+        EXPECT_FALSE(image_download(url.c_str(), {.caller = "test", .reason = &reason})) << url;
+    EXPECT_EQ(reason, "firmware does not come from there (firmware_urls)");
+    EXPECT_THAT(m_log.messages("main"),
+                Contains("test: https://files.example: firmware does not come from there (firmware_urls)"));
+}
+
+class ordered_images : public testing::Test {
+protected:
+    int order(uint32_t git_ver)
+    {
+        const std::string image = image_of(git_ver);
+        return download(m_store, image, crc_of(image), git_ver);
+    }
+    int fetch(uint32_t git_ver) { return download(m_store, image_of(git_ver)); }
+    void keep_ordered() { static_cast<OTA_t*>(m_store.get())->keep_ordered(); }
+
+    log_capture m_log;
+    store_ptr m_store = store_of(3);
+};
+
+TEST_F(ordered_images, give_way_unless_they_are_kept)
+{
+    EXPECT_EQ(order(1), 0);
+    EXPECT_EQ(fetch(2), 1);
+    EXPECT_EQ(fetch(3), 2);
+    EXPECT_EQ(fetch(4), 0);
+    EXPECT_THAT(slots(m_store), ElementsAre(4, 2, 3));
+}
+
+TEST_F(ordered_images, are_passed_over_by_what_operators_fetch)
+{
+    keep_ordered();
+    EXPECT_EQ(order(1), 0);
+    EXPECT_EQ(fetch(2), 1);
+    EXPECT_EQ(fetch(3), 2);
+    EXPECT_EQ(fetch(4), 1);
+    EXPECT_EQ(fetch(4), 1) << "its own";
+    EXPECT_EQ(fetch(1), -1) << "nor in place";
+    EXPECT_THAT(slots(m_store), ElementsAre(1, 4, 3));
+}
+
+TEST_F(ordered_images, leave_no_room_when_all_slots_are_theirs)
+{
+    keep_ordered();
+    for (uint32_t git_ver = 1; git_ver <= 3; ++git_ver)
+        (void)order(git_ver);
+    EXPECT_EQ(fetch(4), -1);
+    EXPECT_THAT(m_log.messages("main"),
+                Contains("ota_download_firmware: the images that the servers ordered are kept"));
+    EXPECT_EQ(order(5), 0) << "the servers replace their own";
+    EXPECT_THAT(slots(m_store), ElementsAre(5, 2, 3));
+}
+
+TEST_F(ordered_images, may_have_come_page_by_page)
+{
+    keep_ordered();
+    EXPECT_TRUE(set_page(m_store, 7, 8, 0, bytes_t(32)));
+    EXPECT_EQ(fetch(1), 1);
+    EXPECT_EQ(fetch(2), 2);
+    EXPECT_EQ(fetch(3), 1);
+    EXPECT_THAT(slots(m_store), ElementsAre(7, 3, 2));
+}
+
+} // namespace rtls
