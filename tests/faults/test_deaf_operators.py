@@ -27,7 +27,7 @@ def operator_who_reads_nothing(port: int) -> socket.socket:
     return sock
 
 
-def test_subscribers_who_do_not_read_cost_the_others_one_wait_each(gateway):
+def test_subscribers_who_do_not_read_cost_the_others_one_wait_each(gateway, figure):
     operator = gateway.terminal()
     deaf = [operator_who_reads_nothing(gateway.ports["terminal"]) for _ in range(SESSIONS)]
     operator.command("dbg terminal y", "ul_tdoa n\n")
@@ -41,6 +41,7 @@ def test_subscribers_who_do_not_read_cost_the_others_one_wait_each(gateway):
         operator.command(WORD, "\n")
         took = time.monotonic() - begin
         assert took < 0.1 * SESSIONS + 1, f"{number + 1} commands took {took:.1f} s"
+    figure("50 commands beside 20 who do not read", "4.0 s for the first 3", f"{took:.2f} s")
     for sock in deaf:
         sock.close()
 
@@ -59,7 +60,7 @@ def test_who_reads_again_gets_lines_again(gateway):
     slow.close()
 
 
-def test_those_who_have_left_cost_the_others_one_wait_each(gateway):
+def test_those_who_have_left_cost_the_others_one_wait_each(gateway, figure):
     operator = gateway.terminal()
     guests = [gateway.terminal() for _ in range(SESSIONS)]
     for guest in guests:
@@ -76,6 +77,7 @@ def test_those_who_have_left_cost_the_others_one_wait_each(gateway):
         operator.command("sub-", "\n")
         took = time.monotonic() - begin
         assert took < 0.1 * SESSIONS + 1, f"{number + 1} commands took {took:.1f} s"
+    figure("10 commands after 20 have left", "4.0 s for the first 2", f"{took:.2f} s")
 
 
 def test_a_connection_whose_end_vanished_is_probed(gateway):
@@ -108,7 +110,7 @@ def test_sessions_are_limited_on_demand(start_gateway):
         assert refused.pull(5) == b"" and refused.closed
     for terminal in admitted:
         assert terminal.command("pcl", "\n##\n").count("sub:") == 3
-    said = [line for line in gateway.syslog() if "Terminal port" in line]
+    said = wait_until(lambda: [line for line in gateway.syslog() if "Terminal port" in line], "the line")
     assert said == ["4 rtls-gateway: Terminal port: 127.0.0.1 is refused, all connections are taken"]
     admitted.pop().close()
     wait_until(lambda: admitted[0].command("pcl", "\n##\n").count("sub:") == 2, "one to be gone")

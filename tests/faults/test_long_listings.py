@@ -9,7 +9,7 @@ BRIDGE = wire.mac(0xB001)
 NODES = 40_000
 
 
-def test_forty_thousand_nodes_reach_a_slow_line_whole(gateway):
+def test_forty_thousand_nodes_reach_a_slow_line_whole(gateway, figure):
     bridge = gateway.bridge(BRIDGE)
     for first in range(0, NODES, 1000):
         bridge.send_message(*(wire.heartbeat(b"\x02\xab" + struct.pack(">HI", 0x77, i), 1, bridge=BRIDGE,
@@ -35,6 +35,7 @@ def test_forty_thousand_nodes_reach_a_slow_line_whole(gateway):
         listing += received
     rows = listing.decode().splitlines()
     listed = sum(" par:" in row for row in rows)
+    figure("nodes that arrive", "13,998 of 40,000", f"{listed:,} of {NODES:,}")
     assert listed == NODES, f"{listed} of {NODES} nodes"
     assert rows[0] == "####### Connected Nodes" and rows[-3:] == ["####### Floating nodes",
                                                                    "####### Expired nodes", "##"]

@@ -33,7 +33,7 @@ def sessions(terminal) -> int:
     return terminal.command("pcl", "\n##\n").count("sub:")
 
 
-def test_a_strangers_quit_cuts_no_bridge(gateway):
+def test_a_strangers_quit_cuts_no_bridge(gateway, figure):
     operator = gateway.terminal()
     assert sessions(operator) == 1
     with frozen(gateway.process.pid, "rtls-terminal"):
@@ -43,6 +43,7 @@ def test_a_strangers_quit_cuts_no_bridge(gateway):
             bridge.introduce()
     wait_until(lambda: sessions(operator) == 1, "the strangers to be gone")
     cut = [bridge for bridge in bridges if not is_served(bridge)]
+    figure("bridges cut", "100 of 100", f"{len(cut)} of {NUMBER}")
     assert len(cut) == 0, f"{len(cut)} of {NUMBER} bridges were cut"
 
 
@@ -54,7 +55,7 @@ def is_served(bridge) -> bool:
         return False
 
 
-def test_a_strangers_quit_cuts_no_other_operator(gateway):
+def test_a_strangers_quit_cuts_no_other_operator(gateway, figure):
     operator = gateway.terminal()
     assert sessions(operator) == 1
     with frozen(gateway.process.pid, "rtls-terminal"):
@@ -63,6 +64,7 @@ def test_a_strangers_quit_cuts_no_other_operator(gateway):
         honest = [gateway.terminal() for _ in range(NUMBER)]
         wait_until(lambda: descriptors(gateway) >= before + NUMBER, "the operators to be accepted")
     cut = [terminal for terminal in honest if not is_answered(terminal)]
+    figure("operators cut", "100 of 100", f"{len(cut)} of {NUMBER}")
     assert len(cut) == 0, f"{len(cut)} of {NUMBER} operators were cut"
     wait_until(lambda: sessions(operator) == 1 + NUMBER, "the strangers to be gone")
 

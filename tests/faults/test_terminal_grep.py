@@ -42,7 +42,7 @@ def test_no_filter_holds_up_the_terminal(gateway, pattern):
 
 # Whatever the matcher is told to try at each character, a line takes it about two milliseconds.
 @pytest.mark.parametrize("pattern", ["(" + "a|" * 50 + "a)*b", "a*" * 60 + "!"], ids=["choices", "loops"])
-def test_no_filter_takes_long_for_a_line(gateway, pattern):
+def test_no_filter_takes_long_for_a_line(gateway, pattern, figure):
     watcher, filtered, other = gateway.terminal(), gateway.terminal(), gateway.terminal()
     watcher.command("sub", "\n")
     filtered.command("sub", "\n")
@@ -54,4 +54,5 @@ def test_no_filter_takes_long_for_a_line(gateway, pattern):
     other.command("the last of all", "\n")
     watcher.read_until("the last of all")
     took = time.monotonic() - begin
+    figure("300 lines past a filter", "6.9 to 9.2 s", f"{took:.2f} s")
     assert took < 1.5, f"300 lines took {took:.1f} s"
