@@ -57,6 +57,8 @@ bool curve_certificates::read(zconfig_t* config)
     if (!own_name && !any)
         return true;
     const cert_ptr own = own_name ? load(own_key, own_name) : nullptr;
+    if (own_name && !own)
+        return false;
     if (!own || !has_secret(own.get())) {
         logger_error(g_logger, "The parameter \"%s\" names no certificate with a secret key!", own_key);
         return false;

@@ -146,10 +146,11 @@ def test_a_server_without_the_certificate_gets_nothing(start_gateway, tmp_path):
     assert gateway.proxy_input.nothing_arrives(within=1) and gateway.handler.nothing_arrives(within=0)
 
 
-@pytest.mark.parametrize("missing", ["gateway.key_secret", "servers.key"])
+@pytest.mark.parametrize("missing", ["gateway", "servers"])
 def test_a_certificate_that_is_not_there(start_gateway, tmp_path, missing):
     closed = Closed(tmp_path)
-    (tmp_path / missing).unlink()
+    for half in (f"{missing}.key", f"{missing}.key_secret"):
+        (tmp_path / half).unlink()
     gateway = start_gateway(wait_ready=False, change=closed.change)
     gateway.expected_status = gateway.wait_exit()
     assert any("names no certificate" in line for line in gateway.syslog())
@@ -157,6 +158,7 @@ def test_a_certificate_that_is_not_there(start_gateway, tmp_path, missing):
 
 def test_a_certificate_without_its_secret(start_gateway, tmp_path):
     closed = Closed(tmp_path)
+    (tmp_path / "gateway.key_secret").unlink()
 
     def change(config):
         config = closed.change(config)
@@ -173,7 +175,7 @@ def with_keys(**keys):
 
 def test_firmware_comes_from_where_it_may(start_gateway, tmp_path):
     image = tmp_path / "image.bin"
-    image.write_bytes(b"@BoardVer\x03\x0e" + b"@Firmware" + bytes.fromhex("0102a0ff01000400") + bytes(900))
+    image.write_bytes(b"\x7f@BoardVer\0\x03\x0e@Firmware\0" + bytes.fromhex("0102a0ff00800040") + bytes(900))
     gateway = start_gateway(change=with_keys(firmware_urls=f"https://files.example/, file://{tmp_path}/allowed/"))
     operator = gateway.terminal()
     assert operator.command(f"fw get file://{image}", "\n") == "Failed to read firmware!\n"
