@@ -11,7 +11,8 @@ namespace rtls {
 
 void make_io_threads()
 {
-    zsys_set_io_threads(io_threads_number);
+    if (zmq_ctx_get(zsys_init(), ZMQ_IO_THREADS) < static_cast<int>(io_threads_number)) // the environment's
+        zsys_set_io_threads(io_threads_number);
 }
 
 void serve_by(zsock_t* sock, io_thread thread)

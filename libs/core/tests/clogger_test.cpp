@@ -11,9 +11,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <zmq.hpp>
+
 #include <syslog.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -277,6 +281,53 @@ TEST_F(clogger, a_debug_record_that_nobody_hears_costs_no_allocation)
     EXPECT_EQ(allocations_of_this_thread(), before);
     logger_info(m_main.get(), "%s", text.c_str());
     EXPECT_GT(allocations_of_this_thread(), before) << "the counter counts";
+}
+
+TEST_F(clogger, a_broker_in_the_place_of_another_kind_of_server_gets_the_records)
+{
+    EXPECT_STREQ(logger_get_broker_state(m_logger.get()).last_reason, "");
+    zmq::context_t context;
+    zmq::socket_t wrong(context, zmq::socket_type::rep);
+    wrong.set(zmq::sockopt::linger, 0);
+    wrong.bind("tcp://127.0.0.1:*");
+    const std::string endpoint = wrong.get(zmq::sockopt::last_endpoint);
+    logger_connect(m_logger.get(), endpoint.c_str());
+    const auto tend_until = [&](auto condition) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!condition(logger_get_broker_state(m_logger.get())) &&
+               std::chrono::steady_clock::now() < end) {
+            logger_tend_broker(m_logger.get());
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return condition(logger_get_broker_state(m_logger.get()));
+    };
+    EXPECT_TRUE(tend_until([](const tav_link_state_t& link) { return link.failures >= 2; }));
+    EXPECT_FALSE(logger_get_broker_state(m_logger.get()).is_up);
+    wrong.close();
+    context.close();
+
+    broker right(endpoint);
+    EXPECT_TRUE(tend_until([](const tav_link_state_t& link) { return link.is_up; }));
+    logger_info(m_main.get(), "to the right one");
+    std::string record = right.next_undated();
+    while (record != "&app:main DATE to the right one" && record.starts_with("&app:"))
+        record = right.next_undated(); // what had waited comes first
+    EXPECT_EQ(record, "&app:main DATE to the right one");
+    const auto said = texts();
+    EXPECT_EQ(std::count_if(said.begin(), said.end(),
+                            [](const std::string& line) {
+                                return line.starts_with("debug broker: the peer ") &&
+                                       line.ends_with(", connecting again");
+                            }),
+              1);
+}
+
+TEST_F(clogger, has_no_link_without_a_logger_or_a_broker)
+{
+    logger_tend_broker(nullptr);
+    logger_tend_broker(m_logger.get());
+    EXPECT_EQ(logger_get_broker_state(nullptr).connections, 0U);
+    EXPECT_FALSE(logger_get_broker_state(m_logger.get()).is_up);
 }
 
 TEST_F(clogger, a_full_queue_drops_records_without_a_word_and_never_blocks)

@@ -64,25 +64,27 @@ bool broker_link::send(std::string_view record)
     return m_socket.send(zmq::buffer(record), zmq::send_flags::dontwait).has_value();
 }
 
-void broker_link::note(const zmq::message_t& event)
+const char* broker_link::note(const zmq::message_t& event)
 {
     uint16_t number = 0;
     if (event.size() < sizeof number)
-        return;
+        return nullptr;
     std::memcpy(&number, event.data(), sizeof number);
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    m_record.note(number, std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+    return m_record.note(number, std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-void broker_link::tend(clock::time_point now) noexcept
+const char* broker_link::tend(clock::time_point now) noexcept
 try {
     if (!m_events)
-        return;
+        return nullptr;
+    const char* said = nullptr;
     zmq::message_t event;
     zmq::message_t endpoint;
     while (m_events.recv(event, zmq::recv_flags::dontwait) &&
            m_events.recv(endpoint, zmq::recv_flags::dontwait))
-        note(event);
+        if (const char* reason = note(event))
+            said = reason;
     if (!m_record.is_given_up()) {
         m_is_planned = false;
     } else if (!m_is_planned) {
@@ -91,8 +93,9 @@ try {
     } else if (now - m_given_up_at >= std::chrono::milliseconds(m_record.pause_ms())) {
         mend();
     }
+    return said;
 } catch (const std::exception&) {
-    // The log must not be what ends the daemon; the next time comes soon.
+    return nullptr; // the log must not be what ends the daemon; the next time comes soon
 }
 
 // With several brokers it is not known which one was given up. An address that the library has taken off

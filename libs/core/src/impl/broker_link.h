@@ -35,14 +35,14 @@ public:
     bool send(std::string_view record);
 
     // Takes in what has happened to the connections, and connects again those that the library has given up.
-    // Does not throw.
-    void tend(clock::time_point now) noexcept;
+    // Does not throw. The reason of a failed handshake that is to be said, or null.
+    const char* tend(clock::time_point now) noexcept;
 
     rtls::link_state state() const noexcept { return m_record.state(); }
 
 private:
     void watch();
-    void note(const zmq::message_t& event);
+    const char* note(const zmq::message_t& event);
     void mend();
 
     zmq::context_t& m_context;

@@ -68,8 +68,13 @@ void logger::tend_broker()
 {
     if (!m_has_broker.load(std::memory_order_relaxed))
         return;
-    const rtls::mutex_guard lock(m_socket_mutex);
-    m_broker.tend(broker_link::clock::now());
+    const char* reason = nullptr;
+    {
+        const rtls::mutex_guard lock(m_socket_mutex);
+        reason = m_broker.tend(broker_link::clock::now());
+    }
+    if (reason != nullptr)
+        write(LOG_WARNING, std::string("debug broker: ") + reason + ", connecting again", reason);
 }
 
 rtls::link_state logger::broker_state()
