@@ -27,12 +27,17 @@ static constexpr uint16_t firmware_files_max = 5;
 // Written on the main thread while no actor runs. Only the debug level and the firmware change while they
 // run; their readers need the value alone, so relaxed order does. The handle is the address of the services.
 struct RTLS_GATEWAY_t : services {
-    zconfig_t* config = nullptr;
+    lent<config_ptr> config;
     std::atomic<uint16_t> debug_level = 0;
     const char* pid_file_name = nullptr; // points into config
+    // The owners of what the services name. rtls_gateway_destroy has the order in which they end.
+    win_server_ptr own_win_server;
+    terminal_server_ptr own_terminal_server;
+    nodes_container_ptr own_nodes;
+    ota_ptr own_ota;
 };
 
-using gateway_ptr = std::unique_ptr<void, destroyed_by<rtls_gateway_destroy>>;
+using gateway_ptr = std::unique_ptr<services, destroyed_by<rtls_gateway_destroy>>;
 
 // The gateway behind the handle; a null one is logged in the name of `function`.
 static RTLS_GATEWAY_t* gateway_of(void* p_rtls_gateway, const char* function)
@@ -64,30 +69,31 @@ static bool read_firmware_files(zconfig_t* config, uint16_t* number)
     return false;
 }
 
+// Keeps what a service's own function has made, and names it among the services. False when there is none.
+template <typename Owner>
+static bool keep(Owner& owner, typename Owner::pointer& service, void* handle)
+{
+    owner.reset(static_cast<typename Owner::pointer>(handle));
+    service = owner.get();
+    return service != nullptr;
+}
+
 // The order shows in the log: only the first key that is missing is reported.
 static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_name)
 {
-    gateway.config = config_new(config_file_name);
+    gateway.config.reset(config_new(config_file_name));
     if (!gateway.config || !config_value_get(gateway.config, "pidfile", &gateway.pid_file_name))
         return false;
     read_debug_mask(gateway.config);
 
     auto* handle = static_cast<services*>(&gateway);
-    gateway.win_server = static_cast<WIN_SERVER_t*>(win_server_new(gateway.config, handle));
-    if (!gateway.win_server)
-        return false;
-    gateway.terminal_server = static_cast<TERMINAL_SERVER_t*>(terminal_server_new(gateway.config, handle));
-    if (!gateway.terminal_server)
-        return false;
-    gateway.nodes = static_cast<NODES_CONTAINER_t*>(nodes_container_new());
-    if (!gateway.nodes)
-        return false;
-
     uint16_t firmware_files = 0;
-    if (!read_firmware_files(gateway.config, &firmware_files))
-        return false;
-    gateway.ota = static_cast<OTA_t*>(ota_new(firmware_files));
-    return gateway.ota != nullptr;
+    return keep(gateway.own_win_server, gateway.win_server, win_server_new(gateway.config, handle)) &&
+           keep(gateway.own_terminal_server, gateway.terminal_server,
+                terminal_server_new(gateway.config, handle)) &&
+           keep(gateway.own_nodes, gateway.nodes, nodes_container_new()) &&
+           read_firmware_files(gateway.config, &firmware_files) &&
+           keep(gateway.own_ota, gateway.ota, ota_new(firmware_files));
 }
 
 void* rtls_gateway_new(const char* config_file_name)
@@ -95,7 +101,7 @@ void* rtls_gateway_new(const char* config_file_name)
     if (any_null(__func__, config_file_name))
         return nullptr;
     auto* gateway = new (std::nothrow) RTLS_GATEWAY_t{};
-    gateway_ptr owner{static_cast<services*>(gateway)};
+    gateway_ptr owner{gateway};
     if (!gateway) {
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
@@ -161,12 +167,11 @@ bool rtls_gateway_run(void* p_rtls_gateway)
     return false;
 }
 
-// By the service's own function, which takes the handle's address and leaves null.
-template <auto Destroy, typename Service>
-static void destroy_service(Service*& service)
+// Ends a service, which is named until it has ended: the threads of others may use it so long.
+template <typename Owner>
+static void end(Owner& owner, typename Owner::pointer& service)
 {
-    void* handle = service;
-    Destroy(&handle);
+    owner.reset();
     service = nullptr;
 }
 
@@ -178,12 +183,12 @@ void rtls_gateway_destroy(void** pp_rtls_gateway)
         return;
     RTLS_GATEWAY_t* gateway = gateway_of(*pp_rtls_gateway, __func__);
     // Both actors first: their threads use all the rest.
-    destroy_service<terminal_server_destroy>(gateway->terminal_server);
-    destroy_service<win_server_destroy>(gateway->win_server);
-    config_destroy(&gateway->config);
-    destroy_service<nodes_container_destroy>(gateway->nodes);
+    end(gateway->own_terminal_server, gateway->terminal_server);
+    end(gateway->own_win_server, gateway->win_server);
+    gateway->config.reset();
+    end(gateway->own_nodes, gateway->nodes);
     gateway->firmware.set(nullptr);
-    destroy_service<ota_destroy>(gateway->ota);
+    end(gateway->own_ota, gateway->ota);
     delete gateway;
     *pp_rtls_gateway = nullptr;
 }
@@ -191,7 +196,7 @@ void rtls_gateway_destroy(void** pp_rtls_gateway)
 zconfig_t* rtls_gateway_get_config(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);
-    return gateway ? gateway->config : nullptr;
+    return gateway ? gateway->config.get() : nullptr;
 }
 
 void* rtls_gateway_get_win_server(void* p_rtls_gateway)

@@ -5,9 +5,12 @@
 // Failures   Logged once, in fixed words; the caller decides whether a missing key is fatal.
 #pragma once
 
+#include "base/czmq_ptr.h"
+
 #include <czmq.h>
 
 #include <cstdint>
+#include <memory>
 
 namespace rtls {
 
@@ -30,5 +33,6 @@ bool config_value_bool_get(zconfig_t* config, const char* path, bool* res);
 
 // Releases the tree and nulls the pointer.
 void config_destroy(zconfig_t** p_config);
+using config_ptr = std::unique_ptr<zconfig_t, destroyed_by<config_destroy>>;
 
 } // namespace rtls

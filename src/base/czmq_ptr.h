@@ -1,14 +1,16 @@
 // czmq_ptr - owners for the handles of CZMQ and of our own modules.
 //
-// Both spell destruction `x_destroy(&p)`, so one deleter serves them all and costs no space.
+// Both spell destruction `x_destroy(&p)`, ours by void**, so one deleter serves them all and costs no space.
 // Where the order of tear-down counts, reset() them in that order: members' own order does not show.
 // Threads    As of what they own: a socket is closed on the thread that uses it.
 #pragma once
 
 #include <czmq.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 namespace rtls {
@@ -18,7 +20,12 @@ struct destroyed_by {
     template <typename T>
     void operator()(T* p) const noexcept
     {
-        Destroy(&p);
+        if constexpr (std::is_invocable_v<decltype(Destroy), void**>) {
+            void* handle = p;
+            Destroy(&handle);
+        } else {
+            Destroy(&p);
+        }
     }
 };
 
@@ -35,6 +42,18 @@ using zstr_ptr = std::unique_ptr<char, destroyed_by<zstr_free>>;
 struct freed_by_free {
     void operator()(void* p) const noexcept { std::free(p); }
 };
+using malloced_bytes = std::unique_ptr<uint8_t[], freed_by_free>;
+
+// For a list of frames, which go with it.
+struct frames_destroyed {
+    void operator()(zlist_t* list) const noexcept
+    {
+        while (void* frame = zlist_pop(list))
+            zframe_ptr{static_cast<zframe_t*>(frame)}.reset();
+        zlist_destroy(&list);
+    }
+};
+using zframe_list_ptr = std::unique_ptr<zlist_t, frames_destroyed>;
 
 // An owner that a record holds and C functions are called with: it lends its handle without ceremony.
 template <typename Owner>

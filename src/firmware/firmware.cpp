@@ -1,7 +1,6 @@
 #include "firmware/firmware.h"
 
 #include "base/common.h"
-#include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "firmware/crc32.h"
@@ -13,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace rtls {
 
@@ -39,13 +39,11 @@ FIRMWARE_t* firmware_get_from_url(const char* url)
 {
     if (any_null(__func__, url))
         return nullptr;
-    using firmware_ptr = std::unique_ptr<void, destroyed_by<firmware_destroy>>;
-    firmware_ptr owner{new (std::nothrow) FIRMWARE_t{}};
-    if (!owner) {
+    firmware_ptr firmware{new (std::nothrow) FIRMWARE_t{}};
+    if (!firmware) {
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
     }
-    auto* firmware = static_cast<FIRMWARE_t*>(owner.get());
     firmware->name = basename(url); // the C library's own, which leaves the text as it is
     if (!firmware->name) {
         logger_warning(g_logger, "%s: basename error on: %s", __func__, url);
@@ -55,13 +53,13 @@ FIRMWARE_t* firmware_get_from_url(const char* url)
     auto image = image_download(url, {.caller = __func__});
     if (!image)
         return nullptr;
-    firmware->memory = image->memory.release();
+    firmware->memory = std::move(image->memory);
     firmware->size = image->size;
-    firmware->crc32 = crc32_uninverted({firmware->memory, firmware->size});
+    firmware->crc32 = crc32_uninverted({firmware->memory.get(), firmware->size});
     firmware->version = setVersion(firmware->name);
     logger_info(g_logger, "firmware image: %s crc: %04X version: %04X len: %lu", firmware->name,
                 firmware->crc32, firmware->version, firmware->size);
-    return static_cast<FIRMWARE_t*>(owner.release());
+    return firmware.release();
 }
 
 bool firmware_msg_pack(FIRMWARE_t* firmware, gwMsgUpdateRequest_t* msg)
@@ -98,18 +96,12 @@ void firmware_destroy(void** pp_firmware)
 {
     if (any_null(__func__, pp_firmware))
         return;
-    auto* firmware = static_cast<FIRMWARE_t*>(*pp_firmware);
-    *pp_firmware = nullptr;
-    if (!firmware)
-        return;
-    std::free(firmware->memory);
-    delete firmware;
+    delete static_cast<FIRMWARE_t*>(std::exchange(*pp_firmware, nullptr));
 }
 
 void current_firmware::set(FIRMWARE_t* firmware)
 {
-    void* old = m_firmware.exchange(firmware, std::memory_order_relaxed);
-    firmware_destroy(&old);
+    firmware_ptr{m_firmware.exchange(firmware, std::memory_order_relaxed)}.reset();
 }
 
 } // namespace rtls

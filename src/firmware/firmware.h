@@ -1,26 +1,28 @@
 // firmware - the image announced by MSG_FW_IMAGE_AVAIL_IND: fetched by URL, and cut into update messages.
 //
 // The bridges are told of it and fetch it themselves; the images served to nodes page by page are in ota.
-// Ownership  The caller owns the record; release it with firmware_destroy.
+// Ownership  A record owns its image, the caller the record; release it with firmware_destroy.
 // Threads    Any. A download blocks its caller for at most 20 s, after at most 20 s of waiting for another
 //            one to end, and ends early when the daemon stops.
 // Failures   Logged; a failed download leaves nothing behind.
 #pragma once
 
+#include "base/czmq_ptr.h"
 #include "wire/messaging.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace rtls {
 
 struct FIRMWARE_t {
-    unsigned char* memory; // owned; the image, from malloc
-    size_t size;
-    unsigned int crc32; // of the whole image, without the usual inversions: the nodes' own rule
-    uint32_t version;   // from the file name, 0 if it names none
-    const char* name;   // last component of the URL text given; borrowed, so gone with that text
+    lent<malloced_bytes> memory; // the image
+    size_t size = 0;
+    unsigned int crc32 = 0;     // of the whole image, without the usual inversions: the nodes' own rule
+    uint32_t version = 0;       // from the file name, 0 if it names none
+    const char* name = nullptr; // last component of the URL text given; borrowed, so gone with that text
 };
 
 // Downloads an image, or nullptr. Whatever a server answers with is the image: the status is not asked.
@@ -33,6 +35,7 @@ bool firmware_msg_pack(FIRMWARE_t* firmware, gwMsgUpdateRequest_t* msg);
 
 // Null is welcome in *pp_firmware, and left there.
 void firmware_destroy(void** pp_firmware);
+using firmware_ptr = std::unique_ptr<FIRMWARE_t, destroyed_by<firmware_destroy>>;
 
 // The image that bridges are told of, or none. Owns it.
 // Threads    Set on the WIN server's thread; read on any, where the value alone counts: an image that is

@@ -27,7 +27,7 @@ namespace rtls {
 inline constexpr size_t image_size_ceiling = size_t{64} << 20;
 
 // Image bytes come from malloc, because images under assembly grow by realloc.
-using image_memory = std::unique_ptr<uint8_t[], freed_by_free>;
+using image_memory = malloced_bytes;
 
 // At least one byte, uninitialised; null when memory is short.
 inline image_memory allocate_image(size_t size)

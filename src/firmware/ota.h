@@ -5,6 +5,8 @@
 // Failures   Logged; a failed download leaves the store unchanged.
 #pragma once
 
+#include "base/czmq_ptr.h"
+
 #include "core/thread_annotations.h"
 
 #include <cstddef>
@@ -85,6 +87,7 @@ private:
 void* ota_new(uint16_t files_number);
 // Takes a null handle; nulls the handle.
 void ota_destroy(void** pp_ota);
+using ota_ptr = std::unique_ptr<OTA_t, destroyed_by<ota_destroy>>;
 int ota_download_firmware(void* p_ota, const char* url, const uint32_t* crc32, const uint32_t* git_ver);
 bool ota_get_firmware_info(void* p_ota, uint16_t index, OTA_FIRMWARE_INFO_t* info);
 bool ota_del_firmware(void* p_ota, uint16_t index);

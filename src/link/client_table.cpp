@@ -14,12 +14,12 @@ client_table::client_table() : m_records(zhashx_new())
 
 WIN_CLIENT_t* client_table::find(const char* key) noexcept
 {
-    const mutex_guard guard{
-        m_mutex}; // a look-up that meets a long chain moves the whole table to new buckets
+    // A look-up that meets a long chain moves the whole table to new buckets.
+    const mutex_guard guard{m_mutex};
     return static_cast<WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key));
 }
 
-bool client_table::insert(const char* key, WIN_CLIENT_t* client) noexcept
+WIN_CLIENT_t* client_table::insert(const char* key, win_client_ptr client) noexcept
 {
     const mutex_guard guard{m_mutex};
     try {
@@ -27,12 +27,13 @@ bool client_table::insert(const char* key, WIN_CLIENT_t* client) noexcept
             m_walk.reserve(2 * m_walk.capacity() + 8);
         m_of_address.add(client->addr.sin_addr);
     } catch (const std::bad_alloc&) {
-        return false;
+        return nullptr;
     }
-    const bool is_new = zhashx_insert(m_records.get(), key, client) == 0;
-    if (!is_new)
+    if (zhashx_insert(m_records.get(), key, client.get()) != 0) {
         m_of_address.remove(client->addr.sin_addr);
-    return is_new;
+        return nullptr;
+    }
+    return client.release();
 }
 
 void client_table::erase(const char* key) noexcept

@@ -35,8 +35,9 @@ public:
 
     // The client with this identity (upper-case hex), or nullptr.
     WIN_CLIENT_t* find(const char* key) noexcept;
-    // Takes the record over. False, and the record stays the caller's, when the key is taken or memory short.
-    bool insert(const char* key, WIN_CLIENT_t* client) noexcept;
+    // Takes the record over, and lends it. Null, and the record is gone, when the key is taken or memory
+    // short.
+    WIN_CLIENT_t* insert(const char* key, win_client_ptr client) noexcept;
     // Destroys the record, if there is one.
     void erase(const char* key) noexcept;
     size_t size() noexcept;

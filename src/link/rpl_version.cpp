@@ -22,7 +22,7 @@ uint8_t get_next_rpl_version(void)
 
 void rpl_version_to_win_clients(WIN_SERVER_t* server)
 {
-    if (any_null(__func__, server) || any_null(__func__, server->actor_loop))
+    if (any_null(__func__, server) || any_null(__func__, server->actor_loop.get()))
         return;
     std::array<uint8_t, gwMsgVrPrefixResponse_t::size> message{};
     store_le16(message, gwMsgVrPrefixResponse_t::msgType, MSG_VR_PANID_RESP);

@@ -44,7 +44,7 @@ private:
 
 bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
-    if (any_null(__func__, server, data) || any_null(__func__, server->win_sock))
+    if (any_null(__func__, server, data) || any_null(__func__, server->win_sock.get()))
         return false;
     const encoded_message message{{data, size}};
     if (message.bytes().empty()) {
@@ -75,7 +75,7 @@ void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_vie
 
 bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
-    if (any_null(__func__, server, client_id, data) || any_null(__func__, server->win_sock))
+    if (any_null(__func__, server, client_id, data) || any_null(__func__, server->win_sock.get()))
         return false;
     // Made before the identity is sent: an identity without data would leave the socket out of step, and
     // the next client's identity would go to this one as data.
@@ -113,7 +113,7 @@ static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WI
 
 void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
 {
-    if (any_null(__func__, server, client_id) || any_null(__func__, server->win_sock))
+    if (any_null(__func__, server, client_id) || any_null(__func__, server->win_sock.get()))
         return;
     const identity_key key{client_id}; // client_id may go with the record
     close_connection(*server, client_id, server->clients.find(key.c_str()));

@@ -152,7 +152,7 @@ static bool flush_one(WIN_SERVER_t& server, WIN_CLIENT_t& client)
 void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
 {
     auto* client = static_cast<WIN_CLIENT_t*>(p_client);
-    if (any_null(__func__, server, client) || any_null(__func__, server->win_sock))
+    if (any_null(__func__, server, client) || any_null(__func__, server->win_sock.get()))
         return;
     while (!client->unsent_messages.empty())
         if (!flush_one(*server, *client))

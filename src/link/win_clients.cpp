@@ -1,7 +1,6 @@
 #include "link/win_clients.h"
 
 #include "base/common.h"
-#include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "wire/slip.h"
@@ -14,14 +13,11 @@
 
 namespace rtls {
 
-using win_client_ptr = std::unique_ptr<void, destroyed_by<win_client_destroy>>;
-
 WIN_CLIENT_t* win_client_new(zframe_t* id)
 {
     if (any_null(__func__, id))
         return nullptr;
-    auto* client = new (std::nothrow) WIN_CLIENT_t{};
-    win_client_ptr owner{client};
+    win_client_ptr client{new (std::nothrow) WIN_CLIENT_t{}};
     if (!client) {
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
@@ -31,7 +27,7 @@ WIN_CLIENT_t* win_client_new(zframe_t* id)
         log_call_error(__func__, "zframe_dup");
         return nullptr;
     }
-    return static_cast<WIN_CLIENT_t*>(owner.release());
+    return client.release();
 }
 
 void win_client_destroy(void** pp_client) noexcept

@@ -27,13 +27,10 @@ constexpr size_t pending_data_limit = size_t{1024} * 1024;
 // Supervision ticks for which an unwanted client is kept.
 constexpr unsigned int connection_delay_ticks = 5;
 
-// From malloc: it grows in place where it can.
-using frame_buffer = std::unique_ptr<uint8_t[], freed_by_free>;
-
 struct WIN_CLIENT_t {
-    lent<zframe_ptr> id;             // a copy of the stream socket's routing identity
-    sockaddr_in addr{};              // the peer; zero when unknown
-    lent<frame_buffer> pending_data; // the frame being assembled
+    lent<zframe_ptr> id;               // a copy of the stream socket's routing identity
+    sockaddr_in addr{};                // the peer; zero when unknown
+    lent<malloced_bytes> pending_data; // the frame being assembled; grows in place where it can
     size_t pending_data_size = 0;
     size_t pending_buffsize = 0; // capacity of pending_data
     PARSING_STATE_t parsing_state = PS_NONE;
@@ -50,6 +47,7 @@ WIN_CLIENT_t* win_client_new(zframe_t* id);
 
 // Frees the record and all it owns; leaves null. Takes null. (CZMQ's item destructor.)
 void win_client_destroy(void** pp_client) noexcept;
+using win_client_ptr = std::unique_ptr<WIN_CLIENT_t, destroyed_by<win_client_destroy>>;
 
 // Grows pending_data by one step. False, with a log line and the old buffer in place, when memory is
 // short or the limit of a frame is reached.

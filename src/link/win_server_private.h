@@ -1,11 +1,15 @@
 // win_server_private - the WIN server's record. It belongs to the server, and stands here because the link,
 // what goes down and what comes up all work on it; "private" to the layers of the WIN server's thread.
 //
+// Ownership  The record owns what its fields hold. The actor opens its sockets, list and loop, and closes
+// them in
+//            the order that destroy_actor_context has, which peers see; the members' order does not count.
 // Threads    All of it belongs to the actor's thread, except where a field says otherwise.
 #pragma once
 
 #include "base/bytes.h"
 #include "base/common.h"
+#include "base/czmq_ptr.h"
 #include "base/door.h"
 #include "base/own_addresses.h"
 #include "base/rate_bound.h"
@@ -24,7 +28,7 @@ namespace rtls {
 
 struct WIN_SERVER_t {
     services* rtls_gateway = nullptr; // what the gateway hands out
-    zactor_t* actor = nullptr;        // owner's thread; null while not running
+    lent<zactor_ptr> actor;           // owner's thread; null while not running
     in_port_t win_port = 0;           // host order
     in_port_t discovery_port = 0;
     door win_door{"WIN"};
@@ -38,15 +42,15 @@ struct WIN_SERVER_t {
     bool unprocessed_MSG_PANID_REQ = false;
     std::atomic<bool> ready{false}; // set once by the actor, polled by the owner
     bool proxy_is_silent = false;
-    zsock_t* win_sock = nullptr;
-    zsock_t* dbg_client_sock = nullptr;
-    zsock_t* interthread_sever_sock = nullptr;
+    lent<zsock_ptr> win_sock;
+    lent<zsock_ptr> dbg_client_sock;
+    lent<zsock_ptr> interthread_sever_sock;
     int discovery_sock_descriptor = -1;
-    zlist_t* unsent_messages = nullptr; // created and drained; the clients' own lists carry the frames
-    zloop_t* actor_loop = nullptr;
-    zsock_t* proxy_sock = nullptr;
-    zsock_t* proxy_input_sock = nullptr;
-    zsock_t* msg_handler_sock = nullptr;
+    lent<zframe_list_ptr> unsent_messages; // created and drained; the clients' own lists carry the frames
+    lent<zloop_ptr> actor_loop;
+    lent<zsock_ptr> proxy_sock;
+    lent<zsock_ptr> proxy_input_sock;
+    lent<zsock_ptr> msg_handler_sock;
 
     own_addresses own;            // these four guard the discovery port
     rate_bound discovery_answers; // by requester

@@ -12,8 +12,7 @@
 
 #include <array>
 #include <cstdlib>
-#include <memory>
-#include <new>
+#include <utility>
 
 namespace rtls {
 
@@ -26,8 +25,6 @@ static constexpr int events_per_call = 64;
 static constexpr int64_t busy_gap_us = 300;
 static constexpr long gather_us = 100;
 static constexpr int64_t busy_call_us = 1000;
-
-using win_client_ptr = std::unique_ptr<void, destroyed_by<win_client_destroy>>;
 
 static void print_new_client(WIN_SERVER_t& server, const sockaddr_in* addr, const identity_key& key)
 {
@@ -44,10 +41,9 @@ static void print_new_client(WIN_SERVER_t& server, const sockaddr_in* addr, cons
 static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
 {
     zframe_ptr id{zframe_new(identity.bytes().data(), identity.bytes().size())};
-    win_client_ptr owner{id ? win_client_new(id.get()) : nullptr};
-    if (!owner)
+    win_client_ptr client{id ? win_client_new(id.get()) : nullptr};
+    if (!client)
         return nullptr;
-    auto* client = static_cast<WIN_CLIENT_t*>(owner.get());
     client->fd = identity.source_fd();
     const bool known = read_peer_address(client->fd, client->addr);
     print_new_client(server, known ? &client->addr : nullptr, key);
@@ -58,7 +54,7 @@ static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, 
         return nullptr;
     }
     client->pending_buffsize = pending_data_step;
-    return owner;
+    return client;
 }
 
 static bool is_admitted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
@@ -70,17 +66,16 @@ static bool is_admitted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
 
 static void on_connect(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
 {
-    win_client_ptr owner = make_client(server, identity, key);
-    if (!owner)
+    win_client_ptr made = make_client(server, identity, key);
+    if (!made)
         return;
-    auto* client = static_cast<WIN_CLIENT_t*>(owner.get());
-    if (!is_admitted(server, *client)) {
-        delete_win_client(&server, client->id);
+    if (!is_admitted(server, *made)) {
+        delete_win_client(&server, made->id);
         return;
     }
-    if (!server.clients.insert(key.c_str(), client))
+    const WIN_CLIENT_t* client = server.clients.insert(key.c_str(), std::move(made));
+    if (!client)
         return;
-    (void)owner.release(); // the table's from here on
     // Bridges wait for this before they speak; it stands outside of any frame on purpose.
     static constexpr uint8_t greeting[] = {'s', 'y', 'n', 'c', '\n'};
     esc_data_to_win_client(&server, client->id, greeting, sizeof greeting);

@@ -7,6 +7,7 @@
 // Failures   Nothing throws, but making a container.
 #pragma once
 
+#include "base/czmq_ptr.h"
 #include "registry/address_index.h"
 #include "registry/expiry_queue.h"
 #include "registry/node.h"
@@ -16,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace rtls {
 
@@ -104,6 +106,7 @@ private:
 void* nodes_container_new(void);
 // Frees the container and its nodes; nulls the handle. Takes a null handle.
 void nodes_container_destroy(void** pp_nodes);
+using nodes_container_ptr = std::unique_ptr<NODES_CONTAINER_t, destroyed_by<nodes_container_destroy>>;
 void nodes_container_lock(void* p_nodes);
 void nodes_container_unlock(void* p_nodes);
 size_t nodes_container_get_size(void* p_nodes);

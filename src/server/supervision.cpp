@@ -126,7 +126,7 @@ int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server) noexcept
 {
     (void)timer_id;
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    if (any_null(__func__, loop, server) || any_null(__func__, server->proxy_sock))
+    if (any_null(__func__, loop, server) || any_null(__func__, server->proxy_sock.get()))
         return 1;
     if (!server->proxy_is_silent)
         server->proxy_is_silent = true; // every message from the proxy clears it

@@ -19,8 +19,6 @@
 
 namespace rtls {
 
-using win_server_ptr = std::unique_ptr<void, destroyed_by<win_server_destroy>>;
-
 static std::string make_endpoint(const char* address, uint16_t port)
 {
     return "tcp://" + std::string{address} + ':' + std::to_string(port);
@@ -71,8 +69,7 @@ void* win_server_new(zconfig_t* config, void* p_rtls_gateway)
 {
     if (any_null(__func__, config, p_rtls_gateway))
         return nullptr;
-    auto* server = new (std::nothrow) WIN_SERVER_t{};
-    win_server_ptr owner{server};
+    win_server_ptr server{new (std::nothrow) WIN_SERVER_t{}};
     if (!server) {
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
@@ -90,7 +87,7 @@ void* win_server_new(zconfig_t* config, void* p_rtls_gateway)
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
     }
-    return owner.release();
+    return server.release();
 }
 
 bool win_server_run(void* p_win_server)
@@ -102,7 +99,7 @@ bool win_server_run(void* p_win_server)
         log_call_error(__func__, "trying to run the running win server");
         return false;
     }
-    server->actor = zactor_new(win_server_actor, server);
+    server->actor.reset(zactor_new(win_server_actor, server));
     if (!server->actor)
         log_call_error(__func__, "zactor_new");
     return server->actor != nullptr;
@@ -115,7 +112,7 @@ void win_server_destroy(void** pp_win_server)
     auto* server = static_cast<WIN_SERVER_t*>(*pp_win_server);
     if (!server)
         return;
-    zactor_destroy(&server->actor); // waits until the actor's thread has closed its sockets
+    server->actor.reset(); // waits until the actor's thread has closed its sockets
     delete server;
     *pp_win_server = nullptr;
 }

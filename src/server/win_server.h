@@ -6,11 +6,13 @@
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
 
+#include "base/czmq_ptr.h"
 #include "link/client_table.h"
 
 #include <czmq.h>
 #include <netinet/in.h>
 
+#include <memory>
 #include <vector>
 
 namespace rtls {
@@ -24,6 +26,7 @@ bool win_server_run(void* p_win_server);
 
 // Stops the actor if it runs, frees the server, nulls the handle.
 void win_server_destroy(void** pp_win_server);
+using win_server_ptr = std::unique_ptr<WIN_SERVER_t, destroyed_by<win_server_destroy>>;
 
 // The table of WIN_CLIENT_t by identity (upper-case hex). Actor's thread only.
 zhashx_t* win_server_get_clients(void* p_win_server);
@@ -31,7 +34,7 @@ zhashx_t* win_server_get_clients(void* p_win_server);
 // True once every socket is open and the loop is about to start; stays true.
 bool win_server_is_ready(void* p_win_server);
 
-// A copy of the clients' addresses, in table order. Takes the table's own lock;.
+// A copy of the clients' addresses, in table order. Takes the table's own lock.
 std::vector<win_client_info> win_server_copy_clients(void* p_win_server);
 
 } // namespace rtls

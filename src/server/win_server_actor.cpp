@@ -1,6 +1,5 @@
 #include "server/win_server_actor.h"
 
-#include "base/czmq_ptr.h"
 #include "base/endpoints.h"
 #include "base/logger.h"
 #include "base/null_check.h"
@@ -35,7 +34,7 @@ static bool open_debug_stream(WIN_SERVER_t& server)
 
 static bool open_win_port(WIN_SERVER_t& server)
 {
-    server.win_sock = zsock_new(ZMQ_STREAM);
+    server.win_sock.reset(zsock_new(ZMQ_STREAM));
     if (!made(server.win_sock, "zsock_new"))
         return false;
     zsock_set_sndtimeo(server.win_sock, win_send_timeout_ms);
@@ -59,7 +58,7 @@ static bool open_discovery(WIN_SERVER_t& server)
 
 static bool open_interthread_channel(WIN_SERVER_t& server)
 {
-    server.interthread_sever_sock = zsock_new(ZMQ_ROUTER);
+    server.interthread_sever_sock.reset(zsock_new(ZMQ_ROUTER));
     if (!made(server.interthread_sever_sock, "zsock_new"))
         return false;
     zsock_set_rcvtimeo(server.interthread_sever_sock, interthread_receive_timeout_ms);
@@ -69,25 +68,25 @@ static bool open_interthread_channel(WIN_SERVER_t& server)
 
 static bool open_proxy(WIN_SERVER_t& server)
 {
-    server.proxy_sock = zsock_new_sub(server.proxy_full_address.c_str(), "");
+    server.proxy_sock.reset(zsock_new_sub(server.proxy_full_address.c_str(), ""));
     return made(server.proxy_sock, "zsock_new_sub");
 }
 
 static bool open_proxy_input(WIN_SERVER_t& server)
 {
-    server.proxy_input_sock = zsock_new_push(server.proxy_full_input_address.c_str());
+    server.proxy_input_sock.reset(zsock_new_push(server.proxy_full_input_address.c_str()));
     return made(server.proxy_input_sock, "zsock_new_push");
 }
 
 static bool open_message_handler(WIN_SERVER_t& server)
 {
-    server.msg_handler_sock = zsock_new_push(server.msg_handler_full_address.c_str());
+    server.msg_handler_sock.reset(zsock_new_push(server.msg_handler_full_address.c_str()));
     return made(server.msg_handler_sock, "zsock_new_push");
 }
 
 static bool make_loop(WIN_SERVER_t& server)
 {
-    server.actor_loop = zloop_new();
+    server.actor_loop.reset(zloop_new());
     return made(server.actor_loop, "zloop_new");
 }
 
@@ -152,7 +151,7 @@ static bool register_timers(WIN_SERVER_t& server)
 
 static bool make_unsent_messages(WIN_SERVER_t& server)
 {
-    server.unsent_messages = zlist_new();
+    server.unsent_messages.reset(zlist_new());
     return made(server.unsent_messages, "unsent_messages zlist_new");
 }
 
@@ -174,7 +173,7 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
         return;
     }
     zsock_signal(pipe, 0);
-    server->dbg_client_sock = zsock_new(ZMQ_PUSH);
+    server->dbg_client_sock.reset(zsock_new(ZMQ_PUSH));
     if (!server->dbg_client_sock) {
         log_call_error(__func__, "zsock_new");
         request_stop();
@@ -194,20 +193,16 @@ void destroy_actor_context(WIN_SERVER_t* server)
     if (any_null(__func__, server))
         return;
     upstream_stopping();
-    zloop_destroy(&server->actor_loop);
+    server->actor_loop.reset();
     udp_destroy(server->discovery_sock_descriptor);
     server->discovery_sock_descriptor = -1;
-    zsock_destroy(&server->win_sock);
-    if (server->unsent_messages) {
-        while (zlist_size(server->unsent_messages) > 0)
-            zframe_ptr{static_cast<zframe_t*>(zlist_pop(server->unsent_messages))}.reset();
-        zlist_destroy(&server->unsent_messages);
-    }
-    zsock_destroy(&server->proxy_input_sock);
-    zsock_destroy(&server->proxy_sock);
-    zsock_destroy(&server->msg_handler_sock);
-    zsock_destroy(&server->dbg_client_sock);
-    zsock_destroy(&server->interthread_sever_sock);
+    server->win_sock.reset();
+    server->unsent_messages.reset();
+    server->proxy_input_sock.reset();
+    server->proxy_sock.reset();
+    server->msg_handler_sock.reset();
+    server->dbg_client_sock.reset();
+    server->interthread_sever_sock.reset();
 }
 
 } // namespace rtls

@@ -1,12 +1,11 @@
 #include "terminal/short_mac.h"
 
 #include "base/logger.h"
+#include "terminal/texts.h"
 
 #include <cstring>
 
 namespace rtls {
-
-static constexpr char str_null_nodes[] = "%s: null pointer to nodes container!";
 
 static std::optional<mac_array> find_mac_locked(NODES_CONTAINER_t& nodes, uint16_t short_mac)
     RTLS_REQUIRES(nodes);
@@ -25,7 +24,7 @@ static std::optional<mac_array> find_mac_locked(NODES_CONTAINER_t& nodes, uint16
 std::optional<mac_array> find_mac_by_short(NODES_CONTAINER_t* nodes, uint16_t short_mac)
 {
     if (!nodes) {
-        logger_error(g_logger, str_null_nodes, __func__);
+        logger_error(g_logger, str_null_nodes_container, __func__);
         return std::nullopt;
     }
     const nodes_guard guard{*nodes};
@@ -35,7 +34,7 @@ std::optional<mac_array> find_mac_by_short(NODES_CONTAINER_t* nodes, uint16_t sh
 bool delete_node_by_short_mac(NODES_CONTAINER_t* nodes, uint16_t short_mac)
 {
     if (!nodes) {
-        logger_error(g_logger, str_null_nodes, __func__);
+        logger_error(g_logger, str_null_nodes_container, __func__);
         return false;
     }
     const nodes_guard guard{*nodes};

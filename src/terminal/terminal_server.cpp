@@ -261,12 +261,11 @@ void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
 {
     if (any_null(__func__, config, p_rtls_gateway))
         return nullptr;
-    std::unique_ptr<void, destroyed_by<terminal_server_destroy>> owner{new (std::nothrow) TERMINAL_SERVER_t};
-    if (!owner) {
+    terminal_server_ptr server{new (std::nothrow) TERMINAL_SERVER_t};
+    if (!server) {
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
     }
-    auto* server = static_cast<TERMINAL_SERVER_t*>(owner.get());
     server->rtls_gateway = static_cast<services*>(p_rtls_gateway);
     if (!config_value_uint16_t_get(config, "ports/terminal", &server->port))
         return nullptr;
@@ -276,7 +275,7 @@ void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
         return nullptr;
     }
     zhashx_set_destructor(server->clients.get(), terminal_client_item_destructor);
-    return owner.release();
+    return server.release();
 }
 
 bool terminal_server_run(void* p_terminal_server)

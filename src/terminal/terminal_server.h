@@ -8,16 +8,22 @@
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
 
+#include "base/czmq_ptr.h"
+
 #include <czmq.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace rtls {
+
+struct TERMINAL_SERVER_t;
 
 void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway);
 bool terminal_server_run(void* p_terminal_server);
 void terminal_server_destroy(void** pp_terminal_server);
+using terminal_server_ptr = std::unique_ptr<TERMINAL_SERVER_t, destroyed_by<terminal_server_destroy>>;
 zhashx_t* terminal_server_get_clients(void* p_terminal_server);
 bool terminal_server_is_ready(void* p_terminal_server);
 

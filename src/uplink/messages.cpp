@@ -13,10 +13,6 @@ namespace rtls {
 
 static constexpr uint16_t node_lifetime = 300; // seconds; a heartbeat names its own
 
-// The smallest frame with a timestamp envelope, and the smallest 15.4 envelope.
-static constexpr size_t wrap_ts_minimum = 17;
-static constexpr size_t nwk_data_minimum = 30;
-
 // The types that may be dispatched; the envelopes and the ping are not among them.
 static constexpr uint16_t first_dispatched_type = MSG_PANID_REQ;
 static constexpr uint16_t last_dispatched_type = MSG_SENSOR_IND_NEW;
@@ -192,8 +188,8 @@ namespace {
 
 struct link_message {
     uint16_t type;
-    // Of frame.msg, exactly. A forwarded message brings its envelope's trailer of 24 bytes along: so a
-    // forwarded heartbeat (39 + 24) has the direct one's size, and other fixed sizes are refused.
+    // Of frame.msg, exactly. A forwarded message brings its envelope's trailer along: so a forwarded
+    // heartbeat has the direct one's size, and other fixed sizes are refused.
     size_t size;
     bool (*handle)(link_frame&);
 };
@@ -209,6 +205,8 @@ static constexpr link_message link_messages[] = {
     {MSG_GENERIC_SERVER_REQ, checked_by_handler, handle_generic_server_req},
     {MSG_SENSOR_IND_NEW, checked_by_handler, handle_sensor_report},
 };
+static_assert(gwMsgHeartbeat_t::size ==
+              gwMsgHeartbeat_t::bridge_mac + nwk_data_ind::overhead - nwk_data_ind::inner);
 
 // Hands the message to the handler of its type. False refuses the frame: its size is not the type's, or the
 // handler says so.
@@ -228,7 +226,7 @@ static bool unwrap_timestamp(link_frame& frame)
     // Compared with its flag bits: a flagged type is no timestamp envelope.
     if (load_le16(frame.msg, msgHeader_t::msgType) != MSG_WRAP_TS)
         return true;
-    if (frame.msg.size() < wrap_ts_minimum)
+    if (frame.msg.size() < wrap_ts::least_frame)
         return false;
     const uint32_t seconds = load_be32(frame.msg, wrap_ts::seconds);
     const uint32_t fraction = load_be16(frame.msg, wrap_ts::fraction);
@@ -240,7 +238,7 @@ static bool unwrap_timestamp(link_frame& frame)
     frame.msg = frame.msg.subspan(wrap_ts::size);
     return true;
 }
-static_assert(wrap_ts_minimum >= wrap_ts::size + msgGeneric_t::size);
+static_assert(wrap_ts::least_frame >= wrap_ts::size + msgGeneric_t::size);
 
 // Sends the frame back as it came, the timestamp envelope included.
 static void echo_ping(link_frame& frame)
@@ -287,7 +285,7 @@ static bool unwrap_forwarded(link_frame& frame)
 {
     if (frame.type != MSG_NWK_DATA_15_4_IND && frame.type != MSG_TRF2SRV_VIA_CLIENT)
         return true;
-    if (frame.msg.size() < nwk_data_minimum)
+    if (frame.msg.size() < nwk_data_ind::least_size)
         return false;
     const size_t inner_size = load_le16(frame.msg, msgHeader_t::total_len);
     if (frame.msg.size() != inner_size + nwk_data_ind::overhead)
@@ -305,7 +303,7 @@ static bool unwrap_forwarded(link_frame& frame)
     store_le16(frame.msg, msgGeneric_t::msgType, frame.type);
     return true;
 }
-static_assert(nwk_data_minimum > nwk_data_ind::inner + msgGeneric_t::size);
+static_assert(nwk_data_ind::least_size > nwk_data_ind::inner + msgGeneric_t::size);
 
 bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
 {

@@ -144,7 +144,7 @@ static outcome publish_ul_tdoa(link_frame& frame, const payload_message& message
 
 static constexpr size_t range_report_entries(uint16_t total_len)
 {
-    return (total_len - 2U) / range_report::entry_size;
+    return (total_len - range_report::fixed_len) / range_report::entry_size;
 }
 
 static outcome print_range_report(link_frame& frame, const payload_message& message)
@@ -176,13 +176,13 @@ struct generic_sub_command {
 
 static constexpr uint16_t any_length = 0xFFFF;
 static constexpr generic_sub_command sub_commands[] = {
-    {GENERIC_REQ_RouteRequest, route_request_minimum, any_length,
+    {GENERIC_REQ_RouteRequest, route_request::least_len, any_length,
      [](uint16_t total_len) { return route_request_extent(route_requesters(total_len)); },
      answer_route_request},
     {GENERIC_REQ_OtaPage, ota_page::total_len, ota_page::total_len, [](uint16_t) { return ota_page::size; },
      answer_ota_page},
-    {GENERIC_REQ_UltdoaData, ul_tdoa_minimum, any_length, ul_tdoa_extent, publish_ul_tdoa},
-    {GENERIC_REQ_RangeRpt, 10, any_length,
+    {GENERIC_REQ_UltdoaData, ul_tdoa::least_len, any_length, ul_tdoa_extent, publish_ul_tdoa},
+    {GENERIC_REQ_RangeRpt, range_report::least_len, any_length,
      [](uint16_t total_len) {
          return range_report::entries + range_report_entries(total_len) * range_report::entry_size;
      },

@@ -251,6 +251,8 @@ struct route_request {
     static constexpr size_t mac = 0;         // 6 bytes; from here on within an entry
     static constexpr size_t lqi = 7;         // the byte before it is skipped
     static constexpr size_t entry_size = 8;
+    static constexpr size_t fixed_len = requesters - msgHeader_t::size; // of total_len, beside the entries
+    static constexpr size_t least_len = fixed_len + entry_size;         // a request names somebody
 };
 
 // GENERIC_REQ_RangeRpt: entries up to the payload's end.
@@ -260,6 +262,8 @@ struct range_report {
     static constexpr size_t value32 = 2;   // BE
     static constexpr size_t value16 = 6;   // BE
     static constexpr size_t entry_size = 8;
+    static constexpr size_t fixed_len = entries - msgHeader_t::size; // of total_len, beside the entries
+    static constexpr size_t least_len = fixed_len + entry_size;
 };
 
 // GENERIC_REQ_UltdoaData; how much of it there is follows from total_len.
@@ -272,12 +276,16 @@ struct ul_tdoa {
     static constexpr size_t range_mm = 27; // BE, signed
     static constexpr size_t tag_lqi = 31;
     static constexpr size_t resp_anchor_lqi = 32;
-    static constexpr size_t board_version = 33; // from here on when total_len > 37
+    static constexpr size_t board_version = 33; // from here on when total_len has board_len
     static constexpr size_t board_revision = 34;
     static constexpr size_t flags = 35;             // BE
     static constexpr size_t firmware_id = 37;       // BE
     static constexpr size_t batt_voltage = 41;      // BE
-    static constexpr size_t percent_of_charge = 43; // when total_len > 38
+    static constexpr size_t percent_of_charge = 43; // when total_len has charge_len
+    // The total_len up to each: the board's fields and the charge were added to the measurement later.
+    static constexpr size_t least_len = board_version - msgHeader_t::size;
+    static constexpr size_t board_len = percent_of_charge - msgHeader_t::size;
+    static constexpr size_t charge_len = board_len + 1;
 };
 
 // GENERIC_REQ_OtaPage: a node's request for a page; and the head of the request that carries one down to
@@ -335,6 +343,7 @@ struct nwk_data_ind {
     static constexpr size_t trailer_mac = 0; // from the end of the inner message
     static constexpr size_t trailer_ip = 8;
     static constexpr size_t overhead = 29; // header, MAC and IPv6 address
+    static constexpr size_t least_size = overhead + 1;
 };
 
 // MSG_WRAP_TS: the time of generation in front of a complete message.
@@ -342,6 +351,9 @@ struct wrap_ts {
     static constexpr size_t seconds = 5;  // BE
     static constexpr size_t fraction = 9; // BE, in units of 1/65536 s
     static constexpr size_t size = 11;
+    // Of a frame: room for a header and a byte behind it. Smaller ones are refused, although some of the
+    // fixed-size messages would fit.
+    static constexpr size_t least_frame = size + msgHeader_t::size + 1;
 };
 
 // The part in front of each report to the message handler: its time of generation.
@@ -401,7 +413,11 @@ static_assert(set_request::source == set_request::image_size + 4);
 static_assert(network_data::size == network_data::overhead + mac_size);
 static_assert(nwk_data_ind::overhead == nwk_data_ind::inner + nwk_data_ind::trailer_ip + ip_addr_size);
 static_assert(nwk_data_ind::trailer_ip == nwk_data_ind::trailer_mac + mac_size);
-static_assert(wrap_ts::size == wrap_ts::fraction + 2);
+static_assert(wrap_ts::size == wrap_ts::fraction + 2 && wrap_ts::least_frame == 17);
+static_assert(nwk_data_ind::least_size == 30);
+static_assert(route_request::fixed_len == 10 && route_request::least_len == 18);
+static_assert(range_report::fixed_len == 2 && range_report::least_len == 10);
+static_assert(ul_tdoa::least_len == 28 && ul_tdoa::board_len == 38 && ul_tdoa::charge_len == 39);
 static_assert(ul_tdoa::percent_of_charge + 1 == 44 && ota_page::page_number + 2 == ota_page::size);
 static_assert(ota_page::size == msgHeader_t::size + ota_page::total_len);
 static_assert(report_timestamp::size == report_timestamp::milliseconds + 2);

@@ -7,10 +7,6 @@
 
 namespace rtls {
 
-// Board fields and the charge were added to the measurement later: a longer payload has them.
-static constexpr uint16_t total_len_with_board = 38;
-static constexpr uint16_t total_len_with_charge = 39;
-
 static constexpr std::string_view route_request_head = "\"route_request\":{\"reporter\":{\"mac\":\"";
 static constexpr std::string_view route_requesters_head = "\"},\"requester\":[";
 static constexpr std::string_view route_requester_mac = "{\"mac\":\"";
@@ -125,9 +121,9 @@ void write_route_request_text(bytes_view message, size_t requesters, std::span<c
 
 size_t ul_tdoa_extent(uint16_t total_len)
 {
-    if (total_len >= total_len_with_charge)
+    if (total_len >= ul_tdoa::charge_len)
         return ul_tdoa::percent_of_charge + 1;
-    return total_len >= total_len_with_board ? ul_tdoa::percent_of_charge : ul_tdoa::board_version;
+    return total_len >= ul_tdoa::board_len ? ul_tdoa::percent_of_charge : ul_tdoa::board_version;
 }
 
 static ul_tdoa_board read_board(bytes_view message)
@@ -159,9 +155,9 @@ std::optional<ul_tdoa_report> read_ul_tdoa(bytes_view message)
         .board = std::nullopt,
         .percent_of_charge = std::nullopt,
     };
-    if (total_len >= total_len_with_board)
+    if (total_len >= ul_tdoa::board_len)
         report.board = read_board(message);
-    if (total_len >= total_len_with_charge)
+    if (total_len >= ul_tdoa::charge_len)
         report.percent_of_charge = message[ul_tdoa::percent_of_charge];
     return report;
 }

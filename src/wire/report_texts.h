@@ -33,12 +33,10 @@ size_t write_management_head(tav_timestamp_t time, std::span<char, management_he
 
 // --- route requests
 
-// The smallest total_len that makes a generic request with this sub-command a route request.
-constexpr uint16_t route_request_minimum = 18;
-// The number of requesters that a request of this length, not below the minimum, lists.
+// The number of requesters that a request of this length, not below route_request::least_len, lists.
 constexpr size_t route_requesters(uint16_t total_len)
 {
-    return (total_len - 10U) / route_request::entry_size;
+    return (total_len - route_request::fixed_len) / route_request::entry_size;
 }
 // The bytes of the message that a request with this many requesters is read from.
 constexpr size_t route_request_extent(size_t requesters)
@@ -52,7 +50,6 @@ void write_route_request_text(bytes_view message, size_t requesters, std::span<c
 
 // --- UL-TDOA data
 
-constexpr uint16_t ul_tdoa_minimum = 28;
 constexpr size_t ul_tdoa_text_limit = 400;
 
 struct ul_tdoa_board {

@@ -69,11 +69,11 @@ bytes_t with_timestamp(const bytes_t& message, const std::string& seconds_and_fr
 
 // --- the daemon
 
-static zsock_t* new_peer(zsock_t*& server_sock)
+static zsock_t* new_peer(lent<zsock_ptr>& server_sock)
 {
     const std::string endpoint = new_endpoint();
     zsock_t* peer = zsock_new_pull(("@" + endpoint).c_str());
-    server_sock = zsock_new_push((">" + endpoint).c_str());
+    server_sock.reset(zsock_new_push((">" + endpoint).c_str()));
     return peer;
 }
 
@@ -81,14 +81,14 @@ bridge_message_fixture::bridge_message_fixture()
     : bridge(add_bridge(bridge_id)), other_bridge(add_bridge(other_bridge_id)),
       m_handler(new_peer(server->msg_handler_sock)), m_proxy(new_peer(server->proxy_input_sock))
 {
-    server->actor_loop = zloop_new();
+    server->actor_loop.reset(zloop_new());
 }
 
 bridge_message_fixture::~bridge_message_fixture()
 {
-    zloop_destroy(&server->actor_loop);
-    zsock_destroy(&server->msg_handler_sock);
-    zsock_destroy(&server->proxy_input_sock);
+    server->actor_loop.reset();
+    server->msg_handler_sock.reset();
+    server->proxy_input_sock.reset();
     zsock_destroy(&m_handler);
     zsock_destroy(&m_proxy);
 }

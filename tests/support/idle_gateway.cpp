@@ -10,20 +10,20 @@ static constexpr uint8_t identity[] = {0x00, 0x11, 0x22, 0x33, 0x44};
 
 idle_gateway::idle_gateway() : m_server(win_server()), m_bridge(add_bridge(identity))
 {
-    m_server.actor_loop = zloop_new();
-    m_server.win_sock = zsock_new(ZMQ_STREAM);
-    m_server.dbg_client_sock = zsock_new(ZMQ_PUSH);
-    m_server.msg_handler_sock = zsock_new(ZMQ_PUSH);
-    m_server.proxy_input_sock = zsock_new(ZMQ_PUSH);
+    m_server.actor_loop.reset(zloop_new());
+    m_server.win_sock.reset(zsock_new(ZMQ_STREAM));
+    m_server.dbg_client_sock.reset(zsock_new(ZMQ_PUSH));
+    m_server.msg_handler_sock.reset(zsock_new(ZMQ_PUSH));
+    m_server.proxy_input_sock.reset(zsock_new(ZMQ_PUSH));
 }
 
 idle_gateway::~idle_gateway()
 {
-    zloop_destroy(&m_server.actor_loop);
-    zsock_destroy(&m_server.win_sock);
-    zsock_destroy(&m_server.dbg_client_sock);
-    zsock_destroy(&m_server.msg_handler_sock);
-    zsock_destroy(&m_server.proxy_input_sock);
+    m_server.actor_loop.reset();
+    m_server.win_sock.reset();
+    m_server.dbg_client_sock.reset();
+    m_server.msg_handler_sock.reset();
+    m_server.proxy_input_sock.reset();
 }
 
 void idle_gateway::drop_unsent(WIN_CLIENT_t& bridge)

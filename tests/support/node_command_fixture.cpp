@@ -9,13 +9,13 @@ namespace rtls {
 
 node_command_fixture::node_command_fixture()
 {
-    server->win_sock = zsock_new(ZMQ_STREAM);
+    server->win_sock.reset(zsock_new(ZMQ_STREAM));
     (void)m_log.take();
 }
 
 node_command_fixture::~node_command_fixture()
 {
-    zsock_destroy(&server->win_sock);
+    server->win_sock.reset();
 }
 
 WIN_CLIENT_t* node_command_fixture::add_bridge(const std::string& id)

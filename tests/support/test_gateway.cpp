@@ -98,9 +98,10 @@ void test_gateway::run_win_server()
 WIN_CLIENT_t* test_gateway::add_bridge(bytes_view identity)
 {
     const zframe_ptr id{zframe_new(identity.data(), identity.size())};
-    WIN_CLIENT_t* client = win_client_new(id.get());
-    require(client != nullptr, "win_client_new");
-    require(win_server().clients.insert(to_hex(identity).c_str(), client), "a place in the table");
+    win_client_ptr made{win_client_new(id.get())};
+    require(made != nullptr, "win_client_new");
+    WIN_CLIENT_t* client = win_server().clients.insert(to_hex(identity).c_str(), std::move(made));
+    require(client != nullptr, "a place in the table");
     return client;
 }
 

@@ -17,8 +17,8 @@ using std::chrono::steady_clock;
 
 win_link::win_link(int high_water_mark)
 {
-    server().win_sock = zsock_new(ZMQ_STREAM);
-    server().actor_loop = zloop_new();
+    server().win_sock.reset(zsock_new(ZMQ_STREAM));
+    server().actor_loop.reset(zloop_new());
     if (high_water_mark > 0)
         zsock_set_sndhwm(server().win_sock, high_water_mark);
     zsock_set_sndtimeo(server().win_sock, 100);
@@ -30,8 +30,8 @@ win_link::win_link(int high_water_mark)
 
 win_link::~win_link()
 {
-    zloop_destroy(&server().actor_loop);
-    zsock_destroy(&server().win_sock);
+    server().actor_loop.reset();
+    server().win_sock.reset();
 }
 
 bool win_link::pump_until(const std::function<bool()>& done) const

@@ -45,8 +45,8 @@ namespace {
 
 class null_arguments : public node_command_fixture {
 public:
-    null_arguments() { server->actor_loop = zloop_new(); }
-    ~null_arguments() override { zloop_destroy(&server->actor_loop); }
+    null_arguments() { server->actor_loop.reset(zloop_new()); }
+    ~null_arguments() override { server->actor_loop.reset(); }
 
     // What a call may be given beside its missing argument.
     void* given_gateway() { return gateway; }
@@ -61,9 +61,9 @@ public:
     template <typename Call>
     bool without_win_port(Call call)
     {
-        zsock_t* port = std::exchange(server->win_sock, nullptr);
+        lent<zsock_ptr> port = std::exchange(server->win_sock, {});
         const bool answer = call();
-        server->win_sock = port;
+        server->win_sock = std::move(port);
         return answer;
     }
 

@@ -286,15 +286,13 @@ TEST_F(gateway, the_firmware_before_is_given_back)
 TEST_F(gateway, nodes_update_goes_to_all_bridges)
 {
     test_gateway given{m_config};
-    zsock_t*& win_sock = given.win_server().win_sock;
-    win_sock = zsock_new(ZMQ_STREAM); // nobody is connected: what is sent waits
+    given.win_server().win_sock.reset(zsock_new(ZMQ_STREAM)); // nobody is connected: what is sent waits
     std::vector<WIN_CLIENT_t*> bridges;
     for (const uint8_t number : {uint8_t{1}, uint8_t{2}, uint8_t{3}})
         bridges.push_back(given.add_bridge(std::array<uint8_t, 5>{0, 0, 0, 0, number}));
     rtls_gateway_nodes_update(given.handle());
     for (WIN_CLIENT_t* bridge : bridges)
         EXPECT_EQ(bridge->unsent_messages.size(), 1U);
-    zsock_destroy(&win_sock);
 }
 
 TEST_F(gateway, nodes_update_without_a_bridge_has_nothing_to_do)

@@ -114,9 +114,9 @@ constexpr uint8_t report[] = {1, 2, 3};
 TEST_F(log_levels, overflows_and_their_ends_are_errors)
 {
     const std::string endpoint = new_endpoint();
-    server->msg_handler_sock = zsock_new(ZMQ_PUSH);
-    server->proxy_input_sock = zsock_new(ZMQ_PUSH);
-    server->dbg_client_sock = zsock_new(ZMQ_PUSH);
+    server->msg_handler_sock.reset(zsock_new(ZMQ_PUSH));
+    server->proxy_input_sock.reset(zsock_new(ZMQ_PUSH));
+    server->dbg_client_sock.reset(zsock_new(ZMQ_PUSH));
     const struct {
         zsock_t* sock;
         void (*send)(WIN_SERVER_t*);
@@ -143,8 +143,8 @@ TEST_F(log_levels, overflows_and_their_ends_are_errors)
         c.send(server);
         EXPECT_EQ(level_of(std::string("Exemption ") + c.queue), LOG_ERR);
     }
-    for (zsock_t** sock : {&server->msg_handler_sock, &server->proxy_input_sock, &server->dbg_client_sock})
-        zsock_destroy(sock);
+    for (auto* sock : {&server->msg_handler_sock, &server->proxy_input_sock, &server->dbg_client_sock})
+        sock->reset();
 }
 
 TEST_F(log_levels, messages_that_a_bridge_loses_are_errors)

@@ -1,5 +1,5 @@
-#include "base/czmq_ptr.h"
 #include "firmware/firmware.h"
+#include "firmware/image_download.h"
 #include "support/http_responder.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"
@@ -22,16 +22,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
-
-struct firmware_destroyed {
-    void operator()(FIRMWARE_t* firmware) const
-    {
-        void* p_firmware = firmware;
-        firmware_destroy(&p_firmware);
-        EXPECT_EQ(p_firmware, nullptr);
-    }
-};
-using firmware_owner = std::unique_ptr<FIRMWARE_t, firmware_destroyed>;
 
 // Bit by bit, as the nodes' boot loader documents it: no inversion before or after.
 uint32_t node_crc(const std::vector<uint8_t>& bytes)
@@ -58,10 +48,15 @@ std::string as_text(const std::vector<uint8_t>& bytes)
     return {bytes.begin(), bytes.end()};
 }
 
-// An image without a download. The bytes stay with the caller.
-FIRMWARE_t image_of(std::vector<uint8_t>& bytes)
+// An image without a download.
+FIRMWARE_t image_of(const std::vector<uint8_t>& bytes)
 {
-    return {bytes.data(), bytes.size(), 0, 0x0102A0FF, "image"};
+    FIRMWARE_t firmware;
+    firmware.memory = allocate_image(bytes.size());
+    std::ranges::copy(bytes, firmware.memory.get());
+    firmware.size = bytes.size();
+    firmware.version = 0x0102A0FF;
+    return firmware;
 }
 
 gwMsgUpdateRequest_t request_for(uint16_t page)
@@ -84,9 +79,9 @@ TEST(firmware_download, record_describes_the_image)
     http_responder server{{{"/dir/obn-node.0102A0FF.bin", {http_image(as_text(bytes))}}}};
     const std::string url = server.url("/dir/obn-node.0102A0FF.bin");
     log_capture log;
-    const firmware_owner firmware{firmware_get_from_url(url.c_str())};
+    const firmware_ptr firmware{firmware_get_from_url(url.c_str())};
     ASSERT_TRUE(firmware);
-    EXPECT_EQ(std::vector(firmware->memory, firmware->memory + firmware->size), bytes);
+    EXPECT_EQ(std::vector(firmware->memory.get(), firmware->memory + firmware->size), bytes);
     EXPECT_EQ(firmware->crc32, node_crc(bytes));
     EXPECT_EQ(firmware->version, 0x0102A0FFu);
     EXPECT_STREQ(firmware->name, "obn-node.0102A0FF.bin");
@@ -129,7 +124,7 @@ TEST(firmware_download, version_stands_in_the_file_name)
         const temp_file file{c.name, std::string(1, '\0')};
         log_capture log;
         const std::string url = file.url();
-        const firmware_owner firmware{firmware_get_from_url(url.c_str())};
+        const firmware_ptr firmware{firmware_get_from_url(url.c_str())};
         ASSERT_TRUE(firmware);
         EXPECT_EQ(firmware->version, c.version);
         char line[200];
@@ -158,7 +153,7 @@ TEST(firmware_download, only_the_last_component_of_the_url_is_the_name)
         SCOPED_TRACE(c.path);
         http_responder server{{{c.path, {http_image("abc")}}}};
         const std::string url = server.url(c.path);
-        const firmware_owner firmware{firmware_get_from_url(url.c_str())};
+        const firmware_ptr firmware{firmware_get_from_url(url.c_str())};
         ASSERT_TRUE(firmware);
         EXPECT_STREQ(firmware->name, c.name);
         EXPECT_EQ(firmware->version, c.version);
@@ -181,7 +176,7 @@ TEST(firmware_download, crc_is_the_nodes_own)
     for (const auto& c : cases) {
         const temp_file file{"image.bin", c.image};
         const std::string url = file.url();
-        const firmware_owner firmware{firmware_get_from_url(url.c_str())};
+        const firmware_ptr firmware{firmware_get_from_url(url.c_str())};
         ASSERT_TRUE(firmware);
         EXPECT_EQ(firmware->size, c.image.size());
         EXPECT_EQ(firmware->crc32, c.crc32);
@@ -193,7 +188,7 @@ TEST(firmware_download, error_page_with_a_length_is_an_image_too)
 {
     http_responder server{{{"/image.bin", {"HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone"}}}};
     const std::string url = server.url("/image.bin");
-    const firmware_owner firmware{firmware_get_from_url(url.c_str())};
+    const firmware_ptr firmware{firmware_get_from_url(url.c_str())};
     ASSERT_TRUE(firmware);
     EXPECT_EQ(firmware->size, 4u);
 }
@@ -310,7 +305,9 @@ TEST(firmware_msg_pack, without_a_message_nothing_can_be_said)
 TEST(firmware_destroy, null_is_welcome_except_for_the_handle)
 {
     log_capture log;
-    void* p_firmware = nullptr;
+    void* p_firmware = new FIRMWARE_t{};
+    firmware_destroy(&p_firmware);
+    EXPECT_EQ(p_firmware, nullptr);
     firmware_destroy(&p_firmware);
     EXPECT_EQ(p_firmware, nullptr);
     EXPECT_THAT(log.messages("main"), IsEmpty());

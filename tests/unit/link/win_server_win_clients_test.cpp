@@ -79,9 +79,9 @@ bool send_to(const win_link& link, zframe_t* id, const bytes_t& message)
 WIN_CLIENT_t* add_unreachable(const win_link& link, const char* identity)
 {
     const zframe_ptr id{zframe_new(identity, 5)};
-    WIN_CLIENT_t* client = win_client_new(id.get());
-    link.server().clients.insert(key_of(*client).c_str(), client);
-    return client;
+    win_client_ptr made{win_client_new(id.get())};
+    const std::string key = key_of(*made);
+    return link.server().clients.insert(key.c_str(), std::move(made));
 }
 
 constexpr char unreachable[] = "esc_data_to_win_client: zframe_send: 113, Host unreachable";

@@ -231,7 +231,7 @@ TEST(check_proxy_connection, reconnects_from_the_second_silent_tick_on)
     const std::string endpoint = "tcp://127.0.0.1:" + std::to_string(port);
     WIN_SERVER_t& server = link.server();
     server.proxy_full_address = endpoint;
-    server.proxy_sock = zsock_new(ZMQ_SUB);
+    server.proxy_sock.reset(zsock_new(ZMQ_SUB));
     zsock_set_subscribe(server.proxy_sock, "");
     zactor_t* monitor = zactor_new(zmonitor, server.proxy_sock);
     zstr_sendx(monitor, "LISTEN", "CONNECTED", NULL);
@@ -268,7 +268,7 @@ TEST(check_proxy_connection, reconnects_from_the_second_silent_tick_on)
     EXPECT_FALSE(is_stop_requested());
 
     zactor_destroy(&monitor);
-    zsock_destroy(&server.proxy_sock);
+    server.proxy_sock.reset();
     zsock_destroy(&proxy);
 }
 
@@ -276,7 +276,7 @@ TEST(check_proxy_connection, a_failed_reconnect_ends_the_gateway)
 {
     log_capture log;
     const win_link link;
-    link.server().proxy_sock = zsock_new(ZMQ_SUB); // never connected, so it cannot be disconnected
+    link.server().proxy_sock.reset(zsock_new(ZMQ_SUB)); // never connected, so it cannot be disconnected
     log.take();
     EXPECT_EQ(check_proxy_connection(link.loop(), 1, &link.server()), 0);
     EXPECT_THAT(log.take(), IsEmpty());
@@ -286,7 +286,7 @@ TEST(check_proxy_connection, a_failed_reconnect_ends_the_gateway)
                 ElementsAre("check_proxy_connection: zsock_disconnect: 2, No such file or directory"));
     EXPECT_TRUE(is_stop_requested());
     clear_stop();
-    zsock_destroy(&link.server().proxy_sock);
+    link.server().proxy_sock.reset();
 }
 
 TEST(unsent_messages, go_out_oldest_first_with_a_line_each)

@@ -334,7 +334,7 @@ TEST_F(win_server_actor_test, tear_down_takes_what_is_there)
 
     const zconfig_ptr config = complete_config.tree();
     const server_owner owner{win_server_new(config.get(), &any_gateway)};
-    owner.server().unsent_messages = zlist_new();
+    owner.server().unsent_messages.reset(zlist_new());
     zlist_append(owner.server().unsent_messages, zframe_new("1", 1));
     zlist_append(owner.server().unsent_messages, zframe_new("2", 1));
     destroy_actor_context(&owner.server());

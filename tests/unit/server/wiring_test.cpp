@@ -346,7 +346,7 @@ TEST_F(wiring, a_proxy_that_cannot_be_connected_again_ends_the_gateway)
 {
     const win_link link;
     WIN_SERVER_t& server = link.server();
-    server.proxy_sock = zsock_new_sub(server.proxy_full_address.c_str(), "");
+    server.proxy_sock.reset(zsock_new_sub(server.proxy_full_address.c_str(), ""));
     ASSERT_NE(server.proxy_sock, nullptr);
     (void)log.take();
     EXPECT_EQ(check_proxy_connection(link.loop(), 1, &server), 0);
@@ -356,7 +356,7 @@ TEST_F(wiring, a_proxy_that_cannot_be_connected_again_ends_the_gateway)
     EXPECT_THAT(log.messages("main"), ElementsAre("check_proxy_connection: zsock_connect: " +
                                                   std::to_string(EMTHREAD) + ", " + zmq_strerror(EMTHREAD)));
     EXPECT_TRUE(is_stop_requested());
-    zsock_destroy(&server.proxy_sock);
+    server.proxy_sock.reset();
 }
 
 // --- the table of bridges, which another thread copies

@@ -56,24 +56,18 @@ protected:
           handler(zsock_new_pull(("@" + handler_endpoint).c_str())),
           proxy(zsock_new_pull(("@" + proxy_endpoint).c_str()))
     {
-        server.msg_handler_sock = zsock_new_push((">" + handler_endpoint).c_str());
-        server.proxy_input_sock = zsock_new_push((">" + proxy_endpoint).c_str());
+        server.msg_handler_sock.reset(zsock_new_push((">" + handler_endpoint).c_str()));
+        server.proxy_input_sock.reset(zsock_new_push((">" + proxy_endpoint).c_str()));
     }
 
     ~upstream() override
     {
-        zsock_destroy(&server.msg_handler_sock);
-        zsock_destroy(&server.proxy_input_sock);
+        server.msg_handler_sock.reset();
+        server.proxy_input_sock.reset();
     }
 
     upstream(const upstream&) = delete;
     upstream& operator=(const upstream&) = delete;
-
-    static void replace(zsock_t*& sock, zsock_t* by)
-    {
-        zsock_destroy(&sock);
-        sock = by;
-    }
 
     std::string next_line() const
     {
@@ -142,7 +136,7 @@ TEST_F(upstream, a_full_handler_queue_is_reported_once_and_once_its_end)
 {
     const uint8_t data = 1;
     for (int episode = 0; episode < 2; episode++) {
-        replace(server.msg_handler_sock, zsock_new(ZMQ_PUSH)); // nobody to take anything
+        server.msg_handler_sock.reset(zsock_new(ZMQ_PUSH)); // nobody to take anything
         for (int i = 0; i < 10; i++)
             data_to_msg_handler(&server, &data, 1, 0, 0);
         EXPECT_EQ(log.messages("main"), lines_t{"Overflow message handler queue!"});
@@ -159,7 +153,7 @@ TEST_F(upstream, a_full_handler_queue_is_reported_once_and_once_its_end)
 
 TEST_F(upstream, a_full_queue_takes_whole_reports_only)
 {
-    replace(server.msg_handler_sock, zsock_new(ZMQ_PUSH));
+    server.msg_handler_sock.reset(zsock_new(ZMQ_PUSH));
     zsock_set_sndhwm(server.msg_handler_sock, 2);
     const zsock_ptr small{zsock_new(ZMQ_PULL)};
     zsock_set_rcvhwm(small.get(), 2);
@@ -185,8 +179,8 @@ TEST_F(upstream, a_full_queue_takes_whole_reports_only)
 
 TEST_F(upstream, other_failures_are_logged_each_time)
 {
-    replace(server.msg_handler_sock, zsock_new(ZMQ_PULL)); // a socket that cannot send
-    replace(server.proxy_input_sock, zsock_new(ZMQ_PULL));
+    server.msg_handler_sock.reset(zsock_new(ZMQ_PULL)); // a socket that cannot send
+    server.proxy_input_sock.reset(zsock_new(ZMQ_PULL));
     const uint8_t data = 1;
     for (int i = 0; i < 2; i++) {
         data_to_msg_handler(&server, &data, 1, 0, 0);
@@ -245,7 +239,7 @@ TEST_F(upstream, a_management_line_carries_any_text)
 
 TEST_F(upstream, a_full_proxy_queue_neither_blocks_nor_repeats_itself)
 {
-    replace(server.proxy_input_sock, zsock_new_push(">tcp://127.0.0.1:1")); // nobody listens
+    server.proxy_input_sock.reset(zsock_new_push(">tcp://127.0.0.1:1")); // nobody listens
     for (int i = 0; i < 1100; i++) {
         win_management_to_server(&server, "text");
         if (i % 100 == 0)
@@ -253,7 +247,7 @@ TEST_F(upstream, a_full_proxy_queue_neither_blocks_nor_repeats_itself)
     }
     EXPECT_EQ(log.messages("main"), lines_t{"Overflow proxy input queue!"});
 
-    replace(server.proxy_input_sock, zsock_new_push((">" + proxy_endpoint).c_str()));
+    server.proxy_input_sock.reset(zsock_new_push((">" + proxy_endpoint).c_str()));
     win_management_to_server(&server, "text");
     win_management_to_server(&server, "text");
     EXPECT_TRUE(is_end(log.messages("main"), "proxy input queue", 100));
@@ -261,7 +255,7 @@ TEST_F(upstream, a_full_proxy_queue_neither_blocks_nor_repeats_itself)
 
 TEST_F(upstream, the_two_queues_overflow_apart)
 {
-    replace(server.msg_handler_sock, zsock_new(ZMQ_PUSH));
+    server.msg_handler_sock.reset(zsock_new(ZMQ_PUSH));
     const uint8_t data = 1;
     data_to_msg_handler(&server, &data, 1, 0, 0);
     win_management_to_server(&server, "text");
@@ -276,7 +270,7 @@ TEST_F(upstream, the_stop_says_what_an_overflow_has_cost_that_has_not_ended)
 {
     upstream_stopping();
     EXPECT_EQ(log.messages("main"), lines_t{}); // there is none
-    replace(server.msg_handler_sock, zsock_new(ZMQ_PUSH));
+    server.msg_handler_sock.reset(zsock_new(ZMQ_PUSH));
     const uint8_t data = 1;
     for (int i = 0; i < 7; i++)
         data_to_msg_handler(&server, &data, 1, 0, 0);
