@@ -11,6 +11,7 @@
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/door.h"
+#include "base/memory_sum.h"
 #include "base/own_addresses.h"
 #include "base/rate_bound.h"
 #include "link/client_table.h"
@@ -33,13 +34,18 @@ struct WIN_SERVER_t {
     in_port_t discovery_port = 0;
     door win_door{"WIN"};
     std::string discovery_address = "*";
+    memory_sum unsent_total;     // of all clients' unsent messages
+    memory_sum unfinished_total; // of all clients' frames at hand
+    refusal_episode frames_given_up;
     client_table clients;
+    gathered_answers answers;
     std::string proxy_full_address; // endpoints
     std::string proxy_full_input_address;
     std::string msg_handler_full_address;
     uint16_t rpl_prefix = 1;
     bool rpl_timer_is_active = false;
     bool unprocessed_MSG_PANID_REQ = false;
+    bool flush_timer_is_active = false;
     std::atomic<bool> ready{false}; // set once by the actor, polled by the owner
     bool proxy_is_silent = false;
     lent<zsock_ptr> win_sock;

@@ -16,8 +16,11 @@
 
 namespace rtls {
 
-// The most events one call of the reader takes: many for the intake, few enough for the other sockets.
+// The most events and bytes that one call of the reader takes: many for the intake, few enough for the other
+// sockets. Within a call, the stream socket gives one event of each connection that has some in turn, and
+// none of them has more than 8 KiB: nobody's flood comes before somebody else's word.
 static constexpr int events_per_call = 64;
+static constexpr size_t bytes_per_call = size_t{64} * 1024;
 
 // While events come this close behind one another, the reader lets some more gather before it takes them,
 // for up to a millisecond a call. Waking up for each report, and having the loop ask every socket for
@@ -54,6 +57,9 @@ static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, 
         return nullptr;
     }
     client->pending_buffsize = pending_data_step;
+    client->pending_memory.set(pending_data_step);
+    client->pending_memory.join(server.unfinished_total);
+    client->unsent_messages.count_in(server.unsent_total);
     return client;
 }
 
@@ -95,7 +101,9 @@ static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_k
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_INPUT", "%s [%zu] %s:%d [%s]",
                   hex_text{data}.c_str(), data.size(), ipv4_text{client.addr}.c_str(),
                   ntohs(client.addr.sin_port), key.c_str());
+    begin_answers(server, client);
     parse_data_from_win_client(&server, &client, data.data(), data.size());
+    end_answers(server);
 }
 
 static void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& data)
@@ -152,14 +160,39 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
         logger_error(g_logger, "%s: zframe_recv returned NULL!", __func__);
         return 1;
     }
+    size_t bytes = 0;
     for (int events = 1;; ++events) {
         if (!data.receive(socket)) {
             log_call_error(__func__, "zframe_recv");
             return 1;
         }
+        bytes += data.size();
         handle_event(*server, identity, data);
-        if (events == events_per_call || !receive_another(identity, *server, socket, call_began))
+        if (events == events_per_call || bytes >= bytes_per_call ||
+            !receive_another(identity, *server, socket, call_began))
             return 0;
+    }
+}
+
+// When all frames together take too much, the largest is given up, this client's or another's.
+static void bound_frames(WIN_SERVER_t& server, size_t added)
+{
+    while (server.unfinished_total.bytes() + added > pending_data_total_limit) {
+        WIN_CLIENT_t* largest =
+            server.clients.largest([](const WIN_CLIENT_t& c) { return c.pending_memory.bytes(); });
+        const size_t before = largest ? largest->pending_memory.bytes() : 0;
+        if (before <= pending_data_step)
+            return; // many small ones: each costs no more than its connection does
+        if (server.frames_given_up.begins(zclock_mono()))
+            logger_error(g_logger,
+                         "%s: the unfinished messages of all win clients take too much: the one of [%s] "
+                         "IP %s:%d, %zu bytes, is dropped!",
+                         "parse_data_from_win_client", identity_key{largest->id}.c_str(),
+                         ipv4_text{largest->addr}.c_str(), ntohs(largest->addr.sin_port),
+                         largest->pending_data_size);
+        win_client_give_up_frame(*largest);
+        if (largest->pending_memory.bytes() == before)
+            return; // the memory could not be had back
     }
 }
 
@@ -167,6 +200,7 @@ void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, cons
 {
     if (any_null(__func__, server, client, data))
         return;
+    bound_frames(*server, size);
     win_client_decode(*client, {data, size}, deliver_frame, server);
 }
 
