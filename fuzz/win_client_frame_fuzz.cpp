@@ -46,6 +46,7 @@ constexpr unsigned known_sub_command = 0x10;
 constexpr unsigned is_forwarded = 0x20;
 constexpr unsigned is_stream = 0x80; // nothing is helped
 } // namespace option
+static_assert(std::size(known_types) == option::type + 1, "a type that no index reaches is never tried");
 
 void forget_everything(idle_gateway& gateway)
 {

@@ -1,6 +1,7 @@
 // main - brings up logging and the gateway, waits for a signal to stop, takes everything down again.
 
 #include "base/config.h"
+#include "base/descriptors.h"
 #include "base/logger.h"
 #include "base/signals.h"
 #include "rtls-gateway.h"
@@ -8,7 +9,7 @@
 #include <curl/curl.h>
 #include <czmq.h>
 
-#include <sys/resource.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -18,14 +19,19 @@ using namespace rtls;
 
 static constexpr int idle_step_ms = 100;
 
-// Each bridge costs a descriptor, and the library spins when there are none left to accept with.
-static void raise_descriptor_limit()
+// False after saying that there are too few. Before anything is opened, the logger included: the libraries
+// end the program when they get no descriptor at their start.
+static bool has_descriptors()
 {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return;
-    limit.rlim_cur = limit.rlim_max;
-    (void)setrlimit(RLIMIT_NOFILE, &limit);
+    const size_t allowed = raise_descriptor_limit(); // each bridge costs one
+    if (allowed >= descriptors_needed)
+        return true;
+    openlog("rtls-gateway", LOG_PERROR, LOG_USER);
+    syslog(LOG_ERR,
+           "%zu open files are allowed, at least %zu are needed! See ulimit -Hn, or LimitNOFILE=", allowed,
+           descriptors_needed);
+    closelog();
+    return false;
 }
 
 static void log_versions()
@@ -95,12 +101,13 @@ static bool serve_with_curl(const char* config_file)
 
 int main(int argc, char* argv[])
 {
-    // First of all: from here on SIGTERM is an orderly stop, whenever it comes.
+    if (!has_descriptors())
+        return EXIT_FAILURE;
+    // First of all else: from here on SIGTERM is an orderly stop, whenever it comes.
     zsys_init();
     stop_on_hangup();
     block_stop_signals();
     (void)std::signal(SIGPIPE, SIG_IGN);
-    raise_descriptor_limit();
 
     if (!logger_init("rtls-gateway"))
         return EXIT_FAILURE;

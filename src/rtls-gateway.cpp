@@ -2,6 +2,7 @@
 
 #include "base/common.h"
 #include "base/config.h"
+#include "base/door.h"
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "base/signals.h"
@@ -69,6 +70,22 @@ static bool read_firmware_files(zconfig_t* config, uint16_t* number)
     return false;
 }
 
+// An optional key: which nodes may register.
+static bool read_admitted_macs(zconfig_t* config, NODES_CONTAINER_t& nodes)
+{
+    try {
+        std::optional<prefix_list> macs;
+        if (!read_mac_list(config, "win", macs))
+            return false;
+        if (macs)
+            nodes.admit_only(*std::move(macs));
+        return true;
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, "rtls_gateway_new");
+        return false;
+    }
+}
+
 // Keeps what a service's own function has made, and names it among the services. False when there is none.
 template <typename Owner>
 static bool keep(Owner& owner, typename Owner::pointer& service, void* handle)
@@ -92,6 +109,7 @@ static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_nam
            keep(gateway.own_terminal_server, gateway.terminal_server,
                 terminal_server_new(gateway.config, handle)) &&
            keep(gateway.own_nodes, gateway.nodes, nodes_container_new()) &&
+           read_admitted_macs(gateway.config, *gateway.nodes) &&
            read_firmware_files(gateway.config, &firmware_files) &&
            keep(gateway.own_ota, gateway.ota, ota_new(firmware_files));
 }

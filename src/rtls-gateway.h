@@ -3,7 +3,8 @@
 // Ownership  The gateway owns what its getters return; callers borrow it.
 // Threads    Created, run and destroyed on the main thread; the getters serve the actors' threads. No lock.
 // Blocking   rtls_gateway_run waits for the actors to be ready or to fail, rtls_gateway_destroy for their
-// end. Failures   A null handle is logged and answered with nullptr, 0 or false.
+//            end.
+// Failures   A null handle is logged and answered with nullptr, 0 or false.
 #pragma once
 
 #include "version.h"

@@ -1,8 +1,9 @@
 // services - what the gateway hands to its actors: each service by its own type.
 //
-// Ownership  The gateway object owns the record and what it points to. The handle that the
-//            functions by handle pass around (p_rtls_gateway) is this record's address.
+// Ownership  The gateway object owns the record and what it points to. The handle that the functions by
+//            handle pass around (p_rtls_gateway) is this record's address.
 // Threads    Written on the main thread while no actor runs; read by the actors.
+// Failures   None: a service that is not there is a null pointer.
 #pragma once
 
 #include "firmware/firmware.h"

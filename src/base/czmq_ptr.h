@@ -3,6 +3,7 @@
 // Both spell destruction `x_destroy(&p)`, ours by void**, so one deleter serves them all and costs no space.
 // Where the order of tear-down counts, reset() them in that order: members' own order does not show.
 // Threads    As of what they own: a socket is closed on the thread that uses it.
+// Failures   Nothing throws; an owner of null destroys nothing.
 #pragma once
 
 #include <czmq.h>

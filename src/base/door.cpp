@@ -82,14 +82,20 @@ static bool read_bound(zconfig_t* config, const char* name, const char* what, si
     return true;
 }
 
-static bool read_networks(zconfig_t* config, const char* name, std::optional<prefix_list>& networks)
+static bool read_list(zconfig_t* config, const char* name, const char* what,
+                      std::optional<prefix_list> (*parse)(std::string_view), const char* expected,
+                      std::optional<prefix_list>& list)
 {
-    static constexpr char what[] = "_networks";
     const char* text = optional_text(config, name, what);
     if (!text)
         return true;
-    networks = parse_networks(text);
-    return networks || refuse(name, what, "list of IPv4 networks");
+    list = parse(text);
+    return list || refuse(name, what, expected);
+}
+
+bool read_mac_list(zconfig_t* config, const char* name, std::optional<prefix_list>& macs)
+{
+    return read_list(config, name, "_macs", parse_macs, "list of MACs", macs);
 }
 
 bool read_door_rules(zconfig_t* config, const char* name, door_rules& rules)
@@ -97,7 +103,7 @@ bool read_door_rules(zconfig_t* config, const char* name, door_rules& rules)
     return read_door_address(config, name, rules.address) &&
            read_bound(config, name, "_connections", rules.most) &&
            read_bound(config, name, "_connections_per_address", rules.most_of_one_address) &&
-           read_networks(config, name, rules.networks);
+           read_list(config, name, "_networks", parse_networks, "list of IPv4 networks", rules.networks);
 }
 
 } // namespace rtls

@@ -71,4 +71,7 @@ bool read_door_rules(zconfig_t* config, const char* name, door_rules& rules);
 // error in the log, when it is none.
 bool read_door_address(zconfig_t* config, const char* name, std::string& address);
 
+// The optional key ports/<name>_macs; none when it is absent. Otherwise as read_door_rules.
+bool read_mac_list(zconfig_t* config, const char* name, std::optional<prefix_list>& macs);
+
 } // namespace rtls

@@ -1,5 +1,8 @@
-// endpoints - the names of the channels between this process's own threads. Their sockets belong to the
-// threads that are named here.
+// endpoints - the names of the channels between this process's own threads.
+//
+// Ownership  None: texts that live as long as the program.
+// Threads    Constants: any. A socket belongs to the thread that is named beside its channel.
+// Failures   None here: who opens a socket says what fails.
 #pragma once
 
 namespace rtls {

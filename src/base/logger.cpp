@@ -15,6 +15,9 @@ tav_logger g_logger_ctx;
 tav_component_logger g_logger;
 tav_component_logger* g_logger_section;
 
+// For a system log that nobody reads.
+static constexpr unsigned flush_timeout_ms = 2000;
+
 static size_t get_longest_section_lenght() // "lenght": sic
 {
     size_t longest = 0;
@@ -67,7 +70,9 @@ bool logger_init(const char* project_name)
     }
     g_logger = create_component_logger(g_logger_ctx, "main");
     if (!g_logger) {
-        syslog(LOG_ERR, str_out_of_memory, __func__);
+        // From here on libc's functions are the logger's: who calls them waits for as long as it does.
+        if (logger_flush(g_logger_ctx, flush_timeout_ms))
+            syslog(LOG_ERR, str_out_of_memory, __func__);
         return false;
     }
     if (!create_section_loggers()) {

@@ -2,9 +2,10 @@
 //
 // Ownership  The loggers live from logger_init to logger_cleanup; everybody else borrows them.
 // Threads    logger_init and logger_cleanup run on the main thread, while no other thread logs. Logging
-// itself:
-//            any thread, at once.
-// Blocking   logger_cleanup waits up to 5 s for records that the debug broker has not taken.
+//            itself: any thread, at once.
+// Blocking   logger_cleanup waits up to 5 s for records that the debug broker has not taken. A logger_init
+//            that fails may wait 2 s for a system log that nobody reads.
+// Failures   logger_init: logged. A record that there is no memory for is lost, and the system log says so.
 #pragma once
 
 #include "core/clogger.h"

@@ -3,14 +3,13 @@
 // Not a zframe: a report then costs no allocation of ours (the library keeps small parts in place), and
 // the connection's descriptor can be asked of the part itself.
 // Threads    None of its own.
-// Failures   Nothing throws. Receiving and sending do not wait; errno tells why they failed.
+// Failures   Nothing throws. Receiving does not wait, nor does sending unless it is told to; errno tells why
+//            they failed.
 #pragma once
 
 #include "base/bytes.h"
 
 #include <zmq.h>
-
-#include <cerrno>
 
 namespace rtls {
 
@@ -43,10 +42,10 @@ public:
     bool receive(void* socket) noexcept { return zmq_msg_recv(&m_message, socket, ZMQ_DONTWAIT) >= 0; }
 
     // Hands the content over to `socket`, or leaves it as it is. `more`: another part of this message
-    // follows.
-    bool send(void* socket, bool more = false) noexcept
+    // follows. `wait`: for room, up to the socket's send time-out.
+    bool send(void* socket, bool more = false, bool wait = false) noexcept
     {
-        return zmq_msg_send(&m_message, socket, more ? ZMQ_DONTWAIT | ZMQ_SNDMORE : ZMQ_DONTWAIT) >= 0;
+        return zmq_msg_send(&m_message, socket, (more ? ZMQ_SNDMORE : 0) | (wait ? 0 : ZMQ_DONTWAIT)) >= 0;
     }
 
     // The descriptor of the connection that the part came by. Valid on a connection's first event only:

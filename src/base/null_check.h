@@ -1,6 +1,7 @@
 // null_check - the first line of every public function: are the arguments there?
 //
-// Threads    Any. Nothing waits but the logger's lock, and that for null arguments only.
+// Threads    Any. Nothing waits but for the logger's short locks, and that for null arguments only.
+// Failures   What is null is logged; nothing throws.
 #pragma once
 
 #include "base/common.h"

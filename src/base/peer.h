@@ -17,6 +17,14 @@
 
 namespace rtls {
 
+// A frame's bytes; none without a frame.
+inline std::span<const uint8_t> frame_bytes(zframe_t* frame) noexcept
+{
+    if (!frame)
+        return {};
+    return {zframe_data(frame), zframe_size(frame)};
+}
+
 // A routing identity as upper-case hex: the key of a client in its server's table.
 class identity_key {
 public:
@@ -26,10 +34,7 @@ public:
             '\0';
     }
     // Of the frame's bytes; the frame is there.
-    explicit identity_key(zframe_t* identity) noexcept
-        : identity_key(std::span<const uint8_t>{zframe_data(identity), zframe_size(identity)})
-    {
-    }
+    explicit identity_key(zframe_t* identity) noexcept : identity_key(frame_bytes(identity)) {}
     const char* c_str() const noexcept { return m_text.data(); }
 
 private:

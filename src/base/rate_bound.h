@@ -5,7 +5,8 @@
 // share a counter share its allowance: no address gets more than the bound, however many forged ones come
 // between, and somebody else's flood costs an honest one its answers once in a thousand cases.
 // Ownership  No memory beside its own 16 KiB.
-// Threads    None of its own. Pure but for the seed: the clock is handed in. Nothing waits, nothing fails.
+// Threads    None of its own. Pure but for the seed: the clock is handed in. Nothing waits.
+// Failures   None. Where the system has no randomness to give, the time since its start is the seed.
 #pragma once
 
 #include <netinet/in.h>

@@ -1,6 +1,7 @@
 #include "base/signals.h"
 
 #include <czmq.h>
+#include <pthread.h>
 
 #include <csignal>
 

@@ -4,6 +4,8 @@
 // while it sleeps: a handler that runs in an actor's thread ends the actor's loop with EINTR, and one that
 // runs while an actor is created or destroyed makes CZMQ lose track of it and free its record while it
 // still runs.
+// Threads    The stop flag: any. The rest: the thread whose signals are meant.
+// Blocking   sleep_open_to_stop_signals, for the time given.
 // Failures   None: what is asked of the system here cannot be refused.
 #pragma once
 

@@ -2,6 +2,7 @@
 //
 // Ownership  The words stay the line's.
 // Threads    Any. Nothing waits, nothing is allocated.
+// Failures   A null argument is logged, and there are no words.
 #pragma once
 
 #include <cstdint>

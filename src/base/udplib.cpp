@@ -1,12 +1,9 @@
 #include "base/udplib.h"
 
 #include "base/common.h"
-#include "base/logger.h"
 #include "base/null_check.h"
 
 #include <unistd.h>
-
-#include <cerrno>
 
 namespace rtls {
 

@@ -2,11 +2,11 @@
 
 #include "base/czmq_ptr.h"
 #include "base/endpoints.h"
-#include "base/logger.h"
 #include "base/null_check.h"
 #include "downlink/node_delivery.h"
 
 #include <array>
+#include <cstring>
 
 namespace rtls {
 

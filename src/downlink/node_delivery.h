@@ -3,7 +3,7 @@
 // Threads    WIN server thread. find_route takes the registry's lock for a look-up and a copy; nothing is
 //            framed, printed or sent under it. Nothing waits.
 // Failures   What a bridge does not take waits in its unsent messages, and what is for a bridge that is gone
-//            is dropped. Memory that is short is logged.
+//            is dropped. Memory that is short is logged, and so is a missing registry, which knows no node.
 #pragma once
 
 #include "base/bytes.h"

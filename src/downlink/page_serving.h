@@ -15,8 +15,8 @@
 namespace rtls {
 
 // Answers the request for a page that came by `asking` from the node with this MAC (8 bytes): by the node's
-// route, or, when it has none, to `asking`. False when the image or the page is
-// not there: the servers are to be asked then. True says nothing of the delivery.
+// route, or, when it has none, to `asking`. False when the image or the page is not there: the servers are to
+// be asked then. True says nothing of the delivery.
 bool send_otapage_from_cache(WIN_SERVER_t* server, WIN_CLIENT_t& asking, bytes_view message,
                              const uint8_t* node_mac);
 

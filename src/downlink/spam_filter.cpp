@@ -6,6 +6,7 @@
 #include "registry/nodes_container.h"
 
 #include <cstring>
+#include <ctime>
 #include <new>
 #include <utility>
 

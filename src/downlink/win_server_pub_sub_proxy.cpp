@@ -12,6 +12,7 @@
 #include "wire/messaging.h"
 
 #include <array>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <utility>

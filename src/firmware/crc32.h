@@ -2,6 +2,7 @@
 //
 // The arithmetic is zlib's: on whole images it is half as fast again as eight tables of our own.
 // Threads    Any. Nothing waits.
+// Failures   A null pointer is logged; nothing throws.
 #pragma once
 
 #include "base/bytes.h"

@@ -16,6 +16,7 @@
 #include <new>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace rtls {
 

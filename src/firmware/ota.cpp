@@ -9,10 +9,12 @@
 #include "firmware/ota_tags.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <span>
+#include <utility>
 
 namespace rtls {
 

@@ -77,8 +77,8 @@ private:
     const uint16_t m_files_number;
     // The slots; null: empty. Images are reached only under the lock.
     const std::unique_ptr<firmware_ptr[]> m_firmware_arr RTLS_GUARDED_BY(m_mutex);
-    uint16_t
-        m_index RTLS_GUARDED_BY(m_mutex) = 0; // the slot that the next new image takes, whatever is in it
+    // The slot that the next new image takes, whatever is in it.
+    uint16_t m_index RTLS_GUARDED_BY(m_mutex) = 0;
 };
 
 // --- the same by handle, for those outside. A null argument is logged and answered with -1, 0 or false.

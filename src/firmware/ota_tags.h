@@ -1,8 +1,10 @@
 // ota_tags - what a firmware image says of itself: two tagged records somewhere among its bytes.
 //
-// Both search the whole image for the first occurrence of their tag, fill in what its record says, and
-// report a tag that is missing or whose record is cut off by the image's end. Big-endian.
+// Both search the whole image for the first occurrence of their tag, and fill in what its record says.
 // Threads    Any; no lock, nothing waits.
+// Bytes      Big-endian.
+// Failures   A tag that is missing, or whose record is cut off by the image's end, is logged and answered
+//            with false. Nothing throws.
 #pragma once
 
 #include "base/bytes.h"

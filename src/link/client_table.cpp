@@ -29,11 +29,10 @@ WIN_CLIENT_t* client_table::insert(const char* key, win_client_ptr client) noexc
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
-    if (zhashx_insert(m_records.get(), key, client.get()) != 0) {
-        m_of_address.remove(client->addr.sin_addr);
-        return nullptr;
-    }
-    return client.release();
+    if (zhashx_insert(m_records.get(), key, client.get()) == 0)
+        return client.release();
+    m_of_address.remove(client->addr.sin_addr);
+    return nullptr;
 }
 
 void client_table::erase(const char* key) noexcept

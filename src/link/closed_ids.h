@@ -6,10 +6,13 @@
 //
 // ZeroMQ never uses an identity twice, so an entry whose notice never comes does no harm and may be
 // forgotten at any time: two generations of bounded size replace a queue.
+// Ownership  Copies of the identities, up to two generations of them.
+// Threads    None of its own: the WIN server's thread. Nothing waits.
 // Failures   Nothing throws; an identity that memory is too short for is not remembered.
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <new>
 #include <set>
 #include <string>

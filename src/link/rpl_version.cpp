@@ -1,6 +1,5 @@
 #include "link/rpl_version.h"
 
-#include "base/logger.h"
 #include "base/null_check.h"
 #include "link/sending.h"
 #include "wire/messaging.h"
@@ -28,7 +27,7 @@ void rpl_version_to_win_clients(WIN_SERVER_t* server)
     store_le16(message, gwMsgVrPrefixResponse_t::msgType, MSG_VR_PANID_RESP);
     store_le16(message, gwMsgVrPrefixResponse_t::rplPrefix, server->rpl_prefix);
     message[gwMsgVrPrefixResponse_t::rpl_version] = get_next_rpl_version();
-    data_to_win_client(server, nullptr, message.data(), message.size());
+    data_to_all_bridges(*server, message);
 
     server->unprocessed_MSG_PANID_REQ = false;
     // Without the timer the next request is answered at once: better than never.

@@ -2,14 +2,15 @@
 
 #include "base/hex.h"
 #include "base/logger.h"
-#include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/peer.h"
+#include "base/stream_send.h"
 #include "link/unsent_messages.h"
 #include "wire/slip.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <memory>
 #include <new>
 
@@ -43,70 +44,84 @@ private:
 
 } // namespace
 
+// Whether there is a WIN port, and a message for it; log filters know who says that there is not.
+static bool can_send(const WIN_SERVER_t& server, const encoded_message& message)
+{
+    constexpr char function[] = "data_to_win_client";
+    if (any_null(function, server.win_sock.get()))
+        return false;
+    if (message.bytes().empty())
+        logger_error(g_logger, str_out_of_memory, function);
+    return !message.bytes().empty();
+}
+
 // The client with this identity, or null. The one whose bytes are being read is asked for most.
-static WIN_CLIENT_t* find_client(WIN_SERVER_t& server, zframe_t* id)
+static WIN_CLIENT_t* find_client(WIN_SERVER_t& server, bytes_view identity)
 {
     WIN_CLIENT_t* asking = server.answers.client();
-    return asking && asking->id == id ? asking : server.clients.find(identity_key{id}.c_str());
+    return asking && std::ranges::equal(frame_bytes(asking->id), identity)
+               ? asking
+               : server.clients.find(identity_key{identity}.c_str());
+}
+
+bool data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data)
+{
+    const encoded_message message{data};
+    if (!can_send(server, message))
+        return false;
+    WIN_CLIENT_t* client = find_client(server, identity);
+    if (client)
+        encoded_to_win_client(&server, client, message.bytes());
+    return client != nullptr;
+}
+
+bool data_to_all_bridges(WIN_SERVER_t& server, bytes_view data)
+{
+    const encoded_message message{data};
+    if (!can_send(server, message))
+        return false;
+    server.clients.for_each(
+        [&](WIN_CLIENT_t& client) { encoded_to_win_client(&server, &client, message.bytes()); });
+    return true;
 }
 
 bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
-    if (any_null(__func__, server, data) || any_null(__func__, server->win_sock.get()))
+    if (any_null(__func__, server, data))
         return false;
-    const encoded_message message{{data, size}};
-    if (message.bytes().empty()) {
-        logger_error(g_logger, str_out_of_memory, __func__);
-        return false;
-    }
-    if (client_id) {
-        WIN_CLIENT_t* client = find_client(*server, client_id);
-        if (!client)
-            return false;
-        encoded_to_win_client(server, client, message.bytes());
-        return true;
-    }
-    server->clients.for_each(
-        [&](WIN_CLIENT_t& client) { encoded_to_win_client(server, &client, message.bytes()); });
-    return true;
+    return client_id ? data_to_bridge(*server, frame_bytes(client_id), {data, size})
+                     : data_to_all_bridges(*server, {data, size});
 }
 
 // Hands bytes to the client's connection. False, and none of them is gone, when it takes none.
-static bool send_bytes(WIN_SERVER_t& server, zframe_t* client_id, bytes_view data)
+static bool send_bytes(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
 {
-    static constexpr char reporter[] = "esc_data_to_win_client";
-    // Made before the identity is sent: an identity without data would leave the socket out of step, and
-    // the next client's identity would go to this one as data.
-    message_part frame{data};
+    constexpr char function[] = "esc_data_to_win_client"; // as log filters know it
+    message_part frame{bytes};
     if (!frame.is_made()) {
-        log_call_error(reporter, "zframe_new");
+        log_call_error(function, "zframe_new");
         return false;
     }
-    // The identity is what fails when the peer does not read; the data after it is then not offered.
-    zframe_t* id = client_id;
-    if (zframe_send(&id, server.win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) != 0 ||
-        !frame.send(zsock_resolve(server.win_sock))) {
-        if (errno != EAGAIN)
-            log_call_error(reporter, "zframe_send");
-        return false;
-    }
-    return true;
+    const bool sent = stream_send(server.win_sock, identity, frame);
+    if (!sent && errno != EAGAIN)
+        log_call_error(function, "zframe_send");
+    return sent;
 }
 
-static void print_output(WIN_SERVER_t& server, zframe_t* client_id, bytes_view data)
+static void print_output(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
 {
     if (dbg_is_wanted(DBG_RAW))
-        dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT", "%s [%zu] [%s]", hex_text{data}.c_str(),
-                  data.size(), identity_key{client_id}.c_str());
+        dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT", "%s [%zu] [%s]",
+                  hex_text{bytes}.c_str(), bytes.size(), identity_key{identity}.c_str());
 }
 
 // The number of bytes that the connection has taken, in pieces.
-static size_t send_in_pieces(WIN_SERVER_t& server, zframe_t* client_id, bytes_view data)
+static size_t send_in_pieces(WIN_SERVER_t& server, bytes_view identity, bytes_view data)
 {
     size_t sent = 0;
     while (sent < data.size()) {
         const bytes_view piece = data.subspan(sent, std::min(data.size() - sent, stream_piece_limit));
-        if (!send_bytes(server, client_id, piece))
+        if (!send_bytes(server, identity, piece))
             break;
         sent += piece.size();
     }
@@ -121,9 +136,9 @@ static void send_or_cache(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view
         unsent_messages_to_win_client(&server, &client);
         return;
     }
-    const size_t sent = send_in_pieces(server, client.id, encoded);
+    const size_t sent = send_in_pieces(server, frame_bytes(client.id), encoded);
     if (sent == encoded.size())
-        print_output(server, client.id, encoded);
+        print_output(server, frame_bytes(client.id), encoded);
     else if (data_to_cache(&server, &client, encoded.data(), encoded.size())) {
         client.unsent_messages.advance(sent, [](bytes_view, size_t) {});
         flush_soon(server);
@@ -137,7 +152,7 @@ static void send_gathered(WIN_SERVER_t& server, WIN_CLIENT_t& client)
     gathered_answers& answers = server.answers;
     if (answers.empty())
         return;
-    if (!send_bytes(server, client.id, answers.bytes())) {
+    if (!send_bytes(server, frame_bytes(client.id), answers.bytes())) {
         answers.for_each(
             [&](bytes_view message) { data_to_cache(&server, &client, message.data(), message.size()); });
         flush_soon(server);
@@ -184,24 +199,29 @@ void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_vie
         send_or_cache(*server, *client, encoded);
 }
 
+bool bytes_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
+{
+    if (!send_bytes(server, identity, bytes))
+        return false;
+    print_output(server, identity, bytes);
+    return true;
+}
+
 bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
     if (any_null(__func__, server, client_id, data) || any_null(__func__, server->win_sock.get()))
         return false;
-    if (!send_bytes(*server, client_id, {data, size}))
-        return false;
-    print_output(*server, client_id, {data, size});
-    return true;
+    return bytes_to_bridge(*server, frame_bytes(client_id), {data, size});
 }
 
-// Closes the connection by an empty frame after its identity. Without the identity the empty frame
-// would itself be taken for one, so it is not sent then.
+// Closes the connection by an empty frame after its identity.
 static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WIN_CLIENT_t* client)
 {
     // Not waiting for room: a client that does not read would stall all the others.
-    if (zframe_send(&client_id, server.win_sock, ZFRAME_MORE | ZFRAME_REUSE | ZFRAME_DONTWAIT) == 0)
-        zstr_sendm(server.win_sock, "");
-    else if (errno != EAGAIN)
+    message_part nothing;
+    if (stream_send(server.win_sock, frame_bytes(client_id), nothing))
+        return;
+    if (errno != EAGAIN)
         log_call_error("delete_win_client", "zframe_send");
     else if (client) // its queue is full, so that the stream socket cannot close it
         cut_connection(client->fd, client->addr);

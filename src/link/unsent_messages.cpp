@@ -2,13 +2,14 @@
 
 #include "base/hex.h"
 #include "base/logger.h"
-#include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/peer.h"
+#include "base/stream_send.h"
 #include "link/win_server_private.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -194,12 +195,8 @@ static bool send_piece(WIN_SERVER_t& server, WIN_CLIENT_t& client)
     unsent_queue& queue = client.unsent_messages;
     std::array<uint8_t, stream_piece_limit> room; // not cleared: what is sent is written
     const size_t size = queue.copy_next(room);
-    // Made before the identity is sent: an identity without data would leave the socket out of step.
     message_part data{bytes_view{room.data(), size}};
-    message_part id{bytes_view{zframe_data(client.id), zframe_size(client.id)}};
-    void* socket = zsock_resolve(server.win_sock);
-    // Neither part waits: a socket that took the identity has room for what belongs to it.
-    if (!data.is_made() || !id.is_made() || !id.send(socket, true) || !data.send(socket))
+    if (!data.is_made() || !stream_send(server.win_sock, frame_bytes(client.id), data))
         return false;
     queue.advance(size, [&](bytes_view message, size_t left) {
         if (dbg_is_wanted(DBG_RAW))

@@ -5,6 +5,8 @@
 // Ownership  Each client's record owns its queue.
 // Threads    WIN server thread. Nothing waits.
 // Bytes      Framed already, as they go out.
+// Failures   What finds no room is lost, which is logged once until the queue has been empty; memory that is
+//            short is logged each time. Nothing throws.
 #pragma once
 
 #include "base/bytes.h"

@@ -2,7 +2,10 @@
 //
 // Ownership  A record owns its buffer, its identity and its unsent frames. The WIN server's table owns
 //            the records.
-// Threads    WIN server thread.
+// Threads    WIN server thread; no lock of its own. Nothing waits.
+// Bytes      The stuffing of wire/slip.h comes off; what is in a frame stays as it came.
+// Failures   Memory that is short is logged. A frame beyond pending_data_limit is logged and dropped; so is
+//            one that memory is too short for. Nothing throws.
 #pragma once
 
 #include "base/bytes.h"
@@ -16,6 +19,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace rtls {
 

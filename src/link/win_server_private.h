@@ -2,9 +2,10 @@
 // what goes down and what comes up all work on it; "private" to the layers of the WIN server's thread.
 //
 // Ownership  The record owns what its fields hold. The actor opens its sockets, list and loop, and closes
-// them in
-//            the order that destroy_actor_context has, which peers see; the members' order does not count.
+//            them in the order that destroy_actor_context has, which peers see; the members' order does not
+//            count. The services are the gateway's.
 // Threads    All of it belongs to the actor's thread, except where a field says otherwise.
+// Failures   A socket that is not open is null.
 #pragma once
 
 #include "base/bytes.h"
@@ -65,9 +66,13 @@ struct WIN_SERVER_t {
 
     int win_backlog = 0; // of the WIN port; 0: the library's default
     closed_id_set closed_ids;
-    int64_t last_win_event = 0;    // zclock_usecs of when the WIN port was last drained
-    int64_t supervised_since = 0;  // zclock_mono of when the first period of the client checks began
-    int64_t last_client_check = 0; // number of the period in which clients were last checked
+    int64_t undrained_since = 0;    // zclock_usecs of the first event since it was drained; 0 while it is
+    size_t undrained_bytes = 0;     // and what has been handled since then
+    refusal_episode lines_left_out; // while it has not been drained for long
+    refusal_episode house_full;     // no descriptors for more bridges
+    int64_t last_win_event = 0;     // zclock_usecs of when the WIN port was last drained
+    int64_t supervised_since = 0;   // zclock_mono of when the first period of the client checks began
+    int64_t last_client_check = 0;  // number of the period in which clients were last checked
 
     // What becomes of a complete frame, which stands in client->pending_data; the server wires it.
     bool (*process_frame)(WIN_SERVER_t* server, WIN_CLIENT_t* client) = nullptr;

@@ -1,6 +1,7 @@
 #include "link/win_server_win_clients.h"
 
 #include "base/czmq_ptr.h"
+#include "base/descriptors.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
@@ -8,10 +9,9 @@
 #include "link/sending.h"
 
 #include <sys/socket.h>
-#include <time.h>
 
-#include <array>
 #include <cstdlib>
+#include <ctime>
 #include <utility>
 
 namespace rtls {
@@ -21,6 +21,12 @@ namespace rtls {
 // none of them has more than 8 KiB: nobody's flood comes before somebody else's word.
 static constexpr int events_per_call = 64;
 static constexpr size_t bytes_per_call = size_t{64} * 1024;
+
+// The port is behind when it has not been drained for so long, and so much has been handled meanwhile (time
+// alone may have passed while the host was busy). It is asked after each large event.
+static constexpr int64_t behind_us = 50'000;
+static constexpr size_t behind_bytes = size_t{64} * 1024;
+static constexpr size_t large_event = 1024;
 
 // While events come this close behind one another, the reader lets some more gather before it takes them,
 // for up to a millisecond a call. Waking up for each report, and having the loop ask every socket for
@@ -63,8 +69,23 @@ static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, 
     return client;
 }
 
+static bool is_house_full(WIN_SERVER_t& server, int fd)
+{
+    if (!is_reserved_descriptor(fd))
+        return false;
+    if (server.house_full.begins(zclock_mono()))
+        logger_error(
+            g_logger,
+            "%s: nearly all files that may be open are, no more bridges are let in! See ulimit -Hn, or "
+            "LimitNOFILE=",
+            "handle_win_clients");
+    return true;
+}
+
 static bool is_admitted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
 {
+    if (is_house_full(server, client.fd))
+        return false;
     const in_addr address = client.addr.sin_addr;
     return server.win_door.admits(address, server.clients.size(), server.clients.size_of_address(address),
                                   zclock_mono());
@@ -76,7 +97,7 @@ static void on_connect(WIN_SERVER_t& server, message_part& identity, const ident
     if (!made)
         return;
     if (!is_admitted(server, *made)) {
-        delete_win_client(&server, made->id);
+        delete_win_client(&server, made->id); // not in the table yet
         return;
     }
     const WIN_CLIENT_t* client = server.clients.insert(key.c_str(), std::move(made));
@@ -84,7 +105,7 @@ static void on_connect(WIN_SERVER_t& server, message_part& identity, const ident
         return;
     // Bridges wait for this before they speak; it stands outside of any frame on purpose.
     static constexpr uint8_t greeting[] = {'s', 'y', 'n', 'c', '\n'};
-    esc_data_to_win_client(&server, client->id, greeting, sizeof greeting);
+    bytes_to_bridge(server, identity.bytes(), greeting);
 }
 
 static void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const identity_key& key)
@@ -141,10 +162,55 @@ static bool let_more_gather(WIN_SERVER_t& server, int64_t call_began)
     return nanosleep(&pause, nullptr) == 0;
 }
 
+// Counts what has been handled without draining the port, and leaves the debug lines out while that is too
+// much: making them takes many times what most messages do, and one who floods would have us do nothing else.
+static void note_backlog(WIN_SERVER_t& server, int64_t now, size_t handled)
+{
+    if (server.undrained_since == 0)
+        server.undrained_since = now;
+    server.undrained_bytes += handled;
+    const bool is_behind =
+        server.undrained_bytes >= behind_bytes && now - server.undrained_since >= behind_us;
+    dbg_hold(is_behind);
+    if (is_behind && server.lines_left_out.begins(now / 1000))
+        logger_warning(g_logger,
+                       "%s: bridges send more than can be handled, debug lines are left out meanwhile!",
+                       "handle_win_clients");
+}
+
+static void note_drained(WIN_SERVER_t& server)
+{
+    server.undrained_since = 0;
+    server.undrained_bytes = 0;
+    dbg_hold(false);
+}
+
 // The identity of one more event, at hand or about to come.
 static bool receive_another(message_part& identity, WIN_SERVER_t& server, void* socket, int64_t call_began)
 {
-    return identity.receive(socket) || (let_more_gather(server, call_began) && identity.receive(socket));
+    if (identity.receive(socket))
+        return true;
+    note_drained(server);
+    return let_more_gather(server, call_began) && identity.receive(socket);
+}
+
+// Handles events from the one on, whose identity is at hand. False when its data is missing.
+static bool handle_turn(WIN_SERVER_t& server, void* socket, message_part& identity, int64_t call_began)
+{
+    message_part data;
+    size_t bytes = 0;
+    for (int events = 1;; ++events) {
+        if (!data.receive(socket))
+            return false;
+        const size_t size = data.size();
+        handle_event(server, identity, data);
+        bytes += size;
+        if (size >= large_event)
+            note_backlog(server, zclock_usecs(), size);
+        if (events == events_per_call || bytes >= bytes_per_call ||
+            !receive_another(identity, server, socket, call_began))
+            return true;
+    }
 }
 
 int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
@@ -155,23 +221,16 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
     void* socket = zsock_resolve(reader);
     const int64_t call_began = zclock_usecs();
     message_part identity;
-    message_part data;
     if (!identity.receive(socket)) {
         logger_error(g_logger, "%s: zframe_recv returned NULL!", __func__);
         return 1;
     }
-    size_t bytes = 0;
-    for (int events = 1;; ++events) {
-        if (!data.receive(socket)) {
-            log_call_error(__func__, "zframe_recv");
-            return 1;
-        }
-        bytes += data.size();
-        handle_event(*server, identity, data);
-        if (events == events_per_call || bytes >= bytes_per_call ||
-            !receive_another(identity, *server, socket, call_began))
-            return 0;
-    }
+    note_backlog(*server, call_began, 0);
+    const bool complete = handle_turn(*server, socket, identity, call_began);
+    dbg_hold(false); // what others have this thread do is shown
+    if (!complete)
+        log_call_error(__func__, "zframe_recv");
+    return complete ? 0 : 1;
 }
 
 // When all frames together take too much, the largest is given up, this client's or another's.

@@ -4,6 +4,9 @@
 // of no bytes is a connection made or lost. What a complete frame means is decided by the server's
 // process_frame.
 // Threads    WIN server thread.
+// Blocking   While events follow closely, a call sleeps for less than a millisecond to let more gather; else
+//            nothing waits, but what process_frame does.
+// Failures   A null argument, memory that is short and a failed read are logged. Nothing throws.
 #pragma once
 
 #include "link/win_server_private.h"

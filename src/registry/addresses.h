@@ -1,4 +1,6 @@
 // addresses - the sizes of what nodes are known by.
+//
+// Threads    Constants: any. Nothing fails.
 #pragma once
 
 #include <array>

@@ -4,7 +4,8 @@
 // slot of the tick at which it will expire; the tick moves the whole slot behind those that expired
 // before, whatever their number.
 // Ownership  The nodes stay the table's; take one out before it is destroyed.
-// Threads    None of its own; the nodes container locks around it. Nothing throws.
+// Threads    None of its own; the nodes container locks around it.
+// Failures   Nothing throws; it needs no memory beyond its own.
 #pragma once
 
 #include "registry/node_table.h"

@@ -67,7 +67,10 @@ struct NODE_small_t {
 void node_destroy(void** pp_node);
 
 // Points the node at another WIN client: keeps a copy of `win_client_id`. False, with a log line and
-// the old one gone, when memory is short.
+// the old one gone, when memory is short. Under the registry's lock, its own set_win_client is the way.
 bool node_update_win_client_ID(NODE_t* node, zframe_t* win_client_id);
+
+// The same, which logs nothing: errno tells why.
+bool node_set_win_client(NODE_t& node, zframe_t* win_client_id) noexcept;
 
 } // namespace rtls

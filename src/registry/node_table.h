@@ -9,6 +9,8 @@
 //
 // Ownership  The table owns its nodes.
 // Threads    None of its own; the nodes container locks around it.
+// Failures   Only the constructor throws (std::bad_alloc). Where memory is short later, a node is not
+//            inserted, or the table does not grow.
 #pragma once
 
 #include "registry/node.h"

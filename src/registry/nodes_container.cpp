@@ -3,7 +3,9 @@
 #include "base/common.h"
 #include "base/logger.h"
 #include "base/null_check.h"
+#include "base/peer.h"
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -22,7 +24,23 @@ void NODES_CONTAINER_t::lock()
 
 void NODES_CONTAINER_t::unlock()
 {
+    const failures failed = take_failures();
     m_mutex.unlock();
+    failed.log();
+}
+
+// Both lines name the function by which those outside know the step.
+void NODES_CONTAINER_t::failures::log() const
+{
+    if (no_room)
+        logger_error(g_logger, str_out_of_memory, "nodes_container_find_or_create_by_mac");
+    if (foreign)
+        logger_warning(g_logger, "nodes: %s is not among the MACs that may register",
+                       colon_mac_text{foreign->data()}.c_str());
+    if (!no_copy)
+        return;
+    errno = *no_copy;
+    log_call_error("node_update_win_client_ID", "zframe_dup");
 }
 
 // The node, which may be null, with its lifetime up to date: what is handed out is read and written.
@@ -66,13 +84,27 @@ NODE_t* NODES_CONTAINER_t::create(const uint8_t* mac)
     return node;
 }
 
+bool NODES_CONTAINER_t::is_admitted(const uint8_t* mac)
+{
+    if (!m_admitted || m_admitted->contains(bytes_view{mac, mac_size}))
+        return true;
+    m_foreign_nodes.store(m_foreign_nodes.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    if (m_foreign_episode.begins(zclock_mono())) {
+        m_failures.foreign.emplace();
+        memcpy(m_failures.foreign->data(), mac, mac_size);
+    }
+    return false;
+}
+
 NODE_t* NODES_CONTAINER_t::find_or_create_by_mac(const uint8_t* mac, const uint8_t* sequence_number)
 {
     NODE_t* node = find_by_mac(mac);
     if (!node) {
+        if (!is_admitted(mac))
+            return nullptr;
         node = create(mac);
         if (!node && !m_refusing) // peers can bring about any number of refusals
-            logger_error(g_logger, str_out_of_memory, "nodes_container_find_or_create_by_mac");
+            m_failures.no_room = true;
         m_refusing = !node;
         return node;
     }
@@ -115,6 +147,12 @@ void NODES_CONTAINER_t::set_address(NODE_t& node, const uint8_t* ip_addr, bool f
     memmove(node.ip_addr, ip_addr, ip_addr_size); // it may be the node's own
     node.forwarded_ip = forwarded_ip;
     m_by_address.add(&stored);
+}
+
+void NODES_CONTAINER_t::set_win_client(NODE_t& node, zframe_t* win_client_id)
+{
+    if (!node_set_win_client(node, win_client_id))
+        m_failures.no_copy = errno;
 }
 
 void NODES_CONTAINER_t::set_lifetime(NODE_t& node, uint16_t lifetime)
@@ -200,9 +238,11 @@ RTLS_NO_THREAD_SAFETY_ANALYSIS NODE_t* nodes_container_find_or_create_by_mac(voi
                                                                              const uint8_t* sequence_number,
                                                                              uint16_t /*cmd*/)
 {
-    return any_null(__func__, p_nodes, mac)
-               ? nullptr
-               : container_of(p_nodes).find_or_create_by_mac(mac, sequence_number);
+    if (any_null(__func__, p_nodes, mac))
+        return nullptr;
+    NODE_t* node = container_of(p_nodes).find_or_create_by_mac(mac, sequence_number);
+    container_of(p_nodes).take_failures().log(); // by handle, the lock may be none of ours
+    return node;
 }
 
 RTLS_NO_THREAD_SAFETY_ANALYSIS NODE_t* nodes_container_find_by_short_mac(void* p_nodes, uint8_t short_mac_hi,

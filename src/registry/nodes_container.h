@@ -4,10 +4,12 @@
 // Threads    WIN server and terminal. The container is its own lock: hold a nodes_guard around each call
 //            and each whole iteration, except where a function says that it takes the lock itself.
 //            clang checks it. Nothing is sent, printed or waited for under the lock.
-// Failures   Nothing throws, but making a container.
+// Failures   Nothing throws, but making a container. What fails under the lock is logged when it is let go.
 #pragma once
 
 #include "base/czmq_ptr.h"
+#include "base/prefix_list.h"
+#include "base/rate_bound.h"
 #include "registry/address_index.h"
 #include "registry/expiry_queue.h"
 #include "registry/node.h"
@@ -15,9 +17,13 @@
 
 #include "core/thread_annotations.h"
 
+#include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <utility>
 
 namespace rtls {
 
@@ -30,6 +36,7 @@ public:
     NODES_CONTAINER_t& operator=(const NODES_CONTAINER_t&) = delete;
 
     void lock() RTLS_ACQUIRE();
+    // Logs, behind it, what has failed meanwhile.
     void unlock() RTLS_RELEASE();
 
     size_t size() const RTLS_REQUIRES(this) { return m_nodes.size(); }
@@ -56,8 +63,17 @@ public:
     // node whose MAC the address's interface identifier stands for; else nullptr.
     NODE_t* find_by_ip(const uint8_t* ip_addr) RTLS_REQUIRES(this);
 
+    // From now on only nodes with these MACs are made. Before the container is used by several threads.
+    void admit_only(prefix_list macs) { m_admitted = std::move(macs); }
+
+    // Nodes that were not made because their MAC is not admitted. Any thread, without the lock.
+    uint64_t foreign_nodes() const { return m_foreign_nodes.load(std::memory_order_relaxed); }
+
     // Gives the node another address; keeps the look-up by address in step.
     void set_address(NODE_t& node, const uint8_t* ip_addr, bool forwarded_ip) RTLS_REQUIRES(this);
+
+    // Points the node at another WIN client, of which it keeps a copy; at none when memory is short.
+    void set_win_client(NODE_t& node, zframe_t* win_client_id) RTLS_REQUIRES(this);
 
     // Gives the node another lifetime, in seconds.
     void set_lifetime(NODE_t& node, uint16_t lifetime) RTLS_REQUIRES(this);
@@ -68,9 +84,20 @@ public:
     // Removes and destroys the node with this MAC, if there is one.
     void remove(const uint8_t* mac) RTLS_REQUIRES(this);
 
+    // What has failed since the lock was taken. Taking it out is for those who log it.
+    struct failures {
+        bool no_room = false; // for a new node; the first of an episode
+        std::optional<std::array<uint8_t, mac_size>>
+            foreign;                // a new node's MAC that is not admitted; as above
+        std::optional<int> no_copy; // of an identity; errno
+        void log() const;
+    };
+    failures take_failures() RTLS_REQUIRES(this) { return std::exchange(m_failures, {}); }
+
 private:
     NODE_t* settled(stored_node* node) const;
     bool has_room();
+    bool is_admitted(const uint8_t* mac) RTLS_REQUIRES(this);
     void make_room() RTLS_REQUIRES(this);
     NODE_t* create(const uint8_t* mac) RTLS_REQUIRES(this);
 
@@ -78,7 +105,11 @@ private:
     node_table m_nodes;
     address_index m_by_address{m_nodes};
     expiry_queue m_expiry;
-    bool m_refusing = false; // since a new node was refused; none has been created since
+    bool m_refusing = false;               // since a new node was refused; none has been created since
+    std::optional<prefix_list> m_admitted; // none: every MAC is
+    std::atomic<uint64_t> m_foreign_nodes{0};
+    refusal_episode m_foreign_episode;
+    failures m_failures;
     const size_t m_limit;
 };
 

@@ -3,6 +3,8 @@
 //
 // Threads    WIN server thread. All but the last are zloop timers, which return 0, or 1 where something is
 //            missing; neither ends the loop.
+// Failures   A null argument and memory that is short are logged, and the rest is left to the next tick.
+//            Nothing throws.
 #pragma once
 
 #include "link/win_server_private.h"

@@ -10,12 +10,11 @@
 #include "server/win_server_actor.h"
 #include "uplink/messages.h"
 
-#include <array>
-#include <cstdio>
+#include <climits>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <new>
+#include <string>
 
 namespace rtls {
 

@@ -10,7 +10,6 @@
 #include "link/client_table.h"
 
 #include <czmq.h>
-#include <netinet/in.h>
 
 #include <memory>
 #include <vector>

@@ -13,6 +13,7 @@
 #include "uplink/upstream.h"
 
 #include <arpa/inet.h>
+#include <pthread.h>
 
 namespace rtls {
 

@@ -1,6 +1,9 @@
 // win_server_actor - the actor's life: sockets, loop, tear-down, each in a fixed order.
 //
-// Threads    The actor's own.
+// Threads    The actor's own. All that it opens is opened, used and closed here.
+// Blocking   The loop sleeps until there is work.
+// Failures   A socket, reader or timer that cannot be had is logged and ends the actor, which ends the
+//            gateway. Nothing throws.
 #pragma once
 
 #include "link/win_server_private.h"

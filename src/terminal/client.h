@@ -2,6 +2,7 @@
 //
 // Ownership  A record owns its identity frame and its filter. The terminal server's table owns the records.
 // Threads    Terminal thread; no lock. Nothing waits.
+// Failures   None: destroying cannot fail, and null is taken.
 #pragma once
 
 #include "base/czmq_ptr.h"

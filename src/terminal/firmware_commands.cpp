@@ -37,10 +37,17 @@ std::string firmware_info_text(uint16_t index, const OTA_FIRMWARE_INFO_t& info)
                        info.maximum_pages);
 }
 
+// The store is asked by handle, which knows what to say without one.
+static std::optional<OTA_FIRMWARE_INFO_t> info_of(services& gateway, uint16_t index)
+{
+    OTA_FIRMWARE_INFO_t info{};
+    return ota_get_firmware_info(gateway.ota, index, &info) ? std::optional{info} : std::nullopt;
+}
+
 std::string firmware_info(services& gateway, const char* index_word)
 {
     const auto index = get_short_val_from_str(index_word);
-    const auto info = index ? gateway.ota->firmware_info(*index) : std::nullopt;
+    const auto info = index ? info_of(gateway, *index) : std::nullopt;
     return info ? firmware_info_text(*index, *info) : incorrect_index;
 }
 
@@ -48,7 +55,7 @@ std::string firmware_info(services& gateway, const char* index_word)
 std::string firmware_del(services& gateway, const char* index_word)
 {
     const auto index = get_short_val_from_str(index_word);
-    if (!index || !gateway.ota->del_firmware(*index))
+    if (!index || !ota_del_firmware(gateway.ota, *index))
         return incorrect_index;
     return command_sent;
 }
@@ -76,7 +83,7 @@ std::string firmware_set(services& gateway, const char* index_word, const char* 
     const auto short_mac = get_short_val_from_str(mac_word);
     if (!short_mac)
         return incorrect_mac;
-    const auto info = gateway.ota->firmware_info(*index);
+    const auto info = info_of(gateway, *index);
     if (!info)
         return incorrect_index;
     std::optional<uint16_t> source;
@@ -111,7 +118,7 @@ static void subcommand_get(const terminal_request& request, terminal_reply& repl
         reply.send("URL is missing!\n");
         return;
     }
-    const int index = request.gateway.ota->download_firmware(request.words[2], nullptr, nullptr);
+    const int index = ota_download_firmware(request.gateway.ota, request.words[2], nullptr, nullptr);
     reply.send(index >= 0 ? text_format("Firmware downloaded. Index: %d\n", index)
                           : "Failed to read firmware!\n");
 }
@@ -137,10 +144,9 @@ static void subcommand_apply(const terminal_request& request, terminal_reply& re
 static void subcommand_list(const terminal_request& request, terminal_reply& reply)
 {
     reply.send(firmware_list_header);
-    const OTA_t& ota = *request.gateway.ota;
-    const uint16_t slots = ota.files_number();
+    const uint16_t slots = ota_get_files_number(request.gateway.ota);
     for (uint16_t index = 0; index < slots; ++index) {
-        const auto info = ota.firmware_info(index);
+        const auto info = info_of(request.gateway, index);
         if (info && !request.answer(firmware_list_line(index, *info)))
             return;
     }

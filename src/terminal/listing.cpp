@@ -11,8 +11,10 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 namespace rtls {
 
@@ -95,9 +97,10 @@ std::string node_line(const node_row& node, bool full, const timeval* now)
 
 // --- Snapshot
 
-static std::string_view frame_bytes(zframe_t* frame)
+static std::string_view as_key(zframe_t* identity)
 {
-    return {reinterpret_cast<const char*>(zframe_data(frame)), zframe_size(frame)};
+    const auto bytes = frame_bytes(identity);
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 bridge_index index_bridges(std::span<const win_client_info> bridges)
@@ -106,7 +109,7 @@ bridge_index index_bridges(std::span<const win_client_info> bridges)
     index.reserve(bridges.size());
     uint32_t position = 0;
     for (const auto& bridge : bridges)
-        index.emplace(frame_bytes(bridge.id.get()), position++);
+        index.emplace(as_key(bridge.id.get()), position++);
     return index;
 }
 
@@ -114,7 +117,7 @@ static uint32_t bridge_of(const NODE_t& node, const bridge_index& bridges)
 {
     if (!node.win_client_id)
         return no_bridge;
-    const auto found = bridges.find(frame_bytes(node.win_client_id.get()));
+    const auto found = bridges.find(as_key(node.win_client_id.get()));
     return found == bridges.end() ? no_bridge : found->second;
 }
 

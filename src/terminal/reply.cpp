@@ -1,20 +1,23 @@
 #include "terminal/reply.h"
 
+#include "base/peer.h"
+#include "base/stream_send.h"
+
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 namespace rtls {
 
-// A null frame would be "sent" with success, so it is refused here.
-static bool send_identity(zframe_t* id, zsock_t* sock) noexcept
+terminal_reply::terminal_reply(zframe_t* id, zsock_t* sock) noexcept
+    : m_sock(id && stream_send_identity(sock, frame_bytes(id), when_full::wait) ? sock : nullptr)
 {
-    return id && zframe_send(&id, sock, ZFRAME_MORE | ZFRAME_REUSE) == 0;
 }
 
-terminal_reply::terminal_reply(zframe_t* id, zsock_t* sock) noexcept
-    : m_sock(send_identity(id, sock) ? sock : nullptr)
+static bytes_view text_bytes(const char* text) noexcept
 {
+    return {reinterpret_cast<const uint8_t*>(text), strlen(text)};
 }
 
 terminal_reply::~terminal_reply()
@@ -24,8 +27,12 @@ terminal_reply::~terminal_reply()
 
 void terminal_reply::send(const char* text) noexcept
 {
-    if (zsock_t* sock = std::exchange(m_sock, nullptr))
-        zstr_sendm(sock, text); // "more" means nothing here, and makes a text without addressee fail
+    zsock_t* sock = std::exchange(m_sock, nullptr);
+    if (!sock)
+        return;
+    message_part whole{text_bytes(text)};
+    message_part line_end{text_bytes("\n")}; // so short that it takes no memory
+    stream_send_bytes(sock, whole.is_made() ? whole : line_end);
 }
 
 bool terminal_send(zframe_t* id, zsock_t* sock, const char* text) noexcept

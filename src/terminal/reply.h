@@ -1,9 +1,7 @@
 // reply - what goes out to an operator, kept in step.
 //
-// The stream socket takes frames in pairs: the peer's identity, then the bytes for it. A lone frame of
-// either kind puts it off by one for good, and every later answer goes astray. All answers therefore
-// leave through here: a text is sent only behind an identity that was accepted, and an accepted
-// identity is always followed by exactly one text.
+// All answers leave through here: a text is sent only behind an identity that was accepted, and an accepted
+// identity is always followed by exactly one text (see base/stream_send.h).
 //
 // Threads    Terminal thread; no lock. Each frame waits for the socket's send time-out at most.
 // Failures   Tell by their result and errno; nothing is logged here, and only text_format throws.

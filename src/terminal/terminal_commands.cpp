@@ -1,7 +1,6 @@
 #include "terminal/terminal_commands.h"
 
 #include "base/common.h"
-#include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "base/peer.h"
@@ -21,6 +20,8 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <span>
+#include <string>
 #include <string_view>
 
 namespace rtls {
@@ -86,9 +87,9 @@ static void command_quit(const terminal_request& request)
             cut_connection(request.client->fd, request.client->client_addr);
         return;
     }
-    const zstr_ptr id_str{zframe_strhex(request.client->id.get())};
-    dbg_print(request.dbg_sock, DBG_TERMINAL, console, "Client %s disconnected", id_str.get());
-    zhashx_delete(clients, id_str.get());
+    const identity_key key{request.client->id.get()};
+    dbg_print(request.dbg_sock, DBG_TERMINAL, console, "Client %s disconnected", key.c_str());
+    zhashx_delete(clients, key.c_str());
 }
 
 namespace {
@@ -126,6 +127,7 @@ static std::string reboot_node(const terminal_request& request)
                : command_not_sent;
 }
 
+// The answer is addressed first, as in command_del: an operator who cannot be reached gets nothing done.
 static void command_reboot(const terminal_request& request)
 {
     terminal_reply reply{request.client->id.get(), request.sock};

@@ -17,8 +17,11 @@
 #include "terminal/texts.h"
 #include "wire/messaging.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <memory>
 #include <new>
 #include <set>
@@ -62,15 +65,16 @@ static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t& clie
               id_str, ipv4_text{client.client_addr}.c_str(), ntohs(client.client_addr.sin_port));
 }
 
-static void add_client(TERMINAL_SERVER_t* server, zframe_ptr id, int fd, const char* id_str)
+static void add_client(TERMINAL_SERVER_t* server, message_part& identity, const char* id_str)
 {
+    zframe_ptr id{zframe_new(identity.data(), identity.size())};
     std::unique_ptr<TERMINAL_CLIENT_t> client{new (std::nothrow) TERMINAL_CLIENT_t};
-    if (!client) {
+    if (!id || !client) {
         logger_error(g_logger, str_out_of_memory, "handle_terminal_clients");
         return;
     }
     client->id = std::move(id);
-    note_peer_address(server, *client, fd, id_str);
+    note_peer_address(server, *client, identity.source_fd(), id_str);
     if (zhashx_insert(server->clients.get(), id_str, client.get()) == 0)
         (void)client.release(); // the table's now
 }
@@ -89,24 +93,19 @@ static void forget_client(TERMINAL_SERVER_t* server, const char* id_str, bool is
 // Handles what `id` sent: its connect, its disconnect, or a command.
 static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, message_part& chunk)
 {
-    zframe_ptr id{zframe_new(identity.data(), identity.size())};
-    const zstr_ptr id_str{id ? zframe_strhex(id.get()) : nullptr};
-    if (!id_str) {
-        logger_error(g_logger, str_out_of_memory, "handle_terminal_clients");
-        return;
-    }
+    const identity_key key{identity.bytes()};
     dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "rcvd ID [%zu] %s", identity.size(),
-              id_str.get());
-    auto* client = static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), id_str.get()));
+              key.c_str());
+    auto* client = static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), key.c_str()));
     if (!client) {
-        const bool was_forgotten = server->forgotten_ids.erase(id_str.get()) != 0;
+        const bool was_forgotten = server->forgotten_ids.erase(key.c_str()) != 0;
         if (!was_forgotten || chunk.size() != 0)
-            add_client(server, std::move(id), identity.source_fd(), id_str.get());
+            add_client(server, identity, key.c_str());
         return;
     }
     std::string text{reinterpret_cast<const char*>(chunk.data()), chunk.size()};
     if (text.empty() || text.front() == '\0')
-        forget_client(server, id_str.get(), !text.empty());
+        forget_client(server, key.c_str(), !text.empty());
     else
         terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
                                 server->dbg_client_sock.get());

@@ -1,4 +1,7 @@
 // texts - answers and log texts that several commands have in common. Operators' scripts compare them.
+//
+// Ownership  None: texts that live as long as the program.
+// Threads    Constants: any. Nothing fails.
 #pragma once
 
 namespace rtls {

@@ -6,6 +6,7 @@
 // Threads    WIN server thread; lives as long as one call of process_data_from_win_client. No lock of its
 //            own; nothing waits.
 // Bytes      msg as it came in, but for its type, whose flag bits are cleared.
+// Failures   None of its own; what goes upstream may be lost (uplink/upstream.h).
 #pragma once
 
 #include "base/bytes.h"
@@ -15,6 +16,7 @@
 #include "wire/messaging.h"
 
 #include <array>
+#include <ctime>
 
 namespace rtls {
 

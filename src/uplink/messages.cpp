@@ -1,6 +1,5 @@
 #include "uplink/messages.h"
 
-#include "base/logger.h"
 #include "base/null_check.h"
 #include "link/rpl_version.h"
 #include "link/sending.h"
@@ -13,17 +12,13 @@ namespace rtls {
 
 static constexpr uint16_t node_lifetime = 300; // seconds; a heartbeat names its own
 
-// The types that may be dispatched; the envelopes and the ping are not among them.
-static constexpr uint16_t first_dispatched_type = MSG_PANID_REQ;
-static constexpr uint16_t last_dispatched_type = MSG_SENSOR_IND_NEW;
-
 // --- what several handlers do
 
 // Points the node at the client that the frame came from, unless its route is to stay. Under the lock.
 static void move_route_locked(link_frame& frame, NODE_t& node)
 {
     if (frame.change_route)
-        node_update_win_client_ID(&node, frame.client.id);
+        frame.nodes.set_win_client(node, frame.client.id);
 }
 
 // Registers a sign of life of the node with this MAC. False for a duplicate, or when there is no room.
@@ -332,7 +327,7 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
     take_flags(frame);
     if (!unwrap_forwarded(frame))
         return false;
-    if (frame.type >= first_dispatched_type && frame.type <= last_dispatched_type && !dispatch(frame))
+    if (!dispatch(frame))
         return false;
     if (frame.ack_requested && frame.ack_dst_known)
         data_to_win_client(server, client->id, frame.ack.data(), frame.ack.size());

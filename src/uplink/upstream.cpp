@@ -1,7 +1,6 @@
 #include "uplink/upstream.h"
 
 #include "base/hex.h"
-#include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/overflow_watch.h"

@@ -1,7 +1,8 @@
 // discovery_answers - what a bridge that looks for its gateway is told.
 //
-// Pure functions: no socket, no lock, no memory of their own; nothing waits, nothing fails.
-// Threads    Any.
+// Pure functions: no socket, no lock, no memory of their own.
+// Threads    Any. Nothing waits.
+// Failures   None: what is no request has no answer.
 // Bytes      Big-endian: layouts discovery_echo and discovery_address in messaging.h. Addresses are given
 //            in network order, as sockets have them, and ports in host order.
 #pragma once

@@ -5,6 +5,10 @@
 // MSG_WRAP_TS, the sub-command of generic requests and what follows it (range reports, UL-TDOA, OTA
 // pages), and the lengths that the gateway itself writes. The mixture is what the bridges and nodes in
 // the field speak: it must stay.
+// Ownership  None: constants.
+// Threads    Any.
+// Failures   None: the offsets are checked against each other while compiling; that the bytes are there is
+//            for who reads them.
 #pragma once
 
 #include "registry/addresses.h"

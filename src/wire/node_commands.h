@@ -1,10 +1,11 @@
 // node_commands - the requests by which operators command nodes.
 //
 // Each is a generic request as the WIN server takes it: a header, a body, and the destination's MAC.
-// Pure functions: no socket, no lock; nothing waits. Only make_set_request allocates (std::bad_alloc).
-// Threads    Any.
+// Pure functions: no socket, no lock.
+// Threads    Any. Nothing waits.
 // Bytes      Big-endian, but for the type: layouts reboot_request, apply_request and set_request in
 //            messaging.h.
+// Failures   Only make_set_request allocates, and throws std::bad_alloc.
 #pragma once
 
 #include "registry/addresses.h"

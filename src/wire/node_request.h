@@ -3,9 +3,10 @@
 // A node that its WIN client knows by address gets the message followed by that address (direct form).
 // A node reached through other nodes gets the message wrapped in a MSG_NWK_DATA_15_4_REQ (wrapped form).
 // Pure functions on a copy of what they need of the node, so that nothing is framed under the registry's
-// lock. No memory of their own; nothing waits, nothing fails.
-// Threads    Any; route_of under the registry's lock.
+// lock. No memory of their own.
+// Threads    Any. Nothing waits; route_of under the registry's lock.
 // Bytes      The message goes as it is. The wrapper's type is little-endian, its length big-endian.
+// Failures   None.
 #pragma once
 
 #include "base/bytes.h"

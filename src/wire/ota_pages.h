@@ -1,8 +1,9 @@
 // ota_pages - a node's request for a page of a firmware image, and the frame of the answer.
 //
-// Pure functions: no socket, no lock, no memory of their own; nothing waits, nothing throws.
-// Threads    Any.
+// Pure functions: no socket, no lock, no memory of their own.
+// Threads    Any. Nothing waits.
 // Bytes      Big-endian, but for the answer's type: layout ota_page in messaging.h.
+// Failures   Nothing throws: what is too short for a request is none.
 #pragma once
 
 #include "base/bytes.h"

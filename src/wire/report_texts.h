@@ -1,8 +1,12 @@
 // report_texts - the texts and frames that node reports become on their way to the servers.
 //
-// Pure functions: no socket, no clock, no memory of their own. The servers take the texts apart by
-// their exact wording and padding. Messages are given as received, and may be cut short: every reader
+// Pure functions: no socket, no clock, no memory of their own. The servers take the texts apart by their
+// exact wording and padding. Messages are given as received, and may be cut short: every reader
 // looks at the bytes that are there before it looks at what they say.
+// Threads    Any. Nothing waits.
+// Bytes      Messages are big-endian behind their header (wire/messaging.h).
+// Failures   Nothing throws. A message that is cut short gives nothing, or must be refused by its extent
+//            before; debug builds catch who has not.
 #pragma once
 
 #include "base/bytes.h"

@@ -3,6 +3,7 @@
 #include "wire/slip.h"
 
 #include <bit>
+#include <cstring>
 
 namespace rtls {
 

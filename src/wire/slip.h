@@ -1,4 +1,8 @@
 // slip - the byte stuffing of the WIN link: START message END, with special bytes behind ESC.
+//
+// Ownership  None: bytes and room are the caller's.
+// Threads    Any; pure functions.
+// Failures   None. That there is room is the caller's duty.
 #pragma once
 
 #include "base/bytes.h"

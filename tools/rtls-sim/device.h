@@ -4,9 +4,7 @@
 #include "uplink.h"
 
 #include <chrono>
-#include <optional>
 #include <random>
-#include <vector>
 
 namespace sim {
 

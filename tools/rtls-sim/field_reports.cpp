@@ -126,13 +126,13 @@ static bool can_be_acknowledged(kind k)
     return has_trailer(k) && k != kind::ota_page;
 }
 
-// The address that comes back in the acknowledgement. For a forwarded report other than a heartbeat the
-// gateway takes it from where an envelope has MAC and address.
+// The address that comes back in the acknowledgement. For a forwarded report that does not name its
+// bridge the gateway takes it from where an envelope has MAC and address.
 static std::string ack_key(uint8_t seq, const device& d, kind k)
 {
     writer key;
     key.u8(seq);
-    if (d.forwarded && k != kind::heartbeat && k != kind::node_announce)
+    if (d.forwarded && !names_bridge(k))
         key.raw(d.signs.mac).raw(view{d.ip}.first(8));
     else
         key.raw(d.ip);

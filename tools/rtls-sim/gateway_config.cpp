@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <memory>
 #include <random>
 #include <set>
 

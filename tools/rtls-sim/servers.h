@@ -1,8 +1,9 @@
 // servers - plays what stands upstream of the gateway: message handler, pub/sub proxy with its input, and
 // debug broker.
 //
-// All ports are bound here and the gateway connects to them, so it may come and go. Threads  run() is the
-// servers' own thread and uses the sockets; the operations marked so may be called from others.
+// All ports are bound here and the gateway connects to them, so it may come and go.
+// Threads    run() is the servers' own thread and uses the sockets; the operations marked so may be called
+//            from others.
 #pragma once
 
 #include "console.h"
@@ -15,7 +16,6 @@
 #include <atomic>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <set>
 #include <stop_token>
 #include <string>

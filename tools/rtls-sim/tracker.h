@@ -1,7 +1,8 @@
 // tracker - which reports were sent, which have arrived upstream, and how long they took.
 //
 // A report is known by its whole content: it has arrived only when every byte that the servers are to see
-// is right. Threads  All operations may be called from any thread.
+// is right.
+// Threads    All operations may be called from any thread.
 #pragma once
 
 #include "latency.h"

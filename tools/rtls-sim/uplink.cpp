@@ -164,7 +164,7 @@ bool has_trailer(kind k)
     return k != kind::ping && k != kind::prefix_request && k != kind::root_announce;
 }
 
-static bool is_heartbeat(kind k)
+bool names_bridge(kind k)
 {
     return k == kind::heartbeat || k == kind::node_announce;
 }
@@ -173,7 +173,7 @@ bytes sent_directly(const uplink_t& message, const mac_t& bridge, const ip_t& ip
 {
     writer out;
     out.raw(message.body);
-    if (is_heartbeat(message.kind))
+    if (names_bridge(message.kind))
         out.raw(bridge);
     if (has_trailer(message.kind))
         out.raw(ip);

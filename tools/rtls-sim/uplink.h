@@ -108,6 +108,8 @@ uplink_t make_ota_page_request(const mac_t& node, uint8_t seq, const ota_page_id
 
 // Whether the message of this kind is followed by the sender's address when a device sends it itself.
 bool has_trailer(kind k);
+// Whether it then names its bridge before that address, and so measures the same as in an envelope.
+bool names_bridge(kind k);
 
 // The ways up. `body` is an uplink_t's.
 // By a device on the gateway's own link: a heartbeat names its bridge before the address.

@@ -404,6 +404,67 @@ TEST_F(short_memory, in_a_connect_is_an_error_record)
     EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("logger_connect: out of memory!"));
 }
 
+struct record_case {
+    const char* name;
+    void (*log)(tav_component_logger logger, const char* text);
+};
+constexpr record_case record_cases[] = {
+    {"error", [](tav_component_logger logger, const char* text) { logger_error(logger, "%s", text); }},
+    {"warning", [](tav_component_logger logger, const char* text) { logger_warning(logger, "%s", text); }},
+    {"info", [](tav_component_logger logger, const char* text) { logger_info(logger, "%s", text); }},
+    {"debug", [](tav_component_logger logger, const char* text) { logger_debug(logger, "%s", text); }},
+    {"debug_ts",
+     [](tav_component_logger logger, const char* text) {
+         logger_debug_ts(logger, {1, 2}, "%s", text);
+     }},
+};
+
+TEST_F(short_memory, loses_the_record_and_the_system_log_says_so)
+{
+    const std::string text(100, 'x'); // needs memory
+    const logger_ptr logger = make_logger(m_name.c_str());
+    const component_ptr component = make_component(logger);
+    EXPECT_TRUE(logger_flush(logger.get(), 10'000));
+    (void)syslog_capture::take();
+    setlogmask(LOG_UPTO(LOG_DEBUG));
+    uint64_t lost = 0;
+    for (const auto& c : record_cases) {
+        size_t allocation = 0;
+        for (bool was_short = true; was_short; ++allocation) {
+            SCOPED_TRACE(testing::Message() << c.name << ", allocation " << allocation);
+            fail_allocation_after(allocation);
+            errno = ENOENT;
+            c.log(component.get(), text.c_str());
+            EXPECT_EQ(errno, ENOENT);
+            was_short = !cancel_failing_allocation();
+            lost += was_short ? 1 : 0;
+            EXPECT_EQ(logger_get_counters(logger.get()).unstored, lost);
+            EXPECT_TRUE(logger_flush(logger.get(), 10'000));
+            EXPECT_THAT(syslog_capture::take_texts(),
+                        ElementsAre(was_short ? "Log lines lost as memory was short: 1" : text));
+        }
+        EXPECT_GT(allocation, 1U) << c.name;
+    }
+    EXPECT_EQ(logger_get_counters(logger.get()).unpublished, 0U) << "there is no broker";
+}
+
+TEST_F(short_memory, loses_a_record_for_the_broker_alone_without_a_word)
+{
+    broker reader;
+    const logger_ptr logger = make_logger(m_name.c_str());
+    const component_ptr component = make_component(logger);
+    logger_connect(logger.get(), reader.endpoint().c_str());
+    EXPECT_TRUE(logger_flush(logger.get(), 10'000));
+    (void)syslog_capture::take();
+    fail_allocation_after(0);
+    logger_debug(component.get(), "short"); // but not with date and prefix
+    EXPECT_FALSE(cancel_failing_allocation());
+    EXPECT_EQ(logger_get_counters(logger.get()).unpublished, 1U);
+    EXPECT_EQ(logger_get_counters(logger.get()).unstored, 0U) << "it was to be no line";
+    EXPECT_TRUE(logger_flush(logger.get(), 10'000));
+    EXPECT_THAT(syslog_capture::take_texts(), IsEmpty());
+}
+
 TEST_F(clogger, threads_log_at_once_and_records_stay_whole)
 {
     constexpr size_t threads_number = 4;

@@ -1,5 +1,7 @@
 #include "impl/log_queue.h"
 
+#include "support/allocation_count.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -103,6 +105,38 @@ TEST(log_queue, marks_in_a_row_are_one)
     EXPECT_EQ(mark.before.held_back, 2U);
     EXPECT_TRUE(queue.is_empty());
     EXPECT_EQ(queue.gap().held_back, 0U);
+}
+
+TEST(log_queue, tells_of_lines_without_memory_where_they_are_missing)
+{
+    log_queue queue;
+    queue.lose();
+    queue.lose();
+    EXPECT_EQ(queue.gap().unstored, 2U);
+    EXPECT_TRUE(queue.push_line(6, "behind the gap"));
+    EXPECT_EQ(queue.gap().unstored, 0U);
+    EXPECT_EQ(queue.pop().before.unstored, 2U);
+    queue.push_order(action::mark);
+    queue.lose();
+    queue.push_order(action::mark);
+    EXPECT_EQ(queue.pop().before.unstored, 1U);
+}
+
+TEST(log_queue, what_is_missing_at_the_end_is_told_without_memory)
+{
+    log_queue queue;
+    queue.hold_back();
+    queue.lose();
+    const size_t allocations = allocations_of_this_thread();
+    const log_entry mark = queue.end_gap();
+    EXPECT_EQ(allocations_of_this_thread(), allocations);
+    EXPECT_EQ(mark.what, action::mark);
+    EXPECT_EQ(mark.before.held_back, 1U);
+    EXPECT_EQ(mark.before.unstored, 1U);
+    EXPECT_EQ(queue.pushed(), 1U) << "it counts as an entry that was followed";
+    EXPECT_TRUE(queue.is_empty());
+    EXPECT_EQ(queue.gap().held_back, 0U);
+    EXPECT_EQ(queue.gap().unstored, 0U);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 using tav::libs::core::component_logger;
@@ -135,6 +136,22 @@ TEST(scope_guard, takes_actions_that_can_only_be_moved)
     int result = 0;
     (void)execute_on_scope_exit([value = std::make_unique<int>(7), &result] { result = *value; });
     EXPECT_EQ(result, 7);
+}
+
+TEST_F(scope_tracing, threads_format_at_once)
+{
+    constexpr int threads_number = 4;
+    constexpr int records_each = 50;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < threads_number; ++thread)
+        threads.emplace_back([this] {
+            for (int i = 0; i < records_each; ++i)
+                m_component->info("%1% of %2$04d") % "one" % 12;
+        });
+    for (auto& thread : threads)
+        thread.join();
+    for (int i = 0; i < threads_number * records_each; ++i)
+        ASSERT_EQ(next(), "&app:main DATE one of 0012");
 }
 
 using formatter_death = scope_tracing;

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace rtls {
@@ -62,6 +64,18 @@ TEST_F(generic_test, the_frame_takes_the_form_that_the_node_needs)
         EXPECT_EQ(sent_to(other), texts{});
         EXPECT_EQ(lines("parsing"), texts{"GENERIC: INFO(GENERIC): dst 00A1"});
     }
+}
+
+// As while the gateway is being built or taken down.
+TEST_F(generic_test, without_a_registry_no_node_is_known)
+{
+    const WIN_CLIENT_t* bridge = add_bridge("0000000001");
+    services nothing;
+    services* all = std::exchange(server->rtls_gateway, &nothing);
+    EXPECT_FALSE(process("0E08070003AABBCC" + mac));
+    server->rtls_gateway = all;
+    EXPECT_EQ(errors(), texts{"find_route: null pointer!"});
+    EXPECT_TRUE(bridge->unsent_messages.empty());
 }
 
 TEST_F(generic_test, sizes_from_5_to_800_are_looked_at)

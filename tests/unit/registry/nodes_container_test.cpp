@@ -554,6 +554,32 @@ TEST_F(nodes_container, a_refusal_is_logged_once_an_episode)
     EXPECT_THAT(log.messages("main"), ElementsAre(line));
 }
 
+// Logging waits for the logger, and whoever waits for the registry must not wait for that.
+TEST(nodes_container_lock, what_fails_under_it_is_logged_behind_it)
+{
+    log_capture log;
+    NODES_CONTAINER_t registry{1};
+    const auto first = mac_of(1);
+    const auto second = mac_of(2);
+    {
+        const nodes_guard guard{registry};
+        NODE_t* node = registry.find_or_create_by_mac(first.data(), nullptr);
+        registry.set_lifetime(*node, 300);
+        EXPECT_EQ(registry.find_or_create_by_mac(second.data(), nullptr), nullptr);
+        errno = ENOMEM;
+        registry.set_win_client(*node, nullptr); // no identity: the library answers as without memory
+        EXPECT_THAT(log.messages("main"), IsEmpty());
+    }
+    EXPECT_THAT(log.messages("main"),
+                ElementsAre("nodes_container_find_or_create_by_mac: out of memory!",
+                            "node_update_win_client_ID: zframe_dup: 12, Cannot allocate memory"));
+    {
+        const nodes_guard guard{registry};
+        EXPECT_EQ(registry.find_or_create_by_mac(second.data(), nullptr), nullptr);
+    }
+    EXPECT_THAT(log.messages("main"), IsEmpty()) << "the same episode, and each line once";
+}
+
 // Against lifetimes counted down one by one, and a list of those that expired in their order.
 TEST_F(nodes_container, lifetimes_and_room_agree_with_a_count_whatever_happens)
 {

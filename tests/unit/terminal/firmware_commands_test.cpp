@@ -25,6 +25,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace rtls {
@@ -253,6 +254,19 @@ TEST_F(terminal_firmware_test, apply_always_addresses_the_node_000A)
         EXPECT_EQ(answer_to("fw apply 1a2b"), "Command sent successfully!\n");
         EXPECT_EQ(next_request(), hex("0E 08 00 00 02 00 11 00 01 02 03 04 05 00 0A"));
     }
+}
+
+// As while the gateway is being built or taken down.
+TEST_F(terminal_firmware_test, without_a_store_there_is_no_image)
+{
+    auto& given = *static_cast<services*>(gateway());
+    OTA_t* store = std::exchange(given.ota, nullptr);
+    EXPECT_EQ(answer_to("fw list"), firmware_list_header);
+    EXPECT_EQ(answer_to("fw get file:///nowhere"), "Failed to read firmware!\n");
+    EXPECT_EQ(firmware_info(given, "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(given, "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_set(given, "0", "1a2b", nullptr), "Incorrect INDEX value!\n");
+    given.ota = store;
 }
 
 // The words of the operators are the sub-command's own (see above); the functions take any.

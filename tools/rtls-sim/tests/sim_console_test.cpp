@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 namespace sim {
 
 // A console that writes to a file, and what it has written.

@@ -1,5 +1,7 @@
 #include "impl/clogger.h"
 
+#include <syslog.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -9,11 +11,10 @@
 #include <optional>
 #include <string>
 
-namespace {
-
 using tav::libs::core::component_logger;
 using tav::libs::core::timestamp;
-using level_t = component_logger::formatter (component_logger::*)(const char* pattern) const;
+
+namespace {
 
 // Logging often stands between a failed call and the reading of its errno.
 class errno_keeper {
@@ -27,8 +28,10 @@ private:
     int m_errno = errno;
 };
 
+} // namespace
+
 // The text that printf would print; empty if the arguments cannot be converted.
-__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
+static __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
 {
     va_list measured;
     va_copy(measured, arguments);
@@ -42,38 +45,44 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, 
     return text;
 }
 
-// noexcept: without the memory for a record the process ends here, not in some C library's frame.
-__attribute__((format(printf, 3, 0))) void write_record(tav_component_logger logger, level_t level,
-                                                        const char* format, va_list arguments,
-                                                        std::optional<timestamp> time = {}) noexcept
+// When there is no memory for the record, it is lost, and the system log says so: whoever has to report just
+// that must not end the process with it.
+template <typename Write>
+static void write_or_lose(const component_logger& component, int log_level, Write write) noexcept
 {
-    if (logger == nullptr)
-        return;
     const errno_keeper keeper;
-    // The text is an argument, never a pattern: its own % signs stay as they are.
-    const std::string text = formatted(format, arguments);
-    auto record = ((*logger->m_component).*level)("%1%");
-    record.kind(format) % text;
-    if (time)
-        record.date_time(*time);
+    try {
+        write();
+    } catch (const std::bad_alloc&) {
+        component.lose(log_level);
+    }
 }
 
-// noexcept: a record of these, too, ends the process when there is no memory for it.
-void report_failed_connect(const tav::libs::core::logger& logger, const zmq::error_t& failure) noexcept
+static __attribute__((format(printf, 3, 0))) void
+write_record(const component_logger& component, int log_level, const char* format, va_list arguments,
+             const std::optional<timestamp>& time = {}) noexcept
 {
-    logger.error("%1%: zmq_connect: %2%, %3%") % "logger_connect" % failure.num() % failure.what();
+    write_or_lose(component, log_level,
+                  [&] { component.write(log_level, formatted(format, arguments), format, time); });
 }
 
-void report_short_memory(const tav::libs::core::logger& logger) noexcept
+static void report_failed_connect(const component_logger& component, const zmq::error_t& failure) noexcept
 {
-    logger.error("%1%: out of memory!") % "logger_connect";
+    static constexpr char head[] = "logger_connect: zmq_connect: ";
+    write_or_lose(component, LOG_ERR, [&] {
+        component.write(LOG_ERR, head + std::to_string(failure.num()) + ", " + failure.what(), head);
+    });
 }
 
-} // namespace
+static void report_short_memory(const component_logger& component) noexcept
+{
+    static constexpr char text[] = "logger_connect: out of memory!";
+    write_or_lose(component, LOG_ERR, [&] { component.write(LOG_ERR, text, text); });
+}
 
 tav_logger create_logger(const char* name)
 {
-    if (name == nullptr)
+    if (!name)
         return nullptr;
     try {
         return new tav_logger_handle{{name, "logger"}};
@@ -90,7 +99,7 @@ void destroy_logger(tav_logger logger)
 bool logger_flush(tav_logger logger, unsigned timeout_ms)
 {
     try {
-        return logger != nullptr && logger->m_logger.flush(std::chrono::milliseconds(timeout_ms));
+        return logger && logger->m_logger.flush(std::chrono::milliseconds(timeout_ms));
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -98,15 +107,16 @@ bool logger_flush(tav_logger logger, unsigned timeout_ms)
 
 tav_log_counters_t logger_get_counters(tav_logger logger)
 {
-    if (logger == nullptr)
+    if (!logger)
         return {};
     const auto lines = logger->m_logger.system_log_counters();
-    return {lines.queued, lines.written, lines.lost, lines.held_back, logger->m_logger.unpublished()};
+    return {lines.queued,    lines.written,  lines.lost,
+            lines.held_back, lines.unstored, logger->m_logger.unpublished()};
 }
 
 void logger_connect(tav_logger logger, const char* address)
 {
-    if (logger == nullptr || address == nullptr)
+    if (!logger || !address)
         return;
     try {
         logger->m_logger.connect(address);
@@ -119,7 +129,7 @@ void logger_connect(tav_logger logger, const char* address)
 
 tav_component_logger create_component_logger(tav_logger logger, const char* name)
 {
-    if (logger == nullptr || name == nullptr)
+    if (!logger || !name)
         return nullptr;
     try {
         return new tav_component_logger_handle{logger->m_logger.component(name)};
@@ -135,7 +145,7 @@ void destroy_component_logger(tav_component_logger logger)
 
 bool logger_debug_is_wanted(tav_component_logger logger)
 {
-    return logger != nullptr && logger->m_component->is_debug_wanted();
+    return logger && logger->m_component->is_debug_wanted();
 }
 
 void logger_debug(tav_component_logger logger, const char* format, ...)
@@ -144,7 +154,7 @@ void logger_debug(tav_component_logger logger, const char* format, ...)
         return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::debug, format, arguments);
+    write_record(*logger->m_component, LOG_DEBUG, format, arguments);
     va_end(arguments);
 }
 
@@ -154,31 +164,37 @@ void logger_debug_ts(tav_component_logger logger, tav_timestamp_t time, const ch
         return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::debug, format, arguments,
+    write_record(*logger->m_component, LOG_DEBUG, format, arguments,
                  timestamp(time.seconds, time.milliseconds));
     va_end(arguments);
 }
 
 void logger_info(tav_component_logger logger, const char* format, ...)
 {
+    if (!logger)
+        return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::info, format, arguments);
+    write_record(*logger->m_component, LOG_INFO, format, arguments);
     va_end(arguments);
 }
 
 void logger_warning(tav_component_logger logger, const char* format, ...)
 {
+    if (!logger)
+        return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::warning, format, arguments);
+    write_record(*logger->m_component, LOG_WARNING, format, arguments);
     va_end(arguments);
 }
 
 void logger_error(tav_component_logger logger, const char* format, ...)
 {
+    if (!logger)
+        return;
     va_list arguments;
     va_start(arguments, format);
-    write_record(logger, &component_logger::error, format, arguments);
+    write_record(*logger->m_component, LOG_ERR, format, arguments);
     va_end(arguments);
 }

@@ -1,4 +1,8 @@
 // clogger - what stands behind the handles of the flat interface.
+//
+// Ownership  A handle owns the logger that is in it; the caller owns the handle.
+// Threads    As of what is in them.
+// Failures   Making one throws what making the logger throws.
 #pragma once
 
 #include "core/clogger.h"

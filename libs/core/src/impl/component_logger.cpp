@@ -8,11 +8,7 @@
 
 namespace tav::libs::core {
 
-namespace {
-
-constexpr size_t blanks_per_level = 4;
-
-} // namespace
+static constexpr size_t blanks_per_level = 4;
 
 component_logger::component_logger(logger& owner, std::string_view application_name,
                                    std::string_view component_name)
@@ -62,6 +58,11 @@ void component_logger::write(int log_level, std::string text, const char* kind,
     m_logger.write_to_system_log(log_level, std::move(is_debug ? line : text), kind);
     if (is_publishing)
         m_logger.publish(record);
+}
+
+void component_logger::lose(int log_level) const
+{
+    m_logger.lose(log_level);
 }
 
 std::string component_logger::indent() const
@@ -157,12 +158,6 @@ component_logger::formatter& component_logger::formatter::short_function(const s
 component_logger::formatter& component_logger::formatter::date_time(const timestamp& time)
 {
     m_timestamp = time;
-    return *this;
-}
-
-component_logger::formatter& component_logger::formatter::kind(const char* kind)
-{
-    m_kind = kind;
     return *this;
 }
 

@@ -47,6 +47,9 @@ public:
     void write(int log_level, std::string text, const char* kind,
                const std::optional<timestamp>& time = {}) const;
 
+    // Counts one record as lost for want of memory; the system log will say so, if it is a line of it.
+    void lose(int log_level) const;
+
     // Trace the entry into a function or scope with a debug record. Records are indented by one level
     // more for as long as the guard lives; leaving writes nothing.
     [[nodiscard]] scope_guard_ptr enter_function(const source_location& location) const;
@@ -94,14 +97,13 @@ public:
     formatter& function(const source_location& location);       // then the signature and ": "
     formatter& short_function(const source_location& location); // or the short name and ": "
     formatter& date_time(const timestamp& time);                // instead of now
-    formatter& kind(const char* kind);                          // instead of the pattern, see rate_limit
 
 private:
     std::string text() const;
 
     boost::format m_format;
-    int m_log_level; // a priority of syslog
-    const char* m_kind;
+    int m_log_level;    // a priority of syslog
+    const char* m_kind; // the pattern, see rate_limit
     const component_logger& m_logger;
     std::optional<source_location> m_source_location;
     std::string_view m_function;

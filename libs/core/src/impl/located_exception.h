@@ -1,4 +1,8 @@
 // located_exception - an exception that knows where it was raised, and the texts of any exception.
+//
+// Ownership  Owns its text; the place's own texts are borrowed (source_location).
+// Threads    Any; nothing is shared.
+// Failures   Making one, and the texts, throw std::bad_alloc.
 #pragma once
 
 #include "impl/source_location.h"

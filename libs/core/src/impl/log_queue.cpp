@@ -5,6 +5,14 @@
 
 namespace tav::libs::core {
 
+log_gap& log_gap::operator+=(const log_gap& other)
+{
+    lost += other.lost;
+    held_back += other.held_back;
+    unstored += other.unstored;
+    return *this;
+}
+
 bool log_queue::push_line(int priority, std::string text)
 {
     const size_t bytes = text.size();
@@ -25,8 +33,13 @@ void log_queue::push_order(log_entry::action what)
         push({what, 0, {}, m_gap});
         return;
     }
-    m_entries.back().before.lost += std::exchange(m_gap.lost, 0);
-    m_entries.back().before.held_back += std::exchange(m_gap.held_back, 0);
+    m_entries.back().before += std::exchange(m_gap, {});
+}
+
+log_entry log_queue::end_gap()
+{
+    ++m_pushed;
+    return {log_entry::action::mark, 0, {}, std::exchange(m_gap, {})};
 }
 
 void log_queue::push(log_entry entry)

@@ -1,9 +1,10 @@
 // log_queue - what is still to be done with the system log, in order, bounded in lines and bytes.
 //
-// Lines that find no room are lost, and lines beyond the rate are held back; both are counted, and the next
-// entry carries the counts, so that they can be told where the lines are missing.
+// Lines that find no room, or no memory, are lost, and lines beyond the rate are held back; all are counted,
+// and the next entry carries the counts, so that they can be told where the lines are missing.
+// Ownership  Owns its entries until pop() hands them out.
 // Threads    None of its own; the owner locks.
-// Failures   What adds an entry throws std::bad_alloc, and then nothing has changed.
+// Failures   The push functions throw std::bad_alloc, and then nothing has changed; nothing else throws.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +18,9 @@ namespace tav::libs::core {
 struct log_gap {
     uint64_t lost = 0;
     uint64_t held_back = 0;
+    uint64_t unstored = 0; // for want of memory
+
+    log_gap& operator+=(const log_gap& other);
 };
 
 struct log_entry {
@@ -40,8 +44,15 @@ public:
     // Counts a line that may not pass.
     void hold_back() { ++m_gap.held_back; }
 
+    // Counts a line that there is no memory for.
+    void lose() { ++m_gap.unstored; }
+
     // Adds anything else; for that there is always room. A mark behind a mark adds nothing.
     void push_order(log_entry::action what);
+
+    // A mark behind all entries, given out as if it had been pushed and popped. Only when there is none
+    // before it. Needs no memory.
+    log_entry end_gap();
 
     // The oldest entry. Only when there is one.
     log_entry pop();

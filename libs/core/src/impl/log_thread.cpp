@@ -4,32 +4,36 @@
 
 #include <syslog.h>
 
+#include <array>
 #include <chrono>
+#include <cinttypes>
 #include <csignal>
+#include <cstdio>
+#include <new>
 #include <optional>
 #include <system_error>
 #include <thread>
-#include <utility>
 
 namespace tav::libs::core {
 
-namespace {
-
 using state_ptr = std::shared_ptr<log_thread_state>;
 
-constexpr int every_priority = LOG_UPTO(LOG_DEBUG);
-constexpr int all_but_debug = LOG_UPTO(LOG_INFO);
+static constexpr int every_priority = LOG_UPTO(LOG_DEBUG);
+static constexpr int all_but_debug = LOG_UPTO(LOG_INFO);
 
-constexpr char lost_text[] = "Log lines lost while the system log took none";
-constexpr char held_back_text[] = "Log lines held back beyond 1000 in a second";
+static constexpr char lost_text[] = "Log lines lost while the system log took none";
+static constexpr char held_back_text[] = "Log lines held back beyond 1000 in a second";
+static constexpr char unstored_text[] = "Log lines lost as memory was short";
 static_assert(rate_limit::lines_each_second == 1000);
 
 // Held from opening to closing.
-rtls::annotated_mutex log_owner;
+static rtls::annotated_mutex log_owner;
 
 // Set while somebody is in libc's functions for the system log. They wait for each other, as long as it
 // takes: who may not wait looks here first.
-std::atomic_flag libc_is_busy;
+static std::atomic_flag libc_is_busy;
+
+namespace {
 
 class libc_use {
 public:
@@ -53,10 +57,24 @@ public:
     cancellable& operator=(const cancellable&) = delete;
 };
 
-void note_mask(log_thread_state& state)
+} // namespace
+
+static void note_mask(log_thread_state& state)
 {
     state.mask.store(setlogmask(0), std::memory_order_relaxed);
 }
+
+// The date before a line; none when there is no memory for it.
+static std::string date_prefix()
+{
+    try {
+        return timestamp::current_time().to_iso_8601(true, ' ', false) + " ";
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
+namespace {
 
 // The log, open from the first set_debug() on for as long as this lives.
 class opened_log {
@@ -75,6 +93,7 @@ public:
         using action = log_entry::action;
         notice(lost_text, entry.before.lost);
         notice(held_back_text, entry.before.held_back);
+        notice(unstored_text, entry.before.unstored);
         if (entry.what == action::write) {
             say(entry.priority, entry.text.c_str());
             m_state.written.fetch_add(1, std::memory_order_relaxed);
@@ -106,25 +125,28 @@ private:
     {
         if (number == 0)
             return;
-        const std::string date =
-            m_is_debug ? timestamp::current_time().to_iso_8601(true, ' ', false) + " " : std::string();
-        say(LOG_WARNING, (date + text + ": " + std::to_string(number)).c_str());
+        std::array<char, 128> line{};
+        (void)std::snprintf(line.data(), line.size(), "%s%s: %" PRIu64,
+                            m_is_debug ? date_prefix().c_str() : "", text, number);
+        say(LOG_WARNING, line.data());
     }
 
     log_thread_state& m_state;
     bool m_is_debug = false;
 };
 
+} // namespace
+
 // Whether lines are missing that no entry speaks of, and it is time to say so: the queue is empty now, so
 // there is room again; or the second is over.
-bool is_gap_due(const log_thread_state& state) RTLS_REQUIRES(state.mutex)
+static bool is_gap_due(const log_thread_state& state) RTLS_REQUIRES(state.mutex)
 {
     const log_gap& gap = state.queue.gap();
     const bool is_second_over = std::chrono::steady_clock::now() >= state.rate.end_of_second();
-    return gap.lost != 0 || (gap.held_back != 0 && (state.is_closing || is_second_over));
+    return gap.lost != 0 || gap.unstored != 0 || (gap.held_back != 0 && (state.is_closing || is_second_over));
 }
 
-void wait_for_work(log_thread_state& state) RTLS_REQUIRES(state.mutex)
+static void wait_for_work(log_thread_state& state) RTLS_REQUIRES(state.mutex)
 {
     if (state.queue.gap().held_back != 0)
         state.work.wait_until(state.mutex, state.rate.end_of_second());
@@ -133,14 +155,14 @@ void wait_for_work(log_thread_state& state) RTLS_REQUIRES(state.mutex)
 }
 
 // Nothing at the end.
-std::optional<log_entry> next_entry(log_thread_state& state)
+static std::optional<log_entry> next_entry(log_thread_state& state)
 {
     const rtls::mutex_guard lock(state.mutex);
     while (!state.is_given_up) {
-        if (state.queue.is_empty() && is_gap_due(state))
-            state.queue.push_order(log_entry::action::mark);
         if (!state.queue.is_empty())
             return state.queue.pop();
+        if (is_gap_due(state))
+            return state.queue.end_gap();
         if (state.is_closing)
             break;
         wait_for_work(state);
@@ -148,7 +170,7 @@ std::optional<log_entry> next_entry(log_thread_state& state)
     return std::nullopt;
 }
 
-void follow_entries(log_thread_state& state)
+static void follow_entries(log_thread_state& state)
 {
     opened_log log(state);
     while (const auto entry = next_entry(state)) {
@@ -158,6 +180,8 @@ void follow_entries(log_thread_state& state)
         state.progress.notify_all();
     }
 }
+
+namespace {
 
 // Tells the owner, whichever way the thread ends.
 class end_notice {
@@ -176,7 +200,9 @@ private:
     log_thread_state& m_state;
 };
 
-extern "C" void* run_log_thread(void* argument)
+} // namespace
+
+static void* run_log_thread(void* argument)
 {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     pthread_setname_np(pthread_self(), "rtls-log");
@@ -186,6 +212,8 @@ extern "C" void* run_log_thread(void* argument)
     follow_entries(**state);
     return nullptr;
 }
+
+namespace {
 
 class thread_attributes {
 public:

@@ -2,11 +2,11 @@
 // owner (system_log).
 //
 // Ownership  The shared state belongs to both, as a thread that stands in libc for ever has to be left
-// behind. Threads    "rtls-log" takes no signals. The system log is one thread's from opening to closing: if
-// one was
+//            behind.
+// Threads    "rtls-log" takes no signals. The system log is one thread's from opening to closing: if one was
 //            left behind, the next waits for it; nobody else does.
-// Failures   start_log_thread throws std::bad_alloc or std::system_error. Without memory later on, the
-//            process ends.
+// Failures   start_log_thread throws std::bad_alloc or std::system_error. The thread itself needs no memory
+//            of ours: what says how many lines are missing must come out when memory is short.
 #pragma once
 
 #include "core/thread_annotations.h"

@@ -1,24 +1,33 @@
 #include "impl/logger.h"
 
+#include <locale>
+
 namespace tav::libs::core {
 
-namespace {
+static constexpr int linger_ms = 5000;
 
-constexpr int linger_ms = 5000;
-
-zmq::socket_t make_socket(zmq::context_t& context)
+static zmq::socket_t make_socket(zmq::context_t& context)
 {
     zmq::socket_t socket(context, zmq::socket_type::push);
     socket.set(zmq::sockopt::linger, linger_ms);
     return socket;
 }
 
-} // namespace
+// Formatting looks characters up in tables of the global locale, which the standard library fills on first
+// use and without a lock. So they are filled here, before several threads can format at once.
+static void fill_character_tables()
+{
+    const std::locale global;
+    const auto& characters = std::use_facet<std::ctype<char>>(global);
+    char blank = characters.widen(' ');
+    characters.narrow(&blank, &blank + 1, '\0', &blank);
+}
 
 logger::logger(std::string_view application_name, std::string_view component_name)
     : component_logger(*this, application_name, component_name), m_module_name(application_name),
       m_debug_socket(make_socket(m_zmq_context)), m_system_log(application_name)
 {
+    fill_character_tables();
     // Not by a formatter: its record would end the process where this may still throw.
     write(LOG_INFO, "Starting " + m_module_name, "Starting %1%");
 }
@@ -49,6 +58,13 @@ void logger::connect(const std::string& address)
 std::unique_ptr<component_logger> logger::component(std::string_view name)
 {
     return std::make_unique<component_logger>(*this, m_module_name, name);
+}
+
+void logger::lose(int log_level)
+{
+    m_system_log.lose(log_level);
+    if (is_publishing())
+        m_unpublished.fetch_add(1, std::memory_order_relaxed);
 }
 
 void logger::publish(std::string_view record)

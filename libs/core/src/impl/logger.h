@@ -66,6 +66,9 @@ public:
         m_system_log.write(log_level, std::move(line), kind);
     }
 
+    // Counts a record of this level that there is no memory for. Needs none itself.
+    void lose(int log_level);
+
     // Waits until the system log has all lines so far. False: not in time.
     bool flush(std::chrono::milliseconds timeout) { return m_system_log.flush(timeout); }
 

@@ -3,6 +3,7 @@
 // So many lines of each second pass whole. Beyond that only the first line of each kind does: a flood of
 // one kind must not hide what happens beside it, the end of the program least of all.
 // Threads    None of its own; the owner locks.
+// Failures   Nothing throws; it needs no memory beyond its own.
 #pragma once
 
 #include <array>

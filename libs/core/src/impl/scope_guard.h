@@ -1,4 +1,8 @@
 // scope_guard - runs an action when a scope is left, whichever way.
+//
+// Ownership  Whoever holds the guard holds its action, and what the action keeps.
+// Threads    The action runs on the thread that destroys the guard.
+// Failures   Making a guard throws std::bad_alloc. An action that throws ends the process.
 #pragma once
 
 #include <memory>

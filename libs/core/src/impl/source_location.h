@@ -1,6 +1,8 @@
 // source_location - a place in the source code, as log records and exceptions name it.
 //
 // Ownership  Both texts are borrowed, usually from the compiler's own constants.
+// Threads    Any; pure functions.
+// Failures   Nothing throws.
 #pragma once
 
 #include <cstdint>

@@ -10,26 +10,24 @@
 
 namespace tav::libs::core {
 
-namespace {
-
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr auto patience = milliseconds(2000);       // with a log that takes nothing
-constexpr auto cancel_patience = milliseconds(500); // for the thread to leave libc when told to
+static constexpr auto patience = milliseconds(2000);       // with a log that takes nothing
+static constexpr auto cancel_patience = milliseconds(500); // for the thread to leave libc when told to
 
-std::atomic<unsigned> forks{0};
+static std::atomic<unsigned> forks{0};
 
-void count_forks()
+static void count_forks()
 {
     static const int registered = pthread_atfork(nullptr, nullptr, [] { ++forks; });
     (void)registered; // without memory for it, a child would wait in vain, but not for ever
 }
 
 // The one whose lines are not yet to be given up when the program ends without destroying it.
-std::atomic<system_log*> live{nullptr};
+static std::atomic<system_log*> live{nullptr};
 
-void close_at_exit()
+static void close_at_exit()
 {
     static const int registered = std::atexit([] {
         if (system_log* log = live.exchange(nullptr))
@@ -39,7 +37,7 @@ void close_at_exit()
 }
 
 // False: not in time.
-bool wait_until_followed(log_thread_state& state, uint64_t entries, milliseconds timeout)
+static bool wait_until_followed(log_thread_state& state, uint64_t entries, milliseconds timeout)
     RTLS_REQUIRES(state.mutex)
 {
     const auto deadline = steady_clock::now() + timeout;
@@ -49,7 +47,7 @@ bool wait_until_followed(log_thread_state& state, uint64_t entries, milliseconds
     return true;
 }
 
-bool wait_until_ended(log_thread_state& state, milliseconds timeout) RTLS_REQUIRES(state.mutex)
+static bool wait_until_ended(log_thread_state& state, milliseconds timeout) RTLS_REQUIRES(state.mutex)
 {
     const auto deadline = steady_clock::now() + timeout;
     while (!state.has_ended)
@@ -58,7 +56,7 @@ bool wait_until_ended(log_thread_state& state, milliseconds timeout) RTLS_REQUIR
     return true;
 }
 
-bool order(log_thread_state& state, log_entry::action what, milliseconds timeout)
+static bool order(log_thread_state& state, log_entry::action what, milliseconds timeout)
 {
     const rtls::mutex_guard lock(state.mutex);
     state.queue.push_order(what);
@@ -67,7 +65,7 @@ bool order(log_thread_state& state, log_entry::action what, milliseconds timeout
 }
 
 // Whether the thread has followed everything and ended.
-bool close_in_time(log_thread_state& state)
+static bool close_in_time(log_thread_state& state)
 {
     const rtls::mutex_guard lock(state.mutex);
     state.is_closing = true;
@@ -77,7 +75,7 @@ bool close_in_time(log_thread_state& state)
     return has_ended;
 }
 
-bool cancel_in_time(log_thread_state& state, pthread_t thread)
+static bool cancel_in_time(log_thread_state& state, pthread_t thread)
 {
     pthread_cancel(thread);
     const rtls::mutex_guard lock(state.mutex);
@@ -85,15 +83,13 @@ bool cancel_in_time(log_thread_state& state, pthread_t thread)
 }
 
 // The first order, before the thread can see it.
-std::shared_ptr<log_thread_state> state_to_open(std::string_view name)
+static std::shared_ptr<log_thread_state> state_to_open(std::string_view name)
 {
     auto state = std::make_shared<log_thread_state>(name);
     const rtls::mutex_guard lock(state->mutex);
     state->queue.push_order(log_entry::action::debug_off);
     return state;
 }
-
-} // namespace
 
 system_log::system_log(std::string_view name)
     : m_state(state_to_open(name)), m_forks(forks), m_thread(start_log_thread(m_state))
@@ -145,9 +141,25 @@ bool system_log::admits(int priority) const
     return (current_log_mask(*m_state) & LOG_MASK(priority)) != 0;
 }
 
+// Debug lines that the mask would not let pass are not to take room from others.
+bool system_log::takes(int priority) const
+{
+    return !is_in_child() && (priority != LOG_DEBUG || admits(LOG_DEBUG));
+}
+
+void system_log::lose(int priority)
+{
+    if (!takes(priority))
+        return;
+    const rtls::mutex_guard lock(m_state->mutex);
+    m_state->queue.lose();
+    m_unstored.fetch_add(1, std::memory_order_relaxed);
+    m_state->work.notify_one();
+}
+
 void system_log::write(int priority, std::string line, const void* kind)
 {
-    if (is_in_child() || (priority == LOG_DEBUG && !admits(LOG_DEBUG)))
+    if (!takes(priority))
         return;
     const auto now = steady_clock::now();
     const rtls::mutex_guard lock(m_state->mutex);
@@ -166,7 +178,7 @@ system_log::counters system_log::count() const
 {
     const auto relaxed = std::memory_order_relaxed;
     return {m_queued.load(relaxed), m_state->written.load(relaxed), m_lost.load(relaxed),
-            m_held_back.load(relaxed)};
+            m_held_back.load(relaxed), m_unstored.load(relaxed)};
 }
 
 } // namespace tav::libs::core

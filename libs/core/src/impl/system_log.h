@@ -35,6 +35,7 @@ public:
         uint64_t written;   // of these, handed to libc
         uint64_t lost;      // lines for which there was no room
         uint64_t held_back; // lines beyond the rate
+        uint64_t unstored;  // lines for which there was no memory
     };
 
     explicit system_log(std::string_view name);
@@ -57,6 +58,9 @@ public:
     // kind: see rate_limit.
     void write(int priority, std::string line, const void* kind);
 
+    // Counts a line for which there is no memory, as write() would have taken it. Needs none itself.
+    void lose(int priority);
+
     // Waits until all lines so far are written, and it is said which are missing. False: not in time.
     bool flush(std::chrono::milliseconds timeout);
 
@@ -64,6 +68,7 @@ public:
 
 private:
     bool is_in_child() const;
+    bool takes(int priority) const;
 
     std::shared_ptr<log_thread_state> m_state; // the thread's, too: it may have to be left behind
     const unsigned m_forks;                    // that made this process
@@ -72,6 +77,7 @@ private:
     std::atomic<uint64_t> m_queued{0};
     std::atomic<uint64_t> m_lost{0};
     std::atomic<uint64_t> m_held_back{0};
+    std::atomic<uint64_t> m_unstored{0};
 };
 
 } // namespace tav::libs::core

@@ -11,15 +11,11 @@ namespace tav::libs::core {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-namespace {
-
 // Leaves room for any number of milliseconds to be added.
-constexpr long last_second =
+static constexpr long last_second =
     (std::numeric_limits<milliseconds::rep>::max() - std::numeric_limits<unsigned int>::max()) / 1000;
-constexpr long nanoseconds_per_millisecond = 1'000'000;
-constexpr size_t separator_index = 10; // of the blank between date and time
-
-} // namespace
+static constexpr long nanoseconds_per_millisecond = 1'000'000;
+static constexpr size_t separator_index = 10; // of the blank between date and time
 
 timestamp::timestamp(long since_epoch, unsigned int after_second)
     : m_time_point(milliseconds(std::clamp(since_epoch, -last_second, last_second) * 1000L + after_second))

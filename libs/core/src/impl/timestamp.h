@@ -1,4 +1,7 @@
 // timestamp - a point in time with millisecond resolution, and its text.
+//
+// Threads    Any; values.
+// Failures   The text throws std::bad_alloc. A year that strftime has no room for gives an empty date.
 #pragma once
 
 #include <chrono>

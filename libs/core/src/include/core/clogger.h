@@ -7,13 +7,16 @@
 //     Log lines lost while the system log took none: 17
 // 1,000 lines of each second pass whole; beyond them only the first of each format, and a warning follows:
 //     Log lines held back beyond 1000 in a second: 17
+// So it does where there was no memory for a line:
+//     Log lines lost as memory was short: 17
 // Ownership  The caller owns what a create function returns and releases it with the matching destroy
 //            function. Component loggers must be destroyed before their logger.
 // Threads    Every function may be called from any thread, create and destroy of one handle excepted. Not by
 //            the child of a fork: its records are dropped. Whoever calls libc's own functions for the system
 //            log waits while it takes no lines; the mask that setlogmask leaves is heeded.
 // Failures   A null component logger writes nothing; destroying null does nothing. Nothing throws; a
-//            record that there is no memory for ends the process. Every record leaves errno as it was.
+//            record that there is no memory for is lost, counted and said. Every record leaves errno as it
+//            was.
 #pragma once
 
 #include "core/ctimestamp.h"
@@ -49,7 +52,9 @@ typedef struct tav_log_counters_t {
     uint64_t written;     // of these, handed to syslog(3); the others wait
     uint64_t lost;        // lines lost, as the system log took none
     uint64_t held_back;   // lines beyond 1,000 in a second
-    uint64_t unpublished; // records that a broker should have got, but its queue was full or it was away
+    uint64_t unstored;    // lines lost, as there was no memory for them
+    uint64_t unpublished; // records that a broker should have got: its queue was full, it was away, or memory
+                          // was short
 } tav_log_counters_t;
 
 // All zero for null. Reads a few counters, each by itself, and never waits.

@@ -1,4 +1,6 @@
 // ctimestamp - a point in time as it crosses the logging library's flat interface.
+//
+// Threads    Any; a value. Nothing fails.
 #pragma once
 
 #include <stdint.h>

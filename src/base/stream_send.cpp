@@ -1,0 +1,22 @@
+#include "base/stream_send.h"
+
+namespace rtls {
+
+bool stream_send_identity(zsock_t* sock, bytes_view identity, when_full choice) noexcept
+{
+    message_part id{identity};
+    return id.is_made() && id.send(zsock_resolve(sock), true, choice == when_full::wait);
+}
+
+bool stream_send_bytes(zsock_t* sock, message_part& bytes) noexcept
+{
+    // "More" means nothing here, and would make bytes without an addressee fail.
+    return bytes.send(zsock_resolve(sock), true);
+}
+
+bool stream_send(zsock_t* sock, bytes_view identity, message_part& bytes) noexcept
+{
+    return stream_send_identity(sock, identity, when_full::give_up) && stream_send_bytes(sock, bytes);
+}
+
+} // namespace rtls
