@@ -55,7 +55,7 @@ struct world_t {
 
     world_t()
     {
-        server->win_sock = zsock_new(ZMQ_STREAM);
+        server->win_sock.reset(zsock_new(ZMQ_STREAM));
         for (size_t i = 0; i < bridges.size(); ++i)
             bridges[i] = add_bridge(static_cast<uint8_t>(i + 1));
         require(zsock_bind(reader, "inproc://proxy_command_fuzz") == 0);
@@ -64,8 +64,9 @@ struct world_t {
 
     ~world_t()
     {
-        for (zsock_t** sock : {&proxy, &reader, &server->win_sock})
+        for (zsock_t** sock : {&proxy, &reader})
             zsock_destroy(sock);
+        server->win_sock.reset();
     }
     world_t(const world_t&) = delete;
     world_t& operator=(const world_t&) = delete;

@@ -53,8 +53,8 @@ void forget_everything(idle_gateway& gateway)
     WIN_SERVER_t& server = gateway.server();
     gateway.delete_nodes();
     if (server.rpl_timer_is_active) {
-        zloop_destroy(&server.actor_loop);
-        server.actor_loop = zloop_new();
+        server.actor_loop.reset(); // before the next one
+        server.actor_loop.reset(zloop_new());
     }
     server.rpl_timer_is_active = server.unprocessed_MSG_PANID_REQ = false;
 

@@ -2,6 +2,7 @@
 
 #include "base/config.h"
 #include "base/descriptors.h"
+#include "base/link_watch.h"
 #include "base/logger.h"
 #include "base/signals.h"
 #include "rtls-gateway.h"
@@ -12,12 +13,16 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <system_error>
+#include <thread>
 
 using namespace rtls;
 
 static constexpr int idle_step_ms = 100;
+static constexpr std::chrono::milliseconds stop_limit{4800};
 
 // False after saying that there are too few. Before anything is opened, the logger included: the libraries
 // end the program when they get no descriptor at their start.
@@ -73,6 +78,21 @@ static void connect_debug_broker(void* gateway)
         logger_error(g_logger, "'debug_broker_address' is not defined in the config file");
 }
 
+// A stop takes five seconds at most. The libraries' ends wait for threads of theirs that may stand in a
+// name server's silence for minutes; by then the daemon's own work is done, and the log has what it said.
+static void limit_the_stop()
+{
+    try {
+        std::thread{[] {
+            block_all_signals();
+            std::this_thread::sleep_for(stop_limit);
+            _exit(EXIT_SUCCESS);
+        }}.detach();
+    } catch (const std::system_error& failure) {
+        logger_warning(g_logger, "the stop has no limit: %s", failure.what());
+    }
+}
+
 // False when the gateway cannot be made. One that cannot run is logged, but no failure of the program.
 static bool serve(const char* config_file)
 {
@@ -81,8 +101,11 @@ static bool serve(const char* config_file)
         return false;
     connect_debug_broker(gateway);
     if (rtls_gateway_run(gateway))
-        while (!is_stop_requested())
+        while (!is_stop_requested()) {
             sleep_open_to_stop_signals(idle_step_ms);
+            logger_tend_broker(g_logger_ctx);
+        }
+    limit_the_stop();
     rtls_gateway_destroy(&gateway);
     return true;
 }
@@ -105,6 +128,7 @@ int main(int argc, char* argv[])
         return EXIT_FAILURE;
     // First of all else: from here on SIGTERM is an orderly stop, whenever it comes.
     zsys_init();
+    make_io_threads();
     stop_on_hangup();
     block_stop_signals();
     (void)std::signal(SIGPIPE, SIG_IGN);

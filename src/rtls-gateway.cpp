@@ -36,6 +36,7 @@ struct RTLS_GATEWAY_t : services {
     terminal_server_ptr own_terminal_server;
     nodes_container_ptr own_nodes;
     ota_ptr own_ota;
+    std::unique_ptr<download_pool> own_downloads;
 };
 
 using gateway_ptr = std::unique_ptr<services, destroyed_by<rtls_gateway_destroy>>;
@@ -111,7 +112,8 @@ static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_nam
            keep(gateway.own_nodes, gateway.nodes, nodes_container_new()) &&
            read_admitted_macs(gateway.config, *gateway.nodes) &&
            read_firmware_files(gateway.config, &firmware_files) &&
-           keep(gateway.own_ota, gateway.ota, ota_new(firmware_files));
+           keep(gateway.own_ota, gateway.ota, ota_new(firmware_files)) &&
+           keep(gateway.own_downloads, gateway.downloads, new (std::nothrow) download_pool);
 }
 
 void* rtls_gateway_new(const char* config_file_name)
@@ -203,6 +205,7 @@ void rtls_gateway_destroy(void** pp_rtls_gateway)
     // Both actors first: their threads use all the rest.
     end(gateway->own_terminal_server, gateway->terminal_server);
     end(gateway->own_win_server, gateway->win_server);
+    end(gateway->own_downloads, gateway->downloads); // then its threads, which use the store
     gateway->config.reset();
     end(gateway->own_nodes, gateway->nodes);
     gateway->firmware.set(nullptr);

@@ -6,6 +6,7 @@
 // Failures   None: a service that is not there is a null pointer.
 #pragma once
 
+#include "firmware/download_pool.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
 #include "registry/nodes_container.h"
@@ -19,6 +20,7 @@ struct services {
     NODES_CONTAINER_t* nodes = nullptr;
     OTA_t* ota = nullptr;
     current_firmware firmware;
+    download_pool* downloads = nullptr;
     // The actors know each other by name only: what one may ask of the other stands in its own header.
     WIN_SERVER_t* win_server = nullptr;
     TERMINAL_SERVER_t* terminal_server = nullptr;

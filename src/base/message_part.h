@@ -41,6 +41,9 @@ public:
     // Replaces the content by the next part that `socket` (libzmq's handle) has. False when there is none.
     bool receive(void* socket) noexcept { return zmq_msg_recv(&m_message, socket, ZMQ_DONTWAIT) >= 0; }
 
+    // Takes over the content of `other`, which is empty then.
+    void take(message_part& other) noexcept { (void)zmq_msg_move(&m_message, &other.m_message); }
+
     // Hands the content over to `socket`, or leaves it as it is. `more`: another part of this message
     // follows. `wait`: for room, up to the socket's send time-out.
     bool send(void* socket, bool more = false, bool wait = false) noexcept

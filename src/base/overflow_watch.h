@@ -50,6 +50,9 @@ public:
             logger_error(g_logger, "%s", m_overflow_text);
     }
 
+    // Whether an episode has begun and not ended.
+    bool is_overflowing() const noexcept { return m_since_ms.load(std::memory_order_relaxed) != none; }
+
     // Whoever drains the queue stops: says what an overflow that has not ended has cost until now. Nothing
     // without an overflow, or when it has been said.
     void stopping() noexcept

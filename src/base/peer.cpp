@@ -18,23 +18,22 @@ colon_mac_text::colon_mac_text(const uint8_t* mac) noexcept
              mac[3], mac[4], mac[5] >> 4, mac[5] & 0x0F, mac[6], mac[7]);
 }
 
-bool read_peer_address(int fd, sockaddr_in& address) noexcept
+// One of the two names of a socket: by getsockname or getpeername.
+static bool read_name(int (*read)(int, sockaddr*, socklen_t*), int fd, sockaddr_in& name) noexcept
 {
+    socklen_t length = sizeof name;
+    return read(fd, reinterpret_cast<sockaddr*>(&name), &length) == 0 && name.sin_family == AF_INET;
+}
+
+bool read_peer_address(int fd, in_port_t own_port, sockaddr_in& address) noexcept
+{
+    sockaddr_in own{};
     sockaddr_in peer{};
-    socklen_t length = sizeof peer;
-    if (fd < 0 || getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0)
+    if (fd < 0 || !read_name(getsockname, fd, own) || ntohs(own.sin_port) != own_port ||
+        !read_name(getpeername, fd, peer))
         return false;
     address = peer;
     return true;
-}
-
-void cut_connection(int fd, const sockaddr_in& peer) noexcept
-{
-    sockaddr_in present{};
-    const bool is_same = peer.sin_port != 0 && read_peer_address(fd, present) &&
-                         present.sin_addr.s_addr == peer.sin_addr.s_addr && present.sin_port == peer.sin_port;
-    if (is_same)
-        shutdown(fd, SHUT_RDWR);
 }
 
 } // namespace rtls

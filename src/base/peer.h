@@ -1,6 +1,6 @@
-// peer - who is at the other end of a connection: its address, its texts, and how it is cut.
+// peer - who is at the other end of a connection: its address and its texts.
 //
-// Ownership  Descriptors stay the library's: they are asked and shut down, never closed.
+// Ownership  Descriptors stay the library's: they are asked, never closed.
 // Threads    Any. Nothing waits.
 // Failures   Of the system: a result, or nothing done. Nothing is logged or throws.
 #pragma once
@@ -64,12 +64,8 @@ private:
     std::array<char, 18> m_text{};
 };
 
-// Asks the system for the peer of the connection `fd`. False, `address` untouched, when it is gone.
-bool read_peer_address(int fd, sockaddr_in& address) noexcept;
-
-// Shuts the connection `fd` down in both directions, if the system still knows it as the one with
-// `peer`: the number may have been closed and given to somebody else since. An unknown peer (port 0)
-// proves nothing, and nothing is shut down.
-void cut_connection(int fd, const sockaddr_in& peer) noexcept;
+// Asks the system for the peer of the connection `fd` to our port `own_port` (host order). False, `address`
+// untouched, when it is gone: the number may be closed, or belong to a connection of another port by now.
+bool read_peer_address(int fd, in_port_t own_port, sockaddr_in& address) noexcept;
 
 } // namespace rtls

@@ -3,12 +3,10 @@
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "downlink/generic_requests.h"
+#include "downlink/image_orders.h"
 #include "downlink/node_delivery.h"
 #include "downlink/page_interception.h"
 #include "downlink/spam_filter.h"
-#include "downlink/update_announcement.h"
-#include "firmware/firmware.h"
-#include "firmware/ota.h"
 #include "wire/messaging.h"
 
 #include <array>
@@ -64,11 +62,7 @@ static void ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
     dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_OTA_UPLOAD_FW mgd: %08X crc: %08X url: %s", git_ver, crc32,
               url.get());
 
-    const int index = ota_download_firmware(server->ota(), url.get(), &crc32, &git_ver);
-    if (index == -1)
-        dbg_print(dbg, DBG_PARSING, "PROXY", "Failed to read firmware!");
-    else
-        dbg_print(dbg, DBG_PARSING, "PROXY", "Firmware downloaded. Index: %d\n", index); // newline: sic
+    fetch_for_store(*server, url.get(), git_ver, crc32);
 }
 
 static void forward_network_data(WIN_SERVER_t* server, const node_route& route, bytes_view block)
@@ -148,30 +142,6 @@ static void conf_node_req(WIN_SERVER_t* server, bytes_view data)
     send_to_node(server, *route, bytes_view{frame}.first(size));
 }
 
-// Makes the image of `url` the current one and tells the bridges. If it contradicts the announced CRC
-// there is no current image afterwards: the one before is out of date in any case.
-// The announced CRC is big-endian and printed as it is in memory, as operators compare it.
-static void adopt_firmware(WIN_SERVER_t* server, const char* url, bytes_view data)
-{
-    zsock_t* dbg = server->dbg_client_sock;
-    FIRMWARE_t* firmware = firmware_get_from_url(url);
-    if (!firmware) {
-        dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_FW_IMAGE_AVAIL_IND cannot get firmware from: %s", url);
-        return;
-    }
-    const uint32_t announced = load_be32(data, gwMsgFwImageAvailInd_t::crc32);
-    const uint32_t computed = firmware->crc32;
-    server->rtls_gateway->firmware.set(firmware);
-    if (announced != 0 && announced != computed) {
-        server->rtls_gateway->firmware.set(nullptr);
-        dbg_print(dbg, DBG_PARSING, "PROXY",
-                  "MSG_FW_IMAGE_AVAIL_IND bad crc32 sum: s:%08X d:%08X, firmware removed",
-                  load_le32(data, gwMsgFwImageAvailInd_t::crc32), computed);
-        return;
-    }
-    win_server_nodes_update(server, nullptr);
-}
-
 static void fw_image_avail_ind(WIN_SERVER_t* server, bytes_view data)
 {
     using msg = gwMsgFwImageAvailInd_t;
@@ -191,7 +161,7 @@ static void fw_image_avail_ind(WIN_SERVER_t* server, bytes_view data)
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY",
               "MSG_FW_IMAGE_AVAIL_IND mgd: %08X crc: %08X url: %s", load_le32(data, msg::sh1),
               load_le32(data, msg::crc32), url.get());
-    adopt_firmware(server, url.get(), data);
+    fetch_announced(*server, url.get(), load_be32(data, msg::crc32), load_le32(data, msg::crc32));
 }
 
 static void generic_req(WIN_SERVER_t* server, bytes_view data)

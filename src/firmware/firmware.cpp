@@ -38,20 +38,24 @@ static uint32_t setVersion(const char* fname)
 
 FIRMWARE_t* firmware_get_from_url(const char* url)
 {
-    if (any_null(__func__, url))
-        return nullptr;
+    return any_null(__func__, url) ? nullptr : firmware_fetch(url, nullptr);
+}
+
+FIRMWARE_t* firmware_fetch(const char* url, std::string* reason)
+{
+    static constexpr char reporter[] = "firmware_get_from_url";
     firmware_ptr firmware{new (std::nothrow) FIRMWARE_t{}};
     if (!firmware) {
-        logger_error(g_logger, str_out_of_memory, __func__);
+        logger_error(g_logger, str_out_of_memory, reporter);
         return nullptr;
     }
     firmware->name = basename(url); // the C library's own, which leaves the text as it is
     if (!firmware->name) {
-        logger_warning(g_logger, "%s: basename error on: %s", __func__, url);
+        logger_warning(g_logger, "%s: basename error on: %s", reporter, url);
         return nullptr;
     }
 
-    auto image = image_download(url, {.caller = __func__});
+    auto image = image_download(url, {.caller = reporter, .reason = reason});
     if (!image)
         return nullptr;
     firmware->memory = std::move(image->memory);

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 namespace rtls {
 
@@ -27,6 +28,9 @@ struct FIRMWARE_t {
 
 // Downloads an image, or nullptr. Whatever a server answers with is the image: the status is not asked.
 FIRMWARE_t* firmware_get_from_url(const char* url);
+
+// The same; `reason`, if given, gets why the transfer failed.
+FIRMWARE_t* firmware_fetch(const char* url, std::string* reason);
 
 // Fills page msg->num of the image into msg, padded with 0xFF. False only for a null msg; a null
 // firmware is answered with ENO_FIRMWARE. A full page leaves msg->flag as it is, so an image that fills

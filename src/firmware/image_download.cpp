@@ -5,15 +5,18 @@
 #include "base/signals.h"
 
 #include <curl/curl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <mutex>
+#include <iterator>
 #include <new>
+#include <semaphore>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -36,8 +39,15 @@ static constexpr char write_callback_name[] = "writeMemoryCallback";
 
 static constexpr milliseconds turn_check_interval{100};
 
-// Held for the length of a transfer.
-static std::timed_mutex download_turn;
+// Taken for the length of a transfer.
+static std::counting_semaphore<transfers_at_once> download_turns{transfers_at_once};
+
+// What all headers and trailers of a transfer may have, redirects and interim answers included: real ones
+// have a hundredth of it.
+static constexpr size_t header_limit = size_t{256} * 1024;
+
+// A file server that moves its files sends us on once or twice.
+static constexpr long redirects_limit = 10;
 
 // --- image_receiver
 
@@ -53,6 +63,9 @@ bool image_receiver::is_ready() const
 
 bool image_receiver::take_header(std::string_view line) noexcept
 try {
+    m_header_bytes += line.size();
+    if (m_header_bytes > header_limit)
+        return false;
     const std::string text{line}; // libcurl's has no terminating zero
     std::array<regmatch_t, 2> groups{};
     if (!m_content_length.search(text.c_str(), groups))
@@ -148,11 +161,14 @@ static CURLcode set_options(CURL* curl, const char* url, image_receiver& receive
     set(CURLOPT_WRITEDATA, static_cast<void*>(&receiver));
     set(CURLOPT_USERAGENT, &user_agent[0]);
     set(CURLOPT_FOLLOWLOCATION, 1L);
+    set(CURLOPT_MAXREDIRS, redirects_limit);
     set(CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
     set(CURLOPT_URL, url);
     // Unauthenticated peers choose the URL: it must not reach other services of this host's network.
     set(CURLOPT_PROTOCOLS_STR, "http,https,file");
     set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    // A name server that is silent must not outlast the time-out: whoever asks it is left behind.
+    set(CURLOPT_QUICK_EXIT, 1L);
     set(CURLOPT_NOSIGNAL, 1L); // no time-outs by SIGALRM: this is no single-threaded program
     set(CURLOPT_XFERINFOFUNCTION, &abort_when_interrupted);
     set(CURLOPT_NOPROGRESS, 0L);
@@ -176,6 +192,24 @@ static std::unique_ptr<char, curl_freed> url_part(CURLU* url, CURLUPart part)
     return std::unique_ptr<char, curl_freed>{text};
 }
 
+// Those of the kernel call themselves regular, but reading some of them (/proc/kmsg) waits without end. None
+// of them says its size.
+static bool is_special_file(const char* path)
+{
+    struct stat status = {};
+    struct statfs system = {};
+    if (stat(path, &status) != 0)
+        return false; // the transfer itself reports it
+    if (!S_ISREG(status.st_mode))
+        return true;
+    if (status.st_size > 0 || statfs(path, &system) != 0)
+        return false;
+    constexpr decltype(system.f_type) of_the_kernel[] = {
+        PROC_SUPER_MAGIC,   SYSFS_MAGIC,         DEBUGFS_MAGIC,    TRACEFS_MAGIC,
+        CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC, PSTOREFS_MAGIC};
+    return std::ranges::find(of_the_kernel, system.f_type) != std::end(of_the_kernel);
+}
+
 // A file:// URL of something that is there but no plain file. Opening or reading a pipe or a terminal
 // blocks without end, out of the reach of libcurl's time-out.
 static bool names_special_file(const char* url)
@@ -186,16 +220,25 @@ static bool names_special_file(const char* url)
         return false; // the transfer itself reports it
     const auto scheme = url_part(parsed.get(), CURLUPART_SCHEME);
     const auto path = url_part(parsed.get(), CURLUPART_PATH);
-    struct stat status = {};
-    return scheme && path && std::strcmp(scheme.get(), "file") == 0 && stat(path.get(), &status) == 0 &&
-           !S_ISREG(status.st_mode);
+    return scheme && path && std::strcmp(scheme.get(), "file") == 0 && is_special_file(path.get());
 }
 
+namespace {
+
+struct turn_returned {
+    turn_returned() = default;
+    ~turn_returned() { download_turns.release(); }
+    turn_returned(const turn_returned&) = delete;
+    turn_returned& operator=(const turn_returned&) = delete;
+};
+
+} // namespace
+
 // Waits in short steps, so as to notice a stop of the daemon.
-static CURLcode wait_for_turn(std::unique_lock<std::timed_mutex>& turn, milliseconds timeout)
+static CURLcode wait_for_turn(milliseconds timeout)
 {
     const auto deadline = steady_clock::now() + timeout;
-    while (!turn.try_lock_until(std::min(deadline, steady_clock::now() + turn_check_interval))) {
+    while (!download_turns.try_acquire_until(std::min(deadline, steady_clock::now() + turn_check_interval))) {
         if (is_stop_requested())
             return CURLE_ABORTED_BY_CALLBACK;
         if (steady_clock::now() >= deadline)
@@ -206,9 +249,9 @@ static CURLcode wait_for_turn(std::unique_lock<std::timed_mutex>& turn, millisec
 
 static CURLcode perform(const char* url, image_receiver& receiver, milliseconds timeout)
 {
-    std::unique_lock turn{download_turn, std::defer_lock};
-    if (const CURLcode rc = wait_for_turn(turn, timeout); rc != CURLE_OK)
+    if (const CURLcode rc = wait_for_turn(timeout); rc != CURLE_OK)
         return rc;
+    const turn_returned turn;
     if (names_special_file(url))
         return CURLE_FILE_COULDNT_READ_FILE;
 
@@ -221,6 +264,15 @@ static CURLcode perform(const char* url, image_receiver& receiver, milliseconds 
     return rc == CURLE_OK && receiver.failed() ? CURLE_WRITE_ERROR : rc;
 }
 
+// Without memory for it there is no reason.
+static void note_failure(std::string* reason, CURLcode rc) noexcept
+try {
+    if (reason)
+        *reason = curl_easy_strerror(rc);
+} catch (const std::bad_alloc&) {
+    reason->clear();
+}
+
 std::optional<downloaded_image> image_download(const char* url, const image_download_options& options)
 {
     image_receiver receiver{options};
@@ -231,6 +283,7 @@ std::optional<downloaded_image> image_download(const char* url, const image_down
     const CURLcode rc = perform(url, receiver, options.timeout);
     if (rc != CURLE_OK) {
         logger_error(g_logger, "curl_easy_perform failed: %s", curl_easy_strerror(rc));
+        note_failure(options.reason, rc);
         return std::nullopt;
     }
     return receiver.release();

@@ -2,10 +2,12 @@
 //
 // Schemes    http, https and file; redirects lead to http and https only.
 // Size       A body must be announced by a "Content-Length" header and fit it; the last such header
-//            before the body counts, and none may follow. Nothing above image_size_ceiling is fetched.
-// Threads    Any. Downloads never overlap: a caller waits for its turn no longer than its own time-out,
-//            and has its whole time-out for the transfer then. Waits and transfers end within about a
-//            second of a request to stop.
+//            before the body counts, and none may follow. Nothing above image_size_ceiling is fetched. All
+//            headers and trailers of a transfer have 256 KiB, and 10 redirects are followed.
+// Files      Regular ones only, and none of the kernel's own.
+// Threads    Any. Four transfers overlap: a caller waits for its turn no longer than its own time-out,
+//            and has its whole time-out for the transfer then, names included. Waits and transfers end within
+//            about a second of a request to stop.
 // Failures   Logged; a failed download leaves nothing behind. Nothing throws.
 #pragma once
 
@@ -19,12 +21,15 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 
 namespace rtls {
 
 // The largest image that the gateway keeps, downloaded or assembled.
 inline constexpr size_t image_size_ceiling = size_t{64} << 20;
+
+inline constexpr int transfers_at_once = 4;
 
 // Image bytes come from malloc, because images under assembly grow by realloc.
 using image_memory = malloced_bytes;
@@ -47,6 +52,7 @@ struct image_download_options {
     bool bad_length_aborts = false;
     bool reports_missing_length = false; // whether a body without announced length is worth a line
     std::chrono::milliseconds timeout{20'000};
+    std::string* reason = nullptr; // gets the reason of a transfer that failed
 };
 
 // Downloads an image; nothing when that fails.
@@ -76,6 +82,7 @@ private:
     image_memory m_memory;
     size_t m_capacity = 0;
     size_t m_size = 0;
+    size_t m_header_bytes = 0;
     bool m_announced = false;
     bool m_failed = false;
 };

@@ -184,7 +184,8 @@ int OTA_t::add_firmware(firmware_ptr firmware)
     return static_cast<int>(slot);
 }
 
-int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint32_t* git_ver)
+int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint32_t* git_ver,
+                             std::string* reason)
 {
     static constexpr char reporter[] = "ota_download_firmware";
     firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
@@ -192,8 +193,9 @@ int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint3
         logger_error(g_logger, str_out_of_memory, reporter);
         return -1;
     }
-    auto image =
-        image_download(url, {.caller = reporter, .bad_length_aborts = true, .reports_missing_length = true});
+    auto image = image_download(
+        url,
+        {.caller = reporter, .bad_length_aborts = true, .reports_missing_length = true, .reason = reason});
     if (!image)
         return -1;
     firmware->memory = std::move(image->memory);

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace rtls {
 
@@ -45,7 +46,9 @@ public:
     // null: not checked. An image with the same key is replaced in place, otherwise it takes
     // the next slot in turn, whatever is in it: slots emptied by a delete are not preferred.
     // Blocks its caller while the transfer lasts.
-    int download_firmware(const char* url, const uint32_t* crc32, const uint32_t* git_ver);
+    // `reason`, if given, gets why the transfer failed.
+    int download_firmware(const char* url, const uint32_t* crc32, const uint32_t* git_ver,
+                          std::string* reason = nullptr);
 
     // Nothing when the index is out of range or the slot is empty.
     std::optional<OTA_FIRMWARE_INFO_t> firmware_info(uint16_t index) const;

@@ -215,7 +215,7 @@ bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uin
 }
 
 // Closes the connection by an empty frame after its identity.
-static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WIN_CLIENT_t* client)
+static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const identity_key& key)
 {
     // Not waiting for room: a client that does not read would stall all the others.
     message_part nothing;
@@ -223,8 +223,10 @@ static void close_connection(WIN_SERVER_t& server, zframe_t* client_id, const WI
         return;
     if (errno != EAGAIN)
         log_call_error("delete_win_client", "zframe_send");
-    else if (client) // its queue is full, so that the stream socket cannot close it
-        cut_connection(client->fd, client->addr);
+    else if (const WIN_CLIENT_t* client = server.clients.find(key.c_str())) {
+        server.cuts.want(key.c_str(), client->fd, client->addr); // its queue is full
+        server.cuts.carry_out(zsock_resolve(server.win_sock), server.win_port);
+    }
 }
 
 void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
@@ -232,7 +234,7 @@ void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
     if (any_null(__func__, server, client_id) || any_null(__func__, server->win_sock.get()))
         return;
     const identity_key key{client_id}; // client_id may go with the record
-    close_connection(*server, client_id, server->clients.find(key.c_str()));
+    close_connection(*server, client_id, key);
     server->closed_ids.remember(key.c_str());
     server->clients.erase(key.c_str());
 }

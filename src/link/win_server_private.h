@@ -9,14 +9,18 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "base/call_queue.h"
 #include "base/common.h"
+#include "base/connection_cut.h"
 #include "base/czmq_ptr.h"
 #include "base/door.h"
+#include "base/link_watch.h"
 #include "base/memory_sum.h"
 #include "base/own_addresses.h"
 #include "base/rate_bound.h"
 #include "link/client_table.h"
 #include "link/closed_ids.h"
+#include "link/upstream_queue.h"
 #include "services.h"
 
 #include <czmq.h>
@@ -24,6 +28,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace rtls {
@@ -58,6 +63,16 @@ struct WIN_SERVER_t {
     lent<zsock_ptr> proxy_sock;
     lent<zsock_ptr> proxy_input_sock;
     lent<zsock_ptr> msg_handler_sock;
+    link_watch proxy_link{"proxy"}; // of these three; their states are read by any thread
+    link_watch proxy_input_link{"proxy input"};
+    link_watch msg_handler_link{"message handler"};
+    upstream_queue to_handler{"Overflow message handler queue!", "Exemption message handler queue!",
+                              "message handler queue", "data_to_msg_handler", "zframe_send"};
+    upstream_queue to_proxy_input{"Overflow proxy input queue!", "Exemption proxy input queue!",
+                                  "proxy input queue", "win_management_to_server",
+                                  "zstr_send (proxy_input_sock)"};
+    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
+    bool intake_is_paused = false;     // the WIN port is not read, while one of these waits
 
     own_addresses own;            // these four guard the discovery port
     rate_bound discovery_answers; // by requester
@@ -66,6 +81,7 @@ struct WIN_SERVER_t {
 
     int win_backlog = 0; // of the WIN port; 0: the library's default
     closed_id_set closed_ids;
+    connection_cuts cuts;           // of closed connections whose queue is full
     int64_t undrained_since = 0;    // zclock_usecs of the first event since it was drained; 0 while it is
     size_t undrained_bytes = 0;     // and what has been handled since then
     refusal_episode lines_left_out; // while it has not been drained for long

@@ -54,7 +54,7 @@ static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, 
     if (!client)
         return nullptr;
     client->fd = identity.source_fd();
-    const bool known = read_peer_address(client->fd, client->addr);
+    const bool known = read_peer_address(client->fd, server.win_port, client->addr);
     print_new_client(server, known ? &client->addr : nullptr, key);
 
     client->pending_data.reset(static_cast<uint8_t*>(std::malloc(pending_data_step)));
@@ -127,6 +127,14 @@ static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_k
     end_answers(server);
 }
 
+// An empty frame of somebody unknown: a new connection, or the late notice of one that we have closed.
+static void on_unknown(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
+{
+    server.cuts.forget(key.c_str());
+    if (!server.closed_ids.forget(key.c_str()))
+        on_connect(server, identity, key);
+}
+
 static void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& data)
 {
     const identity_key key{identity.bytes()};
@@ -139,8 +147,8 @@ static void handle_event(WIN_SERVER_t& server, message_part& identity, message_p
     else if (!bytes.empty())
         dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "(E) rsvd from non existed client %s",
                   key.c_str());
-    else if (!server.closed_ids.forget(key.c_str())) // a late notice of our own closing is no connection
-        on_connect(server, identity, key);
+    else
+        on_unknown(server, identity, key);
 }
 
 static void deliver_frame(void* p_server, WIN_CLIENT_t& client)
@@ -207,7 +215,7 @@ static bool handle_turn(WIN_SERVER_t& server, void* socket, message_part& identi
         bytes += size;
         if (size >= large_event)
             note_backlog(server, zclock_usecs(), size);
-        if (events == events_per_call || bytes >= bytes_per_call ||
+        if (events == events_per_call || bytes >= bytes_per_call || server.intake_is_paused ||
             !receive_another(identity, server, socket, call_began))
             return true;
     }
@@ -228,8 +236,11 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
     note_backlog(*server, call_began, 0);
     const bool complete = handle_turn(*server, socket, identity, call_began);
     dbg_hold(false); // what others have this thread do is shown
+    if (server->intake_is_paused)
+        note_drained(*server); // what waits on purpose is no backlog
     if (!complete)
         log_call_error(__func__, "zframe_recv");
+    server->cuts.carry_out(socket, server->win_port);
     return complete ? 0 : 1;
 }
 

@@ -15,6 +15,8 @@
 #include <arpa/inet.h>
 #include <pthread.h>
 
+#include <new>
+
 namespace rtls {
 
 static constexpr char reporter[] = "win_server_actor";
@@ -42,6 +44,7 @@ static bool open_win_port(WIN_SERVER_t& server)
     server.win_sock.reset(zsock_new(ZMQ_STREAM));
     if (!made(server.win_sock, "zsock_new"))
         return false;
+    serve_by(server.win_sock, io_thread_of_ports);
     zsock_set_sndtimeo(server.win_sock, win_send_timeout_ms);
     zsock_set_sndhwm(server.win_sock, win_queue_length);
     zsock_set_rcvhwm(server.win_sock, win_queue_length);
@@ -73,22 +76,45 @@ static bool open_interthread_channel(WIN_SERVER_t& server)
                 "zsock_bind");
 }
 
+// A socket towards a server upstream, connected. `call` is what operators know the failure by.
+static zsock_ptr open_link(link_watch& link, int type, const std::string& endpoint, io_thread thread,
+                           const char* call)
+{
+    zsock_ptr sock{zsock_new(type)};
+    if (sock) {
+        link.open(sock.get(), endpoint, thread);
+        if (zsock_connect(sock.get(), "%s", endpoint.c_str()) != 0) {
+            const int error = errno;
+            link.close();
+            sock.reset();
+            errno = error;
+        }
+    }
+    (void)made(sock != nullptr, call);
+    return sock;
+}
+
 static bool open_proxy(WIN_SERVER_t& server)
 {
-    server.proxy_sock.reset(zsock_new_sub(server.proxy_full_address.c_str(), ""));
-    return made(server.proxy_sock, "zsock_new_sub");
+    server.proxy_sock =
+        open_link(server.proxy_link, ZMQ_SUB, server.proxy_full_address, io_thread_of_proxy, "zsock_new_sub");
+    if (server.proxy_sock)
+        zsock_set_subscribe(server.proxy_sock, "");
+    return server.proxy_sock;
 }
 
 static bool open_proxy_input(WIN_SERVER_t& server)
 {
-    server.proxy_input_sock.reset(zsock_new_push(server.proxy_full_input_address.c_str()));
-    return made(server.proxy_input_sock, "zsock_new_push");
+    server.proxy_input_sock = open_link(server.proxy_input_link, ZMQ_PUSH, server.proxy_full_input_address,
+                                        io_thread_of_proxy_input, "zsock_new_push");
+    return server.proxy_input_sock;
 }
 
 static bool open_message_handler(WIN_SERVER_t& server)
 {
-    server.msg_handler_sock.reset(zsock_new_push(server.msg_handler_full_address.c_str()));
-    return made(server.msg_handler_sock, "zsock_new_push");
+    server.msg_handler_sock = open_link(server.msg_handler_link, ZMQ_PUSH, server.msg_handler_full_address,
+                                        io_thread_of_handler, "zsock_new_push");
+    return server.msg_handler_sock;
 }
 
 static bool make_loop(WIN_SERVER_t& server)
@@ -97,9 +123,18 @@ static bool make_loop(WIN_SERVER_t& server)
     return made(server.actor_loop, "zloop_new");
 }
 
+static bool open_call_queue(WIN_SERVER_t& server)
+try {
+    server.calls = std::make_shared<call_queue>();
+    return made(server.calls->join(server.actor_loop), "zloop_poller");
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, reporter);
+    return false;
+}
+
 static constexpr bool (*open_steps[])(WIN_SERVER_t&) = {
-    open_debug_stream, open_win_port,    open_discovery,       open_interthread_channel,
-    open_proxy,        open_proxy_input, open_message_handler, make_loop,
+    open_debug_stream, open_win_port,        open_discovery, open_interthread_channel, open_proxy,
+    open_proxy_input,  open_message_handler, make_loop,      open_call_queue,
 };
 
 static bool open_all(WIN_SERVER_t& server)
@@ -134,6 +169,9 @@ static bool register_readers(WIN_SERVER_t& server, zsock_t* pipe)
     };
     for (const auto& r : readers)
         if (!made(zloop_reader(server.actor_loop, r.sock, r.handler, r.argument) == 0, "zloop_reader"))
+            return false;
+    for (link_watch* link : {&server.proxy_link, &server.proxy_input_link, &server.msg_handler_link})
+        if (!made(link->join(server.actor_loop), "zloop_reader"))
             return false;
     return true;
 }
@@ -199,12 +237,17 @@ void destroy_actor_context(WIN_SERVER_t* server)
     request_stop(); // without the WIN server the gateway is of no use
     if (any_null(__func__, server))
         return;
-    upstream_stopping();
+    upstream_stopping(*server);
     server->actor_loop.reset();
+    if (server->calls)
+        server->calls->close(); // whoever still has something to say is not heard
+    server->calls.reset();
     udp_destroy(server->discovery_sock_descriptor);
     server->discovery_sock_descriptor = -1;
     server->win_sock.reset();
     server->unsent_messages.reset();
+    for (link_watch* link : {&server->proxy_link, &server->proxy_input_link, &server->msg_handler_link})
+        link->close();
     server->proxy_input_sock.reset();
     server->proxy_sock.reset();
     server->msg_handler_sock.reset();

@@ -10,7 +10,9 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 
@@ -21,9 +23,20 @@ typedef struct TERMINAL_CLIENT {
     std::optional<std::string> grep_string; // may name a pattern that failed to compile
     filter_ptr preg;                        // null: no filter, every line passes
     uint8_t subscribed = 0;                 // 1: receives the debug stream
+    bool takes_frames = false;              // the last one was taken: it is worth waiting for
     sockaddr_in client_addr = {};           // zero when unknown
 
+    // While an image is being fetched for this operator, what he types waits: his answers keep their order.
+    bool is_fetching = false;
+    std::deque<std::string> typed_ahead;
+    size_t typed_ahead_bytes = 0;
+
     int fd = -1; // the connection's descriptor as seen at connect, or -1; closed by the library, not by us
+
+    // Whether fd and client_addr are known to have been this connection's own when they were asked for.
+    bool is_peer_proven = false;
+    uint64_t drained_before = 0; // how often the socket had been drained until then
+    size_t events = 1;           // received, that one included, as far as they are counted
 } TERMINAL_CLIENT_t;
 
 // Frees the record, made with new, and all it owns; leaves null. Takes null. (CZMQ's item destructor.)

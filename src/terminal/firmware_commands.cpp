@@ -44,6 +44,11 @@ static std::optional<OTA_FIRMWARE_INFO_t> info_of(services& gateway, uint16_t in
     return ota_get_firmware_info(gateway.ota, index, &info) ? std::optional{info} : std::nullopt;
 }
 
+std::string fetch_answer(int index)
+{
+    return index >= 0 ? text_format("Firmware downloaded. Index: %d\n", index) : "Failed to read firmware!\n";
+}
+
 std::string firmware_info(services& gateway, const char* index_word)
 {
     const auto index = get_short_val_from_str(index_word);
@@ -111,16 +116,13 @@ static const char* value_word(const terminal_request& request)
     return request.words[1];
 }
 
-// Blocks the terminal thread while the transfer lasts.
 static void subcommand_get(const terminal_request& request, terminal_reply& reply)
 {
     if (request.words.size() < 3) {
         reply.send("URL is missing!\n");
         return;
     }
-    const int index = ota_download_firmware(request.gateway.ota, request.words[2], nullptr, nullptr);
-    reply.send(index >= 0 ? text_format("Firmware downloaded. Index: %d\n", index)
-                          : "Failed to read firmware!\n");
+    reply.send(fetch_answer(ota_download_firmware(request.gateway.ota, request.words[2], nullptr, nullptr)));
 }
 
 static void subcommand_set(const terminal_request& request, terminal_reply& reply)
@@ -174,7 +176,10 @@ static constexpr struct {
 // An operator who cannot be reached gets nothing done: nobody would see the outcome.
 void command_firmware(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id.get(), request.sock};
+    if (request.words.size() >= 3 && strcasecmp(request.words[1], "get") == 0 &&
+        terminal_server_fetch(request.gateway.terminal_server, *request.client, request.words[2]))
+        return;
+    terminal_reply reply{*request.client, request.sock};
     if (!reply)
         return;
     if (request.words.size() >= 2)

@@ -1,8 +1,8 @@
 // firmware_commands - the operators' words on the firmware store, as answers to given arguments.
 //
 // Threads    Terminal thread. The store and the registry lock themselves.
-// Blocking   Only "get", for the time of its transfer.
-// Failures   Are answers. Memory that runs out throws std::bad_alloc.
+// Blocking   Nothing waits: "get" is carried out elsewhere. While no actor runs (tests) it waits for its
+// transfer. Failures   Are answers. Memory that runs out throws std::bad_alloc.
 #pragma once
 
 #include "services.h"
@@ -24,6 +24,9 @@ size_t firmware_pages_number(const OTA_FIRMWARE_INFO_t& info);
 // One line of the list, and the paragraph on one image.
 std::string firmware_list_line(uint16_t index, const OTA_FIRMWARE_INFO_t& info);
 std::string firmware_info_text(uint16_t index, const OTA_FIRMWARE_INFO_t& info);
+
+// How it went to fetch an image: its slot, or -1.
+std::string fetch_answer(int index);
 
 // Do what the words ask for, and say how it went. The words are numbers as operators write them.
 std::string firmware_info(services& gateway, const char* index_word);

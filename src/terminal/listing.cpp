@@ -225,8 +225,61 @@ node_groups group_nodes(std::span<const node_row> nodes, size_t bridges_number)
 
 // --- Commands
 
-// The clients of both kinds. A listing ends at the first line that the operator does not take: each
-// further one would cost the socket's time-out again.
+namespace {
+
+// The rows of a listing on their way out, several in a frame: the socket queues a number of frames for an
+// operator who reads slowly, whatever their size, and a listing of one row a frame would be cut off there.
+// Rows that are left at the end go out with it. The listing ends at the first frame that the operator does
+// not take: none of the others would reach him.
+class listing_rows {
+public:
+    explicit listing_rows(const terminal_request& request) : m_request(request)
+    {
+        m_rows.reserve(frame_size);
+    }
+    ~listing_rows() { flush(); }
+    listing_rows(const listing_rows&) = delete;
+    listing_rows& operator=(const listing_rows&) = delete;
+
+    // False when the listing has ended.
+    bool add(std::string_view row)
+    {
+        if (m_rows.size() + row.size() > frame_size && !flush())
+            return false;
+        m_rows += row;
+        return true;
+    }
+
+private:
+    // 40,000 nodes come to 8 MB, for which half of the thousand frames that may wait is enough; and who does
+    // not read at all holds 16 MB at most.
+    static constexpr size_t frame_size = size_t{16} * 1024;
+
+    bool flush() noexcept
+    {
+        m_is_taken = m_is_taken && (m_rows.empty() || m_request.answer(m_rows));
+        m_rows.clear();
+        return m_is_taken;
+    }
+
+    const terminal_request& m_request;
+    std::string m_rows;
+    bool m_is_taken = true;
+};
+
+} // namespace
+
+static bool add_terminals(listing_rows& rows, zhashx_t* terminals, zframe_t* asking)
+{
+    for (void* item = zhashx_first(terminals); item; item = zhashx_next(terminals)) {
+        const auto* terminal = static_cast<TERMINAL_CLIENT_t*>(item);
+        if (!rows.add(terminal_client_line(*terminal, zframe_eq(terminal->id.get(), asking))))
+            return false;
+    }
+    return true;
+}
+
+// The clients of both kinds. The title goes alone: who does not take it costs no listing.
 void command_pcl(const terminal_request& request)
 {
     if (!win_server_get_clients(request.gateway.win_server)) {
@@ -240,39 +293,35 @@ void command_pcl(const terminal_request& request)
     }
     if (!request.answer("####### Terminal clients\n"))
         return;
-    for (void* item = zhashx_first(terminals); item; item = zhashx_next(terminals)) {
-        const auto* terminal = static_cast<TERMINAL_CLIENT_t*>(item);
-        const bool is_asking = zframe_eq(terminal->id.get(), request.client->id.get());
-        if (!request.answer(terminal_client_line(*terminal, is_asking)))
-            return;
-    }
-    if (!request.answer("####### WIN clients:\n"))
+    listing_rows rows{request};
+    if (!add_terminals(rows, terminals, request.client->id.get()) || !rows.add("####### WIN clients:\n"))
         return;
     for (const auto& bridge : win_server_copy_clients(request.gateway.win_server))
-        if (!request.answer(win_client_line(bridge.addr)))
+        if (!rows.add(win_client_line(bridge.addr)))
             return;
-    request.answer("##\n");
+    rows.add("##\n");
 }
 
-static bool send_nodes(const terminal_request& request, std::span<const node_row* const> nodes, bool full,
-                       const timeval* now)
+static bool add_nodes(listing_rows& rows, std::span<const node_row* const> nodes, bool full,
+                      const timeval* now)
 {
     return std::all_of(nodes.begin(), nodes.end(),
-                       [&](const node_row* node) { return request.answer(node_line(*node, full, now)); });
+                       [&](const node_row* node) { return rows.add(node_line(*node, full, now)); });
 }
 
 static void send_listing(const terminal_request& request, std::span<const win_client_info> bridges,
                          const node_groups& groups, bool full)
 {
+    listing_rows rows{request};
     for (size_t i = 0; i < bridges.size(); ++i)
-        if (!request.answer(bridge_line(bridges[i].mac_addr, bridges[i].addr)) ||
-            !send_nodes(request, groups.by_bridge[i], full, nullptr))
+        if (!rows.add(bridge_line(bridges[i].mac_addr, bridges[i].addr)) ||
+            !add_nodes(rows, groups.by_bridge[i], full, nullptr))
             return;
     timeval now{};
     gettimeofday(&now, nullptr);
-    if (request.answer("####### Floating nodes\n") && send_nodes(request, groups.floating, full, nullptr) &&
-        request.answer("####### Expired nodes\n") && send_nodes(request, groups.expired, full, &now))
-        request.answer("##\n");
+    if (rows.add("####### Floating nodes\n") && add_nodes(rows, groups.floating, full, nullptr) &&
+        rows.add("####### Expired nodes\n") && add_nodes(rows, groups.expired, full, &now))
+        rows.add("##\n");
 }
 
 // The bridges with their nodes, then the nodes without a connected bridge, then the expired ones.

@@ -84,7 +84,8 @@ struct node_groups {
 };
 node_groups group_nodes(std::span<const node_row> nodes, size_t bridges_number);
 
-// --- Commands. A listing ends at the first line that the operator does not take.
+// --- Commands. Several rows leave in a frame. A listing ends at the first frame that the operator does not
+// take.
 void command_pcl(const terminal_request& request);
 void command_pn(const terminal_request& request);
 void command_pnf(const terminal_request& request);

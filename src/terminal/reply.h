@@ -3,9 +3,13 @@
 // All answers leave through here: a text is sent only behind an identity that was accepted, and an accepted
 // identity is always followed by exactly one text (see base/stream_send.h).
 //
-// Threads    Terminal thread; no lock. Each frame waits for the socket's send time-out at most.
+// Threads    Terminal thread; no lock.
+// Blocking   An identity waits for the socket's send time-out at most, and only for an operator who took the
+//            frame before: who does not read, or has left, is waited for once until he takes one again.
 // Failures   Tell by their result and errno; nothing is logged here, and only text_format throws.
 #pragma once
+
+#include "terminal/client.h"
 
 #include <czmq.h>
 
@@ -16,8 +20,8 @@ namespace rtls {
 // One answer: addressed when made, sent later.
 class terminal_reply {
 public:
-    // Sends the identity frame (which stays the caller's). Waits for at most the socket's send time-out.
-    terminal_reply(zframe_t* id, zsock_t* sock) noexcept;
+    // Sends the client's identity.
+    terminal_reply(TERMINAL_CLIENT_t& client, zsock_t* sock) noexcept;
     // An answer that was addressed but got no text (memory ran out on the way) becomes an empty line.
     ~terminal_reply();
     terminal_reply(const terminal_reply&) = delete;
@@ -36,7 +40,7 @@ private:
 };
 
 // A whole answer. False when the identity was not accepted, with errno telling why.
-bool terminal_send(zframe_t* id, zsock_t* sock, const char* text) noexcept;
+bool terminal_send(TERMINAL_CLIENT_t& client, zsock_t* sock, const char* text) noexcept;
 
 // printf into a string.
 std::string text_format(const char* format, ...) __attribute__((format(printf, 1, 2)));

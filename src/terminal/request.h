@@ -1,7 +1,7 @@
 // request - one command being run: who asked, what for, and how it is answered.
 //
 // Ownership  A request borrows all it names, for the time of its command.
-// Threads    Terminal thread; no lock. An answer waits for the socket's send time-out at most.
+// Threads    Terminal thread; no lock. An answer waits as reply.h says.
 // Failures   Memory that runs out throws std::bad_alloc, which ends the command; the server logs it.
 #pragma once
 
@@ -26,7 +26,7 @@ struct terminal_request {
     std::span<char* const> words;
 
     // One whole answer; false when the operator cannot be reached now.
-    bool answer(const char* text) const noexcept { return terminal_send(client->id.get(), sock, text); }
+    bool answer(const char* text) const noexcept { return terminal_send(*client, sock, text); }
     bool answer(const std::string& text) const noexcept { return answer(text.c_str()); }
 };
 

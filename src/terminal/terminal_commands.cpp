@@ -84,7 +84,7 @@ static void command_quit(const terminal_request& request)
         // A client that does not read takes no more frames, not even the one that closes it: its connection
         // is cut, and the disconnect event that follows frees the record.
         if (errno == EAGAIN) // otherwise it is gone already
-            cut_connection(request.client->fd, request.client->client_addr);
+            terminal_server_cut_client(request.gateway.terminal_server, *request.client, request.sock);
         return;
     }
     const identity_key key{request.client->id.get()};
@@ -130,7 +130,7 @@ static std::string reboot_node(const terminal_request& request)
 // The answer is addressed first, as in command_del: an operator who cannot be reached gets nothing done.
 static void command_reboot(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id.get(), request.sock};
+    terminal_reply reply{*request.client, request.sock};
     if (reply)
         reply.send(reboot_node(request));
 }
@@ -147,7 +147,7 @@ static std::string delete_node(const terminal_request& request)
 
 static void command_del(const terminal_request& request)
 {
-    terminal_reply reply{request.client->id.get(), request.sock};
+    terminal_reply reply{*request.client, request.sock};
     if (reply)
         reply.send(delete_node(request));
 }

@@ -1,17 +1,24 @@
 #include "terminal/terminal_server.h"
 
+#include "base/call_queue.h"
 #include "base/common.h"
 #include "base/config.h"
+#include "base/connection_cut.h"
 #include "base/czmq_ptr.h"
+#include "base/door.h"
 #include "base/endpoints.h"
+#include "base/link_watch.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "base/signals.h"
+#include "base/stream_send.h"
+#include "link/closed_ids.h"
 #include "server/win_server.h"
 #include "services.h"
 #include "terminal/client.h"
+#include "terminal/firmware_commands.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
 #include "terminal/texts.h"
@@ -21,6 +28,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <new>
@@ -31,8 +39,9 @@
 namespace rtls {
 
 struct TERMINAL_SERVER_t {
-    zactor_ptr actor;                 // owner's thread; null until terminal_server_run
-    in_port_t port = 0;               // host order
+    zactor_ptr actor;   // owner's thread; null until terminal_server_run
+    in_port_t port = 0; // host order
+    door entrance{"Terminal"};
     zhashx_ptr clients;               // owned TERMINAL_CLIENT_t by identity (upper-case hex)
     services* rtls_gateway = nullptr; // what the gateway hands out
     std::atomic<bool> ready{false};   // set once by the actor, polled by the owner
@@ -41,13 +50,42 @@ struct TERMINAL_SERVER_t {
     zsock_ptr dbg_client_sock;
     zsock_ptr winserv_client_sock;
     zloop_ptr actor_loop;
+    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
 
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
+    connection_cuts cuts;      // of those who quit and do not read
+    uint64_t drained = 0;      // how often no event was left in terminal_sock
+    closed_id_set refused_ids; // connections that may not come in
 };
 
 static constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
 static constexpr char actor_name[] = "terminal_server_actor";
+
+// A connection whose other end has vanished without a word is closed after this and three more times
+// the interval.
+static constexpr int keepalive_idle_s = 60;
+static constexpr int keepalive_interval_s = 10;
+static constexpr int keepalive_probes = 3;
+
+namespace {
+
+// What a reader takes before the others have their turn: the loop asks every socket for news in between,
+// which costs more than a line of the debug stream does. One command or filter may take its time: then the
+// turn ends with it.
+class turn {
+public:
+    // Whether one more event may be handled.
+    bool goes_on() noexcept { return ++m_events < most_events && zclock_usecs() - m_began < most_us; }
+
+private:
+    static constexpr int most_events = 64;
+    static constexpr int64_t most_us = 2000;
+    int m_events = 0;
+    const int64_t m_began = zclock_usecs();
+};
+
+} // namespace
 
 // --- the operators' port
 
@@ -55,7 +93,7 @@ static constexpr char actor_name[] = "terminal_server_actor";
 static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t& client, int fd,
                               const char* id_str)
 {
-    if (!read_peer_address(fd, client.client_addr)) {
+    if (!read_peer_address(fd, server->port, client.client_addr)) {
         dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console,
                   "(E) Cannot get IP address for terminal client [%s]", id_str);
         return;
@@ -65,8 +103,35 @@ static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t& clie
               id_str, ipv4_text{client.client_addr}.c_str(), ntohs(client.client_addr.sin_port));
 }
 
+// How many operators are connected from this address.
+static size_t sessions_of(const TERMINAL_SERVER_t& server, in_addr address)
+{
+    size_t number = 0;
+    zhashx_t* clients = server.clients.get();
+    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients))
+        if (static_cast<TERMINAL_CLIENT_t*>(item)->client_addr.sin_addr.s_addr == address.s_addr)
+            ++number;
+    return number;
+}
+
+// Closes the connection of who may not come in. Connections without a record count, too.
+static bool is_refused(TERMINAL_SERVER_t* server, message_part& identity, const char* id_str)
+{
+    sockaddr_in peer{};
+    (void)read_peer_address(identity.source_fd(), server->port, peer);
+    const size_t present = zhashx_size(server->clients.get()) + server->forgotten_ids.size();
+    if (server->entrance.admits(peer.sin_addr, present, sessions_of(*server, peer.sin_addr), zclock_mono()))
+        return false;
+    message_part nothing; // closes it
+    stream_send(server->terminal_sock.get(), identity.bytes(), nothing);
+    server->refused_ids.remember(id_str);
+    return true;
+}
+
 static void add_client(TERMINAL_SERVER_t* server, message_part& identity, const char* id_str)
 {
+    if (is_refused(server, identity, id_str))
+        return;
     zframe_ptr id{zframe_new(identity.data(), identity.size())};
     std::unique_ptr<TERMINAL_CLIENT_t> client{new (std::nothrow) TERMINAL_CLIENT_t};
     if (!id || !client) {
@@ -74,9 +139,23 @@ static void add_client(TERMINAL_SERVER_t* server, message_part& identity, const 
         return;
     }
     client->id = std::move(id);
+    client->drained_before = server->drained;
     note_peer_address(server, *client, identity.source_fd(), id_str);
     if (zhashx_insert(server->clients.get(), id_str, client.get()) == 0)
         (void)client.release(); // the table's now
+}
+
+// The address of a connection was asked for when its first event was handled, by a number that may have been
+// somebody else's by then. If no event was left in the socket at any time since, the connection had not ended
+// before: its end would have come. (It would not, had all the places of the queue been taken by other
+// events.)
+static void prove_peer(const TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client)
+{
+    constexpr size_t queue_size = 1000; // the library's
+    if (client.is_peer_proven || client.events >= queue_size)
+        return;
+    client.is_peer_proven = server.drained != client.drained_before;
+    ++client.events;
 }
 
 // Deletes the record of a client that sent "nothing", which is the mark of a disconnect. A chunk that
@@ -86,8 +165,66 @@ static void forget_client(TERMINAL_SERVER_t* server, const char* id_str, bool is
 {
     dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "DELETING %s\n", id_str);
     zhashx_delete(server->clients.get(), id_str);
+    server->cuts.forget(id_str);
     if (is_connected)
         server->forgotten_ids.emplace(id_str);
+}
+
+// Somebody without a record has connected, or has sent something all the same.
+static void handle_stranger(TERMINAL_SERVER_t* server, message_part& identity, const char* id_str,
+                            bool is_empty)
+{
+    if (server->refused_ids.forget(id_str)) { // what comes after the refusal is ignored, up to its end
+        if (!is_empty)
+            server->refused_ids.remember(id_str);
+        return;
+    }
+    const bool was_forgotten = server->forgotten_ids.erase(id_str) != 0;
+    if (!was_forgotten || !is_empty)
+        add_client(server, identity, id_str);
+}
+
+// What an operator may type ahead while an image is fetched for him; more is nothing that a person types.
+static constexpr size_t typed_ahead_limit = size_t{64} * 1024;
+
+static void keep_for_later(TERMINAL_CLIENT_t& client, std::string text)
+{
+    if (client.typed_ahead_bytes + text.size() > typed_ahead_limit)
+        return;
+    client.typed_ahead_bytes += text.size();
+    client.typed_ahead.push_back(std::move(text));
+}
+
+static void handle_text(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t* client, const char* id_str,
+                        std::string text)
+{
+    if (text.empty() || (text.front() == '\0' && !client->is_fetching))
+        forget_client(server, id_str, !text.empty());
+    else if (client->is_fetching)
+        keep_for_later(*client, std::move(text));
+    else
+        terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
+                                server->dbg_client_sock.get());
+}
+
+// An image has been fetched for this operator, or could not be (-1): answers, and does what was typed
+// meanwhile, up to the next image. Each command may be the operator's last.
+static void answer_fetch(TERMINAL_SERVER_t* server, const std::string& id_str, int index)
+{
+    const auto find = [&] {
+        return static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), id_str.c_str()));
+    };
+    TERMINAL_CLIENT_t* client = find();
+    if (!client)
+        return;
+    client->is_fetching = false;
+    terminal_send(*client, server->terminal_sock.get(), fetch_answer(index).c_str());
+    for (; client && !client->is_fetching && !client->typed_ahead.empty(); client = find()) {
+        std::string text = std::move(client->typed_ahead.front());
+        client->typed_ahead.pop_front();
+        client->typed_ahead_bytes -= text.size();
+        handle_text(server, client, id_str.c_str(), std::move(text));
+    }
 }
 
 // Handles what `id` sent: its connect, its disconnect, or a command.
@@ -98,33 +235,41 @@ static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, mess
               key.c_str());
     auto* client = static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), key.c_str()));
     if (!client) {
-        const bool was_forgotten = server->forgotten_ids.erase(key.c_str()) != 0;
-        if (!was_forgotten || chunk.size() != 0)
-            add_client(server, identity, key.c_str());
+        handle_stranger(server, identity, key.c_str(), chunk.size() == 0);
         return;
     }
-    std::string text{reinterpret_cast<const char*>(chunk.data()), chunk.size()};
-    if (text.empty() || text.front() == '\0')
-        forget_client(server, key.c_str(), !text.empty());
-    else
-        terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
-                                server->dbg_client_sock.get());
+    prove_peer(*server, *client);
+    handle_text(server, client, key.c_str(), {reinterpret_cast<const char*>(chunk.data()), chunk.size()});
+}
+
+// False when there is no event.
+static bool handle_event(TERMINAL_SERVER_t* server, void* socket) noexcept
+{
+    message_part identity;
+    message_part chunk;
+    if (!identity.receive(socket) || !chunk.receive(socket))
+        return false; // never between the two: they come together
+    try {
+        handle_chunk(server, identity, chunk);
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, "handle_terminal_clients");
+    }
+    return true;
 }
 
 static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
 {
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_server);
-    message_part identity;
-    if (!identity.receive(zsock_resolve(reader)))
+    void* socket = zsock_resolve(reader);
+    turn turn;
+    if (!handle_event(server, socket))
         return 1;
-    message_part chunk;
-    if (!chunk.receive(zsock_resolve(reader)))
-        return 0;
-    try {
-        handle_chunk(server, identity, chunk);
-    } catch (const std::bad_alloc&) {
-        logger_error(g_logger, str_out_of_memory, __func__);
-    }
+    while (turn.goes_on())
+        if (!handle_event(server, socket)) {
+            ++server->drained;
+            break;
+        }
+    server->cuts.carry_out(socket, server->port);
     return 0;
 }
 
@@ -136,22 +281,33 @@ static bool wants_line(const TERMINAL_CLIENT_t& client, const char* line) noexce
 }
 
 // Gives one line of the debug stream (at most 2047 bytes, so a filter has little to chew) to those who
-// want it. One line a turn: a subscriber that stalls costs the time-out for each line, and operators'
-// commands get their turn in between.
+// want it.
+static void deliver_line(TERMINAL_SERVER_t* server, const char* line) noexcept
+{
+    if (!*line)
+        return; // an empty text would close the subscribers' connections
+    zhashx_t* clients = server->clients.get();
+    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
+        auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
+        if (wants_line(*client, line))
+            terminal_send(*client, server->terminal_sock.get(), line);
+    }
+}
+
 static int handle_dbg_message(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept
 {
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_server);
-    char* text = nullptr;
-    if (zsock_recv(reader, "s", &text) != 0 || !text)
-        return 0;
-    const zstr_ptr line{text};
-    if (!*text)
-        return 0; // an empty text would close the subscribers' connections
-    zhashx_t* clients = server->clients.get();
-    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
-        const auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
-        if (wants_line(*client, line.get()))
-            terminal_send(client->id.get(), server->terminal_sock.get(), line.get());
+    turn turn;
+    message_part part;
+    try {
+        do {
+            if (!part.receive(zsock_resolve(reader)))
+                break;
+            const std::string line{reinterpret_cast<const char*>(part.data()), part.size()};
+            deliver_line(server, line.c_str());
+        } while (turn.goes_on());
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, __func__);
     }
     return 0;
 }
@@ -164,21 +320,37 @@ static void destroy_actor_context(TERMINAL_SERVER_t* server) noexcept
     request_stop();
     dbg_stream_stopping();
     server->actor_loop.reset();
+    if (server->calls)
+        server->calls->close(); // whoever still has something to say is not heard
+    server->calls.reset();
     server->terminal_sock.reset();
     server->dbg_server_sock.reset();
     server->dbg_client_sock.reset();
     server->winserv_client_sock.reset();
 }
 
+// What the operators' connections inherit from the socket they come by.
+static void prepare_operators_port(zsock_t* sock) noexcept
+{
+    zsock_set_tcp_keepalive(sock, 1);
+    zsock_set_tcp_keepalive_idle(sock, keepalive_idle_s);
+    zsock_set_tcp_keepalive_intvl(sock, keepalive_interval_s);
+    zsock_set_tcp_keepalive_cnt(sock, keepalive_probes);
+    zsock_set_sndtimeo(sock, socket_timeout_ms);
+}
+
 // A socket bound to (bind) or connected with (connect) an endpoint; or null, logged.
 static zsock_ptr open_socket(int type, int (*attach)(zsock_t*, const char*, ...), const char* attach_name,
-                             const std::string& endpoint)
+                             const std::string& endpoint, void (*prepare)(zsock_t*) = nullptr)
 {
     zsock_ptr sock{zsock_new(type)};
     if (!sock) {
         log_call_error(actor_name, "zsock_new");
         return nullptr;
     }
+    serve_by(sock.get(), io_thread_of_ports);
+    if (prepare)
+        prepare(sock.get());
     if (attach(sock.get(), "%s", endpoint.c_str()) < 0) { // a bind to TCP answers with the port
         log_call_error(actor_name, attach_name);
         return nullptr;
@@ -204,11 +376,10 @@ static bool open_sockets(TERMINAL_SERVER_t* server)
         return false;
 
     server->terminal_sock =
-        open_socket(ZMQ_STREAM, zsock_bind, "zsock_bind", "tcp://*:" + std::to_string(server->port));
-    if (!server->terminal_sock)
-        return false;
-    zsock_set_sndtimeo(server->terminal_sock.get(), socket_timeout_ms);
-    return true;
+        open_socket(ZMQ_STREAM, zsock_bind, "zsock_bind",
+                    "tcp://" + server->entrance.rules.address + ':' + std::to_string(server->port),
+                    prepare_operators_port);
+    return server->terminal_sock != nullptr;
 }
 
 static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
@@ -216,6 +387,11 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
     server->actor_loop.reset(zloop_new());
     if (!server->actor_loop) {
         log_call_error(actor_name, "zloop_new");
+        return false;
+    }
+    server->calls.reset(new (std::nothrow) call_queue);
+    if (!server->calls) {
+        logger_error(g_logger, str_out_of_memory, actor_name);
         return false;
     }
     const struct {
@@ -231,6 +407,10 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
             log_call_error(actor_name, "zloop_reader");
             return false;
         }
+    if (!server->calls->join(server->actor_loop.get())) {
+        log_call_error(actor_name, "zloop_poller");
+        return false;
+    }
     return true;
 }
 
@@ -268,6 +448,13 @@ void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
     server->rtls_gateway = static_cast<services*>(p_rtls_gateway);
     if (!config_value_uint16_t_get(config, "ports/terminal", &server->port))
         return nullptr;
+    try {
+        if (!read_door_rules(config, "terminal", server->entrance.rules))
+            return nullptr;
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, __func__);
+        return nullptr;
+    }
     server->clients.reset(zhashx_new());
     if (!server->clients) {
         log_call_error(__func__, "zhashx_new");
@@ -314,6 +501,16 @@ zhashx_t* terminal_server_get_clients(void* p_terminal_server)
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->clients.get();
 }
 
+void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& client, zsock_t* sock)
+{
+    if (any_null(__func__, p_terminal_server, sock))
+        return;
+    auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
+    if (client.is_peer_proven)
+        server->cuts.want(identity_key{client.id.get()}.c_str(), client.fd, client.client_addr);
+    server->cuts.carry_out(zsock_resolve(sock), server->port);
+}
+
 bool terminal_server_is_ready(void* p_terminal_server)
 {
     if (any_null(__func__, p_terminal_server))
@@ -321,15 +518,25 @@ bool terminal_server_is_ready(void* p_terminal_server)
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->ready;
 }
 
-// Sends the frame and gives it up either way; errno tells why it was not sent.
-static bool send_request_frame(zframe_ptr frame, zsock_t* sock, int flags)
+bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url)
 {
-    zframe_t* raw = frame.release();
-    const bool is_sent = zframe_send(&raw, sock, flags) == 0;
-    const int error = errno;
-    zframe_destroy(&raw); // null when sent
-    errno = error;
-    return is_sent;
+    auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
+    if (!server || !server->calls || !server->rtls_gateway->downloads)
+        return false;
+    auto work = [server, ota = server->rtls_gateway->ota, calls = server->calls, url = std::string{url},
+                 id = std::string{identity_key{client.id.get()}.c_str()}] {
+        std::string reason;
+        const int index = ota ? ota->download_firmware(url.c_str(), nullptr, nullptr, &reason) : -1;
+        calls->post([server, id, index, text = url + ": " + reason, failed = !reason.empty()] {
+            if (failed)
+                dbg_print(server->dbg_client_sock.get(), DBG_DEVELOP, console, "%s", text.c_str());
+            answer_fetch(server, id, index);
+        });
+    };
+    client.is_fetching = server->rtls_gateway->downloads->order(std::move(work));
+    if (!client.is_fetching)
+        terminal_send(client, server->terminal_sock.get(), fetch_answer(-1).c_str());
+    return true;
 }
 
 bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t* data, size_t data_size)
@@ -339,14 +546,14 @@ bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t*
     if (any_null(__func__, sock, data))
         return false;
     constexpr int32_t command = WINSERW_SOCK_CMD_GENERIC_REQ; // host order: it stays in the process
-    zframe_ptr command_frame{zframe_new(&command, sizeof command)};
-    zframe_ptr data_frame{zframe_new(data, data_size)};
-    if (!command_frame || !data_frame) {
+    message_part command_part{bytes_view{reinterpret_cast<const uint8_t*>(&command), sizeof command}};
+    message_part data_part{bytes_view{data, data_size}};
+    if (!command_part.is_made() || !data_part.is_made()) {
         log_call_error(__func__, "zframe_new");
         return false;
     }
-    if (send_request_frame(std::move(command_frame), sock, ZFRAME_MORE | ZFRAME_DONTWAIT) &&
-        send_request_frame(std::move(data_frame), sock, ZFRAME_DONTWAIT))
+    void* socket = zsock_resolve(sock);
+    if (command_part.send(socket, true) && data_part.send(socket))
         return true;
     if (errno == EAGAIN)
         logger_error(g_logger, "Overflow winserw queue!"); // each one is a command that was not sent

@@ -3,8 +3,8 @@
 // Ownership  The gateway object owns the server; everybody else sees an opaque pointer.
 // Threads    terminal_server_new, _run, _is_ready and _destroy: the owner's thread. The others: the
 //            actor's thread only. No lock but those of what the commands use.
-// Blocking   terminal_server_destroy waits for the actor's end. The actor waits for an operator who does
-//            not read 100 ms a frame.
+// Blocking   terminal_server_destroy waits for the actor's end. The actor waits 100 ms for an operator who
+//            stops reading, once until he reads again.
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
 
@@ -19,6 +19,7 @@
 namespace rtls {
 
 struct TERMINAL_SERVER_t;
+struct TERMINAL_CLIENT;
 
 void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway);
 bool terminal_server_run(void* p_terminal_server);
@@ -26,6 +27,17 @@ void terminal_server_destroy(void** pp_terminal_server);
 using terminal_server_ptr = std::unique_ptr<TERMINAL_SERVER_t, destroyed_by<terminal_server_destroy>>;
 zhashx_t* terminal_server_get_clients(void* p_terminal_server);
 bool terminal_server_is_ready(void* p_terminal_server);
+
+// Cuts the connection of a client whose queue is full, which `sock` (the stream socket) cannot close: now,
+// or as soon as it is proven that its descriptor is still its own. Never, when it is not known whether the
+// peer's address is. The disconnect that follows frees the
+// record.
+void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& client, zsock_t* sock);
+
+// Fetches the image of `url` into the store on a thread of the download pool, and answers the operator when
+// it is done; his commands wait for it, nobody else does. False when it cannot be done so: nothing has
+// happened.
+bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url);
 
 // Hands a generic request (header, payload, destination MAC) to the WIN server's thread. False when
 // its queue is full. The name is misspelt, and kept: operators' scripts find it in our logs.

@@ -15,6 +15,8 @@ static constexpr uint16_t node_lifetime = 300; // seconds; a heartbeat names its
 // --- what several handlers do
 
 // Points the node at the client that the frame came from, unless its route is to stay. Under the lock.
+static void move_route_locked(link_frame& frame, NODE_t& node) RTLS_REQUIRES(frame.nodes);
+
 static void move_route_locked(link_frame& frame, NODE_t& node)
 {
     if (frame.change_route)

@@ -3,35 +3,21 @@
 #include "base/hex.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
-#include "base/overflow_watch.h"
+#include "link/intake.h"
 #include "wire/report_texts.h"
 
-#include <cerrno>
 #include <cstring>
 
 namespace rtls {
 
-// For a message's first part. A sender looks only every millisecond or so whether its queue has been
-// emptied; in a burst it would refuse messages that there is room for. Asking for its events makes it look.
-// Leaves errno as a full queue does when there is no room.
-static bool send_first(message_part& part, void* socket, bool more = false)
+// Nothing waits for a server that is not there, or where there is no loop to end the wait.
+static void hand_over(WIN_SERVER_t& server, upstream_queue& queue, const link_watch& link, zsock_t* sock,
+                      message_part& first, message_part* second)
 {
-    if (part.send(socket, more))
-        return true;
-    if (errno != EAGAIN)
-        return false;
-    int events = 0;
-    size_t size = sizeof events;
-    const bool has_room =
-        zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size) == 0 && (events & ZMQ_POLLOUT) != 0;
-    errno = EAGAIN;
-    return has_room && part.send(socket, more);
+    queue.send(zsock_resolve(sock), first, second, server.actor_loop && link.is_reached());
+    if (queue.is_waiting())
+        intake_pause(server);
 }
-
-static overflow_watch msg_handler_queue{"Overflow message handler queue!", "Exemption message handler queue!",
-                                        "message handler queue"};
-static overflow_watch proxy_input_queue{"Overflow proxy input queue!", "Exemption proxy input queue!",
-                                        "proxy input queue"};
 
 static void print_raw_output(WIN_SERVER_t* server, bytes_view data)
 {
@@ -59,11 +45,8 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
     std::memcpy(time_part.data(), time.data(), time.size());
     std::memcpy(data_part.data(), data, size);
 
-    void* socket = zsock_resolve(server->msg_handler_sock);
-    if (send_first(time_part, socket, true) && data_part.send(socket))
-        msg_handler_queue.accepted();
-    else
-        msg_handler_queue.refused(__func__, "zframe_send");
+    hand_over(*server, server->to_handler, server->msg_handler_link, server->msg_handler_sock, time_part,
+              &data_part);
 }
 
 void win_management_to_server(WIN_SERVER_t* server, const char* text)
@@ -88,16 +71,16 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text)
                  reinterpret_cast<const char*>(line.data()));
 
     // Peers take the line's end from the frame's: there is no terminating zero.
-    if (send_first(line, zsock_resolve(server->proxy_input_sock)))
-        proxy_input_queue.accepted();
-    else
-        proxy_input_queue.refused(__func__, "zstr_send (proxy_input_sock)");
+    hand_over(*server, server->to_proxy_input, server->proxy_input_link, server->proxy_input_sock, line,
+              nullptr);
 }
 
-void upstream_stopping() noexcept
+// At the start, too, when a socket could not be opened.
+void upstream_stopping(WIN_SERVER_t& server) noexcept
 {
-    msg_handler_queue.stopping();
-    proxy_input_queue.stopping();
+    const auto socket_of = [](zsock_t* sock) { return sock ? zsock_resolve(sock) : nullptr; };
+    server.to_handler.stopping(socket_of(server.msg_handler_sock));
+    server.to_proxy_input.stopping(socket_of(server.proxy_input_sock));
 }
 
 static void print_ul_tdoa(WIN_SERVER_t* server, const ul_tdoa_report& report)

@@ -1,10 +1,11 @@
 // upstream - reports on their way to the servers: binary ones to the message handler, texts to the proxy's
 // input.
 //
-// Both sends are don't-wait: a server that is down or slow costs its own reports and stalls nobody.
-// Threads    WIN server thread.
-// Bytes      Reports go as they are given: big-endian. The time before them is big-endian, too.
-// Failures   A full queue is said once an episode; what it does not take is lost, and counted: how many were
+// Both sends are don't-wait: a server that is down or slow costs its own reports and stalls nobody. A queue
+// that is full for a moment only, with its server there, makes the intake pause (link/intake.h). Threads WIN
+// server thread. Bytes      Reports go as they are given: big-endian. The time before them is big-endian,
+// too. Failures   A full queue is said once an episode; what it does not take is lost, and counted: how many
+// were
 //            lost in how long is said at the episode's end, or at the stop.
 #pragma once
 
@@ -20,7 +21,7 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
 void win_management_to_server(WIN_SERVER_t* server, const char* text);
 
 // The server stops: says what queues that are still full have cost.
-void upstream_stopping() noexcept;
+void upstream_stopping(WIN_SERVER_t& server) noexcept;
 
 // Publishes UL-TDOA data as a management line. False when the message is too short for what it promises.
 // `node_mac` is not used.

@@ -38,3 +38,20 @@ def test_no_filter_holds_up_the_terminal(gateway, pattern):
     assert took < 1, "the others' commands waited for the filter"
     assert other.command("dbg terminal n", "ul_tdoa n\n")
     assert resident_kb(gateway.process.pid) - before < 20_000
+
+
+# Whatever the matcher is told to try at each character, a line takes it about two milliseconds.
+@pytest.mark.parametrize("pattern", ["(" + "a|" * 50 + "a)*b", "a*" * 60 + "!"], ids=["choices", "loops"])
+def test_no_filter_takes_long_for_a_line(gateway, pattern):
+    watcher, filtered, other = gateway.terminal(), gateway.terminal(), gateway.terminal()
+    watcher.command("sub", "\n")
+    filtered.command("sub", "\n")
+    filtered.command("grep " + pattern, "\n")
+    other.command("dbg terminal y", "ul_tdoa n\n")
+    begin = time.monotonic()
+    for _ in range(300):
+        other.command("a" * 1900, "\n")
+    other.command("the last of all", "\n")
+    watcher.read_until("the last of all")
+    took = time.monotonic() - begin
+    assert took < 1.5, f"300 lines took {took:.1f} s"

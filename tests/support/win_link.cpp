@@ -25,7 +25,7 @@ win_link::win_link(int high_water_mark)
     const int port = zsock_bind(server().win_sock, "tcp://127.0.0.1:*");
     if (port <= 0)
         throw std::runtime_error("win_link: no port");
-    m_port = static_cast<uint16_t>(port);
+    m_port = server().win_port = static_cast<uint16_t>(port);
 }
 
 win_link::~win_link()

@@ -66,8 +66,10 @@ class Daemon:
     """One daemon and its surroundings. The upstream peers exist before it starts unless told otherwise."""
 
     def __init__(self, folder: pathlib.Path, *, upstream=("broker", "handler", "proxy", "proxy_input"), debug=(),
-                 ports=None, change=None, wait_ready: bool = True, env=None):
-        """`change`: gets the default configuration as a tree, and returns the one to start with."""
+                 ports=None, change=None, wait_ready: bool = True, env=None, wrap=()):
+        """`change`: gets the default configuration as a tree, and returns the one to start with. `wrap`: the
+        command that becomes the daemon."""
+        self.wrap = wrap
         self.folder = folder
         self.context = zmq.Context()
         self.ports = {name: free_port() for name in
@@ -118,7 +120,7 @@ class Daemon:
         self.proxy = Proxy(self.context, self._endpoint("proxy"))
 
     def start(self, wait_ready: bool = True, arguments=None):
-        command = [*WITH_FEW_FILES, str(BINARY)] + (["-c", str(self.config_file)] if arguments is None else arguments)
+        command = [*self.wrap, *WITH_FEW_FILES, str(BINARY)] + (["-c", str(self.config_file)] if arguments is None else arguments)
         self.process = subprocess.Popen(command, env=self.env, stdin=subprocess.DEVNULL, stdout=self.output,
                                         stderr=subprocess.STDOUT, cwd=self.folder)
         if wait_ready:

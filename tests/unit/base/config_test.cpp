@@ -229,6 +229,8 @@ TEST_F(config, the_sample_has_every_key)
         {"ports/win", "4001"},
         {"ports/discovery", "4002"},
         {"ports/win_backlog", "1024"},
+        {"ports/terminal_address", "127.0.0.1"},
+        {"ports/terminal_connections", "32"},
         {"pub_sub_proxy/address", "127.0.0.1"},
         {"pub_sub_proxy/port", "5555"},
         {"pub_sub_proxy/input_port", "5556"},

@@ -13,6 +13,8 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <optional>
+#include <vector>
 
 namespace rtls {
 
@@ -52,14 +54,17 @@ TEST_F(download_patience, of_an_image_for_the_store)
 
 TEST_F(download_patience, of_the_next_who_wants_one)
 {
-    auto first = std::async(std::launch::async, [&] {
-        return image_download(m_url.c_str(), {.caller = "test", .timeout = 120s});
-    });
-    ASSERT_TRUE(m_server.wait_for_requests(1));
+    std::vector<std::future<std::optional<downloaded_image>>> first;
+    for (int i = 0; i < transfers_at_once; ++i)
+        first.push_back(std::async(std::launch::async, [&] {
+            return image_download(m_url.c_str(), {.caller = "test", .timeout = 120s});
+        }));
+    ASSERT_TRUE(m_server.wait_for_requests(transfers_at_once));
     expect_twenty_seconds([&] { EXPECT_EQ(firmware_get_from_url(m_url.c_str()), nullptr); });
-    EXPECT_EQ(m_server.requests().size(), 1U); // it never got as far as asking
+    EXPECT_EQ(m_server.requests().size(), 4U); // it never got as far as asking
     m_server.release();
-    EXPECT_TRUE(first.get());
+    for (auto& held : first)
+        EXPECT_TRUE(held.get());
 }
 
 } // namespace rtls

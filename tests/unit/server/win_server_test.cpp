@@ -511,6 +511,22 @@ TEST(delete_win_client, cuts_nobody_else_who_got_the_descriptor)
     EXPECT_EQ(other_peer.receive(6), text(hex("F5 00 00 05 AA F7")));
 }
 
+// Its end may be among the events: then the number is no longer its own.
+TEST(delete_win_client, cuts_only_when_no_event_waits)
+{
+    const win_link link{10};
+    auto [peer, client] = link.connect(4096);
+    (void)link.fill(*client);
+    const tcp_peer another{link.port()};
+    zmq_pollitem_t item{zsock_resolve(link.server().win_sock), 0, ZMQ_POLLIN, 0};
+    ASSERT_EQ(zmq_poll(&item, 1, 5000), 1);
+    delete_win_client(&link.server(), client->id);
+    EXPECT_FALSE(link.server().cuts.empty());
+    EXPECT_FALSE(peer.is_closed(std::chrono::milliseconds(50)));
+    EXPECT_TRUE(link.pump_until([&, &peer = peer] { return peer.is_closed(std::chrono::milliseconds(1)); }));
+    EXPECT_TRUE(link.server().cuts.empty());
+}
+
 TEST(win_server_copy_clients, gives_what_other_threads_may_know)
 {
     const win_link link;

@@ -15,6 +15,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,9 +30,11 @@ static constexpr char listening[] = "the terminal's own line";
 // A TCP connection within this process.
 class tcp_connection {
 public:
-    tcp_connection()
+    explicit tcp_connection(uint16_t port = 0)
     {
-        sockaddr_in addr = ipv4_address("127.0.0.1", 0);
+        const int yes = 1;
+        setsockopt(m_listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes); // cases follow each other
+        sockaddr_in addr = ipv4_address("127.0.0.1", port);
         socklen_t size = sizeof addr;
         EXPECT_EQ(bind(m_listener, reinterpret_cast<sockaddr*>(&addr), size), 0);
         EXPECT_EQ(listen(m_listener, 1), 0);
@@ -139,6 +143,16 @@ protected:
         for (const auto& text : answers_to(command))
             all += text;
         return all;
+    }
+
+    // The rows of a listing, however they were put into frames.
+    strings rows_of(const std::string& command)
+    {
+        std::istringstream text{answer_to(command)};
+        strings rows;
+        for (std::string row; std::getline(text, row);)
+            rows.push_back(row + '\n');
+        return rows;
     }
 
     // From now on no frame is accepted any more, as from an operator who does not read.
@@ -365,8 +379,8 @@ TEST_F(terminal_commands_test, grep_that_fails_takes_the_filter_and_leaves_its_t
     }
     const std::string longest(2000, 'x');
     EXPECT_EQ(answers_to("grep " + longest), strings{"GREP: " + longest + "\n"});
-    EXPECT_EQ(answers_to("grep " + std::string(5000, 'y')), (strings{costly, "GREP: " + longest + "\n"}));
-    EXPECT_EQ(answers_to("pcl")[1], "+ip:10.0.0.1:1001 sub:0 grep:" + longest + "\n");
+    EXPECT_EQ(answers_to("grep " + std::string(5000, '.')), (strings{costly, "GREP: " + longest + "\n"}));
+    EXPECT_EQ(rows_of("pcl")[1], "+ip:10.0.0.1:1001 sub:0 grep:" + longest + "\n");
 }
 
 // --- Short MACs, reboot, del
@@ -452,11 +466,11 @@ TEST_F(terminal_commands_test, pcl_marks_the_one_who_asks)
     other->subscribed = 1;
     other->grep_string = "abc";
     m_gateway.add_bridge("bridge", hex("0A 1B 2C 3D 4E 5F 60 71"), "10.0.0.3", 1003);
-    EXPECT_THAT(answers_to("pcl"), testing::UnorderedElementsAre(
-                                       "####### Terminal clients\n", "+ip:10.0.0.1:1001 sub:0 grep:--\n",
-                                       " ip:10.0.0.2:1002 sub:1 grep:abc\n", "####### WIN clients:\n",
-                                       " ip:10.0.0.3:1003\n", "##\n"));
-    const strings lines = answers_to("PCL");
+    EXPECT_THAT(rows_of("pcl"), testing::UnorderedElementsAre(
+                                    "####### Terminal clients\n", "+ip:10.0.0.1:1001 sub:0 grep:--\n",
+                                    " ip:10.0.0.2:1002 sub:1 grep:abc\n", "####### WIN clients:\n",
+                                    " ip:10.0.0.3:1003\n", "##\n"));
+    const strings lines = rows_of("PCL");
     EXPECT_EQ(lines.front(), "####### Terminal clients\n");
     EXPECT_EQ(lines[3], "####### WIN clients:\n");
     EXPECT_EQ(lines.back(), "##\n");
@@ -466,8 +480,8 @@ TEST_F(terminal_commands_test, pn_of_an_empty_registry)
 {
     const strings titles{"####### Connected Nodes\n", "####### Floating nodes\n", "####### Expired nodes\n",
                          "##\n"};
-    EXPECT_EQ(answers_to("pn"), titles);
-    EXPECT_EQ(answers_to("pnf"), titles);
+    EXPECT_EQ(rows_of("pn"), titles);
+    EXPECT_EQ(rows_of("pnf"), titles);
 }
 
 static std::string plain_line(const std::string& short_mac, const char* end = "  ", int ttl = 300)
@@ -489,7 +503,7 @@ TEST_F(terminal_commands_test, pn_groups_nodes_by_bridge)
         node.lifetime = 0;
         node.last_activity.tv_sec = time(nullptr) - 3'600'000; // 1000 hours: no second matters
     });
-    const strings lines = answers_to("pn");
+    const strings lines = rows_of("pn");
     ASSERT_EQ(lines.size(), 9u);
     EXPECT_EQ(lines[0], "####### Connected Nodes\n");
     EXPECT_EQ(lines[1], "Bridge MAC:0a1b2c3d4e5:f6071 ip4:10.0.0.3:1003\n");
@@ -512,7 +526,7 @@ TEST_F(terminal_commands_test, pn_shows_each_node_once_among_three_bridges)
             m_gateway.add_node(bytes_t{0, 0, 0, 0, 0, 0, last, i}, bridge,
                                [&](NODE_t& node) { node.ip_addr[0] = i; });
     }
-    const strings lines = answers_to("pn");
+    const strings lines = rows_of("pn");
     EXPECT_EQ(lines.size(), 1u + 3 * 4 + 3);
     std::string bridge;
     for (size_t i = 1; i < 13; ++i) {
@@ -536,6 +550,27 @@ TEST_F(terminal_commands_test, pn_flags_duplicated_addresses)
     EXPECT_NE(text.find(plain_line("00002", "   IP address is duplicated!")), std::string::npos) << text;
 }
 
+// The socket queues a thousand frames for an operator who reads slowly.
+TEST_F(terminal_commands_test, long_listings_leave_many_rows_in_a_frame)
+{
+    constexpr size_t nodes = 1000;
+    for (size_t i = 0; i < nodes; ++i)
+        m_gateway.add_node(bytes_t{0, 0, 0, 0, 0, 0, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
+    for (const char* command : {"pn", "pnf"}) {
+        const strings frames = answers_to(command);
+        size_t rows = 0;
+        for (const auto& frame : frames) {
+            EXPECT_LE(frame.size(), 16'384u);
+            EXPECT_EQ(frame.back(), '\n') << "a row is never cut";
+            rows += static_cast<size_t>(std::count(frame.begin(), frame.end(), '\n'));
+        }
+        EXPECT_EQ(rows, nodes + 4);
+        EXPECT_LT(frames.size(), nodes / 50);
+        EXPECT_EQ(frames.front(), "####### Connected Nodes\n");
+        EXPECT_TRUE(frames.back().ends_with("\n##\n"));
+    }
+}
+
 // --- quit
 
 TEST_F(terminal_commands_test, quit_says_goodbye_closes_and_forgets)
@@ -556,17 +591,22 @@ TEST_F(terminal_commands_test, quit_that_cannot_be_told_cuts_the_connection_of_w
         const char* given;
         int socket_type; // whose identity frames fail: a full PUSH with EAGAIN, a STREAM with EHOSTUNREACH
         bool is_same_peer;
+        bool is_same_port;
+        bool is_peer_proven;
         bool then_cut;
     } cases[] = {
-        {"an operator who does not read", ZMQ_PUSH, true, true},
-        {"an operator who is gone", ZMQ_STREAM, true, false},
-        {"a descriptor that has another owner", ZMQ_PUSH, false, false},
+        {"an operator who does not read", ZMQ_PUSH, true, true, true, true},
+        {"an operator who is gone", ZMQ_STREAM, true, true, true, false},
+        {"a descriptor that has another owner", ZMQ_PUSH, false, true, true, false},
+        {"a descriptor of another port", ZMQ_PUSH, true, false, true, false},
+        {"an address that may be another's", ZMQ_PUSH, true, true, false, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
-        const tcp_connection connection;
+        const tcp_connection connection{c.is_same_port ? m_gateway.terminal_port() : uint16_t{0}};
         m_client->fd = connection.accepted_fd();
         m_client->client_addr = connection.peer_address();
+        m_client->is_peer_proven = c.is_peer_proven;
         if (!c.is_same_peer)
             m_client->client_addr.sin_port = static_cast<in_port_t>(~m_client->client_addr.sin_port);
         m_terminal.reset(zsock_new(c.socket_type));
@@ -579,6 +619,38 @@ TEST_F(terminal_commands_test, quit_that_cannot_be_told_cuts_the_connection_of_w
 }
 
 // --- An operator who takes nothing
+
+TEST_F(terminal_commands_test, who_does_not_read_is_waited_for_once)
+{
+    EXPECT_EQ(answers_to("sub"), strings{"subscribed * ok.\n"});
+    stall();
+    constexpr int64_t time_out = 200;
+    zsock_set_sndtimeo(m_terminal.get(), time_out);
+    const auto time_of = [this](const char* command) {
+        const int64_t begin = zclock_mono();
+        run(command);
+        return zclock_mono() - begin;
+    };
+    EXPECT_GE(time_of("sub"), time_out - 1);
+    for (const char* command : {"sub", "info", "dbg", "fw list", "reboot 1a2b", "quit"})
+        EXPECT_LT(time_of(command), time_out / 2) << command;
+
+    ASSERT_EQ(zsock_connect(m_terminal.get(), "%s", m_endpoint.c_str()), 0); // now he reads
+    EXPECT_EQ(answers_to("sub"), strings{"subscribed * ok.\n"});
+    stall();
+    zsock_set_sndtimeo(m_terminal.get(), time_out);
+    EXPECT_GE(time_of("sub"), time_out - 1);
+}
+
+TEST_F(terminal_commands_test, who_never_took_anything_is_not_waited_for)
+{
+    stall();
+    constexpr int64_t time_out = 2000;
+    zsock_set_sndtimeo(m_terminal.get(), time_out);
+    const int64_t begin = zclock_mono();
+    run("sub");
+    EXPECT_LT(zclock_mono() - begin, time_out / 2);
+}
 
 TEST_F(terminal_commands_test, without_an_identity_frame_no_text_is_sent)
 {

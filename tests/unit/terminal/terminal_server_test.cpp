@@ -70,6 +70,25 @@ TEST_F(terminal_server_handle_test, without_a_port_there_is_no_server)
     EXPECT_EQ(errors(), strings{"Parameter \"ports/terminal\" is not found in the configuration file!"});
 }
 
+TEST_F(terminal_server_handle_test, the_limit_of_sessions_is_optional)
+{
+    const char* const no_number =
+        "terminal_server_new: ports/terminal_sessions is no positive number, there is no limit";
+    const struct {
+        const char* text;
+        strings log;
+    } cases[] = {{"1", {}},           {"0x10", {}},          {"0", {no_number}},
+                 {"-1", {no_number}}, {"many", {no_number}}, {"", {no_number}}};
+    for (const auto& c : cases) {
+        zconfig_put(m_config.get(), "ports/terminal_sessions", c.text);
+        void* server = terminal_server_new(m_config.get(), &m_gateway);
+        ASSERT_NE(server, nullptr) << c.text;
+        EXPECT_EQ(errors(), c.log) << c.text;
+        terminal_server_destroy(&server);
+        (void)m_log.take();
+    }
+}
+
 TEST_F(terminal_server_handle_test, a_server_that_does_not_run)
 {
     void* server = terminal_server_new(m_config.get(), &m_gateway);
@@ -365,7 +384,7 @@ TEST_F(terminal_server_test, a_subscriber_who_never_reads_does_not_stop_the_othe
     stall(stalled, other, m_log);
     enable_stream();
     for (int line = 0; line < 3; ++line)
-        stream("a line"); // each waits for the time-out
+        stream("a line");
     EXPECT_EQ(terminals_seen_by(other).size(), 2u);
     other.ask("sub\n", "\n");
     stream("the last");
@@ -376,6 +395,43 @@ TEST_F(terminal_server_test, a_subscriber_who_never_reads_does_not_stop_the_othe
     stalled.write("quit\n"); // it cannot even be told; its connection is cut
     EXPECT_TRUE(wait_until([&] { return terminals_seen_by(other).size() == 1; }));
     EXPECT_TRUE(stalled.is_closed());
+}
+
+// --- The limit of sessions
+
+TEST(terminal_sessions_test, beyond_the_limit_are_refused_whatever_they_send)
+{
+    log_capture log;
+    test_gateway gateway{gateway_config{}.set("ports/terminal_sessions", 2)};
+    gateway.run_terminal_server();
+    operator_peer one{gateway.terminal_port()};
+    auto two = std::make_unique<operator_peer>(gateway.terminal_port());
+    for (operator_peer* peer : {&one, two.get()})
+        EXPECT_THAT(peer->ask("info\n", info_end), testing::StartsWith(info_start));
+    (void)log.take();
+    for (int round = 0; round < 20; ++round) {
+        operator_peer refused{gateway.terminal_port()};
+        if (round % 3 != 0)
+            refused.write("info\n");
+        if (round % 3 != 1) {
+            EXPECT_TRUE(refused.is_closed());
+            EXPECT_EQ(refused.read_until("\n"), "");
+        }
+    }
+    EXPECT_THAT(one.ask("info\n", info_end), testing::StartsWith(info_start));
+    EXPECT_EQ(log.messages("main"),
+              strings{"handle_terminal_clients: all 2 sessions are taken, more are refused!"});
+
+    // A connection without a record is a session, too.
+    two->write(std::string_view{"\0", 1});
+    ASSERT_TRUE(log.wait_for("DELETING"));
+    EXPECT_TRUE(operator_peer{gateway.terminal_port()}.is_closed());
+    two.reset();
+    EXPECT_TRUE(wait_until([&] {
+        operator_peer next{gateway.terminal_port()};
+        next.write("info\n");
+        return next.read_until(info_end) != "";
+    }));
 }
 
 // --- Requests towards the WIN server

@@ -268,18 +268,18 @@ TEST_F(upstream, the_two_queues_overflow_apart)
 
 TEST_F(upstream, the_stop_says_what_an_overflow_has_cost_that_has_not_ended)
 {
-    upstream_stopping();
+    upstream_stopping(server);
     EXPECT_EQ(log.messages("main"), lines_t{}); // there is none
     server.msg_handler_sock.reset(zsock_new(ZMQ_PUSH));
     const uint8_t data = 1;
     for (int i = 0; i < 7; i++)
         data_to_msg_handler(&server, &data, 1, 0, 0);
     EXPECT_EQ(log.messages("main"), lines_t{"Overflow message handler queue!"});
-    upstream_stopping();
+    upstream_stopping(server);
     const lines_t said = log.messages("main");
     ASSERT_EQ(said.size(), 1U);
     EXPECT_TRUE(said[0].starts_with("Overflow message handler queue: 7 lost in "));
-    upstream_stopping();
+    upstream_stopping(server);
     EXPECT_EQ(log.messages("main"), lines_t{}); // it is said already
 
     zsock_connect(server.msg_handler_sock, "%s", handler_endpoint.c_str());

@@ -127,6 +127,20 @@ void logger_connect(tav_logger logger, const char* address)
     }
 }
 
+void logger_tend_broker(tav_logger logger)
+{
+    if (logger != nullptr)
+        logger->m_logger.tend_broker();
+}
+
+tav_link_state_t logger_get_broker_state(tav_logger logger)
+{
+    if (logger == nullptr)
+        return {};
+    const rtls::link_state link = logger->m_logger.broker_state();
+    return {link.is_up, link.since_ms, link.connections, link.failures, link.last_reason};
+}
+
 tav_component_logger create_component_logger(tav_logger logger, const char* name)
 {
     if (!logger || !name)

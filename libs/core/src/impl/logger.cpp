@@ -4,15 +4,6 @@
 
 namespace tav::libs::core {
 
-static constexpr int linger_ms = 5000;
-
-static zmq::socket_t make_socket(zmq::context_t& context)
-{
-    zmq::socket_t socket(context, zmq::socket_type::push);
-    socket.set(zmq::sockopt::linger, linger_ms);
-    return socket;
-}
-
 // Formatting looks characters up in tables of the global locale, which the standard library fills on first
 // use and without a lock. So they are filled here, before several threads can format at once.
 static void fill_character_tables()
@@ -25,7 +16,7 @@ static void fill_character_tables()
 
 logger::logger(std::string_view application_name, std::string_view component_name)
     : component_logger(*this, application_name, component_name), m_module_name(application_name),
-      m_debug_socket(make_socket(m_zmq_context)), m_system_log(application_name)
+      m_broker(m_zmq_context), m_system_log(application_name)
 {
     fill_character_tables();
     // Not by a formatter: its record would end the process where this may still throw.
@@ -34,7 +25,7 @@ logger::logger(std::string_view application_name, std::string_view component_nam
 
 logger::~logger()
 {
-    m_debug_socket.close(); // it lingers behind the scenes, so that the two waits are one
+    m_broker.close(); // it lingers behind the scenes, so that the two waits are one
     m_system_log.close();
     m_zmq_context.close();
 }
@@ -49,7 +40,7 @@ void logger::connect(const std::string& address)
 {
     {
         const rtls::mutex_guard lock(m_socket_mutex);
-        m_debug_socket.connect(address);
+        m_broker.connect(address);
         m_has_broker.store(true, std::memory_order_relaxed);
     }
     write(LOG_DEBUG, "Connected to socket", "Connected to socket");
@@ -67,12 +58,25 @@ void logger::lose(int log_level)
         m_unpublished.fetch_add(1, std::memory_order_relaxed);
 }
 
+void logger::tend_broker()
+{
+    if (!m_has_broker.load(std::memory_order_relaxed))
+        return;
+    const rtls::mutex_guard lock(m_socket_mutex);
+    m_broker.tend(broker_link::clock::now());
+}
+
+rtls::link_state logger::broker_state()
+{
+    const rtls::mutex_guard lock(m_socket_mutex);
+    return m_broker.state();
+}
+
 void logger::publish(std::string_view record)
 {
     const rtls::mutex_guard lock(m_socket_mutex);
     try {
-        // No result means that the queue is full, or that no broker is there.
-        if (m_debug_socket.send(zmq::buffer(record), zmq::send_flags::dontwait))
+        if (m_broker.send(record))
             return;
     } catch (const zmq::error_t&) {
         // A log that cannot be sent must not be what ends the daemon.

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "core/thread_annotations.h"
+#include "impl/broker_link.h"
 #include "impl/component_logger.h"
 #include "impl/system_log.h"
 
@@ -75,6 +76,11 @@ public:
     // Sends one record to a broker. Never waits: a record that cannot go at once is lost.
     void publish(std::string_view record);
 
+    // Looks after the connections with the brokers; to be called several times a second. Never waits.
+    void tend_broker();
+    // Of the connection with the broker.
+    rtls::link_state broker_state();
+
     system_log::counters system_log_counters() const { return m_system_log.count(); }
     uint64_t unpublished() const { return m_unpublished.load(std::memory_order_relaxed); }
 
@@ -87,7 +93,7 @@ private:
     std::atomic<uint64_t> m_unpublished{0}; // records that a broker should have got
     zmq::context_t m_zmq_context;
     rtls::annotated_mutex m_socket_mutex;
-    zmq::socket_t m_debug_socket RTLS_GUARDED_BY(m_socket_mutex);
+    broker_link m_broker RTLS_GUARDED_BY(m_socket_mutex);
     system_log m_system_log;
 };
 

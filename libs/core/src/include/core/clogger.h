@@ -64,6 +64,21 @@ tav_log_counters_t logger_get_counters(tav_logger logger);
 // error and changes nothing. Each call adds one more peer; records are dealt out in turn.
 void logger_connect(tav_logger logger, const char* address);
 
+// Looks after the connection with the brokers: one that the library gives up, as its server answered nonsense
+// or is of the wrong kind, is connected again. To be called several times a second; never waits.
+void logger_tend_broker(tav_logger logger);
+
+typedef struct tav_link_state_t {
+    bool is_up;              // connected, and the handshake done
+    int64_t since_ms;        // of that, or of the last loss; milliseconds of the epoch, 0: never was up
+    uint64_t connections;    // handshakes done
+    uint64_t failures;       // handshakes that failed, and connections lost
+    const char* last_reason; // of a failure, or of nobody answering; "" without one. Lives for ever.
+} tav_link_state_t;
+
+// What is known of the connection with the broker, as logger_tend_broker has last seen it; all zero for null.
+tav_link_state_t logger_get_broker_state(tav_logger logger);
+
 // A logger of one component, whose records the broker sees prefixed "&application:name ".
 tav_component_logger create_component_logger(tav_logger logger, const char* name);
 void destroy_component_logger(tav_component_logger logger);

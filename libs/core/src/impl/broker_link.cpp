@@ -1,0 +1,103 @@
+#include "impl/broker_link.h"
+
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+namespace tav::libs::core {
+
+namespace {
+
+constexpr int linger_ms = 5000;
+constexpr char events_endpoint[] = "inproc://broker-link";
+
+} // namespace
+
+broker_link::broker_link(zmq::context_t& context)
+    : m_context(context), m_socket(context, zmq::socket_type::push)
+{
+    m_socket.set(zmq::sockopt::linger, linger_ms);
+    rtls::notice_silence(m_socket.handle());
+}
+
+// Without descriptors for it a link works as the library has it.
+void broker_link::watch()
+{
+    zmq::socket_t events(m_context, zmq::socket_type::pair);
+    events.set(zmq::sockopt::rcvhwm, 0); // the library's thread waits until it is rid of an event
+    if (zmq_socket_monitor(m_socket.handle(), events_endpoint, rtls::link_record::events) != 0)
+        return;
+    events.connect(events_endpoint);
+    m_events = std::move(events);
+}
+
+void broker_link::connect(const std::string& address)
+{
+    m_addresses.push_back(address);
+    try {
+        if (!m_events)
+            watch();
+        m_socket.connect(address);
+    } catch (...) {
+        m_addresses.pop_back();
+        throw;
+    }
+}
+
+void broker_link::close()
+{
+    m_events.close();
+    m_socket.close();
+}
+
+bool broker_link::send(std::string_view record)
+{
+    // No result means that the queue is full, or that no broker is there.
+    return m_socket.send(zmq::buffer(record), zmq::send_flags::dontwait).has_value();
+}
+
+void broker_link::note(const zmq::message_t& event)
+{
+    uint16_t number = 0;
+    if (event.size() < sizeof number)
+        return;
+    std::memcpy(&number, event.data(), sizeof number);
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    m_record.note(number, std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+void broker_link::tend(clock::time_point now) noexcept
+try {
+    if (!m_events)
+        return;
+    zmq::message_t event;
+    zmq::message_t endpoint;
+    while (m_events.recv(event, zmq::recv_flags::dontwait) &&
+           m_events.recv(endpoint, zmq::recv_flags::dontwait))
+        note(event);
+    if (!m_record.is_given_up()) {
+        m_is_planned = false;
+    } else if (!m_is_planned) {
+        m_is_planned = true;
+        m_given_up_at = now;
+    } else if (now - m_given_up_at >= std::chrono::milliseconds(m_record.pause_ms())) {
+        mend();
+    }
+} catch (const std::exception&) {
+    // The log must not be what ends the daemon; the next time comes soon.
+}
+
+// With several brokers it is not known which one was given up. An address that the library has taken off
+// its books cannot be disconnected, and none may be there twice.
+void broker_link::mend()
+{
+    m_is_planned = false;
+    m_record.mended();
+    for (const std::string& address : m_addresses) {
+        (void)zmq_disconnect(m_socket.handle(), address.c_str());
+        m_socket.connect(address);
+    }
+}
+
+} // namespace tav::libs::core

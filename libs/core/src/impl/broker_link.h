@@ -1,0 +1,54 @@
+// broker_link - the socket towards the debug brokers, which is watched and mended like the links of a daemon
+// (core/link_record.h).
+//
+// Ownership  Owns the socket and the one that tells of it; borrows the context.
+// Threads    One at a time: the logger's mutex guards it. state(): any.
+// Blocking   Nothing waits; closing leaves what is unsent to the context's end, for at most five seconds.
+// Failures   Constructor and connect() throw zmq::error_t or std::bad_alloc.
+#pragma once
+
+#include "core/link_record.h"
+
+#include <zmq.hpp>
+
+#include <chrono>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tav::libs::core {
+
+class broker_link {
+public:
+    using clock = std::chrono::steady_clock;
+
+    explicit broker_link(zmq::context_t& context);
+
+    // Connects one more broker.
+    void connect(const std::string& address);
+    void close();
+
+    // Sends one record, if it can go at once. Throws zmq::error_t.
+    bool send(std::string_view record);
+
+    // Takes in what has happened to the connections, and connects again those that the library has given up.
+    // Does not throw.
+    void tend(clock::time_point now) noexcept;
+
+    rtls::link_state state() const noexcept { return m_record.state(); }
+
+private:
+    void watch();
+    void note(const zmq::message_t& event);
+    void mend();
+
+    zmq::context_t& m_context;
+    zmq::socket_t m_socket;
+    zmq::socket_t m_events; // what the library tells of the other; from the first connect() on
+    std::vector<std::string> m_addresses;
+    rtls::link_record m_record; // of all brokers together: there is one
+    clock::time_point m_given_up_at{};
+    bool m_is_planned = false;
+};
+
+} // namespace tav::libs::core

@@ -1,0 +1,74 @@
+#include "base/call_queue.h"
+
+#include "base/common.h"
+#include "base/logger.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <new>
+#include <utility>
+
+namespace rtls {
+
+call_queue::call_queue() : m_wake_up(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+call_queue::~call_queue()
+{
+    if (m_wake_up != -1)
+        ::close(m_wake_up);
+}
+
+bool call_queue::join(zloop_t* loop)
+{
+    zmq_pollitem_t item{nullptr, m_wake_up, ZMQ_POLLIN, 0};
+    return m_wake_up != -1 && zloop_poller(loop, &item, handle_wake_up, this) == 0;
+}
+
+void call_queue::close()
+{
+    std::vector<std::function<void()>> dropped; // freed outside the lock
+    const mutex_guard lock(m_mutex);
+    m_is_closed = true;
+    dropped.swap(m_calls);
+}
+
+void call_queue::post(std::function<void()> call) noexcept
+{
+    try {
+        const mutex_guard lock(m_mutex);
+        if (m_is_closed)
+            return;
+        m_calls.push_back(std::move(call));
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, "call_queue");
+        return;
+    }
+    (void)eventfd_write(m_wake_up, 1);
+}
+
+void call_queue::make_calls() noexcept
+{
+    eventfd_t number = 0;
+    (void)eventfd_read(m_wake_up, &number);
+    std::vector<std::function<void()>> calls;
+    {
+        const mutex_guard lock(m_mutex);
+        calls.swap(m_calls);
+    }
+    for (const auto& call : calls) {
+        try {
+            call();
+        } catch (const std::bad_alloc&) {
+            logger_error(g_logger, str_out_of_memory, "call_queue");
+        }
+    }
+}
+
+int call_queue::handle_wake_up(zloop_t* /*loop*/, zmq_pollitem_t* /*item*/, void* queue) noexcept
+{
+    static_cast<call_queue*>(queue)->make_calls();
+    return 0;
+}
+
+} // namespace rtls

@@ -1,0 +1,47 @@
+// call_queue - calls that other threads hand in, made on the thread of a loop, in the order of the handing
+// in.
+//
+// Ownership  Shared between the thread that makes the calls and those that hand them in. What a call owns is
+//            freed with it, also when it is never made.
+// Threads    post(): any. The others: the loop's.
+// Blocking   Nothing waits but for a short lock.
+// Failures   Calls handed in without memory for them, or after close(), are dropped. Calls may throw
+//            std::bad_alloc, which is logged.
+#pragma once
+
+#include "core/thread_annotations.h"
+
+#include <czmq.h>
+
+#include <functional>
+#include <vector>
+
+namespace rtls {
+
+class call_queue {
+public:
+    call_queue();
+    ~call_queue();
+    call_queue(const call_queue&) = delete;
+    call_queue& operator=(const call_queue&) = delete;
+
+    // From now on the loop makes the calls. False, with errno set, when it cannot.
+    bool join(zloop_t* loop);
+    // No call is made any more.
+    void close();
+
+    void post(std::function<void()> call) noexcept;
+
+    // Makes the calls that are there.
+    void make_calls() noexcept;
+
+private:
+    static int handle_wake_up(zloop_t* loop, zmq_pollitem_t* item, void* queue) noexcept;
+
+    int m_wake_up = -1; // an eventfd: readable while there are calls
+    annotated_mutex m_mutex;
+    std::vector<std::function<void()>> m_calls RTLS_GUARDED_BY(m_mutex);
+    bool m_is_closed RTLS_GUARDED_BY(m_mutex) = false;
+};
+
+} // namespace rtls

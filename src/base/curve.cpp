@@ -1,0 +1,86 @@
+#include "base/curve.h"
+
+#include "base/logger.h"
+
+#include <memory>
+
+namespace rtls {
+
+static constexpr const char* link_keys[server_links] = {
+    "curve/message_handler",
+    "curve/pub_sub_proxy",
+    "curve/pub_sub_proxy_input",
+    "curve/debug_broker",
+};
+static constexpr char own_key[] = "curve/certificate";
+
+namespace {
+struct destroy_cert {
+    void operator()(zcert_t* cert) const noexcept { zcert_destroy(&cert); }
+};
+} // namespace
+using cert_ptr = std::unique_ptr<zcert_t, destroy_cert>;
+
+static cert_ptr load(const char* key, const char* file_name)
+{
+    cert_ptr cert{zcert_load(file_name)};
+    if (!cert)
+        logger_error(g_logger, "The parameter \"%s\" names no certificate!", key);
+    return cert;
+}
+
+// A certificate without its secret half has a key of zeros there.
+static bool has_secret(zcert_t* cert)
+{
+    static constexpr size_t key_size = 32;
+    const uint8_t* key = zcert_secret_key(cert);
+    for (size_t i = 0; i < key_size; ++i)
+        if (key[i] != 0)
+            return true;
+    return false;
+}
+
+bool curve_certificates::read(zconfig_t* config)
+{
+    bool any = false;
+    for (size_t link = 0; link < server_links; ++link) {
+        const char* file_name = zconfig_get(config, link_keys[link], nullptr);
+        if (!file_name)
+            continue;
+        const cert_ptr server = load(link_keys[link], file_name);
+        if (!server)
+            return false;
+        m_servers[link] = zcert_public_txt(server.get());
+        any = true;
+    }
+    const char* own_name = zconfig_get(config, own_key, nullptr);
+    if (!own_name && !any)
+        return true;
+    const cert_ptr own = own_name ? load(own_key, own_name) : nullptr;
+    if (!own || !has_secret(own.get())) {
+        logger_error(g_logger, "The parameter \"%s\" names no certificate with a secret key!", own_key);
+        return false;
+    }
+    m_own_public = zcert_public_txt(own.get());
+    m_own_secret = zcert_secret_txt(own.get());
+    return true;
+}
+
+bool curve_certificates::protect(zsock_t* socket, server_link link) const noexcept
+{
+    if (!closes(link))
+        return true;
+    void* handle = zsock_resolve(socket);
+    const auto set = [handle](int option, const std::string& key) {
+        return zmq_setsockopt(handle, option, key.c_str(), key.size() + 1) == 0;
+    };
+    return set(ZMQ_CURVE_SERVERKEY, m_servers[static_cast<size_t>(link)]) &&
+           set(ZMQ_CURVE_PUBLICKEY, m_own_public) && set(ZMQ_CURVE_SECRETKEY, m_own_secret);
+}
+
+curve_keys curve_certificates::keys(server_link link) const
+{
+    return {m_servers[static_cast<size_t>(link)], m_own_public, m_own_secret};
+}
+
+} // namespace rtls

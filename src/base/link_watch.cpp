@@ -1,0 +1,114 @@
+#include "base/link_watch.h"
+
+#include "base/common.h"
+#include "base/logger.h"
+#include "base/message_part.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace rtls {
+
+void make_io_threads()
+{
+    zsys_set_io_threads(io_threads_number);
+}
+
+void serve_by(zsock_t* sock, io_thread thread)
+{
+    // A thread that is not there would make the socket useless.
+    if (zmq_ctx_get(zsys_init(), ZMQ_IO_THREADS) >= static_cast<int>(io_threads_number))
+        zsock_set_affinity(sock, 1 << thread);
+}
+
+void link_watch::open(zsock_t* sock, const std::string& endpoint, io_thread thread)
+{
+    m_sock = sock;
+    m_endpoint = endpoint;
+    serve_by(sock, thread);
+    notice_silence(zsock_resolve(sock));
+
+    char name[64];
+    (void)snprintf(name, sizeof name, "inproc://link-%p", static_cast<void*>(this));
+    m_events = zsock_new(ZMQ_PAIR);
+    if (m_events)
+        zsock_set_rcvhwm(m_events, 0); // the library's thread waits until it is rid of an event
+    if (m_events && zmq_socket_monitor(zsock_resolve(sock), name, link_record::events) == 0 &&
+        zsock_connect(m_events, "%s", name) == 0)
+        return;
+    log_call_error("link_watch", "zmq_socket_monitor");
+    zsock_destroy(&m_events);
+}
+
+bool link_watch::join(zloop_t* loop)
+{
+    m_loop = loop;
+    return !m_events || zloop_reader(loop, m_events, handle_events, this) == 0;
+}
+
+void link_watch::close() noexcept
+{
+    if (m_events)
+        zmq_socket_monitor(zsock_resolve(m_sock), nullptr, 0);
+    zsock_destroy(&m_events);
+    m_loop = nullptr;
+    m_sock = nullptr;
+    m_is_planned = false;
+}
+
+void link_watch::note(int event) noexcept
+{
+    const tav_timestamp_t now = get_current_time();
+    if (const char* reason = m_record.note(event, now.seconds * 1000 + now.milliseconds))
+        logger_warning(g_logger, "%s: %s, connecting again", m_name, reason);
+}
+
+int link_watch::handle_events(zloop_t* /*loop*/, zsock_t* reader, void* watch) noexcept
+{
+    auto* self = static_cast<link_watch*>(watch);
+    void* socket = zsock_resolve(reader);
+    message_part event;
+    message_part endpoint;
+    // The event's number and a value in host order, then the endpoint.
+    while (event.receive(socket) && endpoint.receive(socket)) {
+        uint16_t number = 0;
+        if (event.size() < sizeof number)
+            continue;
+        std::memcpy(&number, event.data(), sizeof number);
+        self->note(number);
+    }
+    if (self->m_record.is_given_up() && !self->m_is_planned)
+        self->plan_mending();
+    return 0;
+}
+
+void link_watch::plan_mending() noexcept
+{
+    const auto pause_ms = static_cast<size_t>(m_record.pause_ms());
+    m_is_planned = zloop_timer(m_loop, pause_ms, 1, handle_timer, this) != -1;
+    if (!m_is_planned)
+        log_call_error("link_watch", "zloop_timer");
+}
+
+int link_watch::handle_timer(zloop_t* /*loop*/, int /*timer_id*/, void* watch) noexcept
+{
+    auto* self = static_cast<link_watch*>(watch);
+    self->m_is_planned = false;
+    if (self->m_record.is_given_up())
+        self->mend();
+    return 0;
+}
+
+// Whether the library has taken the endpoint off its books is not known; it must not be there twice.
+void link_watch::mend() noexcept
+{
+    m_record.mended();
+    (void)zsock_disconnect(m_sock, "%s", m_endpoint.c_str());
+    if (zsock_connect(m_sock, "%s", m_endpoint.c_str()) == 0)
+        return;
+    log_call_error("link_watch", "zsock_connect");
+    m_record.not_mended();
+    plan_mending();
+}
+
+} // namespace rtls

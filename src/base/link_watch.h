@@ -1,0 +1,68 @@
+// link_watch - one connection to a server upstream: prepared, watched and mended; and what is known of it.
+//
+// What is to be known, and when a link must be mended, is core/link_record.h. Nothing of this adds a byte to
+// what servers see.
+// Ownership  The socket is the caller's; it outlives the watch, or close() comes first.
+// Threads    The thread of the socket and of its loop. state() and is_reached(): any.
+// Blocking   Nothing waits.
+// Failures   Without memory or descriptors for the watch a link works as the library has it: logged. A
+//            handshake that failed is logged once, until the next one is done.
+#pragma once
+
+#include "core/link_record.h"
+
+#include <czmq.h>
+
+#include <string>
+
+namespace rtls {
+
+// Which of the library's threads serves a socket. Names are resolved on the link's thread, and a name server
+// that is silent stops it for many seconds: nobody else may live there.
+enum io_thread { io_thread_of_ports, io_thread_of_handler, io_thread_of_proxy, io_thread_of_proxy_input };
+inline constexpr size_t io_threads_number = 4;
+
+// Gives the library that many threads. Before the first socket of the process.
+void make_io_threads();
+// Before the socket is bound or connected. Without make_io_threads() any thread serves it.
+void serve_by(zsock_t* sock, io_thread thread);
+
+class link_watch {
+public:
+    // `name` ("message handler") outlives the watch.
+    explicit link_watch(const char* name) noexcept : m_name(name) {}
+    ~link_watch() { close(); }
+    link_watch(const link_watch&) = delete;
+    link_watch& operator=(const link_watch&) = delete;
+
+    // Sets the options of `sock`, which is not connected yet, and begins to watch it. It is going to be
+    // connected with `endpoint`.
+    void open(zsock_t* sock, const std::string& endpoint, io_thread thread);
+    // The loop, on whose thread the socket is used, keeps the watch from now on. False when it cannot.
+    bool join(zloop_t* loop);
+    // Ends the watch, which may be opened again. The loop is gone, or has not been joined.
+    void close() noexcept;
+
+    const char* name() const noexcept { return m_name; }
+    // Whether a server is there, as far as TCP knows.
+    bool is_reached() const noexcept { return m_record.is_reached(); }
+    link_state state() const noexcept { return m_record.state(); }
+
+private:
+    static int handle_events(zloop_t* loop, zsock_t* reader, void* watch) noexcept;
+    static int handle_timer(zloop_t* loop, int timer_id, void* watch) noexcept;
+
+    void note(int event) noexcept;
+    void plan_mending() noexcept;
+    void mend() noexcept;
+
+    const char* m_name;
+    zsock_t* m_sock = nullptr; // borrowed
+    zsock_t* m_events = nullptr;
+    zloop_t* m_loop = nullptr; // borrowed
+    std::string m_endpoint;
+    bool m_is_planned = false; // the mending
+    link_record m_record;
+};
+
+} // namespace rtls

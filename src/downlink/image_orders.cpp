@@ -1,0 +1,137 @@
+#include "downlink/image_orders.h"
+
+#include "base/common.h"
+#include "base/logger.h"
+#include "downlink/update_announcement.h"
+#include "firmware/firmware.h"
+#include "firmware/ota.h"
+
+#include <memory>
+#include <new>
+#include <string>
+#include <utility>
+
+namespace rtls {
+
+namespace {
+
+// What has been fetched, or null, on its way between the threads.
+class firmware_parcel {
+public:
+    firmware_parcel() = default;
+    ~firmware_parcel() { set(nullptr); }
+    firmware_parcel(const firmware_parcel&) = delete;
+    firmware_parcel& operator=(const firmware_parcel&) = delete;
+
+    void set(FIRMWARE_t* firmware)
+    {
+        void* old = std::exchange(m_firmware, firmware);
+        firmware_destroy(&old);
+    }
+    std::string reason; // why there is none
+
+    FIRMWARE_t* take() { return std::exchange(m_firmware, nullptr); }
+
+private:
+    FIRMWARE_t* m_firmware = nullptr;
+};
+
+struct store_outcome {
+    int index = -1;
+    std::string url;
+    std::string reason;
+};
+
+} // namespace
+
+// Has `fetch` done on a thread of the pool, and `then` on ours. Both are freed when they cannot be done, and
+// `otherwise` is done at once.
+template <typename Fetch, typename Then, typename Otherwise>
+static void fetch_elsewhere(WIN_SERVER_t& server, const char* lane, Fetch fetch, Then then,
+                            Otherwise otherwise)
+{
+    if (!server.calls || !server.rtls_gateway->downloads) {
+        fetch();
+        then();
+        return;
+    }
+    auto work = [fetch = std::move(fetch), then = std::move(then), calls = server.calls] {
+        fetch();
+        calls->post(then);
+    };
+    if (!server.rtls_gateway->downloads->order(std::move(work), lane))
+        otherwise();
+}
+
+// Why a transfer failed goes to those who look for it; the lines of the orders stay as they are.
+static void print_reason(WIN_SERVER_t& server, const char* url, const std::string& reason)
+{
+    if (!reason.empty())
+        dbg_print(server.dbg_client_sock, DBG_DEVELOP, "PROXY", "%s: %s", url, reason.c_str());
+}
+
+static void print_stored(WIN_SERVER_t& server, int index)
+{
+    if (index == -1)
+        dbg_print(server.dbg_client_sock, DBG_PARSING, "PROXY", "Failed to read firmware!");
+    else // the newline is part of the line
+        dbg_print(server.dbg_client_sock, DBG_PARSING, "PROXY", "Firmware downloaded. Index: %d\n", index);
+}
+
+void fetch_for_store(WIN_SERVER_t& server, const char* url, uint32_t git_ver, uint32_t crc32)
+try {
+    auto outcome = std::make_shared<store_outcome>();
+    fetch_elsewhere(
+        server, "",
+        [=, ota = server.ota(), url = std::string{url}] {
+            outcome->url = url;
+            outcome->index =
+                ota ? ota->download_firmware(url.c_str(), &crc32, &git_ver, &outcome->reason) : -1;
+        },
+        [=, &server] {
+            print_reason(server, outcome->url.c_str(), outcome->reason);
+            print_stored(server, outcome->index);
+        },
+        [&] { print_stored(server, -1); });
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, __func__);
+    print_stored(server, -1);
+}
+
+static void adopt(WIN_SERVER_t& server, const char* url, FIRMWARE_t* firmware, uint32_t announced_crc,
+                  uint32_t printed_crc)
+{
+    zsock_t* dbg = server.dbg_client_sock;
+    if (!firmware) {
+        dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_FW_IMAGE_AVAIL_IND cannot get firmware from: %s", url);
+        return;
+    }
+    const uint32_t computed = firmware->crc32;
+    server.rtls_gateway->firmware.set(firmware);
+    if (announced_crc != 0 && announced_crc != computed) {
+        server.rtls_gateway->firmware.set(nullptr);
+        dbg_print(dbg, DBG_PARSING, "PROXY",
+                  "MSG_FW_IMAGE_AVAIL_IND bad crc32 sum: s:%08X d:%08X, firmware removed", printed_crc,
+                  computed);
+        return;
+    }
+    win_server_nodes_update(&server, nullptr);
+}
+
+void fetch_announced(WIN_SERVER_t& server, const char* url, uint32_t announced_crc, uint32_t printed_crc)
+try {
+    auto parcel = std::make_shared<firmware_parcel>();
+    auto text = std::make_shared<const std::string>(url);
+    fetch_elsewhere(
+        server, "announcement", [=] { parcel->set(firmware_fetch(text->c_str(), &parcel->reason)); },
+        [=, &server] {
+            print_reason(server, text->c_str(), parcel->reason);
+            adopt(server, text->c_str(), parcel->take(), announced_crc, printed_crc);
+        },
+        [&] { adopt(server, url, nullptr, announced_crc, printed_crc); });
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, __func__);
+    adopt(server, url, nullptr, announced_crc, printed_crc);
+}
+
+} // namespace rtls

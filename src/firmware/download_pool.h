@@ -1,0 +1,58 @@
+// download_pool - the threads on which firmware is fetched: nobody else waits for a file server.
+//
+// Four at most, made when they are needed first; what is ordered beyond them waits here. Orders of one lane
+// run one after the other, in their order; the others side by side. Ownership  Owns its threads. An order
+// that is never carried out is freed with what it owns. Threads    order(): any. The threads
+// ("rtls-download") take no signals. Construct and destroy on one. Blocking   order() waits for nothing but a
+// short lock. The destructor waits for the orders that are being
+//            carried out, which end early when the daemon stops (image_download.h); it drops the others.
+// Failures   order() is false when too many wait, or without memory or threads; nothing is carried out then.
+#pragma once
+
+#include "core/thread_annotations.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace rtls {
+
+class download_pool {
+public:
+    static constexpr size_t most_threads = 4;
+    static constexpr size_t most_waiting = 1000;
+
+    download_pool() = default;
+    ~download_pool();
+    download_pool(const download_pool&) = delete;
+    download_pool& operator=(const download_pool&) = delete;
+
+    // Has `work` done, which does not throw, on a thread of the pool. `lane`: orders of the same one wait for
+    // each other; "": waits for no other.
+    bool order(std::function<void()> work, const std::string& lane = {});
+
+private:
+    struct job {
+        std::function<void()> work;
+        std::string lane;
+    };
+
+    void run();
+    bool add_thread() RTLS_REQUIRES(m_mutex);
+    bool take(job& next) RTLS_REQUIRES(m_mutex);
+
+    annotated_mutex m_mutex;
+    std::condition_variable_any m_changed;
+    std::deque<job> m_waiting RTLS_GUARDED_BY(m_mutex);
+    std::set<std::string> m_busy_lanes RTLS_GUARDED_BY(m_mutex);
+    size_t m_idle RTLS_GUARDED_BY(m_mutex) = 0; // threads
+    bool m_is_ending RTLS_GUARDED_BY(m_mutex) = false;
+    std::vector<std::thread> m_threads; // added under the lock, joined by the destructor
+};
+
+} // namespace rtls

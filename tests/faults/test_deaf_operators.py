@@ -1,0 +1,115 @@
+"""Operators who do not read, have left or are too many cost the others next to nothing."""
+import os
+import socket
+import time
+
+import pytest
+
+from frozen import frozen
+from harness.peers import wait_until
+
+SESSIONS = 20
+WORD = "x" * 1900       # a command that is echoed in the debug stream
+
+
+def answered_in(terminal, line="sub-", end_text="\n") -> float:
+    begin = time.monotonic()
+    terminal.command(line, end_text)
+    return time.monotonic() - begin
+
+
+def operator_who_reads_nothing(port: int) -> socket.socket:
+    sock = socket.socket()
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    sock.connect(("127.0.0.1", port))
+    sock.sendall(b"sub\n")
+    assert sock.recv(100) == b"subscribed * ok.\n"
+    return sock
+
+
+def test_subscribers_who_do_not_read_cost_the_others_one_wait_each(gateway):
+    operator = gateway.terminal()
+    deaf = [operator_who_reads_nothing(gateway.ports["terminal"]) for _ in range(SESSIONS)]
+    operator.command("dbg terminal y", "ul_tdoa n\n")
+    for _ in range(20_000):     # until the daemon's queue and the system's buffers are full
+        if answered_in(operator, WORD) > 0.09:
+            break
+    else:
+        pytest.fail("nobody was waited for")
+    begin = time.monotonic()
+    for number in range(50):
+        operator.command(WORD, "\n")
+        took = time.monotonic() - begin
+        assert took < 0.1 * SESSIONS + 1, f"{number + 1} commands took {took:.1f} s"
+    for sock in deaf:
+        sock.close()
+
+
+def test_who_reads_again_gets_lines_again(gateway):
+    operator, slow = gateway.terminal(), operator_who_reads_nothing(gateway.ports["terminal"])
+    operator.command("dbg terminal y", "ul_tdoa n\n")
+    for _ in range(20_000):
+        if answered_in(operator, WORD) > 0.09:
+            break
+    slow.settimeout(20)
+    seen = b""
+    while b"the last of all" not in seen:
+        operator.command("the last of all", "\n")
+        seen = (seen + slow.recv(1 << 20))[-10_000:]
+    slow.close()
+
+
+def test_those_who_have_left_cost_the_others_one_wait_each(gateway):
+    operator = gateway.terminal()
+    guests = [gateway.terminal() for _ in range(SESSIONS)]
+    for guest in guests:
+        guest.command("sub-", "\n")
+    with frozen(gateway.process.pid, "rtls-terminal"):
+        before = len(os.listdir(f"/proc/{gateway.process.pid}/fd"))
+        for guest in guests:
+            guest.send(b"pn\n" * 50_000)    # each read of the daemon's is one command
+            guest.close()
+        wait_until(lambda: len(os.listdir(f"/proc/{gateway.process.pid}/fd")) <= before - SESSIONS,
+                   "the guests to be gone")
+    begin = time.monotonic()
+    for number in range(10):    # between two of them, one of each guest's is handled
+        operator.command("sub-", "\n")
+        took = time.monotonic() - begin
+        assert took < 0.1 * SESSIONS + 1, f"{number + 1} commands took {took:.1f} s"
+
+
+def test_a_connection_whose_end_vanished_is_probed(gateway):
+    operator = gateway.terminal()
+    operator.command("sub-", "\n")
+    ends = f"{gateway.ports['terminal']:04X}", f"{operator.port:04X}"
+    keepalive_timer = "02"
+
+    def timer() -> str:
+        for line in open("/proc/net/tcp"):
+            fields = line.split()
+            if (fields[1][-4:], fields[2][-4:]) == ends:
+                return fields[5][:2]
+        return ""
+
+    wait_until(lambda: timer() == keepalive_timer, "the keep-alive timer")
+
+
+def test_sessions_are_limited_on_demand(start_gateway):
+    def three(config):
+        config["ports"]["terminal_connections"] = 3
+        return config
+
+    gateway = start_gateway(change=three)
+    admitted = [gateway.terminal() for _ in range(3)]
+    for terminal in admitted:
+        terminal.command("sub-", "\n")
+    for _ in range(3):
+        refused = gateway.terminal()
+        assert refused.pull(5) == b"" and refused.closed
+    for terminal in admitted:
+        assert terminal.command("pcl", "\n##\n").count("sub:") == 3
+    said = [line for line in gateway.syslog() if "Terminal port" in line]
+    assert said == ["4 rtls-gateway: Terminal port: 127.0.0.1 is refused, all connections are taken"]
+    admitted.pop().close()
+    wait_until(lambda: admitted[0].command("pcl", "\n##\n").count("sub:") == 2, "one to be gone")
+    assert gateway.terminal().command("sub-", "\n") == "unsubscribed * ok.\n"

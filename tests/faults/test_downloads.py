@@ -1,0 +1,216 @@
+"""File servers that hang, or never come to an end, cost nobody but who asked for their image."""
+import http.server
+import struct
+import threading
+import time
+import zlib
+
+import pytest
+
+from harness import wire
+from harness.peers import wait_until
+
+BRIDGE = wire.mac(0xB001)
+
+
+def image(git: int) -> bytes:
+    return b"code@BoardVer\0\x03\x04@Firmware\0" + struct.pack(">IHH", git, 128, 64) + bytes(200)
+
+
+class FileServer:
+    """Answers by path: a hung one after release(), or not before the client leaves."""
+
+    def __init__(self):
+        self.asked = []
+        self.at_once = self.most_at_once = 0
+        self.released = threading.Event()
+        self.answers = {}
+        lock = threading.Lock()
+        outer = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                with lock:
+                    outer.asked.append(self.path)
+                    outer.at_once += 1
+                    outer.most_at_once = max(outer.at_once, outer.most_at_once)
+                try:
+                    outer.answers[self.path](self)
+                except OSError:
+                    pass
+                finally:
+                    with lock:
+                        outer.at_once -= 1
+                self.close_connection = True
+
+            def log_message(self, *_):
+                pass
+
+        class Server(http.server.ThreadingHTTPServer):
+            request_queue_size = 100
+            daemon_threads = True
+
+        self.server = Server(("127.0.0.1", 0), Handler)
+        threading.Thread(target=self.server.serve_forever, args=(0.01,), daemon=True).start()
+
+    def serve(self, path: str, data: bytes, hangs: bool = False) -> str:
+        def answer(handler):
+            if hangs:
+                self.released.wait(60)
+            handler.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % len(data) + data)
+        return self.serve_by(path, answer)
+
+    def serve_by(self, path: str, answer) -> str:
+        self.answers[path] = answer
+        return f"http://127.0.0.1:{self.server.server_port}{path}"
+
+    def close(self):
+        self.released.set()
+        self.server.shutdown()
+        self.server.server_close()
+
+
+@pytest.fixture
+def web():
+    server = FileServer()
+    yield server
+    server.close()
+
+
+def upload_order(git: int, url: str) -> bytes:
+    return struct.pack(">HIIH", wire.OTA_UPLOAD, git, zlib.crc32(image(git)), len(url)) + url.encode()
+
+
+def announcement(url: str) -> bytes:
+    return struct.pack(">HIIH", wire.FW_IMAGE_AVAIL, 1, 0, len(url)) + url.encode()
+
+
+def test_hung_file_servers_hold_up_nobody(gateway, web):
+    for git in range(8):
+        gateway.proxy.publish(upload_order(git, web.serve(f"/{git}", image(git), hangs=True)))
+    wait_until(lambda: web.asked, "the first request")
+    bridge, other = gateway.bridge(BRIDGE), gateway.terminal()
+    bridge.introduce()
+    waits = []
+    for _ in range(100):
+        begin = time.monotonic()
+        bridge.barrier()
+        assert other.command("fw info 0", "\n") == "Incorrect INDEX value!\n"
+        waits.append(time.monotonic() - begin)
+    assert max(waits) < 0.5, f"somebody waited {max(waits):.1f} s"
+    wait_until(lambda: len(web.asked) == 4, "four requests")
+    assert web.most_at_once == 4
+    web.released.set()
+    gateway.broker.wait_for("PROXY: Firmware downloaded. Index: ", count=8)
+    assert web.most_at_once == 4, "never more than four at once"
+    assert len(web.asked) == 8
+
+
+def test_an_operator_waits_for_his_own_image_only_and_his_answers_keep_their_order(gateway, web):
+    slow = web.serve("/slow", image(1), hangs=True)
+    quick = web.serve("/quick", image(2))
+    waiting, other = gateway.terminal(), gateway.terminal()
+    waiting.send(f"fw get {slow}\n".encode())
+    wait_until(lambda: web.asked, "the request")
+    for line in ("foo", f"fw get {quick}", "fw info 0", "info", "quit"):
+        waiting.send(line.encode() + b"\n")
+        begin = time.monotonic()
+        assert other.command("foo", "\n").startswith("Unknown command")     # also keeps the lines apart
+        assert time.monotonic() - begin < 0.5
+    assert other.command(f"fw get {quick}", "\n") == "Firmware downloaded. Index: 0\n"
+    assert waiting.pull(0) == b""
+    web.released.set()
+    assert waiting.read_until("\n") == "Firmware downloaded. Index: 1\n"
+    assert waiting.read_until("\n") == 'Unknown command. Type "h" or "help" for help.\n'
+    assert waiting.read_until("\n") == "Firmware downloaded. Index: 0\n"
+    assert waiting.read_until("\n") == "Incorrect INDEX value!\n"
+    assert waiting.read_until("\n\n").startswith("GW Version")
+    assert waiting.read_until("\n") == "bye bye.\n"
+    waiting.wait_closed()
+
+
+def test_an_operator_who_leaves_while_his_image_hangs_is_forgotten(gateway, web):
+    leaving, staying = gateway.terminal(), gateway.terminal()
+    leaving.send(f"fw get {web.serve('/slow', image(1), hangs=True)}\n".encode())
+    wait_until(lambda: web.asked, "the request")
+    port = leaving.port
+    leaving.close()
+
+    def gone():
+        return f":{port} " not in staying.command("pcl", "##\n")
+
+    wait_until(gone, "the record to go")
+    web.released.set()
+    wait_until(lambda: "Incorrect" not in staying.command("fw list", "\n"), "an answer")
+
+
+def test_of_several_announced_images_the_last_is_the_current_one(gateway, web):
+    bridge = gateway.bridge(BRIDGE)
+    bridge.introduce()
+    first = web.serve("/obn-node.00000001.bin", image(1), hangs=True)
+    second = web.serve("/obn-node.00000002.bin", image(2))
+    gateway.proxy.publish(announcement(first))
+    gateway.proxy.publish(announcement(second))
+    wait_until(lambda: web.asked, "the first request")
+    bridge.barrier()
+    web.released.set()
+    update = bytes.fromhex("180100")
+    assert bridge.receive() == update and bridge.receive() == update
+    assert [line for line in gateway.syslog() if "firmware image:" in line][-1].split()[4] == "obn-node.00000002.bin"
+
+
+def test_a_stop_ends_all_transfers(start_gateway, web):
+    gateway = start_gateway()
+    for git in range(8):
+        gateway.proxy.publish(upload_order(git, web.serve(f"/{git}", image(git), hangs=True)))
+    wait_until(lambda: len(web.asked) == 4, "the requests")
+    begin = time.monotonic()
+    gateway.interrupt()
+    assert gateway.wait_exit(60) == 0
+    assert time.monotonic() - begin < 4
+    assert len(web.asked) == 4
+
+
+def endless_trailers(handler):
+    handler.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n")
+    while True:
+        handler.wfile.write(b"X-Trailer: " + b"x" * 1000 + b"\r\n")
+
+
+def endless_headers(handler):
+    handler.wfile.write(b"HTTP/1.1 200 OK\r\n")
+    while True:
+        handler.wfile.write(b"X-Header: " + b"x" * 1000 + b"\r\n")
+
+
+def endless_redirects(handler):
+    handler.wfile.write(b"HTTP/1.1 302 Found\r\nLocation: /again\r\nContent-Length: 0\r\n\r\n")
+
+
+@pytest.mark.parametrize("answer", [endless_headers, endless_trailers, endless_redirects])
+def test_what_has_no_end_is_given_up(gateway, web, answer):
+    web.answers["/again"] = answer
+    begin = time.monotonic()
+    terminal = gateway.terminal()
+    assert terminal.command(f"fw get {web.serve_by('/x', answer)}", "\n") == "Failed to read firmware!\n"
+    assert time.monotonic() - begin < 3
+    assert len(web.asked) <= 12
+
+
+def test_files_of_the_kernel_are_no_images(gateway):
+    terminal = gateway.terminal()
+    for path in ("/proc/kmsg", "/proc/self/status", "/dev/zero", "/etc"):
+        begin = time.monotonic()
+        assert terminal.command(f"fw get file://{path}", "\n") == "Failed to read firmware!\n"
+        assert time.monotonic() - begin < 3
+
+
+def test_the_reason_of_a_failure_goes_to_the_debug_stream(gateway):
+    terminal = gateway.terminal()
+    terminal.command("sub", "\n")
+    terminal.command("dbg develop y", "ul_tdoa n\n")
+    for order in (upload_order(1, "http://127.0.0.1:1/x"), announcement("http://127.0.0.1:1/x")):
+        gateway.proxy.publish(order)
+        assert "http://127.0.0.1:1/x: Couldn't connect to server" in terminal.read_until("server\n")
+    terminal.send(b"fw get http://127.0.0.1:1/x\n")
+    assert "http://127.0.0.1:1/x: Couldn't connect to server" in terminal.read_until("server\n")

@@ -1,0 +1,87 @@
+"""A pause of the daemon or the host costs no report while the message handler takes them, and one that takes
+none holds up nobody."""
+import signal
+import time
+
+import pytest
+import zmq
+
+from harness import wire
+from harness.peers import wait_until
+
+BRIDGE = wire.mac(0xB001)
+
+
+def overflows(gateway) -> list:
+    return [line for line in gateway.syslog() if "Overflow" in line or "Exemption" in line]
+
+
+@pytest.mark.parametrize("pauses, reports", [(3, 1500), (1, 10_000)])
+def test_what_waits_in_tcp_during_a_pause_reaches_the_handler(gateway, pauses, reports):
+    bridges = [gateway.bridge(wire.mac(0xB001 + i)) for i in range(4)]
+    sent = 0
+    for _ in range(pauses):
+        gateway.interrupt(signal.SIGSTOP)
+        for i in range(reports):
+            bridges[i % 4].send_message(wire.root_announce(wire.mac(i % 4), i // 4 % 255 + 1))
+        gateway.interrupt(signal.SIGCONT)
+        sent += reports
+        for bridge in bridges:
+            bridge.barrier()
+    received = 0
+    while received < sent and gateway.handler.sock.poll(2000):
+        gateway.handler.sock.recv_multipart()
+        received += 1
+    assert received == sent, f"{sent - received} of {sent} reports lost"
+    assert overflows(gateway) == []
+
+
+def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway):
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
+    handler = gateway.context.socket(zmq.PULL)     # connected, but never reads
+    handler.setsockopt(zmq.RCVHWM, 1)
+    handler.setsockopt(zmq.RCVBUF, 4096)
+    handler.bind(gateway._endpoint("handler"))
+    flooding, honest = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
+    chunk = b"".join(wire.frame(wire.root_announce(BRIDGE, i % 255 + 1)) for i in range(500))
+    deadline = time.monotonic() + 20
+    while not overflows(gateway):   # fills what TCP holds, then the queue
+        assert time.monotonic() < deadline, "the queue is never full"
+        flooding.send(chunk)
+        flooding.barrier()
+    waits = []
+    for _ in range(100):
+        flooding.send(chunk)
+        begin = time.monotonic()
+        honest.barrier()
+        waits.append(time.monotonic() - begin)
+    handler.close(0)
+    assert sorted(waits)[90] < 0.05 and max(waits) < 0.5, f"a ping waited {max(waits) * 1000:.0f} ms"
+
+
+def test_a_handler_that_is_slow_delays_pings_for_a_moment_only(start_gateway):
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
+    handler = gateway.context.socket(zmq.PULL)
+    handler.setsockopt(zmq.RCVHWM, 1)
+    handler.setsockopt(zmq.RCVBUF, 4096)
+    handler.bind(gateway._endpoint("handler"))
+    flooding, honest = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
+    chunk = b"".join(wire.frame(wire.root_announce(BRIDGE, i % 255 + 1)) for i in range(500))
+    flooding.sock.setblocking(False)
+    rest, waits = b"", []
+    end = time.monotonic() + 4
+    while time.monotonic() < end:
+        try:
+            rest = rest or chunk
+            rest = rest[flooding.sock.send(rest):]
+        except BlockingIOError:
+            pass
+        while handler.poll(0) and time.monotonic() < end:   # a few hundred a second
+            handler.recv_multipart()
+            break
+        begin = time.monotonic()
+        honest.barrier()
+        waits.append(time.monotonic() - begin)
+    handler.close(0)
+    assert max(waits) < 1, f"a ping waited {max(waits) * 1000:.0f} ms"
+    wait_until(lambda: overflows(gateway), "the overflow")

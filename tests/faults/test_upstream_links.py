@@ -1,0 +1,113 @@
+"""A server upstream that answers nonsense, or is the wrong one, is given another chance; so is the right one
+that takes its place."""
+import gzip
+import itertools
+import socket
+import threading
+import time
+
+import pytest
+import zmq
+
+from harness import wire
+from harness.peers import wait_until
+
+BRIDGE = wire.mac(0xB001)
+NODE, NODE_IP = wire.mac(0x1A2B), wire.ip(0x1A2B)
+
+
+class Nonsense:
+    """Listens where a server should, and answers every connection with the same bytes."""
+
+    def __init__(self, gateway, name: str, answer: bytes):
+        self.answer = answer
+        self.asked = 0
+        self.listener = socket.socket()
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.listener.bind(("127.0.0.1", gateway.ports[name]))
+        self.listener.listen()
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        while True:
+            try:
+                client, _ = self.listener.accept()
+            except OSError:
+                return
+            with client:
+                client.settimeout(2)
+                try:
+                    client.recv(64)
+                    client.sendall(self.answer)
+                    client.shutdown(socket.SHUT_WR)
+                    self.asked += 1
+                    while client.recv(4096):
+                        pass
+                except OSError:
+                    pass
+
+    def close(self):
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        self.thread.join()
+
+
+class WrongKind:
+    def __init__(self, gateway, name: str, kind: int):
+        self.sock = gateway.context.socket(kind)
+        self.monitor = self.sock.get_monitor_socket(zmq.EVENT_ACCEPTED)
+        self.sock.bind(gateway._endpoint(name))
+
+    @property
+    def asked(self) -> int:
+        return self.monitor.poll(0)
+
+    def close(self):
+        self.sock.disable_monitor()
+        self.sock.close(0)
+
+
+FIRST = {
+    "an HTTP error": lambda g, name: Nonsense(g, name, b"HTTP/1.1 400 Bad Request\r\n"
+                                                b"Content-Encoding: gzip\r\n\r\n" + gzip.compress(b"400")),
+    "no protocol at all": lambda g, name: Nonsense(g, name, b"\xff" * 64),
+    "REP": lambda g, name: WrongKind(g, name, zmq.REP),
+    "PUB": lambda g, name: WrongKind(g, name, zmq.PUB if name != "proxy" else zmq.PULL),
+}
+
+
+@pytest.mark.parametrize("first", FIRST)
+@pytest.mark.parametrize("name", ["handler", "proxy_input", "proxy", "broker"])
+def test_the_right_server_is_served_after_a_wrong_one(start_gateway, name, first):
+    upstream = [other for other in ("broker", "handler", "proxy", "proxy_input") if other != name]
+    gateway = start_gateway(upstream=upstream)
+    wrong = FIRST[first](gateway, name)
+    bridge = gateway.bridge(BRIDGE)
+    bridge.introduce()
+    bridge.send_message(wire.heartbeat(NODE, 1, bridge=BRIDGE, addr=NODE_IP))
+    wait_until(lambda: wrong.asked, "the daemon's greeting")
+    time.sleep(0.3)     # whoever gives up has done so by then
+    wrong.close()
+    getattr(gateway, "start_" + name)()
+    began = time.monotonic()
+    sequence = itertools.cycle(range(1, 256))
+    if name == "handler":
+        def served():
+            bridge.send_message(wire.root_announce(BRIDGE, next(sequence)))
+            bridge.barrier()
+            return gateway.handler.drain()
+    elif name == "proxy_input":
+        def served():
+            bridge.send_message(wire.generic_server_req(next(sequence), 40, bytes(26), NODE_IP))
+            bridge.barrier()
+            return gateway.proxy_input.drain()
+    elif name == "proxy":
+        def served():
+            return gateway.proxy.sock.poll(10)
+    else:
+        def served():
+            gateway.terminal().close()
+            return gateway.broker.drain()
+    wait_until(served, "the right server to be served", 7)
+    assert time.monotonic() - began < 6

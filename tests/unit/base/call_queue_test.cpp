@@ -1,0 +1,77 @@
+#include "base/call_queue.h"
+#include "base/czmq_ptr.h"
+#include "support/log_capture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <new>
+#include <thread>
+#include <vector>
+
+namespace rtls {
+
+using testing::ElementsAre;
+
+// Ends the loop from within it.
+static void request_end(zloop_t* loop)
+{
+    zloop_timer(
+        loop, 0, 1, [](zloop_t*, int, void*) { return -1; }, nullptr);
+}
+
+TEST(call_queue, calls_of_other_threads_are_made_on_the_loop_s_in_their_order)
+{
+    const zloop_ptr loop{zloop_new()};
+    call_queue queue;
+    ASSERT_TRUE(queue.join(loop.get()));
+    constexpr int calls = 1000;
+    std::vector<int> made;
+    std::vector<std::thread::id> threads;
+    std::thread other{[&] {
+        for (int i = 0; i <= calls; ++i)
+            queue.post([&, i] {
+                made.push_back(i);
+                threads.push_back(std::this_thread::get_id());
+                if (i == calls)
+                    request_end(loop.get());
+            });
+    }};
+    zloop_start(loop.get());
+    other.join();
+    ASSERT_EQ(made.size(), calls + 1U);
+    for (int i = 0; i <= calls; ++i)
+        EXPECT_EQ(made[static_cast<size_t>(i)], i);
+    EXPECT_THAT(threads, testing::Each(std::this_thread::get_id()));
+}
+
+TEST(call_queue, a_closed_one_makes_no_call_and_frees_what_they_own)
+{
+    call_queue queue;
+    auto owned = std::make_shared<int>(1);
+    const std::weak_ptr<int> watch = owned;
+    bool is_made = false;
+    queue.post([&, owned] { is_made = true; });
+    owned.reset();
+    EXPECT_FALSE(watch.expired());
+    queue.close();
+    EXPECT_TRUE(watch.expired());
+    queue.post([&] { is_made = true; });
+    queue.make_calls();
+    EXPECT_FALSE(is_made);
+}
+
+TEST(call_queue, a_call_without_memory_is_logged_and_the_next_is_made)
+{
+    log_capture log;
+    call_queue queue;
+    bool is_made = false;
+    queue.post([] { throw std::bad_alloc{}; });
+    queue.post([&] { is_made = true; });
+    queue.make_calls();
+    EXPECT_TRUE(is_made);
+    EXPECT_THAT(log.messages("main"), ElementsAre("call_queue: out of memory!"));
+}
+
+} // namespace rtls

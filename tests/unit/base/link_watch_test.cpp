@@ -1,0 +1,220 @@
+#include "base/link_watch.h"
+#include "support/log_capture.h"
+#include "support/sock.h"
+#include "support/tcp_listener.h"
+#include "support/wait.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace rtls {
+
+using testing::ElementsAre;
+
+// --- the record
+
+namespace {
+
+constexpr int trying = ZMQ_EVENT_CONNECT_DELAYED;
+constexpr int connected = ZMQ_EVENT_CONNECTED;
+constexpr int done = ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
+constexpr int broken_off = ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL;
+constexpr int nonsense = ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL;
+constexpr int lost = ZMQ_EVENT_DISCONNECTED;
+constexpr int unanswered = ZMQ_EVENT_CLOSED;
+constexpr int again = ZMQ_EVENT_CONNECT_RETRIED;
+
+} // namespace
+
+TEST(link_record, knows_what_has_become_of_a_link)
+{
+    const struct {
+        const char* given;
+        std::vector<int> events; // one a millisecond, the first at 1
+        bool is_up;
+        bool is_reached;
+        bool is_given_up;
+        int64_t since_ms;
+        uint64_t connections;
+        uint64_t failures;
+        const char* reason;
+    } cases[] = {
+        {"nothing yet", {}, false, false, false, 0, 0, 0, ""},
+        {"a server", {trying, connected, done}, true, true, false, 3, 1, 0, ""},
+        {"nobody", {trying, unanswered, again, trying}, false, false, false, 0, 0, 0, "nobody answers"},
+        {"one that says nothing", {trying, connected}, false, true, false, 0, 0, 0, ""},
+        {"one that left",
+         {trying, connected, done, lost, again},
+         false,
+         false,
+         false,
+         4,
+         1,
+         1,
+         "the connection was lost"},
+        {"one that came back",
+         {connected, done, lost, again, trying, connected, done},
+         true,
+         true,
+         false,
+         7,
+         2,
+         1,
+         "the connection was lost"},
+        {"one that closes",
+         {connected, broken_off, lost, again, trying},
+         false,
+         false,
+         false,
+         0,
+         0,
+         1,
+         "the peer broke off the handshake"},
+        {"nonsense",
+         {connected, nonsense, lost},
+         false,
+         false,
+         true,
+         0,
+         0,
+         1,
+         "the peer speaks another protocol"},
+        {"another kind of socket",
+         {connected, lost},
+         false,
+         false,
+         true,
+         0,
+         0,
+         1,
+         "the peer is another kind of socket"},
+        {"a refusal",
+         {connected, ZMQ_EVENT_HANDSHAKE_FAILED_AUTH},
+         false,
+         false,
+         true,
+         0,
+         0,
+         1,
+         "the peer refused us"},
+        {"our own new attempt", {connected, done, trying}, false, false, false, 3, 1, 0, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        link_record record;
+        int64_t now = 0;
+        for (const int event : c.events)
+            record.note(event, ++now);
+        const link_state state = record.state();
+        EXPECT_EQ(state.is_up, c.is_up);
+        EXPECT_EQ(record.is_reached(), c.is_reached);
+        EXPECT_EQ(record.is_given_up(), c.is_given_up);
+        EXPECT_EQ(state.since_ms, c.since_ms);
+        EXPECT_EQ(state.connections, c.connections);
+        EXPECT_EQ(state.failures, c.failures);
+        EXPECT_STREQ(state.last_reason, c.reason);
+    }
+}
+
+TEST(link_record, the_pause_doubles_to_five_seconds_until_a_handshake_is_done)
+{
+    link_record record;
+    std::vector<int> pauses;
+    for (int i = 0; i < 8; ++i) {
+        record.note(connected, 1);
+        record.note(nonsense, 1);
+        pauses.push_back(record.pause_ms());
+        record.mended();
+        EXPECT_FALSE(record.is_given_up());
+    }
+    EXPECT_THAT(pauses, ElementsAre(100, 200, 400, 800, 1600, 3200, 5000, 5000));
+    record.note(done, 1);
+    EXPECT_EQ(record.pause_ms(), 100);
+}
+
+TEST(link_record, a_failure_is_to_be_said_once_until_a_handshake_is_done)
+{
+    link_record record;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_STREQ(record.note(nonsense, 1), "the peer speaks another protocol");
+        EXPECT_EQ(record.note(broken_off, 1), nullptr);
+        EXPECT_EQ(record.note(done, 1), nullptr);
+    }
+}
+
+// --- in a loop
+
+namespace {
+
+// Runs the loop until `condition` holds.
+bool run_until(zloop_t* loop, std::function<bool()> condition)
+{
+    struct {
+        std::function<bool()> condition;
+        std::chrono::steady_clock::time_point end;
+        bool held;
+    } wait{std::move(condition), std::chrono::steady_clock::now() + patience, false};
+    const int timer = zloop_timer(
+        loop, 1, 0,
+        [](zloop_t*, int, void* p) {
+            auto& w = *static_cast<decltype(wait)*>(p);
+            w.held = w.condition();
+            return w.held || std::chrono::steady_clock::now() >= w.end ? -1 : 0;
+        },
+        &wait);
+    zloop_start(loop);
+    zloop_timer_end(loop, timer);
+    return wait.held;
+}
+
+} // namespace
+
+TEST(link_watch, a_server_that_answered_nonsense_is_given_another_chance)
+{
+    log_capture log;
+    zsock_ptr wrong{zsock_new(ZMQ_REP)};
+    const int port = zsock_bind(wrong.get(), "tcp://127.0.0.1:*");
+    const std::string endpoint = "tcp://127.0.0.1:" + std::to_string(port);
+    const zsock_ptr sender{zsock_new(ZMQ_PUSH)};
+    const zloop_ptr loop{zloop_new()};
+    link_watch link{"some server"};
+    link.open(sender.get(), endpoint, io_thread_of_handler);
+    ASSERT_TRUE(link.join(loop.get()));
+    ASSERT_EQ(zsock_connect(sender.get(), "%s", endpoint.c_str()), 0);
+    ASSERT_TRUE(run_until(loop.get(), [&] { return link.state().failures >= 2; }));
+    EXPECT_FALSE(link.state().is_up);
+    EXPECT_THAT(log.messages("main"),
+                ElementsAre(testing::AllOf(testing::StartsWith("some server: the peer "),
+                                           testing::EndsWith(", connecting again"))));
+
+    wrong.reset();
+    const zsock_ptr right{zsock_new(ZMQ_PULL)};
+    ASSERT_TRUE(wait_until([&] { return zsock_bind(right.get(), "%s", endpoint.c_str()) == port; }));
+    ASSERT_TRUE(run_until(loop.get(), [&] { return link.state().is_up; }));
+    EXPECT_EQ(link.state().connections, 1U);
+    EXPECT_EQ(zstr_send(sender.get(), "a message"), 0);
+    EXPECT_STREQ(zstr_ptr{zstr_recv(right.get())}.get(), "a message");
+    link.close();
+}
+
+TEST(link_watch, may_be_opened_again)
+{
+    link_watch link{"some server"};
+    const zloop_ptr loop{zloop_new()};
+    for (int i = 0; i < 2; ++i) {
+        const zsock_ptr sender{zsock_new(ZMQ_PUSH)};
+        link.open(sender.get(), "tcp://127.0.0.1:1", io_thread_of_proxy);
+        link.close();
+        link.close();
+    }
+    EXPECT_FALSE(link.is_reached());
+}
+
+} // namespace rtls

@@ -1,0 +1,147 @@
+#include "firmware/download_pool.h"
+#include "support/log_capture.h"
+#include "support/wait.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace rtls {
+
+namespace {
+
+class pool_of_downloads : public testing::Test {
+protected:
+    ~pool_of_downloads() override { release(); }
+
+    void release()
+    {
+        if (!m_is_released.exchange(true))
+            m_released.set_value();
+    }
+
+    // Work that lasts until release().
+    std::function<void()> held()
+    {
+        return [this, until = m_until] {
+            const int now = ++m_running;
+            m_most = std::max(m_most.load(), now);
+            until.wait();
+            --m_running;
+            ++m_done;
+        };
+    }
+
+    std::atomic<int> m_running = 0;
+    std::atomic<int> m_most = 0;
+    std::atomic<int> m_done = 0;
+    std::atomic<bool> m_is_released = false;
+    std::promise<void> m_released;
+    std::shared_future<void> m_until = m_released.get_future().share();
+};
+
+} // namespace
+
+TEST_F(pool_of_downloads, does_four_at_once_and_the_others_after_them)
+{
+    download_pool pool;
+    for (int i = 0; i < 20; ++i)
+        EXPECT_TRUE(pool.order(held()));
+    EXPECT_TRUE(wait_until([&] { return m_running == 4; }));
+    EXPECT_EQ(m_done, 0);
+    release();
+    EXPECT_TRUE(wait_until([&] { return m_done == 20; }));
+    EXPECT_EQ(m_most, 4);
+}
+
+TEST_F(pool_of_downloads, orders_of_a_lane_follow_one_another_and_the_others_pass_them)
+{
+    download_pool pool;
+    std::mutex mutex;
+    std::vector<std::string> done;
+    const auto note = [&](const char* what) {
+        return [&, what] {
+            const std::lock_guard guard{mutex};
+            done.emplace_back(what);
+        };
+    };
+    const auto number = [&] {
+        const std::lock_guard guard{mutex};
+        return done.size();
+    };
+    pool.order(held(), "lane");
+    ASSERT_TRUE(wait_until([&] { return m_running == 1; }));
+    pool.order(note("second of the lane"), "lane");
+    pool.order(note("third of the lane"), "lane");
+    pool.order(note("another lane"), "other");
+    ASSERT_TRUE(wait_until([&] { return number() == 1; }));
+    pool.order(note("no lane"));
+    ASSERT_TRUE(wait_until([&] { return number() == 2; }));
+    release();
+    ASSERT_TRUE(wait_until([&] { return number() == 4; }));
+    EXPECT_THAT(done,
+                testing::ElementsAre("another lane", "no lane", "second of the lane", "third of the lane"));
+}
+
+TEST_F(pool_of_downloads, refuses_what_is_too_much)
+{
+    log_capture log;
+    download_pool pool;
+    for (size_t i = 0; i < download_pool::most_threads; ++i)
+        pool.order(held());
+    ASSERT_TRUE(wait_until([&] { return m_running == 4; }));
+    for (size_t i = 0; i < download_pool::most_waiting; ++i)
+        ASSERT_TRUE(pool.order([] {}));
+    EXPECT_FALSE(pool.order([] {}));
+    EXPECT_THAT(log.messages("main"), testing::ElementsAre("download_pool: 1000 downloads wait already"));
+    release();
+}
+
+TEST_F(pool_of_downloads, its_end_waits_for_what_is_done_and_drops_the_rest)
+{
+    auto owned = std::make_shared<int>(1);
+    const std::weak_ptr<int> watch = owned;
+    bool is_done = false;
+    std::thread releasing;
+    {
+        download_pool pool;
+        for (size_t i = 0; i < download_pool::most_threads; ++i)
+            pool.order(held());
+        ASSERT_TRUE(wait_until([&] { return m_running == 4; }));
+        pool.order([&, owned] { is_done = true; });
+        owned.reset();
+        releasing = std::thread{[&] {
+            EXPECT_TRUE(wait_until([&] { return watch.expired(); }));
+            release();
+        }};
+    }
+    EXPECT_EQ(m_done, 4);
+    EXPECT_FALSE(is_done);
+    EXPECT_TRUE(watch.expired());
+    releasing.join();
+}
+
+TEST_F(pool_of_downloads, has_no_thread_before_its_first_order_and_none_takes_signals)
+{
+    download_pool pool;
+    std::promise<bool> blocked;
+    pool.order([&] {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        blocked.set_value(sigismember(&mask, SIGTERM) == 1);
+    });
+    EXPECT_TRUE(blocked.get_future().get());
+}
+
+} // namespace rtls
