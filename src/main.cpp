@@ -3,6 +3,7 @@
 #include "base/common.h"
 #include "base/config.h"
 #include "base/curve.h"
+#include "base/descriptors.h"
 #include "base/link_watch.h"
 #include "base/logger.h"
 #include "base/signals.h"
@@ -11,7 +12,7 @@
 #include <curl/curl.h>
 #include <czmq.h>
 
-#include <sys/resource.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -26,14 +27,19 @@ using namespace rtls;
 static constexpr int idle_step_ms = 100;
 static constexpr std::chrono::milliseconds stop_limit{4800};
 
-// Each bridge costs a descriptor, and the library spins when there are none left to accept with.
-static void raise_descriptor_limit()
+// False after saying that there are too few. Before anything is opened, the logger included: the libraries
+// end the program when they get no descriptor at their start.
+static bool has_descriptors()
 {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return;
-    limit.rlim_cur = limit.rlim_max;
-    (void)setrlimit(RLIMIT_NOFILE, &limit);
+    const size_t allowed = raise_descriptor_limit(); // each bridge costs one
+    if (allowed >= descriptors_needed)
+        return true;
+    openlog("rtls-gateway", LOG_PERROR, LOG_USER);
+    syslog(LOG_ERR,
+           "%zu open files are allowed, at least %zu are needed! See ulimit -Hn, or LimitNOFILE=", allowed,
+           descriptors_needed);
+    closelog();
+    return false;
 }
 
 static void log_versions()
@@ -135,13 +141,14 @@ static bool serve_with_curl(const char* config_file)
 
 int main(int argc, char* argv[])
 {
-    // First of all: from here on SIGTERM is an orderly stop, whenever it comes.
+    if (!has_descriptors())
+        return EXIT_FAILURE;
+    // First of all else: from here on SIGTERM is an orderly stop, whenever it comes.
     zsys_init();
     make_io_threads();
     stop_on_hangup();
     block_stop_signals();
     (void)std::signal(SIGPIPE, SIG_IGN);
-    raise_descriptor_limit();
 
     if (!logger_init("rtls-gateway"))
         return EXIT_FAILURE;

@@ -77,8 +77,17 @@ dbg_print_ts_impl(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t se
     zstr_free(&message);
 }
 
+static thread_local bool dbg_is_held = false;
+
+void dbg_hold(bool is_held) noexcept
+{
+    dbg_is_held = is_held;
+}
+
 bool dbg_is_wanted(dbg_section_t section)
 {
+    if (dbg_is_held)
+        return false;
     return is_streamed(section) || logger_debug_is_wanted(section_logger(section));
 }
 

@@ -40,6 +40,10 @@ extern std::atomic<uint16_t> debug_mask;
 // Ask before making an expensive argument (a hex dump); dbg_print asks by itself.
 bool dbg_is_wanted(dbg_section_t section);
 
+// While held, no line of the calling thread is wanted by anybody: for who has fallen behind with what peers
+// wait for. The debug stream is lossy anyway.
+void dbg_hold(bool is_held) noexcept;
+
 // The real-time clock, cut to milliseconds.
 tav_timestamp_t get_current_time(void);
 

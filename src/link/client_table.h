@@ -57,6 +57,21 @@ public:
             visit(*client);
     }
 
+    // The client of which measure(const WIN_CLIENT_t&) is largest, the first of several; null without
+    // clients. May be called in the middle of a walk.
+    template <typename Measure>
+    WIN_CLIENT_t* largest(Measure measure)
+    {
+        const mutex_guard guard{m_mutex};
+        WIN_CLIENT_t* found = nullptr;
+        for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get())) {
+            auto* client = static_cast<WIN_CLIENT_t*>(item);
+            if (!found || measure(*client) > measure(*found))
+                found = client;
+        }
+        return found;
+    }
+
     // What other threads may know, in table order. Throws std::bad_alloc.
     std::vector<win_client_info> copy();
 

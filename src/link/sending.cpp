@@ -8,6 +8,7 @@
 #include "link/unsent_messages.h"
 #include "wire/slip.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <memory>
@@ -54,12 +55,21 @@ static bool can_send(const WIN_SERVER_t& server, const encoded_message& message)
     return !message.bytes().empty();
 }
 
+// The client with this identity, or null. The one whose bytes are being read is asked for most.
+static WIN_CLIENT_t* find_client(WIN_SERVER_t& server, bytes_view identity)
+{
+    WIN_CLIENT_t* asking = server.answers.client();
+    return asking && std::ranges::equal(frame_bytes(asking->id), identity)
+               ? asking
+               : server.clients.find(identity_key{identity}.c_str());
+}
+
 bool data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data)
 {
     const encoded_message message{data};
     if (!can_send(server, message))
         return false;
-    WIN_CLIENT_t* client = server.clients.find(identity_key{identity}.c_str());
+    WIN_CLIENT_t* client = find_client(server, identity);
     if (client)
         encoded_to_win_client(&server, client, message.bytes());
     return client != nullptr;
@@ -83,17 +93,8 @@ bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t
                      : data_to_all_bridges(*server, {data, size});
 }
 
-void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded)
-{
-    if (!client->unsent_messages.empty()) {
-        data_to_cache(server, client, encoded.data(), encoded.size());
-        unsent_messages_to_win_client(server, client);
-    } else if (!bytes_to_bridge(*server, frame_bytes(client->id), encoded)) {
-        data_to_cache(server, client, encoded.data(), encoded.size());
-    }
-}
-
-bool bytes_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
+// Hands bytes to the client's connection. False, and none of them is gone, when it takes none.
+static bool send_bytes(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
 {
     constexpr char function[] = "esc_data_to_win_client"; // as log filters know it
     message_part frame{bytes};
@@ -101,14 +102,108 @@ bool bytes_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes
         log_call_error(function, "zframe_new");
         return false;
     }
-    if (!stream_send(server.win_sock, identity, frame)) {
-        if (errno != EAGAIN)
-            log_call_error(function, "zframe_send");
-        return false;
-    }
+    const bool sent = stream_send(server.win_sock, identity, frame);
+    if (!sent && errno != EAGAIN)
+        log_call_error(function, "zframe_send");
+    return sent;
+}
+
+static void print_output(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
+{
     if (dbg_is_wanted(DBG_RAW))
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT", "%s [%zu] [%s]",
                   hex_text{bytes}.c_str(), bytes.size(), identity_key{identity}.c_str());
+}
+
+// The number of bytes that the connection has taken, in pieces.
+static size_t send_in_pieces(WIN_SERVER_t& server, bytes_view identity, bytes_view data)
+{
+    size_t sent = 0;
+    while (sent < data.size()) {
+        const bytes_view piece = data.subspan(sent, std::min(data.size() - sent, stream_piece_limit));
+        if (!send_bytes(server, identity, piece))
+            break;
+        sent += piece.size();
+    }
+    return sent;
+}
+
+// Sends a message, after those that wait, or caches it.
+static void send_or_cache(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view encoded)
+{
+    if (!client.unsent_messages.empty()) {
+        data_to_cache(&server, &client, encoded.data(), encoded.size());
+        unsent_messages_to_win_client(&server, &client);
+        return;
+    }
+    const size_t sent = send_in_pieces(server, frame_bytes(client.id), encoded);
+    if (sent == encoded.size())
+        print_output(server, frame_bytes(client.id), encoded);
+    else if (data_to_cache(&server, &client, encoded.data(), encoded.size())) {
+        client.unsent_messages.advance(sent, [](bytes_view, size_t) {});
+        flush_soon(server);
+    }
+}
+
+// --- answers to the client whose bytes are being read
+
+static void send_gathered(WIN_SERVER_t& server, WIN_CLIENT_t& client)
+{
+    gathered_answers& answers = server.answers;
+    if (answers.empty())
+        return;
+    if (!send_bytes(server, frame_bytes(client.id), answers.bytes())) {
+        answers.for_each(
+            [&](bytes_view message) { data_to_cache(&server, &client, message.data(), message.size()); });
+        flush_soon(server);
+    }
+    answers.clear();
+}
+
+// While messages wait for the client, none is gathered: they keep their order.
+static void gather(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view encoded)
+{
+    if (!client.unsent_messages.empty())
+        data_to_cache(&server, &client, encoded.data(), encoded.size()); // end_answers offers it
+    else if (!server.answers.add(encoded)) {
+        send_gathered(server, client);
+        if (!client.unsent_messages.empty() || !server.answers.add(encoded))
+            send_or_cache(server, client, encoded);
+    }
+}
+
+void begin_answers(WIN_SERVER_t& server, WIN_CLIENT_t& client)
+{
+    // Who reads along sees each message leave before what it leads to.
+    if (!dbg_is_wanted(DBG_RAW))
+        server.answers.begin(&client);
+}
+
+void end_answers(WIN_SERVER_t& server)
+{
+    WIN_CLIENT_t* client = server.answers.client();
+    if (!client)
+        return;
+    const bool messages_wait = !client->unsent_messages.empty();
+    send_gathered(server, *client);
+    server.answers.begin(nullptr);
+    if (messages_wait)
+        unsent_messages_to_win_client(&server, client);
+}
+
+void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded)
+{
+    if (server->answers.is_for(*client))
+        gather(*server, *client, encoded);
+    else
+        send_or_cache(*server, *client, encoded);
+}
+
+bool bytes_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
+{
+    if (!send_bytes(server, identity, bytes))
+        return false;
+    print_output(server, identity, bytes);
     return true;
 }
 

@@ -26,6 +26,11 @@ bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t
 // in the table, so that a walk over it may deliver to each client.
 void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded);
 
+// Between these two, what is sent to this client gathers, and leaves in few pieces: the bytes and their order
+// are those of messages sent one by one. Other clients' messages leave at once. The client stays meanwhile.
+void begin_answers(WIN_SERVER_t& server, WIN_CLIENT_t& client);
+void end_answers(WIN_SERVER_t& server);
+
 // Sends bytes as they are to one client, without caching. False when they could not be sent.
 bool bytes_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes);
 

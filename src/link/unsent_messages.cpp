@@ -8,6 +8,7 @@
 #include "link/win_server_private.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -19,6 +20,10 @@ namespace rtls {
 // that has stopped reading few blocks.
 static constexpr size_t smallest_block = 1024;
 static constexpr size_t largest_block = size_t{64} * 1024;
+
+// After this the socket is offered again what it has refused: its queue is short, and empty by then unless
+// the client does not read.
+static constexpr size_t flush_soon_ms = 5;
 
 // In front of each message: its size, in host order.
 using message_size = uint32_t;
@@ -37,6 +42,7 @@ bool unsent_queue::make_room(size_t size) noexcept
     added->memory.reset(new (std::nothrow) uint8_t[added->capacity]);
     if (!added->memory)
         return false;
+    m_memory.set(m_memory.bytes() + sizeof(block) + added->capacity);
     block* last = std::exchange(m_last, added.get());
     (last ? last->next : m_first) = std::move(added);
     return true;
@@ -65,25 +71,67 @@ bytes_view unsent_queue::front() const noexcept
     return {from + sizeof size, size};
 }
 
-void unsent_queue::pop() noexcept
+void unsent_queue::free_first() noexcept
 {
-    const size_t size = front().size();
-    m_first->begin += sizeof(message_size) + size;
-    --m_size;
-    m_bytes -= size;
-    if (m_first->begin < m_first->end)
-        return;
+    m_memory.set(m_memory.bytes() - sizeof(block) - m_first->capacity);
     m_first = std::move(m_first->next);
     if (!m_first)
         m_last = nullptr;
 }
 
+void unsent_queue::remove_front() noexcept
+{
+    const size_t size = front().size();
+    m_first->begin += sizeof(message_size) + size;
+    --m_size;
+    m_bytes -= size;
+    if (m_first->begin == m_first->end)
+        free_first();
+}
+
+void unsent_queue::pop() noexcept
+{
+    m_front_sent = 0;
+    remove_front();
+}
+
 void unsent_queue::clear() noexcept
 {
     while (m_first) // not left to the destructor of the first, which would go as deep as there are blocks
-        m_first = std::move(m_first->next);
-    m_last = nullptr;
-    m_size = m_bytes = 0;
+        free_first();
+    m_size = m_bytes = m_front_sent = 0;
+}
+
+size_t unsent_queue::copy_next(std::span<uint8_t> to) const noexcept
+{
+    size_t copied = 0;
+    size_t skip = m_front_sent;
+    for (const block* from = m_first.get(); from; from = from->next.get())
+        for (size_t at = from->begin; at < from->end;) {
+            message_size size = 0;
+            std::memcpy(&size, from->memory.get() + at, sizeof size);
+            const size_t part = std::min(size - skip, to.size() - copied);
+            if (part > 0)
+                std::memcpy(to.data() + copied, from->memory.get() + at + sizeof size + skip, part);
+            copied += part;
+            if (copied == to.size())
+                return copied;
+            at += sizeof size + size;
+            skip = 0;
+        }
+    return copied;
+}
+
+// --- answers
+
+bool gathered_answers::add(bytes_view message) noexcept
+{
+    if (message.size() > m_bytes.size() - m_used || m_number == m_sizes.size())
+        return false;
+    std::memcpy(m_bytes.data() + m_used, message.data(), message.size());
+    m_used += message.size();
+    m_sizes[m_number++] = static_cast<uint16_t>(message.size());
+    return true;
 }
 
 // --- of one client
@@ -99,12 +147,28 @@ static bool note_loss(WIN_CLIENT_t& client)
     return false;
 }
 
+// Makes room for one more message of this client among those of all. False when it is the one that takes most
+// itself. A message that is sent in part is lost with the others: where its frame ends, the receiver's
+// decoder sees the next one begin, and gives it up.
+static bool make_room(WIN_SERVER_t& server, const WIN_CLIENT_t& client, size_t size)
+{
+    while (server.unsent_total.bytes() + size > unsent_messages_total_limit) {
+        WIN_CLIENT_t* largest =
+            server.clients.largest([](const WIN_CLIENT_t& c) { return c.unsent_messages.memory(); });
+        if (!largest || largest->unsent_messages.memory() <= client.unsent_messages.memory())
+            return false;
+        note_loss(*largest);
+        largest->unsent_messages.clear();
+    }
+    return true;
+}
+
 bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size)
 {
     if (any_null(__func__, server, client, data))
         return false;
     unsent_queue& queue = client->unsent_messages;
-    if (!queue.has_room(size))
+    if (!queue.has_room(size) || !make_room(*server, *client, size))
         return note_loss(*client);
     if (!queue.append({data, size})) {
         logger_error(g_logger, str_out_of_memory, __func__);
@@ -116,14 +180,6 @@ bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* da
     return true;
 }
 
-// Offers the oldest message to the client's connection. The identity is what fails for a client that does not
-// read, and it does not wait: any number of stalled bridges costs the others nothing.
-static bool send_front(WIN_SERVER_t& server, WIN_CLIENT_t& client)
-{
-    message_part data{client.unsent_messages.front()};
-    return data.is_made() && stream_send(server.win_sock, frame_bytes(client.id), data);
-}
-
 static void print_flushed(WIN_SERVER_t& server, const WIN_CLIENT_t& client, bytes_view message, size_t left)
 {
     dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_OUTPUT_FROM_CACHE",
@@ -131,18 +187,21 @@ static void print_flushed(WIN_SERVER_t& server, const WIN_CLIENT_t& client, byte
               ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port), identity_key{client.id}.c_str());
 }
 
-// Sends the oldest message, or leaves it where it is and returns false.
-static bool flush_one(WIN_SERVER_t& server, WIN_CLIENT_t& client)
+// Offers the next piece to the client's connection; it is gone from the queue, or the result is false. The
+// identity is what fails for a client that does not read, and it does not wait: any number of stalled bridges
+// costs the others nothing.
+static bool send_piece(WIN_SERVER_t& server, WIN_CLIENT_t& client)
 {
     unsent_queue& queue = client.unsent_messages;
-    if (!send_front(server, client)) {
-        if (errno != EAGAIN)
-            log_call_error("unsent_messages_to_win_client", "zframe_send");
+    std::array<uint8_t, stream_piece_limit> room; // not cleared: what is sent is written
+    const size_t size = queue.copy_next(room);
+    message_part data{bytes_view{room.data(), size}};
+    if (!data.is_made() || !stream_send(server.win_sock, frame_bytes(client.id), data))
         return false;
-    }
-    if (dbg_is_wanted(DBG_RAW))
-        print_flushed(server, client, queue.front(), queue.size() - 1);
-    queue.pop();
+    queue.advance(size, [&](bytes_view message, size_t left) {
+        if (dbg_is_wanted(DBG_RAW))
+            print_flushed(server, client, message, left);
+    });
     return true;
 }
 
@@ -151,10 +210,41 @@ void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
     auto* client = static_cast<WIN_CLIENT_t*>(p_client);
     if (any_null(__func__, server, client) || any_null(__func__, server->win_sock.get()))
         return;
-    while (!client->unsent_messages.empty())
-        if (!flush_one(*server, *client))
+    bool has_sent = false;
+    while (!client->unsent_messages.empty()) {
+        if (!send_piece(*server, *client)) {
+            if (errno != EAGAIN)
+                log_call_error(__func__, "zframe_send");
+            if (has_sent)
+                flush_soon(*server);
             return;
+        }
+        has_sent = true;
+    }
     client->unsent_overflow = false; // the next overflow is a new one
+}
+
+void unsent_messages_to_win_clients(WIN_SERVER_t& server)
+{
+    server.clients.for_each([&](WIN_CLIENT_t& client) {
+        if (!client.unsent_messages.empty())
+            unsent_messages_to_win_client(&server, &client);
+    });
+}
+
+static int flush_timer_handler(zloop_t* /*loop*/, int /*timer_id*/, void* p_server) noexcept
+{
+    auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    server->flush_timer_is_active = false;
+    unsent_messages_to_win_clients(*server);
+    return 0;
+}
+
+void flush_soon(WIN_SERVER_t& server)
+{
+    if (!server.flush_timer_is_active && server.actor_loop)
+        server.flush_timer_is_active =
+            zloop_timer(server.actor_loop, flush_soon_ms, 1, flush_timer_handler, &server) != -1;
 }
 
 } // namespace rtls

@@ -1,5 +1,7 @@
 // unsent_messages - what waits for a client that does not read: appended, limited, flushed in order, freed.
 //
+// Bounded for each client, and for all together: where all take too much, the one that takes most loses what
+// waits for it, so that a bridge which misses a moment is served whatever the others do.
 // Ownership  Each client's record owns its queue.
 // Threads    WIN server thread. Nothing waits.
 // Bytes      Framed already, as they go out.
@@ -8,10 +10,13 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "base/memory_sum.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 
 namespace rtls {
 
@@ -22,6 +27,13 @@ struct WIN_CLIENT_t;
 // bytes of memory beside its own, which for many small ones would be a multiple of the bytes' limit.
 constexpr size_t unsent_messages_limit = size_t{16} * 1024 * 1024;
 constexpr size_t unsent_messages_number_limit = size_t{256} * 1024;
+// The most memory that waits for all clients together.
+constexpr size_t unsent_messages_total_limit = size_t{256} * 1024 * 1024;
+
+// The most bytes that are handed to the socket at once. It counts pieces, not bytes: with pieces of this size
+// and few of them, what it holds for a client that does not read is bounded, too. The stream's pieces need
+// not be messages: small ones share a piece, and a large one is cut.
+constexpr size_t stream_piece_limit = 8192;
 
 // Messages in the order in which they were appended. They lie one behind the other in a few large blocks, so
 // that many small ones take little more than their bytes, and a full queue is freed at once.
@@ -33,12 +45,15 @@ public:
     unsent_queue& operator=(const unsent_queue&) = delete;
 
     bool empty() const noexcept { return m_size == 0; }
-    size_t size() const noexcept { return m_size; }   // messages
-    size_t bytes() const noexcept { return m_bytes; } // of all messages
+    size_t size() const noexcept { return m_size; }             // messages
+    size_t bytes() const noexcept { return m_bytes; }           // of all messages
+    size_t memory() const noexcept { return m_memory.bytes(); } // that the queue takes
     bool has_room(size_t size) const noexcept
     {
         return m_bytes + size <= unsent_messages_limit && m_size < unsent_messages_number_limit;
     }
+    // Counts the queue's memory there, too, from now on.
+    void count_in(memory_sum& sum) noexcept { m_memory.join(sum); }
 
     // Appends a copy, whether or not it has_room. False, with everything as it was, when memory is short.
     bool append(bytes_view message) noexcept;
@@ -49,6 +64,21 @@ public:
     void pop() noexcept;
     void clear() noexcept;
 
+    // Writes the next bytes to be sent, as many as there are and fit; returns their number.
+    size_t copy_next(std::span<uint8_t> to) const noexcept;
+    // So many of them have been sent: calls sent(message, messages left) for each one that is complete now,
+    // and removes it.
+    template <typename Visitor>
+    void advance(size_t bytes, Visitor sent)
+    {
+        m_front_sent += bytes;
+        while (m_size > 0 && m_front_sent >= front().size()) {
+            m_front_sent -= front().size();
+            sent(front(), m_size - 1);
+            remove_front();
+        }
+    }
+
 private:
     struct block {
         std::unique_ptr<uint8_t[]> memory;
@@ -58,19 +88,65 @@ private:
         size_t end = 0;
     };
     bool make_room(size_t size) noexcept;
+    void remove_front() noexcept;
+    void free_first() noexcept;
 
     std::unique_ptr<block> m_first;
     block* m_last = nullptr;
     size_t m_size = 0;
     size_t m_bytes = 0;
+    size_t m_front_sent = 0; // bytes of the oldest message that are sent
+    memory_part m_memory;
+};
+
+// Messages to the client whose bytes are being read, gathered to leave in one piece: answering each message
+// of a flood by a piece of its own would cost several times what reading it does.
+class gathered_answers {
+public:
+    // Answers to this client gather from now on; null: to nobody.
+    void begin(WIN_CLIENT_t* client) noexcept { m_client = client; }
+    bool is_for(const WIN_CLIENT_t& client) const noexcept { return m_client == &client; }
+    WIN_CLIENT_t* client() const noexcept { return m_client; }
+
+    bool empty() const noexcept { return m_number == 0; }
+    // False when there is no room for one more.
+    bool add(bytes_view message) noexcept;
+    bytes_view bytes() const noexcept { return {m_bytes.data(), m_used}; }
+    void clear() noexcept { m_used = m_number = 0; }
+
+    // Calls visit(bytes_view) for each message, in order.
+    template <typename Visitor>
+    void for_each(Visitor visit) const
+    {
+        const uint8_t* at = m_bytes.data();
+        for (size_t i = 0; i < m_number; at += m_sizes[i++])
+            visit(bytes_view{at, m_sizes[i]});
+    }
+
+private:
+    static constexpr size_t most_messages = stream_piece_limit / 4; // a frame around two bytes; or fewer
+
+    WIN_CLIENT_t* m_client = nullptr;
+    size_t m_used = 0;
+    size_t m_number = 0;
+    std::array<uint8_t, stream_piece_limit> m_bytes;
+    std::array<uint16_t, most_messages> m_sizes;
 };
 
 // Appends encoded bytes to the client's unsent messages. False when they are lost: memory is short or
-// a limit of theirs is reached. The first loss since the queue was last empty is logged.
+// a limit of theirs is reached. When it is the limit of all clients, the one that takes most loses what waits
+// for it, unless it is this one. The first loss of a client since its queue was last empty is logged.
 bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size);
 
+// Offers their unsent messages to all clients.
+void unsent_messages_to_win_clients(WIN_SERVER_t& server);
+
+// Sees that unsent messages are offered again in a few milliseconds, beside the usual 500: a socket with a
+// short queue has room again by then, when the client reads.
+void flush_soon(WIN_SERVER_t& server);
+
 // Sends the client's (p_client: a WIN_CLIENT_t) unsent messages, oldest first, until the socket takes no
-// more.
+// more. Then the next attempt is after 500 ms; after a few already, while the socket takes some each time.
 void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client);
 
 } // namespace rtls

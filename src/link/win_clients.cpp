@@ -51,7 +51,21 @@ static bool set_capacity(WIN_CLIENT_t& client, size_t capacity)
     (void)client.pending_data.release(); // realloc has disposed of it
     client.pending_data.reset(static_cast<uint8_t*>(moved));
     client.pending_buffsize = capacity;
+    client.pending_memory.set(capacity);
     return true;
+}
+
+// Frees what of the buffer is over `capacity`, with the content there.
+static void shrink_to(WIN_CLIENT_t& client, size_t capacity)
+{
+    if (client.pending_buffsize > capacity && set_capacity(client, capacity))
+        client.pending_data_size = std::min(client.pending_data_size, capacity);
+}
+
+void win_client_give_up_frame(WIN_CLIENT_t& client)
+{
+    client.parsing_state = PS_NONE;
+    shrink_to(client, pending_data_step);
 }
 
 bool win_client_increase_buffer_size(WIN_CLIENT_t* client)
@@ -144,6 +158,7 @@ void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler 
             case slip_end:
                 deliver(context, client);
                 client.parsing_state = PS_NONE;
+                shrink_to(client, pending_data_kept);
                 break;
             default:
                 used = slip_ordinary_run(received);

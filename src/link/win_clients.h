@@ -10,6 +10,7 @@
 
 #include "base/bytes.h"
 #include "base/czmq_ptr.h"
+#include "base/memory_sum.h"
 #include "link/unsent_messages.h"
 #include "registry/node.h"
 
@@ -28,6 +29,9 @@ using PARSING_STATE_t = PARSING_STATE;
 // The step in which the buffer of a frame grows, and the most one frame may take.
 constexpr size_t pending_data_step = 512;
 constexpr size_t pending_data_limit = size_t{1024} * 1024;
+// The most that all frames take together, and how much of its buffer a client keeps when a frame is complete.
+constexpr size_t pending_data_total_limit = size_t{128} * 1024 * 1024;
+constexpr size_t pending_data_kept = size_t{64} * 1024;
 // Supervision ticks for which an unwanted client is kept.
 constexpr unsigned int connection_delay_ticks = 5;
 
@@ -37,6 +41,7 @@ struct WIN_CLIENT_t {
     lent<malloced_bytes> pending_data; // the frame being assembled; grows in place where it can
     size_t pending_data_size = 0;
     size_t pending_buffsize = 0; // capacity of pending_data
+    memory_part pending_memory;  // the same, where it is counted for all
     PARSING_STATE_t parsing_state = PS_NONE;
     uint8_t mac_addr[mac_size]{};                           // of the bridge itself; zero until it names it
     bool firmware_updated = false;                          // cleared when a new image is announced
@@ -56,6 +61,9 @@ using win_client_ptr = std::unique_ptr<WIN_CLIENT_t, destroyed_by<win_client_des
 // Grows pending_data by one step. False, with a log line and the old buffer in place, when memory is
 // short or the limit of a frame is reached.
 bool win_client_increase_buffer_size(WIN_CLIENT_t* client);
+
+// Gives the frame at hand up, and the memory that it takes: what is left of it is noise to the decoder.
+void win_client_give_up_frame(WIN_CLIENT_t& client);
 
 // What becomes of a complete frame: it stands in client.pending_data until the next one begins.
 using frame_handler = void (*)(void* context, WIN_CLIENT_t& client);

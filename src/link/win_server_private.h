@@ -16,6 +16,7 @@
 #include "base/czmq_ptr.h"
 #include "base/door.h"
 #include "base/link_watch.h"
+#include "base/memory_sum.h"
 #include "base/own_addresses.h"
 #include "base/rate_bound.h"
 #include "link/client_table.h"
@@ -41,13 +42,18 @@ struct WIN_SERVER_t {
     door win_door{"WIN"};
     std::string discovery_address = "*";
     curve_certificates certificates; // of the links upstream
+    memory_sum unsent_total;     // of all clients' unsent messages
+    memory_sum unfinished_total; // of all clients' frames at hand
+    refusal_episode frames_given_up;
     client_table clients;
+    gathered_answers answers;
     std::string proxy_full_address; // endpoints
     std::string proxy_full_input_address;
     std::string msg_handler_full_address;
     uint16_t rpl_prefix = 1;
     bool rpl_timer_is_active = false;
     bool unprocessed_MSG_PANID_REQ = false;
+    bool flush_timer_is_active = false;
     std::atomic<bool> ready{false}; // set once by the actor, polled by the owner
     bool proxy_is_silent = false;
     lent<zsock_ptr> win_sock;
@@ -77,10 +83,14 @@ struct WIN_SERVER_t {
 
     int win_backlog = 0; // of the WIN port; 0: the library's default
     closed_id_set closed_ids;
-    connection_cuts cuts;          // of closed connections whose queue is full
-    int64_t last_win_event = 0;    // zclock_usecs of when the WIN port was last drained
-    int64_t supervised_since = 0;  // zclock_mono of when the first period of the client checks began
-    int64_t last_client_check = 0; // number of the period in which clients were last checked
+    connection_cuts cuts;           // of closed connections whose queue is full
+    int64_t undrained_since = 0;    // zclock_usecs of the first event since it was drained; 0 while it is
+    size_t undrained_bytes = 0;     // and what has been handled since then
+    refusal_episode lines_left_out; // while it has not been drained for long
+    refusal_episode house_full;     // no descriptors for more bridges
+    int64_t last_win_event = 0;     // zclock_usecs of when the WIN port was last drained
+    int64_t supervised_since = 0;   // zclock_mono of when the first period of the client checks began
+    int64_t last_client_check = 0;  // number of the period in which clients were last checked
 
     // What becomes of a complete frame, which stands in client->pending_data; the server wires it.
     bool (*process_frame)(WIN_SERVER_t* server, WIN_CLIENT_t* client) = nullptr;

@@ -1,6 +1,7 @@
 #include "link/win_server_win_clients.h"
 
 #include "base/czmq_ptr.h"
+#include "base/descriptors.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
@@ -15,8 +16,17 @@
 
 namespace rtls {
 
-// The most events one call of the reader takes: many for the intake, few enough for the other sockets.
+// The most events and bytes that one call of the reader takes: many for the intake, few enough for the other
+// sockets. Within a call, the stream socket gives one event of each connection that has some in turn, and
+// none of them has more than 8 KiB: nobody's flood comes before somebody else's word.
 static constexpr int events_per_call = 64;
+static constexpr size_t bytes_per_call = size_t{64} * 1024;
+
+// The port is behind when it has not been drained for so long, and so much has been handled meanwhile (time
+// alone may have passed while the host was busy). It is asked after each large event.
+static constexpr int64_t behind_us = 50'000;
+static constexpr size_t behind_bytes = size_t{64} * 1024;
+static constexpr size_t large_event = 1024;
 
 // While events come this close behind one another, the reader lets some more gather before it takes them,
 // for up to a millisecond a call. Waking up for each report, and having the loop ask every socket for
@@ -53,11 +63,29 @@ static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, 
         return nullptr;
     }
     client->pending_buffsize = pending_data_step;
+    client->pending_memory.set(pending_data_step);
+    client->pending_memory.join(server.unfinished_total);
+    client->unsent_messages.count_in(server.unsent_total);
     return client;
+}
+
+static bool is_house_full(WIN_SERVER_t& server, int fd)
+{
+    if (!is_reserved_descriptor(fd))
+        return false;
+    if (server.house_full.begins(zclock_mono()))
+        logger_error(
+            g_logger,
+            "%s: nearly all files that may be open are, no more bridges are let in! See ulimit -Hn, or "
+            "LimitNOFILE=",
+            "handle_win_clients");
+    return true;
 }
 
 static bool is_admitted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
 {
+    if (is_house_full(server, client.fd))
+        return false;
     const in_addr address = client.addr.sin_addr;
     return server.win_door.admits(address, server.clients.size(), server.clients.size_of_address(address),
                                   zclock_mono());
@@ -94,7 +122,9 @@ static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_k
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_INPUT", "%s [%zu] %s:%d [%s]",
                   hex_text{data}.c_str(), data.size(), ipv4_text{client.addr}.c_str(),
                   ntohs(client.addr.sin_port), key.c_str());
+    begin_answers(server, client);
     parse_data_from_win_client(&server, &client, data.data(), data.size());
+    end_answers(server);
 }
 
 // An empty frame of somebody unknown: a new connection, or the late notice of one that we have closed.
@@ -140,10 +170,55 @@ static bool let_more_gather(WIN_SERVER_t& server, int64_t call_began)
     return nanosleep(&pause, nullptr) == 0;
 }
 
+// Counts what has been handled without draining the port, and leaves the debug lines out while that is too
+// much: making them takes many times what most messages do, and one who floods would have us do nothing else.
+static void note_backlog(WIN_SERVER_t& server, int64_t now, size_t handled)
+{
+    if (server.undrained_since == 0)
+        server.undrained_since = now;
+    server.undrained_bytes += handled;
+    const bool is_behind =
+        server.undrained_bytes >= behind_bytes && now - server.undrained_since >= behind_us;
+    dbg_hold(is_behind);
+    if (is_behind && server.lines_left_out.begins(now / 1000))
+        logger_warning(g_logger,
+                       "%s: bridges send more than can be handled, debug lines are left out meanwhile!",
+                       "handle_win_clients");
+}
+
+static void note_drained(WIN_SERVER_t& server)
+{
+    server.undrained_since = 0;
+    server.undrained_bytes = 0;
+    dbg_hold(false);
+}
+
 // The identity of one more event, at hand or about to come.
 static bool receive_another(message_part& identity, WIN_SERVER_t& server, void* socket, int64_t call_began)
 {
-    return identity.receive(socket) || (let_more_gather(server, call_began) && identity.receive(socket));
+    if (identity.receive(socket))
+        return true;
+    note_drained(server);
+    return let_more_gather(server, call_began) && identity.receive(socket);
+}
+
+// Handles events from the one on, whose identity is at hand. False when its data is missing.
+static bool handle_turn(WIN_SERVER_t& server, void* socket, message_part& identity, int64_t call_began)
+{
+    message_part data;
+    size_t bytes = 0;
+    for (int events = 1;; ++events) {
+        if (!data.receive(socket))
+            return false;
+        const size_t size = data.size();
+        handle_event(server, identity, data);
+        bytes += size;
+        if (size >= large_event)
+            note_backlog(server, zclock_usecs(), size);
+        if (events == events_per_call || bytes >= bytes_per_call || server.intake_is_paused ||
+            !receive_another(identity, server, socket, call_began))
+            return true;
+    }
 }
 
 int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
@@ -154,29 +229,48 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
     void* socket = zsock_resolve(reader);
     const int64_t call_began = zclock_usecs();
     message_part identity;
-    message_part data;
     if (!identity.receive(socket)) {
         logger_error(g_logger, "%s: zframe_recv returned NULL!", __func__);
         return 1;
     }
-    for (int events = 1;; ++events) {
-        if (!data.receive(socket)) {
-            log_call_error(__func__, "zframe_recv");
-            return 1;
-        }
-        handle_event(*server, identity, data);
-        if (events == events_per_call || server->intake_is_paused ||
-            !receive_another(identity, *server, socket, call_began))
-            break;
-    }
+    note_backlog(*server, call_began, 0);
+    const bool complete = handle_turn(*server, socket, identity, call_began);
+    dbg_hold(false); // what others have this thread do is shown
+    if (server->intake_is_paused)
+        note_drained(*server); // what waits on purpose is no backlog
+    if (!complete)
+        log_call_error(__func__, "zframe_recv");
     server->cuts.carry_out(socket, server->win_port);
-    return 0;
+    return complete ? 0 : 1;
+}
+
+// When all frames together take too much, the largest is given up, this client's or another's.
+static void bound_frames(WIN_SERVER_t& server, size_t added)
+{
+    while (server.unfinished_total.bytes() + added > pending_data_total_limit) {
+        WIN_CLIENT_t* largest =
+            server.clients.largest([](const WIN_CLIENT_t& c) { return c.pending_memory.bytes(); });
+        const size_t before = largest ? largest->pending_memory.bytes() : 0;
+        if (before <= pending_data_step)
+            return; // many small ones: each costs no more than its connection does
+        if (server.frames_given_up.begins(zclock_mono()))
+            logger_error(g_logger,
+                         "%s: the unfinished messages of all win clients take too much: the one of [%s] "
+                         "IP %s:%d, %zu bytes, is dropped!",
+                         "parse_data_from_win_client", identity_key{largest->id}.c_str(),
+                         ipv4_text{largest->addr}.c_str(), ntohs(largest->addr.sin_port),
+                         largest->pending_data_size);
+        win_client_give_up_frame(*largest);
+        if (largest->pending_memory.bytes() == before)
+            return; // the memory could not be had back
+    }
 }
 
 void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size)
 {
     if (any_null(__func__, server, client, data))
         return;
+    bound_frames(*server, size);
     win_client_decode(*client, {data, size}, deliver_frame, server);
 }
 

@@ -141,10 +141,7 @@ int check_clients_unsent_messages(zloop_t* loop, int timer_id, void* p_server) n
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (any_null(__func__, loop, server))
         return 1;
-    server->clients.for_each([&](WIN_CLIENT_t& client) {
-        if (!client.unsent_messages.empty())
-            unsent_messages_to_win_client(server, &client);
-    });
+    unsent_messages_to_win_clients(*server);
     return 0;
 }
 

@@ -269,7 +269,7 @@ TEST_F(wiring, the_sockets_have_no_options_beside_the_known_ones)
         zsock_t* sock;
         std::set<int> own; // tested elsewhere
     } cases[] = {
-        {"WIN port", server.win_sock, {ZMQ_SNDTIMEO}},
+        {"WIN port", server.win_sock, {ZMQ_SNDTIMEO, ZMQ_SNDHWM, ZMQ_RCVHWM}},
         {"requests of other threads", server.interthread_sever_sock, {ZMQ_RCVTIMEO}},
         {"debug stream", server.dbg_client_sock, none},
         {"proxy", server.proxy_sock, upstream},

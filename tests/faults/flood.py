@@ -1,0 +1,60 @@
+"""flood.py PORT CONNECTIONS KIND read|deaf: hostile bridges, until the input is closed.
+
+Says "connected" once all connections stand, then nothing. KIND: "small", pings as short as they can be; "large", pings
+of 1 MiB; "open", one message of nearly 1 MiB that does not end; "silent", nothing."""
+import select
+import socket
+import sys
+
+MIB = 1 << 20
+KINDS = {
+    "small": b"\xf5\x00\x00\x01\xf7" * 13107,
+    "large": b"\xf5\x00\x00\x01" + b"\x11" * (MIB - 8) + b"\xf7",
+    "open": b"\xf5" + b"\x11" * (MIB - 8),
+    "silent": b"",
+}
+
+
+class Flood:
+    def __init__(self, port: int, connections: int, kind: str, reads: bool):
+        self.data = memoryview(KINDS[kind])
+        self.goes_on = kind in ("small", "large")
+        self.reads = select.EPOLLIN if reads else 0
+        self.epoll = select.epoll()
+        self.epoll.register(sys.stdin, select.EPOLLIN)
+        self.at = {}
+        self.socks = {}
+        for _ in range(connections):
+            sock = socket.create_connection(("127.0.0.1", port))
+            sock.setblocking(False)
+            self.socks[sock.fileno()] = sock
+            self.at[sock.fileno()] = 0
+            self.epoll.register(sock, (select.EPOLLOUT if self.data else 0) | self.reads)
+
+    def serve(self, sock, events: int):
+        if events & select.EPOLLIN and not sock.recv(MIB):
+            raise OSError
+        if events & select.EPOLLOUT:
+            at = self.at[sock.fileno()] + sock.send(self.data[self.at[sock.fileno()]:])
+            if at == len(self.data) and not self.goes_on:
+                self.epoll.modify(sock, self.reads)
+            self.at[sock.fileno()] = at % len(self.data)
+
+    def run(self):
+        while True:
+            for fd, events in self.epoll.poll():
+                if fd == sys.stdin.fileno():
+                    return
+                try:
+                    self.serve(self.socks[fd], events)
+                except BlockingIOError:
+                    pass
+                except OSError:
+                    self.epoll.unregister(fd)
+                    self.socks.pop(fd).close()
+
+
+if __name__ == "__main__":
+    flood = Flood(int(sys.argv[1]), int(sys.argv[2]), sys.argv[3], sys.argv[4] == "read")
+    print("connected", flush=True)
+    flood.run()

@@ -1,0 +1,301 @@
+#include "link/sending.h"
+#include "link/unsent_messages.h"
+#include "link/win_server_private.h"
+#include "link/win_server_win_clients.h"
+
+#include "base/czmq_ptr.h"
+#include "base/peer.h"
+#include "support/hex_bytes.h"
+#include "support/log_capture.h"
+#include "support/win_link.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace rtls {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+bytes_t bytes_of(const std::string& text)
+{
+    return {text.begin(), text.end()};
+}
+
+std::string next_of(const unsent_queue& queue, size_t most)
+{
+    std::vector<uint8_t> room(most);
+    room.resize(queue.copy_next(room));
+    return {room.begin(), room.end()};
+}
+
+// The messages that are complete once `bytes` more of the queue have been sent.
+std::vector<std::string> sent_after(unsent_queue& queue, size_t bytes)
+{
+    std::vector<std::string> sent;
+    queue.advance(bytes, [&](bytes_view message, size_t left) {
+        sent.push_back(std::string{message.begin(), message.end()} + ' ' + std::to_string(left));
+    });
+    return sent;
+}
+
+// A record in the table whose connection does not exist: whatever is sent to it fails.
+WIN_CLIENT_t* add_unreachable(const win_link& link, uint32_t number)
+{
+    bytes_t identity{0};
+    for (int shift = 24; shift >= 0; shift -= 8)
+        identity.push_back(static_cast<uint8_t>(number >> shift));
+    const zframe_ptr id{zframe_new(identity.data(), identity.size())};
+    win_client_ptr made{win_client_new(id.get())};
+    WIN_SERVER_t& server = link.server();
+    made->pending_memory.join(server.unfinished_total);
+    made->unsent_messages.count_in(server.unsent_total);
+    return server.clients.insert(identity_key{identity}.c_str(), std::move(made));
+}
+
+bytes_t framed(const bytes_t& message)
+{
+    return hex("F5") + message + hex("F7");
+}
+
+bytes_t numbered_ping(size_t number)
+{
+    return hex("00 00") + bytes_t{static_cast<uint8_t>(number % 200), static_cast<uint8_t>(number / 200)};
+}
+
+constexpr size_t mebibyte = size_t{1024} * 1024;
+
+} // namespace
+
+TEST(unsent_queue, gives_its_bytes_across_messages_and_blocks)
+{
+    unsent_queue queue;
+    EXPECT_EQ(next_of(queue, 10), "");
+    const std::string large(3000, 'l'); // more than the first block has
+    for (const std::string& message : {std::string{"one"}, std::string{"two"}, large, std::string{"end"}})
+        ASSERT_TRUE(queue.append(bytes_of(message)));
+    EXPECT_EQ(next_of(queue, 2), "on");
+    EXPECT_EQ(next_of(queue, 7), "onetwol");
+    EXPECT_EQ(next_of(queue, 9999), "onetwo" + large + "end");
+
+    EXPECT_THAT(sent_after(queue, 1), IsEmpty());
+    EXPECT_EQ(next_of(queue, 4), "netw");
+    EXPECT_THAT(sent_after(queue, 4), ElementsAre("one 3"));
+    EXPECT_THAT(sent_after(queue, 1 + 2999), ElementsAre("two 2"));
+    EXPECT_EQ(next_of(queue, 9), "lend");
+    EXPECT_EQ(queue.bytes(), 3003U); // what is sent in part still waits
+    EXPECT_THAT(sent_after(queue, 4), ElementsAre(large + " 1", "end 0"));
+    EXPECT_TRUE(queue.empty());
+    EXPECT_EQ(queue.memory(), 0U);
+}
+
+TEST(unsent_queue, is_counted_where_it_was_told_to)
+{
+    memory_sum sum;
+    {
+        unsent_queue first;
+        ASSERT_TRUE(first.append(bytes_of("before")));
+        EXPECT_EQ(sum.bytes(), 0U);
+        first.count_in(sum);
+        EXPECT_EQ(sum.bytes(), first.memory());
+        unsent_queue second;
+        second.count_in(sum);
+        for (int i = 0; i < 20'000; ++i)
+            ASSERT_TRUE(second.append(hex("78")));
+        EXPECT_EQ(sum.bytes(), first.memory() + second.memory());
+        EXPECT_GE(second.memory(), 20'000 * (1 + sizeof(uint32_t)));
+        first.clear();
+        EXPECT_EQ(sum.bytes(), second.memory());
+    }
+    EXPECT_EQ(sum.bytes(), 0U);
+}
+
+TEST(unsent_messages, of_all_clients_are_bounded_and_the_largest_holder_gives_way)
+{
+    const win_link link;
+    const auto cache = [&](WIN_CLIENT_t* client, size_t size) {
+        const bytes_t message(size, 0x11);
+        return data_to_cache(&link.server(), client, message.data(), message.size());
+    };
+    std::vector<WIN_CLIENT_t*> greedy;
+    for (uint32_t i = 0; i < 25; ++i) {
+        greedy.push_back(add_unreachable(link, i + 1));
+        for (size_t held = 0; held + mebibyte <= 10 * mebibyte; held += mebibyte)
+            ASSERT_TRUE(cache(greedy.back(), mebibyte));
+    }
+    ASSERT_TRUE(cache(greedy[7], mebibyte)); // the largest from now on
+    for (int i = 0; i < 4; ++i) // 255 of 256 MiB, with what the blocks take beside them
+        cache(greedy[7], mebibyte);
+    log_capture log;
+    EXPECT_FALSE(cache(greedy[7], 2 * mebibyte)) << "nobody gives way to the largest itself";
+    EXPECT_GT(greedy[7]->unsent_messages.size(), 10U);
+
+    WIN_CLIENT_t* honest = add_unreachable(link, 1000);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(cache(honest, mebibyte));
+    EXPECT_EQ(honest->unsent_messages.size(), 3U);
+    EXPECT_TRUE(greedy[7]->unsent_messages.empty());
+    greedy.erase(greedy.begin() + 7);
+    for (const WIN_CLIENT_t* client : greedy)
+        EXPECT_EQ(client->unsent_messages.size(), 10U);
+    EXPECT_LE(link.server().unsent_total.bytes(), unsent_messages_total_limit + mebibyte);
+    const std::vector<std::string> said = log.messages("main");
+    ASSERT_EQ(said.size(), 1U);
+    EXPECT_THAT(said[0],
+                testing::StartsWith("data_to_cache: win client [0000000008] IP 0.0.0.0:0 does not read: "));
+}
+
+TEST(unsent_messages, larger_than_a_piece_arrive_whole_and_in_order)
+{
+    const win_link link{2}; // two pieces are all that the socket takes at once
+    auto [peer, client] = link.connect();
+    std::string expected;
+    for (const size_t size : {mebibyte / 2, size_t{1}, stream_piece_limit, stream_piece_limit - 2}) {
+        const bytes_t message(size, static_cast<uint8_t>('a' + size % 7));
+        EXPECT_TRUE(data_to_bridge(link.server(), frame_bytes(client->id), message));
+        const bytes_t frame = framed(message);
+        expected.append(frame.begin(), frame.end());
+    }
+    std::string received;
+    ASSERT_TRUE(link.pump_until([&, &peer = peer] {
+        unsent_messages_to_win_clients(link.server());
+        (void)peer.receive_more(received, std::chrono::milliseconds{1});
+        return received.size() >= expected.size();
+    }));
+    EXPECT_EQ(received, expected);
+    EXPECT_TRUE(client->unsent_messages.empty());
+}
+
+TEST(unsent_messages, are_offered_again_soon_where_the_socket_was_only_short_of_room)
+{
+    const win_link link{1};
+    auto [peer, client] = link.connect();
+    const bytes_t message(40 * stream_piece_limit, 0x11);
+    ASSERT_TRUE(data_to_bridge(link.server(), frame_bytes(client->id), message));
+    ASSERT_FALSE(client->unsent_messages.empty());
+    // The loop has no other timer, and ends when nothing waits any more.
+    struct watch {
+        WIN_CLIENT_t* client;
+        tcp_peer* peer;
+        std::string received;
+        int ticks = 0;
+    } watch{client, &peer, {}};
+    zloop_timer(
+        link.loop(), 1, 0,
+        [](zloop_t*, int, void* argument) {
+            auto* w = static_cast<struct watch*>(argument);
+            (void)w->peer->receive_more(w->received, std::chrono::milliseconds{1});
+            return w->client->unsent_messages.empty() || ++w->ticks == 20'000 ? -1 : 0;
+        },
+        &watch);
+    zloop_start(link.loop());
+    EXPECT_TRUE(client->unsent_messages.empty());
+    EXPECT_EQ(watch.received.size() + peer.receive(message.size() + 2 - watch.received.size()).size(),
+              message.size() + 2);
+}
+
+// --- answers to one event
+
+TEST(gathered_answers, leave_in_few_pieces_whole_and_in_order)
+{
+    const win_link link{2}; // sent one by one, most of them would have to wait
+    auto [peer, client] = link.connect();
+    bytes_t stream;
+    for (size_t i = 0; i < 1000; ++i)
+        stream = stream + framed(numbered_ping(i));
+    begin_answers(link.server(), *client);
+    parse_data_from_win_client(&link.server(), client, stream.data(), stream.size());
+    EXPECT_TRUE(client->unsent_messages.empty());
+    EXPECT_FALSE(link.server().answers.empty());
+    end_answers(link.server());
+    EXPECT_TRUE(client->unsent_messages.empty()) << client->unsent_messages.size();
+    const std::string received = peer.receive(stream.size());
+    EXPECT_EQ(received, std::string(stream.begin(), stream.end()));
+}
+
+TEST(gathered_answers, come_after_what_waits)
+{
+    const win_link link;
+    auto [peer, client] = link.connect();
+    ASSERT_TRUE(data_to_cache(&link.server(), client, reinterpret_cast<const uint8_t*>("old "), 4));
+    const bytes_t stream = framed(numbered_ping(1)) + framed(numbered_ping(2));
+    peer.send(stream);
+    ASSERT_TRUE(link.pump_until([&, client = client] { return client->unsent_messages.empty(); }));
+    EXPECT_EQ(peer.receive(4 + stream.size()), "old " + std::string(stream.begin(), stream.end()));
+}
+
+TEST(gathered_answers, that_the_socket_refuses_wait_one_by_one)
+{
+    const win_link link{10};
+    auto [peer, client] = link.connect(4096);
+    const std::string before = link.fill(*client);
+    bytes_t stream;
+    for (size_t i = 0; i < 20; ++i)
+        stream = stream + framed(numbered_ping(i));
+    begin_answers(link.server(), *client);
+    parse_data_from_win_client(&link.server(), client, stream.data(), stream.size());
+    end_answers(link.server());
+    EXPECT_EQ(client->unsent_messages.size(), 20U);
+    const bytes_view first = client->unsent_messages.front();
+    EXPECT_EQ(bytes_t(first.begin(), first.end()), framed(numbered_ping(0)));
+    std::string received;
+    ASSERT_TRUE(link.pump_until([&, &peer = peer] {
+        unsent_messages_to_win_clients(link.server());
+        (void)peer.receive_more(received, std::chrono::milliseconds{1});
+        return received.size() >= before.size() + stream.size();
+    }));
+    EXPECT_EQ(received, before + std::string(stream.begin(), stream.end()));
+}
+
+// --- unfinished frames
+
+TEST(unfinished_frames, of_all_clients_are_bounded_and_the_largest_is_given_up)
+{
+    log_capture log;
+    const win_link link;
+    const auto begin_frame = [&](WIN_CLIENT_t* client, size_t size) {
+        const bytes_t start = hex("F5");
+        const bytes_t part(8192, 0x11);
+        parse_data_from_win_client(&link.server(), client, start.data(), start.size());
+        for (size_t done = 0; done < size; done += part.size())
+            parse_data_from_win_client(&link.server(), client, part.data(), part.size());
+    };
+    const size_t number = pending_data_total_limit / mebibyte;
+    std::vector<WIN_CLIENT_t*> greedy;
+    for (uint32_t i = 0; i < number + 20; ++i) {
+        greedy.push_back(add_unreachable(link, i + 1));
+        begin_frame(greedy.back(), mebibyte - 8192);
+        ASSERT_LE(link.server().unfinished_total.bytes(), pending_data_total_limit + 8192);
+    }
+    WIN_CLIENT_t* honest = add_unreachable(link, 1000);
+    begin_frame(honest, size_t{128} * 1024);
+    EXPECT_EQ(honest->parsing_state, PS_DATA);
+    EXPECT_EQ(honest->pending_data_size, size_t{128} * 1024);
+    const auto given_up = std::count_if(greedy.begin(), greedy.end(), [](const WIN_CLIENT_t* client) {
+        return client->parsing_state == PS_NONE && client->pending_buffsize == pending_data_step;
+    });
+    EXPECT_GE(given_up, 20);
+    EXPECT_LE(given_up, 23);
+    EXPECT_THAT(log.messages("main"),
+                ElementsAre(testing::HasSubstr("the unfinished messages of all win clients take too much")));
+}
+
+TEST(unfinished_frames, that_were_long_give_their_memory_back_when_they_are_complete)
+{
+    const win_link link;
+    WIN_CLIENT_t* client = add_unreachable(link, 1);
+    const bytes_t frame = framed(hex("FF FF 01") + bytes_t(mebibyte / 2, 0x11));
+    parse_data_from_win_client(&link.server(), client, frame.data(), frame.size());
+    EXPECT_EQ(client->parsing_state, PS_NONE);
+    EXPECT_EQ(link.server().unfinished_total.bytes(), pending_data_kept);
+    EXPECT_LE(client->pending_data_size, pending_data_kept);
+}
+
+} // namespace rtls
