@@ -42,8 +42,8 @@ struct WIN_SERVER_t {
     door win_door{"WIN"};
     std::string discovery_address = "*";
     curve_certificates certificates; // of the links upstream
-    memory_sum unsent_total;     // of all clients' unsent messages
-    memory_sum unfinished_total; // of all clients' frames at hand
+    memory_sum unsent_total;         // of all clients' unsent messages
+    memory_sum unfinished_total;     // of all clients' frames at hand
     refusal_episode frames_given_up;
     client_table clients;
     gathered_answers answers;
