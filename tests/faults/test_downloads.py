@@ -85,7 +85,7 @@ def announcement(url: str) -> bytes:
     return struct.pack(">HIIH", wire.FW_IMAGE_AVAIL, 1, 0, len(url)) + url.encode()
 
 
-def test_hung_file_servers_hold_up_nobody(gateway, web):
+def test_hung_file_servers_hold_up_nobody(gateway, web, figure):
     for git in range(8):
         gateway.proxy.publish(upload_order(git, web.serve(f"/{git}", image(git), hangs=True)))
     wait_until(lambda: web.asked, "the first request")
@@ -97,6 +97,7 @@ def test_hung_file_servers_hold_up_nobody(gateway, web):
         bridge.barrier()
         assert other.command("fw info 0", "\n") == "Incorrect INDEX value!\n"
         waits.append(time.monotonic() - begin)
+    figure("the longest ping and command beside 8 hung orders", "20 s each", f"{max(waits) * 1000:.0f} ms")
     assert max(waits) < 0.5, f"somebody waited {max(waits):.1f} s"
     wait_until(lambda: len(web.asked) == 4, "four requests")
     assert web.most_at_once == 4

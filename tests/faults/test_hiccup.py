@@ -17,7 +17,7 @@ def overflows(gateway) -> list:
 
 
 @pytest.mark.parametrize("pauses, reports", [(3, 1500), (1, 10_000)])
-def test_what_waits_in_tcp_during_a_pause_reaches_the_handler(gateway, pauses, reports):
+def test_what_waits_in_tcp_during_a_pause_reaches_the_handler(gateway, pauses, reports, figure):
     bridges = [gateway.bridge(wire.mac(0xB001 + i)) for i in range(4)]
     sent = 0
     for _ in range(pauses):
@@ -32,11 +32,13 @@ def test_what_waits_in_tcp_during_a_pause_reaches_the_handler(gateway, pauses, r
     while received < sent and gateway.handler.sock.poll(2000):
         gateway.handler.sock.recv_multipart()
         received += 1
+    figure(f"reports lost, of {pauses} pauses with {reports:,} reports each",
+           {1: "3,788 in 10 s at 1,000/s", 3: "1,946 in 3 x 0.5 s at 3,000/s"}[pauses], f"{sent - received}")
     assert received == sent, f"{sent - received} of {sent} reports lost"
     assert overflows(gateway) == []
 
 
-def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway):
+def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, figure):
     gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
     handler = gateway.context.socket(zmq.PULL)     # connected, but never reads
     handler.setsockopt(zmq.RCVHWM, 1)
@@ -56,6 +58,8 @@ def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway):
         honest.barrier()
         waits.append(time.monotonic() - begin)
     handler.close(0)
+    figure("a ping beside a handler that reads nothing, median (worst)", "-",
+           f"{sorted(waits)[50] * 1000:.1f} ms ({max(waits) * 1000:.0f} ms)")
     assert sorted(waits)[90] < 0.05 and max(waits) < 0.5, f"a ping waited {max(waits) * 1000:.0f} ms"
 
 
