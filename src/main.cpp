@@ -119,8 +119,8 @@ static bool serve_with_curl(const char* config_file)
 int main(int argc, char* argv[])
 {
     // First of all: from here on SIGTERM is an orderly stop, whenever it comes.
-    zsys_init();
     make_io_threads();
+    zsys_init();
     stop_on_hangup();
     block_stop_signals();
     (void)std::signal(SIGPIPE, SIG_IGN);
