@@ -144,8 +144,8 @@ int main(int argc, char* argv[])
     if (!has_descriptors())
         return EXIT_FAILURE;
     // First of all else: from here on SIGTERM is an orderly stop, whenever it comes.
-    zsys_init();
     make_io_threads();
+    zsys_init();
     stop_on_hangup();
     block_stop_signals();
     (void)std::signal(SIGPIPE, SIG_IGN);

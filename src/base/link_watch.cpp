@@ -5,14 +5,18 @@
 #include "base/message_part.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace rtls {
 
 void make_io_threads()
 {
-    if (zmq_ctx_get(zsys_init(), ZMQ_IO_THREADS) < static_cast<int>(io_threads_number)) // the environment's
-        zsys_set_io_threads(io_threads_number);
+    // CZMQ reads it when it starts; whoever runs us may have asked for more.
+    constexpr char variable[] = "ZSYS_IO_THREADS";
+    const char* asked = getenv(variable);
+    if (!asked || strtol(asked, nullptr, 10) < static_cast<long>(io_threads_number))
+        (void)setenv(variable, std::to_string(io_threads_number).c_str(), 1);
 }
 
 void serve_by(zsock_t* sock, io_thread thread)

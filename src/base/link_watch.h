@@ -22,7 +22,8 @@ namespace rtls {
 enum io_thread { io_thread_of_ports, io_thread_of_handler, io_thread_of_proxy, io_thread_of_proxy_input };
 inline constexpr size_t io_threads_number = 4;
 
-// Gives the library that many threads, if the environment has not given it more. Before the first socket of the process.
+// Gives the library that many threads, if the environment has not given it more. Before zsys_init, while
+// there is one thread only.
 void make_io_threads();
 // Before the socket is bound or connected. Without make_io_threads() any thread serves it.
 void serve_by(zsock_t* sock, io_thread thread);

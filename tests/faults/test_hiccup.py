@@ -45,6 +45,8 @@ def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, figure):
     handler.setsockopt(zmq.RCVBUF, 4096)
     handler.bind(gateway._endpoint("handler"))
     flooding, honest = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
+    flooding.introduce()
+    honest.introduce()
     chunk = b"".join(wire.frame(wire.root_announce(BRIDGE, i % 255 + 1)) for i in range(500))
     deadline = time.monotonic() + 20
     while not overflows(gateway):   # fills what TCP holds, then the queue
@@ -70,6 +72,8 @@ def test_a_handler_that_is_slow_delays_pings_for_a_moment_only(start_gateway):
     handler.setsockopt(zmq.RCVBUF, 4096)
     handler.bind(gateway._endpoint("handler"))
     flooding, honest = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
+    flooding.introduce()
+    honest.introduce()
     chunk = b"".join(wire.frame(wire.root_announce(BRIDGE, i % 255 + 1)) for i in range(500))
     flooding.sock.setblocking(False)
     rest, waits = b"", []
