@@ -82,7 +82,10 @@ def test_what_bridges_leave_unread_or_unfinished_stays_under_a_gibibyte(gateway,
     honest = Honest(gateway)
     with flood(gateway, connections, kind):
         times = honest.pings(5)
-        peak = peak_mib(gateway)
+        peak = 0
+        while peak_mib(gateway) > peak:    # until no more is taken in
+            peak = peak_mib(gateway)
+            times += honest.pings(1)
     figure(f"memory under {connections} bridges, {kind} messages", before, f"{peak} MiB")
     assert peak < 1024
     assert statistics.median(times) < 1, "an honest bridge is served"
