@@ -1,5 +1,7 @@
 #include "base/descriptors.h"
 
+#include "base/logger.h"
+
 #include <sys/resource.h>
 
 #include <cstdint>
@@ -27,6 +29,19 @@ bool is_reserved_descriptor(int fd) noexcept
         return false;
     const size_t allowed = as_number(limit.rlim_cur);
     return allowed != SIZE_MAX && static_cast<size_t>(fd) + descriptors_reserved >= allowed;
+}
+
+bool full_house::refuses(int fd, int64_t now_ms) noexcept
+{
+    if (!is_reserved_descriptor(fd))
+        return false;
+    m_refused.fetch_add(1, std::memory_order_relaxed);
+    if (m_episode.begins(now_ms))
+        logger_error(g_logger,
+                     "nearly all files that may be open are, no more %s are let in! See ulimit -Hn, or "
+                     "LimitNOFILE=",
+                     m_guests);
+    return true;
 }
 
 } // namespace rtls

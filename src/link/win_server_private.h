@@ -14,6 +14,7 @@
 #include "base/connection_cut.h"
 #include "base/curve.h"
 #include "base/czmq_ptr.h"
+#include "base/descriptors.h"
 #include "base/door.h"
 #include "base/link_watch.h"
 #include "base/memory_sum.h"
@@ -40,6 +41,7 @@ struct WIN_SERVER_t {
     in_port_t win_port = 0;           // host order
     in_port_t discovery_port = 0;
     door win_door{"WIN"};
+    full_house house{"bridges"};
     std::string discovery_address = "*";
     curve_certificates certificates; // of the links upstream
     memory_sum unsent_total;         // of all clients' unsent messages
@@ -87,7 +89,6 @@ struct WIN_SERVER_t {
     int64_t undrained_since = 0;    // zclock_usecs of the first event since it was drained; 0 while it is
     size_t undrained_bytes = 0;     // and what has been handled since then
     refusal_episode lines_left_out; // while it has not been drained for long
-    refusal_episode house_full;     // no descriptors for more bridges
     int64_t last_win_event = 0;     // zclock_usecs of when the WIN port was last drained
     int64_t supervised_since = 0;   // zclock_mono of when the first period of the client checks began
     int64_t last_client_check = 0;  // number of the period in which clients were last checked

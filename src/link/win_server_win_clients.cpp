@@ -1,7 +1,6 @@
 #include "link/win_server_win_clients.h"
 
 #include "base/czmq_ptr.h"
-#include "base/descriptors.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
@@ -69,22 +68,9 @@ static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, 
     return client;
 }
 
-static bool is_house_full(WIN_SERVER_t& server, int fd)
-{
-    if (!is_reserved_descriptor(fd))
-        return false;
-    if (server.house_full.begins(zclock_mono()))
-        logger_error(
-            g_logger,
-            "%s: nearly all files that may be open are, no more bridges are let in! See ulimit -Hn, or "
-            "LimitNOFILE=",
-            "handle_win_clients");
-    return true;
-}
-
 static bool is_admitted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
 {
-    if (is_house_full(server, client.fd))
+    if (server.house.refuses(client.fd, zclock_mono()))
         return false;
     const in_addr address = client.addr.sin_addr;
     return server.win_door.admits(address, server.clients.size(), server.clients.size_of_address(address),

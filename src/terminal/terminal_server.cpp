@@ -5,6 +5,7 @@
 #include "base/config.h"
 #include "base/connection_cut.h"
 #include "base/czmq_ptr.h"
+#include "base/descriptors.h"
 #include "base/door.h"
 #include "base/endpoints.h"
 #include "base/link_watch.h"
@@ -54,8 +55,9 @@ struct TERMINAL_SERVER_t {
 
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
-    connection_cuts cuts;      // of those who quit and do not read
-    uint64_t drained = 0;      // how often no event was left in terminal_sock
+    connection_cuts cuts; // of those who quit and do not read
+    uint64_t drained = 0; // how often no event was left in terminal_sock
+    full_house house{"operators"};
     closed_id_set refused_ids; // connections that may not come in
 };
 
@@ -120,7 +122,8 @@ static bool is_refused(TERMINAL_SERVER_t* server, message_part& identity, const 
     sockaddr_in peer{};
     (void)read_peer_address(identity.source_fd(), server->port, peer);
     const size_t present = zhashx_size(server->clients.get()) + server->forgotten_ids.size();
-    if (server->entrance.admits(peer.sin_addr, present, sessions_of(*server, peer.sin_addr), zclock_mono()))
+    if (!server->house.refuses(identity.source_fd(), zclock_mono()) &&
+        server->entrance.admits(peer.sin_addr, present, sessions_of(*server, peer.sin_addr), zclock_mono()))
         return false;
     message_part nothing; // closes it
     stream_send(server->terminal_sock.get(), identity.bytes(), nothing);

@@ -1,10 +1,16 @@
-"""flood.py PORT CONNECTIONS KIND read|deaf: hostile bridges, until the input is closed.
+"""flood.py PORT CONNECTIONS KIND read|deaf: hostile bridges, until the input is closed. Each names itself first, so
+that supervision has no reason to close it.
 
 Says "connected" once all connections stand, then nothing. KIND: "small", pings as short as they can be; "large", pings
 of 1 MiB; "open", one message of nearly 1 MiB that does not end; "silent", nothing."""
+import pathlib
 import select
 import socket
 import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "e2e"))
+
+from harness import wire  # noqa: E402
 
 MIB = 1 << 20
 KINDS = {
@@ -24,8 +30,10 @@ class Flood:
         self.epoll.register(sys.stdin, select.EPOLLIN)
         self.at = {}
         self.socks = {}
-        for _ in range(connections):
+        for number in range(connections):
             sock = socket.create_connection(("127.0.0.1", port))
+            mac = wire.mac(0x2000 + number)
+            sock.sendall(wire.frame(wire.heartbeat(mac, 1, bridge=mac, addr=wire.ip(0x100000 + number))))
             sock.setblocking(False)
             self.socks[sock.fileno()] = sock
             self.at[sock.fileno()] = 0

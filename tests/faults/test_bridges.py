@@ -77,12 +77,15 @@ def ms(seconds: float) -> str:
 
 
 @pytest.mark.parametrize("kind, connections, before", [
-    ("small", 200, "1,577 MiB"), ("large", 200, "1,351 MiB"), ("open", 1200, "1,330 MiB")], ids=["small", "large", "open"])
+    ("small", 200, "1,577 MiB"), ("large", 200, "1,351 MiB"), ("open", 1200, "2,396 MiB")], ids=["small", "large", "open"])
 def test_what_bridges_leave_unread_or_unfinished_stays_under_a_gibibyte(gateway, figure, kind, connections, before):
     honest = Honest(gateway)
     with flood(gateway, connections, kind):
         times = honest.pings(5)
-        peak = peak_mib(gateway)
+        peak = 0
+        while peak_mib(gateway) > peak:    # until no more is taken in
+            peak = peak_mib(gateway)
+            times += honest.pings(1)
     figure(f"memory under {connections} bridges, {kind} messages", before, f"{peak} MiB")
     assert peak < 1024
     assert statistics.median(times) < 1, "an honest bridge is served"
@@ -97,7 +100,7 @@ def test_the_end_of_full_bridges_stalls_nobody(gateway, figure):
         with flood(gateway, 20, "large"):
             wait_until(full, "full bridges", 60)
         stalls.append(max(honest.pings(1, 0.001)))
-    figure("the longest ping while 20 full bridges leave", "BEFORE_FREE", ms(min(stalls)))
+    figure("the longest ping while 20 full bridges leave", "3,300 ms", ms(min(stalls)))
     assert min(stalls) < 0.05
 
 

@@ -1,10 +1,15 @@
 #include "base/descriptors.h"
 
+#include "support/log_capture.h"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
 
 namespace rtls {
+
+using testing::ElementsAre;
 
 namespace {
 
@@ -46,6 +51,23 @@ TEST(descriptors, the_soft_limit_is_raised_to_the_hard_one)
     getrlimit(RLIMIT_NOFILE, &now);
     EXPECT_EQ(now.rlim_cur, limit.hard());
     EXPECT_EQ(allowed, now.rlim_cur);
+}
+
+TEST(full_house, refuses_who_would_take_the_reserve_and_says_so_once_an_episode)
+{
+    log_capture log;
+    const soft_limit limit{256};
+    full_house house{"guests"};
+    EXPECT_FALSE(house.refuses(100, 0));
+    EXPECT_TRUE(house.refuses(200, 1000));
+    EXPECT_TRUE(house.refuses(201, 2000));
+    EXPECT_EQ(house.refused(), 2U);
+    EXPECT_THAT(
+        log.messages("main"),
+        ElementsAre("nearly all files that may be open are, no more guests are let in! See ulimit -Hn, "
+                    "or LimitNOFILE="));
+    EXPECT_TRUE(house.refuses(200, 2000 + refusal_episode::quiet_ms));
+    EXPECT_EQ(log.messages("main").size(), 1U);
 }
 
 } // namespace rtls
