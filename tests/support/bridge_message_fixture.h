@@ -13,8 +13,6 @@
 
 namespace rtls {
 
-using texts_t = std::vector<std::string>;
-
 // --- messages as bridges and nodes write them
 
 inline constexpr char sender_mac[] = "E4 A2 A3 A4 A5 A6 A7 A8";
