@@ -13,8 +13,6 @@
 
 namespace rtls {
 
-using texts_t = std::vector<std::string>;
-
 // --- messages as bridges and nodes write them
 
 inline constexpr char sender_mac[] = "E4 A2 A3 A4 A5 A6 A7 A8";
@@ -36,6 +34,11 @@ struct heartbeat_options_t {
 bytes_t heartbeat_body(const heartbeat_options_t& options);
 // All 63 of them, as a node writes that has a connection of its own.
 bytes_t heartbeat(const heartbeat_options_t& options = {});
+
+// The heartbeat of `heartbeat()` as the servers get it: without its address, with position and bridge.
+inline const std::string heartbeat_report =
+    digits("0104 01 0A145207 E4A2A3A4A5A6A7A8 B1B2B3B4B5B6B7B8 01020304") +
+    digits("000004D2 FFFFFFFE FFFD1234") + digits("ABCDEF012ABCDE3F");
 
 bytes_t panid_req(uint8_t seq, const std::string& mac = bridge_mac);
 bytes_t announce_root(uint8_t seq, const std::string& mac = bridge_mac);

@@ -30,6 +30,11 @@ inline bytes_t hex(std::string_view text)
     return bytes;
 }
 
+inline std::string text_of(const bytes_t& bytes)
+{
+    return {bytes.begin(), bytes.end()};
+}
+
 inline bytes_t operator+(bytes_t left, const bytes_t& right)
 {
     left.insert(left.end(), right.begin(), right.end());

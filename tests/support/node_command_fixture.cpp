@@ -58,7 +58,7 @@ static std::string without_framing(bytes_view frame)
     return to_hex(message);
 }
 
-std::vector<std::string> node_command_fixture::sent_to(WIN_CLIENT_t* bridge)
+texts_t node_command_fixture::sent_to(WIN_CLIENT_t* bridge)
 {
     std::vector<std::string> messages;
     for (unsent_queue& unsent = bridge->unsent_messages; !unsent.empty(); unsent.pop())
@@ -66,7 +66,7 @@ std::vector<std::string> node_command_fixture::sent_to(WIN_CLIENT_t* bridge)
     return messages;
 }
 
-std::vector<std::string> node_command_fixture::errors()
+texts_t node_command_fixture::errors()
 {
     std::vector<std::string> texts = m_log.messages("main");
     std::erase_if(texts, [](const std::string& text) { return text.find("zframe_send: 113,") != text.npos; });

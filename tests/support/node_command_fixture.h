@@ -7,6 +7,7 @@
 
 #include "support/log_capture.h"
 #include "support/test_gateway.h"
+#include "support/texts.h"
 
 #include <gtest/gtest.h>
 
@@ -35,12 +36,12 @@ protected:
     void remove_node(const std::string& mac);
 
     // What went to the bridge since the last call: the messages as hex, without their framing.
-    static std::vector<std::string> sent_to(WIN_CLIENT_t* bridge);
+    static texts_t sent_to(WIN_CLIENT_t* bridge);
 
     // What was logged since the last call: errors and the like, and the lines of a debug section
     // ("PROXY: ..."). That a bridge is not reachable goes without saying here.
-    std::vector<std::string> errors();
-    std::vector<std::string> lines(std::string_view section) { return m_log.messages(section); }
+    texts_t errors();
+    texts_t lines(std::string_view section) { return m_log.messages(section); }
 
     static constexpr char node_ip[] = "FE80000000000000A1A2A3A4A5A6A7A8";
 

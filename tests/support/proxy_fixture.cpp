@@ -13,16 +13,16 @@ bool proxy_fixture::process(const std::string& command)
     return process_data_from_pub_sub_proxy(server, bytes.data(), bytes.size());
 }
 
-texts proxy_fixture::printed_by(const std::string& command)
+texts_t proxy_fixture::printed_by(const std::string& command)
 {
     EXPECT_TRUE(process(command));
     return lines("parsing");
 }
 
-texts proxy_fixture::logged_by(const std::string& command)
+texts_t proxy_fixture::logged_by(const std::string& command)
 {
     EXPECT_TRUE(process(command));
-    EXPECT_EQ(lines("parsing"), texts{});
+    EXPECT_EQ(lines("parsing"), texts_t{});
     return errors();
 }
 

@@ -11,8 +11,6 @@
 
 namespace rtls {
 
-using texts = std::vector<std::string>;
-
 class proxy_fixture : public node_command_fixture {
 protected:
     static inline const std::string mac = "E4000000000000A1";
@@ -22,9 +20,9 @@ protected:
     // The command's bytes stand in a heap buffer of their exact size.
     bool process(const std::string& command);
     // A command that the dispatcher takes; what it printed in section parsing.
-    texts printed_by(const std::string& command);
+    texts_t printed_by(const std::string& command);
     // The same, for a command whose form is wrong: what it logged as errors.
-    texts logged_by(const std::string& command);
+    texts_t logged_by(const std::string& command);
     // The node of `mac`, without a memory of earlier commands.
     void fresh_node(const node_options_t& options);
     // Sends a command to a node without memory, and then another one that it is to be dropped for. The

@@ -1,8 +1,5 @@
 // The debug stream and the helpers of common.h.
 #include "base/common.h"
-#include "base/hex.h"
-#include "firmware/crc32.h"
-#include "link/rpl_version.h"
 
 #include "base/logger.h"
 #include "support/log_capture.h"
@@ -16,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -314,7 +310,6 @@ TEST(debug_stream_without_loggers, logs_no_errors_and_does_not_crash)
     log_call_error("function", "call");
     log_system_call_error("function", "call");
     EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(crc32_byte(nullptr, 1), 0U);
 }
 
 TEST(log_call_error, tells_the_call_and_errno_with_its_text)
@@ -371,51 +366,6 @@ TEST(get_current_time, is_the_real_time_clock)
     EXPECT_LE(measured, milliseconds(after.tv_sec, after.tv_nsec / 1'000'000));
 }
 
-TEST(crc32_byte, is_the_crc_of_ieee_802_3)
-{
-    const struct {
-        const char* bytes;
-        uint32_t crc;
-    } cases[] = {
-        {"", 0x00000000},
-        {"1", 0x83DCEFB7},
-        {"a", 0xE8B7BE43},
-        {"1234567", 0x5003699F},
-        {"12345678", 0x9AE0DAAF},
-        {"123456789", 0xCBF43926},
-        {"The quick brown fox jumps over the lazy dog", 0x414FA339},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(
-            crc32_byte(reinterpret_cast<const uint8_t*>(c.bytes), static_cast<uint32_t>(strlen(c.bytes))),
-            c.crc)
-            << c.bytes;
-    const uint8_t zero = 0;
-    EXPECT_EQ(crc32_byte(&zero, 1), 0xD202EF8DU);
-}
-
-TEST(crc32_byte, agrees_with_the_bit_by_bit_definition_at_every_length_and_alignment)
-{
-    const auto bit_by_bit = [](const uint8_t* p, size_t length) {
-        uint32_t crc = 0xFFFFFFFF;
-        for (size_t i = 0; i < length; ++i) {
-            crc ^= p[i];
-            for (int bit = 0; bit < 8; ++bit)
-                crc = (crc & 1) != 0 ? crc >> 1 ^ 0xEDB88320 : crc >> 1;
-        }
-        return ~crc;
-    };
-    std::mt19937 random(7);
-    std::vector<uint8_t> bytes(80);
-    for (auto& b : bytes)
-        b = static_cast<uint8_t>(random());
-    for (size_t start = 0; start < 8; ++start)
-        for (size_t length = 0; length + start <= bytes.size(); ++length)
-            ASSERT_EQ(crc32_byte(&bytes[start], static_cast<uint32_t>(length)),
-                      bit_by_bit(&bytes[start], length))
-                << length << " bytes from " << start;
-}
-
 // The number alone says little to an operator who has no source at hand.
 TEST(call_errors, are_logged_with_the_whole_text_of_every_error)
 {
@@ -430,86 +380,6 @@ TEST(call_errors, are_logged_with_the_whole_text_of_every_error)
         EXPECT_THAT(log.messages("main"),
                     testing::ElementsAre(then + zmq_strerror(error), then + strerror(error)));
     }
-}
-
-TEST(string_to_uint8_arr, decodes_pairs_of_digits)
-{
-    log_capture log;
-    using bytes = std::vector<uint8_t>;
-    const struct {
-        const char* given;
-        const char* text;
-        ssize_t max_size;
-        ssize_t returned;
-        bytes written; // into a buffer full of EE
-        std::vector<std::string> logged;
-    } cases[] = {
-        {"nothing", "", 8, 0, {}, {}},
-        {"both cases of letters", "0A1b", 8, 2, {0x0A, 0x1B}, {}},
-        {"every digit",
-         "0123456789abcdefABCDEF",
-         16,
-         11,
-         {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xAB, 0xCD, 0xEF},
-         {}},
-        {"an odd digit at the end", "0A1", 8, 1, {0x0A}, {}},
-        {"a single digit", "7", 8, 0, {}, {}},
-        {"one more than max_size", "AABBCC", 1, 2, {0xAA, 0xBB}, {}},
-        {"max_size 0", "AABBCC", 0, 1, {0xAA}, {}},
-        {"max_size below 0", "AABBCC", -1, 0, {}, {}},
-        {"garbage behind the limit is not looked at", "AABB!", 1, 2, {0xAA, 0xBB}, {}},
-        {"a line end after max_size pairs",
-         "AABB\n",
-         2,
-         0,
-         {0xAA, 0xBB},
-         {"string_to_uint8_arr: Invalid input data: [0A]"}},
-        {"a digit after max_size pairs", "AABBA", 2, 2, {0xAA, 0xBB}, {}},
-        {"no digit", "0G", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [47]"}},
-        {"bytes before it stay",
-         "01020G",
-         8,
-         0,
-         {0x01, 0x02},
-         {"string_to_uint8_arr: Invalid input data: [47]"}},
-        {"a blank", "01 02", 8, 0, {0x01}, {"string_to_uint8_arr: Invalid input data: [20]"}},
-        {"a hexadecimal prefix", "0x01", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [78]"}},
-        {"a byte above 7F", "\xC3\xA4", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [FFFFFFC3]"}},
-        {"before 0", "/", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [2F]"}},
-        {"after 9", ":", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [3A]"}},
-        {"before A", "@", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [40]"}},
-        {"before a", "`", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [60]"}},
-        {"after f", "g", 8, 0, {}, {"string_to_uint8_arr: Invalid input data: [67]"}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.given);
-        bytes buffer(16, 0xEE);
-        EXPECT_EQ(string_to_uint8_arr(c.text, buffer.data(), c.max_size), c.returned);
-        bytes expected = c.written;
-        expected.resize(buffer.size(), 0xEE);
-        EXPECT_EQ(buffer, expected);
-        EXPECT_EQ(log.messages("main"), c.logged);
-    }
-}
-
-TEST(string_to_uint8_arr, knows_every_character)
-{
-    for (int c = 1; c < 256; ++c) {
-        const char text[] = {'0', static_cast<char>(c), '\0'};
-        uint8_t decoded = 0xEE;
-        const bool digit = isxdigit(c) != 0;
-        EXPECT_EQ(string_to_uint8_arr(text, &decoded, 1), digit ? 1 : 0) << c;
-        EXPECT_EQ(decoded, digit ? strtol(text, nullptr, 16) : 0xEE) << c;
-    }
-}
-
-TEST(get_next_rpl_version, follows_the_lollipop_rule)
-{
-    for (int expected = 240; expected < 256; ++expected)
-        ASSERT_EQ(get_next_rpl_version(), expected);
-    for (int round = 0; round < 3; ++round)
-        for (int expected = 0; expected < 128; ++expected)
-            ASSERT_EQ(get_next_rpl_version(), expected);
 }
 
 } // namespace rtls

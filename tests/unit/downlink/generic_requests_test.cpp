@@ -16,9 +16,7 @@ namespace {
 const std::string mac = "E4000000000000A1";
 const std::string ip = "FE80000000000000A1A2A3A4A5A6A7A8";
 
-using texts = std::vector<std::string>;
-
-class generic_test : public node_command_fixture {
+class generic_requests : public node_command_fixture {
 protected:
     // The request's bytes stand in a heap buffer of their exact size.
     bool process(const std::string& request)
@@ -42,7 +40,7 @@ std::string request_with(size_t payload)
 
 } // namespace
 
-TEST_F(generic_test, the_frame_takes_the_form_that_the_node_needs)
+TEST_F(generic_requests, the_frame_takes_the_form_that_the_node_needs)
 {
     const struct {
         const char* given;
@@ -60,52 +58,52 @@ TEST_F(generic_test, the_frame_takes_the_form_that_the_node_needs)
         SCOPED_TRACE(c.given);
         add_node(mac, {bridge, c.forwarded_ip, c.direct_mask});
         EXPECT_TRUE(process("0E08070003AABBCC" + mac));
-        EXPECT_EQ(sent_to(bridge), texts{c.then});
-        EXPECT_EQ(sent_to(other), texts{});
-        EXPECT_EQ(lines("parsing"), texts{"GENERIC: INFO(GENERIC): dst 00A1"});
+        EXPECT_EQ(sent_to(bridge), texts_t{c.then});
+        EXPECT_EQ(sent_to(other), texts_t{});
+        EXPECT_EQ(lines("parsing"), texts_t{"GENERIC: INFO(GENERIC): dst 00A1"});
     }
 }
 
 // As while the gateway is being built or taken down.
-TEST_F(generic_test, without_a_registry_no_node_is_known)
+TEST_F(generic_requests, without_a_registry_no_node_is_known)
 {
     const WIN_CLIENT_t* bridge = add_bridge("0000000001");
     services nothing;
     services* all = std::exchange(server->rtls_gateway, &nothing);
     EXPECT_FALSE(process("0E08070003AABBCC" + mac));
     server->rtls_gateway = all;
-    EXPECT_EQ(errors(), texts{"find_route: null pointer!"});
+    EXPECT_EQ(errors(), texts_t{"find_route: null pointer!"});
     EXPECT_TRUE(bridge->unsent_messages.empty());
 }
 
-TEST_F(generic_test, sizes_from_5_to_800_are_looked_at)
+TEST_F(generic_requests, sizes_from_5_to_800_are_looked_at)
 {
     add_node(mac, {add_bridge("0000000001"), true, false});
     for (size_t size = 0; size <= 4; ++size) {
         EXPECT_FALSE(process(std::string(2 * size, '0')));
         EXPECT_EQ(lines("parsing"),
-                  texts{"GENERIC: ERROR(GENERIC): msb too short, rcvd: " + std::to_string(size)});
+                  texts_t{"GENERIC: ERROR(GENERIC): msb too short, rcvd: " + std::to_string(size)});
     }
     EXPECT_FALSE(process("0E08070000"));
-    EXPECT_EQ(lines("parsing"), texts{"GENERIC: ERROR(GENERIC): wrong size rcvd: 5, expected 13"});
+    EXPECT_EQ(lines("parsing"), texts_t{"GENERIC: ERROR(GENERIC): wrong size rcvd: 5, expected 13"});
     EXPECT_TRUE(process(request_with(0)));
     EXPECT_TRUE(process(request_with(800 - 13)));
     (void)lines("parsing");
     EXPECT_FALSE(process(request_with(801 - 13)));
-    EXPECT_EQ(lines("parsing"), texts{"GENERIC: ERROR(GENERIC): msg too long, rcvd: 801"});
+    EXPECT_EQ(lines("parsing"), texts_t{"GENERIC: ERROR(GENERIC): msg too long, rcvd: 801"});
 }
 
-TEST_F(generic_test, the_longest_request_is_forwarded_whole)
+TEST_F(generic_requests, the_longest_request_is_forwarded_whole)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     add_node(mac, {bridge, true, true});
     const std::string request = request_with(787);
     EXPECT_TRUE(process(request));
     const std::string message = request.substr(0, request.size() - mac.size());
-    EXPECT_EQ(sent_to(bridge), texts{"0028000318" + message + mac + ip});
+    EXPECT_EQ(sent_to(bridge), texts_t{"0028000318" + message + mac + ip});
 }
 
-TEST_F(generic_test, the_length_must_fit_the_size)
+TEST_F(generic_requests, the_length_must_fit_the_size)
 {
     const struct {
         const char* given;
@@ -124,48 +122,48 @@ TEST_F(generic_test, the_length_must_fit_the_size)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
         EXPECT_FALSE(process(c.request));
-        EXPECT_EQ(lines("parsing"), texts{"GENERIC: ERROR(GENERIC): wrong size rcvd: " + c.then});
-        EXPECT_EQ(sent_to(bridge), texts{});
+        EXPECT_EQ(lines("parsing"), texts_t{"GENERIC: ERROR(GENERIC): wrong size rcvd: " + c.then});
+        EXPECT_EQ(sent_to(bridge), texts_t{});
     }
 }
 
-TEST_F(generic_test, every_truncation_is_refused)
+TEST_F(generic_requests, every_truncation_is_refused)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     add_node(mac, {bridge, true, false});
     const std::string request = "0E08070003AABBCC" + mac;
     for (size_t size = 0; size < request.size() / 2; ++size)
         EXPECT_FALSE(process(request.substr(0, 2 * size))) << size;
-    EXPECT_EQ(sent_to(bridge), texts{});
+    EXPECT_EQ(sent_to(bridge), texts_t{});
 }
 
-TEST_F(generic_test, an_unknown_node_is_named)
+TEST_F(generic_requests, an_unknown_node_is_named)
 {
     EXPECT_FALSE(process("0E08070000 01AB00000000CDEF"));
-    EXPECT_EQ(lines("parsing"), (texts{"GENERIC: INFO(GENERIC): dst CDEF",
-                                       "GENERIC: ERROR(GENERIC): dst 01AB00000000CDEF not found"}));
+    EXPECT_EQ(lines("parsing"), (texts_t{"GENERIC: INFO(GENERIC): dst CDEF",
+                                         "GENERIC: ERROR(GENERIC): dst 01AB00000000CDEF not found"}));
 }
 
-TEST_F(generic_test, a_node_without_a_bridge_of_its_own_is_asked_through_every_bridge)
+TEST_F(generic_requests, a_node_without_a_bridge_of_its_own_is_asked_through_every_bridge)
 {
     WIN_CLIENT_t* one = add_bridge("0000000001");
     WIN_CLIENT_t* two = add_bridge("0000000002");
     add_node(mac, {nullptr, false, false});
     EXPECT_TRUE(process("0E08070000" + mac));
-    EXPECT_EQ(sent_to(one), texts{"0E08070000" + ip});
-    EXPECT_EQ(sent_to(two), texts{"0E08070000" + ip});
+    EXPECT_EQ(sent_to(one), texts_t{"0E08070000" + ip});
+    EXPECT_EQ(sent_to(two), texts_t{"0E08070000" + ip});
 }
 
-TEST_F(generic_test, a_bridge_that_is_gone_does_not_change_the_result)
+TEST_F(generic_requests, a_bridge_that_is_gone_does_not_change_the_result)
 {
     WIN_CLIENT_t* other = add_bridge("0000000002");
     add_node(mac, {add_bridge("0000000001"), false, false});
     disconnect("0000000001");
     EXPECT_TRUE(process("0E08070000" + mac));
-    EXPECT_EQ(sent_to(other), texts{});
+    EXPECT_EQ(sent_to(other), texts_t{});
 }
 
-TEST_F(generic_test, the_registry_is_unlocked_on_every_way_out)
+TEST_F(generic_requests, the_registry_is_unlocked_on_every_way_out)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     process("0E08070000" + mac);          // unknown
@@ -179,9 +177,9 @@ TEST_F(generic_test, the_registry_is_unlocked_on_every_way_out)
 
 namespace {
 
-class interthread_test : public generic_test {
+class interthread_requests : public generic_requests {
 protected:
-    interthread_test()
+    interthread_requests()
     {
         zsock_set_rcvtimeo(router.get(), 100);
         const std::string endpoint = new_endpoint();
@@ -212,13 +210,13 @@ const std::string good = "0E08070000" + mac;
 
 } // namespace
 
-TEST_F(interthread_test, the_last_frame_of_a_command_0_is_forwarded)
+TEST_F(interthread_requests, the_last_frame_of_a_command_0_is_forwarded)
 {
-    const texts dst{"GENERIC: INFO(GENERIC): dst 00A1"};
+    const texts_t dst{"GENERIC: INFO(GENERIC): dst 00A1"};
     const struct {
         const char* given;
         std::vector<std::string> frames;
-        texts printed;
+        texts_t printed;
         size_t sent;
     } cases[] = {
         {"a request", {"00000000", good}, dst, 1},
@@ -239,12 +237,12 @@ TEST_F(interthread_test, the_last_frame_of_a_command_0_is_forwarded)
         SCOPED_TRACE(c.given);
         EXPECT_EQ(handle(c.frames), 0);
         EXPECT_EQ(lines("parsing"), c.printed);
-        EXPECT_EQ(sent_to(bridge), texts(c.sent, "0E08070000" + ip));
-        EXPECT_EQ(errors(), texts{});
+        EXPECT_EQ(sent_to(bridge), texts_t(c.sent, "0E08070000" + ip));
+        EXPECT_EQ(errors(), texts_t{});
     }
 }
 
-TEST_F(interthread_test, a_message_without_frames_behind_the_identity_is_dropped)
+TEST_F(interthread_requests, a_message_without_frames_behind_the_identity_is_dropped)
 {
     // A router that forwards for itself: the identity alone.
     const std::string endpoint = new_endpoint();
@@ -252,13 +250,13 @@ TEST_F(interthread_test, a_message_without_frames_behind_the_identity_is_dropped
     const zsock_ptr push{zsock_new_push((">" + endpoint).c_str())};
     zstr_send(push.get(), "id");
     EXPECT_EQ(handle_interthread_sever_sock(nullptr, pull.get(), server), 0);
-    const texts logged = errors();
+    const texts_t logged = errors();
     ASSERT_EQ(logged.size(), 1u);
     EXPECT_TRUE(logged[0].starts_with("handle_interthread_sever_sock: zmsg_pop: ")) << logged[0];
-    EXPECT_EQ(lines("parsing"), texts{});
+    EXPECT_EQ(lines("parsing"), texts_t{});
 }
 
-TEST_F(interthread_test, an_empty_receive_ends_the_loop)
+TEST_F(interthread_requests, an_empty_receive_ends_the_loop)
 {
     zsock_set_rcvtimeo(router.get(), 0);
     EXPECT_EQ(handle_interthread_sever_sock(nullptr, router.get(), server), -1);

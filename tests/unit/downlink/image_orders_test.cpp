@@ -59,15 +59,15 @@ TEST_F(image_orders, an_announced_image_is_adopted_when_its_crc_agrees)
             bridge->firmware_updated = true;
         rtls_gateway_set_firmware(gateway, nullptr);
         EXPECT_EQ(printed_by(announcement(crc, file.url())),
-                  (texts{"PROXY: MSG_FW_IMAGE_AVAIL_IND mgd: 04030201 crc: " + as_in_memory(crc) +
-                             " url: " + file.url(),
-                         update, update}));
+                  (texts_t{"PROXY: MSG_FW_IMAGE_AVAIL_IND mgd: 04030201 crc: " + as_in_memory(crc) +
+                               " url: " + file.url(),
+                           update, update}));
         const auto* firmware = static_cast<FIRMWARE_t*>(rtls_gateway_get_firmware(gateway));
         ASSERT_NE(firmware, nullptr);
         EXPECT_EQ(firmware->size, image.size());
         EXPECT_EQ(firmware->crc32, download_crc(image));
         for (WIN_CLIENT_t* bridge : bridges) {
-            EXPECT_EQ(sent_to(bridge), texts{"180100"});
+            EXPECT_EQ(sent_to(bridge), texts_t{"180100"});
             EXPECT_FALSE(bridge->firmware_updated);
         }
     }
@@ -83,12 +83,12 @@ TEST_F(image_orders, an_image_that_contradicts_its_announcement_leaves_no_firmwa
     (void)m_log.take();
     const uint32_t crc = standard_crc(image); // not the nodes' rule
     EXPECT_EQ(printed_by(announcement(crc, file.url())),
-              (texts{"PROXY: MSG_FW_IMAGE_AVAIL_IND mgd: 04030201 crc: " + as_in_memory(crc) +
-                         " url: " + file.url(),
-                     "PROXY: MSG_FW_IMAGE_AVAIL_IND bad crc32 sum: s:" + as_in_memory(crc) +
-                         " d:" + hex32(download_crc(image)) + ", firmware removed"}));
+              (texts_t{"PROXY: MSG_FW_IMAGE_AVAIL_IND mgd: 04030201 crc: " + as_in_memory(crc) +
+                           " url: " + file.url(),
+                       "PROXY: MSG_FW_IMAGE_AVAIL_IND bad crc32 sum: s:" + as_in_memory(crc) +
+                           " d:" + hex32(download_crc(image)) + ", firmware removed"}));
     EXPECT_EQ(rtls_gateway_get_firmware(gateway), nullptr);
-    EXPECT_EQ(sent_to(bridge), texts{});
+    EXPECT_EQ(sent_to(bridge), texts_t{});
 }
 
 TEST_F(image_orders, an_image_that_cannot_be_fetched_changes_nothing)
@@ -99,8 +99,8 @@ TEST_F(image_orders, an_image_that_cannot_be_fetched_changes_nothing)
     (void)m_log.take();
     const std::string url = "file:///nowhere/obn-node.00000001.bin";
     EXPECT_EQ(printed_by(announcement(0, url)),
-              (texts{"PROXY: MSG_FW_IMAGE_AVAIL_IND mgd: 04030201 crc: 00000000 url: " + url,
-                     "PROXY: MSG_FW_IMAGE_AVAIL_IND cannot get firmware from: " + url}));
+              (texts_t{"PROXY: MSG_FW_IMAGE_AVAIL_IND mgd: 04030201 crc: 00000000 url: " + url,
+                       "PROXY: MSG_FW_IMAGE_AVAIL_IND cannot get firmware from: " + url}));
     EXPECT_EQ(rtls_gateway_get_firmware(gateway), before);
 }
 
@@ -110,7 +110,7 @@ TEST_F(image_orders, an_announcement_must_measure_what_it_says)
     const std::string head = digits("080D 01020304 00000000");
     for (size_t size = 11; size <= 13; ++size)
         EXPECT_EQ(logged_by((head + "0001000000").substr(0, 2 * size)),
-                  texts{error + "too short " + std::to_string(size)});
+                  texts_t{error + "too short " + std::to_string(size)});
     const struct {
         size_t size;
         const char* len;
@@ -122,7 +122,7 @@ TEST_F(image_orders, an_announcement_must_measure_what_it_says)
         {14, "FFFF", "wrong size rcvd:14  expected:65547"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(logged_by(head + c.len + repeated("61", c.size - 12)), texts{error + c.then});
+        EXPECT_EQ(logged_by(head + c.len + repeated("61", c.size - 12)), texts_t{error + c.then});
 }
 
 TEST_F(image_orders, an_upload_order_must_measure_what_it_says)
@@ -131,7 +131,7 @@ TEST_F(image_orders, an_upload_order_must_measure_what_it_says)
     const std::string head = digits("0012 01020304 00000000");
     for (size_t size = 11; size <= 12; ++size)
         EXPECT_EQ(logged_by((head + "0000").substr(0, 2 * size)),
-                  texts{error + "too short " + std::to_string(size)});
+                  texts_t{error + "too short " + std::to_string(size)});
     const struct {
         size_t size;
         const char* len;
@@ -143,7 +143,7 @@ TEST_F(image_orders, an_upload_order_must_measure_what_it_says)
         {13, "FFFF", "wrong size rcvd:13  expected:65547"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(logged_by(head + c.len + repeated("61", c.size - 12)), texts{error + c.then});
+        EXPECT_EQ(logged_by(head + c.len + repeated("61", c.size - 12)), texts_t{error + c.then});
 }
 
 TEST_F(image_orders, an_ordered_image_is_stored_when_both_expectations_are_met)
@@ -165,9 +165,9 @@ TEST_F(image_orders, an_ordered_image_is_stored_when_both_expectations_are_met)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
         EXPECT_EQ(printed_by(upload_order(c.git_ver, c.crc, file.url())),
-                  (texts{"PROXY: MSG_OTA_UPLOAD_FW mgd: " + hex32(c.git_ver) + " crc: " + hex32(c.crc) +
-                             " url: " + file.url(),
-                         c.then}));
+                  (texts_t{"PROXY: MSG_OTA_UPLOAD_FW mgd: " + hex32(c.git_ver) + " crc: " + hex32(c.crc) +
+                               " url: " + file.url(),
+                           c.then}));
     }
     OTA_FIRMWARE_INFO_t info{};
     EXPECT_TRUE(ota_get_firmware_info(rtls_gateway_get_ota(gateway), 0, &info));

@@ -11,7 +11,7 @@ namespace rtls {
 
 namespace {
 
-class interception_test : public proxy_fixture {
+class page_interception : public proxy_fixture {
 protected:
     // A generic request that carries `page_size` bytes of page, and says that its payload is `total_len`
     // long.
@@ -39,7 +39,7 @@ protected:
 
 } // namespace
 
-TEST_F(interception_test, a_whole_page_is_stored)
+TEST_F(page_interception, a_whole_page_is_stored)
 {
     const struct {
         const char* given;
@@ -58,11 +58,11 @@ TEST_F(interception_test, a_whole_page_is_stored)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
         EXPECT_EQ(intercepts(page_request_of(c.page_size, c.total_len, c.total_len)), c.then);
-        EXPECT_EQ(errors(), texts{});
+        EXPECT_EQ(errors(), texts_t{});
     }
 }
 
-TEST_F(interception_test, only_page_commands_are_looked_at)
+TEST_F(page_interception, only_page_commands_are_looked_at)
 {
     const std::string rest = digits("0A0B0C0D 11223344 0020 0000") + repeated("5A", 32) + mac;
     for (const char* command : {"0011", "1000", "0110", "0000", "100F"})
@@ -72,7 +72,7 @@ TEST_F(interception_test, only_page_commands_are_looked_at)
     EXPECT_EQ(stored_page(32), repeated("5A", 32));
 }
 
-TEST_F(interception_test, what_the_bytes_at_hand_do_not_hold_is_not_read)
+TEST_F(page_interception, what_the_bytes_at_hand_do_not_hold_is_not_read)
 {
     const std::string request = page_request_of(64, 78, 78);
     const size_t whole = 19 + 64;
@@ -84,7 +84,7 @@ TEST_F(interception_test, what_the_bytes_at_hand_do_not_hold_is_not_read)
     EXPECT_TRUE(intercepts(request.substr(0, 2 * whole)));
 }
 
-TEST_F(interception_test, without_a_store_nothing_is_kept)
+TEST_F(page_interception, without_a_store_nothing_is_kept)
 {
     const uint8_t zero = 0;
     const auto homeless = std::make_unique<WIN_SERVER_t>();
@@ -92,7 +92,7 @@ TEST_F(interception_test, without_a_store_nothing_is_kept)
     EXPECT_EQ(errors().back(), "firmware_interception: rtls_gateway_get_ota returns NULL!");
 }
 
-TEST_F(interception_test, a_page_is_stored_on_its_way_even_if_the_bridge_is_gone)
+TEST_F(page_interception, a_page_is_stored_on_its_way_even_if_the_bridge_is_gone)
 {
     add_node(mac, {add_bridge("0000000001"), false, false});
     disconnect("0000000001");
@@ -102,7 +102,7 @@ TEST_F(interception_test, a_page_is_stored_on_its_way_even_if_the_bridge_is_gone
     EXPECT_EQ(stored_page(64), repeated("5A", 64));
 }
 
-TEST_F(interception_test, a_page_for_a_stranger_and_a_page_in_another_type_are_not_stored)
+TEST_F(page_interception, a_page_for_a_stranger_and_a_page_in_another_type_are_not_stored)
 {
     std::string request = page_request_of(64, 78, 78);
     request.replace(0, 4, "080E");

@@ -8,9 +8,9 @@ namespace rtls {
 
 namespace {
 
-class reader_test : public proxy_fixture {
+class proxy_reader : public proxy_fixture {
 protected:
-    reader_test()
+    proxy_reader()
     {
         zsock_set_rcvtimeo(reader.get(), 1000);
         zsock_set_sndhwm(proxy.get(), 10);
@@ -31,13 +31,13 @@ protected:
 
 } // namespace
 
-TEST_F(reader_test, each_length_of_text_has_one_answer)
+TEST_F(proxy_reader, each_length_of_text_has_one_answer)
 {
     for (size_t digits = 0; digits <= 64; ++digits) {
         SCOPED_TRACE(digits);
         handle(std::string(digits, '0'));
-        EXPECT_EQ(lines("raw"), texts{"PROXY_RAW_INPUT: " + std::string(digits, '0')});
-        texts error, printed;
+        EXPECT_EQ(lines("raw"), texts_t{"PROXY_RAW_INPUT: " + std::string(digits, '0')});
+        texts_t error, printed;
         if (digits < 6)
             error = {"handle_pub_sub_proxy: wrong size of input data!"};
         else if (digits < 22)
@@ -49,26 +49,26 @@ TEST_F(reader_test, each_length_of_text_has_one_answer)
     }
 }
 
-TEST_F(reader_test, an_invalid_character_anywhere_refuses_the_text)
+TEST_F(proxy_reader, an_invalid_character_anywhere_refuses_the_text)
 {
-    const texts refused{"string_to_uint8_arr: Invalid input data: [47]",
-                        "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"};
+    const texts_t refused{"string_to_uint8_arr: Invalid input data: [47]",
+                          "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"};
     for (size_t digits = 6; digits <= 27; ++digits)
         for (size_t at = 0; at < digits; ++at) {
             std::string text(digits, '0');
             text[at] = 'G';
             handle(text);
             EXPECT_EQ(errors(), refused) << text;
-            EXPECT_EQ(lines("parsing"), texts{}) << text;
+            EXPECT_EQ(lines("parsing"), texts_t{}) << text;
         }
 }
 
-TEST_F(reader_test, what_trails_the_last_pair_counts_only_if_it_is_no_digit)
+TEST_F(proxy_reader, what_trails_the_last_pair_counts_only_if_it_is_no_digit)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     const struct {
         const char* trailing;
-        texts errors;
+        texts_t errors;
         size_t sent;
     } cases[] = {
         {"", {}, 1},
@@ -96,43 +96,43 @@ TEST_F(reader_test, what_trails_the_last_pair_counts_only_if_it_is_no_digit)
         fresh_node({bridge, false, false});
         handle(digits("0810 01") + mac + c.trailing);
         EXPECT_EQ(errors(), c.errors);
-        EXPECT_EQ(sent_to(bridge), texts(c.sent, digits("1008 01") + ip));
+        EXPECT_EQ(sent_to(bridge), texts_t(c.sent, digits("1008 01") + ip));
     }
 }
 
-TEST_F(reader_test, lower_case_digits_are_digits)
+TEST_F(proxy_reader, lower_case_digits_are_digits)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     add_node(mac, {bridge, false, false});
     handle("0810abe4000000000000a1");
-    EXPECT_EQ(sent_to(bridge), texts{"1008AB" + ip});
+    EXPECT_EQ(sent_to(bridge), texts_t{"1008AB" + ip});
 }
 
-TEST_F(reader_test, a_text_is_never_a_format)
+TEST_F(proxy_reader, a_text_is_never_a_format)
 {
     handle("100%s%n");
-    EXPECT_EQ(lines("raw"), texts{"PROXY_RAW_INPUT: 100%s%n"});
-    EXPECT_EQ(errors(), (texts{"string_to_uint8_arr: Invalid input data: [25]",
-                               "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"}));
+    EXPECT_EQ(lines("raw"), texts_t{"PROXY_RAW_INPUT: 100%s%n"});
+    EXPECT_EQ(errors(), (texts_t{"string_to_uint8_arr: Invalid input data: [25]",
+                                 "handle_pub_sub_proxy: string_to_uint8_arr: wrong input data!"}));
 }
 
-TEST_F(reader_test, a_huge_text_is_refused_by_its_type)
+TEST_F(proxy_reader, a_huge_text_is_refused_by_its_type)
 {
     handle("0804" + std::string(size_t{1024} * 1024 - 4, '0'));
-    EXPECT_EQ(errors(), texts{"process_data_from_pub_sub_proxy (MSG_CONF_NODE_REQ): wrong size 524288"});
+    EXPECT_EQ(errors(), texts_t{"process_data_from_pub_sub_proxy (MSG_CONF_NODE_REQ): wrong size 524288"});
 }
 
-TEST_F(reader_test, a_text_beyond_all_commands_is_refused_by_its_length)
+TEST_F(proxy_reader, a_text_beyond_all_commands_is_refused_by_its_length)
 {
     (void)lines("raw");
     handle("0804" + std::string(size_t{1024} * 1024 - 3, '0'));
-    EXPECT_EQ(errors(), texts{"handle_pub_sub_proxy: a text of 1048577 bytes is too long!"});
-    EXPECT_EQ(lines("raw"), texts{});
+    EXPECT_EQ(errors(), texts_t{"handle_pub_sub_proxy: a text of 1048577 bytes is too long!"});
+    EXPECT_EQ(lines("raw"), texts_t{});
     handle("0810");
-    EXPECT_EQ(errors(), texts{"handle_pub_sub_proxy: wrong size of input data!"}); // the next is taken
+    EXPECT_EQ(errors(), texts_t{"handle_pub_sub_proxy: wrong size of input data!"}); // the next is taken
 }
 
-TEST_F(reader_test, every_message_is_a_sign_of_life)
+TEST_F(proxy_reader, every_message_is_a_sign_of_life)
 {
     for (const char* text : {"", "00", "0810", "0810010000000000000000"}) {
         server->proxy_is_silent = true;
@@ -141,13 +141,13 @@ TEST_F(reader_test, every_message_is_a_sign_of_life)
     }
 }
 
-TEST_F(reader_test, a_failed_receive_is_reported_and_is_a_sign_of_life_too)
+TEST_F(proxy_reader, a_failed_receive_is_reported_and_is_a_sign_of_life_too)
 {
     zsock_set_rcvtimeo(reader.get(), 0);
     server->proxy_is_silent = true;
     EXPECT_EQ(handle_pub_sub_proxy(nullptr, reader.get(), server), 0);
     EXPECT_FALSE(server->proxy_is_silent);
-    EXPECT_EQ(errors(), texts{"handle_pub_sub_proxy: zstr_recv return NULL!"});
+    EXPECT_EQ(errors(), texts_t{"handle_pub_sub_proxy: zstr_recv return NULL!"});
 }
 
 } // namespace rtls

@@ -12,58 +12,58 @@
 
 namespace rtls {
 
-using proxy_test = proxy_fixture;
+using win_server_pub_sub_proxy = proxy_fixture;
 
 // --- the dispatcher
 
-TEST_F(proxy_test, without_a_registry_nothing_is_dispatched)
+TEST_F(win_server_pub_sub_proxy, without_a_registry_nothing_is_dispatched)
 {
     const auto homeless = std::make_unique<WIN_SERVER_t>();
     bytes_t bytes = hex("0810 01" + mac);
     EXPECT_FALSE(process_data_from_pub_sub_proxy(homeless.get(), bytes.data(), bytes.size()));
-    const texts logged = errors();
+    const texts_t logged = errors();
     ASSERT_FALSE(logged.empty());
     EXPECT_EQ(logged.back(), "process_data_from_pub_sub_proxy: null nodes container not found!");
     EXPECT_EQ(to_hex(bytes), digits("0810 01") + mac);
 }
 
-TEST_F(proxy_test, ten_bytes_or_less_are_no_command)
+TEST_F(win_server_pub_sub_proxy, ten_bytes_or_less_are_no_command)
 {
     for (size_t size = 1; size <= 10; ++size) {
         EXPECT_FALSE(process(repeated("08", size)));
-        EXPECT_EQ(errors(), texts{"process_data_from_pub_sub_proxy: invalid input data!"});
+        EXPECT_EQ(errors(), texts_t{"process_data_from_pub_sub_proxy: invalid input data!"});
     }
     EXPECT_TRUE(process(repeated("08", 11)));
-    EXPECT_EQ(lines("parsing"), texts{"PROXY: Received unknown type: 0808"});
+    EXPECT_EQ(lines("parsing"), texts_t{"PROXY: Received unknown type: 0808"});
 }
 
-TEST_F(proxy_test, the_type_alone_changes_its_byte_order)
+TEST_F(win_server_pub_sub_proxy, the_type_alone_changes_its_byte_order)
 {
     bytes_t bytes = hex("0801 020304050607" + mac);
     EXPECT_TRUE(process_data_from_pub_sub_proxy(server, bytes.data(), bytes.size()));
     EXPECT_EQ(to_hex(bytes), digits("0108 020304050607") + mac);
-    EXPECT_EQ(lines("parsing"), texts{"PROXY: Received unknown type: 0801"});
+    EXPECT_EQ(lines("parsing"), texts_t{"PROXY: Received unknown type: 0801"});
 }
 
-TEST_F(proxy_test, a_repeat_is_dropped_without_a_word)
+TEST_F(win_server_pub_sub_proxy, a_repeat_is_dropped_without_a_word)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     ASSERT_TRUE(sends_a_repeat_in_time(digits("0810 01") + mac, digits("0810 02") + mac, bridge));
-    EXPECT_EQ(sent_to(bridge), texts{digits("1008 01") + ip});
-    EXPECT_EQ(lines("parsing"), texts{"PROXY: MSG_REST_ACK dst: 00A1 seq:01"});
-    EXPECT_EQ(errors(), texts{});
+    EXPECT_EQ(sent_to(bridge), texts_t{digits("1008 01") + ip});
+    EXPECT_EQ(lines("parsing"), texts_t{"PROXY: MSG_REST_ACK dst: 00A1 seq:01"});
+    EXPECT_EQ(errors(), texts_t{});
 }
 
 // The filter comes before the checks of the type.
-TEST_F(proxy_test, a_repeat_of_a_malformed_command_is_dropped_without_a_word_too)
+TEST_F(win_server_pub_sub_proxy, a_repeat_of_a_malformed_command_is_dropped_without_a_word_too)
 {
     const std::string too_long = digits("0810 0100") + mac;
     ASSERT_TRUE(sends_a_repeat_in_time(too_long, too_long, add_bridge("0000000001")));
-    EXPECT_EQ(errors(), texts{"process_data_from_pub_sub_proxy (MSG_REST_ACK): wrong size 12"});
-    EXPECT_EQ(lines("parsing"), texts{});
+    EXPECT_EQ(errors(), texts_t{"process_data_from_pub_sub_proxy (MSG_REST_ACK): wrong size 12"});
+    EXPECT_EQ(lines("parsing"), texts_t{});
 }
 
-TEST_F(proxy_test, an_old_command_is_no_reason_to_drop_the_same_one)
+TEST_F(win_server_pub_sub_proxy, an_old_command_is_no_reason_to_drop_the_same_one)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     add_node(mac, {bridge, false, false});
@@ -73,10 +73,10 @@ TEST_F(proxy_test, an_old_command_is_no_reason_to_drop_the_same_one)
         nodes_container_find_by_mac(nodes, hex(mac).data())->last_data_time.tv_sec -= 1;
     }
     EXPECT_TRUE(process("0810 01" + mac));
-    EXPECT_EQ(sent_to(bridge), texts(2, digits("1008 01") + ip));
+    EXPECT_EQ(sent_to(bridge), texts_t(2, digits("1008 01") + ip));
 }
 
-TEST_F(proxy_test, no_command_makes_a_node)
+TEST_F(win_server_pub_sub_proxy, no_command_makes_a_node)
 {
     for (const char* type : {"0800", "0804", "080E", "0810", "0815", "0816", "0817"})
         for (const size_t size : {11u, 13u, 21u, 26u})
@@ -86,7 +86,7 @@ TEST_F(proxy_test, no_command_makes_a_node)
 }
 
 // Each size just above the general check, in a buffer of its own: a step that reads further is caught.
-TEST_F(proxy_test, no_type_reads_past_a_short_command)
+TEST_F(win_server_pub_sub_proxy, no_type_reads_past_a_short_command)
 {
     add_node(mac, {add_bridge("0000000001"), true, true});
     for (const char* type : {"0012", "0800", "0804", "080D", "080E", "0810", "0815", "0816", "0817"})
@@ -99,7 +99,7 @@ TEST_F(proxy_test, no_type_reads_past_a_short_command)
 
 // --- network data
 
-TEST_F(proxy_test, network_data_goes_on_in_the_form_that_the_node_needs)
+TEST_F(win_server_pub_sub_proxy, network_data_goes_on_in_the_form_that_the_node_needs)
 {
     const std::string block = digits("0008 07 0003 0102030405060708 AABBCC");
     const struct {
@@ -117,23 +117,23 @@ TEST_F(proxy_test, network_data_goes_on_in_the_form_that_the_node_needs)
         SCOPED_TRACE(c.given);
         fresh_node({bridge, c.forwarded_ip, c.direct_mask});
         EXPECT_EQ(printed_by("0800 07 0003 0102030405060708 AABBCC" + mac),
-                  texts{"PROXY: MSG_NWK_DATA_15_4_REQ dst:00A1"});
-        EXPECT_EQ(sent_to(bridge), texts{c.then});
+                  texts_t{"PROXY: MSG_NWK_DATA_15_4_REQ dst:00A1"});
+        EXPECT_EQ(sent_to(bridge), texts_t{c.then});
     }
 }
 
-TEST_F(proxy_test, network_data_for_a_stranger_is_reported)
+TEST_F(win_server_pub_sub_proxy, network_data_for_a_stranger_is_reported)
 {
     EXPECT_EQ(printed_by("0800 07 0000 0102030405060708" + stranger),
-              texts{"PROXY: MSG_NWK_DATA_15_4_REQ dst 00FF not found"});
+              texts_t{"PROXY: MSG_NWK_DATA_15_4_REQ dst 00FF not found"});
 }
 
-TEST_F(proxy_test, network_data_must_measure_what_it_says)
+TEST_F(win_server_pub_sub_proxy, network_data_must_measure_what_it_says)
 {
     const std::string error = "process_data_from_pub_sub_proxy (MSG_NWK_DATA_15_4_REQ): wrong ";
     for (size_t size = 11; size <= 20; ++size)
         EXPECT_EQ(logged_by("0800" + repeated("00", size - 2)),
-                  texts{error + "size " + std::to_string(size)});
+                  texts_t{error + "size " + std::to_string(size)});
     const struct {
         const char* given;
         size_t size, p_len;
@@ -149,22 +149,23 @@ TEST_F(proxy_test, network_data_must_measure_what_it_says)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
-        EXPECT_EQ(logged_by("0800 00" + hex16(c.p_len) + repeated("00", c.size - 5)), texts{error + c.then});
+        EXPECT_EQ(logged_by("0800 00" + hex16(c.p_len) + repeated("00", c.size - 5)),
+                  texts_t{error + c.then});
     }
 }
 
-TEST_F(proxy_test, the_longest_network_data_is_forwarded_whole)
+TEST_F(win_server_pub_sub_proxy, the_longest_network_data_is_forwarded_whole)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     add_node(mac, {bridge, true, false});
     const std::string rest = "00" + hex16(65514) + repeated("5A", 65535 - 13);
-    EXPECT_EQ(printed_by("0800" + rest + mac), texts{"PROXY: MSG_NWK_DATA_15_4_REQ dst:00A1"});
-    EXPECT_EQ(sent_to(bridge), texts{digits("0008 00 FFF7 0008") + rest + ip});
+    EXPECT_EQ(printed_by("0800" + rest + mac), texts_t{"PROXY: MSG_NWK_DATA_15_4_REQ dst:00A1"});
+    EXPECT_EQ(sent_to(bridge), texts_t{digits("0008 00 FFF7 0008") + rest + ip});
 }
 
 // --- node configuration
 
-TEST_F(proxy_test, a_configuration_goes_on_in_the_form_and_order_that_the_node_needs)
+TEST_F(win_server_pub_sub_proxy, a_configuration_goes_on_in_the_form_and_order_that_the_node_needs)
 {
     const std::string positions = "0102030405060708090A0B0C";
     const std::string swapped = digits("0403020108070605 0C0B0A09");
@@ -191,55 +192,55 @@ TEST_F(proxy_test, a_configuration_goes_on_in_the_form_and_order_that_the_node_n
         std::string command = "08040A0B";
         command.append(c.role).append("EE").append(positions).append(mac);
         EXPECT_EQ(printed_by(command),
-                  texts{std::string("PROXY: MSG_CONF_NODE_REQ dst:00A1 rf:10 rngf:11 role:") + c.role +
-                        " sl:ee xyz:16909060;84281096;2314 zofs:2828"});
-        const texts sent = sent_to(bridge);
-        EXPECT_EQ(sent, texts{c.then});
+                  texts_t{std::string("PROXY: MSG_CONF_NODE_REQ dst:00A1 rf:10 rngf:11 role:") + c.role +
+                          " sl:ee xyz:16909060;84281096;2314 zofs:2828"});
+        const texts_t sent = sent_to(bridge);
+        EXPECT_EQ(sent, texts_t{c.then});
         EXPECT_EQ(sent.at(0).size() / 2, c.forwarded_ip ? 47u : 34u);
     }
 }
 
-TEST_F(proxy_test, positions_are_printed_signed)
+TEST_F(win_server_pub_sub_proxy, positions_are_printed_signed)
 {
     add_node(mac, {add_bridge("0000000001"), false, false});
     EXPECT_EQ(printed_by("0804 FF 00 01 0F FFFFFFFF 80000000 8000FFFE" + mac),
-              texts{"PROXY: MSG_CONF_NODE_REQ dst:00A1 rf:255 rngf:0 role:01 sl:0f "
-                    "xyz:-1;-2147483648;-32768 zofs:-2"});
+              texts_t{"PROXY: MSG_CONF_NODE_REQ dst:00A1 rf:255 rngf:0 role:01 sl:0f "
+                      "xyz:-1;-2147483648;-32768 zofs:-2"});
 }
 
-TEST_F(proxy_test, a_configuration_has_26_bytes)
+TEST_F(win_server_pub_sub_proxy, a_configuration_has_26_bytes)
 {
     const std::string error = "process_data_from_pub_sub_proxy (MSG_CONF_NODE_REQ): wrong size ";
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     for (const size_t size : {11u, 25u, 27u, 100u}) {
         fresh_node({bridge, false, false});
-        EXPECT_EQ(logged_by("0804" + repeated("00", size - 10) + mac), texts{error + std::to_string(size)});
+        EXPECT_EQ(logged_by("0804" + repeated("00", size - 10) + mac), texts_t{error + std::to_string(size)});
     }
-    EXPECT_EQ(sent_to(bridge), texts{});
+    EXPECT_EQ(sent_to(bridge), texts_t{});
     EXPECT_EQ(printed_by("0804" + repeated("00", 16) + stranger),
-              texts{"PROXY: MSG_CONF_NODE_REQ dst 00FF not found"});
+              texts_t{"PROXY: MSG_CONF_NODE_REQ dst 00FF not found"});
 }
 
 // --- acknowledgements
 
-TEST_F(proxy_test, an_acknowledgement_is_never_wrapped)
+TEST_F(win_server_pub_sub_proxy, an_acknowledgement_is_never_wrapped)
 {
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     for (const bool forwarded_ip : {false, true}) {
         fresh_node({bridge, forwarded_ip, true});
-        EXPECT_EQ(printed_by("0810 C7" + mac), texts{"PROXY: MSG_REST_ACK dst: 00A1 seq:C7"});
-        EXPECT_EQ(sent_to(bridge), texts{digits("1008 C7") + ip});
+        EXPECT_EQ(printed_by("0810 C7" + mac), texts_t{"PROXY: MSG_REST_ACK dst: 00A1 seq:C7"});
+        EXPECT_EQ(sent_to(bridge), texts_t{digits("1008 C7") + ip});
     }
-    EXPECT_EQ(printed_by("0810 C7" + stranger), texts{"PROXY: MSG_REST_ACK node: 00FF not found"});
+    EXPECT_EQ(printed_by("0810 C7" + stranger), texts_t{"PROXY: MSG_REST_ACK node: 00FF not found"});
 }
 
-TEST_F(proxy_test, an_acknowledgement_has_11_bytes)
+TEST_F(win_server_pub_sub_proxy, an_acknowledgement_has_11_bytes)
 {
     EXPECT_EQ(logged_by("0810 C700" + stranger),
-              texts{"process_data_from_pub_sub_proxy (MSG_REST_ACK): wrong size 12"});
+              texts_t{"process_data_from_pub_sub_proxy (MSG_REST_ACK): wrong size 12"});
 }
 
-TEST_F(proxy_test, a_node_without_a_bridge_of_its_own_is_reached_through_every_bridge)
+TEST_F(win_server_pub_sub_proxy, a_node_without_a_bridge_of_its_own_is_reached_through_every_bridge)
 {
     WIN_CLIENT_t* one = add_bridge("0000000001");
     WIN_CLIENT_t* two = add_bridge("0000000002");
@@ -255,7 +256,7 @@ TEST_F(proxy_test, a_node_without_a_bridge_of_its_own_is_reached_through_every_b
 
 // --- generic requests
 
-TEST_F(proxy_test, the_generic_types_are_forwarded_by_their_names)
+TEST_F(win_server_pub_sub_proxy, the_generic_types_are_forwarded_by_their_names)
 {
     const struct {
         const char* type;
@@ -273,12 +274,12 @@ TEST_F(proxy_test, the_generic_types_are_forwarded_by_their_names)
         fresh_node({bridge, false, false});
         const std::string name = std::string("PROXY: ") + c.name;
         EXPECT_EQ(printed_by(c.type + (digits("09 0002 BBCC") + mac)),
-                  (texts{name, "GENERIC: INFO(GENERIC): dst 00A1"}));
-        EXPECT_EQ(sent_to(bridge), texts{c.swapped + (digits("09 0002 BBCC") + ip)});
+                  (texts_t{name, "GENERIC: INFO(GENERIC): dst 00A1"}));
+        EXPECT_EQ(sent_to(bridge), texts_t{c.swapped + (digits("09 0002 BBCC") + ip)});
         EXPECT_EQ(printed_by(std::string(c.type) + digits("09 FFFF 00000000000000")),
-                  (texts{name, "GENERIC: ERROR(GENERIC): wrong size rcvd: 12, expected 65548"}));
+                  (texts_t{name, "GENERIC: ERROR(GENERIC): wrong size rcvd: 12, expected 65548"}));
         EXPECT_EQ(printed_by(c.type + repeated("00", 799)),
-                  (texts{name, "GENERIC: ERROR(GENERIC): msg too long, rcvd: 801"}));
+                  (texts_t{name, "GENERIC: ERROR(GENERIC): msg too long, rcvd: 801"}));
     }
 }
 

@@ -135,59 +135,6 @@ TEST(ota_download, expectations_are_checked_in_order)
     }
 }
 
-TEST(ota_download, tags_are_found_anywhere_and_only_whole)
-{
-    const std::string board = board_tag();
-    const std::string firmware = firmware_tag(git);
-    const auto without = [](const std::string& text, size_t n) { return text.substr(0, text.size() - n); };
-    const struct {
-        const char* given;
-        std::string image;
-        bool found;
-    } cases[] = {
-        {"nothing else", board + firmware, true},
-        {"in the other order", firmware + board, true},
-        {"with bytes around", "xx@" + board + "@@" + firmware + "yy", true},
-        {"the word alone first, with a blank", "@BoardVer @Firmware " + board + firmware, true},
-        {"the words in a text", "@BoardVer and @Firmware", false},
-        {"other case", "@BOARDVER" + board.substr(9) + firmware, false},
-        {"firmware record one byte short", board + without(firmware, 1), false},
-        {"firmware record missing", board + without(firmware, 8), false},
-        {"firmware tag without its zero", board + without(firmware, 9), false},
-        {"board record one byte short", firmware + without(board, 1), false},
-        {"board record missing", firmware + without(board, 2), false},
-        {"board tag without its zero", firmware + without(board, 3), false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.given);
-        const auto store = store_of(1);
-        EXPECT_EQ(download(store, c.image), c.found ? 0 : -1);
-        EXPECT_THAT(slots(store), ElementsAre(c.found ? git : 0u));
-    }
-}
-
-TEST(ota_download, image_cut_at_every_length_is_refused_until_whole)
-{
-    const std::string whole = board_tag() + firmware_tag(git);
-    for (size_t size = 0; size <= whole.size(); ++size) {
-        const auto store = store_of(1);
-        EXPECT_EQ(download(store, whole.substr(0, size)), size == whole.size() ? 0 : -1) << size;
-    }
-}
-
-TEST(ota_download, first_tag_counts)
-{
-    const auto store = store_of(1);
-    EXPECT_EQ(download(store, firmware_tag(1) + firmware_tag(2) + std::string{"@BoardVer\0\x07\x08", 12} +
-                                  board_tag()),
-              0);
-    OTA_FIRMWARE_INFO_t info{};
-    ASSERT_TRUE(ota_get_firmware_info(store.get(), 0, &info));
-    EXPECT_EQ(info.git_ver, 1u);
-    EXPECT_EQ(info.board_version, 7);
-    EXPECT_EQ(info.board_revision, 8);
-}
-
 TEST(ota_download, failed_transfer_leaves_the_store_as_it_is)
 {
     constexpr char refused[] = "curl_easy_perform failed: Failed writing received data to disk/application";

@@ -1,13 +1,12 @@
-#include "link/sending.h"
 #include "link/unsent_messages.h"
-#include "link/win_server_private.h"
-#include "link/win_server_win_clients.h"
 
 #include "base/czmq_ptr.h"
 #include "base/peer.h"
-#include "support/hex_bytes.h"
-#include "support/log_capture.h"
-#include "support/win_link.h"
+#include "link/sending.h"
+#include "link/win_server_win_clients.h"
+#include "server/supervision.h"
+#include "support/link_clients.h"
+#include "support/wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,6 +22,23 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
+
+// Message number `n`, told apart from the filling that a stalled peer finds before it.
+bytes_t numbered(unsigned n)
+{
+    return {'#', static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n), static_cast<uint8_t>(n)};
+}
+
+std::string framed_number(unsigned n)
+{
+    std::string frame = "\xF5";
+    for (const uint8_t b : numbered(n)) {
+        if (b >= 0xF5 && b <= 0xF7)
+            frame += '\xF6';
+        frame += static_cast<char>(b);
+    }
+    return frame + '\xF7';
+}
 
 bytes_t bytes_of(const std::string& text)
 {
@@ -46,7 +62,7 @@ std::vector<std::string> sent_after(unsent_queue& queue, size_t bytes)
     return sent;
 }
 
-// A record in the table whose connection does not exist: whatever is sent to it fails.
+// The same, counted as the WIN server counts its clients.
 WIN_CLIENT_t* add_unreachable(const win_link& link, uint32_t number)
 {
     bytes_t identity{0};
@@ -73,6 +89,8 @@ bytes_t numbered_ping(size_t number)
 constexpr size_t mebibyte = size_t{1024} * 1024;
 
 } // namespace
+
+// --- the queue
 
 TEST(unsent_queue, gives_its_bytes_across_messages_and_blocks)
 {
@@ -117,6 +135,154 @@ TEST(unsent_queue, is_counted_where_it_was_told_to)
     EXPECT_EQ(sum.bytes(), 0U);
 }
 
+// --- appended, up to the limits
+
+TEST(data_to_cache, keeps_sixteen_mebibytes_and_reports_the_first_loss_alone)
+{
+    log_capture log;
+    const win_link link;
+    WIN_CLIENT_t* client = add_unreachable(link, "\0abcd");
+    log.take();
+    const bytes_t mebibyte(1024 * 1024, 0x11);
+    for (int i = 0; i < 16; ++i)
+        ASSERT_TRUE(data_to_cache(&link.server(), client, mebibyte.data(), mebibyte.size()));
+    EXPECT_EQ(client->unsent_messages.bytes(), unsent_messages_limit);
+    (void)log.messages("main");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(data_to_cache(&link.server(), client, ping.data(), 1));
+    EXPECT_THAT(
+        log.messages("main"),
+        ElementsAre("data_to_cache: win client [0061626364] IP 0.0.0.0:0 does not read: 16777216 bytes "
+                    "wait for it, messages are lost!"));
+    EXPECT_EQ(client->unsent_messages.size(), 16U);
+}
+
+TEST(data_to_cache, keeps_no_more_small_messages_than_memory_is_meant_for)
+{
+    log_capture log;
+    const win_link link;
+    WIN_CLIENT_t* client = add_unreachable(link, "\0abcd");
+    // What waits already, without 262,142 records of it.
+    while (client->unsent_messages.size() < unsent_messages_number_limit - 2)
+        ASSERT_TRUE(client->unsent_messages.append(hex("78")));
+    log.take();
+    EXPECT_TRUE(data_to_cache(&link.server(), client, ping.data(), 1));
+    EXPECT_TRUE(data_to_cache(&link.server(), client, ping.data(), 1));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(data_to_cache(&link.server(), client, ping.data(), 1));
+    EXPECT_THAT(log.messages("main"),
+                ElementsAre("data_to_cache: win client [0061626364] IP 0.0.0.0:0 does not read: 262144 bytes "
+                            "wait for it, messages are lost!"));
+    EXPECT_EQ(client->unsent_messages.size(), 262'144U);
+}
+
+// --- flushed in order
+
+TEST(unsent_messages, go_out_oldest_first_with_a_line_each)
+{
+    log_capture log;
+    const win_link link;
+    auto [peer, client] = link.connect();
+    ASSERT_TRUE(data_to_cache(&link.server(), client, hex("01 02").data(), 2));
+    ASSERT_TRUE(data_to_cache(&link.server(), client, hex("F5 F7 00").data(), 3));
+    client->unsent_overflow = true;
+    log.take();
+    EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0);
+    EXPECT_EQ(peer.receive(5), std::string("\x01\x02\xF5\xF7\x00", 5));
+    EXPECT_EQ(client->unsent_messages.bytes(), 0U);
+    EXPECT_FALSE(client->unsent_overflow);
+    const std::string tail =
+        " 127.0.0.1:" + std::to_string(peer.port()) + " [" + identity_key{client->id}.c_str() + "]";
+    EXPECT_THAT(log.messages("raw"),
+                ElementsAre("SLIP_RAW_OUTPUT_FROM_CACHE: 0102 [2] cache size: 1" + tail,
+                            "SLIP_RAW_OUTPUT_FROM_CACHE: F5F700 [3] cache size: 0" + tail));
+
+    EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0); // nothing waits
+    EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST(unsent_messages, of_a_stalled_bridge_wait_in_order_until_it_reads)
+{
+    constexpr unsigned count = 300;
+    const win_link link{10};
+    auto [peer, client] = link.connect(4096);
+    std::string then = link.fill(*client);
+    for (unsigned n = 0; n < count; ++n) {
+        ASSERT_TRUE(data_to_win_client(&link.server(), client->id, numbered(n).data(), 4));
+        then += framed_number(n);
+    }
+    ASSERT_EQ(client->unsent_messages.size(), count);
+    const size_t bytes = client->unsent_messages.bytes();
+    {
+        log_capture log;
+        EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0);
+        EXPECT_THAT(log.take(), IsEmpty());
+    }
+    EXPECT_EQ(client->unsent_messages.size(), count);
+    EXPECT_EQ(client->unsent_messages.bytes(), bytes);
+
+    std::string received;
+    EXPECT_TRUE(repeat_until([&] { return received.size() >= then.size(); },
+                             [&, &peer = peer] {
+                                 received += peer.receive_available();
+                                 check_clients_unsent_messages(link.loop(), 1, &link.server());
+                             }));
+    EXPECT_TRUE(received == then) << received.size() << " of " << then.size() << " bytes";
+    EXPECT_EQ(client->unsent_messages.bytes(), 0U);
+    EXPECT_EQ(client->unsent_messages.size(), 0U);
+}
+
+TEST(unsent_messages, of_many_stalled_bridges_cost_the_others_no_time)
+{
+    const win_link link{10};
+    std::vector<win_link::bridge_t> bridges;
+    for (int i = 0; i < 5; ++i) {
+        bridges.push_back(link.connect(4096));
+        (void)link.fill(*bridges.back().client);
+        ASSERT_TRUE(data_to_win_client(&link.server(), bridges.back().client->id, numbered(1).data(), 4));
+    }
+    zsock_set_sndtimeo(link.server().win_sock, 10000);
+    const int64_t start = zclock_mono();
+    EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0);
+    EXPECT_LT(zclock_mono() - start, 5000) << "not even one time-out";
+    for (const auto& bridge : bridges)
+        EXPECT_EQ(bridge.client->unsent_messages.size(), 1U);
+}
+
+TEST(unsent_messages, beyond_the_ceiling_are_lost_and_reported_once_until_the_cache_is_empty)
+{
+    log_capture log;
+    const win_link link{10};
+    auto [peer, client] = link.connect(4096);
+    const auto* one = reinterpret_cast<const uint8_t*>("x");
+    const auto overflow = [&, client = client] {
+        unsent_queue& queue = client->unsent_messages;
+        ASSERT_TRUE(queue.append(bytes_t(unsent_messages_limit - queue.bytes())));
+        for (int i = 0; i < 3; ++i)
+            EXPECT_FALSE(data_to_cache(&link.server(), client, one, 1));
+        const bool one_waits = queue.size() == 2;
+        queue.clear();
+        if (one_waits) {
+            ASSERT_TRUE(queue.append({one, 1}));
+        }
+    };
+    const std::string then = "data_to_cache: win client [" + std::string(identity_key{client->id}.c_str()) +
+                             "] IP 127.0.0.1:" + std::to_string(peer.port()) +
+                             " does not read: 16777216 bytes wait for it, messages are lost!";
+    log.take();
+    overflow();
+    EXPECT_THAT(log.messages("main"), ElementsAre(then));
+    ASSERT_TRUE(data_to_cache(&link.server(), client, one, 1)); // room again, but the episode goes on
+    overflow();
+    EXPECT_THAT(log.messages("main"), IsEmpty());
+    unsent_messages_to_win_client(&link.server(), client);
+    ASSERT_EQ(client->unsent_messages.size(), 0U);
+    overflow();
+    EXPECT_THAT(log.messages("main"), ElementsAre(then));
+}
+
+// --- of all clients, and in pieces
+
 TEST(unsent_messages, of_all_clients_are_bounded_and_the_largest_holder_gives_way)
 {
     const win_link link;
@@ -131,7 +297,7 @@ TEST(unsent_messages, of_all_clients_are_bounded_and_the_largest_holder_gives_wa
             ASSERT_TRUE(cache(greedy.back(), mebibyte));
     }
     ASSERT_TRUE(cache(greedy[7], mebibyte)); // the largest from now on
-    for (int i = 0; i < 4; ++i) // 255 of 256 MiB, with what the blocks take beside them
+    for (int i = 0; i < 4; ++i)              // 255 of 256 MiB, with what the blocks take beside them
         cache(greedy[7], mebibyte);
     log_capture log;
     EXPECT_FALSE(cache(greedy[7], 2 * mebibyte)) << "nobody gives way to the largest itself";

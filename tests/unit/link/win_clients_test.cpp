@@ -19,7 +19,6 @@ using testing::ElementsAre;
 namespace {
 
 using frames_t = std::vector<bytes_t>;
-using texts_t = std::vector<std::string>;
 
 // A record as the connection handler makes it, and the frames its decoder delivers.
 class decoder {

@@ -2,15 +2,14 @@
 #include "registry/node_table.h"
 
 #include "base/czmq_ptr.h"
-#include "registry/nodes_container.h"
 #include "support/failing_new.h"
 #include "support/log_capture.h"
+#include "support/registry_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -21,8 +20,6 @@ namespace rtls {
 
 using testing::ElementsAre;
 
-using mac_t = std::array<uint8_t, mac_size>;
-
 namespace {
 
 uint64_t order_hash(const mac_t& mac)
@@ -31,14 +28,6 @@ uint64_t order_hash(const mac_t& mac)
     for (const uint8_t b : mac)
         hash = hash * 33 ^ b;
     return hash;
-}
-
-mac_t mac_of(uint64_t number)
-{
-    mac_t mac;
-    for (size_t i = 0; i < mac_size; ++i)
-        mac[i] = static_cast<uint8_t>(number >> (56 - 8 * i));
-    return mac;
 }
 
 // A zhashx as the order is defined by: keyed by MAC, holding copies.
@@ -83,25 +72,7 @@ private:
     zhashx_ptr m_table{zhashx_new()};
 };
 
-class container_order : public testing::Test {
-protected:
-    ~container_order() override { nodes_container_destroy(&nodes); }
-
-    NODE_t* create(const mac_t& mac)
-    {
-        return nodes_container_find_or_create_by_mac(nodes, mac.data(), nullptr, 0);
-    }
-    NODE_t* find(const mac_t& mac) { return nodes_container_find_by_mac(nodes, mac.data()); }
-    std::vector<mac_t> in_order()
-    {
-        std::vector<mac_t> macs;
-        for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
-            memcpy(macs.emplace_back().data(), node->mac_addr, mac_size);
-        return macs;
-    }
-
-    void* nodes = nodes_container_new();
-};
+using container_order = registry_fixture;
 
 // All the MACs with this beginning that share the hash which most of them have.
 std::vector<mac_t> colliding_macs()
@@ -241,35 +212,6 @@ TEST_F(container_order, a_container_for_which_memory_is_short_is_refused)
     fail_next_allocations(1);
     EXPECT_EQ(nodes_container_new(), nullptr);
     EXPECT_THAT(log.messages("main"), ElementsAre("nodes_container_new: out of memory!"));
-}
-
-TEST_F(container_order, an_address_for_which_memory_is_short_is_found_all_the_same)
-{
-    if (!allocations_can_fail())
-        GTEST_SKIP() << "the sanitizer owns the operators";
-    std::array<uint8_t, ip_addr_size> ip{0xFE, 0x80};
-    const auto find_ip = [&](uint8_t last) {
-        ip.back() = last;
-        return nodes_container_find_by_ip(nodes, ip.data());
-    };
-    const auto set_ip = [&](NODE_t* node, uint8_t last) {
-        ip.back() = last;
-        nodes_container_set_address(nodes, node, ip.data(), false);
-    };
-    NODE_t* one = create(mac_of(1));
-    NODE_t* two = create(mac_of(2));
-    set_ip(one, 1);
-    fail_next_allocations(1);
-    set_ip(two, 2);
-    EXPECT_EQ(failures_left(), 0U);
-    EXPECT_EQ(find_ip(1), one);
-    EXPECT_EQ(find_ip(2), two);
-    set_ip(two, 3);
-    EXPECT_EQ(find_ip(2), nullptr);
-    EXPECT_EQ(find_ip(3), two);
-    nodes_container_delete(nodes, mac_of(2).data());
-    EXPECT_EQ(find_ip(3), nullptr);
-    EXPECT_EQ(find_ip(1), one);
 }
 
 } // namespace rtls

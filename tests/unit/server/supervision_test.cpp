@@ -1,11 +1,9 @@
-#include "link/sending.h"
-#include "link/unsent_messages.h"
-#include "link/win_server_private.h"
 #include "server/supervision.h"
 
 #include "base/czmq_ptr.h"
 #include "base/peer.h"
 #include "base/signals.h"
+#include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
@@ -54,23 +52,6 @@ NODE_t* node_of(const win_link& link, const WIN_CLIENT_t& client)
 {
     const nodes_guard guard{link.nodes()};
     return nodes_container_find_by_mac(link.nodes(), client.mac_addr);
-}
-
-// Message number `n`, told apart from the filling that a stalled peer finds before it.
-bytes_t numbered(unsigned n)
-{
-    return {'#', static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n), static_cast<uint8_t>(n)};
-}
-
-std::string framed(unsigned n)
-{
-    std::string frame = "\xF5";
-    for (const uint8_t b : numbered(n)) {
-        if (b >= 0xF5 && b <= 0xF7)
-            frame += '\xF6';
-        frame += static_cast<char>(b);
-    }
-    return frame + '\xF7';
 }
 
 } // namespace
@@ -287,109 +268,6 @@ TEST(check_proxy_connection, a_failed_reconnect_ends_the_gateway)
     EXPECT_TRUE(is_stop_requested());
     clear_stop();
     link.server().proxy_sock.reset();
-}
-
-TEST(unsent_messages, go_out_oldest_first_with_a_line_each)
-{
-    log_capture log;
-    const win_link link;
-    auto [peer, client] = link.connect();
-    ASSERT_TRUE(data_to_cache(&link.server(), client, hex("01 02").data(), 2));
-    ASSERT_TRUE(data_to_cache(&link.server(), client, hex("F5 F7 00").data(), 3));
-    client->unsent_overflow = true;
-    log.take();
-    EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0);
-    EXPECT_EQ(peer.receive(5), std::string("\x01\x02\xF5\xF7\x00", 5));
-    EXPECT_EQ(client->unsent_messages.bytes(), 0U);
-    EXPECT_FALSE(client->unsent_overflow);
-    const std::string tail =
-        " 127.0.0.1:" + std::to_string(peer.port()) + " [" + identity_key{client->id}.c_str() + "]";
-    EXPECT_THAT(log.messages("raw"),
-                ElementsAre("SLIP_RAW_OUTPUT_FROM_CACHE: 0102 [2] cache size: 1" + tail,
-                            "SLIP_RAW_OUTPUT_FROM_CACHE: F5F700 [3] cache size: 0" + tail));
-
-    EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0); // nothing waits
-    EXPECT_THAT(log.take(), IsEmpty());
-}
-
-TEST(unsent_messages, of_a_stalled_bridge_wait_in_order_until_it_reads)
-{
-    constexpr unsigned count = 300;
-    const win_link link{10};
-    auto [peer, client] = link.connect(4096);
-    std::string then = link.fill(*client);
-    for (unsigned n = 0; n < count; ++n) {
-        ASSERT_TRUE(data_to_win_client(&link.server(), client->id, numbered(n).data(), 4));
-        then += framed(n);
-    }
-    ASSERT_EQ(client->unsent_messages.size(), count);
-    const size_t bytes = client->unsent_messages.bytes();
-    {
-        log_capture log;
-        EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0);
-        EXPECT_THAT(log.take(), IsEmpty());
-    }
-    EXPECT_EQ(client->unsent_messages.size(), count);
-    EXPECT_EQ(client->unsent_messages.bytes(), bytes);
-
-    std::string received;
-    EXPECT_TRUE(repeat_until([&] { return received.size() >= then.size(); },
-                             [&, &peer = peer] {
-                                 received += peer.receive_available();
-                                 check_clients_unsent_messages(link.loop(), 1, &link.server());
-                             }));
-    EXPECT_TRUE(received == then) << received.size() << " of " << then.size() << " bytes";
-    EXPECT_EQ(client->unsent_messages.bytes(), 0U);
-    EXPECT_EQ(client->unsent_messages.size(), 0U);
-}
-
-TEST(unsent_messages, of_many_stalled_bridges_cost_the_others_no_time)
-{
-    const win_link link{10};
-    std::vector<win_link::bridge_t> bridges;
-    for (int i = 0; i < 5; ++i) {
-        bridges.push_back(link.connect(4096));
-        (void)link.fill(*bridges.back().client);
-        ASSERT_TRUE(data_to_win_client(&link.server(), bridges.back().client->id, numbered(1).data(), 4));
-    }
-    zsock_set_sndtimeo(link.server().win_sock, 10000);
-    const int64_t start = zclock_mono();
-    EXPECT_EQ(check_clients_unsent_messages(link.loop(), 1, &link.server()), 0);
-    EXPECT_LT(zclock_mono() - start, 5000) << "not even one time-out";
-    for (const auto& bridge : bridges)
-        EXPECT_EQ(bridge.client->unsent_messages.size(), 1U);
-}
-
-TEST(unsent_messages, beyond_the_ceiling_are_lost_and_reported_once_until_the_cache_is_empty)
-{
-    log_capture log;
-    const win_link link{10};
-    auto [peer, client] = link.connect(4096);
-    const auto* one = reinterpret_cast<const uint8_t*>("x");
-    const auto overflow = [&, client = client] {
-        unsent_queue& queue = client->unsent_messages;
-        ASSERT_TRUE(queue.append(bytes_t(unsent_messages_limit - queue.bytes())));
-        for (int i = 0; i < 3; ++i)
-            EXPECT_FALSE(data_to_cache(&link.server(), client, one, 1));
-        const bool one_waits = queue.size() == 2;
-        queue.clear();
-        if (one_waits) {
-            ASSERT_TRUE(queue.append({one, 1}));
-        }
-    };
-    const std::string then = "data_to_cache: win client [" + std::string(identity_key{client->id}.c_str()) +
-                             "] IP 127.0.0.1:" + std::to_string(peer.port()) +
-                             " does not read: 16777216 bytes wait for it, messages are lost!";
-    log.take();
-    overflow();
-    EXPECT_THAT(log.messages("main"), ElementsAre(then));
-    ASSERT_TRUE(data_to_cache(&link.server(), client, one, 1)); // room again, but the episode goes on
-    overflow();
-    EXPECT_THAT(log.messages("main"), IsEmpty());
-    unsent_messages_to_win_client(&link.server(), client);
-    ASSERT_EQ(client->unsent_messages.size(), 0U);
-    overflow();
-    EXPECT_THAT(log.messages("main"), ElementsAre(then));
 }
 
 } // namespace rtls

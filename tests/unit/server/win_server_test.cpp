@@ -1,18 +1,14 @@
-#include "downlink/update_announcement.h"
-#include "link/sending.h"
-#include "link/unsent_messages.h"
-#include "link/win_server_win_clients.h"
 #include "server/win_server.h"
 #include "server/win_server_actor.h"
 
 #include "base/czmq_ptr.h"
-#include "base/peer.h"
 #include "base/signals.h"
 #include "link/win_server_private.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
+#include "support/tcp_peer.h"
+#include "support/test_gateway.h"
 #include "support/wait.h"
-#include "support/win_link.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,13 +17,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <future>
-#include <memory>
-#include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace rtls {
 
@@ -101,11 +93,6 @@ protected:
 
     log_capture log;
 };
-
-std::string text(const bytes_t& bytes)
-{
-    return {bytes.begin(), bytes.end()};
-}
 
 } // namespace
 
@@ -210,7 +197,7 @@ TEST_F(win_server_actor_test, serves_until_it_is_destroyed)
     tcp_peer peer{gateway.win_port()};
     EXPECT_EQ(peer.receive(5), "sync\n");
     peer.send(hex("F5 00 00 05 AA F7"));
-    EXPECT_EQ(peer.receive(6), text(hex("F5 00 00 05 AA F7")));
+    EXPECT_EQ(peer.receive(6), text_of(hex("F5 00 00 05 AA F7")));
     EXPECT_FALSE(is_stop_requested());
     gateway.stop();
     EXPECT_TRUE(is_stop_requested()) << "the end of the actor ends the gateway";
@@ -339,271 +326,6 @@ TEST_F(win_server_actor_test, tear_down_takes_what_is_there)
     zlist_append(owner.server().unsent_messages, zframe_new("2", 1));
     destroy_actor_context(&owner.server());
     EXPECT_EQ(owner.server().unsent_messages, nullptr);
-}
-
-TEST(win_server_nodes_update, reaches_every_bridge_and_marks_it)
-{
-    log_capture log;
-    const win_link link;
-    log.take();
-    win_server_nodes_update(&link.server(), nullptr);
-    EXPECT_THAT(log.take(), IsEmpty());
-
-    std::vector<win_link::bridge_t> bridges;
-    for (int i = 0; i < 3; ++i) {
-        bridges.push_back(link.connect());
-        bridges.back().client->firmware_updated = true;
-    }
-    log.take();
-    win_server_nodes_update(&link.server(), nullptr);
-    for (auto& bridge : bridges) {
-        EXPECT_EQ(bridge.peer.receive(5), text(hex("F5 18 01 00 F7")));
-        EXPECT_FALSE(bridge.client->firmware_updated);
-    }
-    const char* then = "UPDATE: send cmd: MSG_UPDATE_CMD to brige: 127.0.0.1";
-    EXPECT_THAT(log.messages("parsing"), ElementsAre(then, then, then));
-}
-
-TEST(win_server_nodes_update, of_one_bridge_leaves_its_mark)
-{
-    log_capture log;
-    const win_link link;
-    auto [peer, client] = link.connect();
-    auto [other_peer, other_client] = link.connect();
-    client->firmware_updated = true;
-    log.take();
-    win_server_nodes_update(&link.server(), client->id);
-    EXPECT_EQ(peer.receive(5), text(hex("F5 18 01 00 F7")));
-    EXPECT_EQ(other_peer.receive_available(), "");
-    EXPECT_TRUE(client->firmware_updated);
-    EXPECT_THAT(log.messages("parsing"), ElementsAre("UPDATE: send cmd: MSG_UPDATE_CMD to current node"));
-}
-
-namespace {
-
-// The lines of one of these channels, in the order in which they were printed.
-std::vector<std::string> lines_of(log_capture& log, std::initializer_list<const char*> channels)
-{
-    std::vector<std::string> lines;
-    for (const auto& record : log.take())
-        for (const char* channel : channels)
-            if (const size_t at = record.find(channel); at != std::string::npos)
-                lines.push_back(record.substr(at));
-    return lines;
-}
-
-// The keys of the bridges, as the table lists them.
-std::vector<std::string> keys_in_table_order(const win_link& link)
-{
-    std::vector<std::string> keys;
-    link.server().clients.for_each(
-        [&](WIN_CLIENT_t& client) { keys.emplace_back(identity_key{client.id}.c_str()); });
-    return keys;
-}
-
-} // namespace
-
-// Whoever reads the log sees what a bridge was sent and then why, one bridge after the other.
-TEST(win_server_nodes_update, prints_each_line_behind_its_sending_in_the_tables_order)
-{
-    log_capture log;
-    const win_link link;
-    std::vector<win_link::bridge_t> bridges;
-    for (int i = 0; i < 10; ++i)
-        bridges.push_back(link.connect());
-    log.take();
-    win_server_nodes_update(&link.server(), nullptr);
-    std::vector<std::string> then;
-    for (const auto& key : keys_in_table_order(link)) {
-        then.push_back("SLIP_RAW_OUTPUT: F5180100F7 [5] [" + key + "]");
-        then.emplace_back("UPDATE: send cmd: MSG_UPDATE_CMD to brige: 127.0.0.1");
-    }
-    EXPECT_EQ(lines_of(log, {"SLIP_RAW_OUTPUT", "UPDATE:"}), then);
-}
-
-TEST(data_to_win_client, goes_to_all_bridges_in_the_tables_order)
-{
-    log_capture log;
-    const win_link link;
-    std::vector<win_link::bridge_t> bridges;
-    for (int i = 0; i < 10; ++i)
-        bridges.push_back(link.connect());
-    log.take();
-    const uint8_t message = 1;
-    EXPECT_TRUE(data_to_win_client(&link.server(), nullptr, &message, 1));
-    std::vector<std::string> then;
-    for (const auto& key : keys_in_table_order(link))
-        then.push_back("SLIP_RAW_OUTPUT: F501F7 [3] [" + key + "]");
-    EXPECT_EQ(lines_of(log, {"SLIP_RAW_OUTPUT"}), then);
-}
-
-TEST(delete_win_client, closes_the_connection_and_forgets_the_client)
-{
-    log_capture log;
-    const win_link link;
-    auto [peer, client] = link.connect();
-    auto [other_peer, other_client] = link.connect();
-    log.take();
-    delete_win_client(&link.server(), client->id); // the record's own frame goes with it
-    EXPECT_EQ(link.clients(), 1U);
-    EXPECT_EQ(link.find(other_peer.port()), other_client);
-    EXPECT_TRUE(link.pump_until([&, &peer = peer] { return peer.is_closed(std::chrono::milliseconds(1)); }));
-    EXPECT_THAT(log.messages("main"), IsEmpty());
-    EXPECT_EQ(link.clients(), 1U);
-
-    other_peer.send(hex("F5 00 00 05 AA F7")); // the socket is still in step
-    ASSERT_TRUE(link.pump_until([&, client = other_client] {
-        return client->pending_data_size == 4 && client->parsing_state == PS_NONE;
-    }));
-    EXPECT_EQ(other_peer.receive(6), text(hex("F5 00 00 05 AA F7")));
-}
-
-TEST(delete_win_client, of_an_unknown_identity_leaves_the_socket_in_step)
-{
-    log_capture log;
-    const win_link link;
-    auto [peer, client] = link.connect();
-    const zframe_ptr stranger{zframe_new("\0abcd", 5)};
-    log.take();
-    delete_win_client(&link.server(), stranger.get());
-    EXPECT_THAT(log.messages("main"), ElementsAre("delete_win_client: zframe_send: 113, Host unreachable"));
-    EXPECT_EQ(zframe_size(stranger.get()), 5U) << "the frame stays the caller's";
-    EXPECT_EQ(link.clients(), 1U);
-    win_server_nodes_update(&link.server(), client->id);
-    EXPECT_EQ(peer.receive(5), text(hex("F5 18 01 00 F7")));
-}
-
-TEST(delete_win_client, cuts_a_connection_that_takes_no_data)
-{
-    for (const bool something_waits : {false, true}) {
-        SCOPED_TRACE(something_waits);
-        const win_link link{10};
-        auto [peer, client] = link.connect(4096);
-        (void)link.fill(*client);
-        if (something_waits) {
-            ASSERT_TRUE(data_to_cache(&link.server(), client, reinterpret_cast<const uint8_t*>("x"), 1));
-        }
-        zsock_set_sndtimeo(link.server().win_sock, something_waits ? 10000 : 100);
-        const int64_t start = zclock_mono();
-        delete_win_client(&link.server(), client->id);
-        EXPECT_LT(zclock_mono() - start, 5000) << "nobody waits for a client known to be stalled";
-        EXPECT_EQ(link.clients(), 0U);
-        EXPECT_TRUE(
-            link.pump_until([&, &peer = peer] { return peer.is_closed(std::chrono::milliseconds(1)); }));
-        // Its late notice is no new connection.
-        EXPECT_TRUE(link.pump_until([&] { return link.server().closed_ids.empty(); }));
-        EXPECT_EQ(link.clients(), 0U);
-    }
-}
-
-TEST(delete_win_client, cuts_nobody_else_who_got_the_descriptor)
-{
-    const win_link link{10};
-    auto [peer, client] = link.connect(4096);
-    auto [other_peer, other_client] = link.connect();
-    (void)link.fill(*client);
-    client->fd = other_client->fd;
-    delete_win_client(&link.server(), client->id);
-    other_peer.send(hex("F5 00 00 05 AA F7"));
-    ASSERT_TRUE(link.pump_until([&, client = other_client] {
-        return client->pending_data_size == 4 && client->parsing_state == PS_NONE;
-    }));
-    EXPECT_EQ(other_peer.receive(6), text(hex("F5 00 00 05 AA F7")));
-}
-
-// Its end may be among the events: then the number is no longer its own.
-TEST(delete_win_client, cuts_only_when_no_event_waits)
-{
-    const win_link link{10};
-    auto [peer, client] = link.connect(4096);
-    (void)link.fill(*client);
-    const tcp_peer another{link.port()};
-    zmq_pollitem_t item{zsock_resolve(link.server().win_sock), 0, ZMQ_POLLIN, 0};
-    ASSERT_EQ(zmq_poll(&item, 1, 5000), 1);
-    delete_win_client(&link.server(), client->id);
-    EXPECT_FALSE(link.server().cuts.empty());
-    EXPECT_FALSE(peer.is_closed(std::chrono::milliseconds(50)));
-    EXPECT_TRUE(link.pump_until([&, &peer = peer] { return peer.is_closed(std::chrono::milliseconds(1)); }));
-    EXPECT_TRUE(link.server().cuts.empty());
-}
-
-TEST(win_server_copy_clients, gives_what_other_threads_may_know)
-{
-    const win_link link;
-    EXPECT_TRUE(win_server_copy_clients(&link.server()).empty());
-    std::vector<win_link::bridge_t> bridges;
-    for (uint8_t i = 0; i < 5; ++i) {
-        bridges.push_back(link.connect());
-        const uint8_t mac[mac_size] = {1, 2, 3, 4, 5, 6, 7, i};
-        link.server().clients.set_mac_addr(*bridges.back().client, mac);
-    }
-    const auto copies = win_server_copy_clients(&link.server());
-    ASSERT_EQ(copies.size(), bridges.size());
-    for (const auto& copy : copies) {
-        const WIN_CLIENT_t* client = link.find(ntohs(copy.addr.sin_port));
-        ASSERT_NE(client, nullptr);
-        EXPECT_NE(copy.id.get(), client->id);
-        EXPECT_TRUE(zframe_eq(copy.id.get(), client->id));
-        EXPECT_EQ(bytes_t(copy.mac_addr, copy.mac_addr + mac_size),
-                  bytes_t(client->mac_addr, client->mac_addr + mac_size));
-        EXPECT_EQ(copy.addr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
-    }
-    EXPECT_EQ(link.clients(), bridges.size()) << "the copy has not destroyed the records";
-}
-
-// A look-up may give the table new buckets and free the old ones, which a copy walks.
-TEST(win_server_copy_clients, keeps_look_ups_out_of_the_table)
-{
-    const win_link link;
-    auto [peer, client] = link.connect();
-    peer.send(hex("F5 00 00 05 AA F7"));
-    zmq_pollitem_t item{zsock_resolve(link.server().win_sock), 0, ZMQ_POLLIN, 0};
-    ASSERT_EQ(zmq_poll(&item, 1, 5000), 1);
-    const zframe_ptr stranger{zframe_new("\0abcd", 5)};
-    const uint8_t message = 1;
-    const struct {
-        const char* given;
-        std::function<void()> look_up;
-    } cases[] = {
-        {"a message for a client",
-         [&] { EXPECT_FALSE(data_to_win_client(&link.server(), stranger.get(), &message, 1)); }},
-        {"an event of a connection",
-         [&] { EXPECT_EQ(handle_win_clients(link.loop(), link.server().win_sock, &link.server()), 0); }},
-    };
-    for (const auto& c : cases) {
-        std::unique_lock copying{link.server().clients.mutex()};
-        auto done = std::async(std::launch::async, c.look_up);
-        EXPECT_EQ(done.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout) << c.given;
-        copying.unlock();
-        done.get();
-    }
-}
-
-TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
-{
-    test_gateway gateway;
-    gateway.run_win_server();
-    std::atomic<bool> done{false};
-    std::thread reader{[&] {
-        while (!done)
-            for (const auto& copy : win_server_copy_clients(&gateway.win_server())) {
-                ASSERT_EQ(zframe_size(copy.id.get()), 5U);
-                ASSERT_NE(copy.addr.sin_port, 0);
-            }
-    }};
-    const bytes_t panid_request = hex("F5 01 01 01 A0 A1 A2 A3 A4 A5 A6 A7 F7"); // names the bridge
-    for (int round = 0; round < 100; ++round) {
-        std::vector<tcp_peer> peers;
-        for (int i = 0; i < 5; ++i)
-            peers.emplace_back(gateway.win_port());
-        for (auto& peer : peers) {
-            EXPECT_EQ(peer.receive(5), "sync\n");
-            peer.send(panid_request);
-        }
-    }
-    done = true;
-    reader.join();
-    EXPECT_TRUE(wait_until([&] { return win_server_copy_clients(&gateway.win_server()).empty(); }));
 }
 
 } // namespace rtls

@@ -14,6 +14,7 @@
 #include "support/sock.h"
 #include "support/temp_file.h"
 #include "support/test_gateway.h"
+#include "support/texts.h"
 #include "support/wait.h"
 #include "support/win_link.h"
 #include "terminal/terminal_server.h"
@@ -47,12 +48,10 @@ using testing::IsEmpty;
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 // What the stand-ins have seen, and what they are to do.
 struct watched_calls {
     std::mutex mutex; // guards what follows
-    strings opened;   // "PULL bind inproc://dbg_dump", in order
+    texts_t opened;   // "PULL bind inproc://dbg_dump", in order
     std::vector<std::pair<size_t, zloop_timer_fn*>> timers;
     std::map<std::string, sigset_t> blocked; // signals of the thread that opens this endpoint
 

@@ -9,6 +9,7 @@
 #include "support/tcp_listener.h"
 #include "support/temp_file.h"
 #include "support/test_gateway.h"
+#include "support/texts.h"
 #include "support/wait.h"
 #include "wire/node_commands.h"
 
@@ -26,11 +27,8 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace rtls {
-
-using strings = std::vector<std::string>;
 
 static constexpr mac_array sample_mac{0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x1A, 0x2B};
 
@@ -50,43 +48,6 @@ static OTA_FIRMWARE_INFO_t sample_info()
 static offered_image offered(const OTA_FIRMWARE_INFO_t& info)
 {
     return {info.git_ver, info.crc32, info.size};
-}
-
-// --- Requests
-
-template <typename Container>
-static bytes_t bytes_of(const Container& request)
-{
-    return {request.begin(), request.end()};
-}
-
-TEST(node_requests, reboot)
-{
-    EXPECT_EQ(bytes_of(make_reboot_request(sample_mac)),
-              hex("0E 08 00 00 06 00 01 00 02 00 00 00 01 02 03 04 05 1A 2B"));
-}
-
-TEST(node_requests, apply)
-{
-    EXPECT_EQ(bytes_of(make_apply_request(sample_mac)), hex("0E 08 00 00 02 00 11 00 01 02 03 04 05 1A 2B"));
-}
-
-TEST(node_requests, set)
-{
-    const struct {
-        const char* given;
-        std::optional<uint16_t> source;
-        bytes_t then;
-    } cases[] = {
-        {"passive", std::nullopt,
-         hex("0E 08 00 00 10 00 0E 20 0C 01 02 A0 FF CA FE 01 23 00 03 E8 FF 00 01 02 03 04 05 1A 2B")},
-        {"from the gateway", 0,
-         hex("0E 08 00 00 12 00 0E 20 0E 01 02 A0 FF CA FE 01 23 00 03 E8 FF 00 00 00 01 02 03 04 05 1A 2B")},
-        {"from a node", 0xBEEF,
-         hex("0E 08 00 00 12 00 0E 20 0E 01 02 A0 FF CA FE 01 23 00 03 E8 FF BE EF 00 01 02 03 04 05 1A 2B")},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(make_set_request(offered(sample_info()), c.source, sample_mac), c.then) << c.given;
 }
 
 // --- Texts
@@ -155,9 +116,9 @@ static bytes_t sample_image()
     return image;
 }
 
-class terminal_firmware_test : public testing::Test {
+class firmware_commands : public testing::Test {
 protected:
-    terminal_firmware_test()
+    firmware_commands()
     {
         for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"})
             unsetenv(name); // our servers are on this machine
@@ -203,7 +164,7 @@ protected:
     std::unique_ptr<operator_peer> m_operator;
 };
 
-TEST_F(terminal_firmware_test, refusals)
+TEST_F(firmware_commands, refusals)
 {
     const struct {
         const char* command;
@@ -234,7 +195,7 @@ TEST_F(terminal_firmware_test, refusals)
             EXPECT_EQ(answer_to(c.command), c.then) << c.command;
 }
 
-TEST_F(terminal_firmware_test, a_list_shows_what_is_in_the_store)
+TEST_F(firmware_commands, a_list_shows_what_is_in_the_store)
 {
     const std::string header = firmware_list_header;
     EXPECT_EQ(answer_to("fw list"), header);
@@ -246,7 +207,7 @@ TEST_F(terminal_firmware_test, a_list_shows_what_is_in_the_store)
     EXPECT_EQ(answer_to("fw list and more words"), list);
 }
 
-TEST_F(terminal_firmware_test, apply_always_addresses_the_node_000A)
+TEST_F(firmware_commands, apply_always_addresses_the_node_000A)
 {
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
     m_gateway.add_node(hex("00 01 02 03 04 05 00 0A"));
@@ -257,7 +218,7 @@ TEST_F(terminal_firmware_test, apply_always_addresses_the_node_000A)
 }
 
 // As while the gateway is being built or taken down.
-TEST_F(terminal_firmware_test, without_a_store_there_is_no_image)
+TEST_F(firmware_commands, without_a_store_there_is_no_image)
 {
     auto& given = *static_cast<services*>(gateway());
     OTA_t* store = std::exchange(given.ota, nullptr);
@@ -270,7 +231,7 @@ TEST_F(terminal_firmware_test, without_a_store_there_is_no_image)
 }
 
 // The words of the operators are the sub-command's own (see above); the functions take any.
-TEST_F(terminal_firmware_test, info_by_index)
+TEST_F(firmware_commands, info_by_index)
 {
     EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "0"), "Incorrect INDEX value!\n");
     fetch_image();
@@ -284,7 +245,7 @@ TEST_F(terminal_firmware_test, info_by_index)
     EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "zz"), "Incorrect INDEX value!\n");
 }
 
-TEST_F(terminal_firmware_test, del_by_index)
+TEST_F(firmware_commands, del_by_index)
 {
     fetch_image();
     EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "1"), "Incorrect INDEX value!\n");
@@ -294,7 +255,7 @@ TEST_F(terminal_firmware_test, del_by_index)
     EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "0"), "Incorrect INDEX value!\n");
 }
 
-TEST_F(terminal_firmware_test, apply_by_mac)
+TEST_F(firmware_commands, apply_by_mac)
 {
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
     EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "zz"), "Incorrect MAC value!\n");
@@ -303,7 +264,7 @@ TEST_F(terminal_firmware_test, apply_by_mac)
     EXPECT_EQ(next_request(), hex("0E 08 00 00 02 00 11 00 01 02 03 04 05 1A 2B"));
 }
 
-TEST_F(terminal_firmware_test, set_by_index_and_mac)
+TEST_F(firmware_commands, set_by_index_and_mac)
 {
     fetch_image();
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
@@ -334,7 +295,7 @@ TEST_F(terminal_firmware_test, set_by_index_and_mac)
     }
 }
 
-TEST_F(terminal_firmware_test, a_full_queue_fails_the_command)
+TEST_F(firmware_commands, a_full_queue_fails_the_command)
 {
     fetch_image();
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
@@ -343,11 +304,11 @@ TEST_F(terminal_firmware_test, a_full_queue_fails_the_command)
     EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2b"), "Failed to send command!\n");
     EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), "0", "1a2b", nullptr),
               "Failed to send command!\n");
-    EXPECT_EQ(m_log.messages("main"), strings(3, "Overflow winserw queue!"));
+    EXPECT_EQ(m_log.messages("main"), texts_t(3, "Overflow winserw queue!"));
 }
 
 // The answer is addressed before the transfer; whoever leaves in between must not put it astray.
-TEST_F(terminal_firmware_test, leaving_during_a_download_disturbs_nobody)
+TEST_F(firmware_commands, leaving_during_a_download_disturbs_nobody)
 {
     tcp_listener web;
     const std::string command = "fw get http://127.0.0.1:" + std::to_string(web.port()) + "/x\n";

@@ -11,7 +11,7 @@
 
 namespace rtls {
 
-using generic_server_req = bridge_message_fixture;
+using payloads = bridge_message_fixture;
 
 static constexpr unsigned sensor = 0x0116;
 static constexpr unsigned generic = 0x010E;
@@ -32,7 +32,7 @@ static std::string report_of(bytes_t message, const std::string& mac = sender_ma
 
 // --- what both have in common
 
-TEST_F(generic_server_req, a_direct_message_goes_upstream_with_the_mac_of_its_sender)
+TEST_F(payloads, a_direct_message_goes_upstream_with_the_mac_of_its_sender)
 {
     introduce(sender_mac, sender_ip);
     EXPECT_TRUE(receive(direct(hex("16 01 07 03 00 AA BB CC"))));
@@ -45,7 +45,7 @@ TEST_F(generic_server_req, a_direct_message_goes_upstream_with_the_mac_of_its_se
     EXPECT_EQ(management_texts(), texts_t{});
 }
 
-TEST_F(generic_server_req, a_direct_sender_is_known_by_its_address)
+TEST_F(payloads, a_direct_sender_is_known_by_its_address)
 {
     introduce(other_mac, other_ip);
     EXPECT_TRUE(receive(direct(hex("16 01 07 01 00 AA"), other_ip)));
@@ -56,7 +56,7 @@ TEST_F(generic_server_req, a_direct_sender_is_known_by_its_address)
     EXPECT_EQ(reports(), texts_t{"0116070001AAE4A2A3A4A5A6A7A8"});
 }
 
-TEST_F(generic_server_req, an_unknown_direct_sender_gets_its_ack_and_nothing_else)
+TEST_F(payloads, an_unknown_direct_sender_gets_its_ack_and_nothing_else)
 {
     for (const unsigned type : {sensor, generic}) {
         EXPECT_TRUE(receive(direct(payload_message(type | 0x1000, 7, hex("00 01 02")), other_ip)));
@@ -67,7 +67,7 @@ TEST_F(generic_server_req, an_unknown_direct_sender_gets_its_ack_and_nothing_els
     EXPECT_EQ(node_count(), 0U);
 }
 
-TEST_F(generic_server_req, a_forwarded_message_ends_with_the_mac_of_its_envelope)
+TEST_F(payloads, a_forwarded_message_ends_with_the_mac_of_its_envelope)
 {
     const bytes_t inner = payload_message(sensor, 7, hex("AA BB CC"));
     EXPECT_TRUE(receive(envelope(inner)));
@@ -81,7 +81,7 @@ TEST_F(generic_server_req, a_forwarded_message_ends_with_the_mac_of_its_envelope
     EXPECT_EQ(node_count(), 2U);
 }
 
-TEST_F(generic_server_req, a_forwarded_message_is_taken_once)
+TEST_F(payloads, a_forwarded_message_is_taken_once)
 {
     for (const unsigned type : {sensor, generic}) {
         const auto seq = static_cast<uint8_t>(type);
@@ -96,7 +96,7 @@ TEST_F(generic_server_req, a_forwarded_message_is_taken_once)
     }
 }
 
-TEST_F(generic_server_req, a_direct_message_is_taken_as_often_as_it_comes)
+TEST_F(payloads, a_direct_message_is_taken_as_often_as_it_comes)
 {
     introduce(sender_mac, sender_ip);
     for (int i = 0; i < 3; i++)
@@ -104,7 +104,7 @@ TEST_F(generic_server_req, a_direct_message_is_taken_as_often_as_it_comes)
     EXPECT_EQ(reports().size(), 3U);
 }
 
-TEST_F(generic_server_req, a_direct_message_does_not_lengthen_the_senders_life)
+TEST_F(payloads, a_direct_message_does_not_lengthen_the_senders_life)
 {
     introduce(sender_mac, sender_ip);
     ASSERT_EQ(node(sender_mac)->last_activity.tv_sec, 0);
@@ -118,7 +118,7 @@ TEST_F(generic_server_req, a_direct_message_does_not_lengthen_the_senders_life)
     EXPECT_EQ(route_of(sender_mac), "0011223344"); // nor does it move the route
 }
 
-TEST_F(generic_server_req, an_ack_goes_to_the_sixteen_bytes_behind_the_payload)
+TEST_F(payloads, an_ack_goes_to_the_sixteen_bytes_behind_the_payload)
 {
     introduce(sender_mac, sender_ip);
     for (const unsigned type : {sensor, generic}) {
@@ -131,7 +131,7 @@ TEST_F(generic_server_req, an_ack_goes_to_the_sixteen_bytes_behind_the_payload)
     EXPECT_EQ(replies(), texts_t{"100809E4A2A3A4A5A6A7A8FE80000000000000"});
 }
 
-TEST_F(generic_server_req, a_message_goes_upstream_with_its_time_of_generation)
+TEST_F(payloads, a_message_goes_upstream_with_its_time_of_generation)
 {
     introduce(sender_mac, sender_ip);
     EXPECT_TRUE(receive(with_timestamp(direct(payload_message(sensor, 7, hex("AA"))))));
@@ -139,7 +139,7 @@ TEST_F(generic_server_req, a_message_goes_upstream_with_its_time_of_generation)
     EXPECT_EQ(times_of_reports(), (texts_t{"6553F10001F4", "6553F10001F4"}));
 }
 
-TEST_F(generic_server_req, an_empty_payload_is_a_message)
+TEST_F(payloads, an_empty_payload_is_a_message)
 {
     introduce(sender_mac, sender_ip);
     EXPECT_TRUE(receive(direct(hex("16 01 07 00 00"))));
@@ -147,7 +147,7 @@ TEST_F(generic_server_req, an_empty_payload_is_a_message)
     EXPECT_EQ(reports(), (texts_t{"0116070000E4A2A3A4A5A6A7A8", "010E070000E4A2A3A4A5A6A7A8"}));
 }
 
-TEST_F(generic_server_req, the_copy_for_the_servers_has_its_limits)
+TEST_F(payloads, the_copy_for_the_servers_has_its_limits)
 {
     introduce(sender_mac, sender_ip);
     const struct {
@@ -167,7 +167,7 @@ TEST_F(generic_server_req, the_copy_for_the_servers_has_its_limits)
     }
 }
 
-TEST_F(generic_server_req, the_senders_address_must_be_there_but_more_may_follow)
+TEST_F(payloads, the_senders_address_must_be_there_but_more_may_follow)
 {
     introduce(sender_mac, sender_ip);
     for (const unsigned type : {sensor, generic}) {
@@ -201,7 +201,7 @@ static std::string address_in(const bytes_t& frame, uint16_t total_len)
     return to_hex(slice(frame, static_cast<uint16_t>(total_len + 5), ip_addr_size));
 }
 
-TEST_F(generic_server_req, a_wrapped_length_is_compared_as_it_is)
+TEST_F(payloads, a_wrapped_length_is_compared_as_it_is)
 {
     for (uint16_t total_len = 65531; total_len != 0; total_len++) {
         const auto length = static_cast<uint16_t>(total_len + 5); // 0..4
@@ -218,7 +218,7 @@ TEST_F(generic_server_req, a_wrapped_length_is_compared_as_it_is)
     EXPECT_EQ(reports(), texts_t{});
 }
 
-TEST_F(generic_server_req, a_report_of_wrapped_length_goes_upstream_as_far_as_it_is_long)
+TEST_F(payloads, a_report_of_wrapped_length_goes_upstream_as_far_as_it_is_long)
 {
     const struct {
         uint16_t total_len;
@@ -239,7 +239,7 @@ TEST_F(generic_server_req, a_report_of_wrapped_length_goes_upstream_as_far_as_it
     }
 }
 
-TEST_F(generic_server_req, a_forwarded_report_of_wrapped_length_keeps_its_own_bytes)
+TEST_F(payloads, a_forwarded_report_of_wrapped_length_keeps_its_own_bytes)
 {
     const struct {
         uint16_t total_len;
@@ -254,7 +254,7 @@ TEST_F(generic_server_req, a_forwarded_report_of_wrapped_length_keeps_its_own_by
     }
 }
 
-TEST_F(generic_server_req, a_sub_command_that_promises_more_than_there_is_is_dropped)
+TEST_F(payloads, a_sub_command_that_promises_more_than_there_is_is_dropped)
 {
     const struct {
         const char* given;
@@ -280,7 +280,7 @@ TEST_F(generic_server_req, a_sub_command_that_promises_more_than_there_is_is_dro
         }
 }
 
-TEST_F(generic_server_req, a_sub_command_of_wrapped_length_is_run_when_all_of_it_is_there)
+TEST_F(payloads, a_sub_command_of_wrapped_length_is_run_when_all_of_it_is_there)
 {
     bytes_t frame = promising(generic, 65535, 15 + 8 * 8190, 10);
     introduce(sender_mac, address_in(frame, 65535));
@@ -298,7 +298,7 @@ TEST_F(generic_server_req, a_sub_command_of_wrapped_length_is_run_when_all_of_it
     EXPECT_EQ(reports(), texts_t{});
 }
 
-TEST_F(generic_server_req, other_requests_of_wrapped_length_go_upstream)
+TEST_F(payloads, other_requests_of_wrapped_length_go_upstream)
 {
     for (const unsigned code : {0U, 11U, 16U, 17U, 41U}) {
         const bytes_t frame = promising(generic, 65535, 40, static_cast<uint16_t>(code));
@@ -315,7 +315,7 @@ static const char* const route_body = "02 AB 34 CD 56 00  EE EE" // reporter
                                       "FE DC BA 98 76 54  EE FF"
                                       "00 00 00 00 00 01  EE 2A";
 
-TEST_F(generic_server_req, a_route_request_becomes_a_management_text)
+TEST_F(payloads, a_route_request_becomes_a_management_text)
 {
     introduce(sender_mac, sender_ip);
     const std::string head = "\"route_request\":{\"reporter\":{\"mac\":\"02ab34cd5600\"},\"requester\":["
@@ -345,7 +345,7 @@ TEST_F(generic_server_req, a_route_request_becomes_a_management_text)
     }
 }
 
-TEST_F(generic_server_req, the_longest_route_request_lists_128_requesters)
+TEST_F(payloads, the_longest_route_request_lists_128_requesters)
 {
     introduce(sender_mac, sender_ip);
     EXPECT_TRUE(receive(direct(generic_req(7, 10, ramp(1035)))));
@@ -354,7 +354,7 @@ TEST_F(generic_server_req, the_longest_route_request_lists_128_requesters)
     EXPECT_EQ(std::count(texts[0].begin(), texts[0].end(), 'q'), 2 + 128);
 }
 
-TEST_F(generic_server_req, a_request_too_short_for_its_sub_command_goes_upstream)
+TEST_F(payloads, a_request_too_short_for_its_sub_command_goes_upstream)
 {
     introduce(sender_mac, sender_ip);
     const struct {
@@ -375,7 +375,7 @@ TEST_F(generic_server_req, a_request_too_short_for_its_sub_command_goes_upstream
 
 // --- UL-TDOA data
 
-TEST_F(generic_server_req, ul_tdoa_data_becomes_a_management_text)
+TEST_F(payloads, ul_tdoa_data_becomes_a_management_text)
 {
     const bytes_t body =
         hex("02 AB 34 CD 56 01  00 0A  02 AB 34 CD 56 02  02 AB 34 CD 56 03  00 00 03 E8  80 81"
@@ -407,7 +407,7 @@ TEST_F(generic_server_req, ul_tdoa_data_becomes_a_management_text)
 
 // --- range reports
 
-TEST_F(generic_server_req, a_range_report_is_printed_and_goes_upstream)
+TEST_F(payloads, a_range_report_is_printed_and_goes_upstream)
 {
     introduce(sender_mac, sender_ip);
     const bytes_t body = hex("AB CD 00 01 E2 40 00 07 00 01 FF FF FF FF FF FF 99 99 99");
@@ -434,7 +434,7 @@ TEST_F(generic_server_req, a_range_report_is_printed_and_goes_upstream)
 static const char* const page_request =
     "00 10  12 34 56 78  9A BC DE F0  00 80  00 03"; // page 3 of 128 bytes
 
-TEST_F(generic_server_req, a_page_of_a_stored_image_is_served_without_the_servers)
+TEST_F(payloads, a_page_of_a_stored_image_is_served_without_the_servers)
 {
     const bytes_t page = ramp(128, 0xC0);
     introduce(sender_mac, sender_ip);
@@ -447,7 +447,7 @@ TEST_F(generic_server_req, a_page_of_a_stored_image_is_served_without_the_server
     EXPECT_EQ(reports(), texts_t{});
 }
 
-TEST_F(generic_server_req, a_page_that_is_not_stored_is_the_servers_business)
+TEST_F(payloads, a_page_that_is_not_stored_is_the_servers_business)
 {
     introduce(sender_mac, sender_ip);
     const bytes_t request = payload_message(generic, 7, hex(page_request));

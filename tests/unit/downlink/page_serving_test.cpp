@@ -5,68 +5,15 @@
 #include "rtls-gateway.h"
 #include "support/bridge_message_fixture.h"
 #include "support/failing_new.h"
-#include "wire/ota_pages.h"
+#include "support/page_request.h"
 
 #include <string>
 
 namespace rtls {
 
-static constexpr uint32_t git_id = 0x12345678;
-static constexpr uint32_t image_crc = 0x9ABCDEF0;
-
-static bytes_t be16(unsigned value)
-{
-    return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-}
-
-static bytes_t page_request(unsigned page_size, unsigned page_number)
-{
-    return hex("0E 01 07 0E 00  00 10  12 34 56 78  9A BC DE F0") + be16(page_size) + be16(page_number);
-}
-
-// --- the request and the answer's frame
-
-TEST(ota_page_request, is_big_endian)
-{
-    const auto request = read_ota_page_request(page_request(0x0180, 0x0203));
-    ASSERT_TRUE(request);
-    EXPECT_EQ(request->git_id, git_id);
-    EXPECT_EQ(request->crc32, image_crc);
-    EXPECT_EQ(request->page_size, 0x0180);
-    EXPECT_EQ(request->page_number, 0x0203);
-}
-
-TEST(ota_page_request, that_is_cut_short_is_none)
-{
-    const bytes_t whole = page_request(128, 3);
-    ASSERT_EQ(whole.size(), 19U);
-    for (size_t size = 0; size < whole.size(); size++)
-        EXPECT_FALSE(read_ota_page_request(slice(whole, 0, size))) << size;
-}
-
-TEST(ota_response, frames_the_page_with_the_requests_fields_and_the_nodes_mac)
-{
-    const struct {
-        uint16_t page_size;
-        size_t size;
-        const char* length;
-    } cases[] = {{0, 27, "00 0E"}, {128, 155, "00 8E"}, {768, 795, "03 0E"}, {65535, 65562, "00 0D"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.page_size);
-        const bytes_t request = page_request(c.page_size, 3);
-        ASSERT_EQ(ota_response_size(c.page_size), c.size);
-        bytes_t response(c.size, 0xEE);
-        write_ota_response_frame(request, hex(sender_mac).data(), response);
-        EXPECT_EQ(response, hex("0E 08 07") + hex(c.length) + slice(request, 5, 14) +
-                                bytes_t(c.page_size, 0xEE) + hex(sender_mac));
-    }
-}
-
-// --- served from the store
-
-class ota_pages : public bridge_message_fixture {
+class page_serving : public bridge_message_fixture {
 protected:
-    ota_pages() { introduce(sender_mac, sender_ip); }
+    page_serving() { introduce(sender_mac, sender_ip); }
 
     void store_page(uint16_t page_size, uint16_t page_number, const bytes_t& page)
     {
@@ -82,7 +29,7 @@ protected:
     const bytes_t m_mac = hex(sender_mac);
 };
 
-TEST_F(ota_pages, without_a_gateway_there_is_no_page)
+TEST_F(page_serving, without_a_gateway_there_is_no_page)
 {
     const bytes_t request = page_request(128, 0);
     server->rtls_gateway = nullptr;
@@ -91,7 +38,7 @@ TEST_F(ota_pages, without_a_gateway_there_is_no_page)
     EXPECT_EQ(errors(), texts_t(1, "send_otapage_from_cache: null pointer!"));
 }
 
-TEST_F(ota_pages, a_request_that_is_cut_short_is_refused)
+TEST_F(page_serving, a_request_that_is_cut_short_is_refused)
 {
     store_page(128, 0, ramp(128));
     const bytes_t whole = page_request(128, 0);
@@ -101,7 +48,7 @@ TEST_F(ota_pages, a_request_that_is_cut_short_is_refused)
     EXPECT_TRUE(send_page(whole));
 }
 
-TEST_F(ota_pages, an_answer_that_memory_is_too_short_for_is_left_to_the_servers)
+TEST_F(page_serving, an_answer_that_memory_is_too_short_for_is_left_to_the_servers)
 {
     if (!allocations_can_fail())
         GTEST_SKIP() << "the sanitizer owns the operators";
@@ -113,7 +60,7 @@ TEST_F(ota_pages, an_answer_that_memory_is_too_short_for_is_left_to_the_servers)
     EXPECT_EQ(replies(), texts_t{});
 }
 
-TEST_F(ota_pages, a_stored_page_goes_to_the_node)
+TEST_F(page_serving, a_stored_page_goes_to_the_node)
 {
     const bytes_t page = ramp(128, 0x80); // the framing's special bytes are among them
     store_page(128, 3, page);
@@ -123,7 +70,7 @@ TEST_F(ota_pages, a_stored_page_goes_to_the_node)
     EXPECT_EQ(errors(), texts_t{});
 }
 
-TEST_F(ota_pages, what_is_not_stored_is_not_served)
+TEST_F(page_serving, what_is_not_stored_is_not_served)
 {
     store_page(128, 3, ramp(128));
     bytes_t other_id = page_request(128, 3);
@@ -147,7 +94,7 @@ TEST_F(ota_pages, what_is_not_stored_is_not_served)
     EXPECT_EQ(replies(), texts_t{});
 }
 
-TEST_F(ota_pages, a_page_too_large_for_a_node_is_not_passed_on)
+TEST_F(page_serving, a_page_too_large_for_a_node_is_not_passed_on)
 {
     store_page(800, 0, ramp(800));
     EXPECT_TRUE(send_page(page_request(768, 0)));
@@ -161,7 +108,7 @@ TEST_F(ota_pages, a_page_too_large_for_a_node_is_not_passed_on)
                                          "GENERIC: ERROR(GENERIC): msg too long, rcvd: 827"}));
 }
 
-TEST_F(ota_pages, a_page_for_a_node_without_a_route_goes_to_the_connection_that_asked_alone)
+TEST_F(page_serving, a_page_for_a_node_without_a_route_goes_to_the_connection_that_asked_alone)
 {
     store_page(128, 0, ramp(128));
     remove_node("E4A2A3A4A5A6A7A8");
@@ -171,7 +118,7 @@ TEST_F(ota_pages, a_page_for_a_node_without_a_route_goes_to_the_connection_that_
     EXPECT_EQ(sent_to(bridge), texts_t{});
 }
 
-TEST_F(ota_pages, a_page_goes_by_the_route_of_its_node_whoever_asked)
+TEST_F(page_serving, a_page_goes_by_the_route_of_its_node_whoever_asked)
 {
     store_page(128, 0, ramp(128));
     EXPECT_TRUE(send_otapage_from_cache(server, *other_bridge, page_request(128, 0), m_mac.data()));
@@ -179,7 +126,7 @@ TEST_F(ota_pages, a_page_goes_by_the_route_of_its_node_whoever_asked)
     EXPECT_EQ(sent_to(bridge).size(), 1U);
 }
 
-TEST_F(ota_pages, a_page_for_a_node_that_is_gone_is_answered_all_the_same)
+TEST_F(page_serving, a_page_for_a_node_that_is_gone_is_answered_all_the_same)
 {
     store_page(128, 0, ramp(128));
     remove_node("E4A2A3A4A5A6A7A8");

@@ -1,0 +1,177 @@
+#include "link/client_table.h"
+
+#include "base/czmq_ptr.h"
+#include "base/peer.h"
+#include "link/sending.h"
+#include "link/win_server_win_clients.h"
+#include "server/win_server.h"
+#include "support/link_clients.h"
+#include "support/wait.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace rtls {
+
+namespace {
+
+win_client_ptr record(const char* address = "0.0.0.0")
+{
+    const zframe_ptr id{zframe_new("\0abcd", 5)};
+    win_client_ptr made{win_client_new(id.get())};
+    inet_pton(AF_INET, address, &made->addr.sin_addr);
+    return made;
+}
+
+in_addr address_of(const char* text)
+{
+    in_addr address{};
+    inet_pton(AF_INET, text, &address);
+    return address;
+}
+
+} // namespace
+
+TEST(client_table, has_one_record_a_key)
+{
+    client_table table;
+    ASSERT_TRUE(table.is_made());
+    EXPECT_EQ(table.size(), 0U);
+    EXPECT_EQ(table.find("01"), nullptr);
+    win_client_ptr first = record();
+    WIN_CLIENT_t* const stored = first.get();
+    EXPECT_EQ(table.insert("01", std::move(first)), stored);
+    EXPECT_EQ(table.find("01"), stored);
+    EXPECT_EQ(table.insert("01", record()), nullptr) << "the key is taken";
+    EXPECT_EQ(table.find("01"), stored);
+    EXPECT_NE(table.insert("02", record()), nullptr);
+    EXPECT_EQ(table.size(), 2U);
+    table.erase("01");
+    table.erase("03"); // there is none
+    EXPECT_EQ(table.find("01"), nullptr);
+    EXPECT_EQ(table.size(), 1U);
+}
+
+TEST(client_table, counts_the_connections_of_an_address)
+{
+    client_table table;
+    (void)table.insert("01", record("10.0.0.1"));
+    (void)table.insert("02", record("10.0.0.1"));
+    (void)table.insert("03", record("10.0.0.2"));
+    EXPECT_EQ(table.insert("03", record("10.0.0.2")), nullptr); // not counted
+    EXPECT_EQ(table.size_of_address(address_of("10.0.0.1")), 2U);
+    EXPECT_EQ(table.size_of_address(address_of("10.0.0.2")), 1U);
+    EXPECT_EQ(table.size_of_address(address_of("10.0.0.3")), 0U);
+    table.erase("01");
+    EXPECT_EQ(table.size_of_address(address_of("10.0.0.1")), 1U);
+}
+
+TEST(client_table, is_walked_in_its_own_order_and_unlocked)
+{
+    client_table table;
+    for (int i = 0; i < 100; ++i)
+        ASSERT_NE(table.insert(std::to_string(i).c_str(), record()), nullptr);
+    std::vector<const WIN_CLIENT_t*> expected;
+    for (void* item = zhashx_first(table.unguarded()); item; item = zhashx_next(table.unguarded()))
+        expected.push_back(static_cast<WIN_CLIENT_t*>(item));
+    std::vector<const WIN_CLIENT_t*> visited;
+    table.for_each([&](WIN_CLIENT_t& client) {
+        visited.push_back(&client);
+        EXPECT_EQ(table.size(), 100U); // takes the lock
+    });
+    EXPECT_EQ(visited, expected);
+}
+
+// --- copies for other threads
+
+TEST(win_server_copy_clients, gives_what_other_threads_may_know)
+{
+    const win_link link;
+    EXPECT_TRUE(win_server_copy_clients(&link.server()).empty());
+    std::vector<win_link::bridge_t> bridges;
+    for (uint8_t i = 0; i < 5; ++i) {
+        bridges.push_back(link.connect());
+        const uint8_t mac[mac_size] = {1, 2, 3, 4, 5, 6, 7, i};
+        link.server().clients.set_mac_addr(*bridges.back().client, mac);
+    }
+    const auto copies = win_server_copy_clients(&link.server());
+    ASSERT_EQ(copies.size(), bridges.size());
+    for (const auto& copy : copies) {
+        const WIN_CLIENT_t* client = link.find(ntohs(copy.addr.sin_port));
+        ASSERT_NE(client, nullptr);
+        EXPECT_NE(copy.id.get(), client->id);
+        EXPECT_TRUE(zframe_eq(copy.id.get(), client->id));
+        EXPECT_EQ(bytes_t(copy.mac_addr, copy.mac_addr + mac_size),
+                  bytes_t(client->mac_addr, client->mac_addr + mac_size));
+        EXPECT_EQ(copy.addr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+    }
+    EXPECT_EQ(link.clients(), bridges.size()) << "the copy has not destroyed the records";
+}
+
+// A look-up may give the table new buckets and free the old ones, which a copy walks.
+TEST(win_server_copy_clients, keeps_look_ups_out_of_the_table)
+{
+    const win_link link;
+    auto [peer, client] = link.connect();
+    peer.send(hex("F5 00 00 05 AA F7"));
+    zmq_pollitem_t item{zsock_resolve(link.server().win_sock), 0, ZMQ_POLLIN, 0};
+    ASSERT_EQ(zmq_poll(&item, 1, 5000), 1);
+    const zframe_ptr stranger{zframe_new("\0abcd", 5)};
+    const uint8_t message = 1;
+    const struct {
+        const char* given;
+        std::function<void()> look_up;
+    } cases[] = {
+        {"a message for a client",
+         [&] { EXPECT_FALSE(data_to_win_client(&link.server(), stranger.get(), &message, 1)); }},
+        {"an event of a connection",
+         [&] { EXPECT_EQ(handle_win_clients(link.loop(), link.server().win_sock, &link.server()), 0); }},
+    };
+    for (const auto& c : cases) {
+        std::unique_lock copying{link.server().clients.mutex()};
+        auto done = std::async(std::launch::async, c.look_up);
+        EXPECT_EQ(done.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout) << c.given;
+        copying.unlock();
+        done.get();
+    }
+}
+
+TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
+{
+    test_gateway gateway;
+    gateway.run_win_server();
+    std::atomic<bool> done{false};
+    std::thread reader{[&] {
+        while (!done)
+            for (const auto& copy : win_server_copy_clients(&gateway.win_server())) {
+                ASSERT_EQ(zframe_size(copy.id.get()), 5U);
+                ASSERT_NE(copy.addr.sin_port, 0);
+            }
+    }};
+    const bytes_t panid_request = hex("F5 01 01 01 A0 A1 A2 A3 A4 A5 A6 A7 F7"); // names the bridge
+    for (int round = 0; round < 100; ++round) {
+        std::vector<tcp_peer> peers;
+        for (int i = 0; i < 5; ++i)
+            peers.emplace_back(gateway.win_port());
+        for (auto& peer : peers) {
+            EXPECT_EQ(peer.receive(5), "sync\n");
+            peer.send(panid_request);
+        }
+    }
+    done = true;
+    reader.join();
+    EXPECT_TRUE(wait_until([&] { return win_server_copy_clients(&gateway.win_server()).empty(); }));
+}
+
+} // namespace rtls
