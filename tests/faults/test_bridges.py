@@ -13,6 +13,8 @@ import pytest
 from harness import daemon, wire
 from harness.peers import wait_until
 
+pytestmark = pytest.mark.measured
+
 HONEST = wire.mac(0xB001)
 FLOOD = pathlib.Path(__file__).parent / "flood.py"
 

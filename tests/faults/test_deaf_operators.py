@@ -8,6 +8,8 @@ import pytest
 from frozen import frozen
 from harness.peers import wait_until
 
+pytestmark = pytest.mark.measured
+
 SESSIONS = 20
 WORD = "x" * 1900       # a command that is echoed in the debug stream
 

@@ -9,6 +9,8 @@ import zmq
 from harness import wire
 from harness.peers import wait_until
 
+pytestmark = pytest.mark.measured
+
 BRIDGE = wire.mac(0xB001)
 
 

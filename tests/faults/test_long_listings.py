@@ -2,8 +2,12 @@
 import socket
 import struct
 
+import pytest
+
 from harness import wire
 from harness.peers import wait_until
+
+pytestmark = pytest.mark.measured
 
 BRIDGE = wire.mac(0xB001)
 NODES = 40_000

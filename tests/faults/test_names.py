@@ -6,7 +6,8 @@ import pytest
 from harness import wire
 from names import SilentNameServer, available
 
-pytestmark = pytest.mark.skipif(not available(), reason="needs the rights to make mount namespaces")
+pytestmark = [pytest.mark.measured,
+              pytest.mark.skipif(not available(), reason="needs the rights to make mount namespaces")]
 BRIDGE = wire.mac(0xB001)
 
 

@@ -4,6 +4,8 @@ import time
 
 import pytest
 
+pytestmark = pytest.mark.measured
+
 # Refused or not, each of these leaves the terminal as quick as before. The first two made the C library's
 # matcher keep every set of positions that a line led it through.
 FILTERS = [".*[0-7].{450}!", ".*[0-7].{250}!", "((a|b|c|.)?){20}!", "((.{1,20}){1,20})!"]

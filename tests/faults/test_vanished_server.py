@@ -13,6 +13,8 @@ from harness import wire
 from harness.daemon import Daemon
 from harness.peers import wait_until
 
+pytestmark = pytest.mark.measured
+
 BRIDGE = wire.mac(0xB001)
 libc = ctypes.CDLL(None, use_errno=True)
 CLONE_NEWNET = 0x40000000
