@@ -166,8 +166,8 @@ TEST_F(full_queue, pauses_the_reader_of_the_win_port_until_there_is_room)
     const win_link link;
     WIN_SERVER_t& gateway = link.server();
     ASSERT_EQ(zloop_reader(link.loop(), gateway.win_sock, handle_win_clients, &gateway), 0);
-    gateway.msg_handler_sock = sender.get();
-    gateway.proxy_input_sock = sender.get();
+    gateway.msg_handler_sock.reset(sender.get()); // lent
+    gateway.proxy_input_sock.reset(sender.get());
     const uint8_t bytes[] = {7};
     message_part part{bytes_view{bytes}};
     gateway.to_handler.send(socket(), part, nullptr, may_wait);
@@ -203,8 +203,8 @@ TEST_F(full_queue, pauses_the_reader_of_the_win_port_until_there_is_room)
     EXPECT_FALSE(seen.was_served_early);
     EXPECT_FALSE(gateway.intake_is_paused);
     EXPECT_FALSE(gateway.to_handler.is_waiting());
-    gateway.msg_handler_sock = nullptr;
-    gateway.proxy_input_sock = nullptr;
+    (void)gateway.msg_handler_sock.release();
+    (void)gateway.proxy_input_sock.release();
 }
 
 } // namespace rtls
