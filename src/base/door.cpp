@@ -5,10 +5,10 @@
 
 #include <arpa/inet.h>
 
-#include <charconv>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <system_error>
 
 namespace rtls {
 
@@ -75,10 +75,12 @@ static bool read_bound(zconfig_t* config, const char* name, const char* what, si
     const char* text = optional_text(config, name, what);
     if (!text)
         return true;
-    const std::string_view digits{text};
-    const auto [last, error] = std::from_chars(digits.data(), digits.data() + digits.size(), bound);
-    if (error != std::errc{} || last != digits.data() + digits.size() || bound == 0)
+    char* end = nullptr;
+    errno = 0;
+    const long number = strtol(text, &end, 0);
+    if (errno != 0 || end == text || *end != '\0' || number <= 0)
         return refuse(name, what, "positive number");
+    bound = static_cast<size_t>(number);
     return true;
 }
 

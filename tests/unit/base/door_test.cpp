@@ -49,7 +49,7 @@ TEST_F(door_test, without_rules_everybody_may_come)
 
 TEST_F(door_test, a_bound_for_all)
 {
-    door& bounded = with("    win_connections = 3\n");
+    door& bounded = with("    win_connections = 0x3\n");
     EXPECT_TRUE(bounded.admits(here, 2, 2, 0));
     EXPECT_FALSE(bounded.admits(here, 3, 0, 0));
     EXPECT_EQ(bounded.refused(door_refusal::full), 1U);
