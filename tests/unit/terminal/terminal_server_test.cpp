@@ -70,19 +70,18 @@ TEST_F(terminal_server_handle_test, without_a_port_there_is_no_server)
     EXPECT_EQ(errors(), strings{"Parameter \"ports/terminal\" is not found in the configuration file!"});
 }
 
-TEST_F(terminal_server_handle_test, the_limit_of_sessions_is_optional)
+TEST_F(terminal_server_handle_test, a_rule_of_its_door_that_cannot_be_read_leaves_no_server)
 {
-    const char* const no_number =
-        "terminal_server_new: ports/terminal_sessions is no positive number, there is no limit";
+    const std::string refusal = R"(The parameter "ports/terminal_connections" is no positive number!)";
     const struct {
         const char* text;
         strings log;
-    } cases[] = {{"1", {}},           {"0x10", {}},          {"0", {no_number}},
-                 {"-1", {no_number}}, {"many", {no_number}}, {"", {no_number}}};
+    } cases[] = {{"1", {}},           {"0x10", {}},    {"0", {refusal}},       {"-1", {refusal}},
+                 {"many", {refusal}}, {"", {refusal}}, {"10 a day", {refusal}}};
     for (const auto& c : cases) {
-        zconfig_put(m_config.get(), "ports/terminal_sessions", c.text);
+        zconfig_put(m_config.get(), "ports/terminal_connections", c.text);
         void* server = terminal_server_new(m_config.get(), &m_gateway);
-        ASSERT_NE(server, nullptr) << c.text;
+        EXPECT_EQ(server != nullptr, c.log.empty()) << c.text;
         EXPECT_EQ(errors(), c.log) << c.text;
         terminal_server_destroy(&server);
         (void)m_log.take();
@@ -402,7 +401,7 @@ TEST_F(terminal_server_test, a_subscriber_who_never_reads_does_not_stop_the_othe
 TEST(terminal_sessions_test, beyond_the_limit_are_refused_whatever_they_send)
 {
     log_capture log;
-    test_gateway gateway{gateway_config{}.set("ports/terminal_sessions", 2)};
+    test_gateway gateway{gateway_config{}.set("ports/terminal_connections", 2)};
     gateway.run_terminal_server();
     operator_peer one{gateway.terminal_port()};
     auto two = std::make_unique<operator_peer>(gateway.terminal_port());
@@ -420,7 +419,7 @@ TEST(terminal_sessions_test, beyond_the_limit_are_refused_whatever_they_send)
     }
     EXPECT_THAT(one.ask("info\n", info_end), testing::StartsWith(info_start));
     EXPECT_EQ(log.messages("main"),
-              strings{"handle_terminal_clients: all 2 sessions are taken, more are refused!"});
+              strings{"Terminal port: 127.0.0.1 is refused, all connections are taken"});
 
     // A connection without a record is a session, too.
     two->write(std::string_view{"\0", 1});
