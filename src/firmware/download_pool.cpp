@@ -26,17 +26,25 @@ download_pool::~download_pool()
         thread.join();
 }
 
-bool download_pool::order(std::function<void()> work, const std::string& lane)
+bool download_pool::has_room(customer ordered_by) const
+{
+    return m_waiting.size() < most_waiting &&
+           (ordered_by == customer::servers || m_waiting_of_operators < most_waiting_of_operators);
+}
+
+bool download_pool::order(std::function<void()> work, const std::string& lane, customer ordered_by)
 try {
     const mutex_guard lock(m_mutex);
-    if (m_waiting.size() >= most_waiting) {
-        logger_error(g_logger, "download_pool: %zu downloads wait already", most_waiting);
+    if (!has_room(ordered_by)) {
+        logger_error(g_logger, "download_pool: %zu downloads wait already", m_waiting.size());
         return false;
     }
     if (m_waiting.size() >= m_idle && m_threads.size() < most_threads && !add_thread() && m_threads.empty())
         return false;
-    m_waiting.push_back({std::move(work), lane});
-    m_changed.notify_one();
+    m_waiting.push_back({std::move(work), lane, ordered_by});
+    if (ordered_by == customer::operators)
+        ++m_waiting_of_operators;
+    m_changed.notify_all(); // a thread that may not begin it is not the one to be woken alone
     return true;
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, "download_pool");
@@ -53,17 +61,44 @@ try {
     return false;
 }
 
-// The first order whose lane is free.
+bool download_pool::may_begin(const job& waiting) const
+{
+    if (waiting.ordered_by == customer::operators && m_running_of_operators >= most_threads_for_operators)
+        return false;
+    return !m_busy_lanes.contains(waiting.lane);
+}
+
+// The first order that may begin.
 bool download_pool::take(job& next)
 {
     auto found = m_waiting.begin();
-    while (found != m_waiting.end() && m_busy_lanes.contains(found->lane))
+    while (found != m_waiting.end() && !may_begin(*found))
         ++found;
     if (found == m_waiting.end())
         return false;
+    if (!found->lane.empty())
+        m_busy_lanes.insert(found->lane); // the only step that may throw comes first
     next = std::move(*found);
     m_waiting.erase(found);
+    if (next.ordered_by == customer::operators) {
+        --m_waiting_of_operators;
+        ++m_running_of_operators;
+    }
     return true;
+}
+
+void download_pool::carry_out(job& now)
+{
+    try {
+        now.work();
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, "download_pool");
+    }
+    now.work = nullptr; // frees what it owns before others hear of its end
+    const mutex_guard lock(m_mutex);
+    m_busy_lanes.erase(now.lane);
+    if (now.ordered_by == customer::operators)
+        --m_running_of_operators;
 }
 
 // A thread that ends an order looks for the next by itself, so that those behind it in its lane are found.
@@ -81,13 +116,8 @@ void download_pool::run()
             --m_idle;
             if (m_is_ending)
                 return;
-            if (!now.lane.empty())
-                m_busy_lanes.insert(now.lane);
         }
-        now.work();
-        now.work = nullptr; // frees what it owns before others hear of its end
-        const mutex_guard lock(m_mutex);
-        m_busy_lanes.erase(now.lane);
+        carry_out(now);
     }
 }
 

@@ -1,10 +1,11 @@
 // download_pool - the threads on which firmware is fetched: nobody else waits for a file server.
 //
 // Four at most, made when they are needed first; what is ordered beyond them waits here. Orders of one lane
-// run one after the other, in their order; the others side by side. Ownership  Owns its threads. An order
-// that is never carried out is freed with what it owns. Threads    order(): any. The threads
-// ("rtls-download") take no signals. Construct and destroy on one. Blocking   order() waits for nothing but a
-// short lock. The destructor waits for the orders that are being
+// run one after the other, in their order; the others side by side. Operators have half of the threads, and
+// room for few orders: nobody at a terminal keeps the servers' orders waiting.
+// Ownership  Owns its threads. An order that is never carried out is freed with what it owns.
+// Threads    order(): any. The threads ("rtls-download") take no signals. Construct and destroy on one.
+// Blocking   order() waits for nothing but a short lock. The destructor waits for the orders that are being
 //            carried out, which end early when the daemon stops (image_download.h); it drops the others.
 // Failures   order() is false when too many wait, or without memory or threads; nothing is carried out then.
 #pragma once
@@ -26,23 +27,32 @@ class download_pool {
 public:
     static constexpr size_t most_threads = 4;
     static constexpr size_t most_waiting = 1000;
+    static constexpr size_t most_threads_for_operators = 2;
+    static constexpr size_t most_waiting_of_operators = 100;
+
+    enum class customer { servers, operators };
 
     download_pool() = default;
     ~download_pool();
     download_pool(const download_pool&) = delete;
     download_pool& operator=(const download_pool&) = delete;
 
-    // Has `work` done, which does not throw, on a thread of the pool. `lane`: orders of the same one wait for
-    // each other; "": waits for no other.
-    bool order(std::function<void()> work, const std::string& lane = {});
+    // Has `work` done on a thread of the pool. `lane`: orders of the same one wait for each other; "": waits
+    // for no other. What `work` throws for lack of memory is logged, and the order forgotten.
+    bool order(std::function<void()> work, const std::string& lane = {},
+               customer ordered_by = customer::servers);
 
 private:
     struct job {
         std::function<void()> work;
         std::string lane;
+        customer ordered_by = customer::servers;
     };
 
     void run();
+    void carry_out(job& now);
+    bool has_room(customer ordered_by) const RTLS_REQUIRES(m_mutex);
+    bool may_begin(const job& waiting) const RTLS_REQUIRES(m_mutex);
     bool add_thread() RTLS_REQUIRES(m_mutex);
     bool take(job& next) RTLS_REQUIRES(m_mutex);
 
@@ -51,6 +61,8 @@ private:
     std::deque<job> m_waiting RTLS_GUARDED_BY(m_mutex);
     std::set<std::string> m_busy_lanes RTLS_GUARDED_BY(m_mutex);
     size_t m_idle RTLS_GUARDED_BY(m_mutex) = 0; // threads
+    size_t m_waiting_of_operators RTLS_GUARDED_BY(m_mutex) = 0;
+    size_t m_running_of_operators RTLS_GUARDED_BY(m_mutex) = 0;
     bool m_is_ending RTLS_GUARDED_BY(m_mutex) = false;
     std::vector<std::thread> m_threads; // added under the lock, joined by the destructor
 };

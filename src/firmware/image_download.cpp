@@ -284,11 +284,22 @@ void image_download_only_from(std::vector<std::string> prefixes)
     allowed_prefixes() = std::move(prefixes);
 }
 
+// What libcurl would make another path of: "..", also with its dots or slashes written as %2e and %2f.
+static bool leads_elsewhere(std::string_view url)
+{
+    static constexpr std::string_view ways[] = {"..", "%2e", "%2E", "%2f", "%2F", "\\"};
+    return std::any_of(std::begin(ways), std::end(ways),
+                       [url](std::string_view way) { return url.find(way) != std::string_view::npos; });
+}
+
 static bool may_come_from(std::string_view url)
 {
     const auto& prefixes = allowed_prefixes();
-    return prefixes.empty() || std::any_of(prefixes.begin(), prefixes.end(),
-                                           [url](const auto& prefix) { return url.starts_with(prefix); });
+    if (prefixes.empty())
+        return true;
+    return !leads_elsewhere(url) && std::any_of(prefixes.begin(), prefixes.end(), [url](const auto& prefix) {
+        return url.starts_with(prefix);
+    });
 }
 
 static void refuse_source(const char* url, const image_download_options& options)

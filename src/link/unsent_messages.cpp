@@ -152,11 +152,18 @@ static bool note_loss(WIN_CLIENT_t& client)
 // decoder sees the next one begin, and gives it up.
 static bool make_room(WIN_SERVER_t& server, const WIN_CLIENT_t& client, size_t size)
 {
+    if (server.unsent_total.bytes() + size <= unsent_messages_total_limit)
+        return true;
+    const int64_t now = zclock_mono();
+    if (server.no_room_at == now) // looked a moment ago: a flood's messages do not walk the table each
+        return false;
     while (server.unsent_total.bytes() + size > unsent_messages_total_limit) {
         WIN_CLIENT_t* largest =
             server.clients.largest([](const WIN_CLIENT_t& c) { return c.unsent_messages.memory(); });
-        if (!largest || largest->unsent_messages.memory() <= client.unsent_messages.memory())
+        if (!largest || largest->unsent_messages.memory() <= client.unsent_messages.memory()) {
+            server.no_room_at = now;
             return false;
+        }
         note_loss(*largest);
         largest->unsent_messages.clear();
     }

@@ -45,6 +45,7 @@ struct WIN_SERVER_t {
     std::string discovery_address = "*";
     curve_certificates certificates; // of the links upstream
     memory_sum unsent_total;         // of all clients' unsent messages
+    int64_t no_room_at = -1;         // zclock_mono of when the largest holder was last refused more
     memory_sum unfinished_total;     // of all clients' frames at hand
     refusal_episode frames_given_up;
     client_table clients;
@@ -87,6 +88,7 @@ struct WIN_SERVER_t {
     closed_id_set closed_ids;
     connection_cuts cuts;           // of closed connections whose queue is full
     int64_t undrained_since = 0;    // zclock_usecs of the first event since it was drained; 0 while it is
+    int64_t last_turn_end = 0;      // zclock_usecs of when its reader was last done
     size_t undrained_bytes = 0;     // and what has been handled since then
     refusal_episode lines_left_out; // while it has not been drained for long
     int64_t last_win_event = 0;     // zclock_usecs of when the WIN port was last drained

@@ -23,8 +23,11 @@ static constexpr size_t bytes_per_call = size_t{64} * 1024;
 
 // The port is behind when it has not been drained for so long, and so much has been handled meanwhile (time
 // alone may have passed while the host was busy). It is asked after each large event.
-static constexpr int64_t behind_us = 50'000;
-static constexpr size_t behind_bytes = size_t{64} * 1024;
+static constexpr int64_t behind_us = 1'000'000;
+static constexpr size_t behind_bytes = size_t{1} << 20;
+
+// A loop that has been elsewhere for so long has waited: nothing was left in the port when a turn ended.
+static constexpr int64_t idle_us = 5000;
 static constexpr size_t large_event = 1024;
 
 // While events come this close behind one another, the reader lets some more gather before it takes them,
@@ -219,6 +222,8 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
         logger_error(g_logger, "%s: zframe_recv returned NULL!", __func__);
         return 1;
     }
+    if (call_began - server->last_turn_end > idle_us)
+        note_drained(*server);
     note_backlog(*server, call_began, 0);
     const bool complete = handle_turn(*server, socket, identity, call_began);
     dbg_hold(false); // what others have this thread do is shown
@@ -227,6 +232,7 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
     if (!complete)
         log_call_error(__func__, "zframe_recv");
     server->cuts.carry_out(socket, server->win_port);
+    server->last_turn_end = zclock_usecs();
     return complete ? 0 : 1;
 }
 

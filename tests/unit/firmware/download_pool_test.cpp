@@ -13,6 +13,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,6 +53,46 @@ protected:
 };
 
 } // namespace
+
+TEST_F(pool_of_downloads, operators_leave_half_of_the_threads_to_the_servers)
+{
+    download_pool pool;
+    for (int i = 0; i < 10; ++i)
+        EXPECT_TRUE(pool.order(held(), {}, download_pool::customer::operators));
+    EXPECT_TRUE(wait_until([&] { return m_running == 2; }));
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(pool.order(held()));
+    EXPECT_TRUE(wait_until([&] { return m_running == 4; })) << "past eight operators' that wait";
+    release();
+    EXPECT_TRUE(wait_until([&] { return m_done == 12; }));
+}
+
+TEST_F(pool_of_downloads, few_of_operators_wait)
+{
+    log_capture log;
+    download_pool pool;
+    const auto fetch = [&] { return pool.order(held(), {}, download_pool::customer::operators); };
+    for (size_t i = 0; i < download_pool::most_threads_for_operators; ++i)
+        EXPECT_TRUE(fetch());
+    EXPECT_TRUE(wait_until([&] { return m_running == 2; }));
+    for (size_t i = 0; i < download_pool::most_waiting_of_operators; ++i)
+        ASSERT_TRUE(fetch()) << i;
+    EXPECT_FALSE(fetch());
+    EXPECT_TRUE(pool.order(held())) << "the servers' have room";
+    EXPECT_THAT(log.messages("main"), testing::ElementsAre("download_pool: 100 downloads wait already"));
+    release();
+}
+
+TEST_F(pool_of_downloads, an_order_that_memory_is_too_short_for_is_forgotten)
+{
+    log_capture log;
+    download_pool pool;
+    EXPECT_TRUE(pool.order([] { throw std::bad_alloc{}; }, "lane"));
+    EXPECT_TRUE(pool.order(held(), "lane"));
+    EXPECT_TRUE(wait_until([&] { return m_running == 1; })) << "its lane is free again";
+    EXPECT_THAT(log.messages("main"), testing::ElementsAre("download_pool: out of memory!"));
+    release();
+}
 
 TEST_F(pool_of_downloads, does_four_at_once_and_the_others_after_them)
 {

@@ -35,6 +35,16 @@ TEST_F(firmware_sources, are_what_begins_with_a_prefix)
     EXPECT_TRUE(image_download(url.c_str(), {.caller = "test"}));
 }
 
+TEST_F(firmware_sources, do_not_lead_out_of_their_prefix)
+{
+    const std::string url = m_file.url();
+    const std::string folder = url.substr(0, url.rfind('/') + 1);
+    image_download_only_from({folder + "allowed/"});
+    for (const char* way : {"../", "%2e%2e/", "%2E./", ".%2e/", "..%2f"})
+        EXPECT_FALSE(image_download((folder + "allowed/" + way + "image.bin").c_str(), {.caller = "test"}))
+            << way;
+}
+
 TEST_F(firmware_sources, beyond_the_list_are_refused_with_the_reason)
 {
     image_download_only_from({"https://files.example/"});

@@ -106,7 +106,8 @@ void broker_link::mend()
     m_record.mended();
     for (const std::string& address : m_addresses) {
         (void)zmq_disconnect(m_socket.handle(), address.c_str());
-        m_socket.connect(address);
+        if (zmq_connect(m_socket.handle(), address.c_str()) != 0)
+            m_record.not_mended(); // tend() tries again
     }
 }
 
