@@ -23,8 +23,8 @@ static constexpr size_t bytes_per_call = size_t{64} * 1024;
 
 // The port is behind when it has not been drained for so long, and so much has been handled meanwhile (time
 // alone may have passed while the host was busy). It is asked after each large event.
-static constexpr int64_t behind_us = 1'000'000;
-static constexpr size_t behind_bytes = size_t{1} << 20;
+static constexpr int64_t behind_us = 50'000;
+static constexpr size_t behind_bytes = size_t{64} * 1024;
 
 // A loop that has been elsewhere for so long has waited: nothing was left in the port when a turn ended.
 static constexpr int64_t idle_us = 5000;
