@@ -536,7 +536,8 @@ bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, con
             answer_fetch(server, id, index);
         });
     };
-    client.is_fetching = server->rtls_gateway->downloads->order(std::move(work), {}, download_pool::customer::operators);
+    client.is_fetching =
+        server->rtls_gateway->downloads->order(std::move(work), {}, download_pool::customer::operators);
     if (!client.is_fetching)
         terminal_send(client, server->terminal_sock.get(), fetch_answer(-1).c_str());
     return true;
