@@ -143,9 +143,9 @@ TEST(data_to_cache, keeps_sixteen_mebibytes_and_reports_the_first_loss_alone)
     const win_link link;
     WIN_CLIENT_t* client = add_unreachable(link, "\0abcd");
     log.take();
-    const bytes_t mebibyte(1024 * 1024, 0x11);
+    const bytes_t large_message(1024 * 1024, 0x11);
     for (int i = 0; i < 16; ++i)
-        ASSERT_TRUE(data_to_cache(&link.server(), client, mebibyte.data(), mebibyte.size()));
+        ASSERT_TRUE(data_to_cache(&link.server(), client, large_message.data(), large_message.size()));
     EXPECT_EQ(client->unsent_messages.bytes(), unsent_messages_limit);
     (void)log.messages("main");
     for (int i = 0; i < 3; ++i)
