@@ -167,6 +167,11 @@ TEST_F(unread_log, lost_lines_are_said_where_they_are_missing)
 
 TEST_F(unread_log, does_not_hold_up_the_end_and_is_let_go_of)
 {
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+    GTEST_SKIP() << "the sanitizer takes a thread that is cancelled inside libc for its own fault";
+#endif
+#endif
     get_stuck();
     logger_info(m_main, "given up");
     EXPECT_LT(time_of([this] { destroy(); }), seconds(5));
