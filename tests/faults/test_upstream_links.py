@@ -87,7 +87,7 @@ def test_the_right_server_is_served_after_a_wrong_one(start_gateway, name, first
     bridge.introduce()
     bridge.send_message(wire.heartbeat(NODE, 1, bridge=BRIDGE, addr=NODE_IP))
     wait_until(lambda: wrong.asked, "the daemon's greeting")
-    time.sleep(0.3)     # whoever gives up has done so by then
+    wait_until(lambda: any("connecting again" in line for line in gateway.syslog()), "the link to be given up")
     wrong.close()
     getattr(gateway, "start_" + name)()
     began = time.monotonic()
