@@ -141,8 +141,8 @@ void logger_connect(tav_logger logger, const char* address)
 
 void logger_tend_broker(tav_logger logger)
 {
-    if (logger != nullptr)
-        logger->m_logger.tend_broker();
+    if (logger)
+        write_or_lose(logger->m_logger, LOG_WARNING, [&] { logger->m_logger.tend_broker(); });
 }
 
 tav_link_state_t logger_get_broker_state(tav_logger logger)
