@@ -5,7 +5,9 @@
 // library carries it on. A server that takes messages must not lose any by that: what its full queue refuses
 // waits here, in order, and the intake is paused (intake.h) until there is room. A wait is short, and rare in
 // the long run: 50 ms at a time, half a second of waiting in store, a fifth of the time to fill it. So a
-// server that is too slow for good loses messages, as one that is away does. Ownership  Owns what waits.
+// server that is too slow for good loses messages, as one that is away does.
+//
+// Ownership  Owns what waits.
 // Threads    WIN server thread.
 // Blocking   Nothing waits: refusals come back at once.
 // Failures   What is lost is counted, and said by overflow_watch.
