@@ -150,11 +150,11 @@ TEST_F(log_levels, overflows_and_their_ends_are_errors)
 
 TEST_F(log_levels, a_command_of_an_operator_that_is_not_sent_is_an_error)
 {
-    test_gateway gateway;
+    test_gateway deaf;
     const zsock_ptr win_server{zsock_new_router("@inproc://winserw_channel")}; // does not read
-    gateway.run_terminal_server();
-    gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
-    operator_peer peer{gateway.terminal_port()};
+    deaf.run_terminal_server();
+    deaf.add_node(hex("00 01 02 03 04 05 1A 2B"));
+    operator_peer peer{deaf.terminal_port()};
     int sent = 0;
     while (sent <= 2000 && peer.ask("reboot 1a2b\n", "\n") == "Command sent successfully!\n")
         ++sent;
