@@ -1,37 +1,15 @@
 #include "base/connection_cut.h"
 
 #include "base/peer.h"
+#include "core/descriptor_duplicate.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 #include <zmq.h>
 
 #include <cerrno>
 #include <new>
 
 namespace rtls {
-
-namespace {
-
-// One more descriptor of what `fd` is now.
-class duplicate {
-public:
-    explicit duplicate(int fd) noexcept : m_fd(fcntl(fd, F_DUPFD_CLOEXEC, 0)) {}
-    ~duplicate()
-    {
-        if (m_fd >= 0)
-            close(m_fd);
-    }
-    duplicate(const duplicate&) = delete;
-    duplicate& operator=(const duplicate&) = delete;
-    int get() const noexcept { return m_fd; }
-
-private:
-    int m_fd;
-};
-
-} // namespace
 
 // Unknown counts as events.
 static bool has_events(void* socket) noexcept
@@ -67,7 +45,7 @@ void connection_cuts::forget(const char* identity) noexcept
 
 bool connection_cuts::is_settled(const wanted_cut& wanted, void* socket, in_port_t own_port) noexcept
 {
-    const duplicate held{wanted.fd};
+    const descriptor_duplicate held{wanted.fd};
     if (held.get() < 0)
         return errno == EBADF;
     if (!is_connection(held.get(), own_port, wanted.peer))

@@ -48,7 +48,8 @@ void link_watch::open(zsock_t* sock, const std::string& endpoint, io_thread thre
 bool link_watch::join(zloop_t* loop)
 {
     m_loop = loop;
-    return !m_events || zloop_reader(loop, m_events, handle_events, this) == 0;
+    return !m_events || (zloop_reader(loop, m_events, handle_events, this) == 0 &&
+                         zloop_timer(loop, silence_judge::sample_every_ms, 0, handle_sample, this) != -1);
 }
 
 void link_watch::close() noexcept
@@ -58,11 +59,17 @@ void link_watch::close() noexcept
     zsock_destroy(&m_events);
     m_loop = nullptr;
     m_sock = nullptr;
+    m_silence.end();
     m_is_planned = false;
 }
 
-void link_watch::note(int event) noexcept
+// A connection's descriptor is its own until the library has told of its end.
+void link_watch::note(int event, int value) noexcept
 {
+    if (event == ZMQ_EVENT_CONNECTED)
+        (void)m_silence.begin(value);
+    else if (event != ZMQ_EVENT_HANDSHAKE_SUCCEEDED)
+        m_silence.end();
     const tav_timestamp_t now = get_current_time();
     if (const char* reason = m_record.note(event, now.seconds * 1000 + now.milliseconds))
         logger_warning(g_logger, "%s: %s, connecting again", m_name, reason);
@@ -77,10 +84,12 @@ int link_watch::handle_events(zloop_t* /*loop*/, zsock_t* reader, void* watch) n
     // The event's number and a value in host order, then the endpoint.
     while (event.receive(socket) && endpoint.receive(socket)) {
         uint16_t number = 0;
-        if (event.size() < sizeof number)
+        int32_t value = 0;
+        if (event.size() < sizeof number + sizeof value)
             continue;
         std::memcpy(&number, event.data(), sizeof number);
-        self->note(number);
+        std::memcpy(&value, event.data() + sizeof number, sizeof value);
+        self->note(number, value);
     }
     if (self->m_record.is_given_up() && !self->m_is_planned)
         self->plan_mending();
@@ -104,10 +113,20 @@ int link_watch::handle_timer(zloop_t* /*loop*/, int /*timer_id*/, void* watch) n
     return 0;
 }
 
+int link_watch::handle_sample(zloop_t* /*loop*/, int /*timer_id*/, void* watch) noexcept
+{
+    auto* self = static_cast<link_watch*>(watch);
+    if (self->m_silence.has_vanished(zclock_mono()) && self->m_silence.cut())
+        logger_warning(g_logger, "%s: silent for %lld s, connecting again", self->m_name,
+                       static_cast<long long>(silence_judge::longest_silence_ms / 1000));
+    return 0;
+}
+
 // Whether the library has taken the endpoint off its books is not known; it must not be there twice.
 void link_watch::mend() noexcept
 {
     m_record.mended();
+    m_silence.end();
     (void)zsock_disconnect(m_sock, "%s", m_endpoint.c_str());
     if (zsock_connect(m_sock, "%s", m_endpoint.c_str()) == 0)
         return;

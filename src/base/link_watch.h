@@ -1,7 +1,7 @@
 // link_watch - one connection to a server upstream: prepared, watched and mended; and what is known of it.
 //
-// What is to be known, and when a link must be mended, is core/link_record.h. Nothing of this adds a byte to
-// what servers see.
+// What is to be known, and when a link must be mended, is core/link_record.h; when a server has vanished,
+// core/tcp_silence.h. Nothing of this adds a byte to what servers see.
 // Ownership  The socket is the caller's; it outlives the watch, or close() comes first.
 // Threads    The thread of the socket and of its loop. state() and is_reached(): any.
 // Blocking   Nothing waits.
@@ -10,6 +10,7 @@
 #pragma once
 
 #include "core/link_record.h"
+#include "core/tcp_silence.h"
 
 #include <czmq.h>
 
@@ -52,8 +53,9 @@ public:
 private:
     static int handle_events(zloop_t* loop, zsock_t* reader, void* watch) noexcept;
     static int handle_timer(zloop_t* loop, int timer_id, void* watch) noexcept;
+    static int handle_sample(zloop_t* loop, int timer_id, void* watch) noexcept;
 
-    void note(int event) noexcept;
+    void note(int event, int value) noexcept;
     void plan_mending() noexcept;
     void mend() noexcept;
 
@@ -64,6 +66,7 @@ private:
     std::string m_endpoint;
     bool m_is_planned = false; // the mending
     link_record m_record;
+    tcp_silence m_silence; // of the connection at hand
 };
 
 } // namespace rtls

@@ -1,5 +1,6 @@
 """A pause of the daemon or the host costs no report while the message handler takes them, and one that takes
 none holds up nobody."""
+import re
 import signal
 import time
 
@@ -93,3 +94,51 @@ def test_a_handler_that_is_slow_delays_pings_for_a_moment_only(start_gateway):
     handler.close(0)
     assert max(waits) < 1, f"a ping waited {max(waits) * 1000:.0f} ms"
     wait_until(lambda: overflows(gateway), "the overflow")
+
+
+@pytest.mark.slow
+def test_a_handler_that_stands_for_half_a_minute_is_not_cut_off(start_gateway, figure):
+    """Its window is closed, but its system answers: what TCP holds for it is not given up."""
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
+    handler = gateway.context.socket(zmq.PULL)
+    handler.setsockopt(zmq.RCVHWM, 1)
+    handler.setsockopt(zmq.RCVBUF, 4096)
+    monitor = handler.get_monitor_socket(zmq.EVENT_ACCEPTED)
+    handler.bind(gateway._endpoint("handler"))
+    bridge = gateway.bridge(BRIDGE)
+    bridge.introduce()
+    chunk = b"".join(wire.frame(wire.root_announce(BRIDGE, i % 255 + 1)) for i in range(500))
+    sent, end = 1, time.monotonic() + 30    # the introduction is one
+    while time.monotonic() < end or not overflows(gateway):
+        if not overflows(gateway):
+            bridge.send(chunk)
+            sent += 500
+        bridge.barrier()                    # paced by the daemon: some thousands a second at most
+        assert time.monotonic() < end + 30, "the queue is never full"
+        monitor.poll(20)
+
+    def lost() -> int:
+        return sum(int(n) for line in gateway.syslog()
+                   for n in re.findall(r"Overflow message handler queue: (\d+) lost", line))
+
+    received = 0
+    while handler.poll(2000):
+        handler.recv_multipart()
+        received += 1
+    bridge.send_message(wire.root_announce(BRIDGE, 1))  # its end is said when the queue takes a report
+    bridge.barrier()
+    sent += 1
+    while handler.poll(2000):
+        handler.recv_multipart()
+        received += 1
+    wait_until(lost, "the end of the overflow")
+    accepted = 0
+    while monitor.poll(0):
+        monitor.recv_multipart()
+        accepted += 1
+    handler.disable_monitor()
+    handler.close(0)
+    figure("reports lost beyond what the overflow says, of a handler that stands for 30 s",
+           "all that TCP holds", f"{sent - received - lost()}")
+    assert accepted == 1, f"{accepted} connections: it was cut off"
+    assert received + lost() == sent, f"{sent} sent, {received} received, {lost()} said to be lost"

@@ -67,11 +67,29 @@ bool broker_link::send(std::string_view record)
 const char* broker_link::note(const zmq::message_t& event)
 {
     uint16_t number = 0;
-    if (event.size() < sizeof number)
+    int32_t value = 0;
+    if (event.size() < sizeof number + sizeof value)
         return nullptr;
     std::memcpy(&number, event.data(), sizeof number);
+    std::memcpy(&value, event.data<char>() + sizeof number, sizeof value);
+    if (number == ZMQ_EVENT_CONNECTED)
+        (void)m_silence.begin(value);
+    else if (number != ZMQ_EVENT_HANDSHAKE_SUCCEEDED)
+        m_silence.end();
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return m_record.note(number, std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+// A broker that has vanished without a word: the connection is cut, and the library makes a new one.
+void broker_link::sample(clock::time_point now) noexcept
+{
+    using std::chrono::milliseconds;
+    if (now - m_sampled_at < milliseconds(rtls::silence_judge::sample_every_ms))
+        return;
+    m_sampled_at = now;
+    const auto now_ms = std::chrono::duration_cast<milliseconds>(now.time_since_epoch()).count();
+    if (m_silence.has_vanished(now_ms))
+        (void)m_silence.cut();
 }
 
 const char* broker_link::tend(clock::time_point now) noexcept
@@ -85,6 +103,7 @@ try {
            m_events.recv(endpoint, zmq::recv_flags::dontwait))
         if (const char* reason = note(event))
             said = reason;
+    sample(now);
     if (!m_record.is_given_up()) {
         m_is_planned = false;
     } else if (!m_is_planned) {
@@ -103,6 +122,7 @@ try {
 void broker_link::mend()
 {
     m_is_planned = false;
+    m_silence.end();
     m_record.mended();
     for (const std::string& address : m_addresses) {
         (void)zmq_disconnect(m_socket.handle(), address.c_str());

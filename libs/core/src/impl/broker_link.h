@@ -8,6 +8,7 @@
 #pragma once
 
 #include "core/link_record.h"
+#include "core/tcp_silence.h"
 
 #include <zmq.hpp>
 
@@ -43,13 +44,16 @@ public:
 private:
     void watch();
     const char* note(const zmq::message_t& event);
+    void sample(clock::time_point now) noexcept;
     void mend();
 
     zmq::context_t& m_context;
     zmq::socket_t m_socket;
     zmq::socket_t m_events; // what the library tells of the other; from the first connect() on
     std::vector<std::string> m_addresses;
-    rtls::link_record m_record; // of all brokers together: there is one
+    rtls::link_record m_record;  // of all brokers together: there is one
+    rtls::tcp_silence m_silence; // of the last broker that was reached
+    clock::time_point m_sampled_at{};
     clock::time_point m_given_up_at{};
     bool m_is_planned = false;
 };

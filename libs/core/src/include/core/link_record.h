@@ -138,18 +138,19 @@ private:
     std::atomic<const char*> m_last_reason{""};
 };
 
-// TCP's own means against a server that vanishes without a word, which no peer sees: what has not been
-// acknowledged for 12 s never will be; a link with nothing to send is asked every 2 s after 5 s of silence.
-// One attempt to connect gets 2 s: the system's own repeats come too late for a server that has just
-// returned. For a socket of libzmq's that is not connected yet.
+// TCP's own means against a server that vanishes without a word, which no peer sees: a link with nothing to
+// send is asked every 2 s after 5 s of silence (one with something to send: core/tcp_silence.h). One attempt
+// to connect gets 2 s: the system's own repeats come too late for a server that has just returned. For a
+// socket of libzmq's that is not connected yet.
+// Not ZMQ_TCP_MAXRT: it also ends the connection of a server that stands for as long, with what TCP holds.
 inline void notice_silence(void* socket) noexcept
 {
     constexpr struct {
         int option;
         int value;
     } options[] = {
-        {ZMQ_TCP_MAXRT, 12'000},      {ZMQ_TCP_KEEPALIVE, 1},     {ZMQ_TCP_KEEPALIVE_IDLE, 5},
-        {ZMQ_TCP_KEEPALIVE_INTVL, 2}, {ZMQ_TCP_KEEPALIVE_CNT, 4}, {ZMQ_CONNECT_TIMEOUT, 2000},
+        {ZMQ_TCP_KEEPALIVE, 1},     {ZMQ_TCP_KEEPALIVE_IDLE, 5}, {ZMQ_TCP_KEEPALIVE_INTVL, 2},
+        {ZMQ_TCP_KEEPALIVE_CNT, 4}, {ZMQ_CONNECT_TIMEOUT, 2000},
     };
     for (const auto& [option, value] : options)
         (void)zmq_setsockopt(socket, option, &value, sizeof value);
