@@ -70,9 +70,13 @@ void link_watch::note(int event, int value) noexcept
         (void)m_silence.begin(value);
     else if (event != ZMQ_EVENT_HANDSHAKE_SUCCEEDED)
         m_silence.end();
+    if (m_unsent && m_record.is_up())
+        m_unsent->is_up();
     const tav_timestamp_t now = get_current_time();
     if (const char* reason = m_record.note(event, now.seconds * 1000 + now.milliseconds))
         logger_warning(g_logger, "%s: %s, connecting again", m_name, reason);
+    if (m_unsent && m_record.is_up())
+        m_unsent->is_up();
 }
 
 int link_watch::handle_events(zloop_t* /*loop*/, zsock_t* reader, void* watch) noexcept
@@ -122,12 +126,25 @@ int link_watch::handle_sample(zloop_t* /*loop*/, int /*timer_id*/, void* watch) 
     return 0;
 }
 
+// The library's queue has gone with the endpoint.
+void link_watch::count_lost() noexcept
+{
+    const uint64_t lost = m_unsent ? m_unsent->take_lost() : 0;
+    if (lost == 0)
+        return;
+    m_record.lost(lost);
+    if (!m_losses->add_lost(lost))
+        logger_info(g_logger, "%s: %llu lost by connecting again", m_name,
+                    static_cast<unsigned long long>(lost));
+}
+
 // Whether the library has taken the endpoint off its books is not known; it must not be there twice.
 void link_watch::mend() noexcept
 {
     m_record.mended();
     m_silence.end();
     (void)zsock_disconnect(m_sock, "%s", m_endpoint.c_str());
+    count_lost();
     if (zsock_connect(m_sock, "%s", m_endpoint.c_str()) == 0)
         return;
     log_call_error("link_watch", "zsock_connect");

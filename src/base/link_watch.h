@@ -9,8 +9,10 @@
 //            handshake that failed is logged once, until the next one is done.
 #pragma once
 
+#include "base/overflow_watch.h"
 #include "core/link_record.h"
 #include "core/tcp_silence.h"
+#include "core/unsent_count.h"
 
 #include <czmq.h>
 
@@ -40,12 +42,21 @@ public:
     // Sets the options of `sock`, which is not connected yet, and begins to watch it. It is going to be
     // connected with `endpoint`.
     void open(zsock_t* sock, const std::string& endpoint, io_thread thread);
+    // Who sends by this link counts there; both outlive the watch. Messages that are lost by connecting again
+    // belong to the overflow at hand, or are said.
+    void count(unsent_count& unsent, overflow_watch& losses) noexcept
+    {
+        m_unsent = &unsent;
+        m_losses = &losses;
+    }
     // The loop, on whose thread the socket is used, keeps the watch from now on. False when it cannot.
     bool join(zloop_t* loop);
     // Ends the watch, which may be opened again. The loop is gone, or has not been joined.
     void close() noexcept;
 
     const char* name() const noexcept { return m_name; }
+    // Whether it is, or ought to be by now, connected again: the library may not know the endpoint.
+    bool is_being_mended() const noexcept { return m_record.is_given_up(); }
     // Whether a server is there, as far as TCP knows.
     bool is_reached() const noexcept { return m_record.is_reached(); }
     link_state state() const noexcept { return m_record.state(); }
@@ -58,6 +69,7 @@ private:
     void note(int event, int value) noexcept;
     void plan_mending() noexcept;
     void mend() noexcept;
+    void count_lost() noexcept;
 
     const char* m_name;
     zsock_t* m_sock = nullptr; // borrowed
@@ -66,7 +78,9 @@ private:
     std::string m_endpoint;
     bool m_is_planned = false; // the mending
     link_record m_record;
-    tcp_silence m_silence; // of the connection at hand
+    unsent_count* m_unsent = nullptr;   // borrowed; null: nobody counts
+    overflow_watch* m_losses = nullptr; // borrowed
+    tcp_silence m_silence;              // of the connection at hand
 };
 
 } // namespace rtls

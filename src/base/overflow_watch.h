@@ -50,6 +50,15 @@ public:
             logger_error(g_logger, "%s", m_overflow_text);
     }
 
+    // Some have been lost in another way. False, and not counted, without an episode.
+    bool add_lost(uint64_t messages) noexcept
+    {
+        if (!is_overflowing())
+            return false;
+        m_lost.fetch_add(messages, std::memory_order_relaxed);
+        return true;
+    }
+
     // Whether an episode has begun and not ended.
     bool is_overflowing() const noexcept { return m_since_ms.load(std::memory_order_relaxed) != none; }
 

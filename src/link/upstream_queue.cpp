@@ -29,12 +29,18 @@ static bool send_whole(message_part& first, message_part* second, void* socket)
     return send_first(first, socket, second != nullptr) && (!second || second->send(socket));
 }
 
+void upstream_queue::accepted()
+{
+    m_unsent.handed_over();
+    m_watch.accepted();
+}
+
 void upstream_queue::send(void* socket, message_part& first, message_part* second, bool may_wait)
 {
     if (is_waiting() && keep(first, second)) // in order
         return;
     if (!is_waiting() && send_whole(first, second, socket))
-        return m_watch.accepted();
+        return accepted();
     if (is_waiting())
         errno = EAGAIN;
     else if (errno == EAGAIN && may_wait && !m_watch.is_overflowing() && m_allowance.has_any(zclock_mono()) &&
@@ -67,7 +73,7 @@ void upstream_queue::drain(void* socket)
     while (is_waiting()) {
         message& next = m_waiting.front();
         if (send_whole(next.first, next.has_second ? &next.second : nullptr, socket))
-            m_watch.accepted();
+            accepted();
         else if (errno == EAGAIN)
             return;
         else

@@ -15,6 +15,7 @@
 
 #include "base/message_part.h"
 #include "base/overflow_watch.h"
+#include "core/unsent_count.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -74,6 +75,10 @@ public:
     // Loses what waits.
     void give_up();
 
+    // For the link that the messages leave by.
+    unsent_count& unsent() { return m_unsent; }
+    overflow_watch& losses() { return m_watch; }
+
     // The queue will not be used any more: a last attempt, and what an overflow has cost until now is said.
     void stopping(void* socket);
 
@@ -85,9 +90,11 @@ private:
     };
 
     void drain(void* socket);
+    void accepted();
     bool keep(message_part& first, message_part* second);
 
     overflow_watch m_watch;
+    unsent_count m_unsent;
     const char* m_function;
     const char* m_call;
     std::deque<message> m_waiting;

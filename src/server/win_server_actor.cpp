@@ -124,6 +124,7 @@ static bool open_proxy(WIN_SERVER_t& server)
 
 static bool open_proxy_input(WIN_SERVER_t& server)
 {
+    server.proxy_input_link.count(server.to_proxy_input.unsent(), server.to_proxy_input.losses());
     server.proxy_input_sock =
         open_link({server.proxy_input_link, ZMQ_PUSH, server.proxy_full_input_address,
                    io_thread_of_proxy_input, server_link::pub_sub_proxy_input, "zsock_new_push"},
@@ -133,6 +134,7 @@ static bool open_proxy_input(WIN_SERVER_t& server)
 
 static bool open_message_handler(WIN_SERVER_t& server)
 {
+    server.msg_handler_link.count(server.to_handler.unsent(), server.to_handler.losses());
     server.msg_handler_sock =
         open_link({server.msg_handler_link, ZMQ_PUSH, server.msg_handler_full_address, io_thread_of_handler,
                    server_link::message_handler, "zsock_new_push"},

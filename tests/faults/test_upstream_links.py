@@ -2,6 +2,7 @@
 that takes its place."""
 import gzip
 import itertools
+import re
 import socket
 import threading
 import time
@@ -113,3 +114,48 @@ def test_the_right_server_is_served_after_a_wrong_one(start_gateway, name, first
     took = time.monotonic() - began
     figure("until the right server is served", "not in 200 s", f"{took:.1f} s")
     assert took < 6
+
+
+@pytest.mark.parametrize("first", FIRST)
+def test_what_a_wrong_server_costs_is_said(start_gateway, first, figure):
+    """The library drops what waits for a server when that turns out to be none: each report has come, or is in
+    what is said to be lost."""
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
+    bridge = gateway.bridge(BRIDGE)
+    bridge.introduce()
+    sent = 1    # the introduction
+    for i in range(200):
+        bridge.send_message(wire.root_announce(BRIDGE, i + 1))
+    bridge.barrier()
+    sent += 200
+    wrong = FIRST[first](gateway, "handler")
+    wait_until(lambda: wrong.asked, "the daemon's greeting")
+    wait_until(lambda: any("connecting again" in line for line in gateway.syslog()), "the link to be given up")
+    bridge.send_message(wire.root_announce(BRIDGE, 201))
+    bridge.barrier()
+    sent += 1
+    wrong.close()
+    gateway.start_handler()
+
+    def lost() -> int:
+        return sum(int(n) for line in gateway.syslog()
+                   for n in re.findall(r"(?:Overflow message handler queue|message handler): (\d+) lost", line))
+
+    received = []
+
+    def accounted() -> bool:
+        received.extend(gateway.handler.drain())
+        return bool(received) and len(received) + lost() >= sent
+
+    def served() -> bool:
+        nonlocal sent
+        bridge.send_message(wire.root_announce(BRIDGE, sent % 255 + 1))
+        bridge.barrier()
+        sent += 1
+        received.extend(gateway.handler.drain())
+        return bool(received)
+
+    wait_until(served, "the right server to be served", 7)
+    wait_until(accounted, "every report to be accounted for", 5)
+    figure("reports lost and not said, of 200 that waited", "200", f"{sent - len(received) - lost()}")
+    assert lost() >= 200 and len(received) + lost() == sent

@@ -303,6 +303,7 @@ TEST_F(clogger, a_broker_in_the_place_of_another_kind_of_server_gets_the_records
     };
     EXPECT_TRUE(tend_until([](const tav_link_state_t& link) { return link.failures >= 2; }));
     EXPECT_FALSE(logger_get_broker_state(m_logger.get()).is_up);
+    EXPECT_GE(m_logger->m_logger.unpublished(), 1U) << "what was lost with the wrong one";
     wrong.close();
     context.close();
 

@@ -1,5 +1,6 @@
 #include "base/link_watch.h"
 #include "support/log_capture.h"
+#include "support/loop.h"
 #include "support/sock.h"
 #include "support/tcp_listener.h"
 #include "support/wait.h"
@@ -10,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -151,31 +153,6 @@ TEST(link_record, a_failure_is_to_be_said_once_until_a_handshake_is_done)
 
 // --- in a loop
 
-namespace {
-
-// Runs the loop until `condition` holds.
-bool run_until(zloop_t* loop, std::function<bool()> condition)
-{
-    struct {
-        std::function<bool()> condition;
-        std::chrono::steady_clock::time_point end;
-        bool held;
-    } wait{std::move(condition), std::chrono::steady_clock::now() + patience, false};
-    const int timer = zloop_timer(
-        loop, 1, 0,
-        [](zloop_t*, int, void* p) {
-            auto& w = *static_cast<decltype(wait)*>(p);
-            w.held = w.condition();
-            return w.held || std::chrono::steady_clock::now() >= w.end ? -1 : 0;
-        },
-        &wait);
-    zloop_start(loop);
-    zloop_timer_end(loop, timer);
-    return wait.held;
-}
-
-} // namespace
-
 TEST(link_watch, a_server_that_answered_nonsense_is_given_another_chance)
 {
     log_capture log;
@@ -202,6 +179,56 @@ TEST(link_watch, a_server_that_answered_nonsense_is_given_another_chance)
     EXPECT_EQ(zstr_send(sender.get(), "a message"), 0);
     EXPECT_STREQ(zstr_ptr{zstr_recv(right.get())}.get(), "a message");
     link.close();
+}
+
+TEST(link_watch, counts_what_is_lost_by_connecting_again)
+{
+    for (const bool is_overflowing : {false, true}) {
+        SCOPED_TRACE(is_overflowing);
+        log_capture log;
+        const zsock_ptr wrong{zsock_new(ZMQ_REP)};
+        const int port = zsock_bind(wrong.get(), "tcp://127.0.0.1:*");
+        const std::string endpoint = "tcp://127.0.0.1:" + std::to_string(port);
+        const zsock_ptr sender{zsock_new(ZMQ_PUSH)};
+        const zloop_ptr loop{zloop_new()};
+        unsent_count unsent;
+        overflow_watch losses{"Overflow!", "Exemption!", "some queue"};
+        link_watch link{"some server"};
+        link.count(unsent, losses);
+        link.open(sender.get(), endpoint, io_thread_of_handler);
+        ASSERT_TRUE(link.join(loop.get()));
+        ASSERT_EQ(zsock_connect(sender.get(), "%s", endpoint.c_str()), 0);
+        for (int i = 0; i < 3; ++i) {
+            ASSERT_EQ(zstr_send(sender.get(), "a message"), 0);
+            unsent.handed_over();
+        }
+        if (is_overflowing) {
+            errno = EAGAIN;
+            losses.refused("a test", "a call");
+        }
+        ASSERT_TRUE(run_until(loop.get(), [&] { return link.state().lost > 0; }));
+        EXPECT_EQ(link.state().lost, 3U);
+        losses.accepted();
+        const auto said = log.messages("main");
+        EXPECT_THAT(said,
+                    testing::Contains(testing::StartsWith(is_overflowing ? "Overflow some queue: 4 lost in "
+                                                                         : "some server: 3 lost by ")));
+        link.close();
+    }
+}
+
+TEST(unsent_count, knows_what_was_handed_over_while_nobody_was_there)
+{
+    unsent_count unsent;
+    unsent.handed_over();
+    unsent.is_up();
+    unsent.handed_over();
+    unsent.is_up(); // until now
+    EXPECT_EQ(unsent.take_lost(), 0U);
+    unsent.handed_over();
+    unsent.handed_over();
+    EXPECT_EQ(unsent.take_lost(), 2U);
+    EXPECT_EQ(unsent.take_lost(), 0U);
 }
 
 TEST(link_watch, may_be_opened_again)

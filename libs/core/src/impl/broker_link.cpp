@@ -61,7 +61,10 @@ void broker_link::close()
 bool broker_link::send(std::string_view record)
 {
     // No result means that the queue is full, or that no broker is there.
-    return m_socket.send(zmq::buffer(record), zmq::send_flags::dontwait).has_value();
+    const bool is_sent = m_socket.send(zmq::buffer(record), zmq::send_flags::dontwait).has_value();
+    if (is_sent)
+        m_unsent.handed_over();
+    return is_sent;
 }
 
 const char* broker_link::note(const zmq::message_t& event)
@@ -76,8 +79,14 @@ const char* broker_link::note(const zmq::message_t& event)
         (void)m_silence.begin(value);
     else if (number != ZMQ_EVENT_HANDSHAKE_SUCCEEDED)
         m_silence.end();
+    if (m_record.is_up())
+        m_unsent.is_up();
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return m_record.note(number, std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+    const char* reason =
+        m_record.note(number, std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+    if (m_record.is_up())
+        m_unsent.is_up();
+    return reason;
 }
 
 // A broker that has vanished without a word: the connection is cut, and the library makes a new one.
@@ -129,6 +138,9 @@ void broker_link::mend()
         if (zmq_connect(m_socket.handle(), address.c_str()) != 0)
             m_record.not_mended(); // tend() tries again
     }
+    const uint64_t lost = m_unsent.take_lost();
+    m_record.lost(lost);
+    m_lost += lost;
 }
 
 } // namespace tav::libs::core

@@ -9,12 +9,15 @@
 
 #include "core/link_record.h"
 #include "core/tcp_silence.h"
+#include "core/unsent_count.h"
 
 #include <zmq.hpp>
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tav::libs::core {
@@ -31,6 +34,9 @@ public:
     // Connects one more broker.
     void connect(const std::string& address);
     void close();
+
+    // How many records went with a connection that was given up, since the last call.
+    uint64_t take_lost() noexcept { return std::exchange(m_lost, 0); }
 
     // Sends one record, if it can go at once. Throws zmq::error_t.
     bool send(std::string_view record);
@@ -53,6 +59,8 @@ private:
     std::vector<std::string> m_addresses;
     rtls::link_record m_record;  // of all brokers together: there is one
     rtls::tcp_silence m_silence; // of the last broker that was reached
+    rtls::unsent_count m_unsent;
+    uint64_t m_lost = 0;
     clock::time_point m_sampled_at{};
     clock::time_point m_given_up_at{};
     bool m_is_planned = false;

@@ -72,6 +72,7 @@ void logger::tend_broker()
     {
         const rtls::mutex_guard lock(m_socket_mutex);
         reason = m_broker.tend(broker_link::clock::now());
+        m_unpublished.fetch_add(m_broker.take_lost(), std::memory_order_relaxed);
     }
     if (reason != nullptr)
         write(LOG_WARNING, std::string("debug broker: ") + reason + ", connecting again", reason);

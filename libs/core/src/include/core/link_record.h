@@ -25,6 +25,7 @@ struct link_state {
     uint64_t connections;    // handshakes done
     uint64_t failures;       // handshakes that failed, and connections lost
     const char* last_reason; // of a failure, or of nobody answering; "" without one
+    uint64_t lost;           // messages that the library dropped when the link was connected again
 };
 
 class link_record {
@@ -87,13 +88,17 @@ public:
     // It could not be done.
     void not_mended() noexcept { m_is_given_up = true; }
 
+    // So many messages went with the connection that was given up.
+    void lost(uint64_t messages) noexcept { m_lost.fetch_add(messages, std::memory_order_relaxed); }
+
     // Whether somebody is there, as far as TCP knows.
     bool is_reached() const noexcept { return m_is_reached.load(std::memory_order_relaxed); }
+    bool is_up() const noexcept { return m_is_up.load(std::memory_order_relaxed); }
     link_state state() const noexcept
     {
         constexpr auto relaxed = std::memory_order_relaxed;
-        return {m_is_up.load(relaxed), m_since_ms.load(relaxed), m_connections.load(relaxed),
-                m_failures.load(relaxed), m_last_reason.load(relaxed)};
+        return {m_is_up.load(relaxed),    m_since_ms.load(relaxed),    m_connections.load(relaxed),
+                m_failures.load(relaxed), m_last_reason.load(relaxed), m_lost.load(relaxed)};
     }
 
 private:
@@ -136,6 +141,7 @@ private:
     std::atomic<uint64_t> m_connections{0};
     std::atomic<uint64_t> m_failures{0};
     std::atomic<const char*> m_last_reason{""};
+    std::atomic<uint64_t> m_lost{0};
 };
 
 // TCP's own means against a server that vanishes without a word, which no peer sees: a link with nothing to
