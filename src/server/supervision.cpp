@@ -109,8 +109,11 @@ int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept
     return 0;
 }
 
+// A link that is being mended is not ours to connect again: it may just not be among the library's endpoints.
 static bool reconnect_proxy(WIN_SERVER_t& server)
 {
+    if (server.proxy_link.is_being_mended())
+        return true;
     if (zsock_disconnect(server.proxy_sock, "%s", server.proxy_full_address.c_str()) != 0) {
         log_call_error("check_proxy_connection", "zsock_disconnect");
         return false;

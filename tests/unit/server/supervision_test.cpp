@@ -7,11 +7,14 @@
 #include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
+#include "support/loop.h"
 #include "support/wait.h"
 #include "support/win_link.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 namespace rtls {
 
@@ -268,6 +271,34 @@ TEST(check_proxy_connection, a_failed_reconnect_ends_the_gateway)
     EXPECT_TRUE(is_stop_requested());
     clear_stop();
     link.server().proxy_sock.reset();
+}
+
+// A mend that could not be done has taken the endpoint off the library's books.
+TEST(check_proxy_connection, leaves_a_link_alone_that_is_being_mended)
+{
+    log_capture log;
+    const win_link link;
+    WIN_SERVER_t& server = link.server();
+    const zsock_ptr wrong{zsock_new(ZMQ_REP)};
+    const int port = zsock_bind(wrong.get(), "tcp://127.0.0.1:*");
+    server.proxy_full_address = "tcp://nobody:knows:this";
+    server.proxy_sock.reset(zsock_new(ZMQ_SUB));
+    server.proxy_link.open(server.proxy_sock, server.proxy_full_address, io_thread_of_proxy);
+    ASSERT_TRUE(server.proxy_link.join(link.loop()));
+    ASSERT_EQ(zsock_connect(server.proxy_sock, "tcp://127.0.0.1:%d", port), 0);
+    const auto failed = [&] {
+        const auto said = log.messages("main");
+        return std::any_of(said.begin(), said.end(), [](const std::string& line) {
+            return line.starts_with("link_watch: zsock_connect: ");
+        });
+    };
+    ASSERT_TRUE(run_until(link.loop(), failed));
+    server.proxy_is_silent = true;
+    EXPECT_EQ(check_proxy_connection(link.loop(), 1, &server), 0);
+    EXPECT_FALSE(is_stop_requested());
+    clear_stop();
+    server.proxy_link.close();
+    server.proxy_sock.reset();
 }
 
 } // namespace rtls
