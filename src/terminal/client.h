@@ -27,9 +27,12 @@ typedef struct TERMINAL_CLIENT {
     sockaddr_in client_addr = {};           // zero when unknown
 
     // While an image is being fetched for this operator, what he types waits: his answers keep their order.
+    // So does his leave: what he had sent before is done all the same.
     bool is_fetching = false;
-    std::deque<std::string> typed_ahead;
+    bool has_left = false;               // meanwhile
+    std::deque<std::string> typed_ahead; // an empty one: his leave
     size_t typed_ahead_bytes = 0;
+    size_t refused_ahead = 0; // commands beyond what may wait, and all that came after
 
     int fd = -1; // the connection's descriptor as seen at connect, or -1; closed by the library, not by us
 

@@ -273,6 +273,8 @@ static bool add_terminals(listing_rows& rows, zhashx_t* terminals, zframe_t* ask
 {
     for (void* item = zhashx_first(terminals); item; item = zhashx_next(terminals)) {
         const auto* terminal = static_cast<TERMINAL_CLIENT_t*>(item);
+        if (terminal->has_left)
+            continue; // only what he had sent is still to be done
         if (!rows.add(terminal_client_line(*terminal, zframe_eq(terminal->id.get(), asking))))
             return false;
     }

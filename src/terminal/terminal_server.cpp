@@ -105,25 +105,40 @@ static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t& clie
               id_str, ipv4_text{client.client_addr}.c_str(), ntohs(client.client_addr.sin_port));
 }
 
-// How many operators are connected from this address.
-static size_t sessions_of(const TERMINAL_SERVER_t& server, in_addr address)
+namespace {
+
+struct sessions {
+    size_t in_all;
+    size_t of_address;
+};
+
+} // namespace
+
+// How many operators are connected, and how many of them from this address. Connections without a record
+// count, too; those who have left, and whose commands are still to be done, do not.
+static sessions count_sessions(const TERMINAL_SERVER_t& server, in_addr address)
 {
-    size_t number = 0;
+    sessions number{server.forgotten_ids.size(), 0};
     zhashx_t* clients = server.clients.get();
-    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients))
-        if (static_cast<TERMINAL_CLIENT_t*>(item)->client_addr.sin_addr.s_addr == address.s_addr)
-            ++number;
+    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
+        const auto& client = *static_cast<TERMINAL_CLIENT_t*>(item);
+        if (client.has_left)
+            continue;
+        ++number.in_all;
+        if (client.client_addr.sin_addr.s_addr == address.s_addr)
+            ++number.of_address;
+    }
     return number;
 }
 
-// Closes the connection of who may not come in. Connections without a record count, too.
+// Closes the connection of who may not come in.
 static bool is_refused(TERMINAL_SERVER_t* server, message_part& identity, const char* id_str)
 {
     sockaddr_in peer{};
     (void)read_peer_address(identity.source_fd(), server->port, peer);
-    const size_t present = zhashx_size(server->clients.get()) + server->forgotten_ids.size();
+    const auto [present, of_address] = count_sessions(*server, peer.sin_addr);
     if (!server->house.refuses(identity.source_fd(), zclock_mono()) &&
-        server->entrance.admits(peer.sin_addr, present, sessions_of(*server, peer.sin_addr), zclock_mono()))
+        server->entrance.admits(peer.sin_addr, present, of_address, zclock_mono()))
         return false;
     message_part nothing; // closes it
     stream_send(server->terminal_sock.get(), identity.bytes(), nothing);
@@ -192,19 +207,33 @@ static constexpr size_t typed_ahead_limit = size_t{64} * 1024;
 
 static void keep_for_later(TERMINAL_CLIENT_t& client, std::string text)
 {
-    if (client.typed_ahead_bytes + text.size() > typed_ahead_limit)
+    if (text.empty()) {
+        client.has_left = true;
+        client.fd = -1; // the number says nothing any more
+        client.is_peer_proven = false;
+    } else if (client.refused_ahead > 0 || client.typed_ahead_bytes + text.size() > typed_ahead_limit) {
+        ++client.refused_ahead;
         return;
+    }
     client.typed_ahead_bytes += text.size();
     client.typed_ahead.push_back(std::move(text));
+}
+
+// They came behind all that was kept, his leave aside.
+static void say_refused(TERMINAL_CLIENT_t& client, zsock_t* sock)
+{
+    if (const size_t number = std::exchange(client.refused_ahead, 0); number > 0)
+        terminal_send(client, sock, text_format("Too much was typed ahead! Not done: %zu\n", number).c_str());
 }
 
 static void handle_text(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t* client, const char* id_str,
                         std::string text)
 {
-    if (text.empty() || (text.front() == '\0' && !client->is_fetching))
-        forget_client(server, id_str, !text.empty());
-    else if (client->is_fetching)
+    const bool is_idle_leave = text.empty() && client->typed_ahead.empty(); // nothing is left to be done
+    if (client->is_fetching && !is_idle_leave)
         keep_for_later(*client, std::move(text));
+    else if (text.empty() || text.front() == '\0')
+        forget_client(server, id_str, !text.empty() && !client->has_left);
     else
         terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
                                 server->dbg_client_sock.get());
@@ -221,8 +250,13 @@ static void answer_fetch(TERMINAL_SERVER_t* server, const std::string& id_str, i
     if (!client)
         return;
     client->is_fetching = false;
-    terminal_send(*client, server->terminal_sock.get(), fetch_answer(index).c_str());
-    for (; client && !client->is_fetching && !client->typed_ahead.empty(); client = find()) {
+    zsock_t* sock = server->terminal_sock.get();
+    terminal_send(*client, sock, fetch_answer(index).c_str());
+    for (; client && !client->is_fetching; client = find()) {
+        if (client->typed_ahead.empty() || client->typed_ahead.front().empty())
+            say_refused(*client, sock);
+        if (client->typed_ahead.empty())
+            return;
         std::string text = std::move(client->typed_ahead.front());
         client->typed_ahead.pop_front();
         client->typed_ahead_bytes -= text.size();
@@ -280,7 +314,7 @@ static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_s
 
 static bool wants_line(const TERMINAL_CLIENT_t& client, const char* line) noexcept
 {
-    return client.subscribed && (!client.preg || passes(*client.preg, line));
+    return client.subscribed && !client.has_left && (!client.preg || passes(*client.preg, line));
 }
 
 // Gives one line of the debug stream (at most 2047 bytes, so a filter has little to chew) to those who
@@ -521,11 +555,22 @@ bool terminal_server_is_ready(void* p_terminal_server)
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->ready;
 }
 
+// Whether the system knows the operator's connection no more.
+static bool is_gone(const TERMINAL_SERVER_t& server, const TERMINAL_CLIENT_t& client)
+{
+    sockaddr_in peer{};
+    return !read_peer_address(client.fd, server.port, peer) ||
+           peer.sin_addr.s_addr != client.client_addr.sin_addr.s_addr ||
+           peer.sin_port != client.client_addr.sin_port;
+}
+
 bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url)
 {
     auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
     if (!server || !server->calls || !server->rtls_gateway->downloads)
         return false;
+    if (is_gone(*server, client))
+        return true; // nobody would see the outcome
     auto work = [server, ota = server->rtls_gateway->ota, calls = server->calls, url = std::string{url},
                  id = std::string{identity_key{client.id.get()}.c_str()}] {
         std::string reason;

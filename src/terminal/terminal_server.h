@@ -35,8 +35,8 @@ bool terminal_server_is_ready(void* p_terminal_server);
 void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& client, zsock_t* sock);
 
 // Fetches the image of `url` into the store on a thread of the download pool, and answers the operator when
-// it is done; his commands wait for it, nobody else does. False when it cannot be done so: nothing has
-// happened.
+// it is done; his commands wait for it, nobody else does. For an operator who has gone nothing is done. False
+// when it cannot be done so: nothing has happened.
 bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url);
 
 // Hands a generic request (header, payload, destination MAC) to the WIN server's thread. False when

@@ -7,10 +7,18 @@ import zlib
 
 import pytest
 
+from frozen import frozen
 from harness import wire
 from harness.peers import wait_until
 
 BRIDGE = wire.mac(0xB001)
+
+
+def connections_of(pid: int, port: int) -> list:
+    """TCP connections with our own port `port`, as the system has them."""
+    with open(f"/proc/{pid}/net/tcp") as table:
+        rows = [line.split() for line in table.readlines()[1:]]
+    return [row for row in rows if row[1].endswith(f":{port:04X}") and row[3] in ("01", "08")]
 
 
 def image(git: int) -> bytes:
@@ -143,6 +151,49 @@ def test_an_operator_who_leaves_while_his_image_hangs_is_forgotten(gateway, web)
     wait_until(gone, "the record to go")
     web.released.set()
     wait_until(lambda: "Incorrect" not in staying.command("fw list", "\n"), "an answer")
+
+
+def test_what_an_operator_sent_before_he_left_is_done(gateway, web):
+    leaving, staying = gateway.terminal(), gateway.terminal()
+    leaving.send(f"fw get {web.serve('/slow', image(1), hangs=True)}\n".encode())
+    wait_until(lambda: web.asked, "the request")
+    for line in ("dbg win y", "dbg discovery y"):
+        leaving.send(line.encode() + b"\n")
+        staying.command("foo", "\n")        # keeps the lines apart
+    port = leaving.port
+    leaving.close()
+    wait_until(lambda: f":{port} " not in staying.command("pcl", "##\n"), "his leave")
+    assert "win n\n" in staying.command("dbg", "ul_tdoa n\n")
+    web.released.set()
+    wait_until(lambda: "discovery y\n" in staying.command("dbg", "ul_tdoa n\n"), "what he sent last")
+    assert "win y\n" in staying.command("dbg", "ul_tdoa n\n")
+
+
+def test_what_is_typed_ahead_has_a_bound_and_what_is_refused_is_said(gateway, web):
+    typing, other = gateway.terminal(), gateway.terminal()
+    typing.send(f"fw get {web.serve('/slow', image(1), hangs=True)}\n".encode())
+    wait_until(lambda: web.asked, "the request")
+    for _ in range(70):
+        typing.send(b"x" * 1023 + b"\n")
+        other.command("foo", "\n")         # keeps the lines apart
+    web.released.set()
+    answer = typing.read_until("Not done: 6\n")
+    unknown = 'Unknown command. Type "h" or "help" for help.\n'
+    assert answer == "Firmware downloaded. Index: 0\n" + 64 * unknown + "Too much was typed ahead! Not done: 6\n"
+    assert typing.command("foo", "\n") == unknown
+
+
+def test_no_image_is_fetched_for_an_operator_who_has_gone(gateway, web):
+    leaving = gateway.terminal()
+    leaving.command("foo", "\n")
+    with frozen(gateway.process.pid, "rtls-terminal"):
+        leaving.send(f"fw get {web.serve('/left', image(1))}\n".encode())
+        leaving.close()
+        # The daemon's own descriptor of the connection is gone when the system knows the other end no more.
+        wait_until(lambda: not connections_of(gateway.process.pid, gateway.ports["terminal"]), "its end")
+    staying = gateway.terminal()
+    assert staying.command(f"fw get {web.serve('/stays', image(2))}", "\n") == "Firmware downloaded. Index: 0\n"
+    assert web.asked == ["/stays"]
 
 
 def test_of_several_announced_images_the_last_is_the_current_one(gateway, web):
