@@ -7,15 +7,20 @@
 #include "downlink/win_server_pub_sub_proxy.h"
 #include "wire/messaging.h"
 
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
 
 namespace rtls {
 
-// The largest command has little over 64 KiB, so 128 KiB as hex. A text that is far beyond can only cost: its
-// copies, its line in the debug stream, and what the repeat filter remembers of it for each node.
-static constexpr size_t text_limit = size_t{1024} * 1024;
+// The largest commands carry a URL, whose length has 16 bits: 12 + 65,535 bytes, 131,094 digits. (Data for the
+// network have 65,535 bytes with all their heads, generic requests 800.) A text that is far beyond can only
+// cost: its copies, its line in the debug stream, and what the repeat filter remembers of it for each node.
+static constexpr size_t largest_command = ota_upload::size + UINT16_MAX;
+static constexpr size_t text_limit = size_t{256} * 1024;
+static_assert(gwMsgFwImageAvailInd_t::size <= ota_upload::size);
+static_assert(text_limit > 2 * largest_command + 64 * 1024);
 
 static void process_text(WIN_SERVER_t* server, const char* text)
 {

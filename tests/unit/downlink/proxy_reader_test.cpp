@@ -118,15 +118,24 @@ TEST_F(proxy_reader, a_text_is_never_a_format)
 
 TEST_F(proxy_reader, a_huge_text_is_refused_by_its_type)
 {
-    handle("0804" + std::string(size_t{1024} * 1024 - 4, '0'));
-    EXPECT_EQ(errors(), texts_t{"process_data_from_pub_sub_proxy (MSG_CONF_NODE_REQ): wrong size 524288"});
+    handle("0804" + std::string(size_t{256} * 1024 - 4, '0'));
+    EXPECT_EQ(errors(), texts_t{"process_data_from_pub_sub_proxy (MSG_CONF_NODE_REQ): wrong size 131072"});
+}
+
+TEST_F(proxy_reader, the_largest_command_is_taken)
+{
+    handle(digits("0012 00000001 00000002 FFFF") + std::string(2 * 0xFFFF, '4'));
+    const texts_t printed = lines("parsing");
+    ASSERT_FALSE(printed.empty());
+    EXPECT_TRUE(
+        printed.front().starts_with("PROXY: MSG_OTA_UPLOAD_FW mgd: 00000001 crc: 00000002 url: DDDD"));
 }
 
 TEST_F(proxy_reader, a_text_beyond_all_commands_is_refused_by_its_length)
 {
     (void)lines("raw");
-    handle("0804" + std::string(size_t{1024} * 1024 - 3, '0'));
-    EXPECT_EQ(errors(), texts_t{"handle_pub_sub_proxy: a text of 1048577 bytes is too long!"});
+    handle("0804" + std::string(size_t{256} * 1024 - 3, '0'));
+    EXPECT_EQ(errors(), texts_t{"handle_pub_sub_proxy: a text of 262145 bytes is too long!"});
     EXPECT_EQ(lines("raw"), texts_t{});
     handle("0810");
     EXPECT_EQ(errors(), texts_t{"handle_pub_sub_proxy: wrong size of input data!"}); // the next is taken
