@@ -196,8 +196,11 @@ size_t OTA_t::choose_slot(const OTA_FIRMWARE_t& firmware)
 int OTA_t::add_firmware(firmware_ptr firmware)
 {
     const size_t slot = choose_slot(*firmware);
-    if (slot == m_files_number)
+    if (slot == m_files_number) {
+        if (m_keeps_ordered)
+            m_refused.fetch_add(1, std::memory_order_relaxed);
         return -1;
+    }
     m_firmware_arr[slot] = std::move(firmware);
     return static_cast<int>(slot);
 }

@@ -9,6 +9,7 @@
 
 #include "core/thread_annotations.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -45,6 +46,8 @@ public:
     // From now on a download that no server ordered takes no slot with an image that one did, or sent. Before
     // the store is used by several threads.
     void keep_ordered() { m_keeps_ordered = true; }
+    // How many images found no slot by that. Any thread reads.
+    uint64_t refused_for_ordered() const noexcept { return m_refused.load(std::memory_order_relaxed); }
 
     // Downloads, checks and stores an image; its slot, or -1. `crc32` and `git_ver` are what to expect;
     // null: not checked. An image with the same key is replaced in place, otherwise it takes
@@ -86,6 +89,7 @@ private:
     mutable annotated_mutex m_mutex;
     const uint16_t m_files_number;
     bool m_keeps_ordered = false; // written before the actors run
+    std::atomic<uint64_t> m_refused{0};
     // The slots; null: empty. Images are reached only under the lock.
     const std::unique_ptr<firmware_ptr[]> m_firmware_arr RTLS_GUARDED_BY(m_mutex);
     // The slot that the next new image takes, whatever is in it.

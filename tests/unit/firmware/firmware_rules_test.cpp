@@ -64,7 +64,8 @@ protected:
         return download(m_store, image, crc_of(image), git_ver);
     }
     int fetch(uint32_t git_ver) { return download(m_store, image_of(git_ver)); }
-    void keep_ordered() { static_cast<OTA_t*>(m_store.get())->keep_ordered(); }
+    OTA_t& store() { return *static_cast<OTA_t*>(m_store.get()); }
+    void keep_ordered() { store().keep_ordered(); }
 
     log_capture m_log;
     store_ptr m_store = store_of(3);
@@ -96,7 +97,9 @@ TEST_F(ordered_images, leave_no_room_when_all_slots_are_theirs)
     keep_ordered();
     for (uint32_t git_ver = 1; git_ver <= 3; ++git_ver)
         (void)order(git_ver);
+    EXPECT_EQ(store().refused_for_ordered(), 0U);
     EXPECT_EQ(fetch(4), -1);
+    EXPECT_EQ(store().refused_for_ordered(), 1U);
     EXPECT_THAT(m_log.messages("main"),
                 Contains("ota_download_firmware: the images that the servers ordered are kept"));
     EXPECT_EQ(order(5), 0) << "the servers replace their own";
