@@ -2,10 +2,15 @@
 import re
 import select
 import socket
+import struct
 import time
 
+import pytest
+
 from harness import wire
+from harness.daemon import Daemon
 from harness.peers import wait_until
+from network import Namespaces, available
 
 BRIDGE = wire.mac(0xB001)
 
@@ -75,6 +80,59 @@ def test_one_address_gets_a_hundred_answers_a_second(gateway):
     assert 100 <= answers <= 100 * seconds
     said = wait_until(lambda: [line for line in gateway.syslog() if "requests a second" in line], "the line")
     assert len(said) == 1
+
+
+def forge(sender: tuple, to: tuple, data: bytes):
+    """A datagram that claims to come from `sender`, with no checksum, which UDP allows."""
+    udp_header = struct.pack(">HHHH", sender[1], to[1], 8 + len(data), 0)
+    ip_header = struct.pack(">BBHHHBBH4s4s", 0x45, 0, 28 + len(data), 0, 0, 64, socket.IPPROTO_UDP, 0,
+                            socket.inet_aton(sender[0]), socket.inet_aton(to[0]))
+    with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW) as raw:
+        raw.sendto(ip_header + udp_header + data, (to[0], 0))
+
+
+def datagrams_out() -> int:
+    """Of the namespace that this thread is in."""
+    with open("/proc/thread-self/net/snmp") as table:
+        names, values = [line.split() for line in table if line.startswith("Udp:")]
+    return int(values[names.index("OutDatagrams")])
+
+
+@pytest.mark.skipif(not available(), reason="needs the rights to make network namespaces")
+def test_two_gateways_that_answer_each_other_are_bounded(tmp_path, figure):
+    """An answer to six bytes is a request of six bytes. Neither knows the other's address for a gateway's."""
+    namespaces = Namespaces()
+    gateways = []
+    try:
+        for name in ("ours", "router"):
+            (tmp_path / name).mkdir()
+            ports = {"discovery": 4567}
+            with namespaces.enter(name):
+                gateways.append(Daemon(tmp_path / name, upstream=(), ports=ports))
+        with namespaces.enter("router"):
+            before = datagrams_out()
+            began = time.monotonic()
+            forge(("10.77.1.2", 4567), ("10.77.1.1", 4567), bytes(6))
+            floods = [lambda gateway=gateway: any("requests a second" in line for line in gateway.syslog())
+                      for gateway in gateways]
+            wait_until(lambda: any(flood() for flood in floods), "a gateway that answers no more")
+            seconds = int(time.monotonic() - began) + 1
+            answers = datagrams_out() - before
+            with udp("10.77.1.2") as honest:    # of the same address, but in the next second
+                def served():
+                    honest.sendto(b"\x01" + bytes(8), ("10.77.1.1", 4567))
+                    honest.settimeout(0.2)
+                    try:
+                        return honest.recv(100)
+                    except TimeoutError:
+                        return b""
+                wait_until(served, "an answer to somebody else of that host")
+        figure("answers of one gateway to the other in a second", "20,000", f"{answers / seconds:.0f}")
+        assert answers <= 101 * (seconds + 1)
+    finally:
+        for gateway in gateways:
+            gateway.close()
+        namespaces.close()
 
 
 def test_the_end_of_an_overflow_says_how_much_was_lost(start_gateway):

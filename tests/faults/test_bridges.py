@@ -4,6 +4,7 @@ import itertools
 import os
 import pathlib
 import re
+import socket
 import statistics
 import subprocess
 import sys
@@ -106,6 +107,44 @@ def test_the_end_of_full_bridges_stalls_nobody(gateway, figure):
         stalls.append(max(honest.pings(1, 0.001)))
     figure("the longest ping while 20 full bridges leave", "3,300 ms", ms(min(stalls)))
     assert min(stalls) < 0.05
+
+
+def test_closing_full_bridges_stalls_nobody(gateway, figure):
+    """Twenty who do not read, and whose nodes are gone, are closed with a full queue."""
+    honest = Honest(gateway)
+    with flood(gateway, 20, "large"):
+        def full():
+            honest.ping()
+            return sum("does not read" in line for line in gateway.syslog()) >= 5
+        wait_until(full, "full bridges", 60)
+        operator = gateway.terminal()
+        before = open_files(gateway)
+        for number in range(20):
+            assert operator.command(f"del {0x2000 + number:x}", "\n") == "Command completed successfully!\n"
+        pings = []
+
+        def closed():
+            pings.extend(honest.pings(0.1, 0.001))
+            return open_files(gateway) <= before - 20
+        wait_until(closed, "the end of the full bridges", 60)
+    figure("the longest ping while 20 full bridges are closed", "20 x 100 ms", ms(max(pings)))
+    assert max(pings) < 0.5
+
+
+def test_a_full_house_of_operators_is_said_once(start_gateway, monkeypatch):
+    monkeypatch.setattr(daemon, "WITH_FEW_FILES", ["prlimit", "--nofile=256:256"])
+    gateway = start_gateway()
+    known = gateway.terminal()
+    assert known.command("info", "\n\n").startswith("GW Version")
+    strangers = [socket.create_connection(("127.0.0.1", gateway.ports["terminal"])) for _ in range(300)]
+    wait_until(lambda: any("no more operators are let in" in line for line in gateway.syslog()), "the line")
+    assert strangers[-1].recv(100) == b"", "who comes too late is closed"
+    assert known.command("info", "\n\n").startswith("GW Version"), "who was there is served"
+    assert sum("no more operators are let in" in line for line in gateway.syslog()) == 1
+    for stranger in strangers:
+        stranger.close()
+    wait_until(lambda: open_files(gateway) < 100, "the end of the others")
+    assert gateway.terminal().command("info", "\n\n").startswith("GW Version")
 
 
 @pytest.mark.parametrize("reads, before", [("read", "613 ms (3624 ms)"), ("deaf", "210 ms (5439 ms)")],

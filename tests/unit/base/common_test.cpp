@@ -287,6 +287,19 @@ TEST_F(debug_stream, with_a_broker_every_section_is_wanted)
         EXPECT_TRUE(dbg_is_wanted(static_cast<dbg_section_t>(section)));
 }
 
+TEST_F(debug_stream, of_a_thread_that_holds_it_is_wanted_by_nobody)
+{
+    debug_mask = 1U << DBG_WIN;
+    dbg_hold(true);
+    EXPECT_FALSE(dbg_is_wanted(DBG_WIN));
+    bool is_wanted_elsewhere = false;
+    std::thread{[&] { is_wanted_elsewhere = dbg_is_wanted(DBG_WIN); }}.join();
+    EXPECT_TRUE(is_wanted_elsewhere);
+    dbg_hold(false);
+    EXPECT_TRUE(dbg_is_wanted(DBG_WIN));
+    debug_mask = 0;
+}
+
 TEST(debug_stream_without_loggers, is_wanted_by_the_mask_alone)
 {
     ASSERT_EQ(g_logger_section, nullptr);

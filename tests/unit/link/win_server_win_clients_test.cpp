@@ -5,6 +5,7 @@
 #include "support/hex_bytes.h"
 #include "support/link_clients.h"
 #include "support/log_capture.h"
+#include "support/wait.h"
 #include "support/win_link.h"
 
 #include <gmock/gmock.h>
@@ -16,6 +17,7 @@
 #include <algorithm>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 namespace rtls {
 
@@ -62,6 +64,63 @@ TEST(win_clients_reader, takes_several_events_a_call_but_not_all_at_once)
     }));
     EXPECT_GT(most, event_size);
     EXPECT_LE(most, 64 * event_size);
+}
+
+// The port has not been drained for `us`, and `bytes` have been handled meanwhile.
+static void fall_behind(WIN_SERVER_t& server, int64_t us, size_t bytes)
+{
+    server.last_turn_end = zclock_usecs();
+    server.undrained_since = server.last_turn_end - us;
+    server.undrained_bytes = bytes;
+}
+
+TEST(win_clients_reader, leaves_debug_lines_out_while_it_is_behind_and_says_so_once)
+{
+    constexpr int64_t long_us = 50'000;
+    constexpr size_t much = size_t{64} * 1024;
+    constexpr char said[] =
+        "handle_win_clients: bridges send more than can be handled, debug lines are left out meanwhile!";
+    const struct {
+        const char* given;
+        int64_t us;
+        size_t bytes;
+        bool is_behind;
+    } cases[] = {
+        {"for long, with much", long_us, much, true},
+        {"with little: the host was busy", long_us, much - 1, false},
+        {"for a moment", 0, much, false},
+        {"for long, once more", long_us, much, true},
+    };
+    log_capture log;
+    const win_link link;
+    WIN_SERVER_t& server = link.server();
+    auto [peer, client] = link.connect();
+    std::vector<bool> lines_seen; // by who handles a frame
+    static std::vector<bool>* seen = nullptr;
+    seen = &lines_seen;
+    server.process_frame = [](WIN_SERVER_t*, WIN_CLIENT_t*) {
+        seen->push_back(dbg_is_wanted(DBG_WIN));
+        return true;
+    };
+    size_t warnings = 0;
+    debug_mask = 1U << DBG_WIN;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        lines_seen.clear();
+        const uint8_t frame[] = {0xF5, 0, 0, 1, 0xF7};
+        peer.send(frame);
+        zmq_pollitem_t item{zsock_resolve(server.win_sock), 0, ZMQ_POLLIN, 0};
+        ASSERT_EQ(zmq_poll(&item, 1, static_cast<long>(patience.count())), 1);
+        fall_behind(server, c.us, c.bytes);
+        EXPECT_EQ(handle_win_clients(link.loop(), server.win_sock, &server), 0);
+        EXPECT_EQ(lines_seen, std::vector<bool>{!c.is_behind});
+        EXPECT_TRUE(dbg_is_wanted(DBG_WIN)) << "what others have the thread do is shown";
+        EXPECT_EQ(server.undrained_bytes, 0U) << "drained";
+        const auto messages = log.messages("main");
+        warnings += static_cast<size_t>(std::count(messages.begin(), messages.end(), said));
+    }
+    EXPECT_EQ(warnings, 1U);
+    debug_mask = 0;
 }
 
 TEST(win_clients_reader, waits_a_moment_for_what_follows_while_it_is_busy)
