@@ -7,15 +7,14 @@
 // the field speak: it must stay.
 // Ownership  None: constants.
 // Threads    Any.
-// Failures   None: the offsets are checked against each other while compiling; that the bytes are there is
-//            for who reads them.
+// Failures   None: the values and offsets are checked in messaging.cpp, while it compiles; that the bytes are
+//            there is for who reads them.
 #pragma once
 
 #include "registry/addresses.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
 
 namespace rtls {
 
@@ -247,13 +246,17 @@ struct generic_server_request {
     static constexpr size_t body = 7;
 };
 
+// How long a MAC is in route requests and UL-TDOA. Everywhere else it has mac_size.
+constexpr size_t six_byte_mac = 6;
+
 // GENERIC_REQ_RouteRequest: a reporter, then an entry for each requester it has heard.
 struct route_request {
-    static constexpr size_t mac_size = 6;
-    static constexpr size_t reporter = 7;    // MAC, 6 bytes
-    static constexpr size_t requesters = 15; // entries, from the message's start
-    static constexpr size_t mac = 0;         // 6 bytes; from here on within an entry
-    static constexpr size_t lqi = 7;         // the byte before it is skipped
+    static constexpr size_t reporter = 7;          // u8[six_byte_mac]
+    static constexpr size_t reporter_skipped = 13; // u8[2]
+    static constexpr size_t requesters = 15;       // entries, from the message's start
+    static constexpr size_t mac = 0;               // u8[six_byte_mac]; from here on within an entry
+    static constexpr size_t mac_skipped = 6;       // u8
+    static constexpr size_t lqi = 7;
     static constexpr size_t entry_size = 8;
     static constexpr size_t fixed_len = requesters - msgHeader_t::size; // of total_len, beside the entries
     static constexpr size_t least_len = fixed_len + entry_size;         // a request names somebody
@@ -272,7 +275,6 @@ struct range_report {
 
 // GENERIC_REQ_UltdoaData; how much of it there is follows from total_len.
 struct ul_tdoa {
-    static constexpr size_t mac_size = 6;
     static constexpr size_t tag_mac = 7;
     static constexpr size_t pe_seq_no = 13; // BE
     static constexpr size_t responder_mac = 15;
@@ -335,8 +337,10 @@ struct set_request {
 // MSG_NWK_DATA_15_4_REQ as the server sends it: a block of p_len bytes and some more, which goes on as it
 // is, then the MAC of the node. (What wraps forwarded commands has the same type and a msgHeader_t.)
 struct network_data {
-    static constexpr size_t msgType = 0;   // BE
+    static constexpr size_t msgType = 0; // BE
+    static constexpr size_t seqNo = 2;
     static constexpr size_t p_len = 3;     // BE
+    static constexpr size_t opaque = 5;    // u8[8], and the p_len bytes
     static constexpr size_t overhead = 13; // of the block, beside the p_len bytes
     static constexpr size_t size = 21;     // with a p_len of 0
 };
@@ -381,6 +385,7 @@ struct discovery_echo {
 // DSC_CMD_REQUEST_ADDRESS, and 8 bytes of the requester's choice. The answer is the request and:
 struct discovery_address {
     static constexpr size_t command = 0; // DISCOVERY_CMD
+    static constexpr size_t choice = 1;
     static constexpr size_t request_size = 9;
     static constexpr size_t address = 9; // IPv4, of the gateway
     static constexpr size_t port = 13;   // the WIN port
@@ -403,131 +408,5 @@ struct gwMsgUpdateRequest_t {
     uint16_t len;   // valid bytes in buf
     uint8_t buf[512];
 } __attribute__((packed));
-
-static_assert(msgHeader_t::size == 5 && msgGeneric_t::size == 3 && gwMsgGeneric_t::size == 3);
-static_assert(gwMsgPrefixRequest_t::size == 11 && gwMsgVrPrefixResponse_t::size == 5);
-static_assert(gwMsgRootAnnounce_t::size == 14 && gwMsgHeartbeat_t::size == 63);
-static_assert(gwMsgConfigNode_t::size == 34 && srvMsgConfigNode_t::size == 26);
-static_assert(gwMsgAck_t::size == 19 && srvMsgAck_t::size == 11 && gwMsgFwImageAvailInd_t::size == 12);
-static_assert(ota_upload::size == ota_upload::len + 2);
-static_assert(gwMsgFwImageAvailInd_t::size == gwMsgFwImageAvailInd_t::len + 2);
-static_assert(reboot_request::size == reboot_request::mac + mac_size);
-static_assert(apply_request::size == apply_request::mac + mac_size);
-static_assert(set_request::source == set_request::image_size + 4);
-static_assert(network_data::size == network_data::overhead + mac_size);
-static_assert(nwk_data_ind::overhead == nwk_data_ind::inner + nwk_data_ind::trailer_ip + ip_addr_size);
-static_assert(nwk_data_ind::trailer_ip == nwk_data_ind::trailer_mac + mac_size);
-static_assert(wrap_ts::size == wrap_ts::fraction + 2 && wrap_ts::least_frame == 17);
-static_assert(nwk_data_ind::least_size == 30);
-static_assert(route_request::fixed_len == 10 && route_request::least_len == 18);
-static_assert(range_report::fixed_len == 2 && range_report::least_len == 10);
-static_assert(ul_tdoa::least_len == 28 && ul_tdoa::board_len == 38 && ul_tdoa::charge_len == 39);
-static_assert(ul_tdoa::percent_of_charge + 1 == 44 && ota_page::page_number + 2 == ota_page::size);
-static_assert(ota_page::size == msgHeader_t::size + ota_page::total_len);
-static_assert(report_timestamp::size == report_timestamp::milliseconds + 2);
-static_assert(discovery_echo::port + 2 == discovery_echo::size);
-static_assert(discovery_address::address == discovery_address::request_size);
-static_assert(discovery_address::port + 2 == discovery_address::size);
-static_assert(sizeof(winserw_sock_cmd_t) == 4);
-static_assert(sizeof(gwMsgUpdateRequest_t) == 527);
-
-// --- Peers in the field depend on every byte: each record's fields follow one another up to its end.
-
-namespace layout {
-
-struct field {
-    size_t at;
-    size_t width;
-};
-
-constexpr bool is_filled(size_t size, std::initializer_list<field> fields)
-{
-    size_t end = 0;
-    for (const field& f : fields) {
-        if (f.at != end)
-            return false;
-        end += f.width;
-    }
-    return end == size;
-}
-
-constexpr size_t mac = 8;
-constexpr size_t ip = 16;
-
-} // namespace layout
-
-static_assert(layout::is_filled(
-    msgHeader_t::size, {{msgHeader_t::msgType, 2}, {msgHeader_t::seqNo, 1}, {msgHeader_t::total_len, 2}}));
-static_assert(layout::is_filled(msgGeneric_t::size, {{msgGeneric_t::msgType, 2}, {msgGeneric_t::seqNo, 1}}));
-static_assert(layout::is_filled(gwMsgGeneric_t::size,
-                                {{gwMsgGeneric_t::msgType, 2}, {gwMsgGeneric_t::seqNo, 1}}));
-static_assert(layout::is_filled(gwMsgPrefixRequest_t::size,
-                                {{gwMsgPrefixRequest_t::header, gwMsgGeneric_t::size},
-                                 {gwMsgPrefixRequest_t::ieee_addr, layout::mac}}));
-static_assert(layout::is_filled(gwMsgVrPrefixResponse_t::size, {{gwMsgVrPrefixResponse_t::msgType, 2},
-                                                                {gwMsgVrPrefixResponse_t::rplPrefix, 2},
-                                                                {gwMsgVrPrefixResponse_t::rpl_version, 1}}));
-static_assert(layout::is_filled(gwMsgRootAnnounce_t::size,
-                                {{gwMsgRootAnnounce_t::header, gwMsgGeneric_t::size},
-                                 {gwMsgRootAnnounce_t::ieee_addr, layout::mac},
-                                 {gwMsgRootAnnounce_t::rplPrefix, 2},
-                                 {gwMsgRootAnnounce_t::rpl_version, 1}}));
-static_assert(layout::is_filled(gwMsgHeartbeat_t::size, {{gwMsgHeartbeat_t::header, msgGeneric_t::size},
-                                                         {gwMsgHeartbeat_t::reporting_freq, 1},
-                                                         {gwMsgHeartbeat_t::ranging_freq, 1},
-                                                         {gwMsgHeartbeat_t::node_role, 1},
-                                                         {gwMsgHeartbeat_t::sublocation_id, 1},
-                                                         {gwMsgHeartbeat_t::long_addr, layout::mac},
-                                                         {gwMsgHeartbeat_t::parent_addr, layout::mac},
-                                                         {gwMsgHeartbeat_t::sw_version, 4},
-                                                         {gwMsgHeartbeat_t::pos_X, 4},
-                                                         {gwMsgHeartbeat_t::pos_Y, 4},
-                                                         {gwMsgHeartbeat_t::pos_Z, 4},
-                                                         {gwMsgHeartbeat_t::bridge_mac, layout::mac},
-                                                         {gwMsgHeartbeat_t::ipaddr, layout::ip}}));
-static_assert(gwMsgHeartbeat_t::z_val == gwMsgHeartbeat_t::pos_Z &&
-              gwMsgHeartbeat_t::z_offset == gwMsgHeartbeat_t::z_val + 2);
-static_assert(layout::is_filled(gwMsgConfigNode_t::size, {{gwMsgConfigNode_t::msgType, 2},
-                                                          {gwMsgConfigNode_t::reporting_freq, 1},
-                                                          {gwMsgConfigNode_t::ranging_freq, 1},
-                                                          {gwMsgConfigNode_t::node_role, 1},
-                                                          {gwMsgConfigNode_t::sublocation_id, 1},
-                                                          {gwMsgConfigNode_t::pos_X, 4},
-                                                          {gwMsgConfigNode_t::pos_Y, 4},
-                                                          {gwMsgConfigNode_t::pos_Z, 4},
-                                                          {gwMsgConfigNode_t::ipaddr, layout::ip}}));
-static_assert(gwMsgConfigNode_t::z_val == gwMsgConfigNode_t::pos_Z &&
-              gwMsgConfigNode_t::z_offset == gwMsgConfigNode_t::z_val + 2);
-static_assert(layout::is_filled(srvMsgConfigNode_t::size, {{srvMsgConfigNode_t::msgType, 2},
-                                                           {srvMsgConfigNode_t::reporting_freq, 1},
-                                                           {srvMsgConfigNode_t::ranging_freq, 1},
-                                                           {srvMsgConfigNode_t::node_role, 1},
-                                                           {srvMsgConfigNode_t::sublocation_id, 1},
-                                                           {srvMsgConfigNode_t::pos_X, 4},
-                                                           {srvMsgConfigNode_t::pos_Y, 4},
-                                                           {srvMsgConfigNode_t::pos_Z, 4},
-                                                           {srvMsgConfigNode_t::long_addr, layout::mac}}));
-static_assert(layout::is_filled(
-    gwMsgAck_t::size, {{gwMsgAck_t::msgType, 2}, {gwMsgAck_t::seqNo, 1}, {gwMsgAck_t::ipaddr, layout::ip}}));
-static_assert(layout::is_filled(srvMsgAck_t::size, {{srvMsgAck_t::msgType, 2},
-                                                    {srvMsgAck_t::seqNo, 1},
-                                                    {srvMsgAck_t::long_addr, layout::mac}}));
-static_assert(layout::is_filled(gwMsgFwImageAvailInd_t::size, {{gwMsgFwImageAvailInd_t::msgType, 2},
-                                                               {gwMsgFwImageAvailInd_t::sh1, 4},
-                                                               {gwMsgFwImageAvailInd_t::crc32, 4},
-                                                               {gwMsgFwImageAvailInd_t::len, 2}}));
-static_assert(msgGenericReq_t::msgHeader == 0 && msgGenericReq_t::data == msgHeader_t::size);
-static_assert(nwk_data_ind::inner == msgHeader_t::size && nwk_data_ind::trailer_mac == 0);
-static_assert(nwk_data_ind::trailer_ip == nwk_data_ind::trailer_mac + layout::mac);
-static_assert(nwk_data_ind::overhead == nwk_data_ind::inner + nwk_data_ind::trailer_ip + layout::ip);
-static_assert(wrap_ts::seconds == msgHeader_t::size && wrap_ts::fraction == wrap_ts::seconds + 4 &&
-              wrap_ts::size == wrap_ts::fraction + 2);
-static_assert(layout::is_filled(sizeof(gwMsgUpdateRequest_t), {{offsetof(gwMsgUpdateRequest_t, msgType), 2},
-                                                               {offsetof(gwMsgUpdateRequest_t, flag), 1},
-                                                               {offsetof(gwMsgUpdateRequest_t, ver), 4},
-                                                               {offsetof(gwMsgUpdateRequest_t, num), 2},
-                                                               {offsetof(gwMsgUpdateRequest_t, crc32), 4},
-                                                               {offsetof(gwMsgUpdateRequest_t, len), 2},
-                                                               {offsetof(gwMsgUpdateRequest_t, buf), 512}}));
 
 } // namespace rtls

@@ -55,8 +55,8 @@ public:
     // Lower case, two digits a byte: how the servers write MACs.
     text_writer& mac(const uint8_t* six_bytes)
     {
-        char digits[2 * ul_tdoa::mac_size];
-        for (size_t i = 0; i < ul_tdoa::mac_size; i++) {
+        char digits[2 * six_byte_mac];
+        for (size_t i = 0; i < six_byte_mac; i++) {
             digits[2 * i] = "0123456789abcdef"[six_bytes[i] >> 4];
             digits[2 * i + 1] = "0123456789abcdef"[six_bytes[i] & 0x0F];
         }
@@ -98,7 +98,7 @@ size_t write_management_head(tav_timestamp_t time, std::span<char, management_he
 
 size_t route_request_text_size(size_t requesters)
 {
-    constexpr size_t mac_digits = 2 * route_request::mac_size;
+    constexpr size_t mac_digits = 2 * six_byte_mac;
     constexpr size_t entry =
         route_requester_mac.size() + mac_digits + route_requester_lqi.size() + lqi_width + 1;
     const size_t commas = requesters - (requesters != 0);
