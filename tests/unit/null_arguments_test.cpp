@@ -6,6 +6,7 @@
 #include "base/tokenize.h"
 #include "base/udplib.h"
 #include "downlink/generic_requests.h"
+#include "downlink/node_delivery.h"
 #include "downlink/page_interception.h"
 #include "downlink/page_serving.h"
 #include "downlink/proxy_reader.h"
@@ -18,6 +19,7 @@
 #include "link/rpl_version.h"
 #include "link/sending.h"
 #include "link/unsent_messages.h"
+#include "link/win_clients.h"
 #include "link/win_server_win_clients.h"
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
@@ -36,6 +38,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <span>
 #include <string>
 #include <utility>
 
@@ -55,6 +58,7 @@ public:
     zsock_t* sock() { return server->win_sock; }
     void* registry() { return nodes; }
     void* store() { return rtls_gateway_get_ota(gateway); }
+    void* terminal_server() { return rtls_gateway_get_terminal_server(gateway); }
     zconfig_t* config() { return rtls_gateway_get_config(gateway); }
 
     // What the call logs while the server has no WIN port.
@@ -67,6 +71,17 @@ public:
         return answer;
     }
 
+    // As while the gateway is being built or taken down.
+    template <typename Call>
+    bool with_services(services* some, Call call)
+    {
+        services* all = std::exchange(server->rtls_gateway, some);
+        const bool answer = call();
+        server->rtls_gateway = all;
+        return answer;
+    }
+
+    services no_registry{};
     WIN_CLIENT_t* bridge = add_bridge("0000000001");
     NODE_t node{};
     uint8_t bytes[64] = {};
@@ -75,6 +90,7 @@ public:
     int64_t number = 0;
     uint16_t small = 0;
     bool flag = false;
+    FIRMWARE_t image{};
     OTA_FIRMWARE_INFO_t info{};
     char* words[2] = {};
     TERMINAL_CLIENT_t terminal{};
@@ -154,6 +170,8 @@ const null_call registry_calls[] = {
 const null_call firmware_calls[] = {
     {"firmware_get_from_url", [](with_t&) { return !firmware_get_from_url(nullptr); }},
     {"firmware_destroy", [](with_t&) { return firmware_destroy(nullptr), true; }},
+    {"firmware_msg_pack", [](with_t&) { return !firmware_msg_pack(nullptr, nullptr); }},
+    {"firmware_msg_pack", [](with_t& w) { return !firmware_msg_pack(&w.image, nullptr); }},
     {"ota_destroy", [](with_t&) { return ota_destroy(nullptr), true; }},
     {"ota_download_firmware",
      [](with_t&) { return ota_download_firmware(nullptr, "http://127.0.0.1:1/", nullptr, nullptr) == -1; }},
@@ -173,6 +191,9 @@ const null_call firmware_calls[] = {
 };
 
 const null_call link_calls[] = {
+    {"win_client_new", [](with_t&) { return !win_client_new(nullptr); }},
+    {"win_client_destroy", [](with_t&) { return win_client_destroy(nullptr), true; }},
+    {"win_client_increase_buffer_size", [](with_t&) { return !win_client_increase_buffer_size(nullptr); }},
     {"handle_win_clients", [](with_t& w) { return handle_win_clients(nullptr, w.sock(), w.win()) == 1; }},
     {"handle_win_clients", [](with_t& w) { return handle_win_clients(w.loop(), nullptr, w.win()) == 1; }},
     {"handle_win_clients", [](with_t& w) { return handle_win_clients(w.loop(), w.sock(), nullptr) == 1; }},
@@ -228,6 +249,10 @@ const null_call downlink_calls[] = {
      [](with_t& w) { return handle_interthread_sever_sock(nullptr, w.sock(), nullptr) == 0; }},
     {"generic_process", [](with_t& w) { return !generic_process(nullptr, w.bytes, 13); }},
     {"generic_process", [](with_t& w) { return !generic_process(w.win(), nullptr, 13); }},
+    {"find_route",
+     [](with_t& w) {
+         return w.with_services(&w.no_registry, [&] { return !find_route(w.win(), w.bytes); });
+     }},
     {"spam_filter",
      [](with_t& w) {
          return !spam_filter(nullptr, w.bytes, 26, {1, 0});
@@ -244,6 +269,11 @@ const null_call downlink_calls[] = {
      [](with_t& w) { return !send_otapage_from_cache(w.win(), *w.bridge, {}, w.bytes); }},
     {"send_otapage_from_cache",
      [](with_t& w) { return !send_otapage_from_cache(w.win(), *w.bridge, w.bytes, nullptr); }},
+    {"send_otapage_from_cache",
+     [](with_t& w) {
+         return w.with_services(
+             nullptr, [&] { return !send_otapage_from_cache(w.win(), *w.bridge, w.bytes, w.bytes); });
+     }},
 };
 
 const null_call uplink_calls[] = {
@@ -281,6 +311,7 @@ const null_call server_calls[] = {
     {"check_clients_unsent_messages",
      [](with_t& w) { return check_clients_unsent_messages(w.loop(), 1, nullptr) == 1; }},
     {"handle_udp_in", [](with_t&) { return handle_udp_in(nullptr, nullptr, nullptr) == 0; }},
+    {"destroy_actor_context", [](with_t&) { return destroy_actor_context(nullptr), true; }},
 };
 
 const null_call terminal_calls[] = {
@@ -292,6 +323,8 @@ const null_call terminal_calls[] = {
     {"terminal_server_is_ready", [](with_t&) { return !terminal_server_is_ready(nullptr); }},
     {"terminal_server_generic_req_to_win_serwer",
      [](with_t& w) { return !terminal_server_generic_req_to_win_serwer(nullptr, w.bytes, 1); }},
+    {"terminal_server_generic_req_to_win_serwer",
+     [](with_t& w) { return !terminal_server_generic_req_to_win_serwer(w.terminal_server(), nullptr, 0); }},
     {"terminal_commands_parse",
      [](with_t& w) {
          return terminal_commands_parse(nullptr, &w.terminal, w.sock(), w.text, w.sock()), true;

@@ -8,7 +8,6 @@
 
 #include <optional>
 #include <string>
-#include <utility>
 
 namespace rtls {
 
@@ -52,17 +51,6 @@ TEST_F(node_delivery, no_node_no_route)
     EXPECT_FALSE(find_route(server, hex("E4000000000000A2")));
     remove_node(mac);
     EXPECT_FALSE(route());
-}
-
-// As while the gateway is being built or taken down.
-TEST_F(node_delivery, without_a_registry_no_node_is_known)
-{
-    add_node(mac, {one});
-    services nothing;
-    services* all = std::exchange(server->rtls_gateway, &nothing);
-    EXPECT_FALSE(route());
-    server->rtls_gateway = all;
-    EXPECT_EQ(errors(), texts_t{"find_route: null pointer!"});
 }
 
 TEST_F(node_delivery, a_node_with_a_bridge_of_its_own_is_sent_through_it_whoever_asked)

@@ -29,15 +29,6 @@ protected:
     const bytes_t m_mac = hex(sender_mac);
 };
 
-TEST_F(page_serving, without_a_gateway_there_is_no_page)
-{
-    const bytes_t request = page_request(128, 0);
-    server->rtls_gateway = nullptr;
-    EXPECT_FALSE(send_otapage_from_cache(server, *bridge, request, m_mac.data()));
-    server->rtls_gateway = static_cast<services*>(gateway);
-    EXPECT_EQ(errors(), texts_t(1, "send_otapage_from_cache: null pointer!"));
-}
-
 TEST_F(page_serving, a_request_that_is_cut_short_is_refused)
 {
     store_page(128, 0, ramp(128));

@@ -241,10 +241,8 @@ TEST_F(discovery_test, one_address_has_a_hundred_answers_a_second)
     }
 }
 
-TEST_F(discovery_test, without_a_server_or_a_socket_there_is_nothing_to_do)
+TEST_F(discovery_test, without_a_socket_there_is_nothing_to_do)
 {
-    EXPECT_EQ(handle_udp_in(nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(log.messages("main"), std::vector<std::string>{"handle_udp_in: null pointer!"});
     const auto unopened = std::make_unique<WIN_SERVER_t>();
     EXPECT_EQ(handle_udp_in(nullptr, nullptr, unopened.get()), 0);
     EXPECT_TRUE(log.take().empty());
