@@ -2,6 +2,7 @@
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
 #include "rtls-gateway.h"
+#include "support/bitwise_crc.h"
 #include "support/proxy_fixture.h"
 #include "support/temp_file.h"
 
@@ -10,22 +11,6 @@ namespace rtls {
 using image_orders = proxy_fixture;
 
 namespace {
-
-// The CRC of the nodes' own rule: no inversions.
-uint32_t download_crc(const std::string& bytes, uint32_t crc = 0)
-{
-    for (const char c : bytes) {
-        crc ^= static_cast<uint8_t>(c);
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc & 1) != 0 ? crc >> 1 ^ 0xEDB88320 : crc >> 1;
-    }
-    return crc;
-}
-
-uint32_t standard_crc(const std::string& bytes)
-{
-    return ~download_crc(bytes, 0xFFFFFFFF);
-}
 
 // As a little-endian machine prints a big-endian word that it has not converted.
 std::string as_in_memory(uint32_t value)
@@ -54,7 +39,7 @@ TEST_F(image_orders, an_announced_image_is_adopted_when_its_crc_agrees)
     const temp_file file{"image.bin", image};
     WIN_CLIENT_t* bridges[] = {add_bridge("0000000001"), add_bridge("0000000002")};
     const std::string update = "UPDATE: send cmd: MSG_UPDATE_CMD to brige: 0.0.0.0";
-    for (const uint32_t crc : {0u, download_crc(image)}) {
+    for (const uint32_t crc : {0u, crc_remainder(image)}) {
         for (WIN_CLIENT_t* bridge : bridges)
             bridge->firmware_updated = true;
         rtls_gateway_set_firmware(gateway, nullptr);
@@ -65,7 +50,7 @@ TEST_F(image_orders, an_announced_image_is_adopted_when_its_crc_agrees)
         const auto* firmware = static_cast<FIRMWARE_t*>(rtls_gateway_get_firmware(gateway));
         ASSERT_NE(firmware, nullptr);
         EXPECT_EQ(firmware->size, image.size());
-        EXPECT_EQ(firmware->crc32, download_crc(image));
+        EXPECT_EQ(firmware->crc32, crc_remainder(image));
         for (WIN_CLIENT_t* bridge : bridges) {
             EXPECT_EQ(sent_to(bridge), texts_t{"180100"});
             EXPECT_FALSE(bridge->firmware_updated);
@@ -86,7 +71,7 @@ TEST_F(image_orders, an_image_that_contradicts_its_announcement_leaves_no_firmwa
               (texts_t{"PROXY: MSG_FW_IMAGE_AVAIL_IND mgd: 04030201 crc: " + as_in_memory(crc) +
                            " url: " + file.url(),
                        "PROXY: MSG_FW_IMAGE_AVAIL_IND bad crc32 sum: s:" + as_in_memory(crc) +
-                           " d:" + hex32(download_crc(image)) + ", firmware removed"}));
+                           " d:" + hex32(crc_remainder(image)) + ", firmware removed"}));
     EXPECT_EQ(rtls_gateway_get_firmware(gateway), nullptr);
     EXPECT_EQ(sent_to(bridge), texts_t{});
 }
@@ -160,7 +145,7 @@ TEST_F(image_orders, an_ordered_image_is_stored_when_both_expectations_are_met)
         {"another crc", 0xDEADBEEF, crc + 1, "PROXY: Failed to read firmware!"},
         {"zero is a version like others", 0, crc, "PROXY: Failed to read firmware!"},
         {"zero is a crc like others", 0xDEADBEEF, 0, "PROXY: Failed to read firmware!"},
-        {"the download's crc", 0xDEADBEEF, download_crc(image), "PROXY: Failed to read firmware!"},
+        {"the download's crc", 0xDEADBEEF, crc_remainder(image), "PROXY: Failed to read firmware!"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
