@@ -29,8 +29,8 @@ _worker = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0")[2:]) + int(os.environ
 _next_port = itertools.count(10000 + 1400 * (_worker % 16))
 
 
-def free_port() -> int:
-    for port in _next_port:
+def free_port(candidates=_next_port) -> int:
+    for port in candidates:
         with socket.socket() as tcp, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
             try:
                 tcp.bind(("0.0.0.0", port))
