@@ -18,9 +18,13 @@ static int checked(int result, const char* call)
     return result;
 }
 
-tcp_listener::tcp_listener()
-    : m_fd(checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket")), m_port(free_port())
+tcp_listener::tcp_listener() : tcp_listener(free_port()) {}
+
+tcp_listener::tcp_listener(uint16_t port)
+    : m_fd(checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket")), m_port(port)
 {
+    const int yes = 1; // whatever ended on that port a moment ago
+    setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -11,6 +11,7 @@ namespace rtls {
 class tcp_listener {
 public:
     tcp_listener(); // on a port of its own
+    explicit tcp_listener(uint16_t port);
     ~tcp_listener();
     tcp_listener(const tcp_listener&) = delete;
     tcp_listener& operator=(const tcp_listener&) = delete;

@@ -7,23 +7,17 @@
 #include "rtls-gateway.h"
 #include "server/win_server.h"
 #include "support/hex_bytes.h"
-#include "support/log_capture.h"
-#include "support/operator_peer.h"
-#include "support/sock.h"
-#include "support/tcp_state.h"
-#include "support/test_gateway.h"
+#include "support/terminal_server_fixture.h"
 #include "support/wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
 #include <cstring>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,15 +27,7 @@
 
 namespace rtls {
 
-using strings = std::vector<std::string>;
 using testing::HasSubstr;
-
-static constexpr char info_start[] = "GW Version     : 8.6.3\n";
-static constexpr char info_end[] = "\n\n";
-static constexpr char pn_end[] = "##\n";
-static constexpr char pcl_end[] = "\n##\n";
-static constexpr char empty_pn[] =
-    "####### Connected Nodes\n####### Floating nodes\n####### Expired nodes\n##\n";
 
 // --- The handle, without an actor
 
@@ -49,7 +35,7 @@ class terminal_server_handle_test : public testing::Test {
 protected:
     terminal_server_handle_test() { zconfig_put(m_config.get(), "ports/terminal", "4001"); }
     ~terminal_server_handle_test() override { clear_stop(); }
-    strings errors() { return m_log.messages("main"); }
+    texts_t errors() { return m_log.messages("main"); }
 
     log_capture m_log;
     zconfig_ptr m_config{zconfig_new("root", nullptr)};
@@ -60,14 +46,14 @@ TEST_F(terminal_server_handle_test, a_null_handle_is_left_alone)
 {
     void* server = nullptr;
     terminal_server_destroy(&server);
-    EXPECT_EQ(errors(), strings{});
+    EXPECT_EQ(errors(), texts_t{});
 }
 
 TEST_F(terminal_server_handle_test, without_a_port_there_is_no_server)
 {
     const zconfig_ptr empty{zconfig_new("root", nullptr)};
     EXPECT_EQ(terminal_server_new(empty.get(), &m_gateway), nullptr);
-    EXPECT_EQ(errors(), strings{"Parameter \"ports/terminal\" is not found in the configuration file!"});
+    EXPECT_EQ(errors(), texts_t{"Parameter \"ports/terminal\" is not found in the configuration file!"});
 }
 
 TEST_F(terminal_server_handle_test, a_rule_of_its_door_that_cannot_be_read_leaves_no_server)
@@ -75,7 +61,7 @@ TEST_F(terminal_server_handle_test, a_rule_of_its_door_that_cannot_be_read_leave
     const std::string refusal = R"(The parameter "ports/terminal_connections" is no positive number!)";
     const struct {
         const char* text;
-        strings log;
+        texts_t log;
     } cases[] = {{"1", {}},           {"0x10", {}},    {"0", {refusal}},       {"-1", {refusal}},
                  {"many", {refusal}}, {"", {refusal}}, {"10 a day", {refusal}}};
     for (const auto& c : cases) {
@@ -96,7 +82,7 @@ TEST_F(terminal_server_handle_test, a_server_that_does_not_run)
     EXPECT_EQ(zhashx_size(terminal_server_get_clients(server)), 0u);
     uint8_t data[1] = {};
     EXPECT_FALSE(terminal_server_generic_req_to_win_serwer(server, data, sizeof data));
-    EXPECT_EQ(errors(), strings{"terminal_server_generic_req_to_win_serwer: null pointer!"});
+    EXPECT_EQ(errors(), texts_t{"terminal_server_generic_req_to_win_serwer: null pointer!"});
     EXPECT_FALSE(is_stop_requested());
     terminal_server_destroy(&server);
     EXPECT_EQ(server, nullptr);
@@ -105,43 +91,7 @@ TEST_F(terminal_server_handle_test, a_server_that_does_not_run)
 
 // --- The actor, with operators
 
-class terminal_server_test : public testing::Test {
-protected:
-    terminal_server_test()
-    {
-        m_gateway.run_terminal_server();
-        (void)m_log.take();
-    }
-    ~terminal_server_test() override { debug_mask = 0; }
-
-    uint16_t port() const { return m_gateway.terminal_port(); }
-    void* server() const { return rtls_gateway_get_terminal_server(m_gateway.handle()); }
-
-    // That all works, and that nothing is on its way to this operator: answers come alone.
-    static void expect_served(operator_peer& peer)
-    {
-        EXPECT_THAT(peer.ask("info\n", info_end), testing::StartsWith(info_start));
-    }
-
-    // What pcl says of the terminals, line by line; nothing when it does not answer.
-    static strings terminals_seen_by(operator_peer& peer)
-    {
-        std::istringstream text{peer.ask("pcl\n", pcl_end)};
-        strings lines;
-        for (std::string line; std::getline(text, line) && line != "####### WIN clients:";)
-            lines.push_back(line);
-        if (!lines.empty())
-            lines.erase(lines.begin()); // the title
-        return lines;
-    }
-
-    void stream(const std::string& text) { dbg_print(m_dbg.get(), DBG_DEVELOP, "TEST", "%s", text.c_str()); }
-    static void enable_stream() { debug_mask = 1 << DBG_DEVELOP; }
-
-    log_capture m_log;
-    test_gateway m_gateway;
-    zsock_ptr m_dbg{zsock_new_push(">inproc://dbg_dump")};
-};
+using terminal_server_test = terminal_server_fixture;
 
 TEST_F(terminal_server_test, greets_nobody_and_answers_each)
 {
@@ -157,7 +107,7 @@ TEST_F(terminal_server_test, running_it_twice_is_refused)
     errno = 0;
     EXPECT_FALSE(terminal_server_run(server()));
     EXPECT_EQ(m_log.messages("main"),
-              strings{"terminal_server_run: trying to run the running terminal server: 0, Success"});
+              texts_t{"terminal_server_run: trying to run the running terminal server: 0, Success"});
     operator_peer peer{port()};
     expect_served(peer);
 }
@@ -169,7 +119,7 @@ TEST_F(terminal_server_test, a_connection_is_announced_and_its_end_too)
         operator_peer peer{port()};
         const std::string announced = "] IP 127.0.0.1:" + std::to_string(peer.port());
         ASSERT_TRUE(m_log.wait_for(announced));
-        const strings lines = m_log.messages("terminal");
+        const texts_t lines = m_log.messages("terminal");
         ASSERT_EQ(lines.size(), 2u);
         id = lines[0].substr(lines[0].size() - 10);
         EXPECT_EQ(lines[0], "CONS: rcvd ID [5] " + id);
@@ -179,7 +129,7 @@ TEST_F(terminal_server_test, a_connection_is_announced_and_its_end_too)
     }
     ASSERT_TRUE(m_log.wait_for("DELETING"));
     EXPECT_EQ(m_log.messages("terminal"),
-              (strings{"CONS: rcvd ID [5] " + id, "CONS: DELETING " + id + "\n"}));
+              (texts_t{"CONS: rcvd ID [5] " + id, "CONS: DELETING " + id + "\n"}));
     operator_peer other{port()};
     EXPECT_EQ(terminals_seen_by(other).size(), 1u);
 }
@@ -262,139 +212,6 @@ TEST_F(terminal_server_test, quit_that_is_followed_by_more_leaves_nothing)
     EXPECT_TRUE(wait_until([&] { return terminals_seen_by(other).size() == 1; }));
 }
 
-// --- The debug stream
-
-TEST_F(terminal_server_test, lines_go_to_subscribers_through_their_filters)
-{
-    operator_peer all{port()};
-    operator_peer filtered{port()};
-    operator_peer none{port()};
-    all.ask("sub\n", "\n");
-    filtered.ask("sub\n", "\n");
-    filtered.ask("grep wanted[0-9].*$\n", "\n");
-    none.ask("grep wanted\n", "\n");
-    enable_stream();
-    for (const char* text : {"wanted1", "other", "wanted2", "last of all"})
-        stream(text);
-    const std::string seen = all.read_until("last of all\n");
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), '\n'), 4);
-    EXPECT_THAT(seen, HasSubstr(" \033[35mTEST:\033[0m other\n"));
-    EXPECT_THAT(seen, testing::MatchesRegex("(.*\n)*"));
-    const std::string matching = filtered.read_until("wanted2\n");
-    EXPECT_EQ(std::count(matching.begin(), matching.end(), '\n'), 2);
-    EXPECT_THAT(matching, HasSubstr("TEST:\033[0m wanted1\n"));
-    debug_mask = 0;
-    EXPECT_EQ(filtered.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
-    EXPECT_EQ(none.ask("sub-\n", "\n"), "unsubscribed * ok.\n") << "lines without a subscription";
-}
-
-TEST_F(terminal_server_test, no_lines_come_after_the_subscription)
-{
-    operator_peer peer{port()};
-    operator_peer watcher{port()};
-    peer.ask("sub\n", "\n");
-    watcher.ask("sub\n", "\n");
-    enable_stream();
-    stream("first");
-    EXPECT_THAT(peer.read_until("\n"), HasSubstr("first\n"));
-    peer.ask("sub-\n", "unsubscribed * ok.\n");
-    stream("second");
-    EXPECT_THAT(watcher.read_until("second\n"), HasSubstr("second\n"));
-    debug_mask = 0;
-    EXPECT_EQ(peer.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
-}
-
-TEST_F(terminal_server_test, a_filter_that_failed_lets_all_lines_pass)
-{
-    operator_peer peer{port()};
-    peer.ask("sub\n", "\n");
-    peer.ask("grep abc\n", "GREP: abc\n");
-    EXPECT_EQ(peer.ask("grep (\n", "GREP: abc\n"), "GREP: cannot set regexp:  Invalid argument\nGREP: abc\n");
-    enable_stream();
-    stream("without a match");
-    EXPECT_THAT(peer.read_until("\n"), HasSubstr("without a match\n"));
-}
-
-TEST_F(terminal_server_test, a_long_line_is_cut_and_ends_without_a_line_feed)
-{
-    operator_peer peer{port()};
-    peer.ask("sub\n", "\n");
-    enable_stream();
-    stream(std::string(3000, 'x'));
-    stream("next");
-    const std::string seen = peer.read_until("next\n");
-    EXPECT_EQ(seen.find("\033[36m", 1), 2047u);
-}
-
-TEST_F(terminal_server_test, subscribers_may_leave_while_lines_are_streaming)
-{
-    operator_peer steady{port()};
-    enable_stream();
-    std::atomic<bool> stop{false};
-    std::thread source{[&] {
-        const zsock_ptr dbg{zsock_new_push(">inproc://dbg_dump")};
-        while (!stop) {
-            dbg_print(dbg.get(), DBG_DEVELOP, "TEST", "busy");
-            std::this_thread::yield();
-        }
-    }};
-    for (int round = 0; round < 30; ++round) {
-        operator_peer peer{port()};
-        peer.ask("sub\n", "\n");
-        peer.read_until("busy\n");
-        if (round % 2 == 0) {
-            peer.write("quit\n");
-            EXPECT_THAT(peer.read_until("bye bye.\n"), HasSubstr("bye bye.\n"));
-        }
-        peer.close();
-        EXPECT_EQ(steady.ask("pn\n", pn_end), empty_pn) << round;
-    }
-    stop = true;
-    source.join();
-    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(steady).size() == 1; }));
-}
-
-// An operator who does not read, and for whom no frame can be queued any more. `other` takes the turns
-// after his.
-static void stall(operator_peer& stalled, operator_peer& other, log_capture& log)
-{
-    stalled.ask("sub\n", "\n");
-    const int fd = tcp_descriptor_towards(stalled.port());
-    tcp_fix_send_buffer(fd);
-    for (int round = 0; round < 2; ++round) { // the second one finds no room, wherever the first one ended
-        (void)log.take();
-        stalled.write("pnf\n");
-        ASSERT_TRUE(log.wait_for("rcvd ID"));
-        EXPECT_THAT(other.ask("info\n", info_end), testing::StartsWith(info_start));
-        ASSERT_TRUE(wait_until([=] { return !tcp_is_moving(fd); }));
-    }
-}
-
-TEST_F(terminal_server_test, a_subscriber_who_never_reads_does_not_stop_the_others)
-{
-    for (uint32_t i = 0; i < 4'000; ++i) { // lines for four times the queue and the system's buffers
-        bytes_t mac(8);
-        memcpy(mac.data(), &i, sizeof i);
-        m_gateway.add_node(mac);
-    }
-    operator_peer stalled{port(), 4096};
-    operator_peer other{port()};
-    stall(stalled, other, m_log);
-    enable_stream();
-    for (int line = 0; line < 3; ++line)
-        stream("a line");
-    EXPECT_EQ(terminals_seen_by(other).size(), 2u);
-    other.ask("sub\n", "\n");
-    stream("the last");
-    EXPECT_THAT(other.read_until("the last\n"), HasSubstr("the last\n"));
-    debug_mask = 0;
-    other.ask("sub-\n", "unsubscribed * ok.\n");
-
-    stalled.write("quit\n"); // it cannot even be told; its connection is cut
-    EXPECT_TRUE(wait_until([&] { return terminals_seen_by(other).size() == 1; }));
-    EXPECT_TRUE(stalled.is_closed());
-}
-
 // --- The limit of sessions
 
 TEST(terminal_sessions_test, beyond_the_limit_are_refused_whatever_they_send)
@@ -418,7 +235,7 @@ TEST(terminal_sessions_test, beyond_the_limit_are_refused_whatever_they_send)
     }
     EXPECT_THAT(one.ask("info\n", info_end), testing::StartsWith(info_start));
     EXPECT_EQ(log.messages("main"),
-              strings{"Terminal port: 127.0.0.1 is refused, all connections are taken"});
+              texts_t{"Terminal port: 127.0.0.1 is refused, all connections are taken"});
 
     // A connection without a record is a session, too.
     two->write(std::string_view{"\0", 1});
@@ -472,7 +289,7 @@ TEST_F(terminal_server_test, every_request_beyond_the_queue_is_refused_and_logge
     EXPECT_GE(sent, 1000);
     EXPECT_LE(sent, 2000);
     EXPECT_EQ(peer.ask("reboot 1a2b\n", "\n"), "Failed to send command!\n");
-    EXPECT_EQ(m_log.messages("main"), strings(2, "Overflow winserw queue!"));
+    EXPECT_EQ(m_log.messages("main"), texts_t(2, "Overflow winserw queue!"));
     const zmsg_ptr first{zmsg_recv(win_server.get())};
     EXPECT_EQ(zmsg_size(first.get()), 3u);
     expect_served(peer);
@@ -571,7 +388,7 @@ TEST(terminal_server_start_test, a_port_in_use_stops_the_daemon)
     EXPECT_TRUE(wait_until(is_stop_requested));
     EXPECT_FALSE(terminal_server_is_ready(server));
     ASSERT_TRUE(log.wait_for("zsock_bind"));
-    EXPECT_EQ(log.messages("main"), strings{"terminal_server_actor: zsock_bind: 98, Address already in use"});
+    EXPECT_EQ(log.messages("main"), texts_t{"terminal_server_actor: zsock_bind: 98, Address already in use"});
 }
 
 TEST(terminal_server_start_test, a_debug_stream_that_somebody_else_collects_stops_the_daemon)
@@ -584,7 +401,7 @@ TEST(terminal_server_start_test, a_debug_stream_that_somebody_else_collects_stop
     EXPECT_TRUE(terminal_server_run(server));
     EXPECT_TRUE(wait_until(is_stop_requested));
     ASSERT_TRUE(log.wait_for("zsock_bind"));
-    EXPECT_EQ(log.messages("main"), strings{"terminal_server_actor: zsock_bind: 98, Address already in use"});
+    EXPECT_EQ(log.messages("main"), texts_t{"terminal_server_actor: zsock_bind: 98, Address already in use"});
     EXPECT_FALSE(terminal_server_is_ready(server));
 }
 
