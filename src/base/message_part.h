@@ -3,8 +3,8 @@
 // Not a zframe: a report then costs no allocation of ours (the library keeps small parts in place), and
 // the connection's descriptor can be asked of the part itself.
 // Threads    None of its own.
-// Failures   Nothing throws. Receiving does not wait, nor does sending unless it is told to; errno tells why
-//            they failed.
+// Failures   Nothing throws. Neither receiving nor sending waits unless it is told to; errno tells why they
+//            failed.
 #pragma once
 
 #include "base/bytes.h"
@@ -39,7 +39,11 @@ public:
     bytes_view bytes() noexcept { return {data(), size()}; }
 
     // Replaces the content by the next part that `socket` (libzmq's handle) has. False when there is none.
-    bool receive(void* socket) noexcept { return zmq_msg_recv(&m_message, socket, ZMQ_DONTWAIT) >= 0; }
+    // `wait`: for one, up to the socket's receive time-out.
+    bool receive(void* socket, bool wait = false) noexcept
+    {
+        return zmq_msg_recv(&m_message, socket, wait ? 0 : ZMQ_DONTWAIT) >= 0;
+    }
 
     // Takes over the content of `other`, which is empty then.
     void take(message_part& other) noexcept { (void)zmq_msg_move(&m_message, &other.m_message); }

@@ -3,6 +3,7 @@
 #include "base/czmq_ptr.h"
 #include "base/hex.h"
 #include "base/logger.h"
+#include "base/message_part.h"
 #include "base/null_check.h"
 #include "downlink/win_server_pub_sub_proxy.h"
 #include "wire/messaging.h"
@@ -49,16 +50,18 @@ static void process_text(WIN_SERVER_t* server, const char* text)
 static char* receive_text(zsock_t* reader)
 {
     constexpr char function[] = "handle_pub_sub_proxy";
-    zmq_msg_t message;
-    zmq_msg_init(&message);
-    char* text = nullptr;
-    if (zmq_msg_recv(&message, zsock_resolve(reader), 0) < 0)
+    message_part part;
+    if (!part.receive(zsock_resolve(reader), true)) {
         logger_error(g_logger, "%s: zstr_recv return NULL!", function);
-    else if (zmq_msg_size(&message) > text_limit)
-        logger_error(g_logger, "%s: a text of %zu bytes is too long!", function, zmq_msg_size(&message));
-    else if (text = strndup(static_cast<const char*>(zmq_msg_data(&message)), zmq_msg_size(&message)); !text)
+        return nullptr;
+    }
+    if (part.size() > text_limit) {
+        logger_error(g_logger, "%s: a text of %zu bytes is too long!", function, part.size());
+        return nullptr;
+    }
+    char* text = strndup(reinterpret_cast<const char*>(part.data()), part.size());
+    if (!text)
         logger_error(g_logger, str_out_of_memory, function);
-    zmq_msg_close(&message);
     return text;
 }
 
