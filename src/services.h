@@ -16,6 +16,10 @@ namespace rtls {
 struct WIN_SERVER_t;
 struct TERMINAL_SERVER_t;
 
+// What a function says that finds one of the first two missing; it ends there.
+inline constexpr char str_no_nodes_container[] = "%s: null nodes container not found!";
+inline constexpr char str_no_ota[] = "%s: rtls_gateway_get_ota returns NULL!";
+
 struct services {
     NODES_CONTAINER_t* nodes = nullptr;
     OTA_t* ota = nullptr;

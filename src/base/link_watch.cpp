@@ -1,6 +1,7 @@
 #include "base/link_watch.h"
 
 #include "base/common.h"
+#include "base/endpoints.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 
@@ -34,7 +35,7 @@ void link_watch::open(zsock_t* sock, const std::string& endpoint, io_thread thre
     notice_silence(zsock_resolve(sock));
 
     char name[64];
-    (void)snprintf(name, sizeof name, "inproc://link-%p", static_cast<void*>(this));
+    (void)snprintf(name, sizeof name, link_events_endpoint, static_cast<void*>(this));
     m_events = zsock_new(ZMQ_PAIR);
     if (m_events)
         zsock_set_rcvhwm(m_events, 0); // the library's thread waits until it is rid of an event

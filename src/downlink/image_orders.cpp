@@ -75,7 +75,7 @@ static void print_stored(WIN_SERVER_t& server, int index)
     if (index == -1)
         dbg_print(server.dbg_client_sock, DBG_PARSING, "PROXY", "Failed to read firmware!");
     else // the newline is part of the line
-        dbg_print(server.dbg_client_sock, DBG_PARSING, "PROXY", "Firmware downloaded. Index: %d\n", index);
+        dbg_print(server.dbg_client_sock, DBG_PARSING, "PROXY", str_firmware_downloaded, index);
 }
 
 void fetch_for_store(WIN_SERVER_t& server, const char* url, uint32_t git_ver, uint32_t crc32)

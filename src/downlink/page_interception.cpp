@@ -24,7 +24,7 @@ bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t pars
         return false;
     OTA_t* ota = server->ota();
     if (!ota) {
-        logger_error(g_logger, "%s: rtls_gateway_get_ota returns NULL!", __func__);
+        logger_error(g_logger, str_no_ota, __func__);
         return false;
     }
     const bytes_view request{buf, parsedlen};

@@ -18,7 +18,7 @@ bool send_otapage_from_cache(WIN_SERVER_t* server, WIN_CLIENT_t& asking, bytes_v
         return false;
     const OTA_t* ota = server->ota();
     if (!ota) {
-        logger_error(g_logger, "%s: rtls_gateway_get_ota returns NULL!", __func__);
+        logger_error(g_logger, str_no_ota, __func__);
         return false;
     }
     const auto request = read_ota_page_request(message);

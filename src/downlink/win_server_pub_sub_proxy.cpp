@@ -248,7 +248,7 @@ bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t
         return false;
     NODES_CONTAINER_t* nodes = server->nodes();
     if (!nodes) {
-        logger_error(g_logger, "%s: null nodes container not found!", __func__);
+        logger_error(g_logger, str_no_nodes_container, __func__);
         return false;
     }
     if (data_size < proxy_command_min) {

@@ -34,6 +34,9 @@ struct OTA_FIRMWARE_t; // an image in the store: private to ota.cpp
 // sizes are refused. 0 is one of them: such a page has no content, and is there when its image is. Images,
 // downloaded or assembled, have at most 64 MiB.
 
+// What an order to download an image into the store ends with: its slot.
+inline constexpr char str_firmware_downloaded[] = "Firmware downloaded. Index: %d\n";
+
 // The store. Its functions take its lock themselves.
 class OTA_t {
 public:

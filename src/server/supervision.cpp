@@ -102,7 +102,7 @@ int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept
         return 1;
     NODES_CONTAINER_t* nodes = static_cast<WIN_SERVER_t*>(p_server)->nodes();
     if (!nodes) {
-        logger_error(g_logger, "%s: null nodes container not found!", __func__);
+        logger_error(g_logger, str_no_nodes_container, __func__);
         return 1;
     }
     nodes->update_lifetime();

@@ -46,7 +46,7 @@ static std::optional<OTA_FIRMWARE_INFO_t> info_of(services& gateway, uint16_t in
 
 std::string fetch_answer(int index)
 {
-    return index >= 0 ? text_format("Firmware downloaded. Index: %d\n", index) : "Failed to read firmware!\n";
+    return index >= 0 ? text_format(str_firmware_downloaded, index) : "Failed to read firmware!\n";
 }
 
 std::string firmware_info(services& gateway, const char* index_word)

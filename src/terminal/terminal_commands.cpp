@@ -239,19 +239,24 @@ static void set_filter(const terminal_request& request, const char* pattern)
     keep_pattern(client, pattern);
 }
 
+static void answer_filter(const terminal_request& request)
+{
+    const auto& pattern = request.client->grep_string;
+    request.answer(text_format("GREP: %s\n", pattern ? pattern->c_str() : no_pattern));
+}
+
 static void command_grep(const terminal_request& request)
 {
     if (request.words.size() >= 2)
         set_filter(request, request.words[1]);
-    const auto& pattern = request.client->grep_string;
-    request.answer(text_format("GREP: %s\n", pattern ? pattern->c_str() : no_pattern));
+    answer_filter(request);
 }
 
 static void command_grepm(const terminal_request& request)
 {
     request.client->preg.reset();
     request.client->grep_string.reset();
-    request.answer(text_format("GREP: %s\n", no_pattern));
+    answer_filter(request);
 }
 
 static constexpr struct {
