@@ -1,5 +1,6 @@
 """A server upstream that vanishes behind a router without a word is noticed within 15 s, and served within 5 s
 of its return."""
+import socket
 import subprocess
 import time
 
@@ -24,21 +25,79 @@ def namespaces():
 
 
 class Servers:
-    """The message handler, the proxy and its input, in the server's namespace. Never binds an address of ours."""
+    """The message handler, the proxy and its input, in the server's namespace. Never binds an address of ours. One
+    that `stands` has little room for what it does not read."""
 
-    def __init__(self, namespaces, ports):
+    def __init__(self, namespaces, ports, stands: bool = False):
         self.context = zmq.Context()
         self.sockets = {}
         with namespaces.enter("server"):
             for name, kind in (("handler", zmq.PULL), ("proxy_input", zmq.PULL), ("proxy", zmq.XPUB)):
                 sock = self.sockets[name] = self.context.socket(kind)
                 sock.setsockopt(zmq.LINGER, 0)
+                if stands:
+                    sock.setsockopt(zmq.RCVHWM, 1)
+                    sock.setsockopt(zmq.RCVBUF, 4096)
                 sock.bind(f"tcp://10.77.2.2:{ports[name]}")
 
     def close(self):
         for sock in self.sockets.values():
             sock.close()
         self.context.term()
+
+
+def connections(namespaces) -> list:
+    """TCP connections with the server, by the daemon's side of the host."""
+    out = subprocess.run(["ip", "netns", "exec", namespaces.names["ours"], "cat", "/proc/net/tcp"],
+                         capture_output=True, text=True, check=True).stdout
+    server = "02024D0A:"
+    return [line for line in out.splitlines() if server in line.split()[2] and line.split()[3] == "01"]
+
+
+def bounds_pauses_of_probes() -> bool:
+    """Linux 6.15: TCP_RTO_MAX_MS."""
+    with socket.socket() as sock:
+        try:
+            sock.setsockopt(socket.IPPROTO_TCP, 44, 2500)
+            return True
+        except OSError:
+            return False
+
+
+@pytest.mark.slow
+@pytest.mark.skipif(not available() or not bounds_pauses_of_probes(), reason="needs network namespaces and Linux 6.15")
+def test_a_server_that_stood_and_then_vanished_is_noticed(tmp_path, namespaces, figure):
+    def change(config):
+        config["message_handler"]["address"] = config["pub_sub_proxy"]["address"] = "10.77.2.2"
+        return config
+
+    with namespaces.enter("ours"):
+        gateway = Daemon(tmp_path, upstream=(), change=change)
+    try:
+        servers = Servers(namespaces, gateway.ports, stands=True)
+        with namespaces.enter("ours"):
+            bridge = gateway.bridge(BRIDGE)
+        bridge.introduce()
+        wait_until(lambda: len(connections(namespaces)) == 3, "three connections")
+        chunk = b"".join(wire.frame(wire.root_announce(BRIDGE, i % 255 + 1)) for i in range(500))
+
+        def is_full():
+            bridge.send(chunk)
+            bridge.barrier()
+            return any("Overflow message handler" in line for line in gateway.syslog())
+        wait_until(is_full, "a full queue", 60)
+        stood_until = time.monotonic() + 15
+        wait_until(lambda: time.monotonic() > stood_until, "probes that come ever more rarely")
+        assert len(connections(namespaces)) == 3, "who stands is not cut off"
+        namespaces.route(False)
+        gone = time.monotonic()
+        wait_until(lambda: not connections(namespaces), "the connections to be given up", 150)
+        noticed = time.monotonic() - gone
+        figure("until the silence of one who stood is noticed", "-", f"{noticed:.1f} s")
+        assert noticed < 15
+        servers.close()
+    finally:
+        gateway.close()
 
 
 @pytest.mark.skipif(not available(), reason="needs the rights to make network namespaces")
@@ -61,21 +120,14 @@ def test_a_server_that_vanished_is_noticed_and_found_again(tmp_path, namespaces,
             bridge.barrier()
             return servers.sockets["handler"].poll(20)
 
-        def connections():
-            """TCP connections with the server, by the daemon's side of the host."""
-            out = subprocess.run(["ip", "netns", "exec", namespaces.names["ours"], "cat", "/proc/net/tcp"],
-                                 capture_output=True, text=True, check=True).stdout
-            server = "02024D0A:"
-            return [line for line in out.splitlines() if server in line.split()[2] and line.split()[3] == "01"]
-
         wait_until(delivered, "the first report")
-        wait_until(lambda: len(connections()) == 3, "three connections")
+        wait_until(lambda: len(connections(namespaces)) == 3, "three connections")
         namespaces.route(False)
         gone = time.monotonic()
         for _ in range(50):     # something that is never acknowledged; the other two links are idle
             bridge.send_message(wire.root_announce(BRIDGE, next(sequence) % 255 + 1))
         bridge.barrier()
-        wait_until(lambda: not connections(), "the connections to be given up", 120)
+        wait_until(lambda: not connections(namespaces), "the connections to be given up", 120)
         noticed = time.monotonic() - gone
         servers.close()         # with it went what the host knew of its connections
 
