@@ -19,4 +19,8 @@ namespace rtls {
 bool handle_generic_server_req(link_frame& frame);
 bool handle_sensor_report(link_frame& frame);
 
+// Publishes UL-TDOA data as a management line. False when the message is too short for what it promises.
+// `node_mac` is not used.
+bool processing_ul_tdoa(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac);
+
 } // namespace rtls

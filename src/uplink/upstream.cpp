@@ -83,39 +83,4 @@ void upstream_stopping(WIN_SERVER_t& server) noexcept
     server.to_proxy_input.stopping(socket_of(server.proxy_input_sock));
 }
 
-static void print_ul_tdoa(WIN_SERVER_t* server, const ul_tdoa_report& report)
-{
-    const uint8_t* tag = report.tag_mac;
-    const uint8_t* responder = report.responder_mac;
-    const uint8_t* reporter = report.reporter_mac;
-    dbg_print(server->dbg_client_sock, DBG_PARSING, "UL_TDOA_INPUT",
-              "TagMac:%02X%02X%02X%02X%02X%02X PeSeqNo:%u RespAnchorMac:%02X%02X%02X%02X%02X%02X "
-              "ReporterMac:%02X%02X%02X%02X%02X%02X RangeMm:%d TagLqi:%u RespAnchorLqi:%u",
-              tag[0], tag[1], tag[2], tag[3], tag[4], tag[5], report.pe_seq_no, responder[0], responder[1],
-              responder[2], responder[3], responder[4], responder[5], reporter[0], reporter[1], reporter[2],
-              reporter[3], reporter[4], reporter[5], report.range_mm, report.tag_lqi, report.resp_anchor_lqi);
-    if (report.board)
-        dbg_print(server->dbg_client_sock, DBG_PARSING, "UL_TDOA_INPUT",
-                  "BoardVersion:%u BoardRevision:%u Flags:%X FirmwareId:%X BattVoltage:%u",
-                  report.board->version, report.board->revision, report.board->flags,
-                  report.board->firmware_id, report.board->batt_voltage);
-    if (report.percent_of_charge)
-        dbg_print(server->dbg_client_sock, DBG_PARSING, "UL_TDOA_INPUT", "PercentOfCharge:%u",
-                  *report.percent_of_charge);
-}
-
-bool processing_ul_tdoa(WIN_SERVER_t* server, bytes_view message, const uint8_t* /*node_mac*/)
-{
-    if (any_null(__func__, server, message.data()))
-        return false;
-    const auto report = read_ul_tdoa(message);
-    if (!report)
-        return false;
-    print_ul_tdoa(server, *report);
-    char text[ul_tdoa_text_limit];
-    write_ul_tdoa_text(*report, text);
-    win_management_to_server(server, text);
-    return true;
-}
-
 } // namespace rtls

@@ -24,8 +24,4 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text);
 // The server stops: says what queues that are still full have cost.
 void upstream_stopping(WIN_SERVER_t& server) noexcept;
 
-// Publishes UL-TDOA data as a management line. False when the message is too short for what it promises.
-// `node_mac` is not used.
-bool processing_ul_tdoa(WIN_SERVER_t* server, bytes_view message, const uint8_t* node_mac);
-
 } // namespace rtls

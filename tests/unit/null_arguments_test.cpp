@@ -33,6 +33,7 @@
 #include "terminal/terminal_commands.h"
 #include "terminal/terminal_server.h"
 #include "uplink/messages.h"
+#include "uplink/payloads.h"
 #include "uplink/upstream.h"
 
 #include <gmock/gmock.h>

@@ -4,6 +4,7 @@
 #include "support/log_capture.h"
 #include "support/sanitizers.h"
 #include "support/sock.h"
+#include "uplink/payloads.h"
 #include "uplink/upstream.h"
 
 #include <gmock/gmock.h>
