@@ -12,6 +12,7 @@
 #include <curl/curl.h>
 #include <czmq.h>
 
+#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -102,6 +103,7 @@ static void limit_the_stop()
     try {
         std::thread{[] {
             block_all_signals();
+            pthread_setname_np(pthread_self(), "rtls-stop");
             std::this_thread::sleep_for(stop_limit);
             _exit(EXIT_SUCCESS);
         }}.detach();
