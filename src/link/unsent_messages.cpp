@@ -122,18 +122,6 @@ size_t unsent_queue::copy_next(std::span<uint8_t> to) const noexcept
     return copied;
 }
 
-// --- answers
-
-bool gathered_answers::add(bytes_view message) noexcept
-{
-    if (message.size() > m_bytes.size() - m_used || m_number == m_sizes.size())
-        return false;
-    std::memcpy(m_bytes.data() + m_used, message.data(), message.size());
-    m_used += message.size();
-    m_sizes[m_number++] = static_cast<uint16_t>(message.size());
-    return true;
-}
-
 // --- of one client
 
 static bool note_loss(WIN_CLIENT_t& client)

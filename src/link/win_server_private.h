@@ -22,6 +22,7 @@
 #include "base/rate_bound.h"
 #include "link/client_table.h"
 #include "link/closed_ids.h"
+#include "link/gathered_answers.h"
 #include "link/upstream_queue.h"
 #include "services.h"
 

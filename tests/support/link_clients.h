@@ -16,6 +16,12 @@ namespace rtls {
 inline const bytes_t ping = hex("00 00 05 AA");
 inline const bytes_t framed_ping = hex("F5 00 00 05 AA F7");
 
+// A message on the stream, when nothing of it has to be escaped.
+inline bytes_t framed(const bytes_t& message)
+{
+    return hex("F5") + message + hex("F7");
+}
+
 std::string key_of(const WIN_CLIENT_t& client);
 
 // The keys of all clients, as the table lists them.
