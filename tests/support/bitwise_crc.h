@@ -1,4 +1,5 @@
-// bitwise_crc - the CRC of IEEE 802.3 as it is defined, bit by bit: what the daemon's tables are compared with.
+// bitwise_crc - the CRC of IEEE 802.3 as it is defined, bit by bit: what the daemon's tables are compared
+// with.
 //
 // Threads    Any. Nothing fails.
 #pragma once
@@ -7,8 +8,8 @@
 
 namespace rtls {
 
-// The remainder that `bytes` (a range of them) leave after `crc`, without an inversion before or after: with 0
-// the nodes' own rule, as their boot loader documents it.
+// The remainder that `bytes` (a range of them) leave after `crc`, without an inversion before or after: with
+// 0 the nodes' own rule, as their boot loader documents it.
 template <typename Bytes>
 uint32_t crc_remainder(const Bytes& bytes, uint32_t crc = 0)
 {

@@ -1,5 +1,5 @@
-// terminal_command_fixture - commands of one operator, against a gateway that is not started, with a pair of sockets
-// in place of the operator: what the commands write is seen frame by frame.
+// terminal_command_fixture - commands of one operator, against a gateway that is not started, with a pair of
+// sockets in place of the operator: what the commands write is seen frame by frame.
 //
 // Threads    The test's own; no actor runs.
 #pragma once
