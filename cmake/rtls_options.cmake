@@ -36,8 +36,11 @@ endif()
 # A daemon that strangers speak to: a fault that got past everything else must not become theirs to use.
 # Not with sanitizers, which do more, and which a fortified libc would hide faults from.
 if(NOT RTLS_SANITIZE)
+  # glibc checks nothing without optimization, and warns of it in every file: Debug, and a whole project that
+  # has no build type.
+  set(optimized "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
   target_compile_options(rtls_options INTERFACE
-    -fstack-protector-strong $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+    -fstack-protector-strong "$<${optimized}:SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>")
   foreach(flag -fcf-protection=full -fstack-clash-protection)
     string(MAKE_C_IDENTIFIER "RTLS_HAS${flag}" has_flag)
     check_cxx_compiler_flag(${flag} ${has_flag})

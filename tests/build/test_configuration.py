@@ -17,6 +17,12 @@ def configure(folder: pathlib.Path, *options, source: pathlib.Path = ROOT) -> di
     return cache_of(folder)
 
 
+def make_whole(folder: pathlib.Path):
+    """Another project, of which this one is a part."""
+    (folder / "CMakeLists.txt").write_text(
+        f"cmake_minimum_required(VERSION 3.25)\nproject(whole LANGUAGES CXX C)\nadd_subdirectory({ROOT} part)\n")
+
+
 def assert_has_the_daemon_alone(folder: pathlib.Path, cache: dict):
     libraries = {key for key in cache if key.upper().startswith(tuple(name.upper() for name in NOT_THE_DAEMONS))}
     assert not libraries, "it looked for what others need"
@@ -44,12 +50,24 @@ def test_the_daemon_alone_looks_for_its_own_libraries_only(tmp_path):
 
 
 def test_as_part_of_another_project_it_is_the_daemon_alone(tmp_path):
-    (tmp_path / "CMakeLists.txt").write_text(
-        f"cmake_minimum_required(VERSION 3.25)\nproject(whole LANGUAGES CXX C)\nadd_subdirectory({ROOT} part)\n")
+    make_whole(tmp_path)
     cache = configure(tmp_path / "build", *HIDDEN, source=tmp_path)
     assert {option: cache[option] for option in ALONE} == dict.fromkeys(ALONE, "OFF")
     assert_has_the_daemon_alone(tmp_path / "build", cache)
     assert not cache["CMAKE_BUILD_TYPE"], "that is for the other project to say"
+
+
+@pytest.mark.parametrize("build_type,is_fortified", [
+    ("", False), ("Debug", False), ("Release", True), ("RelWithDebInfo", True), ("MinSizeRel", True)])
+def test_is_fortified_where_it_is_optimized(tmp_path, build_type, is_fortified):
+    """Elsewhere glibc warns in every file that it cannot."""
+    make_whole(tmp_path)
+    configure(tmp_path / "build", f"-DCMAKE_BUILD_TYPE={build_type}", source=tmp_path)
+    commands = run("ninja", "-C", tmp_path / "build", "-t", "commands", "rtls-gateway").splitlines()
+    compiled = [line for line in commands if " -c " in line]
+    assert len(compiled) > 50
+    for line in compiled:
+        assert ("-D_FORTIFY_SOURCE=2" in line) == is_fortified == (" -O" in line), line
 
 
 def test_every_source_is_built(build):
