@@ -20,9 +20,15 @@ def test_programs_and_configuration_have_their_places(prefix):
 
 
 def test_the_logging_library_is_installed_for_other_programs(prefix):
-    installed = sorted(path.name for folder in ("lib", "include") for path in (prefix / folder).rglob("*") if path.is_file())
-    assert "librtls-core.a" in installed and "clogger.h" in installed and "rtls-core-config.cmake" in installed
+    installed = sorted(path.name for path in (prefix / "lib").rglob("*") if path.is_file())
+    assert "librtls-core.a" in installed and "rtls-core-config.cmake" in installed
     assert not [name for name in installed if name.startswith("librtls_")], "the layers are nobody else's"
+
+
+def test_headers_are_those_of_its_c_interface(prefix):
+    """What the daemon shares with the library beside them is internal. That they suffice: core_package in ctest."""
+    installed = {str(path.relative_to(prefix / "include")) for path in (prefix / "include").rglob("*") if path.is_file()}
+    assert installed == {"core/clogger.h", "core/ctimestamp.h"}
 
 
 def test_the_configuration_is_the_one_that_explains_itself(prefix):
