@@ -125,7 +125,7 @@ static json bridge_json(const win_client_info& bridge, size_t nodes)
     static constexpr uint8_t unnamed[mac_size]{};
     const bool is_named = memcmp(bridge.mac_addr, unnamed, mac_size) != 0;
     return {{"id", identity_key{bridge.id.get()}.c_str()},
-            {"mac", is_named ? json{colon_mac_text{bridge.mac_addr}.c_str()} : json{nullptr}},
+            {"mac", is_named ? json(colon_mac_text{bridge.mac_addr}.c_str()) : json(nullptr)},
             {"address", ipv4_text{bridge.addr}.c_str()},
             {"port", ntohs(bridge.addr.sin_port)},
             {"nodes", nodes}};
@@ -187,7 +187,7 @@ static json operator_json(const operator_info& who)
             {"port", ntohs(who.addr.sin_port)},
             {"subscribed", who.is_subscribed},
             {"waits_for_image", who.is_fetching},
-            {"filter", who.filter ? json{*who.filter} : json{nullptr}}};
+            {"filter", who.filter ? json(*who.filter) : json(nullptr)}};
 }
 
 page api::operators(const page_request& /*request*/) const

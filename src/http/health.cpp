@@ -31,10 +31,10 @@ static json link_json(const char* name, const State& state)
 {
     return {{"name", name},
             {"up", state.is_up},
-            {"since", state.since_ms == 0 ? json{nullptr} : json{utc_text(state.since_ms)}},
+            {"since", state.since_ms == 0 ? json(nullptr) : json(utc_text(state.since_ms))},
             {"connections", state.connections},
             {"failures", state.failures},
-            {"last_reason", *state.last_reason ? json{state.last_reason} : json{nullptr}}};
+            {"last_reason", *state.last_reason ? json(state.last_reason) : json(nullptr)}};
 }
 
 json links_json(const services& gateway)

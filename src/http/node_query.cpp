@@ -172,8 +172,8 @@ bool node_query::matches(const node_row& node, std::span<const win_client_info> 
 
 static json mac_or_null(const uint8_t* mac)
 {
-    return std::all_of(mac, mac + mac_size, [](uint8_t byte) { return byte == 0; }) ? json{nullptr}
-                                                                                    : json{mac_text(mac)};
+    return std::all_of(mac, mac + mac_size, [](uint8_t byte) { return byte == 0; }) ? json(nullptr)
+                                                                                    : json(mac_text(mac));
 }
 
 static json activity_json(const timeval& time)
@@ -196,7 +196,7 @@ json node_json(const node_row& node, std::span<const win_client_info> bridges)
     out["mac"] = mac_text(node.mac_addr);
     out["role"] = role_name(node.type);
     out["status"] = status_name(status_of(node));
-    out["bridge"] = node.bridge == no_bridge ? json{nullptr} : mac_or_null(bridges[node.bridge].mac_addr);
+    out["bridge"] = node.bridge == no_bridge ? json(nullptr) : mac_or_null(bridges[node.bridge].mac_addr);
     out["parent"] = mac_or_null(node.parent_addr);
     out["address"] = address_text(node);
     out["address_is_forwarded"] = node.forwarded_ip;
