@@ -8,34 +8,12 @@
 // Failures   The constructor and the pages throw std::bad_alloc.
 #pragma once
 
-#include "base/loop_pulse.h"
 #include "http/json_text.h"
 #include "http/responder.h"
 #include "services.h"
-
-#include <cstdint>
+#include "watch/actors_pulse.h"
 
 namespace rtls {
-
-// Both actors' loops, asked together.
-class actors_pulse {
-public:
-    static constexpr int64_t longest_pause_ms = 3000;
-
-    // One thread, about every second; nothing waits.
-    void ask(services& gateway) noexcept;
-    int64_t win_age_ms(int64_t now_ms) const noexcept { return m_win.age_ms(now_ms); }
-    int64_t terminal_age_ms(int64_t now_ms) const noexcept { return m_terminal.age_ms(now_ms); }
-    // Whether both have turned within three seconds. `now_ms`: of zclock_mono.
-    bool is_beating(int64_t now_ms) const noexcept
-    {
-        return win_age_ms(now_ms) < longest_pause_ms && terminal_age_ms(now_ms) < longest_pause_ms;
-    }
-
-private:
-    loop_pulse m_win;
-    loop_pulse m_terminal;
-};
 
 // Whether both servers serve, and nobody has asked the daemon to stop. Any thread.
 bool is_serving(const services& gateway);

@@ -145,6 +145,11 @@ std::vector<win_client_info> win_server_copy_clients(void* p_win_server)
     }
 }
 
+size_t win_server_clients_number(WIN_SERVER_t& server) noexcept
+{
+    return server.clients.size();
+}
+
 std::array<named_link_state, 3> win_server_links(const WIN_SERVER_t& server)
 {
     const auto named = [](const link_watch& link) { return named_link_state{link.name(), link.state()}; };

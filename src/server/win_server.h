@@ -2,7 +2,7 @@
 //
 // Ownership  The gateway object owns the server; everybody else sees an opaque pointer.
 // Threads    win_server_new, _run, _is_ready and _destroy: the owner's thread. win_server_is_ready,
-//            win_server_copy_clients, win_server_links and win_server_post: any thread. The others: the actor's
+//            win_server_copy_clients, _clients_number, _links and _post: any thread. The others: the actor's
 //            thread only.
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
@@ -39,6 +39,9 @@ bool win_server_is_ready(void* p_win_server);
 
 // A copy of the clients' addresses, in table order. Takes the table's own lock.
 std::vector<win_client_info> win_server_copy_clients(void* p_win_server);
+
+// How many WIN clients are connected. Any thread; takes the table's own lock.
+size_t win_server_clients_number(WIN_SERVER_t& server) noexcept;
 
 // The links to the servers upstream, by the names under which the log knows them.
 struct named_link_state {
