@@ -30,7 +30,7 @@ static bool is_request_line(std::string_view line)
         return false;
     const std::string_view middle = line.substr(target + 1, version - target - 1);
     const std::string_view last = line.substr(version + 1);
-    return middle.front() == '/' && middle.find(' ') == std::string_view::npos &&
+    return middle.front() == '/' && middle.find_first_of(blanks) == std::string_view::npos &&
            (last == "HTTP/1.1" || last == "HTTP/1.0");
 }
 
