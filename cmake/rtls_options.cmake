@@ -11,6 +11,7 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 check_pie_supported()
 
 option(RTLS_WERROR "Treat warnings as errors" OFF)
+option(RTLS_TEST_PCH "Compile what all tests include once (the tests' own include lines then prove nothing)" OFF)
 set(RTLS_SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize=")
 
 if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
@@ -50,6 +51,10 @@ if(RTLS_SANITIZE)
   target_compile_options(rtls_options INTERFACE
     -fsanitize=${RTLS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(rtls_options INTERFACE -fsanitize=${RTLS_SANITIZE})
+  find_program(RTLS_LLD ld.lld)
+  if(RTLS_LLD AND CMAKE_CXX_COMPILER_ID MATCHES Clang) # a hundred large programs: five times as fast
+    target_link_options(rtls_options INTERFACE -fuse-ld=lld)
+  endif()
 endif()
 if(RTLS_FUZZERS AND RTLS_SANITIZE AND CMAKE_CXX_COMPILER_ID MATCHES Clang)
   # So that the fuzzer sees which branches an input takes; only the fuzz targets link its main.
@@ -60,6 +65,14 @@ endif()
 add_library(rtls_test_options INTERFACE)
 target_compile_options(rtls_test_options INTERFACE -O0 -g1 "SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=0")
 
+# What nearly every test program includes, for RTLS_TEST_PCH: half of what compiling one costs.
+function(rtls_add_test_headers)
+  add_executable(rtls_test_headers ${PROJECT_SOURCE_DIR}/cmake/empty_program.cpp)
+  target_link_libraries(rtls_test_headers PRIVATE rtls_options rtls_test_options GTest::gtest_main GTest::gmock)
+  target_precompile_headers(rtls_test_headers PRIVATE
+    <gmock/gmock.h> <gtest/gtest.h> <czmq.h> <functional> <memory> <string> <thread> <vector>)
+endfunction()
+
 # rtls_add_tests(<source>... LIBRARIES <library>...): each source is one GoogleTest program
 # named after its file. None without RTLS_TESTS.
 function(rtls_add_tests)
@@ -67,10 +80,16 @@ function(rtls_add_tests)
     return()
   endif()
   cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
+  if(RTLS_TEST_PCH AND NOT TARGET rtls_test_headers)
+    rtls_add_test_headers()
+  endif()
   foreach(source IN LISTS arg_UNPARSED_ARGUMENTS)
     cmake_path(GET source STEM name)
     add_executable(${name} ${source})
     target_link_libraries(${name} PRIVATE rtls_options rtls_test_options ${arg_LIBRARIES} GTest::gtest_main GTest::gmock)
+    if(RTLS_TEST_PCH)
+      target_precompile_headers(${name} REUSE_FROM rtls_test_headers)
+    endif()
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES
       TIMEOUT 300
       ENVIRONMENT "TSAN_OPTIONS=ignore_noninstrumented_modules=1:suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp")

@@ -2,8 +2,9 @@
 // rewritten for the WIN link, and sent to the WIN client that reaches the node.
 //
 // Threads    WIN server thread. Takes the registry's lock for the look-up of the node, and sends and prints
-//            outside it. An order to fetch an image (MSG_OTA_UPLOAD_FW, MSG_FW_IMAGE_AVAIL_IND) waits for
-//            the transfer, and all that the thread does waits with it; no other command waits.
+//            outside it.
+// Blocking   Nothing waits: an order to fetch an image (MSG_OTA_UPLOAD_FW, MSG_FW_IMAGE_AVAIL_IND) is handed
+//            to the downloads (image_orders.h).
 // Bytes      Commands are big-endian (srvMsg* and others in wire/messaging.h). Only the type is changed on
 //            the way down, and the position for nodes that ask for it.
 // Failures   A command that is refused is logged or printed, and nothing is sent.

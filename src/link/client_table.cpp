@@ -35,6 +35,12 @@ WIN_CLIENT_t* client_table::insert(const char* key, win_client_ptr client) noexc
     return nullptr;
 }
 
+size_t client_table::size_of_address(in_addr address) noexcept
+{
+    const mutex_guard guard{m_mutex};
+    return m_of_address.of(address);
+}
+
 void client_table::erase(const char* key) noexcept
 {
     const mutex_guard guard{m_mutex};

@@ -2,7 +2,8 @@
 //
 // Ownership  The table owns the records.
 // Threads    Every access locks by itself. The WIN server's thread alone changes the table, so that what it
-//            finds stays; other threads copy. The registry's lock, where both are held, is the outer one.
+//            finds stays, and its walks need no lock; other threads copy. The registry's lock, where both are
+//            held, is the outer one.
 // Failures   Nothing throws, but copy.
 #pragma once
 
@@ -41,8 +42,8 @@ public:
     // Destroys the record, if there is one.
     void erase(const char* key) noexcept;
     size_t size() noexcept;
-    // How many connections this address holds. WIN server's thread only.
-    size_t size_of_address(in_addr address) const noexcept { return m_of_address.of(address); }
+    // How many connections this address holds.
+    size_t size_of_address(in_addr address) noexcept;
 
     // Takes over the MAC that the client's bridge gives itself; other threads see it whole.
     void set_mac_addr(WIN_CLIENT_t& client, const uint8_t* mac) noexcept;
@@ -72,6 +73,16 @@ public:
         return found;
     }
 
+    // Calls visit(const WIN_CLIENT_t&) for each client under the lock: any thread, for a moment. It may read
+    // what is said to be read by any.
+    template <typename Visitor>
+    void for_each_locked(Visitor visit)
+    {
+        const mutex_guard guard{m_mutex};
+        for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get()))
+            visit(static_cast<const WIN_CLIENT_t&>(*static_cast<WIN_CLIENT_t*>(item)));
+    }
+
     // What other threads may know, in table order. Throws std::bad_alloc.
     std::vector<win_client_info> copy();
 
@@ -88,7 +99,7 @@ private:
     zhashx_ptr m_records RTLS_GUARDED_BY(m_mutex);
     // The walk's own list; has room for all records, so that a walk needs no memory.
     std::vector<WIN_CLIENT_t*> m_walk;
-    address_counts m_of_address; // the WIN server's thread's alone
+    address_counts m_of_address RTLS_GUARDED_BY(m_mutex);
 };
 
 } // namespace rtls

@@ -2,8 +2,10 @@
 // what the bridges send waits in TCP.
 //
 // Timers, commands and discovery go on meanwhile. A pause ends when all that waits has been handed over, or
-// has been given up (upstream_queue.h). Threads    WIN server thread. Failures   Without memory for the pause
-// what waits is given up, and reading goes on.
+// has been given up (upstream_queue.h).
+//
+// Threads    WIN server thread.
+// Failures   Without memory for the pause what waits is given up, and reading goes on.
 #pragma once
 
 #include "link/win_server_private.h"

@@ -5,12 +5,15 @@
 // library carries it on. A server that takes messages must not lose any by that: what its full queue refuses
 // waits here, in order, and the intake is paused (intake.h) until there is room. A wait is short, and rare in
 // the long run: 50 ms at a time, half a second of waiting in store, a fifth of the time to fill it. So a
-// server that is too slow for good loses messages, as one that is away does. Ownership  Owns what waits.
+// server that is too slow for good loses messages, as one that is away does.
+//
+// Ownership  Owns what waits.
 // Threads    WIN server thread.
 // Blocking   Nothing waits: refusals come back at once.
 // Failures   What is lost is counted, and said by overflow_watch.
 #pragma once
 
+#include "base/counter.h"
 #include "base/message_part.h"
 #include "base/overflow_watch.h"
 
@@ -46,6 +49,17 @@ private:
     int64_t m_earned_until_ms = 0;
 };
 
+// Why a message upstream is lost.
+enum class upstream_loss : uint8_t { overflow, waited_in_vain, error, out_of_memory, kinds };
+
+// Every message that was offered has been handed over, or lost, or waits. Any thread reads.
+struct upstream_counters {
+    counter at_once;        // handed over
+    time_counts after_wait; // handed over, too
+    level waiting;
+    counters<upstream_loss> lost;
+};
+
 class upstream_queue {
 public:
     static constexpr int patience_ms = 50;       // of one wait
@@ -63,6 +77,9 @@ public:
     // what a full queue refuses waits; ask is_waiting().
     void send(void* socket, message_part& first, message_part* second, bool may_wait);
 
+    // A message could not even be made.
+    void lose_unmade() { m_counts.lost[upstream_loss::out_of_memory].add(); }
+
     bool is_waiting() const { return !m_waiting.empty(); }
     // How long those have waited that wait.
     int has_waited_ms() const { return m_waited_ms; }
@@ -75,6 +92,8 @@ public:
     // The queue will not be used any more: a last attempt, and what an overflow has cost until now is said.
     void stopping(void* socket);
 
+    const upstream_counters& counts() const { return m_counts; }
+
 private:
     struct message {
         message_part first;
@@ -82,15 +101,21 @@ private:
         bool has_second = false;
     };
 
-    void drain(void* socket);
+    uint64_t drain(void* socket);
+    void note_late(uint64_t number);
     bool keep(message_part& first, message_part* second);
+    void lose(upstream_loss cause);
+    int64_t now_ms();
 
     overflow_watch m_watch;
     const char* m_function;
     const char* m_call;
     std::deque<message> m_waiting;
-    int m_waited_ms = 0; // by what waits now
+    int m_waited_ms = 0;         // by what waits now
+    int64_t m_now_ms = 0;        // when the clock was last read
+    int64_t m_waiting_since = 0; // by the same clock: the oldest of those that wait, or before
     wait_allowance m_allowance;
+    upstream_counters m_counts;
 };
 
 } // namespace rtls

@@ -17,12 +17,14 @@
 #include "base/descriptors.h"
 #include "base/door.h"
 #include "base/link_watch.h"
+#include "base/loop_pulse.h"
 #include "base/memory_sum.h"
 #include "base/own_addresses.h"
 #include "base/rate_bound.h"
 #include "link/client_table.h"
 #include "link/closed_ids.h"
 #include "link/upstream_queue.h"
+#include "link/win_counters.h"
 #include "services.h"
 
 #include <czmq.h>
@@ -95,6 +97,11 @@ struct WIN_SERVER_t {
     int64_t last_win_event = 0;     // zclock_usecs of when the WIN port was last drained
     int64_t supervised_since = 0;   // zclock_mono of when the first period of the client checks began
     int64_t last_client_check = 0;  // number of the period in which clients were last checked
+
+    win_counters counts; // read by any thread, like the pulse
+    loop_pulse pulse;
+    int64_t hand_overs_noted_at = 0; // zclock_usecs of the last look for what has been handed over upstream
+    uint64_t hand_overs_noted = 0;   // and how much had been
 
     // What becomes of a complete frame, which stands in client->pending_data; the server wires it.
     bool (*process_frame)(WIN_SERVER_t* server, WIN_CLIENT_t* client) = nullptr;

@@ -203,11 +203,12 @@ static bool register_readers(WIN_SERVER_t& server, zsock_t* pipe)
 static bool register_timers(WIN_SERVER_t& server)
 {
     server.supervised_since = zclock_mono();
+    server.pulse.begin(server.supervised_since, check_client_connection_period_ms);
     constexpr struct {
         size_t period_ms;
         zloop_timer_fn* handler;
     } timers[] = {
-        {1000, check_client_connection},
+        {check_client_connection_period_ms, check_client_connection},
         {1000, update_nodes_lifetime},
         {60000, check_proxy_connection},
         {500, check_clients_unsent_messages},
@@ -251,6 +252,7 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
     if (prepare(*server, pipe)) {
         server->ready = true;
         zloop_start(server->actor_loop);
+        server->pulse.end();
         logger_info(g_logger, "win_loop Ending");
     }
     destroy_actor_context(server);

@@ -2,7 +2,8 @@
 //
 // Threads    Terminal thread. The store and the registry lock themselves.
 // Blocking   Nothing waits: "get" is carried out elsewhere. While no actor runs (tests) it waits for its
-// transfer. Failures   Are answers. Memory that runs out throws std::bad_alloc.
+//            transfer.
+// Failures   Are answers. Memory that runs out throws std::bad_alloc.
 #pragma once
 
 #include "services.h"

@@ -3,7 +3,7 @@
 // Ownership  Nothing is kept of the arguments.
 // Threads    Terminal thread. What a command needs of the registry, the firmware store and the table of
 //            bridges is copied under their locks, and answered after.
-// Blocking   An answer waits for the socket's send time-out at most; "fw get" for its transfer.
+// Blocking   An answer waits for the socket's send time-out at most. "fw get" does not wait for its transfer.
 // Failures   Are answers; a null argument is logged. Memory that runs out throws std::bad_alloc.
 #pragma once
 

@@ -9,6 +9,9 @@
 #pragma once
 
 #include "base/czmq_ptr.h"
+#include "base/descriptors.h"
+#include "base/door.h"
+#include "terminal/terminal_counters.h"
 
 #include <czmq.h>
 #include <netinet/in.h>
@@ -31,6 +34,15 @@ bool terminal_server_run(void* p_terminal_server);
 void terminal_server_destroy(void** pp_terminal_server);
 using terminal_server_ptr = std::unique_ptr<TERMINAL_SERVER_t, destroyed_by<terminal_server_destroy>>;
 zhashx_t* terminal_server_get_clients(void* p_terminal_server);
+
+// What other threads may read of a server that is there, at any time.
+struct terminal_figures {
+    const terminal_counters& counts;
+    const door& entrance;
+    const full_house& house;
+};
+terminal_figures terminal_server_figures(const TERMINAL_SERVER_t& server) noexcept;
+
 bool terminal_server_is_ready(void* p_terminal_server);
 
 // What other threads may know of an operator.

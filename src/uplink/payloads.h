@@ -15,8 +15,8 @@
 
 namespace rtls {
 
-// Both check the size themselves. False refuses the frame: no ack is sent.
-bool handle_generic_server_req(link_frame& frame);
-bool handle_sensor_report(link_frame& frame);
+// Both check the size themselves. A wrong one refuses the frame: no ack is sent.
+message_outcome handle_generic_server_req(link_frame& frame);
+message_outcome handle_sensor_report(link_frame& frame);
 
 } // namespace rtls

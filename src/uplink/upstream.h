@@ -2,10 +2,11 @@
 // input.
 //
 // Both sends are don't-wait: a server that is down or slow costs its own reports and stalls nobody. A queue
-// that is full for a moment only, with its server there, makes the intake pause (link/intake.h). Threads WIN
-// server thread. Bytes      Reports go as they are given: big-endian. The time before them is big-endian,
-// too. Failures   A full queue is said once an episode; what it does not take is lost, and counted: how many
-// were
+// that is full for a moment only, with its server there, makes the intake pause (link/intake.h).
+//
+// Threads    WIN server thread.
+// Bytes      Reports go as they are given: big-endian. The time before them is big-endian, too.
+// Failures   A full queue is said once an episode; what it does not take is lost, and counted: how many were
 //            lost in how long is said at the episode's end, or at the stop.
 #pragma once
 

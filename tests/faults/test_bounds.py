@@ -24,6 +24,17 @@ def losses(gateway) -> list:
     return [int(match[1]) for match in found if match]
 
 
+def overflowing(start_gateway):
+    """A gateway without its message handler, whose queue has lost 42 reports, and the bridge that sent them."""
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
+    bridge = gateway.bridge(BRIDGE)
+    for i in range(1042):
+        bridge.send_message(wire.root_announce(BRIDGE, i % 255 + 1))
+    bridge.barrier()
+    wait_until(lambda: any("Overflow message handler" in line for line in gateway.syslog()), "the overflow")
+    return gateway, bridge
+
+
 def test_a_request_from_our_own_discovery_port_is_not_answered(gateway):
     port = gateway.ports["discovery"]
     # More specific than the daemon's own socket, so that an answer would come here instead of going round.
@@ -67,12 +78,7 @@ def test_one_address_gets_a_hundred_answers_a_second(gateway):
 
 
 def test_the_end_of_an_overflow_says_how_much_was_lost(start_gateway):
-    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
-    bridge = gateway.bridge(BRIDGE)
-    for i in range(1042):
-        bridge.send_message(wire.root_announce(BRIDGE, i % 255 + 1))
-    bridge.barrier()
-    wait_until(lambda: any("Overflow message handler" in line for line in gateway.syslog()), "the overflow")
+    gateway, bridge = overflowing(start_gateway)
     gateway.start_handler()
     delivered = [gateway.handler.receive() for _ in range(1000)]
     assert len(delivered) == 1000 and losses(gateway) == []
@@ -87,12 +93,7 @@ def test_the_end_of_an_overflow_says_how_much_was_lost(start_gateway):
 
 
 def test_a_stop_amid_an_overflow_says_how_much_was_lost(start_gateway):
-    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
-    bridge = gateway.bridge(BRIDGE)
-    for i in range(1042):
-        bridge.send_message(wire.root_announce(BRIDGE, i % 255 + 1))
-    bridge.barrier()
-    wait_until(lambda: any("Overflow message handler" in line for line in gateway.syslog()), "the overflow")
+    gateway, _ = overflowing(start_gateway)
     gateway.interrupt()
     gateway.wait_exit()
     assert losses(gateway) == [42]

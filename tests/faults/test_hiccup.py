@@ -12,10 +12,24 @@ from harness.peers import wait_until
 pytestmark = pytest.mark.measured
 
 BRIDGE = wire.mac(0xB001)
+CHUNK = b"".join(wire.frame(wire.root_announce(BRIDGE, i % 255 + 1)) for i in range(500))
 
 
 def overflows(gateway) -> list:
     return [line for line in gateway.syslog() if "Overflow" in line or "Exemption" in line]
+
+
+def flooded(start_gateway) -> tuple:
+    """A gateway, a handler that is connected and takes as little as it can, a bridge that floods, an honest one."""
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
+    handler = gateway.context.socket(zmq.PULL)
+    handler.setsockopt(zmq.RCVHWM, 1)
+    handler.setsockopt(zmq.RCVBUF, 4096)
+    handler.bind(gateway._endpoint("handler"))
+    flooding, honest = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
+    flooding.introduce()
+    honest.introduce()
+    return gateway, handler, flooding, honest
 
 
 @pytest.mark.parametrize("pauses, reports", [(3, 1500), (1, 10_000)])
@@ -41,23 +55,15 @@ def test_what_waits_in_tcp_during_a_pause_reaches_the_handler(gateway, pauses, r
 
 
 def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, figure):
-    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
-    handler = gateway.context.socket(zmq.PULL)     # connected, but never reads
-    handler.setsockopt(zmq.RCVHWM, 1)
-    handler.setsockopt(zmq.RCVBUF, 4096)
-    handler.bind(gateway._endpoint("handler"))
-    flooding, honest = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
-    flooding.introduce()
-    honest.introduce()
-    chunk = b"".join(wire.frame(wire.root_announce(BRIDGE, i % 255 + 1)) for i in range(500))
+    gateway, handler, flooding, honest = flooded(start_gateway)
     deadline = time.monotonic() + 20
     while not overflows(gateway):   # fills what TCP holds, then the queue
         assert time.monotonic() < deadline, "the queue is never full"
-        flooding.send(chunk)
+        flooding.send(CHUNK)
         flooding.barrier()
     waits = []
     for _ in range(100):
-        flooding.send(chunk)
+        flooding.send(CHUNK)
         begin = time.monotonic()
         honest.barrier()
         waits.append(time.monotonic() - begin)
@@ -68,21 +74,13 @@ def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, figure):
 
 
 def test_a_handler_that_is_slow_delays_pings_for_a_moment_only(start_gateway):
-    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
-    handler = gateway.context.socket(zmq.PULL)
-    handler.setsockopt(zmq.RCVHWM, 1)
-    handler.setsockopt(zmq.RCVBUF, 4096)
-    handler.bind(gateway._endpoint("handler"))
-    flooding, honest = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
-    flooding.introduce()
-    honest.introduce()
-    chunk = b"".join(wire.frame(wire.root_announce(BRIDGE, i % 255 + 1)) for i in range(500))
+    gateway, handler, flooding, honest = flooded(start_gateway)
     flooding.sock.setblocking(False)
     rest, waits = b"", []
     end = time.monotonic() + 4
     while time.monotonic() < end:
         try:
-            rest = rest or chunk
+            rest = rest or CHUNK
             rest = rest[flooding.sock.send(rest):]
         except BlockingIOError:
             pass

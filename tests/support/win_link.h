@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace rtls {
 
@@ -35,6 +36,7 @@ public:
         WIN_CLIENT_t* client;
     };
     bridge_t connect(int receive_buffer = 0) const;
+    std::vector<bridge_t> connect_many(size_t count) const;
     // The record of the connection from this port, or null.
     WIN_CLIENT_t* find(uint16_t peer_port) const;
     size_t clients() const { return server().clients.size(); }

@@ -455,6 +455,22 @@ TEST_F(short_memory, in_a_connect_is_an_error_record)
     EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("logger_connect: out of memory!"));
 }
 
+TEST_F(short_memory, loses_what_is_to_be_said_of_a_broker_that_is_none)
+{
+    zmq::context_t context;
+    zmq::socket_t wrong(context, zmq::socket_type::rep);
+    wrong.bind("tcp://127.0.0.1:*");
+    const logger_ptr logger = make_logger(m_name.c_str());
+    logger_connect(logger.get(), wrong.get(zmq::sockopt::last_endpoint).c_str());
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (logger_get_broker_state(logger.get()).failures == 0 && std::chrono::steady_clock::now() < end) {
+        fail_allocation_after(0);
+        logger_tend_broker(logger.get());
+        (void)cancel_failing_allocation();
+    }
+    EXPECT_EQ(logger_get_counters(logger.get()).unstored, 1U);
+}
+
 struct record_case {
     const char* name;
     void (*log)(tav_component_logger logger, const char* text);

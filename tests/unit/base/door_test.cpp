@@ -35,6 +35,12 @@ protected:
         return m_door;
     }
 
+    void expect_refused_once(door_refusal reason, const char* line)
+    {
+        EXPECT_EQ(m_door.refused(reason), 1U);
+        EXPECT_THAT(m_log.messages("main"), ElementsAre(line));
+    }
+
     log_capture m_log;
     door m_door{"WIN"};
 };
@@ -52,9 +58,7 @@ TEST_F(door_test, a_bound_for_all)
     door& bounded = with("    win_connections = 0x3\n");
     EXPECT_TRUE(bounded.admits(here, 2, 2, 0));
     EXPECT_FALSE(bounded.admits(here, 3, 0, 0));
-    EXPECT_EQ(bounded.refused(door_refusal::full), 1U);
-    EXPECT_THAT(m_log.messages("main"),
-                ElementsAre("WIN port: 10.1.2.3 is refused, all connections are taken"));
+    expect_refused_once(door_refusal::full, "WIN port: 10.1.2.3 is refused, all connections are taken");
 }
 
 TEST_F(door_test, a_bound_for_each_address)
@@ -63,9 +67,8 @@ TEST_F(door_test, a_bound_for_each_address)
     EXPECT_TRUE(bounded.admits(here, 1000, 1, 0));
     EXPECT_FALSE(bounded.admits(here, 1000, 2, 0));
     EXPECT_TRUE(bounded.admits(there, 1001, 0, 0));
-    EXPECT_EQ(bounded.refused(door_refusal::address), 1U);
-    EXPECT_THAT(m_log.messages("main"),
-                ElementsAre("WIN port: 10.1.2.3 is refused, it has as many as one address may have"));
+    expect_refused_once(door_refusal::address,
+                        "WIN port: 10.1.2.3 is refused, it has as many as one address may have");
 }
 
 TEST_F(door_test, only_these_networks)
@@ -73,9 +76,8 @@ TEST_F(door_test, only_these_networks)
     door& narrow = with("    win_networks = 10.0.0.0/8, 192.168.0.0/16\n");
     EXPECT_TRUE(narrow.admits(here, 0, 0, 0));
     EXPECT_FALSE(narrow.admits(there, 0, 0, 0));
-    EXPECT_EQ(narrow.refused(door_refusal::network), 1U);
-    EXPECT_THAT(m_log.messages("main"),
-                ElementsAre("WIN port: 11.1.2.3 is refused, it is in none of the networks that may connect"));
+    expect_refused_once(door_refusal::network,
+                        "WIN port: 11.1.2.3 is refused, it is in none of the networks that may connect");
 }
 
 TEST_F(door_test, an_episode_of_refusals_is_said_once_and_counted)

@@ -8,6 +8,7 @@
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/node_command_fixture.h"
+#include "support/operator_peer.h"
 #include "support/sock.h"
 #include "support/temp_file.h"
 #include "terminal/terminal_server.h"
@@ -145,6 +146,20 @@ TEST_F(log_levels, overflows_and_their_ends_are_errors)
     }
     for (auto* sock : {&server->msg_handler_sock, &server->proxy_input_sock, &server->dbg_client_sock})
         sock->reset();
+}
+
+TEST_F(log_levels, a_command_of_an_operator_that_is_not_sent_is_an_error)
+{
+    test_gateway gateway;
+    const zsock_ptr win_server{zsock_new_router("@inproc://winserw_channel")}; // does not read
+    gateway.run_terminal_server();
+    gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
+    operator_peer peer{gateway.terminal_port()};
+    int sent = 0;
+    while (sent <= 2000 && peer.ask("reboot 1a2b\n", "\n") == "Command sent successfully!\n")
+        ++sent;
+    EXPECT_LE(sent, 2000);
+    EXPECT_EQ(level_of("Overflow winserw queue!"), LOG_ERR);
 }
 
 TEST_F(log_levels, messages_that_a_bridge_loses_are_errors)

@@ -56,9 +56,7 @@ TEST(win_server_nodes_update, prints_each_line_behind_its_sending_in_the_tables_
 {
     log_capture log;
     const win_link link;
-    std::vector<win_link::bridge_t> bridges;
-    for (int i = 0; i < 10; ++i)
-        bridges.push_back(link.connect());
+    const auto bridges = link.connect_many(10);
     log.take();
     win_server_nodes_update(&link.server(), nullptr);
     std::vector<std::string> then;

@@ -23,9 +23,7 @@ TEST(get_next_rpl_version, follows_the_lollipop_rule)
 TEST(rpl_version, goes_to_every_client_and_advances_each_time)
 {
     const win_link link;
-    std::vector<win_link::bridge_t> bridges;
-    for (int i = 0; i < 2; ++i)
-        bridges.push_back(link.connect());
+    auto bridges = link.connect_many(2);
     link.server().rpl_prefix = 0x1234;
     link.server().unprocessed_MSG_PANID_REQ = true;
     const uint8_t before = get_next_rpl_version();

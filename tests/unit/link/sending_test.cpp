@@ -82,9 +82,7 @@ TEST(data_to_win_client, sends_what_waits_first)
 TEST(data_to_win_client, without_an_identity_reaches_every_client_once)
 {
     const win_link link;
-    std::vector<win_link::bridge_t> bridges;
-    for (int i = 0; i < 20; ++i)
-        bridges.push_back(link.connect());
+    auto bridges = link.connect_many(20);
     EXPECT_TRUE(send_to(link, nullptr, ping));
     EXPECT_TRUE(send_to(link, nullptr, hex("01")));
     for (auto& bridge : bridges)
@@ -113,9 +111,7 @@ TEST(data_to_win_client, goes_to_all_bridges_in_the_tables_order)
 {
     log_capture log;
     const win_link link;
-    std::vector<win_link::bridge_t> bridges;
-    for (int i = 0; i < 10; ++i)
-        bridges.push_back(link.connect());
+    const auto bridges = link.connect_many(10);
     log.take();
     const uint8_t message = 1;
     EXPECT_TRUE(data_to_win_client(&link.server(), nullptr, &message, 1));

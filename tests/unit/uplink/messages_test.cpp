@@ -29,31 +29,19 @@ TEST_F(messages, a_frame_without_a_message_is_refused)
 
 TEST_F(messages, types_that_need_no_action_are_accepted)
 {
-    for (const char* frame :
-         {"05 01 01", // between the handled types
-          "06 01 01",
-          "0C 01 01",
-          "15 01 01", // "
-          "17 01 01",
-          "18 01 01",
-          "1A 01 01", // right behind them
-          "FF 00 01",
-          "05 02 01",
-          "00 08 01", // a long way off
-          "0D 08 01",
-          "10 08 01",
-          "FF 0F 01", // "
-          "04 41 01",
-          "04 81 01",
-          "FF FF 01", // bits that are no flags
-          "00 10 01",
-          "00 20 01",
-          "00 30 01", // a ping has no flags
-          "00 12 01",
-          "00 22 01",                                              // nor has a timestamp envelope
-          "00 02 01 00 00 00 00 00 00 00 00 00 02 01 00 00 00"}) { // which is no message itself
-        EXPECT_TRUE(receive(hex(frame))) << frame;
-    }
+    const std::vector<const char*> frames[] = {
+        // between the handled types, right behind them, a long way off
+        {"05 01 01", "06 01 01", "0C 01 01", "15 01 01", "17 01 01", "18 01 01"},
+        {"1A 01 01", "FF 00 01", "05 02 01"},
+        {"00 08 01", "0D 08 01", "10 08 01", "FF 0F 01"},
+        // bits that are no flags; a ping has no flags, nor has a timestamp envelope, which is no message itself
+        {"04 41 01", "04 81 01", "FF FF 01"},
+        {"00 10 01", "00 20 01", "00 30 01"},
+        {"00 12 01", "00 22 01", "00 02 01 00 00 00 00 00 00 00 00 00 02 01 00 00 00"},
+    };
+    for (const auto& group : frames)
+        for (const char* frame : group)
+            EXPECT_TRUE(receive(hex(frame))) << frame;
     EXPECT_EQ(replies(), texts_t{});
     EXPECT_EQ(reports(), texts_t{});
     EXPECT_EQ(node_count(), 0U);

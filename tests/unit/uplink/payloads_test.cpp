@@ -378,8 +378,8 @@ TEST_F(payloads, a_request_too_short_for_its_sub_command_goes_upstream)
 TEST_F(payloads, ul_tdoa_data_becomes_a_management_text)
 {
     const bytes_t body =
-        hex("02 AB 34 CD 56 01  00 0A  02 AB 34 CD 56 02  02 AB 34 CD 56 03  00 00 03 E8  80 81"
-            "03 04 00 00 00 00 00 01 00 02  64");
+        hex("02 AB 34 CD 56 01  00 0A  02 AB 34 CD 56 02  02 AB 34 CD 56 03  00 00 03 E8  80 81") +
+        hex("03 04 00 00 00 00 00 01 00 02  64");
     const std::string text = "\"ul_tdoa_data\":{\"pe_seq_no\":10,\"range_mm\":1000,"
                              "\"tag\":{\"mac\":\"02ab34cd5601\",\"lqi\":128},"
                              "\"responder\":{\"mac\":\"02ab34cd5602\",\"lqi\":129},"

@@ -292,8 +292,8 @@ TEST_F(upstream, the_stop_says_what_an_overflow_has_cost_that_has_not_ended)
 static bytes_t ul_tdoa_message(uint16_t total_len)
 {
     return hex("0E 01 07") + bytes_t{static_cast<uint8_t>(total_len), static_cast<uint8_t>(total_len >> 8)} +
-           hex("00 28  02 AB 34 CD 56 01  12 34  02 AB 34 CD 56 02  02 AB 34 CD 56 03  FF FF FF FE  80 09"
-               "03 04 0A BC 00 01 E2 40 0E 10  64  EE EE EE");
+           hex("00 28  02 AB 34 CD 56 01  12 34  02 AB 34 CD 56 02  02 AB 34 CD 56 03  FF FF FF FE  80 09") +
+           hex("03 04 0A BC 00 01 E2 40 0E 10  64  EE EE EE");
 }
 
 TEST_F(upstream, ul_tdoa_data_becomes_a_management_line)

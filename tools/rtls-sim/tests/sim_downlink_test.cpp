@@ -95,10 +95,7 @@ TEST(sim_downlink, a_message_cut_or_stretched_anywhere_is_not_valid)
 TEST(sim_downlink, an_echo_comes_back_with_its_time)
 {
     EXPECT_EQ(describe(read_hex("0000170102")), "ping echo seq 23");
-    EXPECT_EQ(describe(read_hex("0002010500"
-                                "6553F1008000"
-                                "0000170102")),
-              "ping echo seq 23");
+    EXPECT_EQ(describe(read_hex("00020105006553F10080000000170102")), "ping echo seq 23");
 }
 
 TEST(sim_downlink, the_role_says_how_positions_are_ordered)

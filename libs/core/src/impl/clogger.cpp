@@ -2,11 +2,13 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <exception>
+#include <iterator>
 #include <new>
 #include <optional>
 #include <string>
@@ -146,8 +148,8 @@ void logger_connect(tav_logger logger, const char* address)
 
 void logger_tend_broker(tav_logger logger)
 {
-    if (logger != nullptr)
-        logger->m_logger.tend_broker();
+    if (logger)
+        write_or_lose(logger->m_logger, LOG_WARNING, [&] { logger->m_logger.tend_broker(); });
 }
 
 tav_link_state_t logger_get_broker_state(tav_logger logger)
@@ -155,7 +157,10 @@ tav_link_state_t logger_get_broker_state(tav_logger logger)
     if (logger == nullptr)
         return {};
     const rtls::link_state link = logger->m_logger.broker_state();
-    return {link.is_up, link.since_ms, link.connections, link.failures, link.last_reason};
+    tav_link_state_t state{link.is_up, link.since_ms, link.connections, link.failures, link.last_reason, {}};
+    static_assert(std::size(state.failures_of) == rtls::link_failures);
+    std::ranges::copy(link.failures_of, state.failures_of);
+    return state;
 }
 
 tav_component_logger create_component_logger(tav_logger logger, const char* name)

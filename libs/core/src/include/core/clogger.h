@@ -81,6 +81,9 @@ typedef struct tav_link_state_t {
     uint64_t connections;    // handshakes done
     uint64_t failures;       // handshakes that failed, and connections lost
     const char* last_reason; // of a failure, or of nobody answering; "" without one. Lives for ever.
+    // The failures by their kind: the handshake was broken off; another protocol; refused; another kind of
+    // socket; a connection lost.
+    uint64_t failures_of[5];
 } tav_link_state_t;
 
 // What is known of the connection with the broker, as logger_tend_broker has last seen it; all zero for null.
