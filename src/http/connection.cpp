@@ -7,14 +7,12 @@
 
 #include <array>
 #include <cerrno>
-#include <limits>
 #include <utility>
 
 namespace rtls {
 
 static constexpr size_t read_size = 4096;
 static constexpr size_t drain_limit = size_t{256} * 1024;
-static constexpr int64_t no_deadline = std::numeric_limits<int64_t>::max();
 
 static bool would_wait()
 {

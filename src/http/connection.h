@@ -13,10 +13,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 
 namespace rtls {
+
+constexpr int64_t no_deadline = std::numeric_limits<int64_t>::max();
 
 class connection {
 public:

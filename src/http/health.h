@@ -3,9 +3,9 @@
 // It lives while both actors' loops have turned within three seconds and the log's thread is there: if not,
 // only a restart helps. It is ready while both servers serve and every server upstream is connected.
 // Ownership  The gateway outlives it.
-// Threads    look(): one thread, about every second. The pages: any.
+// Threads    Any.
 // Blocking   Nothing waits.
-// Failures   The constructor and the pages throw std::bad_alloc.
+// Failures   The pages throw std::bad_alloc.
 #pragma once
 
 #include "http/json_text.h"
@@ -24,15 +24,14 @@ json links_json(const services& gateway);
 
 class health {
 public:
-    explicit health(services& gateway) : m_gateway(gateway) {}
+    explicit health(const services& gateway) : m_gateway(gateway), m_pulse(gateway) {}
 
-    void look() noexcept { m_pulse.ask(m_gateway); }
     page livez(const page_request& request) const;
     page readyz(const page_request& request) const;
 
 private:
-    services& m_gateway;
-    actors_pulse m_pulse;
+    const services& m_gateway;
+    const actors_pulse m_pulse;
 };
 
 } // namespace rtls

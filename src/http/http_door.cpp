@@ -33,7 +33,7 @@
 namespace rtls {
 
 static constexpr int listen_backlog = 64;
-static constexpr int64_t second_ms = 1000;
+static constexpr int64_t longest_wait_ms = 60'000;
 static constexpr int64_t pause_of_listening_ms = 100; // when there is no descriptor for a newcomer
 static constexpr size_t connections_of_reserve =
     4; // of the last descriptors, for whoever looks what is wrong
@@ -64,10 +64,7 @@ static unique_fd open_listener(const http_rules& rules)
 // The door's own thread works on all of it, but for what the pool has.
 class http_door::state {
 public:
-    state(responder& pages, std::function<void()> every_second, http_times times)
-        : m_times(times), m_every_second(std::move(every_second)), m_pool(pages)
-    {
-    }
+    state(responder& pages, http_times times) : m_times(times), m_pool(pages) {}
     ~state();
     state(const state&) = delete;
     state& operator=(const state&) = delete;
@@ -79,7 +76,6 @@ private:
     void turn();
     std::vector<pollfd> what_to_wait_for() const;
     int patience_ms(int64_t now) const;
-    void keep_time(int64_t now);
     void accept_all(int64_t now);
     void take_in(unique_fd fd, int64_t now);
     void give_up_most_silent();
@@ -88,14 +84,12 @@ private:
     void drop_ended();
 
     const http_times m_times;
-    const std::function<void()> m_every_second;
     unique_fd m_listener;
     unique_fd m_wake_up{eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};
     std::atomic<bool> m_is_stopping{false};
     std::list<connection> m_connections; // who has been silent for longest first
     uint64_t m_connections_so_far = 0;
     int64_t m_listens_from = 0;
-    int64_t m_next_second = 0;
     answer_pool m_pool;
     std::thread m_thread;
 };
@@ -148,7 +142,6 @@ void http_door::state::turn()
     std::vector<pollfd> waited = what_to_wait_for();
     (void)poll(waited.data(), waited.size(), patience_ms(zclock_mono()));
     const int64_t now = zclock_mono();
-    keep_time(now);
     eventfd_t number = 0;
     (void)eventfd_read(m_wake_up.get(), &number);
     size_t at = 2;
@@ -174,23 +167,13 @@ std::vector<pollfd> http_door::state::what_to_wait_for() const
     return waited;
 }
 
+// -1: nobody is waited for.
 int http_door::state::patience_ms(int64_t now) const
 {
-    int64_t until = m_next_second;
-    if (m_listens_from > now)
-        until = std::min(until, m_listens_from);
+    int64_t until = m_listens_from > now ? m_listens_from : no_deadline;
     for (const connection& who : m_connections)
         until = std::min(until, who.deadline());
-    return static_cast<int>(std::clamp<int64_t>(until - now, 0, second_ms));
-}
-
-void http_door::state::keep_time(int64_t now)
-{
-    if (now < m_next_second)
-        return;
-    m_next_second = now + second_ms;
-    if (m_every_second)
-        m_every_second();
+    return until == no_deadline ? -1 : static_cast<int>(std::clamp<int64_t>(until - now, 0, longest_wait_ms));
 }
 
 void http_door::state::accept_all(int64_t now)
@@ -253,10 +236,7 @@ void http_door::state::drop_ended()
 
 // --- the door
 
-http_door::http_door(responder& pages, std::function<void()> every_second, http_times times)
-    : m_state(std::make_unique<state>(pages, std::move(every_second), times))
-{
-}
+http_door::http_door(responder& pages, http_times times) : m_state(std::make_unique<state>(pages, times)) {}
 
 http_door::~http_door() = default;
 

@@ -15,7 +15,6 @@
 #include "http/http_rules.h"
 #include "http/responder.h"
 
-#include <functional>
 #include <memory>
 
 namespace rtls {
@@ -31,8 +30,7 @@ class http_door {
 public:
     static constexpr size_t connections_limit = 64;
 
-    // `every_second` is called about so often, on a thread of the door's; may be empty.
-    http_door(responder& pages, std::function<void()> every_second, http_times times = {});
+    explicit http_door(responder& pages, http_times times = {});
     ~http_door();
     http_door(const http_door&) = delete;
     http_door& operator=(const http_door&) = delete;

@@ -3,6 +3,7 @@
 #include "http/api.h"
 #include "http/health.h"
 #include "http/http_door.h"
+#include "http/metrics_text.h"
 #include "http/responder.h"
 
 #include <utility>
@@ -16,11 +17,12 @@ static auto calling(const Owner& owner, page (Owner::*make)(const page_request&)
     return [&owner, make](const page_request& request) { return (owner.*make)(request); };
 }
 
-static std::vector<page_row> pages_of(const health& checks, const api& facts)
+static std::vector<page_row> pages_of(const services& gateway, const health& checks, const api& facts)
 {
     return {
         {"/livez", calling(checks, &health::livez)},
         {"/readyz", calling(checks, &health::readyz)},
+        {"/metrics", [&gateway](const page_request& request) { return metrics_page(gateway, request); }},
         {"/version", calling(facts, &api::version)},
         {"/api/v1/status", calling(facts, &api::status)},
         {"/api/v1/bridges", calling(facts, &api::bridges)},
@@ -34,7 +36,7 @@ static std::vector<page_row> pages_of(const health& checks, const api& facts)
 struct http_server::state {
     state(services& gateway, http_rules read)
         : rules(std::move(read)), checks(gateway), facts(gateway),
-          answers(pages_of(checks, facts), rules.token), door(answers, [this] { checks.look(); })
+          answers(pages_of(gateway, checks, facts), rules.token), door(answers)
     {
     }
 

@@ -150,6 +150,11 @@ size_t win_server_clients_number(WIN_SERVER_t& server) noexcept
     return server.clients.size();
 }
 
+const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept
+{
+    return server.pulse;
+}
+
 std::array<named_link_state, 3> win_server_links(const WIN_SERVER_t& server)
 {
     const auto named = [](const link_watch& link) { return named_link_state{link.name(), link.state()}; };

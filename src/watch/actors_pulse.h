@@ -1,13 +1,12 @@
-// actors_pulse - whether both actors' loops turn, as seen by somebody who asks them every second.
+// actors_pulse - whether both actors' loops turn.
 //
 // Ownership  The gateway outlives it.
-// Threads    ask(): one thread. The others: any.
+// Threads    Any.
 // Blocking   Nothing waits.
-// Failures   The constructor throws std::bad_alloc.
+// Failures   None.
 #pragma once
 
 #include "services.h"
-#include "watch/loop_pulse.h"
 
 #include <cstdint>
 
@@ -17,19 +16,21 @@ class actors_pulse {
 public:
     static constexpr int64_t longest_pause_ms = 3000;
 
-    // About every second.
-    void ask(services& gateway) noexcept;
-    int64_t win_age_ms(int64_t now_ms) const noexcept { return m_win.age_ms(now_ms); }
-    int64_t terminal_age_ms(int64_t now_ms) const noexcept { return m_terminal.age_ms(now_ms); }
-    // Whether both have turned within three seconds. `now_ms`: of zclock_mono.
+    explicit actors_pulse(const services& gateway) noexcept;
+
+    // Milliseconds since the loop last turned; for one that does not run, since this was made. `now_ms`: of
+    // zclock_mono.
+    int64_t win_age_ms(int64_t now_ms) const noexcept;
+    int64_t terminal_age_ms(int64_t now_ms) const noexcept;
+    // Whether both have turned within three seconds.
     bool is_beating(int64_t now_ms) const noexcept
     {
         return win_age_ms(now_ms) < longest_pause_ms && terminal_age_ms(now_ms) < longest_pause_ms;
     }
 
 private:
-    loop_pulse m_win;
-    loop_pulse m_terminal;
+    const services& m_gateway;
+    const int64_t m_made_ms;
 };
 
 } // namespace rtls

@@ -4,19 +4,16 @@
 #include "server/win_server.h"
 #include "watch/systemd.h"
 
-#include <algorithm>
 #include <new>
 
 namespace rtls {
 
 static constexpr int64_t status_period_ms = 10'000;
-static constexpr int64_t longest_question_period_ms = 1000;
 
-service_manager::service_manager(services& gateway)
-    : m_gateway(gateway), m_is_there(systemd_listens()), m_watchdog_ms(m_is_there ? systemd_watchdog_ms() : 0)
+service_manager::service_manager(services& gateway) noexcept
+    : m_gateway(gateway), m_is_there(systemd_listens()),
+      m_watchdog_ms(m_is_there ? systemd_watchdog_ms() : 0), m_pulse(gateway)
 {
-    if (m_watchdog_ms != 0)
-        m_pulse.emplace();
 }
 
 void service_manager::ready() noexcept
@@ -36,7 +33,7 @@ try {
     if (!m_is_there)
         return;
     const int64_t now = zclock_mono();
-    if (m_pulse)
+    if (m_watchdog_ms != 0)
         keep_alive(now);
     tell_status(now);
 } catch (const std::bad_alloc&) {
@@ -45,11 +42,7 @@ try {
 
 void service_manager::keep_alive(int64_t now_ms)
 {
-    if (now_ms >= m_next_question) {
-        m_next_question = now_ms + std::min(m_watchdog_ms / 4, longest_question_period_ms);
-        m_pulse->ask(m_gateway);
-    }
-    if (now_ms < m_next_sign || !m_pulse->is_beating(now_ms))
+    if (now_ms < m_next_sign || !m_pulse.is_beating(now_ms))
         return;
     m_next_sign = now_ms + m_watchdog_ms / 2;
     systemd_tell("WATCHDOG=1");

@@ -6,21 +6,20 @@
 // Ownership  The gateway outlives it.
 // Threads    Main thread; it has none of its own.
 // Blocking   As systemd's socket does: not, unless systemd reads none of the last hundreds of messages.
-// Failures   What cannot be sent is not sent. The constructor throws std::bad_alloc.
+// Failures   What cannot be sent is not sent.
 #pragma once
 
 #include "services.h"
 #include "watch/actors_pulse.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 namespace rtls {
 
 class service_manager {
 public:
-    explicit service_manager(services& gateway);
+    explicit service_manager(services& gateway) noexcept;
 
     // Both servers serve.
     void ready() noexcept;
@@ -34,10 +33,9 @@ private:
 
     services& m_gateway;
     const bool m_is_there;
-    const int64_t m_watchdog_ms;         // 0: none
-    std::optional<actors_pulse> m_pulse; // with a watchdog
+    const int64_t m_watchdog_ms; // 0: none
+    const actors_pulse m_pulse;
     int64_t m_next_status = 0;
-    int64_t m_next_question = 0;
     int64_t m_next_sign = 0;
 };
 
