@@ -78,8 +78,9 @@ struct WIN_SERVER_t {
     upstream_queue to_proxy_input{"Overflow proxy input queue!", "Exemption proxy input queue!",
                                   "proxy input queue", "win_management_to_server",
                                   "zstr_send (proxy_input_sock)"};
-    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
-    bool intake_is_paused = false;     // the WIN port is not read, while one of these waits
+    std::shared_ptr<call_queue> calls;  // by other threads; null while no actor runs
+    call_queue_slot calls_of_strangers; // the same, for threads that the actor does not know
+    bool intake_is_paused = false;      // the WIN port is not read, while one of these waits
 
     own_addresses own;            // these four guard the discovery port
     rate_bound discovery_answers; // by requester

@@ -52,6 +52,14 @@ public:
     NODE_t* first() RTLS_REQUIRES(this) { return settled(m_nodes.first()); }
     NODE_t* next() RTLS_REQUIRES(this) { return settled(m_nodes.next()); }
 
+    // A walk in parts, with the lock let go of in between; see node_table::visit_part.
+    node_table::part_walk begin_walk() const RTLS_REQUIRES(this) { return m_nodes.begin_walk(); }
+    template <typename Visitor>
+    bool visit_part(node_table::part_walk& walk, size_t most, Visitor visit) RTLS_REQUIRES(this)
+    {
+        return m_nodes.visit_part(walk, most, [&](stored_node& node) { visit(*settled(&node)); });
+    }
+
     // The node with exactly this MAC, or nullptr.
     NODE_t* find_by_mac(const uint8_t* mac) RTLS_REQUIRES(this) { return settled(m_nodes.find(mac)); }
 

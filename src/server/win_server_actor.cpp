@@ -149,6 +149,7 @@ static bool make_loop(WIN_SERVER_t& server)
 static bool open_call_queue(WIN_SERVER_t& server)
 try {
     server.calls = std::make_shared<call_queue>();
+    server.calls_of_strangers.set(server.calls);
     return made(server.calls->join(server.actor_loop), "zloop_poller");
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, reporter);
@@ -264,6 +265,7 @@ void destroy_actor_context(WIN_SERVER_t* server)
         return;
     upstream_stopping(*server);
     server->actor_loop.reset();
+    server->calls_of_strangers.set(nullptr);
     if (server->calls)
         server->calls->close(); // whoever still has something to say is not heard
     server->calls.reset();

@@ -37,6 +37,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace rtls {
 
@@ -52,7 +53,8 @@ struct TERMINAL_SERVER_t {
     zsock_ptr dbg_client_sock;
     zsock_ptr winserv_client_sock;
     zloop_ptr actor_loop;
-    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
+    std::shared_ptr<call_queue> calls;  // by other threads; null while no actor runs
+    call_queue_slot calls_of_strangers; // the same, for threads that the actor does not know
 
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
@@ -352,6 +354,7 @@ static void destroy_actor_context(TERMINAL_SERVER_t* server) noexcept
     request_stop();
     dbg_stream_stopping();
     server->actor_loop.reset();
+    server->calls_of_strangers.set(nullptr);
     if (server->calls)
         server->calls->close(); // whoever still has something to say is not heard
     server->calls.reset();
@@ -443,6 +446,7 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
         log_call_error(actor_name, "zloop_poller");
         return false;
     }
+    server->calls_of_strangers.set(server->calls);
     return set_pulse(server);
 }
 
@@ -554,6 +558,24 @@ bool terminal_server_is_ready(void* p_terminal_server)
     if (any_null(__func__, p_terminal_server))
         return false;
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->ready;
+}
+
+bool terminal_server_post(TERMINAL_SERVER_t& server, std::function<void()> call) noexcept
+{
+    return server.calls_of_strangers.post(std::move(call));
+}
+
+std::vector<operator_info> terminal_server_copy_clients(const TERMINAL_SERVER_t& server)
+{
+    std::vector<operator_info> copies;
+    zhashx_t* clients = server.clients.get();
+    copies.reserve(zhashx_size(clients));
+    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
+        const auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
+        copies.push_back(
+            {client->client_addr, client->subscribed != 0, client->is_fetching, client->grep_string});
+    }
+    return copies;
 }
 
 bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url)

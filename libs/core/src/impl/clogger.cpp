@@ -116,6 +116,11 @@ tav_log_counters_t logger_get_counters(tav_logger logger)
             lines.held_back, lines.unstored, logger->m_logger.unpublished()};
 }
 
+bool logger_thread_lives(tav_logger logger)
+{
+    return logger && logger->m_logger.is_system_log_carried_on();
+}
+
 bool logger_secure(tav_logger logger, const char* server_key, const char* own_public, const char* own_secret)
 {
     if (!logger || !server_key || !own_public || !own_secret)

@@ -60,6 +60,9 @@ typedef struct tav_log_counters_t {
 // All zero for null. Reads a few counters, each by itself, and never waits.
 tav_log_counters_t logger_get_counters(tav_logger logger);
 
+// Whether the thread that hands lines to the system log is there; false for null.
+bool logger_thread_lives(tav_logger logger);
+
 // Also publishes all later records to the ZeroMQ endpoint `address`. A bad address is logged as an
 // error and changes nothing. Each call adds one more peer; records are dealt out in turn.
 void logger_connect(tav_logger logger, const char* address);
