@@ -16,7 +16,7 @@
 
 namespace rtls {
 
-constexpr size_t nodes_of_slice = 512;
+constexpr size_t nodes_of_slice = 256;
 
 // Calls take() for one slice after the other, without the lock. When the table is rebuilt meanwhile, which
 // happens a dozen times in its life, it calls begin_anew(), and everything comes once more.
