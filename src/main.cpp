@@ -8,6 +8,8 @@
 #include "base/logger.h"
 #include "base/signals.h"
 #include "rtls-gateway.h"
+#include "services.h"
+#include "watch/service_manager.h"
 
 #include <curl/curl.h>
 #include <czmq.h>
@@ -119,11 +121,16 @@ static bool serve(const char* config_file)
     if (!gateway)
         return false;
     connect_debug_broker(gateway);
-    if (rtls_gateway_run(gateway))
+    service_manager manager{*static_cast<services*>(gateway)};
+    if (rtls_gateway_run(gateway)) {
+        manager.ready();
         while (!is_stop_requested()) {
             sleep_open_to_stop_signals(idle_step_ms);
             logger_tend_broker(g_logger_ctx);
+            manager.tend();
         }
+    }
+    manager.stopping();
     limit_the_stop();
     rtls_gateway_destroy(&gateway);
     return true;

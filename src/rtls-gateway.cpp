@@ -8,6 +8,8 @@
 #include "base/signals.h"
 #include "downlink/update_announcement.h"
 #include "firmware/image_download.h"
+#include "http/http_rules.h"
+#include "http/http_server.h"
 #include "server/win_server.h"
 #include "services.h"
 #include "terminal/terminal_server.h"
@@ -42,6 +44,7 @@ struct RTLS_GATEWAY_t : services {
     nodes_container_ptr own_nodes;
     ota_ptr own_ota;
     std::unique_ptr<download_pool> own_downloads;
+    std::unique_ptr<http_server> own_http; // null without its section
 };
 
 using gateway_ptr = std::unique_ptr<services, destroyed_by<rtls_gateway_destroy>>;
@@ -118,6 +121,20 @@ try {
     return false;
 }
 
+// An optional section: the HTTP door, which is opened when the gateway runs.
+static bool make_http(zconfig_t* config, RTLS_GATEWAY_t& gateway)
+try {
+    std::optional<http_rules> rules;
+    if (!read_http_rules(config, rules))
+        return false;
+    if (rules)
+        gateway.own_http = std::make_unique<http_server>(gateway, *std::move(rules));
+    return true;
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, "rtls_gateway_new");
+    return false;
+}
+
 // Keeps what a service's own function has made, and names it among the services. False when there is none.
 template <typename Owner>
 static bool keep(Owner& owner, typename Owner::pointer& service, void* handle)
@@ -145,7 +162,8 @@ static bool create_services(RTLS_GATEWAY_t& gateway, const char* config_file_nam
            read_firmware_files(gateway.config, &firmware_files) &&
            keep(gateway.own_ota, gateway.ota, ota_new(firmware_files)) &&
            read_firmware_rules(gateway.config, *gateway.ota) &&
-           keep(gateway.own_downloads, gateway.downloads, new (std::nothrow) download_pool);
+           keep(gateway.own_downloads, gateway.downloads, new (std::nothrow) download_pool) &&
+           make_http(gateway.config, gateway);
 }
 
 void* rtls_gateway_new(const char* config_file_name)
@@ -208,6 +226,8 @@ bool rtls_gateway_run(void* p_rtls_gateway)
         logger_error(g_logger, "%s: terminal server is not created!", __func__);
         return false;
     }
+    if (gateway->own_http && !gateway->own_http->open()) // first: whoever waits for us may ask how far we are
+        return false;
     if (!win_server_run(gateway->win_server) || !terminal_server_run(gateway->terminal_server))
         return false;
     sleep_open_to_stop_signals(0); // takes a signal that has waited since the start
@@ -234,7 +254,8 @@ void rtls_gateway_destroy(void** pp_rtls_gateway)
     if (!*pp_rtls_gateway)
         return;
     RTLS_GATEWAY_t* gateway = gateway_of(*pp_rtls_gateway, __func__);
-    // Both actors first: their threads use all the rest.
+    gateway->own_http.reset(); // its threads look at everybody
+    // Then both actors: their threads use all the rest.
     end(gateway->own_terminal_server, gateway->terminal_server);
     end(gateway->own_win_server, gateway->win_server);
     end(gateway->own_downloads, gateway->downloads); // then its threads, which use the store

@@ -71,4 +71,22 @@ int call_queue::handle_wake_up(zloop_t* /*loop*/, zmq_pollitem_t* /*item*/, void
     return 0;
 }
 
+void call_queue_slot::set(std::shared_ptr<call_queue> queue) noexcept
+{
+    const mutex_guard lock(m_mutex);
+    m_queue.swap(queue);
+}
+
+bool call_queue_slot::post(std::function<void()> call) noexcept
+{
+    std::shared_ptr<call_queue> queue;
+    {
+        const mutex_guard lock(m_mutex);
+        queue = m_queue;
+    }
+    if (queue)
+        queue->post(std::move(call));
+    return queue != nullptr;
+}
+
 } // namespace rtls

@@ -14,6 +14,7 @@
 #include <czmq.h>
 
 #include <functional>
+#include <memory>
 #include <vector>
 
 namespace rtls {
@@ -42,6 +43,20 @@ private:
     annotated_mutex m_mutex;
     std::vector<std::function<void()>> m_calls RTLS_GUARDED_BY(m_mutex);
     bool m_is_closed RTLS_GUARDED_BY(m_mutex) = false;
+};
+
+// Where threads that an actor does not know find its queue, while it has one.
+// Threads    Any.
+class call_queue_slot {
+public:
+    // Null: there is none any more.
+    void set(std::shared_ptr<call_queue> queue) noexcept;
+    // False while there is none. As call_queue::post: a call may be dropped later, too.
+    bool post(std::function<void()> call) noexcept;
+
+private:
+    annotated_mutex m_mutex;
+    std::shared_ptr<call_queue> m_queue RTLS_GUARDED_BY(m_mutex);
 };
 
 } // namespace rtls

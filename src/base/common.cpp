@@ -1,5 +1,6 @@
 #include "base/common.h"
 
+#include "base/counter.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
@@ -78,6 +79,7 @@ dbg_print_ts_impl(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t se
 }
 
 static thread_local bool dbg_is_held = false;
+static shared_counter held_lines;
 
 void dbg_hold(bool is_held) noexcept
 {
@@ -86,9 +88,12 @@ void dbg_hold(bool is_held) noexcept
 
 bool dbg_is_wanted(dbg_section_t section)
 {
-    if (dbg_is_held)
-        return false;
-    return is_streamed(section) || logger_debug_is_wanted(section_logger(section));
+    const bool is_wanted = is_streamed(section) || logger_debug_is_wanted(section_logger(section));
+    if (!dbg_is_held)
+        return is_wanted;
+    if (is_wanted)
+        held_lines.add();
+    return false;
 }
 
 tav_timestamp_t get_current_time(void)
@@ -117,6 +122,16 @@ void dbg_print_ts(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t se
     va_start(args, format);
     dbg_print_ts_impl(dbg_sock, timestamp, section, channel, format, args);
     va_end(args);
+}
+
+uint64_t dbg_lines_lost() noexcept
+{
+    return stream_watch.lost();
+}
+
+uint64_t dbg_lines_held() noexcept
+{
+    return held_lines.value();
 }
 
 void dbg_stream_stopping() noexcept

@@ -3,8 +3,10 @@
 // A holder says how much it takes; who would take more asks the sum. Who gives way is decided by those who
 // know the holders.
 // Ownership  A sum outlives the parts that joined it. A part leaves it when it goes.
-// Threads    None of its own. Nothing waits, nothing fails.
+// Threads    None of its own, but that any may read a sum. Nothing waits, nothing fails.
 #pragma once
+
+#include "base/counter.h"
 
 #include <cstddef>
 
@@ -13,11 +15,11 @@ namespace rtls {
 class memory_sum {
 public:
     // Of all parts.
-    size_t bytes() const noexcept { return m_bytes; }
+    size_t bytes() const noexcept { return m_bytes.value(); }
 
 private:
     friend class memory_part;
-    size_t m_bytes = 0;
+    level m_bytes;
 };
 
 // What one holder takes. It counts nowhere until it has joined a sum.
@@ -38,7 +40,7 @@ public:
     void set(size_t bytes) noexcept
     {
         if (m_sum)
-            m_sum->m_bytes += bytes - m_bytes;
+            m_sum->m_bytes.set(m_sum->m_bytes.value() + bytes - m_bytes);
         m_bytes = bytes;
     }
     size_t bytes() const noexcept { return m_bytes; }

@@ -59,6 +59,9 @@ public:
         return true;
     }
 
+    // How many have been lost in all episodes.
+    uint64_t lost() const noexcept { return m_lost.load(std::memory_order_relaxed); }
+
     // Whether an episode has begun and not ended.
     bool is_overflowing() const noexcept { return m_since_ms.load(std::memory_order_relaxed) != none; }
 
@@ -82,18 +85,32 @@ private:
 
     void say_losses(int64_t since) noexcept
     {
-        const auto lost = static_cast<unsigned long long>(m_lost.exchange(0, std::memory_order_relaxed));
+        const auto lost = static_cast<unsigned long long>(take_unsaid());
         if (lost == 0)
             return; // a stop has said it
         const auto time = static_cast<long long>(now_ms() - since);
         logger_info(g_logger, "Overflow %s: %llu lost in %lld ms", m_name, lost, time);
     }
 
+    // The losses that have not been said, which are said from now on.
+    uint64_t take_unsaid() noexcept
+    {
+        uint64_t said = m_said.load(std::memory_order_relaxed);
+        for (;;) {
+            const uint64_t all = lost();
+            if (all <= said)
+                return 0; // another thread has taken them
+            if (m_said.compare_exchange_weak(said, all, std::memory_order_relaxed))
+                return all - said;
+        }
+    }
+
     const char* m_overflow_text;
     const char* m_exemption_text;
     const char* m_name;
     std::atomic<int64_t> m_since_ms{none}; // the episode's first loss, by the monotonic clock
-    std::atomic<uint64_t> m_lost{0};       // and not said yet
+    std::atomic<uint64_t> m_lost{0};       // since the start
+    std::atomic<uint64_t> m_said{0};       // of these
 };
 
 } // namespace rtls

@@ -13,9 +13,15 @@
 
 namespace rtls {
 
-// Sends one request (5 to 800 bytes) down the WIN client of its node. False, after a debug line, when it was
-// refused; true says nothing of the delivery. `asking`: the client that the request answers, which gets it
+// Sends one request (5 to 800 bytes) down the WIN client of its node. What is refused is told by a debug line.
+// `asking`: the client that the request answers, which gets it
 // when its node has no route of its own; without one every client does.
+command_outcome forward_generic(WIN_SERVER_t& server, bytes_view request, WIN_CLIENT_t* asking = nullptr);
+
+// Whether a request with this outcome was on its way, whatever became of it then.
+bool was_forwarded(command_outcome outcome) noexcept;
+
+// The same by handle. False when it was refused; true says nothing of the delivery.
 bool generic_process(WIN_SERVER_t* server, const uint8_t* buf, size_t parsedlen,
                      WIN_CLIENT_t* asking = nullptr);
 

@@ -17,14 +17,30 @@ std::optional<node_route> find_route(WIN_SERVER_t* server, bytes_view mac)
     return node ? std::optional{route_of(*node)} : std::nullopt;
 }
 
-void send_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view frame, WIN_CLIENT_t* asking)
+static delivery deliver(WIN_SERVER_t& server, const node_route& route, bytes_view frame, WIN_CLIENT_t* asking)
 {
     if (route.client)
-        data_to_bridge(*server, bytes_view{route.client->bytes}.first(route.client->size), frame);
-    else if (asking)
-        data_to_bridge(*server, frame_bytes(asking->id), frame);
-    else
-        data_to_all_bridges(*server, frame);
+        return data_to_bridge(server, bytes_view{route.client->bytes}.first(route.client->size), frame);
+    return asking ? data_to_bridge(server, frame_bytes(asking->id), frame)
+                  : data_to_all_bridges(server, frame);
+}
+
+command_outcome send_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view frame,
+                             WIN_CLIENT_t* asking)
+{
+    switch (deliver(*server, route, frame, asking)) {
+    case delivery::sent:
+        return command_outcome::sent;
+    case delivery::cached:
+        return command_outcome::cached;
+    case delivery::lost:
+        return command_outcome::lost;
+    case delivery::no_bridge:
+        return command_outcome::no_bridge;
+    case delivery::not_made:
+        break;
+    }
+    return command_outcome::out_of_memory;
 }
 
 } // namespace rtls

@@ -20,8 +20,8 @@ std::optional<node_route> find_route(WIN_SERVER_t* server, bytes_view mac);
 // Sends a frame to the route's client. A node without one, heard of only by way of other clients, is sent
 // it through the connection `asking` that has asked for the frame, if there is one: the request came that
 // way, so the answer reaches it, and no bridge makes us write to the others. What nobody has asked for goes
-// through every bridge: one of them reaches the node.
-void send_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view frame,
-                  WIN_CLIENT_t* asking = nullptr);
+// through every bridge: one of them reaches the node. The result is the best that any of them got then.
+command_outcome send_to_node(WIN_SERVER_t* server, const node_route& route, bytes_view frame,
+                             WIN_CLIENT_t* asking = nullptr);
 
 } // namespace rtls

@@ -31,8 +31,10 @@ bool firmware_interception(WIN_SERVER_t* server, const uint8_t* buf, size_t pars
     if (!carries_firmware_page(request))
         return false;
     const auto page = read_ota_page_request(request); // the same head
-    return page && ota->set_firmware_page(page->git_id, page->crc32, page->page_size, page->page_number,
-                                          request.data() + ota_page::size);
+    const bool is_stored = page && ota->set_firmware_page(page->git_id, page->crc32, page->page_size,
+                                                          page->page_number, request.data() + ota_page::size);
+    server->counts.pages_seen[is_stored ? page_seen_outcome::stored : page_seen_outcome::refused].add();
+    return is_stored;
 }
 
 } // namespace rtls

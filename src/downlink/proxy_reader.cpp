@@ -28,11 +28,13 @@ static void process_text(WIN_SERVER_t* server, const char* text)
     constexpr char function[] = "handle_pub_sub_proxy";
     const size_t data_size = strlen(text) / 2;
     if (data_size <= sizeof(gwCmdID_t)) {
+        server->counts.note(command_type::undecodable, command_outcome::malformed);
         logger_error(g_logger, "%s: wrong size of input data!", function);
         return;
     }
     const std::unique_ptr<uint8_t[]> data{new (std::nothrow) uint8_t[data_size]};
     if (!data) {
+        server->counts.note(command_type::undecodable, command_outcome::out_of_memory);
         logger_error(g_logger, str_out_of_memory, function);
         return;
     }
@@ -40,6 +42,7 @@ static void process_text(WIN_SERVER_t* server, const char* text)
     // looks at what follows the last pair, and refuses the text for trailing garbage.
     const auto limit = static_cast<ssize_t>(data_size);
     if (string_to_uint8_arr(text, data.get(), limit) != limit) {
+        server->counts.note(command_type::undecodable, command_outcome::malformed);
         logger_error(g_logger, "%s: string_to_uint8_arr: wrong input data!", function);
         return;
     }
@@ -47,7 +50,7 @@ static void process_text(WIN_SERVER_t* server, const char* text)
 }
 
 // The next text, zero-terminated; or null with the reason logged.
-static char* receive_text(zsock_t* reader)
+static char* receive_text(WIN_SERVER_t& server, zsock_t* reader)
 {
     constexpr char function[] = "handle_pub_sub_proxy";
     message_part part;
@@ -56,12 +59,15 @@ static char* receive_text(zsock_t* reader)
         return nullptr;
     }
     if (part.size() > text_limit) {
+        server.counts.note(command_type::undecodable, command_outcome::malformed);
         logger_error(g_logger, "%s: a text of %zu bytes is too long!", function, part.size());
         return nullptr;
     }
     char* text = strndup(reinterpret_cast<const char*>(part.data()), part.size());
-    if (!text)
+    if (!text) {
+        server.counts.note(command_type::undecodable, command_outcome::out_of_memory);
         logger_error(g_logger, str_out_of_memory, function);
+    }
     return text;
 }
 
@@ -73,7 +79,7 @@ int handle_pub_sub_proxy(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noe
     // Before anything else: even a failed receive is a sign of life.
     server->proxy_is_silent = false;
 
-    const zstr_ptr text{receive_text(reader)};
+    const zstr_ptr text{receive_text(*server, reader)};
     if (!text)
         return 0;
     dbg_print(server->dbg_client_sock, DBG_RAW, "PROXY_RAW_INPUT", "%s", text.get());

@@ -41,21 +41,21 @@ static std::unique_ptr<char[]> copy_text(bytes_view text)
 
 // --- one step for each type
 
-static void ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
+static command_outcome ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
 {
     if (data.size() <= ota_upload::size) {
         logger_error(g_logger, "%s (MSG_OTA_UPLOAD_FW): msg too short %lu", dispatcher, data.size());
-        return;
+        return command_outcome::malformed;
     }
     const size_t expected = ota_upload::size + load_be16(data, ota_upload::len);
     if (data.size() != expected) {
         logger_error(g_logger, "%s (MSG_OTA_UPLOAD_FW): msg wrong size rcvd:%lu  expected:%lu", dispatcher,
                      data.size(), expected);
-        return;
+        return command_outcome::malformed;
     }
     const std::unique_ptr<char[]> url = copy_text(data.subspan(ota_upload::size));
     if (!url)
-        return;
+        return command_outcome::out_of_memory;
     const uint32_t git_ver = load_be32(data, ota_upload::git_ver);
     const uint32_t crc32 = load_be32(data, ota_upload::crc32);
     zsock_t* dbg = server->dbg_client_sock;
@@ -63,36 +63,37 @@ static void ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
               url.get());
 
     fetch_for_store(*server, url.get(), git_ver, crc32);
+    return command_outcome::ordered;
 }
 
-static void forward_network_data(WIN_SERVER_t* server, const node_route& route, bytes_view block)
+static command_outcome forward_network_data(WIN_SERVER_t* server, const node_route& route, bytes_view block)
 {
     // On the stack, and not cleared: the builder writes every byte that is sent.
     std::array<uint8_t, network_block_max + node_request_overhead> frame;
     const size_t size = node_request_frame(frame, route, block, {});
-    send_to_node(server, route, bytes_view{frame}.first(size));
+    return send_to_node(server, route, bytes_view{frame}.first(size));
 }
 
-static void nwk_data_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome nwk_data_req(WIN_SERVER_t* server, bytes_view data)
 {
     if (data.size() < network_data::size) {
         logger_error(g_logger, "%s (MSG_NWK_DATA_15_4_REQ): wrong size %lu", dispatcher, data.size());
-        return;
+        return command_outcome::malformed;
     }
     const uint16_t p_len = load_be16(data, network_data::p_len);
     if (data.size() > UINT16_MAX || data.size() != p_len + network_data::size) {
         logger_error(g_logger, "%s (MSG_NWK_DATA_15_4_REQ): wrong p_len %u", dispatcher, p_len);
-        return;
+        return command_outcome::malformed;
     }
     const bytes_view mac = data.last(mac_size);
     zsock_t* dbg = server->dbg_client_sock;
     const auto route = find_route(server, mac);
     if (!route) {
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_NWK_DATA_15_4_REQ dst %02X%02X not found", mac[6], mac[7]);
-        return;
+        return command_outcome::node_not_found;
     }
     dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_NWK_DATA_15_4_REQ dst:%02X%02X", mac[6], mac[7]);
-    forward_network_data(server, *route, data.first(data.size() - mac_size));
+    return forward_network_data(server, *route, data.first(data.size() - mac_size));
 }
 
 static void print_node_configuration(const WIN_SERVER_t* server, bytes_view data)
@@ -123,91 +124,94 @@ static std::array<uint8_t, srvMsgConfigNode_t::long_addr> node_configuration(byt
     return out;
 }
 
-static void conf_node_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome conf_node_req(WIN_SERVER_t* server, bytes_view data)
 {
     if (data.size() != srvMsgConfigNode_t::size) {
         logger_error(g_logger, "%s (MSG_CONF_NODE_REQ): wrong size %lu", dispatcher, data.size());
-        return;
+        return command_outcome::malformed;
     }
     const bytes_view mac = data.subspan(srvMsgConfigNode_t::long_addr);
     const auto route = find_route(server, mac);
     if (!route) {
         dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_CONF_NODE_REQ dst %02X%02X not found",
                   mac[6], mac[7]);
-        return;
+        return command_outcome::node_not_found;
     }
     print_node_configuration(server, data);
     std::array<uint8_t, srvMsgConfigNode_t::long_addr + node_request_overhead> frame{};
     const size_t size = node_request_frame(frame, *route, node_configuration(data), mac);
-    send_to_node(server, *route, bytes_view{frame}.first(size));
+    return send_to_node(server, *route, bytes_view{frame}.first(size));
 }
 
-static void fw_image_avail_ind(WIN_SERVER_t* server, bytes_view data)
+static command_outcome fw_image_avail_ind(WIN_SERVER_t* server, bytes_view data)
 {
     using msg = gwMsgFwImageAvailInd_t;
     if (data.size() < msg::size + 2) {
         logger_error(g_logger, "%s (MSG_FW_IMAGE_AVAIL_IND): msg too short %lu", dispatcher, data.size());
-        return;
+        return command_outcome::malformed;
     }
     const size_t expected = msg::size + load_be16(data, msg::len);
     if (data.size() != expected) {
         logger_error(g_logger, "%s (MSG_FW_IMAGE_AVAIL_IND): msg wrong size rcvd:%lu  expected:%lu",
                      dispatcher, data.size(), expected);
-        return;
+        return command_outcome::malformed;
     }
     const std::unique_ptr<char[]> url = copy_text(data.subspan(msg::size));
     if (!url)
-        return;
+        return command_outcome::out_of_memory;
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY",
               "MSG_FW_IMAGE_AVAIL_IND mgd: %08X crc: %08X url: %s", load_le32(data, msg::sh1),
               load_le32(data, msg::crc32), url.get());
     fetch_announced(*server, url.get(), load_be32(data, msg::crc32), load_le32(data, msg::crc32));
+    return command_outcome::ordered;
 }
 
-static void generic_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome generic_req(WIN_SERVER_t* server, bytes_view data)
 {
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_GENERIC_REQ");
-    if (generic_process(server, data.data(), data.size()))
+    const command_outcome outcome = forward_generic(*server, data);
+    if (was_forwarded(outcome))
         firmware_interception(server, data.data(), data.size());
+    return outcome;
 }
 
-static void sensor_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome sensor_req(WIN_SERVER_t* server, bytes_view data)
 {
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_SENSOR_REQ");
-    generic_process(server, data.data(), data.size());
+    return forward_generic(*server, data);
 }
 
-static void conf_sensor_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome conf_sensor_req(WIN_SERVER_t* server, bytes_view data)
 {
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_CONF_SENSOR_REQ");
-    generic_process(server, data.data(), data.size());
+    return forward_generic(*server, data);
 }
 
-static void tdoa_sched_conf_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome tdoa_sched_conf_req(WIN_SERVER_t* server, bytes_view data)
 {
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_TDOA_SCHED_CONF_REQ");
-    generic_process(server, data.data(), data.size());
+    return forward_generic(*server, data);
 }
 
-static void rest_ack(WIN_SERVER_t* server, bytes_view data)
+static command_outcome rest_ack(WIN_SERVER_t* server, bytes_view data)
 {
     if (data.size() != srvMsgAck_t::size) {
         logger_error(g_logger, "%s (MSG_REST_ACK): wrong size %lu", dispatcher, data.size());
-        return;
+        return command_outcome::malformed;
     }
     const bytes_view mac = data.subspan(srvMsgAck_t::long_addr);
     zsock_t* dbg = server->dbg_client_sock;
     const auto route = find_route(server, mac);
     if (!route) {
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK node: %02X%02X not found", mac[6], mac[7]);
-        return;
+        return command_outcome::node_not_found;
     }
     dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK dst: %02X%02X seq:%02X", mac[6], mac[7],
               data[srvMsgAck_t::seqNo]);
     std::array<uint8_t, gwMsgAck_t::size> frame{};
     // Bridges relay acknowledgements by address alone, so this type is never wrapped.
     node_request_direct(frame, *route, data.first(srvMsgAck_t::long_addr));
-    send_to_node(server, *route, frame);
+    return send_to_node(server, *route, frame);
 }
 
 namespace {
@@ -215,33 +219,43 @@ namespace {
 // A row is a type and the step that handles it; the function that walks the rows never grows.
 struct proxy_command {
     gwCmdID_t type;
-    void (*run)(WIN_SERVER_t* server, bytes_view data); // checks the size itself
+    command_type kind;
+    command_outcome (*run)(WIN_SERVER_t* server, bytes_view data); // checks the size itself
 };
 
 } // namespace
 
 static constexpr proxy_command proxy_commands[] = {
-    {MSG_OTA_UPLOAD_FW, ota_upload_fw},
-    {MSG_NWK_DATA_15_4_REQ, nwk_data_req},
-    {MSG_CONF_NODE_REQ, conf_node_req},
-    {MSG_FW_IMAGE_AVAIL_IND, fw_image_avail_ind},
-    {MSG_GENERIC_REQ, generic_req},
-    {MSG_REST_ACK, rest_ack},
-    {MSG_SENSOR_REQ, sensor_req},
-    {MSG_CONF_SENSOR_REQ, conf_sensor_req},
-    {MSG_TDOA_SCHED_CONF_REQ, tdoa_sched_conf_req},
+    {MSG_OTA_UPLOAD_FW, command_type::ota_upload_fw, ota_upload_fw},
+    {MSG_NWK_DATA_15_4_REQ, command_type::nwk_data_req, nwk_data_req},
+    {MSG_CONF_NODE_REQ, command_type::conf_node_req, conf_node_req},
+    {MSG_FW_IMAGE_AVAIL_IND, command_type::fw_image_avail_ind, fw_image_avail_ind},
+    {MSG_GENERIC_REQ, command_type::generic_req, generic_req},
+    {MSG_REST_ACK, command_type::rest_ack, rest_ack},
+    {MSG_SENSOR_REQ, command_type::sensor_req, sensor_req},
+    {MSG_CONF_SENSOR_REQ, command_type::conf_sensor_req, conf_sensor_req},
+    {MSG_TDOA_SCHED_CONF_REQ, command_type::tdoa_sched_conf_req, tdoa_sched_conf_req},
 };
 
-// Runs the step of the command's type; its type is swapped already. What no row names is printed.
-static void dispatch(WIN_SERVER_t* server, bytes_view data)
+static const proxy_command* find_command(gwCmdID_t type)
 {
-    const gwCmdID_t type = load_le16(data, msgGeneric_t::msgType);
     for (const proxy_command& command : proxy_commands)
         if (command.type == type)
-            return command.run(server, data);
-    dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "Received unknown type: %04X", type);
+            return &command;
+    return nullptr;
 }
 
+// Runs the step of the command's type; its type is swapped already. What no row names is printed.
+static command_outcome dispatch(WIN_SERVER_t* server, const proxy_command* command, bytes_view data)
+{
+    if (command)
+        return command->run(server, data);
+    dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "Received unknown type: %04X",
+              load_le16(data, msgGeneric_t::msgType));
+    return command_outcome::unknown_type;
+}
+
+// The one place where commands that could be read are counted: each once.
 bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t data_size)
 {
     if (any_null(__func__, server, data))
@@ -252,18 +266,21 @@ bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t
         return false;
     }
     if (data_size < proxy_command_min) {
+        server->counts.note(command_type::undecodable, command_outcome::malformed);
         logger_error(g_logger, "%s: invalid input data!", __func__);
         return false;
     }
     // The one field that changes its byte order: what goes on to a bridge starts little-endian.
     std::swap(data[0], data[1]);
+    const bytes_view bytes{data, data_size};
+    const proxy_command* command = find_command(load_le16(bytes, msgGeneric_t::msgType));
+    const command_type kind = command ? command->kind : command_type::other;
 
     timeval now{};
     gettimeofday(&now, nullptr);
-    if (spam_filter(nodes, data, data_size, now))
-        return false;
-    dispatch(server, {data, data_size});
-    return true;
+    const bool is_repeat = spam_filter(nodes, data, data_size, now);
+    server->counts.note(kind, is_repeat ? command_outcome::repeat : dispatch(server, command, bytes));
+    return !is_repeat;
 }
 
 } // namespace rtls

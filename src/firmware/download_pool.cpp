@@ -36,6 +36,7 @@ bool download_pool::order(std::function<void()> work, const std::string& lane, c
 try {
     const mutex_guard lock(m_mutex);
     if (!has_room(ordered_by)) {
+        ++m_load.refused;
         logger_error(g_logger, "download_pool: %zu downloads wait already", m_waiting.size());
         return false;
     }
@@ -49,6 +50,14 @@ try {
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, "download_pool");
     return false;
+}
+
+download_pool::load download_pool::current_load()
+{
+    const mutex_guard lock(m_mutex);
+    load now = m_load;
+    now.waiting = m_waiting.size();
+    return now;
 }
 
 bool download_pool::add_thread()
@@ -80,6 +89,7 @@ bool download_pool::take(job& next)
         m_busy_lanes.insert(found->lane); // the only step that may throw comes first
     next = std::move(*found);
     m_waiting.erase(found);
+    ++m_load.running;
     if (next.ordered_by == customer::operators) {
         --m_waiting_of_operators;
         ++m_running_of_operators;
@@ -96,6 +106,7 @@ void download_pool::carry_out(job& now)
     }
     now.work = nullptr; // frees what it owns before others hear of its end
     const mutex_guard lock(m_mutex);
+    --m_load.running;
     m_busy_lanes.erase(now.lane);
     if (now.ordered_by == customer::operators)
         --m_running_of_operators;

@@ -14,6 +14,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <set>
@@ -36,6 +37,14 @@ public:
     ~download_pool();
     download_pool(const download_pool&) = delete;
     download_pool& operator=(const download_pool&) = delete;
+
+    // What it does now, and what it had to refuse so far. Any thread.
+    struct load {
+        size_t running = 0;
+        size_t waiting = 0;
+        uint64_t refused = 0;
+    };
+    load current_load();
 
     // Has `work` done on a thread of the pool. `lane`: orders of the same one wait for each other; "": waits
     // for no other. What `work` throws for lack of memory is logged, and the order forgotten.
@@ -61,6 +70,7 @@ private:
     std::deque<job> m_waiting RTLS_GUARDED_BY(m_mutex);
     std::set<std::string> m_busy_lanes RTLS_GUARDED_BY(m_mutex);
     size_t m_idle RTLS_GUARDED_BY(m_mutex) = 0; // threads
+    load m_load RTLS_GUARDED_BY(m_mutex);       // but for what waits
     size_t m_waiting_of_operators RTLS_GUARDED_BY(m_mutex) = 0;
     size_t m_running_of_operators RTLS_GUARDED_BY(m_mutex) = 0;
     bool m_is_ending RTLS_GUARDED_BY(m_mutex) = false;

@@ -247,6 +247,42 @@ static CURLcode wait_for_turn(milliseconds timeout)
     return CURLE_OK;
 }
 
+static transfer_counters counts;
+
+const transfer_counters& image_download_counters() noexcept
+{
+    return counts;
+}
+
+static void count(transfer_outcome outcome)
+{
+    counts.transfers[static_cast<size_t>(outcome)].add();
+}
+
+static transfer_outcome outcome_of(CURLcode rc)
+{
+    switch (rc) {
+    case CURLE_OK:
+        return transfer_outcome::complete;
+    case CURLE_OPERATION_TIMEDOUT:
+        return transfer_outcome::timed_out;
+    case CURLE_ABORTED_BY_CALLBACK:
+        return transfer_outcome::stopped;
+    default:
+        return transfer_outcome::failed;
+    }
+}
+
+static void count_cost(CURL* curl)
+{
+    curl_off_t bytes = 0;
+    curl_off_t microseconds = 0;
+    if (curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &bytes) == CURLE_OK)
+        counts.bytes.add(static_cast<uint64_t>(bytes));
+    if (curl_easy_getinfo(curl, CURLINFO_TOTAL_TIME_T, &microseconds) == CURLE_OK)
+        counts.microseconds.add(static_cast<uint64_t>(microseconds));
+}
+
 static CURLcode perform(const char* url, image_receiver& receiver, milliseconds timeout)
 {
     if (const CURLcode rc = wait_for_turn(timeout); rc != CURLE_OK)
@@ -261,6 +297,7 @@ static CURLcode perform(const char* url, image_receiver& receiver, milliseconds 
     CURLcode rc = set_options(curl.get(), url, receiver, timeout);
     if (rc == CURLE_OK)
         rc = curl_easy_perform(curl.get());
+    count_cost(curl.get());
     return rc == CURLE_OK && receiver.failed() ? CURLE_WRITE_ERROR : rc;
 }
 
@@ -313,15 +350,18 @@ static void refuse_source(const char* url, const image_download_options& options
 std::optional<downloaded_image> image_download(const char* url, const image_download_options& options)
 {
     if (!may_come_from(url)) {
+        count(transfer_outcome::forbidden);
         refuse_source(url, options);
         return std::nullopt;
     }
     image_receiver receiver{options};
     if (!receiver.is_ready()) {
+        count(transfer_outcome::failed);
         logger_error(g_logger, "%s error regcomp %s", options.caller, errno_text{errno}.c_str());
         return std::nullopt;
     }
     const CURLcode rc = perform(url, receiver, options.timeout);
+    count(outcome_of(rc));
     if (rc != CURLE_OK) {
         logger_error(g_logger, "curl_easy_perform failed: %s", curl_easy_strerror(rc));
         note_failure(options.reason, rc);

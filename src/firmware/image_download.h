@@ -11,9 +11,11 @@
 // Failures   Logged; a failed download leaves nothing behind. Nothing throws.
 #pragma once
 
+#include "base/counter.h"
 #include "base/czmq_ptr.h"
 #include "base/posix_regex.h"
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -62,6 +64,17 @@ void image_download_only_from(std::vector<std::string> prefixes);
 
 // Downloads an image; nothing when that fails.
 std::optional<downloaded_image> image_download(const char* url, const image_download_options& options);
+
+// What becomes of a transfer. Whether its image is kept is for who has asked for it.
+enum class transfer_outcome : uint8_t { complete, failed, timed_out, stopped, forbidden, kinds };
+
+// Of all transfers of the process; any thread reads.
+struct transfer_counters {
+    std::array<shared_counter, static_cast<size_t>(transfer_outcome::kinds)> transfers;
+    shared_counter bytes;        // received, of those that failed, too
+    shared_counter microseconds; // from their beginning to their end, without the wait for a turn
+};
+const transfer_counters& image_download_counters() noexcept;
 
 // The receiving end of one transfer: turns headers and body into an image, and never holds more than
 // was announced. For image_download, and for tests without a network.

@@ -73,6 +73,16 @@ public:
         return found;
     }
 
+    // Calls visit(const WIN_CLIENT_t&) for each client under the lock: any thread, for a moment. It may read
+    // what is said to be read by any.
+    template <typename Visitor>
+    void for_each_locked(Visitor visit)
+    {
+        const mutex_guard guard{m_mutex};
+        for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get()))
+            visit(static_cast<const WIN_CLIENT_t&>(*static_cast<WIN_CLIENT_t*>(item)));
+    }
+
     // What other threads may know, in table order. Throws std::bad_alloc.
     std::vector<win_client_info> copy();
 

@@ -21,6 +21,7 @@ public:
     WIN_CLIENT_t* client() const noexcept { return m_client; }
 
     bool empty() const noexcept { return m_number == 0; }
+    size_t number() const noexcept { return m_number; } // of messages
     // False when there is no room for one more.
     bool add(bytes_view message) noexcept;
     bytes_view bytes() const noexcept { return {m_bytes.data(), m_used}; }

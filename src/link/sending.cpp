@@ -64,33 +64,34 @@ static WIN_CLIENT_t* find_client(WIN_SERVER_t& server, bytes_view identity)
                : server.clients.find(identity_key{identity}.c_str());
 }
 
-bool data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data)
+delivery data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data)
 {
     const encoded_message message{data};
     if (!can_send(server, message))
-        return false;
+        return delivery::not_made;
     WIN_CLIENT_t* client = find_client(server, identity);
-    if (client)
-        encoded_to_win_client(&server, client, message.bytes());
-    return client != nullptr;
+    return client ? encoded_to_win_client(&server, client, message.bytes()) : delivery::no_bridge;
 }
 
-bool data_to_all_bridges(WIN_SERVER_t& server, bytes_view data)
+delivery data_to_all_bridges(WIN_SERVER_t& server, bytes_view data)
 {
     const encoded_message message{data};
     if (!can_send(server, message))
-        return false;
-    server.clients.for_each(
-        [&](WIN_CLIENT_t& client) { encoded_to_win_client(&server, &client, message.bytes()); });
-    return true;
+        return delivery::not_made;
+    auto best = delivery::no_bridge;
+    server.clients.for_each([&](WIN_CLIENT_t& client) {
+        best = std::min(best, encoded_to_win_client(&server, &client, message.bytes()));
+    });
+    return best;
 }
 
 bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size)
 {
     if (any_null(__func__, server, data))
         return false;
-    return client_id ? data_to_bridge(*server, frame_bytes(client_id), {data, size})
-                     : data_to_all_bridges(*server, {data, size});
+    if (!client_id)
+        return data_to_all_bridges(*server, {data, size}) != delivery::not_made;
+    return data_to_bridge(*server, frame_bytes(client_id), {data, size}) < delivery::no_bridge;
 }
 
 // Hands bytes to the client's connection. False, and none of them is gone, when it takes none.
@@ -103,7 +104,9 @@ static bool send_bytes(WIN_SERVER_t& server, bytes_view identity, bytes_view byt
         return false;
     }
     const bool sent = stream_send(server.win_sock, identity, frame);
-    if (!sent && errno != EAGAIN)
+    if (sent)
+        server.counts.bytes_out.add(bytes.size());
+    else if (errno != EAGAIN)
         log_call_error(function, "zframe_send");
     return sent;
 }
@@ -128,21 +131,32 @@ static size_t send_in_pieces(WIN_SERVER_t& server, bytes_view identity, bytes_vi
     return sent;
 }
 
+static delivery cache(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view encoded)
+{
+    return data_to_cache(&server, &client, encoded.data(), encoded.size()) ? delivery::cached
+                                                                           : delivery::lost;
+}
+
 // Sends a message, after those that wait, or caches it.
-static void send_or_cache(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view encoded)
+static delivery send_or_cache(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view encoded)
 {
     if (!client.unsent_messages.empty()) {
-        data_to_cache(&server, &client, encoded.data(), encoded.size());
+        const delivery done = cache(server, client, encoded);
         unsent_messages_to_win_client(&server, &client);
-        return;
+        return done;
     }
     const size_t sent = send_in_pieces(server, frame_bytes(client.id), encoded);
-    if (sent == encoded.size())
+    if (sent == encoded.size()) {
+        server.counts.bridge_messages_sent.add();
         print_output(server, frame_bytes(client.id), encoded);
-    else if (data_to_cache(&server, &client, encoded.data(), encoded.size())) {
+        return delivery::sent;
+    }
+    const delivery done = cache(server, client, encoded);
+    if (done == delivery::cached) {
         client.unsent_messages.advance(sent, [](bytes_view, size_t) {});
         flush_soon(server);
     }
+    return done;
 }
 
 // --- answers to the client whose bytes are being read
@@ -152,24 +166,26 @@ static void send_gathered(WIN_SERVER_t& server, WIN_CLIENT_t& client)
     gathered_answers& answers = server.answers;
     if (answers.empty())
         return;
-    if (!send_bytes(server, frame_bytes(client.id), answers.bytes())) {
-        answers.for_each(
-            [&](bytes_view message) { data_to_cache(&server, &client, message.data(), message.size()); });
+    if (send_bytes(server, frame_bytes(client.id), answers.bytes()))
+        server.counts.bridge_messages_sent.add(answers.number());
+    else {
+        answers.for_each([&](bytes_view message) { cache(server, client, message); });
         flush_soon(server);
     }
     answers.clear();
 }
 
 // While messages wait for the client, none is gathered: they keep their order.
-static void gather(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view encoded)
+static delivery gather(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view encoded)
 {
     if (!client.unsent_messages.empty())
-        data_to_cache(&server, &client, encoded.data(), encoded.size()); // end_answers offers it
-    else if (!server.answers.add(encoded)) {
-        send_gathered(server, client);
-        if (!client.unsent_messages.empty() || !server.answers.add(encoded))
-            send_or_cache(server, client, encoded);
-    }
+        return cache(server, client, encoded); // end_answers offers it
+    if (server.answers.add(encoded))
+        return delivery::sent;
+    send_gathered(server, client);
+    if (client.unsent_messages.empty() && server.answers.add(encoded))
+        return delivery::sent;
+    return send_or_cache(server, client, encoded);
 }
 
 void begin_answers(WIN_SERVER_t& server, WIN_CLIENT_t& client)
@@ -191,12 +207,10 @@ void end_answers(WIN_SERVER_t& server)
         unsent_messages_to_win_client(&server, client);
 }
 
-void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded)
+delivery encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded)
 {
-    if (server->answers.is_for(*client))
-        gather(*server, *client, encoded);
-    else
-        send_or_cache(*server, *client, encoded);
+    return server->answers.is_for(*client) ? gather(*server, *client, encoded)
+                                           : send_or_cache(*server, *client, encoded);
 }
 
 bool bytes_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
@@ -236,6 +250,8 @@ void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id)
     const identity_key key{client_id}; // client_id may go with the record
     close_connection(*server, client_id, key);
     server->closed_ids.remember(key.c_str());
+    if (const WIN_CLIENT_t* client = server->clients.find(key.c_str()))
+        lose_with_bridge(*server, *client);
     server->clients.erase(key.c_str());
 }
 

@@ -12,19 +12,19 @@
 
 namespace rtls {
 
-// Frames one message and sends or caches it, to the client with this identity. False when it does not exist,
-// or memory is short.
-bool data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data);
+// Frames one message and sends or caches it, to the client with this identity.
+delivery data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data);
 
-// The same to every client. False when memory is short.
-bool data_to_all_bridges(WIN_SERVER_t& server, bytes_view data);
+// The same to every client; the best that any of them got.
+delivery data_to_all_bridges(WIN_SERVER_t& server, bytes_view data);
 
-// Either of them, by handle: null means every client.
+// Either of them, by handle: null means every client. False when the client does not exist, or memory is
+// short.
 bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size);
 
 // Sends an encoded message to this client, after those that wait, or caches it. Does not look anything up
 // in the table, so that a walk over it may deliver to each client.
-void encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded);
+delivery encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded);
 
 // Between these two, what is sent to this client gathers, and leaves in few pieces: the bytes and their order
 // are those of messages sent one by one. Other clients' messages leave at once. The client stays meanwhile.
@@ -37,7 +37,8 @@ bool bytes_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes
 // The same by handle.
 bool esc_data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t* data, size_t size);
 
-// Closes one client's connection and forgets the client. `client_id` may be the client's own.
+// Closes one client's connection and forgets the client, and what waits for it. `client_id` may be the
+// client's own.
 void delete_win_client(WIN_SERVER_t* server, zframe_t* client_id);
 
 } // namespace rtls

@@ -58,8 +58,8 @@ bool unsent_queue::append(bytes_view message) noexcept
     if (!message.empty())
         std::memcpy(to + sizeof size, message.data(), message.size());
     m_last->end += sizeof size + message.size();
-    ++m_size;
-    m_bytes += message.size();
+    m_size.set(m_size.value() + 1);
+    m_bytes.set(m_bytes.value() + message.size());
     return true;
 }
 
@@ -83,8 +83,8 @@ void unsent_queue::remove_front() noexcept
 {
     const size_t size = front().size();
     m_first->begin += sizeof(message_size) + size;
-    --m_size;
-    m_bytes -= size;
+    m_size.set(m_size.value() - 1);
+    m_bytes.set(m_bytes.value() - size);
     if (m_first->begin == m_first->end)
         free_first();
 }
@@ -99,7 +99,9 @@ void unsent_queue::clear() noexcept
 {
     while (m_first) // not left to the destructor of the first, which would go as deep as there are blocks
         free_first();
-    m_size = m_bytes = m_front_sent = 0;
+    m_size.set(0);
+    m_bytes.set(0);
+    m_front_sent = 0;
 }
 
 size_t unsent_queue::copy_next(std::span<uint8_t> to) const noexcept
@@ -153,6 +155,8 @@ static bool make_room(WIN_SERVER_t& server, const WIN_CLIENT_t& client, size_t s
             return false;
         }
         note_loss(*largest);
+        server.counts.bridge_messages_lost[bridge_message_loss::given_up].add(
+            largest->unsent_messages.size());
         largest->unsent_messages.clear();
     }
     return true;
@@ -163,16 +167,28 @@ bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* da
     if (any_null(__func__, server, client, data))
         return false;
     unsent_queue& queue = client->unsent_messages;
-    if (!queue.has_room(size) || !make_room(*server, *client, size))
+    auto& lost = server->counts.bridge_messages_lost;
+    if (!queue.has_room(size) || !make_room(*server, *client, size)) {
+        lost[bridge_message_loss::queue_full].add();
         return note_loss(*client);
+    }
     if (!queue.append({data, size})) {
+        lost[bridge_message_loss::out_of_memory].add();
         logger_error(g_logger, str_out_of_memory, __func__);
         return false;
     }
+    server->counts.bridge_messages_cached.add();
     if (dbg_is_wanted(DBG_RAW))
         dbg_print(server->dbg_client_sock, DBG_RAW, "SLIP_RAW_CACHE", "%s [%zu] cache size: %zu",
                   hex_text{{data, size}}.c_str(), size, queue.size());
     return true;
+}
+
+void lose_with_bridge(WIN_SERVER_t& server, const WIN_CLIENT_t& client) noexcept
+{
+    server.counts.bridge_messages_lost[bridge_message_loss::bridge_closed].add(client.unsent_messages.size());
+    if (client.parsing_state == PS_DATA || client.parsing_state == PS_ESCAPE)
+        server.counts.decoder.lost[frame_loss::unfinished].add();
 }
 
 static void print_flushed(WIN_SERVER_t& server, const WIN_CLIENT_t& client, bytes_view message, size_t left)
@@ -193,7 +209,9 @@ static bool send_piece(WIN_SERVER_t& server, WIN_CLIENT_t& client)
     message_part data{bytes_view{room.data(), size}};
     if (!data.is_made() || !stream_send(server.win_sock, frame_bytes(client.id), data))
         return false;
+    server.counts.bytes_out.add(size);
     queue.advance(size, [&](bytes_view message, size_t left) {
+        server.counts.bridge_messages_flushed.add();
         if (dbg_is_wanted(DBG_RAW))
             print_flushed(server, client, message, left);
     });

@@ -10,7 +10,9 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "base/counter.h"
 #include "base/memory_sum.h"
+#include "link/win_counters.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -43,13 +45,13 @@ public:
     unsent_queue(const unsent_queue&) = delete;
     unsent_queue& operator=(const unsent_queue&) = delete;
 
-    bool empty() const noexcept { return m_size == 0; }
-    size_t size() const noexcept { return m_size; }             // messages
-    size_t bytes() const noexcept { return m_bytes; }           // of all messages
+    bool empty() const noexcept { return size() == 0; }
+    size_t size() const noexcept { return m_size.value(); }     // messages; any thread may ask
+    size_t bytes() const noexcept { return m_bytes.value(); }   // of all messages; so may it here
     size_t memory() const noexcept { return m_memory.bytes(); } // that the queue takes
     bool has_room(size_t size) const noexcept
     {
-        return m_bytes + size <= unsent_messages_limit && m_size < unsent_messages_number_limit;
+        return bytes() + size <= unsent_messages_limit && this->size() < unsent_messages_number_limit;
     }
     // Counts the queue's memory there, too, from now on.
     void count_in(memory_sum& sum) noexcept { m_memory.join(sum); }
@@ -71,9 +73,9 @@ public:
     void advance(size_t bytes, Visitor sent)
     {
         m_front_sent += bytes;
-        while (m_size > 0 && m_front_sent >= front().size()) {
+        while (!empty() && m_front_sent >= front().size()) {
             m_front_sent -= front().size();
-            sent(front(), m_size - 1);
+            sent(front(), size() - 1);
             remove_front();
         }
     }
@@ -92,8 +94,8 @@ private:
 
     std::unique_ptr<block> m_first;
     block* m_last = nullptr;
-    size_t m_size = 0;
-    size_t m_bytes = 0;
+    level m_size;
+    level m_bytes;
     size_t m_front_sent = 0; // bytes of the oldest message that are sent
     memory_part m_memory;
 };
@@ -102,6 +104,9 @@ private:
 // a limit of theirs is reached. When it is the limit of all clients, the one that takes most loses what waits
 // for it, unless it is this one. The first loss of a client since its queue was last empty is logged.
 bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* data, size_t size);
+
+// The client's connection is closed: what waits for it is lost, and counted.
+void lose_with_bridge(WIN_SERVER_t& server, const WIN_CLIENT_t& client) noexcept;
 
 // Offers their unsent messages to all clients.
 void unsent_messages_to_win_clients(WIN_SERVER_t& server);

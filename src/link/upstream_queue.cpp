@@ -35,18 +35,32 @@ void upstream_queue::accepted()
     m_watch.accepted();
 }
 
+int64_t upstream_queue::now_ms()
+{
+    return m_now_ms = zclock_mono();
+}
+
+// With errno as the library left it.
+void upstream_queue::lose(upstream_loss cause)
+{
+    m_counts.lost[errno == EAGAIN ? cause : upstream_loss::error].add();
+    m_watch.refused(m_function, m_call);
+}
+
 void upstream_queue::send(void* socket, message_part& first, message_part* second, bool may_wait)
 {
     if (is_waiting() && keep(first, second)) // in order
         return;
-    if (!is_waiting() && send_whole(first, second, socket))
+    if (!is_waiting() && send_whole(first, second, socket)) {
+        m_counts.at_once.add();
         return accepted();
+    }
     if (is_waiting())
         errno = EAGAIN;
-    else if (errno == EAGAIN && may_wait && !m_watch.is_overflowing() && m_allowance.has_any(zclock_mono()) &&
+    else if (errno == EAGAIN && may_wait && !m_watch.is_overflowing() && m_allowance.has_any(now_ms()) &&
              keep(first, second))
         return;
-    m_watch.refused(m_function, m_call);
+    lose(upstream_loss::overflow);
 }
 
 // False, with errno as a full queue leaves it, when there is no room here either.
@@ -55,40 +69,56 @@ try {
     errno = EAGAIN;
     if (m_waiting.size() >= most_waiting)
         return false;
-    if (m_waiting.empty())
+    if (m_waiting.empty()) {
         m_waited_ms = 0;
+        m_waiting_since = m_now_ms;
+    }
     message& kept = m_waiting.emplace_back();
     kept.first.take(first);
     kept.has_second = second != nullptr;
     if (second)
         kept.second.take(*second);
+    m_counts.waiting.set(m_waiting.size());
     return true;
 } catch (const std::bad_alloc&) {
     errno = EAGAIN;
     return false;
 }
 
-void upstream_queue::drain(void* socket)
+// The number of messages that have been handed over.
+uint64_t upstream_queue::drain(void* socket)
 {
+    uint64_t handed_over = 0;
     while (is_waiting()) {
         message& next = m_waiting.front();
-        if (send_whole(next.first, next.has_second ? &next.second : nullptr, socket))
+        if (send_whole(next.first, next.has_second ? &next.second : nullptr, socket)) {
             accepted();
-        else if (errno == EAGAIN)
-            return;
+            ++handed_over;
+        } else if (errno == EAGAIN)
+            break;
         else
-            m_watch.refused(m_function, m_call);
+            lose(upstream_loss::error);
         m_waiting.pop_front();
     }
+    return handed_over;
+}
+
+void upstream_queue::note_late(uint64_t number)
+{
+    if (number > 0)
+        m_counts.after_wait.add((m_now_ms - m_waiting_since) * 1000, number);
 }
 
 void upstream_queue::retry(void* socket)
 {
     if (!is_waiting())
         return;
-    drain(socket);
+    const uint64_t handed_over = drain(socket);
     m_allowance.spend_ms(1);
-    if (++m_waited_ms >= patience_ms || !m_allowance.has_any(zclock_mono()))
+    const bool may_go_on = m_allowance.has_any(now_ms());
+    note_late(handed_over);
+    m_counts.waiting.set(m_waiting.size());
+    if (++m_waited_ms >= patience_ms || !may_go_on)
         give_up();
 }
 
@@ -96,14 +126,17 @@ void upstream_queue::give_up()
 {
     for (; is_waiting(); m_waiting.pop_front()) {
         errno = EAGAIN;
-        m_watch.refused(m_function, m_call);
+        lose(upstream_loss::waited_in_vain);
     }
+    m_counts.waiting.set(0);
 }
 
 void upstream_queue::stopping(void* socket)
 {
-    if (socket)
-        drain(socket);
+    if (const uint64_t handed_over = socket ? drain(socket) : 0) {
+        (void)now_ms();
+        note_late(handed_over);
+    }
     give_up();
     m_watch.stopping();
 }

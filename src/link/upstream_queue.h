@@ -13,6 +13,7 @@
 // Failures   What is lost is counted, and said by overflow_watch.
 #pragma once
 
+#include "base/counter.h"
 #include "base/message_part.h"
 #include "base/overflow_watch.h"
 #include "core/unsent_count.h"
@@ -49,6 +50,17 @@ private:
     int64_t m_earned_until_ms = 0;
 };
 
+// Why a message upstream is lost.
+enum class upstream_loss : uint8_t { overflow, waited_in_vain, error, out_of_memory, kinds };
+
+// Every message that was offered has been handed over, or lost, or waits. Any thread reads.
+struct upstream_counters {
+    counter at_once;        // handed over
+    time_counts after_wait; // handed over, too
+    level waiting;
+    counters<upstream_loss> lost;
+};
+
 class upstream_queue {
 public:
     static constexpr int patience_ms = 50;       // of one wait
@@ -66,6 +78,9 @@ public:
     // what a full queue refuses waits; ask is_waiting().
     void send(void* socket, message_part& first, message_part* second, bool may_wait);
 
+    // A message could not even be made.
+    void lose_unmade() { m_counts.lost[upstream_loss::out_of_memory].add(); }
+
     bool is_waiting() const { return !m_waiting.empty(); }
     // How long those have waited that wait.
     int has_waited_ms() const { return m_waited_ms; }
@@ -82,6 +97,8 @@ public:
     // The queue will not be used any more: a last attempt, and what an overflow has cost until now is said.
     void stopping(void* socket);
 
+    const upstream_counters& counts() const { return m_counts; }
+
 private:
     struct message {
         message_part first;
@@ -89,17 +106,23 @@ private:
         bool has_second = false;
     };
 
-    void drain(void* socket);
+    uint64_t drain(void* socket);
+    void note_late(uint64_t number);
     void accepted();
     bool keep(message_part& first, message_part* second);
+    void lose(upstream_loss cause);
+    int64_t now_ms();
 
     overflow_watch m_watch;
     unsent_count m_unsent;
     const char* m_function;
     const char* m_call;
     std::deque<message> m_waiting;
-    int m_waited_ms = 0; // by what waits now
+    int m_waited_ms = 0;         // by what waits now
+    int64_t m_now_ms = 0;        // when the clock was last read
+    int64_t m_waiting_since = 0; // by the same clock: the oldest of those that wait, or before
     wait_allowance m_allowance;
+    upstream_counters m_counts;
 };
 
 } // namespace rtls

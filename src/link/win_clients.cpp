@@ -62,8 +62,15 @@ static void shrink_to(WIN_CLIENT_t& client, size_t capacity)
         client.pending_data_size = std::min(client.pending_data_size, capacity);
 }
 
+static void count(const WIN_CLIENT_t& client, frame_loss loss)
+{
+    if (client.counts)
+        client.counts->lost[loss].add();
+}
+
 void win_client_give_up_frame(WIN_CLIENT_t& client)
 {
+    count(client, frame_loss::given_up);
     client.parsing_state = PS_NONE;
     shrink_to(client, pending_data_step);
 }
@@ -98,6 +105,8 @@ static void append(WIN_CLIENT_t& client, bytes_view bytes)
     while (!bytes.empty()) {
         if (client.pending_data_size == client.pending_buffsize &&
             !win_client_increase_buffer_size(&client)) {
+            const bool too_long = client.pending_buffsize + pending_data_step > pending_data_limit;
+            count(client, too_long ? frame_loss::too_long : frame_loss::out_of_memory);
             client.parsing_state = PS_NONE;
             return;
         }
@@ -124,6 +133,8 @@ void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler 
         switch (client.parsing_state) {
         case PS_NONE:
             used = received.size() - left_from_start(received); // all that is no START is noise
+            if (used > 0 && client.counts)
+                client.counts->noise.add(used);
             if (used < received.size()) {
                 client.parsing_state = PS_START;
                 ++used;
@@ -138,6 +149,7 @@ void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler 
                 client.parsing_state = PS_ESCAPE;
                 break;
             case slip_end: // an empty frame
+                count(client, frame_loss::empty);
                 client.parsing_state = PS_NONE;
                 break;
             default:
@@ -150,6 +162,7 @@ void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler 
         case PS_DATA:
             switch (first[0]) {
             case slip_start: // the partial frame is given up
+                count(client, frame_loss::restarted);
                 client.parsing_state = PS_START;
                 break;
             case slip_esc:

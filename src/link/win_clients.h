@@ -12,6 +12,7 @@
 #include "base/czmq_ptr.h"
 #include "base/memory_sum.h"
 #include "link/unsent_messages.h"
+#include "link/win_counters.h"
 #include "registry/node.h"
 
 #include <czmq.h>
@@ -43,8 +44,9 @@ struct WIN_CLIENT_t {
     size_t pending_buffsize = 0; // capacity of pending_data
     memory_part pending_memory;  // the same, where it is counted for all
     PARSING_STATE_t parsing_state = PS_NONE;
-    uint8_t mac_addr[mac_size]{};                           // of the bridge itself; zero until it names it
-    bool firmware_updated = false;                          // cleared when a new image is announced
+    decoder_counters* counts = nullptr; // of what is lost on the way to a message; null: nobody counts
+    uint8_t mac_addr[mac_size]{};       // of the bridge itself; zero until it names it
+    bool firmware_updated = false;      // cleared when a new image is announced
     unsigned int connection_delay = connection_delay_ticks; // grace ticks left
     unsent_queue unsent_messages;
     bool unsent_overflow = false; // a loss since it was last empty has been reported

@@ -17,6 +17,7 @@
 #include "base/descriptors.h"
 #include "base/door.h"
 #include "base/link_watch.h"
+#include "base/loop_pulse.h"
 #include "base/memory_sum.h"
 #include "base/own_addresses.h"
 #include "base/rate_bound.h"
@@ -24,6 +25,7 @@
 #include "link/closed_ids.h"
 #include "link/gathered_answers.h"
 #include "link/upstream_queue.h"
+#include "link/win_counters.h"
 #include "services.h"
 
 #include <czmq.h>
@@ -77,8 +79,9 @@ struct WIN_SERVER_t {
     upstream_queue to_proxy_input{"Overflow proxy input queue!", "Exemption proxy input queue!",
                                   "proxy input queue", "win_management_to_server",
                                   "zstr_send (proxy_input_sock)"};
-    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
-    bool intake_is_paused = false;     // the WIN port is not read, while one of these waits
+    std::shared_ptr<call_queue> calls;  // by other threads; null while no actor runs
+    call_queue_slot calls_of_strangers; // the same, for threads that the actor does not know
+    bool intake_is_paused = false;      // the WIN port is not read, while one of these waits
 
     own_addresses own;            // these four guard the discovery port
     rate_bound discovery_answers; // by requester
@@ -95,6 +98,11 @@ struct WIN_SERVER_t {
     int64_t last_win_event = 0;     // zclock_usecs of when the WIN port was last drained
     int64_t supervised_since = 0;   // zclock_mono of when the first period of the client checks began
     int64_t last_client_check = 0;  // number of the period in which clients were last checked
+
+    win_counters counts; // read by any thread, like the pulse
+    loop_pulse pulse;
+    int64_t hand_overs_noted_at = 0; // zclock_usecs of the last look for what has been handed over upstream
+    uint64_t hand_overs_noted = 0;   // and how much had been
 
     // What becomes of a complete frame, which stands in client->pending_data; the server wires it.
     bool (*process_frame)(WIN_SERVER_t* server, WIN_CLIENT_t* client) = nullptr;

@@ -68,6 +68,7 @@ static win_client_ptr make_client(WIN_SERVER_t& server, message_part& identity, 
     client->pending_memory.set(pending_data_step);
     client->pending_memory.join(server.unfinished_total);
     client->unsent_messages.count_in(server.unsent_total);
+    client->counts = &server.counts.decoder;
     return client;
 }
 
@@ -84,14 +85,15 @@ static void on_connect(WIN_SERVER_t& server, message_part& identity, const ident
 {
     win_client_ptr made = make_client(server, identity, key);
     if (!made)
-        return;
+        return server.counts.bridges_not_made.add();
     if (!is_admitted(server, *made)) {
         delete_win_client(&server, made->id); // not in the table yet
         return;
     }
     const WIN_CLIENT_t* client = server.clients.insert(key.c_str(), std::move(made));
     if (!client)
-        return;
+        return server.counts.bridges_not_made.add();
+    server.counts.bridges_accepted.add();
     // Bridges wait for this before they speak; it stands outside of any frame on purpose.
     static constexpr uint8_t greeting[] = {'s', 'y', 'n', 'c', '\n'};
     bytes_to_bridge(server, identity.bytes(), greeting);
@@ -102,11 +104,14 @@ static void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, cons
     dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "Connection closed by peer IP:%s:%d MAC:%s ID:[%s]",
               ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
               colon_mac_text{client.mac_addr}.c_str(), key.c_str());
+    server.counts.bridges_closed[bridge_end::peer].add();
+    lose_with_bridge(server, client);
     server.clients.erase(key.c_str());
 }
 
 static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_key& key, bytes_view data)
 {
+    server.counts.bytes_in.add(data.size());
     if (dbg_is_wanted(DBG_RAW))
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_INPUT", "%s [%zu] %s:%d [%s]",
                   hex_text{data}.c_str(), data.size(), ipv4_text{client.addr}.c_str(),
@@ -120,7 +125,9 @@ static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_k
 static void on_unknown(WIN_SERVER_t& server, message_part& identity, const identity_key& key)
 {
     server.cuts.forget(key.c_str());
-    if (!server.closed_ids.forget(key.c_str()))
+    const bool is_late = server.closed_ids.forget(key.c_str());
+    server.counts.events[is_late ? bridge_event::late_end : bridge_event::connected].add();
+    if (!is_late)
         on_connect(server, identity, key);
 }
 
@@ -129,21 +136,38 @@ static void handle_event(WIN_SERVER_t& server, message_part& identity, message_p
     const identity_key key{identity.bytes()};
     WIN_CLIENT_t* client = server.clients.find(key.c_str());
     const bytes_view bytes = data.bytes();
-    if (client && !bytes.empty())
+    auto& events = server.counts.events;
+    if (client && !bytes.empty()) {
+        events[bridge_event::data].add();
         on_data(server, *client, key, bytes);
-    else if (client)
+    } else if (client) {
+        events[bridge_event::disconnected].add();
         on_disconnect(server, *client, key);
-    else if (!bytes.empty())
+    } else if (!bytes.empty()) {
+        events[bridge_event::data_of_nobody].add();
         dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "(E) rsvd from non existed client %s",
                   key.c_str());
-    else
+    } else
         on_unknown(server, identity, key);
 }
 
 static void deliver_frame(void* p_server, WIN_CLIENT_t& client)
 {
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    server->counts.frames_in.add();
     server->process_frame(server, &client);
+}
+
+// The clock has been read for another reason: what has been handed over since the last time has taken no longer
+// than from then to now.
+static void note_hand_overs(WIN_SERVER_t& server, int64_t now)
+{
+    const uint64_t handed_over =
+        server.to_handler.counts().at_once.value() + server.to_proxy_input.counts().at_once.value();
+    if (handed_over != server.hand_overs_noted)
+        server.counts.hand_over.add(now - server.hand_overs_noted_at, handed_over - server.hand_overs_noted);
+    server.hand_overs_noted = handed_over;
+    server.hand_overs_noted_at = now;
 }
 
 // Lets events gather on a drained stream socket, if the last ones came in quick succession. False when it
@@ -151,6 +175,7 @@ static void deliver_frame(void* p_server, WIN_CLIENT_t& client)
 static bool let_more_gather(WIN_SERVER_t& server, int64_t call_began)
 {
     const int64_t now = zclock_usecs();
+    note_hand_overs(server, now);
     const bool is_busy = call_began - server.last_win_event < busy_gap_us;
     server.last_win_event = now;
     if (!is_busy || now - call_began >= busy_call_us)
@@ -217,6 +242,7 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
         return 1;
     void* socket = zsock_resolve(reader);
     const int64_t call_began = zclock_usecs();
+    server->hand_overs_noted_at = call_began;
     message_part identity;
     if (!identity.receive(socket)) {
         logger_error(g_logger, "%s: zframe_recv returned NULL!", __func__);
@@ -233,6 +259,7 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
         log_call_error(__func__, "zframe_recv");
     server->cuts.carry_out(socket, server->win_port);
     server->last_turn_end = zclock_usecs();
+    note_hand_overs(*server, server->last_turn_end);
     return complete ? 0 : 1;
 }
 

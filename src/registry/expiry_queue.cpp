@@ -1,6 +1,7 @@
 #include "registry/expiry_queue.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace rtls {
 
@@ -54,15 +55,37 @@ void expiry_queue::add(stored_node& node)
     append(m_expired, node);
 }
 
-void expiry_queue::remove(stored_node& node)
+// A node whose lifetime is left waits in a slot; but for one with more than the longest, which was moved too
+// early. That its end is behind it does not show in other nodes: their lifetime would be none by then.
+bool expiry_queue::waits_in_slot(const stored_node& node) const
+{
+    const auto ahead = static_cast<uint16_t>(node.lifetime_end - m_now);
+    return node.lifetime > 0 && ahead > 0 && ahead < slot_count;
+}
+
+// A node that is settled.
+void expiry_queue::leave(stored_node& node)
 {
     unlink(node);
+    if (!waits_in_slot(node))
+        return;
+    --m_sizes[node.lifetime_end % slot_count];
+    --m_living;
+}
+
+void expiry_queue::remove(stored_node& node)
+{
+    settle(node);
+    leave(node);
 }
 
 void expiry_queue::wait_in_slot(stored_node& node)
 {
     const size_t wait = std::min<size_t>(node.lifetime, slot_count - 1);
-    append(m_slots[(m_now + wait) % slot_count], node);
+    node.lifetime_end = static_cast<uint16_t>(m_now + wait);
+    append(m_slots[node.lifetime_end % slot_count], node);
+    ++m_sizes[node.lifetime_end % slot_count];
+    ++m_living;
 }
 
 void expiry_queue::set_lifetime(stored_node& node, uint16_t lifetime)
@@ -70,8 +93,8 @@ void expiry_queue::set_lifetime(stored_node& node, uint16_t lifetime)
     settle(node);
     if (node.lifetime == lifetime && lifetime == 0)
         return;
+    leave(node);
     node.lifetime = lifetime;
-    unlink(node);
     if (lifetime == 0)
         append(m_expired, node);
     else
@@ -89,6 +112,7 @@ void expiry_queue::tick()
 {
     ++m_now;
     append_all(m_expired, m_slots[m_now % slot_count]);
+    m_living -= std::exchange(m_sizes[m_now % slot_count], 0);
 }
 
 stored_node* expiry_queue::longest_expired()

@@ -35,6 +35,9 @@ public:
     // Ages every node by one second, at a cost that does not depend on their number.
     void tick();
 
+    // How many nodes have a lifetime left, but for those with a longer one than the longest.
+    size_t living() const { return m_living; }
+
     // The node whose lifetime has been 0 for longest, or nullptr if all nodes live.
     stored_node* longest_expired();
 
@@ -44,9 +47,13 @@ private:
     static constexpr size_t slot_count = 2048;
 
     void wait_in_slot(stored_node& node);
+    bool waits_in_slot(const stored_node& node) const;
+    void leave(stored_node& node);
 
     std::array<expiry_link, slot_count> m_slots; // the heads of circular lists: who expires at which tick
     expiry_link m_expired;                       // the head of the list of those that have, longest first
+    std::array<uint32_t, slot_count> m_sizes{};  // of the slots
+    size_t m_living = 0;                         // the nodes in all of them
     uint32_t m_now = 0;                          // in ticks
 };
 

@@ -27,6 +27,7 @@ struct NODE_t {
     uint8_t mac_addr[mac_size] = {};    // the container's key
     uint8_t parent_addr[mac_size] = {}; // MAC of the parent in the routing tree
     uint16_t lifetime = 0;              // seconds left before the node counts as lost
+    uint16_t lifetime_end = 0;          // the container's: the tick at which it is to be moved, its low bits
     uint32_t lifetime_tick = 0;         // the container's: up to when lifetime is counted down
     timeval last_activity = {};
     uint32_t sw_version = 0;

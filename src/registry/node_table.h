@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <memory>
 #include <unordered_map>
+#include <utility>
 
 namespace rtls {
 
@@ -100,6 +101,40 @@ public:
                 if (accept(*node))
                     return node;
         return nullptr;
+    }
+
+    // A walk through the table in parts, between which the table may change.
+    struct part_walk {
+        size_t bucket = 0;
+        uint64_t pushed = UINT64_MAX; // of the last node of that bucket that was visited
+        size_t growth = 0;            // of the table, when the walk began
+        bool is_done = false;
+    };
+    // Where a walk begins.
+    part_walk begin_walk() const { return {.growth = m_growth}; }
+    // Calls `visit(node)` for the next `most` nodes, in table order. Who comes or goes between two parts may be
+    // visited or not, all others are: once. False when the table has grown since the walk began: it must begin
+    // anew. Leaves the cursor alone.
+    template <typename Visitor>
+    bool visit_part(part_walk& walk, size_t most, Visitor visit) const
+    {
+        if (walk.growth != m_growth)
+            return false;
+        for (size_t bucket; (bucket = next_occupied(walk.bucket)) < m_bucket_count; ++walk.bucket) {
+            if (std::exchange(walk.bucket, bucket) != bucket)
+                walk.pushed = UINT64_MAX;
+            for (stored_node* node = m_buckets[walk.bucket]; node; node = node->next_in_bucket) {
+                if (node->pushed >= walk.pushed)
+                    continue;
+                if (most-- == 0)
+                    return true;
+                visit(*node);
+                walk.pushed = node->pushed;
+            }
+            walk.pushed = UINT64_MAX;
+        }
+        walk.is_done = true;
+        return true;
     }
 
     // Calls `visit(node)` for every node, in table order. Leaves the cursor alone.

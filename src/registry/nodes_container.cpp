@@ -100,17 +100,23 @@ NODE_t* NODES_CONTAINER_t::find_or_create_by_mac(const uint8_t* mac, const uint8
 {
     NODE_t* node = find_by_mac(mac);
     if (!node) {
-        if (!is_admitted(mac))
+        if (!is_admitted(mac)) {
+            m_refusal = node_refusal::foreign;
             return nullptr;
+        }
         node = create(mac);
         if (!node && !m_refusing) // peers can bring about any number of refusals
             m_failures.no_room = true;
         m_refusing = !node;
+        if (!node)
+            m_refusal = node_refusal::no_room;
         return node;
     }
     if (sequence_number) {
-        if (node->sequence_number == *sequence_number)
+        if (node->sequence_number == *sequence_number) {
+            m_refusal = node_refusal::duplicate;
             return nullptr;
+        }
         node->sequence_number = *sequence_number;
     }
     return node;

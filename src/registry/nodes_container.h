@@ -27,6 +27,9 @@
 
 namespace rtls {
 
+// Why find_or_create_by_mac gave no node.
+enum class node_refusal : uint8_t { duplicate, no_room, foreign };
+
 class RTLS_CAPABILITY("registry") NODES_CONTAINER_t {
 public:
     // Takes at most `limit` nodes. Throws std::bad_alloc.
@@ -41,10 +44,21 @@ public:
 
     size_t size() const RTLS_REQUIRES(this) { return m_nodes.size(); }
 
+    // How many of them have not expired.
+    size_t living() const RTLS_REQUIRES(this) { return m_expiry.living(); }
+
     // The one cursor, in table order. Any other call may reorder the table: never look up while
     // iterating.
     NODE_t* first() RTLS_REQUIRES(this) { return settled(m_nodes.first()); }
     NODE_t* next() RTLS_REQUIRES(this) { return settled(m_nodes.next()); }
+
+    // A walk in parts, with the lock let go of in between; see node_table::visit_part.
+    node_table::part_walk begin_walk() const RTLS_REQUIRES(this) { return m_nodes.begin_walk(); }
+    template <typename Visitor>
+    bool visit_part(node_table::part_walk& walk, size_t most, Visitor visit) RTLS_REQUIRES(this)
+    {
+        return m_nodes.visit_part(walk, most, [&](stored_node& node) { visit(*settled(&node)); });
+    }
 
     // The node with exactly this MAC, or nullptr.
     NODE_t* find_by_mac(const uint8_t* mac) RTLS_REQUIRES(this) { return settled(m_nodes.find(mac)); }
@@ -55,6 +69,9 @@ public:
     // a new one, with a log line for the first such call since a node was last created. At the limit
     // a new node destroys the one that has been expired for longest: keep no other node across this call.
     NODE_t* find_or_create_by_mac(const uint8_t* mac, const uint8_t* sequence_number) RTLS_REQUIRES(this);
+
+    // Why the last such call that gave no node did so.
+    node_refusal last_refusal() const RTLS_REQUIRES(this) { return m_refusal; }
 
     // The first node in table order whose MAC ends in these two bytes, or nullptr. Walks the table.
     NODE_t* find_by_short_mac(uint8_t short_mac_hi, uint8_t short_mac_lo) RTLS_REQUIRES(this);
@@ -105,6 +122,7 @@ private:
     node_table m_nodes;
     address_index m_by_address{m_nodes};
     expiry_queue m_expiry;
+    node_refusal m_refusal = node_refusal::duplicate;
     bool m_refusing = false;               // since a new node was refused; none has been created since
     std::optional<prefix_list> m_admitted; // none: every MAC is
     std::atomic<uint64_t> m_foreign_nodes{0};

@@ -84,6 +84,7 @@ static bool is_our_own(WIN_SERVER_t& server, const sockaddr_in& requester)
     const int64_t now = zclock_mono();
     if (!server.own.contain(requester.sin_addr, now))
         return false;
+    server.counts.discovery[discovery_outcome::own].add();
     if (server.own_datagrams.begins(now))
         logger_error(g_logger, "discovery: requests from our own port at %s are not answered!",
                      ipv4_text{requester}.c_str());
@@ -93,7 +94,9 @@ static bool is_our_own(WIN_SERVER_t& server, const sockaddr_in& requester)
 static bool may_answer(WIN_SERVER_t& server, const sockaddr_in& requester)
 {
     const int64_t now = zclock_mono();
-    if (server.discovery_answers.allows(requester.sin_addr, now))
+    const bool may = server.discovery_answers.allows(requester.sin_addr, now);
+    server.counts.discovery[may ? discovery_outcome::answered : discovery_outcome::flood].add();
+    if (may)
         return true;
     if (server.discovery_flood.begins(now))
         logger_error(g_logger, "discovery: more than %u requests a second from %s are not answered!",
@@ -114,6 +117,8 @@ static void answer_datagram(WIN_SERVER_t* server, const discovery_datagram& data
         return send(discovery_echo_answer(datagram.requester.sin_addr, server->win_port));
 
     const unsigned int command = datagram.bytes[discovery_address::command];
+    if (command != DSC_CMD_REQUEST_ADDRESS || datagram.size != discovery_address::request_size)
+        server->counts.discovery[discovery_outcome::malformed].add();
     if (command != DSC_CMD_REQUEST_ADDRESS) {
         dbg_print(server->dbg_client_sock, DBG_DISCOVERY, "DISC", "unknown discovery command: %u", command);
         return;

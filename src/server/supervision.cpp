@@ -61,6 +61,7 @@ static void close_unwanted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
     dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "Connection closed by gateway IP:%s:%d MAC:%s ID:[%s]",
               ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
               colon_mac_text{client.mac_addr}.c_str(), identity_key{client.id}.c_str());
+    server.counts.bridges_closed[bridge_end::unwanted].add();
     delete_win_client(&server, client.id);
 }
 
@@ -92,7 +93,10 @@ int check_client_connection(zloop_t* loop, int timer_id, void* p_server) noexcep
     (void)timer_id;
     if (any_null(__func__, loop, p_server))
         return 1;
-    return check_client_connection_at(static_cast<WIN_SERVER_t*>(p_server), zclock_mono());
+    auto* server = static_cast<WIN_SERVER_t*>(p_server);
+    const int64_t now = zclock_mono();
+    server->pulse.beat(now);
+    return check_client_connection_at(server, now);
 }
 
 int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept

@@ -11,6 +11,8 @@
 
 namespace rtls {
 
+// The first one is the actor's pulse, too.
+constexpr size_t check_client_connection_period_ms = 1000;
 int check_client_connection(zloop_t* loop, int timer_id, void* p_server) noexcept;
 int update_nodes_lifetime(zloop_t* loop, int timer_id, void* p_server) noexcept;
 int check_proxy_connection(zloop_t* loop, int timer_id, void* p_server) noexcept;

@@ -15,6 +15,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 namespace rtls {
 
@@ -142,6 +143,27 @@ std::vector<win_client_info> win_server_copy_clients(void* p_win_server)
         logger_error(g_logger, str_out_of_memory, __func__);
         return {};
     }
+}
+
+size_t win_server_clients_number(WIN_SERVER_t& server) noexcept
+{
+    return server.clients.size();
+}
+
+const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept
+{
+    return server.pulse;
+}
+
+std::array<named_link_state, 3> win_server_links(const WIN_SERVER_t& server)
+{
+    const auto named = [](const link_watch& link) { return named_link_state{link.name(), link.state()}; };
+    return {named(server.msg_handler_link), named(server.proxy_link), named(server.proxy_input_link)};
+}
+
+bool win_server_post(WIN_SERVER_t& server, std::function<void()> call) noexcept
+{
+    return server.calls_of_strangers.post(std::move(call));
 }
 
 } // namespace rtls

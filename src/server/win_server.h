@@ -1,16 +1,21 @@
 // win_server - the actor that speaks with the node network and with the servers upstream.
 //
 // Ownership  The gateway object owns the server; everybody else sees an opaque pointer.
-// Threads    win_server_new, _run, _is_ready and _destroy: the owner's thread. win_server_copy_clients:
-//            any thread. The others: the actor's thread only.
+// Threads    win_server_new, _run, _is_ready and _destroy: the owner's thread. win_server_is_ready,
+//            win_server_copy_clients, _clients_number, _pulse, _links and _post: any thread. The others: the actor's
+//            thread only.
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
 
 #include "base/czmq_ptr.h"
+#include "base/link_watch.h"
+#include "base/loop_pulse.h"
 #include "link/client_table.h"
 
 #include <czmq.h>
 
+#include <array>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -35,5 +40,21 @@ bool win_server_is_ready(void* p_win_server);
 
 // A copy of the clients' addresses, in table order. Takes the table's own lock.
 std::vector<win_client_info> win_server_copy_clients(void* p_win_server);
+
+// How many WIN clients are connected. Any thread; takes the table's own lock.
+size_t win_server_clients_number(WIN_SERVER_t& server) noexcept;
+
+// Of the actor's loop. Any thread.
+const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept;
+
+// The links to the servers upstream, by the names under which the log knows them.
+struct named_link_state {
+    const char* name;
+    link_state state;
+};
+std::array<named_link_state, 3> win_server_links(const WIN_SERVER_t& server);
+
+// Has the call made on the actor's thread, soon or never. False while no actor runs.
+bool win_server_post(WIN_SERVER_t& server, std::function<void()> call) noexcept;
 
 } // namespace rtls

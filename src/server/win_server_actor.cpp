@@ -151,6 +151,7 @@ static bool make_loop(WIN_SERVER_t& server)
 static bool open_call_queue(WIN_SERVER_t& server)
 try {
     server.calls = std::make_shared<call_queue>();
+    server.calls_of_strangers.set(server.calls);
     return made(server.calls->join(server.actor_loop), "zloop_poller");
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, reporter);
@@ -204,11 +205,12 @@ static bool register_readers(WIN_SERVER_t& server, zsock_t* pipe)
 static bool register_timers(WIN_SERVER_t& server)
 {
     server.supervised_since = zclock_mono();
+    server.pulse.begin(server.supervised_since, check_client_connection_period_ms);
     constexpr struct {
         size_t period_ms;
         zloop_timer_fn* handler;
     } timers[] = {
-        {1000, check_client_connection},
+        {check_client_connection_period_ms, check_client_connection},
         {1000, update_nodes_lifetime},
         {60000, check_proxy_connection},
         {500, check_clients_unsent_messages},
@@ -252,6 +254,7 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
     if (prepare(*server, pipe)) {
         server->ready = true;
         zloop_start(server->actor_loop);
+        server->pulse.end();
         logger_info(g_logger, "win_loop Ending");
     }
     destroy_actor_context(server);
@@ -264,6 +267,7 @@ void destroy_actor_context(WIN_SERVER_t* server)
         return;
     upstream_stopping(*server);
     server->actor_loop.reset();
+    server->calls_of_strangers.set(nullptr);
     if (server->calls)
         server->calls->close(); // whoever still has something to say is not heard
     server->calls.reset();

@@ -121,10 +121,10 @@ static uint32_t bridge_of(const NODE_t& node, const bridge_index& bridges)
     return found == bridges.end() ? no_bridge : found->second;
 }
 
-static void copy_node(const NODE_t& node, uint32_t bridge, node_row& row)
+void copy_node(const NODE_t& node, const bridge_index& bridges, node_row& row)
 {
     row.last_activity = node.last_activity;
-    row.bridge = bridge;
+    row.bridge = bridge_of(node, bridges);
     row.sw_version = node.sw_version;
     row.pos_X = node.pos_X;
     row.pos_Y = node.pos_Y;
@@ -149,7 +149,7 @@ void copy_nodes_locked(NODES_CONTAINER_t& nodes, const bridge_index& bridges, st
     size_t count = 0;
     NODE_t* node = nodes.first();
     for (; node && count < rows.size(); node = nodes.next())
-        copy_node(*node, bridge_of(*node, bridges), rows[count++]);
+        copy_node(*node, bridges, rows[count++]);
     rows.resize(count);
 }
 

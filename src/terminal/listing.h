@@ -65,6 +65,9 @@ std::string node_line(const node_row& node, bool full, const timeval* now);
 using bridge_index = std::unordered_map<std::string_view, uint32_t>;
 bridge_index index_bridges(std::span<const win_client_info> bridges);
 
+// What the lists show of one node, which belongs to that bridge. Call it under the registry's lock.
+void copy_node(const NODE_t& node, const bridge_index& bridges, node_row& row);
+
 // Copies all nodes, in table order. Takes the registry's lock, for no longer than the copying.
 std::vector<node_row> copy_nodes(NODES_CONTAINER_t& nodes, const bridge_index& bridges);
 

@@ -22,6 +22,7 @@
 #include "terminal/firmware_commands.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
+#include "terminal/terminal_counters.h"
 #include "terminal/texts.h"
 #include "wire/messaging.h"
 
@@ -36,6 +37,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace rtls {
 
@@ -51,7 +53,8 @@ struct TERMINAL_SERVER_t {
     zsock_ptr dbg_client_sock;
     zsock_ptr winserv_client_sock;
     zloop_ptr actor_loop;
-    std::shared_ptr<call_queue> calls; // by other threads; null while no actor runs
+    std::shared_ptr<call_queue> calls;  // by other threads; null while no actor runs
+    call_queue_slot calls_of_strangers; // the same, for threads that the actor does not know
 
     // Connections whose record is gone although they live; see forget_client.
     std::set<std::string, std::less<>> forgotten_ids;
@@ -59,6 +62,7 @@ struct TERMINAL_SERVER_t {
     uint64_t drained = 0; // how often no event was left in terminal_sock
     full_house house{"operators"};
     closed_id_set refused_ids; // connections that may not come in
+    terminal_counters counts;  // read by any thread
 };
 
 static constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
@@ -159,8 +163,10 @@ static void add_client(TERMINAL_SERVER_t* server, message_part& identity, const 
     client->id = std::move(id);
     client->drained_before = server->drained;
     note_peer_address(server, *client, identity.source_fd(), id_str);
-    if (zhashx_insert(server->clients.get(), id_str, client.get()) == 0)
-        (void)client.release(); // the table's now
+    if (zhashx_insert(server->clients.get(), id_str, client.get()) != 0)
+        return;
+    (void)client.release(); // the table's now
+    server->counts.operators_accepted.add();
 }
 
 // The address of a connection was asked for when its first event was handled, by a number that may have been
@@ -183,6 +189,7 @@ static void forget_client(TERMINAL_SERVER_t* server, const char* id_str, bool is
 {
     dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "DELETING %s\n", id_str);
     zhashx_delete(server->clients.get(), id_str);
+    server->counts.operators_gone.add();
     server->cuts.forget(id_str);
     if (is_connected)
         server->forgotten_ids.emplace(id_str);
@@ -267,6 +274,8 @@ static void answer_fetch(TERMINAL_SERVER_t* server, const std::string& id_str, i
 // Handles what `id` sent: its connect, its disconnect, or a command.
 static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, message_part& chunk)
 {
+    server->counts.chunks.add();
+    server->counts.bytes_in.add(chunk.size());
     const identity_key key{identity.bytes()};
     dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "rcvd ID [%zu] %s", identity.size(),
               key.c_str());
@@ -312,9 +321,13 @@ static int handle_terminal_clients(zloop_t* /*loop*/, zsock_t* reader, void* p_s
 
 // --- the debug stream
 
-static bool wants_line(const TERMINAL_CLIENT_t& client, const char* line) noexcept
+static line_outcome offer_line(TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client,
+                               const char* line) noexcept
 {
-    return client.subscribed && !client.has_left && (!client.preg || passes(*client.preg, line));
+    if (client.preg && !passes(*client.preg, line))
+        return line_outcome::filtered;
+    return terminal_send(client, server.terminal_sock.get(), line) ? line_outcome::streamed
+                                                                   : line_outcome::lost;
 }
 
 // Gives one line of the debug stream (at most 2047 bytes, so a filter has little to chew) to those who
@@ -326,8 +339,8 @@ static void deliver_line(TERMINAL_SERVER_t* server, const char* line) noexcept
     zhashx_t* clients = server->clients.get();
     for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
         auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
-        if (wants_line(*client, line))
-            terminal_send(*client, server->terminal_sock.get(), line);
+        if (client->subscribed && !client->has_left)
+            server->counts.lines[offer_line(*server, *client, line)].add();
     }
 }
 
@@ -340,6 +353,7 @@ static int handle_dbg_message(zloop_t* /*loop*/, zsock_t* reader, void* p_server
         do {
             if (!part.receive(zsock_resolve(reader)))
                 break;
+            server->counts.lines_taken.add();
             const std::string line{reinterpret_cast<const char*>(part.data()), part.size()};
             deliver_line(server, line.c_str());
         } while (turn.goes_on());
@@ -351,12 +365,30 @@ static int handle_dbg_message(zloop_t* /*loop*/, zsock_t* reader, void* p_server
 
 // --- the actor
 
+static constexpr size_t pulse_ms = 1000;
+
+static int handle_pulse(zloop_t* /*loop*/, int /*timer_id*/, void* p_server) noexcept
+{
+    static_cast<TERMINAL_SERVER_t*>(p_server)->counts.pulse.beat(zclock_mono());
+    return 0;
+}
+
+static bool set_pulse(TERMINAL_SERVER_t* server)
+{
+    server->counts.pulse.begin(zclock_mono(), pulse_ms);
+    if (zloop_timer(server->actor_loop.get(), pulse_ms, 0, handle_pulse, server) != -1)
+        return true;
+    log_call_error(actor_name, "zloop_timer");
+    return false;
+}
+
 // The end of this actor is the end of the daemon: the main thread watches the interrupt flag.
 static void destroy_actor_context(TERMINAL_SERVER_t* server) noexcept
 {
     request_stop();
     dbg_stream_stopping();
     server->actor_loop.reset();
+    server->calls_of_strangers.set(nullptr);
     if (server->calls)
         server->calls->close(); // whoever still has something to say is not heard
     server->calls.reset();
@@ -448,7 +480,8 @@ static bool create_loop(TERMINAL_SERVER_t* server, zsock_t* pipe)
         log_call_error(actor_name, "zloop_poller");
         return false;
     }
-    return true;
+    server->calls_of_strangers.set(server->calls);
+    return set_pulse(server);
 }
 
 // Signals its creator at once, who never waits for the binds; `ready` tells when they are done.
@@ -466,6 +499,7 @@ static void terminal_server_actor(zsock_t* pipe, void* p_terminal_server) noexce
     if (open_sockets(server) && create_loop(server, pipe)) {
         server->ready = true;
         zloop_start(server->actor_loop.get());
+        server->counts.pulse.end();
         logger_info(g_logger, "terminal actor_loop Ending");
     }
     destroy_actor_context(server);
@@ -548,6 +582,11 @@ void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& 
     server->cuts.carry_out(zsock_resolve(sock), server->port);
 }
 
+terminal_figures terminal_server_figures(const TERMINAL_SERVER_t& server) noexcept
+{
+    return {server.counts, server.entrance, server.house};
+}
+
 bool terminal_server_is_ready(void* p_terminal_server)
 {
     if (any_null(__func__, p_terminal_server))
@@ -562,6 +601,24 @@ static bool is_gone(const TERMINAL_SERVER_t& server, const TERMINAL_CLIENT_t& cl
     return !read_peer_address(client.fd, server.port, peer) ||
            peer.sin_addr.s_addr != client.client_addr.sin_addr.s_addr ||
            peer.sin_port != client.client_addr.sin_port;
+}
+
+bool terminal_server_post(TERMINAL_SERVER_t& server, std::function<void()> call) noexcept
+{
+    return server.calls_of_strangers.post(std::move(call));
+}
+
+std::vector<operator_info> terminal_server_copy_clients(const TERMINAL_SERVER_t& server)
+{
+    std::vector<operator_info> copies;
+    zhashx_t* clients = server.clients.get();
+    copies.reserve(zhashx_size(clients));
+    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
+        const auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
+        copies.push_back(
+            {client->client_addr, client->subscribed != 0, client->is_fetching, client->grep_string});
+    }
+    return copies;
 }
 
 bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url)

@@ -28,6 +28,7 @@ struct link_frame {
     // that its sender's MAC follows its payload as the sender's address does in a direct one.
     bytes_span msg;
     uint16_t type;                   // of msg, flag bits cleared
+    message_type kind;               // what it is counted as
     tav_timestamp_t input_time;      // of reception: stamps nodes and debug lines
     tav_timestamp_t generation_time; // from the timestamp envelope, else as above: goes upstream
 
@@ -48,6 +49,20 @@ struct link_frame {
                 .tv_usec = static_cast<suseconds_t>(input_time.milliseconds) * 1000};
     }
 
+    // What the registry's refusal of the sender makes of the message; under the lock.
+    message_outcome refusal_locked() const RTLS_REQUIRES(nodes)
+    {
+        switch (nodes.last_refusal()) {
+        case node_refusal::duplicate:
+            return message_outcome::duplicate;
+        case node_refusal::foreign:
+            return message_outcome::foreign_node;
+        case node_refusal::no_room:
+            break;
+        }
+        return message_outcome::registry_full;
+    }
+
     // Addresses the ack, if one is asked for. `ip_addr`: 16 bytes.
     void acknowledge_to(const uint8_t* ip_addr)
     {
@@ -58,10 +73,11 @@ struct link_frame {
     }
 
     // Hands a report on, stamped with the time of its generation.
-    void to_msg_handler(bytes_view data)
+    message_outcome to_msg_handler(bytes_view data)
     {
         data_to_msg_handler(&server, data.data(), data.size(), static_cast<uint32_t>(generation_time.seconds),
                             static_cast<uint16_t>(generation_time.milliseconds));
+        return message_outcome::report;
     }
 };
 

@@ -7,6 +7,7 @@
 #include "uplink/payloads.h"
 
 #include <cstring>
+#include <optional>
 
 namespace rtls {
 
@@ -44,17 +45,18 @@ static void move_route_locked(link_frame& frame, NODE_t& node)
         frame.nodes.set_win_client(node, frame.client.id);
 }
 
-// Registers a sign of life of the node with this MAC. False for a duplicate, or when there is no room.
-static bool refresh_node(link_frame& frame, const uint8_t* mac)
+// Registers a sign of life of the node with this MAC. Otherwise what becomes of the message: a duplicate, or
+// there is no room for the node.
+static std::optional<message_outcome> refresh_node(link_frame& frame, const uint8_t* mac)
 {
     const nodes_guard guard{frame.nodes};
     NODE_t* node = frame.nodes.find_or_create_by_mac(mac, frame.seq_no());
     if (!node)
-        return false;
+        return frame.refusal_locked();
     move_route_locked(frame, *node);
     frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();
-    return true;
+    return std::nullopt;
 }
 
 // Takes over the MAC that the bridge of this connection gives itself; `source` says in which message.
@@ -74,35 +76,34 @@ static void learn_bridge_mac(link_frame& frame, const char* source, const uint8_
 
 // --- handlers
 
-static bool handle_panid_req(link_frame& frame)
+static message_outcome handle_panid_req(link_frame& frame)
 {
     const uint8_t* mac = &frame.msg[gwMsgPrefixRequest_t::ieee_addr];
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
                  "MSG_PANID_REQ %02x MAC : %s", *frame.seq_no(), colon_mac{mac}.c_str());
     learn_bridge_mac(frame, "PANID_REQ", mac);
-    if (!refresh_node(frame, mac))
-        return true;
+    if (const auto refusal = refresh_node(frame, mac))
+        return *refusal;
     // While the timer of the last broadcast runs, requests are collected for the next.
     if (frame.server.rpl_timer_is_active)
         frame.server.unprocessed_MSG_PANID_REQ = true;
     else
         rpl_version_to_win_clients(&frame.server);
-    return true;
+    return message_outcome::answered;
 }
 
-static bool handle_announce_root(link_frame& frame)
+static message_outcome handle_announce_root(link_frame& frame)
 {
     const uint8_t* mac = &frame.msg[gwMsgRootAnnounce_t::ieee_addr];
     const uint16_t prefix = load_le16(frame.msg, gwMsgRootAnnounce_t::rplPrefix);
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
                  "MSG_ANNOUNCE_ROOT_IND: %02x PREF: %04X VER: %d MAC : %s", *frame.seq_no(), prefix,
                  frame.msg[gwMsgRootAnnounce_t::rpl_version], colon_mac{mac}.c_str());
-    if (!refresh_node(frame, mac))
-        return true;
+    if (const auto refusal = refresh_node(frame, mac))
+        return *refusal;
     store_be16(frame.msg, gwMsgGeneric_t::msgType, frame.type);
     store_be16(frame.msg, gwMsgRootAnnounce_t::rplPrefix, prefix);
-    frame.to_msg_handler(frame.msg.first(gwMsgRootAnnounce_t::rpl_version)); // the version stays here
-    return true;
+    return frame.to_msg_handler(frame.msg.first(gwMsgRootAnnounce_t::rpl_version)); // the version stays here
 }
 
 namespace {
@@ -127,15 +128,15 @@ static heartbeat_numbers read_heartbeat(bytes_view msg)
     };
 }
 
-// The heartbeat's part in the registry. False for a duplicate, of which nothing is kept.
-static bool update_node(link_frame& frame, const heartbeat_numbers& heartbeat)
+// The heartbeat's part in the registry. Otherwise what becomes of the message; of a duplicate nothing is kept.
+static std::optional<message_outcome> update_node(link_frame& frame, const heartbeat_numbers& heartbeat)
 {
     const bytes_view msg = frame.msg;
     const uint8_t role = msg[gwMsgHeartbeat_t::node_role];
     const nodes_guard guard{frame.nodes};
     NODE_t* node = frame.nodes.find_or_create_by_mac(&msg[gwMsgHeartbeat_t::long_addr], frame.seq_no());
     if (!node)
-        return false;
+        return frame.refusal_locked();
     node->sw_version = heartbeat.sw_version;
     node->type = role & 0x0F;
     node->state = role & 0xF0; // not shifted: it is shown and compared in this place
@@ -151,7 +152,7 @@ static bool update_node(link_frame& frame, const heartbeat_numbers& heartbeat)
     if (frame.change_route)
         frame.nodes.set_address(*node, &msg[gwMsgHeartbeat_t::ipaddr], frame.msg_is_forwarded);
     std::memcpy(node->parent_addr, &msg[gwMsgHeartbeat_t::parent_addr], mac_size);
-    return true;
+    return std::nullopt;
 }
 
 static void print_heartbeat(const link_frame& frame, const heartbeat_numbers& heartbeat)
@@ -171,7 +172,7 @@ static void print_heartbeat(const link_frame& frame, const heartbeat_numbers& he
                  heartbeat.pos_X, heartbeat.pos_Y, z_val, z_offset);
 }
 
-static bool handle_heartbeat(link_frame& frame)
+static message_outcome handle_heartbeat(link_frame& frame)
 {
     // A forwarded one has the sender's trailer where a direct one names its bridge and its address: the
     // bridge is this client then, and the address is at the same place.
@@ -183,8 +184,8 @@ static bool handle_heartbeat(link_frame& frame)
     frame.acknowledge_to(&frame.msg[gwMsgHeartbeat_t::ipaddr]);
 
     const heartbeat_numbers heartbeat = read_heartbeat(frame.msg);
-    if (!update_node(frame, heartbeat))
-        return true;
+    if (const auto refusal = update_node(frame, heartbeat))
+        return *refusal;
     print_heartbeat(frame, heartbeat);
 
     store_be16(frame.msg, msgGeneric_t::msgType, frame.type);
@@ -193,8 +194,7 @@ static bool handle_heartbeat(link_frame& frame)
     store_be32(frame.msg, gwMsgHeartbeat_t::pos_Y, static_cast<uint32_t>(heartbeat.pos_Y));
     // As one word, so that upstream z_offset comes before z_val.
     store_be32(frame.msg, gwMsgHeartbeat_t::pos_Z, static_cast<uint32_t>(heartbeat.pos_Z));
-    frame.to_msg_handler(frame.msg.first(gwMsgHeartbeat_t::ipaddr));
-    return true;
+    return frame.to_msg_handler(frame.msg.first(gwMsgHeartbeat_t::ipaddr));
 }
 
 // --- dispatch
@@ -206,31 +206,36 @@ struct link_message {
     // Of frame.msg, exactly. A forwarded message brings its envelope's trailer along: so a forwarded
     // heartbeat has the direct one's size, and other fixed sizes are refused.
     size_t size;
-    bool (*handle)(link_frame&);
+    message_type kind;
+    message_outcome (*handle)(link_frame&);
 };
 
 } // namespace
 
 static constexpr size_t checked_by_handler = 0;
 static constexpr link_message link_messages[] = {
-    {MSG_PANID_REQ, gwMsgPrefixRequest_t::size, handle_panid_req},
-    {MSG_ANNOUNCE_ROOT_IND, gwMsgRootAnnounce_t::size, handle_announce_root},
-    {MSG_HEARTBEAT_IND, gwMsgHeartbeat_t::size, handle_heartbeat},
-    {MSG_NODE_ANNOUNCE_IND, gwMsgHeartbeat_t::size, handle_heartbeat}, // same record
-    {MSG_GENERIC_SERVER_REQ, checked_by_handler, handle_generic_server_req},
-    {MSG_SENSOR_IND_NEW, checked_by_handler, handle_sensor_report},
+    {MSG_PANID_REQ, gwMsgPrefixRequest_t::size, message_type::panid_req, handle_panid_req},
+    {MSG_ANNOUNCE_ROOT_IND, gwMsgRootAnnounce_t::size, message_type::announce_root, handle_announce_root},
+    {MSG_HEARTBEAT_IND, gwMsgHeartbeat_t::size, message_type::heartbeat, handle_heartbeat},
+    // The same record.
+    {MSG_NODE_ANNOUNCE_IND, gwMsgHeartbeat_t::size, message_type::node_announce, handle_heartbeat},
+    {MSG_GENERIC_SERVER_REQ, checked_by_handler, message_type::generic_server_req, handle_generic_server_req},
+    {MSG_SENSOR_IND_NEW, checked_by_handler, message_type::sensor, handle_sensor_report},
 };
 static_assert(gwMsgHeartbeat_t::size ==
               gwMsgHeartbeat_t::bridge_mac + nwk_data_ind::overhead - nwk_data_ind::inner);
 
-// Hands the message to the handler of its type. False refuses the frame: its size is not the type's, or the
-// handler says so.
-static bool dispatch(link_frame& frame)
+// Hands the message to the handler of its type. A wrong size refuses the frame.
+static message_outcome dispatch(link_frame& frame)
 {
     for (const auto& m : link_messages)
-        if (m.type == frame.type)
-            return (m.size == checked_by_handler || m.size == frame.msg.size()) && m.handle(frame);
-    return true; // a type that needs no action
+        if (m.type == frame.type) {
+            frame.kind = m.kind;
+            const bool fits = m.size == checked_by_handler || m.size == frame.msg.size();
+            return fits ? m.handle(frame) : message_outcome::wrong_size;
+        }
+    frame.kind = message_type::other;
+    return message_outcome::unknown_type; // it needs no action
 }
 
 // --- envelopes
@@ -278,35 +283,39 @@ static void take_flags(link_frame& frame)
     store_le16(frame.msg, msgGeneric_t::msgType, frame.type);
 }
 
-// Registers the node that a bridge has heard: `trailer` is its MAC, then its address.
-static bool register_forwarded_node(link_frame& frame, const uint8_t* trailer)
+// Registers the node that a bridge has heard: `trailer` is its MAC, then its address. Otherwise what becomes of
+// the message.
+static std::optional<message_outcome> register_forwarded_node(link_frame& frame, const uint8_t* trailer)
 {
     const nodes_guard guard{frame.nodes};
     NODE_t* node = frame.nodes.find_or_create_by_mac(trailer + nwk_data_ind::trailer_mac, nullptr);
     if (!node)
-        return false;
+        return frame.refusal_locked();
     node->direct_mask = frame.direct_mask;
     frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();
     move_route_locked(frame, *node);
     if (frame.change_route)
         frame.nodes.set_address(*node, trailer + nwk_data_ind::trailer_ip, true);
-    return true;
+    return std::nullopt;
 }
 
-// Takes a 15.4 envelope off. False when its size is wrong or its node cannot be registered.
-static bool unwrap_forwarded(link_frame& frame)
+// Takes a 15.4 envelope off. Otherwise what becomes of the message: its size is wrong, or its node cannot be
+// registered.
+static std::optional<message_outcome> unwrap_forwarded(link_frame& frame)
 {
     if (frame.type != MSG_NWK_DATA_15_4_IND && frame.type != MSG_TRF2SRV_VIA_CLIENT)
-        return true;
+        return std::nullopt;
+    frame.kind =
+        frame.type == MSG_TRF2SRV_VIA_CLIENT ? message_type::trf2srv_via_client : message_type::nwk_data_ind;
     if (frame.msg.size() < nwk_data_ind::least_size)
-        return false;
+        return message_outcome::wrong_size;
     const size_t inner_size = load_le16(frame.msg, msgHeader_t::total_len);
     if (frame.msg.size() != inner_size + nwk_data_ind::overhead)
-        return false;
+        return message_outcome::wrong_size;
     frame.change_route = frame.type != MSG_TRF2SRV_VIA_CLIENT;
-    if (!register_forwarded_node(frame, &frame.msg[nwk_data_ind::inner + inner_size]))
-        return false;
+    if (const auto refusal = register_forwarded_node(frame, &frame.msg[nwk_data_ind::inner + inner_size]))
+        return refusal;
 
     frame.msg = frame.msg.subspan(nwk_data_ind::inner);
     frame.msg_is_forwarded = true;
@@ -315,17 +324,58 @@ static bool unwrap_forwarded(link_frame& frame)
     const uint16_t flagged = load_le16(frame.msg, msgGeneric_t::msgType);
     frame.type = static_cast<uint16_t>(flagged & ~msg_flag_ack_requested);
     store_le16(frame.msg, msgGeneric_t::msgType, frame.type);
-    return true;
+    return std::nullopt;
 }
 static_assert(nwk_data_ind::least_size > nwk_data_ind::inner + msgGeneric_t::size);
 
+// Sends the ack that the sender has asked for, if its address is known.
+static void acknowledge(link_frame& frame)
+{
+    if (!frame.ack_requested || !frame.ack_dst_known)
+        return;
+    frame.server.counts.acknowledgements.add();
+    data_to_win_client(&frame.server, frame.client.id, frame.ack.data(), frame.ack.size());
+}
+
+namespace {
+
+struct verdict {
+    message_outcome outcome;
+    bool is_accepted = false;
+};
+
+} // namespace
+
+static verdict interpret(link_frame& frame)
+{
+    frame.kind = message_type::wrap_ts;
+    if (!unwrap_timestamp(frame))
+        return {message_outcome::wrong_size};
+    // Compared with its flag bits, too: only a plain ping is echoed.
+    if (load_le16(frame.msg, msgGeneric_t::msgType) == MSG_PING) {
+        frame.kind = message_type::ping;
+        echo_ping(frame);
+        return {message_outcome::answered, true};
+    }
+    take_flags(frame);
+    if (const auto refusal = unwrap_forwarded(frame))
+        return {*refusal};
+    const message_outcome outcome = dispatch(frame);
+    if (outcome == message_outcome::wrong_size)
+        return {outcome};
+    acknowledge(frame);
+    return {outcome, true};
+}
+
+// The one place where messages are counted: each once.
 bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
 {
     if (any_null(__func__, server, client) || any_null(__func__, server->nodes()))
         return false;
-    if (!client->pending_data || client->pending_data_size < msgGeneric_t::size)
+    if (!client->pending_data || client->pending_data_size < msgGeneric_t::size) {
+        server->counts.note(message_type::none, message_outcome::too_short);
         return false;
-
+    }
     const tav_timestamp_t now = get_current_time();
     link_frame frame{
         .server = *server,
@@ -333,24 +383,13 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
         .nodes = *server->nodes(),
         .msg = {client->pending_data.get(), client->pending_data_size},
         .type = 0,
+        .kind = message_type::none,
         .input_time = now,
         .generation_time = now,
     };
-    if (!unwrap_timestamp(frame))
-        return false;
-    // Compared with its flag bits, too: only a plain ping is echoed.
-    if (load_le16(frame.msg, msgGeneric_t::msgType) == MSG_PING) {
-        echo_ping(frame);
-        return true;
-    }
-    take_flags(frame);
-    if (!unwrap_forwarded(frame))
-        return false;
-    if (!dispatch(frame))
-        return false;
-    if (frame.ack_requested && frame.ack_dst_known)
-        data_to_win_client(server, client->id, frame.ack.data(), frame.ack.size());
-    return true;
+    const verdict found = interpret(frame);
+    server->counts.note(frame.kind, found.outcome);
+    return found.is_accepted;
 }
 
 } // namespace rtls

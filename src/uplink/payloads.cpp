@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 
 namespace rtls {
 
@@ -66,74 +67,76 @@ static void print_unknown_sender(const link_frame& frame, const uint8_t* ip_addr
 }
 
 // Finds the sender by the trailer, a MAC if forwarded, else an address, and has the copy end with its
-// MAC. False when there is none, or for a duplicate.
-static bool find_sender(link_frame& frame, payload_message& message)
+// MAC. Otherwise what becomes of the message.
+static std::optional<message_outcome> find_sender(link_frame& frame, payload_message& message)
 {
     const uint8_t* trailer = &frame.msg[message.length];
     const nodes_guard guard{frame.nodes};
     NODE_t* node = frame.msg_is_forwarded ? frame.nodes.find_or_create_by_mac(trailer, frame.seq_no())
                                           : frame.nodes.find_by_ip(trailer);
     if (!node)
-        return false;
+        return frame.msg_is_forwarded ? frame.refusal_locked() : message_outcome::unknown_node;
     node->last_activity = frame.activity();
     std::memcpy(message.short_mac, node->mac_addr + mac_size - 2, sizeof message.short_mac);
     if (!frame.msg_is_forwarded)
         std::memcpy(message.copy + message.length, node->mac_addr, mac_size);
-    return true;
+    return std::nullopt;
 }
 
-static bool identify_sender(link_frame& frame, payload_message& message)
+// The same, and prints why there is none.
+static std::optional<message_outcome> identify_sender(link_frame& frame, payload_message& message)
 {
-    if (find_sender(frame, message))
-        return true;
+    const auto refusal = find_sender(frame, message);
+    if (!refusal)
+        return refusal;
     if (frame.msg_is_forwarded)
         dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
                      "nodes_container_find_or_create_by_mac returns NULL");
     else
         print_unknown_sender(frame, &frame.msg[message.length]);
-    return false;
+    return refusal;
 }
 
-bool handle_sensor_report(link_frame& frame)
+message_outcome handle_sensor_report(link_frame& frame)
 {
     payload_message message; // large, and filled as far as it is used
     if (!open_message(frame, sensor_length_limit, message))
-        return false;
-    if (!identify_sender(frame, message))
-        return true;
+        return message_outcome::wrong_size;
+    if (const auto refusal = identify_sender(frame, message))
+        return *refusal;
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
                  "MSG_SENSOR_IND_NEW: [%d] in_buf_size:%d  src:%02X%02X", frame.type & 0xFF,
                  message.total_len, message.short_mac[0], message.short_mac[1]);
-    frame.to_msg_handler({message.copy, message.copy_size});
-    return true;
+    return frame.to_msg_handler({message.copy, message.copy_size});
 }
 
 // --- sub-commands of generic requests
 
 namespace {
 
-enum class outcome { done, to_servers };
+// Nothing: the servers get the request.
+using done = std::optional<message_outcome>;
 
 } // namespace
 
-static outcome answer_route_request(link_frame& frame, const payload_message& message)
+static done answer_route_request(link_frame& frame, const payload_message& message)
 {
     const size_t requesters = route_requesters(message.total_len);
     const size_t size = route_request_text_size(requesters);
     const std::unique_ptr<char[]> text{new (std::nothrow) char[size]};
     if (!text) {
         logger_error(g_logger, str_out_of_memory, __func__);
-        return outcome::done;
+        return message_outcome::out_of_memory;
     }
     write_route_request_text(frame.msg, requesters, {text.get(), size});
     win_management_to_server(&frame.server, text.get());
-    return outcome::done;
+    return message_outcome::line;
 }
 
-static outcome answer_ota_page(link_frame& frame, const payload_message& message)
+static done answer_ota_page(link_frame& frame, const payload_message& message)
 {
     const bool served = send_otapage_from_cache(&frame.server, frame.client, frame.msg, message.sender_mac());
-    return served ? outcome::done : outcome::to_servers;
+    return served ? done{message_outcome::answered} : std::nullopt;
 }
 
 static void print_ul_tdoa(WIN_SERVER_t* server, const ul_tdoa_report& report)
@@ -171,10 +174,10 @@ bool processing_ul_tdoa(WIN_SERVER_t* server, bytes_view message, const uint8_t*
     return true;
 }
 
-static outcome publish_ul_tdoa(link_frame& frame, const payload_message& message)
+static done publish_ul_tdoa(link_frame& frame, const payload_message& message)
 {
     const bool published = processing_ul_tdoa(&frame.server, frame.msg, message.sender_mac());
-    return published ? outcome::done : outcome::to_servers;
+    return published ? done{message_outcome::line} : std::nullopt;
 }
 
 static constexpr size_t range_report_entries(uint16_t total_len)
@@ -182,10 +185,10 @@ static constexpr size_t range_report_entries(uint16_t total_len)
     return (total_len - range_report::fixed_len) / range_report::entry_size;
 }
 
-static outcome print_range_report(link_frame& frame, const payload_message& message)
+static done print_range_report(link_frame& frame, const payload_message& message)
 {
     if (!dbg_is_wanted(DBG_PARSING))
-        return outcome::to_servers;
+        return std::nullopt;
     for (size_t i = 0; i < range_report_entries(message.total_len); i++) {
         const bytes_view entry = bytes_view{frame.msg}.subspan(
             range_report::entries + i * range_report::entry_size, range_report::entry_size);
@@ -194,7 +197,7 @@ static outcome print_range_report(link_frame& frame, const payload_message& mess
                      entry[range_report::short_mac], entry[range_report::short_mac + 1],
                      load_be32(entry, range_report::value32), load_be16(entry, range_report::value16));
     }
-    return outcome::to_servers;
+    return std::nullopt;
 }
 
 namespace {
@@ -204,7 +207,7 @@ struct generic_sub_command {
     uint16_t smallest; // total_len that it is recognised by; otherwise the servers get it
     uint16_t largest;
     size_t (*extent)(uint16_t total_len); // bytes of the message that the handler reads
-    outcome (*handle)(link_frame&, const payload_message&);
+    done (*handle)(link_frame&, const payload_message&);
 };
 
 } // namespace
@@ -232,13 +235,13 @@ static const generic_sub_command* find_sub_command(uint16_t code, uint16_t total
     return nullptr;
 }
 
-bool handle_generic_server_req(link_frame& frame)
+message_outcome handle_generic_server_req(link_frame& frame)
 {
     payload_message message; // large, and filled as far as it is used
     if (!open_message(frame, generic_length_limit, message))
-        return false;
-    if (!identify_sender(frame, message))
-        return true;
+        return message_outcome::wrong_size;
+    if (const auto refusal = identify_sender(frame, message))
+        return *refusal;
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
                  "MSG_GENERIC_SERVER_REQ: [%d] in_buf_size:%d  src:%02X%02X", frame.type & 0xFF,
                  message.total_len, message.short_mac[0], message.short_mac[1]);
@@ -247,12 +250,11 @@ bool handle_generic_server_req(link_frame& frame)
     const uint16_t code = load_be16(frame.msg, generic_server_request::sub_command);
     if (const generic_sub_command* sub = find_sub_command(code, message.total_len)) {
         if (sub->extent(message.total_len) > frame.msg.size())
-            return false;
-        if (sub->handle(frame, message) == outcome::done)
-            return true;
+            return message_outcome::wrong_size;
+        if (const done outcome = sub->handle(frame, message))
+            return *outcome;
     }
-    frame.to_msg_handler({message.copy, message.copy_size});
-    return true;
+    return frame.to_msg_handler({message.copy, message.copy_size});
 }
 
 } // namespace rtls

@@ -15,9 +15,9 @@
 
 namespace rtls {
 
-// Both check the size themselves. False refuses the frame: no ack is sent.
-bool handle_generic_server_req(link_frame& frame);
-bool handle_sensor_report(link_frame& frame);
+// Both check the size themselves. A wrong one refuses the frame: no ack is sent.
+message_outcome handle_generic_server_req(link_frame& frame);
+message_outcome handle_sensor_report(link_frame& frame);
 
 // Publishes UL-TDOA data as a management line. False when the message is too short for what it promises.
 // `node_mac` is not used.

@@ -39,6 +39,7 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
     message_part time_part{time.size()};
     message_part data_part{size};
     if (!time_part.is_made() || !data_part.is_made()) {
+        server->to_handler.lose_unmade();
         log_call_error(__func__, "zframe_new");
         return;
     }
@@ -61,6 +62,7 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text)
 
     message_part line{size};
     if (!line.is_made()) {
+        server->to_proxy_input.lose_unmade();
         log_call_error(__func__, "zstr_send (proxy_input_sock)");
         return;
     }

@@ -2,11 +2,13 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <exception>
+#include <iterator>
 #include <new>
 #include <optional>
 #include <string>
@@ -114,6 +116,11 @@ tav_log_counters_t logger_get_counters(tav_logger logger)
             lines.held_back, lines.unstored, logger->m_logger.unpublished()};
 }
 
+bool logger_thread_lives(tav_logger logger)
+{
+    return logger && logger->m_logger.is_system_log_carried_on();
+}
+
 bool logger_secure(tav_logger logger, const char* server_key, const char* own_public, const char* own_secret)
 {
     if (!logger || !server_key || !own_public || !own_secret)
@@ -150,7 +157,10 @@ tav_link_state_t logger_get_broker_state(tav_logger logger)
     if (logger == nullptr)
         return {};
     const rtls::link_state link = logger->m_logger.broker_state();
-    return {link.is_up, link.since_ms, link.connections, link.failures, link.last_reason};
+    tav_link_state_t state{link.is_up, link.since_ms, link.connections, link.failures, link.last_reason, {}};
+    static_assert(std::size(state.failures_of) == rtls::link_failures);
+    std::ranges::copy(link.failures_of, state.failures_of);
+    return state;
 }
 
 tav_component_logger create_component_logger(tav_logger logger, const char* name)

@@ -85,6 +85,7 @@ public:
     rtls::link_state broker_state();
 
     system_log::counters system_log_counters() const { return m_system_log.count(); }
+    bool is_system_log_carried_on() const { return m_system_log.is_carried_on(); }
     uint64_t unpublished() const { return m_unpublished.load(std::memory_order_relaxed); }
 
 private:

@@ -181,4 +181,10 @@ system_log::counters system_log::count() const
             m_held_back.load(relaxed), m_unstored.load(relaxed)};
 }
 
+bool system_log::is_carried_on() const
+{
+    const rtls::mutex_guard lock(m_state->mutex);
+    return !m_state->has_ended;
+}
+
 } // namespace tav::libs::core

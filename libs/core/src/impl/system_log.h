@@ -66,6 +66,9 @@ public:
 
     counters count() const;
 
+    // Whether our thread is there. One that waits in libc is.
+    bool is_carried_on() const;
+
 private:
     bool is_in_child() const;
     bool takes(int priority) const;

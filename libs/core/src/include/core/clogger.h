@@ -60,6 +60,9 @@ typedef struct tav_log_counters_t {
 // All zero for null. Reads a few counters, each by itself, and never waits.
 tav_log_counters_t logger_get_counters(tav_logger logger);
 
+// Whether the thread that hands lines to the system log is there; false for null.
+bool logger_thread_lives(tav_logger logger);
+
 // Also publishes all later records to the ZeroMQ endpoint `address`. A bad address is logged as an
 // error and changes nothing. Each call adds one more peer; records are dealt out in turn.
 void logger_connect(tav_logger logger, const char* address);
@@ -78,6 +81,9 @@ typedef struct tav_link_state_t {
     uint64_t connections;    // handshakes done
     uint64_t failures;       // handshakes that failed, and connections lost
     const char* last_reason; // of a failure, or of nobody answering; "" without one. Lives for ever.
+    // The failures by their kind: the handshake was broken off; another protocol; refused; another kind of
+    // socket; a connection lost.
+    uint64_t failures_of[5];
 } tav_link_state_t;
 
 // What is known of the connection with the broker, as logger_tend_broker has last seen it; all zero for null.

@@ -13,10 +13,16 @@
 #include <zmq.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 namespace rtls {
+
+// How a link fails. In the order of failure_texts.
+enum class link_failure : uint8_t { broken_off, other_protocol, refused, other_socket, lost, kinds };
+inline constexpr size_t link_failures = static_cast<size_t>(link_failure::kinds);
 
 // Its fields are read one by one while the link changes.
 struct link_state {
@@ -26,6 +32,7 @@ struct link_state {
     uint64_t failures;       // handshakes that failed, and connections lost
     const char* last_reason; // of a failure, or of nobody answering; "" without one
     uint64_t lost;           // messages that the library dropped when the link was connected again
+    std::array<uint64_t, link_failures> failures_of; // the same by link_failure
 };
 
 class link_record {
@@ -51,19 +58,19 @@ public:
             up(now_ms);
             return nullptr;
         case ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL:
-            return failed("the peer broke off the handshake", now_ms);
+            return failed(link_failure::broken_off, now_ms);
         case ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL:
-            return failed("the peer speaks another protocol", now_ms);
+            return failed(link_failure::other_protocol, now_ms);
         case ZMQ_EVENT_HANDSHAKE_FAILED_AUTH:
-            return failed("the peer refused us", now_ms);
+            return failed(link_failure::refused, now_ms);
         case ZMQ_EVENT_DISCONNECTED: // given up, unless the library says next that it tries again
             m_is_given_up = true;
             if (!m_is_reached)
                 return nullptr; // part of a failed handshake
             if (!m_is_up)
-                return failed("the peer is another kind of socket", now_ms);
-            ++m_failures;
-            down("the connection was lost", now_ms);
+                return failed(link_failure::other_socket, now_ms);
+            count(link_failure::lost);
+            down(text_of(link_failure::lost), now_ms);
             return nullptr;
         case ZMQ_EVENT_CLOSED:
             down("nobody answers", now_ms);
@@ -97,8 +104,16 @@ public:
     link_state state() const noexcept
     {
         constexpr auto relaxed = std::memory_order_relaxed;
-        return {m_is_up.load(relaxed),    m_since_ms.load(relaxed),    m_connections.load(relaxed),
-                m_failures.load(relaxed), m_last_reason.load(relaxed), m_lost.load(relaxed)};
+        link_state now{m_is_up.load(relaxed),
+                       m_since_ms.load(relaxed),
+                       m_connections.load(relaxed),
+                       0,
+                       m_last_reason.load(relaxed),
+                       m_lost.load(relaxed),
+                       {}};
+        for (size_t i = 0; i < link_failures; ++i)
+            now.failures += now.failures_of[i] = m_failures[i].load(relaxed);
+        return now;
     }
 
 private:
@@ -121,9 +136,20 @@ private:
             m_since_ms = now_ms;
     }
 
-    const char* failed(const char* reason, int64_t now_ms) noexcept
+    static constexpr std::array<const char*, link_failures> failure_texts = {
+        "the peer broke off the handshake",   "the peer speaks another protocol", "the peer refused us",
+        "the peer is another kind of socket", "the connection was lost",
+    };
+    static constexpr const char* text_of(link_failure failure) noexcept
     {
-        ++m_failures;
+        return failure_texts[static_cast<size_t>(failure)];
+    }
+    void count(link_failure failure) noexcept { ++m_failures[static_cast<size_t>(failure)]; }
+
+    const char* failed(link_failure failure, int64_t now_ms) noexcept
+    {
+        const char* reason = text_of(failure);
+        count(failure);
         down(reason, now_ms);
         m_is_given_up = true;
         const bool is_new = !m_is_said;
@@ -139,7 +165,7 @@ private:
     std::atomic<bool> m_is_up{false};
     std::atomic<int64_t> m_since_ms{0};
     std::atomic<uint64_t> m_connections{0};
-    std::atomic<uint64_t> m_failures{0};
+    std::array<std::atomic<uint64_t>, link_failures> m_failures{};
     std::atomic<const char*> m_last_reason{""};
     std::atomic<uint64_t> m_lost{0};
 };

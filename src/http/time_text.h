@@ -1,0 +1,12 @@
+// time_text - a time of the wall clock as it stands in JSON: "2026-11-22T01:08:26.123Z". Pure.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace rtls {
+
+// `ms`: milliseconds of the epoch. Throws std::bad_alloc.
+std::string utc_text(int64_t ms);
+
+} // namespace rtls

@@ -1,0 +1,139 @@
+"""What is shipped in monitoring/: alert rules by promtool, and the dashboard by a real Prometheus that scrapes a daemon."""
+import json
+import re
+import shutil
+import subprocess
+import urllib.parse
+import urllib.request
+
+import pytest
+
+from harness import wire
+from harness.daemon import ROOT, free_port
+from harness.http_client import with_http
+from harness.peers import wait_until
+
+MONITORING = ROOT / "monitoring"
+DASHBOARD = json.loads((MONITORING / "dashboard.json").read_text())
+FIGURE = re.compile(r"\b(?:rtls_gateway|process)_[a-z_]+")
+
+
+def promtool(*arguments):
+    assert shutil.which("promtool"), "scripts/install-deps test"
+    return subprocess.run(["promtool", *map(str, arguments)], capture_output=True, text=True, timeout=120)
+
+
+def test_the_rules_are_in_order():
+    checked = promtool("check", "rules", MONITORING / "alerts.yml")
+    assert checked.returncode == 0, checked.stdout + checked.stderr
+
+
+def test_the_rules_fire_when_they_should():
+    tested = promtool("test", "rules", MONITORING / "alerts_test.yml")
+    assert tested.returncode == 0, tested.stdout + tested.stderr
+
+
+def test_every_rule_is_tested_both_ways():
+    alerts = set(re.findall(r"alert: (\w+)", (MONITORING / "alerts.yml").read_text()))
+    fires, rests = (MONITORING / "alerts_test.yml").read_text().split("a gateway that works raises none")
+    assert set(re.findall(r"alertname: (\w+)", fires)) == alerts
+    assert set(re.findall(r"alertname: (\w+)", rests)) == alerts
+
+
+def queries():
+    for panel in DASHBOARD["panels"]:
+        for target in panel.get("targets", ()):
+            yield panel["title"], target["expr"]
+
+
+def test_figures_of_dashboard_and_rules_exist():
+    table = set(FIGURE.findall((ROOT / "src" / "metrics" / "table.cpp").read_text()))
+    used = set(FIGURE.findall((MONITORING / "alerts.yml").read_text()))
+    for _, query in queries():
+        used |= set(FIGURE.findall(query))
+    assert {re.sub(r"_bucket$", "", name) for name in used} <= table
+
+
+class Prometheus:
+    """A real one, which scrapes `target` every second."""
+
+    def __init__(self, folder, target: int):
+        assert shutil.which("prometheus"), "scripts/install-deps test"
+        self.port = free_port()
+        config = folder / "prometheus.yml"
+        config.write_text(json.dumps({
+            "global": {"scrape_interval": "1s", "evaluation_interval": "1s"},
+            "rule_files": [str(MONITORING / "alerts.yml")],
+            "scrape_configs": [{"job_name": "rtls-gateway", "static_configs": [{"targets": [f"127.0.0.1:{target}"]}]}]}))
+        self.log = open(folder / "prometheus.txt", "wb")
+        self.process = subprocess.Popen(
+            ["prometheus", f"--config.file={config}", f"--storage.tsdb.path={folder / 'tsdb'}",
+             f"--web.listen-address=127.0.0.1:{self.port}"], stdout=self.log, stderr=subprocess.STDOUT)
+        wait_until(lambda: self._get("-/ready") is not None, "Prometheus")
+
+    def _get(self, path: str):
+        try:
+            opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+            with opener.open(f"http://127.0.0.1:{self.port}/{path}", timeout=20) as answer:
+                return answer.read()
+        except urllib.error.HTTPError as error:
+            return error.read() if error.code == 400 else None
+        except OSError:
+            return None
+
+    def query(self, expression: str) -> list:
+        answer = json.loads(self._get("api/v1/query?" + urllib.parse.urlencode({"query": expression})) or "{}")
+        assert answer.get("status") == "success", f"{expression}: {answer}"
+        return answer["data"]["result"]
+
+    def targets(self) -> list:
+        return json.loads(self._get("api/v1/targets"))["data"]["activeTargets"]
+
+    def close(self):
+        self.process.terminate()
+        self.process.wait(30)
+        self.log.close()
+
+
+@pytest.fixture
+def port():
+    return free_port()
+
+
+@pytest.fixture
+def daemon(start_gateway, port):
+    return start_gateway(change=with_http(port))
+
+
+@pytest.fixture
+def prometheus(daemon, port, tmp_path):
+    prometheus = Prometheus(tmp_path, port)
+    yield prometheus
+    prometheus.close()
+
+
+def test_every_query_of_the_dashboard_is_answered(daemon, prometheus):
+    bridge = daemon.bridge(wire.mac(0x0101))
+    bridge.introduce()
+    missing = {query.replace("$__rate_interval", "10s").replace("$instance", ".*"): title for title, query in queries()}
+    assert len(missing) > 40
+    seq = 1
+
+    def all_answered():
+        nonlocal seq
+        seq = seq % 250 + 1
+        bridge.send_message(wire.heartbeat(bridge.mac, seq, bridge=bridge.mac, addr=wire.ip(1)))
+        daemon.proxy.publish(wire.generic_req(bytes([seq]) * 4, bridge.mac, seq))
+        for query in list(missing):
+            if prometheus.query(query):
+                del missing[query]
+        return not missing
+
+    try:
+        wait_until(all_answered, "answers", deadline=40)
+    except AssertionError:
+        raise AssertionError(f"no answer to {missing}") from None
+    assert [(target["health"], target["lastError"]) for target in prometheus.targets()] == [("up", "")]
+    assert prometheus.query('rtls_gateway_build_info{job="rtls-gateway"}')
+    # What Prometheus itself says of a scrape, with all that it does.
+    assert float(prometheus.query("scrape_samples_scraped")[0]["value"][1]) > 100
