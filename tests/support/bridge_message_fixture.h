@@ -2,6 +2,7 @@
 //
 // A frame stands in a buffer of exactly its size, so that the sanitizers see any read past its end.
 // Threads    The test's own; no actor runs.
+// Failures   As test_gateway's.
 #pragma once
 
 #include "support/hex_bytes.h"

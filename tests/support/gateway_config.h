@@ -1,4 +1,7 @@
 // gateway_config - the configuration of a test's gateway: complete, until a test changes it.
+//
+// Threads    A value: one at a time.
+// Failures   Throws std::runtime_error when it is asked for a port that it does not have.
 #pragma once
 
 #include "base/czmq_ptr.h"

@@ -1,4 +1,6 @@
 // hex_bytes - bytes of a test written as one sees them on the wire: "0A 1b ff".
+//
+// Threads    Any. What is no hex digit reads as 0: a test sees that in what it compares.
 #pragma once
 
 #include <cstdint>

@@ -2,6 +2,7 @@
 //
 // Every connection is served once, on a thread of its own, and closed.
 // Threads    Any may ask; construct and destroy on one, while none downloads.
+// Failures   Throws std::system_error when it cannot be made.
 #pragma once
 
 #include "support/tcp_listener.h"

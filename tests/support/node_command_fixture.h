@@ -3,6 +3,7 @@
 // The WIN port is a stream socket that nobody is connected to, so each message for a bridge ends in the
 // bridge's cache of unsent messages: what was sent can be read there, without a network.
 // Threads    The test's own; no actor runs.
+// Failures   As test_gateway's.
 #pragma once
 
 #include "support/log_capture.h"

@@ -1,4 +1,6 @@
 // ota_store - firmware images for tests of the store, and the store's calls with tests' own types.
+//
+// Threads    Any, as the store itself. What fails is answered as the store answers it.
 #pragma once
 
 #include "base/czmq_ptr.h"

@@ -1,4 +1,6 @@
 // page_request - a node's request for a page of one image, as it stands in front of the node's address.
+//
+// Threads    Any. Nothing fails.
 #pragma once
 
 #include "support/hex_bytes.h"

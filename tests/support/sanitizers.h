@@ -1,4 +1,6 @@
 // sanitizers - what a test cannot ask of a program that a sanitizer watches.
+//
+// Threads    Any. Nothing fails.
 #pragma once
 
 #if !defined(__has_feature)

@@ -1,4 +1,6 @@
 // sock - sockets of a test's own.
+//
+// Threads    Any. Nothing fails.
 #pragma once
 
 #include "base/czmq_ptr.h"

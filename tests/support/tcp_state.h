@@ -1,4 +1,7 @@
 // tcp_state - what the system is about to do with a TCP connection's bytes.
+//
+// Threads    Any.
+// Failures   A connection that is not there is -1. The others ask for one that is.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // temp_file - a file of a test's own, gone when the test is.
 //
 // Each stands alone in a directory of its own, so that its name can be chosen freely.
+// Threads    One at a time.
 // Failures   Throws std::runtime_error or std::filesystem::filesystem_error.
 #pragma once
 

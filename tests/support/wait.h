@@ -1,4 +1,7 @@
 // wait - waiting for what another thread or the system does, and the daemon's request to stop.
+//
+// Threads    Any. A condition is asked on the thread that waits.
+// Failures   What does not come in time is false.
 #pragma once
 
 #include <chrono>

@@ -3,6 +3,7 @@
 // The gateway is a real one, built from a file; its actors do not run. The test moves the traffic by
 // calling the reader of the WIN port until what it waits for has happened.
 // Threads    The test's own.
+// Failures   Throws std::runtime_error when the link does not do in time what every test needs of it.
 #pragma once
 
 #include "support/tcp_peer.h"

@@ -1,6 +1,8 @@
 // bridge_link - the TCP connection of one bridge to the gateway's WIN port, which frames and unframes.
 //
 // Never blocks. The owner polls fd() and calls on_ready; it decides when to connect again.
+// Threads    Its owner's. Nothing waits.
+// Failures   A connection that fails or ends is down, and the call says false.
 #pragma once
 
 #include "wire.h"

@@ -1,4 +1,7 @@
 // command - what servers publish through the proxy, from the words that people type.
+//
+// Threads    Any; nothing is kept.
+// Failures   Words that make no command give nothing, or say what is wrong with them.
 #pragma once
 
 #include "downlink.h"

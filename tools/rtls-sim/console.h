@@ -1,8 +1,9 @@
 // console - what the simulator prints: lines that scroll, and below them a line of counters that stays.
 //
-// Threads  Any thread may print. When standard output is no terminal, counters become a line of their own
-//          every few seconds. Lines beyond a budget per second are counted instead of printed, so that a
-//          fast run is not held up by its own output.
+// Threads    Any thread may print. When standard output is no terminal, counters become a line of their own
+//            every few seconds. Lines beyond a budget per second are counted instead of printed, so that a
+//            fast run is not held up by its own output.
+// Failures   Nobody who reads any more: flush says so.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,6 @@
 // device - a simulated node or bridge, and the reports that its role makes it send.
+//
+// Threads    A device and a maker belong to one thread at a time. Nothing fails.
 #pragma once
 
 #include "uplink.h"

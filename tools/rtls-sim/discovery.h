@@ -1,4 +1,8 @@
 // discovery - how a bridge that does not know the gateway finds it: UDP, to a host or a whole network.
+//
+// Threads    Any.
+// Blocking   Until the answer or the time-out; a host name for as long as the system looks it up.
+// Failures   No such host, no socket and no answer are all nothing.
 #pragma once
 
 #include "wire.h"

@@ -1,4 +1,7 @@
 // downlink - what the gateway sends down to a bridge, taken apart.
+//
+// Threads    Any; nothing is kept. Pages are views into the message.
+// Failures   What has no known form is not valid, or nothing.
 #pragma once
 
 #include "uplink.h"

@@ -1,7 +1,9 @@
 // field - the simulated radio network: bridges connected to the gateway, and the nodes behind them.
 //
-// Threads  run() is the field's own thread: one epoll loop over all bridges. The operations marked so may
-//          be called from others; everything else belongs to that thread.
+// Threads    run() is the field's own thread: one epoll loop over all bridges. The operations marked so may
+//            be called from others; everything else belongs to that thread.
+// Failures   Throws std::system_error when it cannot be made. A bridge that loses the gateway says so on the
+//            console, and connects again a second later.
 #pragma once
 
 #include "bridge_link.h"

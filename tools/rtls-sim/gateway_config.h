@@ -1,5 +1,8 @@
 // gateway_config - the ports that gateway and simulator share: read from the gateway's configuration file,
 // or written into a new one.
+//
+// Threads    Any; nothing is kept.
+// Failures   A file that cannot be read is nothing.
 #pragma once
 
 #include <cstdint>

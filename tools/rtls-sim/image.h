@@ -1,4 +1,7 @@
 // image - firmware images for the nodes: making them, reading them, and handing them out over HTTP.
+//
+// Threads    Any, but for what says otherwise.
+// Failures   Nothing or false.
 #pragma once
 
 #include "wire.h"

@@ -1,4 +1,6 @@
 // latency - times from sent to received, in a histogram of constant size with about 1 % resolution.
+//
+// Threads    One at a time. Nothing fails.
 #pragma once
 
 #include <array>

@@ -1,4 +1,7 @@
 // network - runs the simulated field, the simulated servers, or both, until told to stop.
+//
+// Threads    The caller's, which it keeps until the end; field, servers and images have their own.
+// Failures   Printed; they show in the exit status.
 #pragma once
 
 #include "field.h"

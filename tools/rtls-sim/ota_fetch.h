@@ -1,4 +1,7 @@
 // ota_fetch - a node that updates its firmware over the air: asks for page after page, checks the image.
+//
+// Threads    One at a time. Nothing waits: the owner has the clock.
+// Failures   An image that is wrong or does not come ends the fetch; progress says why.
 #pragma once
 
 #include "downlink.h"

@@ -1,4 +1,7 @@
 // report - what the gateway hands to the servers, taken apart and put into words.
+//
+// Threads    Any; nothing is kept.
+// Failures   What is not well-formed is not valid, and can still be described.
 #pragma once
 
 #include "uplink.h"

@@ -4,6 +4,7 @@
 // All ports are bound here and the gateway connects to them, so it may come and go.
 // Threads    run() is the servers' own thread and uses the sockets; the operations marked so may be called
 //            from others.
+// Failures   Throws std::system_error or zmq::error_t when it cannot be made.
 #pragma once
 
 #include "console.h"
@@ -54,7 +55,7 @@ private:
 
 class servers {
 public:
-    // Throws zmq::error_t when a port cannot be bound. `tracker` may be null: then nothing is matched.
+    // Throws std::system_error when a port cannot be bound. `tracker` may be null: then nothing is matched.
     servers(const servers_options& options, tracker* tracker, console& out);
     ~servers();
     servers(const servers&) = delete;

@@ -1,4 +1,7 @@
 // tools - the subcommands that do one thing and end. Each returns the exit status.
+//
+// Threads    The main thread, which waits as long as the work takes.
+// Failures   Printed on the error output; the status is 1.
 #pragma once
 
 #include "image.h"

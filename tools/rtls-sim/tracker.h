@@ -3,6 +3,7 @@
 // A report is known by its whole content: it has arrived only when every byte that the servers are to see
 // is right.
 // Threads    All operations may be called from any thread.
+// Failures   None of its own: what is lost, repeated or wrong is what it counts.
 #pragma once
 
 #include "latency.h"

@@ -2,6 +2,7 @@
 //
 // Every builder makes two things from the same values: the bytes for the link, and the content that has
 // to arrive at the message handler or at the proxy input. The second is not derived from the first.
+// Threads    Any; nothing is kept. Nothing fails.
 #pragma once
 
 #include "wire.h"

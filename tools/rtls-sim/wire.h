@@ -2,6 +2,8 @@
 //
 // The simulator keeps a codec of its own: what the daemon and the simulator agree on, two independent
 // readings of the protocol agree on.
+// Threads    Any; readers and deframers belong to one at a time.
+// Failures   Text that is no number or address is nothing; a reader that has run out has failed() from then on.
 #pragma once
 
 #include <array>
