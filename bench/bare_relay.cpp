@@ -18,7 +18,7 @@ using namespace rtls;
 
 namespace {
 
-struct peer_t {
+struct relay_peer {
     std::vector<uint8_t> message;
     bool inside = false;
     bool escaped = false;
@@ -31,7 +31,7 @@ void push(void* handler, const std::vector<uint8_t>& message)
         zmq_send(handler, message.data(), message.size(), ZMQ_DONTWAIT);
 }
 
-void unstuff(peer_t& peer, const uint8_t* data, size_t size, void* handler)
+void unstuff(relay_peer& peer, const uint8_t* data, size_t size, void* handler)
 {
     for (const uint8_t* end = data + size; data != end; ++data) {
         if (peer.escaped) {
@@ -55,13 +55,13 @@ void unstuff(peer_t& peer, const uint8_t* data, size_t size, void* handler)
 
 void relay(void* win, void* handler)
 {
-    std::unordered_map<std::string, peer_t> peers;
+    std::unordered_map<std::string, relay_peer> peers;
     zmq_msg_t id;
     zmq_msg_t data;
     zmq_msg_init(&id);
     zmq_msg_init(&data);
     while (zmq_msg_recv(&id, win, 0) >= 0 && zmq_msg_recv(&data, win, 0) >= 0) {
-        peer_t& peer = peers[std::string(static_cast<char*>(zmq_msg_data(&id)), zmq_msg_size(&id))];
+        relay_peer& peer = peers[std::string(static_cast<char*>(zmq_msg_data(&id)), zmq_msg_size(&id))];
         unstuff(peer, static_cast<uint8_t*>(zmq_msg_data(&data)), zmq_msg_size(&data), handler);
     }
     zmq_msg_close(&id);

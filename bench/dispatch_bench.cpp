@@ -196,14 +196,14 @@ const bytes_t page_request =
 
 // --- the benchmark: one frame again and again, its sequence number changing
 
-struct case_t {
+struct frame_case {
     const char* name;
     bytes_t frame;
     size_t seq_at; // where the registry reads the sequence number
     size_t sent;   // messages that one frame causes
 };
 
-void dispatch(benchmark::State& state, const case_t& c)
+void dispatch(benchmark::State& state, const frame_case& c)
 {
     dispatch_world world;
     world.introduce(1);
@@ -259,7 +259,7 @@ using namespace rtls;
 int main(int argc, char** argv)
 {
     constexpr size_t inner_seq = nwk_data_ind::inner + msgHeader_t::seqNo;
-    const case_t cases[] = {
+    const frame_case cases[] = {
         {"heartbeat", heartbeat(MSG_HEARTBEAT_IND), 2, 1},
         {"heartbeat, ack", heartbeat(MSG_HEARTBEAT_IND | msg_flag_ack_requested), 2, 2},
         {"heartbeat, forwarded", forwarded(heartbeat_body(MSG_HEARTBEAT_IND)), inner_seq, 1},
@@ -278,7 +278,7 @@ int main(int argc, char** argv)
         {"OTA page, 128 bytes", forwarded(page_request), inner_seq, 1},
         {"type without action", hex("05 01 00"), 2, 0},
     };
-    for (const case_t& c : cases)
+    for (const frame_case& c : cases)
         benchmark::RegisterBenchmark(c.name, dispatch, c);
 
     const std::vector<size_t> heartbeat_numbers{gwMsgHeartbeat_t::long_addr + 4,

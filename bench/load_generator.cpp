@@ -37,7 +37,7 @@ namespace {
 using clock_type = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-struct options_t {
+struct load_options {
     uint16_t win_port = 0;
     uint16_t handler_port = 0;
     int pid = 0;
@@ -101,7 +101,7 @@ std::vector<uint8_t> heartbeat(size_t bridge)
 }
 
 // A sensor report whose payload opens with the time of sending.
-void append_report(std::vector<uint8_t>& out, size_t bridge, uint8_t seq, const options_t& options)
+void append_report(std::vector<uint8_t>& out, size_t bridge, uint8_t seq, const load_options& options)
 {
     std::vector<uint8_t> m(msgHeader_t::size + options.payload_size + 16U, 0x5A);
     store_le16(m, msgHeader_t::msgType, MSG_SENSOR_IND_NEW);
@@ -157,7 +157,7 @@ uint64_t cpu_ns(int pid)
     return total;
 }
 
-struct receiver_t {
+struct frame_receiver {
     void* socket = nullptr;
     size_t received = 0; // sensor reports
     std::vector<uint32_t> latencies_us;
@@ -187,9 +187,10 @@ double percentile(std::vector<uint32_t>& sorted, double p)
                                             static_cast<size_t>(p * static_cast<double>(sorted.size())))];
 }
 
-class load_t {
+class bridge_load {
 public:
-    load_t(const options_t& options, receiver_t& receiver) : m_options(options), m_receiver(receiver)
+    bridge_load(const load_options& options, frame_receiver& receiver)
+        : m_options(options), m_receiver(receiver)
     {
         for (size_t i = 0; i < options.bridges; ++i)
             m_bridges.push_back(connect_bridge(options.win_port));
@@ -198,13 +199,13 @@ public:
             write_all(m_bridges[i], heartbeat(i));
     }
 
-    ~load_t()
+    ~bridge_load()
     {
         for (int fd : m_bridges)
             close(fd);
     }
-    load_t(const load_t&) = delete;
-    load_t& operator=(const load_t&) = delete;
+    bridge_load(const bridge_load&) = delete;
+    bridge_load& operator=(const bridge_load&) = delete;
 
     // Sends and receives for `seconds`, then waits for the stragglers.
     void run(double seconds)
@@ -252,15 +253,15 @@ private:
         }
     }
 
-    const options_t& m_options;
-    receiver_t& m_receiver;
+    const load_options& m_options;
+    frame_receiver& m_receiver;
     std::vector<int> m_bridges;
     std::vector<uint8_t> m_buffer;
     size_t m_next = 0;
     size_t m_sent = 0;
 };
 
-void report(const options_t& options, receiver_t& receiver, size_t sent, double seconds, uint64_t cpu)
+void report(const load_options& options, frame_receiver& receiver, size_t sent, double seconds, uint64_t cpu)
 {
     auto& l = receiver.latencies_us;
     std::sort(l.begin(), l.end());
@@ -276,7 +277,7 @@ void report(const options_t& options, receiver_t& receiver, size_t sent, double 
 
 int main(int argc, char** argv)
 {
-    options_t options;
+    load_options options;
     CLI::App app{"Bridges in, message handler out: load for the end-to-end benchmark"};
     app.add_option("--win-port", options.win_port)->required();
     app.add_option("--handler-port", options.handler_port)->required();
@@ -292,7 +293,7 @@ int main(int argc, char** argv)
     CLI11_PARSE(app, argc, argv);
 
     void* context = zmq_ctx_new();
-    receiver_t receiver;
+    frame_receiver receiver;
     receiver.socket = zmq_socket(context, ZMQ_PULL);
     const int unlimited = 0;
     zmq_setsockopt(receiver.socket, ZMQ_RCVHWM, &unlimited, sizeof unlimited);
@@ -300,7 +301,7 @@ int main(int argc, char** argv)
         std::perror("bind");
         return 1;
     }
-    load_t load(options, receiver);
+    bridge_load load(options, receiver);
     load.run(0.5); // warm up: connections settle, the registry knows the nodes
     receiver.latencies_us.clear();
     const size_t sent_before = load.sent();

@@ -14,8 +14,7 @@ namespace rtls {
 
 namespace {
 
-using mac_t = std::array<uint8_t, mac_size>;
-using ip_t = std::array<uint8_t, ip_addr_size>;
+using ip_bytes = std::array<uint8_t, ip_addr_size>;
 
 // Nodes with the MACs of one maker's range, each with its own address. Keys are asked for in random
 // order, as reports come in.
@@ -39,8 +38,8 @@ public:
     registry& operator=(const registry&) = delete;
 
     struct address_key {
-        mac_t mac;
-        ip_t ip;
+        mac_array mac;
+        ip_bytes ip;
     };
     const address_key& next_key() { return m_keys[m_next++ % m_keys.size()]; }
     void* nodes() const { return m_nodes; }
@@ -62,7 +61,7 @@ void find_by_short_mac(benchmark::State& state)
 {
     registry r(static_cast<size_t>(state.range(0)));
     while (state.KeepRunning()) {
-        const mac_t& mac = r.next_key().mac;
+        const mac_array& mac = r.next_key().mac;
         benchmark::DoNotOptimize(nodes_container_find_by_short_mac(r.nodes(), mac[6], mac[7]));
     }
 }
@@ -79,7 +78,7 @@ void find_by_unknown_ip(benchmark::State& state)
 {
     registry r(static_cast<size_t>(state.range(0)));
     while (state.KeepRunning()) {
-        ip_t ip = r.next_key().ip;
+        ip_bytes ip = r.next_key().ip;
         ip[7] = 1;
         benchmark::DoNotOptimize(nodes_container_find_by_ip(r.nodes(), ip.data()));
     }
@@ -120,7 +119,7 @@ void walk_all(benchmark::State& state)
 // A registry as an attacker would fill it: all nodes have the same address, be it of all zeros or not.
 class flooded_registry {
 public:
-    flooded_registry(size_t count, const ip_t& ip) : m_ip(ip)
+    flooded_registry(size_t count, const ip_bytes& ip) : m_ip(ip)
     {
         for (size_t i = 0; i < count; ++i)
             nodes_container_set_address(m_nodes, create(i), m_ip.data(), false);
@@ -132,25 +131,28 @@ public:
     // MACs as if drawn at random.
     NODE_t* create(uint64_t number)
     {
-        mac_t mac{0xE4, 0x11, 0x22};
+        mac_array mac{0xE4, 0x11, 0x22};
         for (size_t k = 0; k < 5; ++k)
             mac[7 - k] = static_cast<uint8_t>(number * 0x9E3779B97F4A7C15U >> 8 * k);
         return nodes_container_find_or_create_by_mac(m_nodes, mac.data(), nullptr, 0);
     }
     NODE_t* find() { return nodes_container_find_by_ip(m_nodes, m_ip.data()); }
-    void move(NODE_t* node, const ip_t& ip) { nodes_container_set_address(m_nodes, node, ip.data(), false); }
-    const ip_t& ip() const { return m_ip; }
+    void move(NODE_t* node, const ip_bytes& ip)
+    {
+        nodes_container_set_address(m_nodes, node, ip.data(), false);
+    }
+    const ip_bytes& ip() const { return m_ip; }
     void* nodes() const { return m_nodes; }
 
 private:
     void* m_nodes = nodes_container_new();
-    ip_t m_ip;
+    ip_bytes m_ip;
 };
 
-constexpr ip_t shared_ip{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0xE6, 1, 2, 3, 4, 5, 6, 7};
-constexpr ip_t other_ip{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0xE6, 1, 2, 3, 4, 5, 6, 8};
+constexpr ip_bytes shared_ip{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0xE6, 1, 2, 3, 4, 5, 6, 7};
+constexpr ip_bytes other_ip{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0xE6, 1, 2, 3, 4, 5, 6, 8};
 
-void find_in_flooded(benchmark::State& state, const ip_t& ip)
+void find_in_flooded(benchmark::State& state, const ip_bytes& ip)
 {
     flooded_registry r(static_cast<size_t>(state.range(0)), ip);
     while (state.KeepRunning())
@@ -208,7 +210,7 @@ BENCHMARK(find_by_unknown_ip)->Apply(at_three_sizes);
 BENCHMARK(process_report)->Apply(at_three_sizes);
 BENCHMARK(age_all)->Apply(at_three_sizes)->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(find_in_flooded, shared_ip, shared_ip)->Apply(at_sizes_of_floods);
-BENCHMARK_CAPTURE(find_in_flooded, no_ip, ip_t{})->Apply(at_sizes_of_floods);
+BENCHMARK_CAPTURE(find_in_flooded, no_ip, ip_bytes{})->Apply(at_sizes_of_floods);
 BENCHMARK(find_forged_ip)->Apply(at_sizes_of_floods);
 BENCHMARK(find_shared_ip_of_a_mover)->Apply(at_sizes_of_floods);
 BENCHMARK(find_shared_ip_of_newcomers)->Apply(at_sizes_of_floods);

@@ -36,7 +36,7 @@ constexpr unsigned other_image = 2; // a page set of the other image
 constexpr unsigned deletion = 4;
 
 // The blocks that were set, with their bytes.
-using model_t = std::map<uint64_t, uint8_t>;
+using page_model = std::map<uint64_t, uint8_t>;
 
 void require(bool condition)
 {
@@ -44,7 +44,7 @@ void require(bool condition)
         std::abort();
 }
 
-bool has_all_blocks(const model_t& model, uint64_t first, uint64_t end)
+bool has_all_blocks(const page_model& model, uint64_t first, uint64_t end)
 {
     for (uint64_t i = first; i < end; ++i)
         if (!model.contains(i))
@@ -61,7 +61,7 @@ bool is_kept(void* store)
     return false;
 }
 
-void set_page(void* store, model_t& model, uint32_t page_size, uint32_t page_number, uint8_t fill)
+void set_page(void* store, page_model& model, uint32_t page_size, uint32_t page_number, uint8_t fill)
 {
     const std::vector<uint8_t> page(page_size + 1, fill); // never without an address
     const bool stored = ota_set_firmware_page(store, git, crc, page_size, page_number, page.data());
@@ -75,7 +75,7 @@ void set_page(void* store, model_t& model, uint32_t page_size, uint32_t page_num
             model[i] = fill;
 }
 
-void get_page(void* store, const model_t& model, uint32_t page_size, uint32_t page_number)
+void get_page(void* store, const page_model& model, uint32_t page_size, uint32_t page_number)
 {
     std::vector<uint8_t> page(page_size + 1);
     const bool served = ota_get_firmware_page(store, git, crc, page_size, page_number, page.data());
@@ -95,7 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static const std::vector<uint8_t> other_page(largest_page);
     const store_ptr store{ota_new(slots)};
-    model_t model;
+    page_model model;
     bytes_view rest{data, size};
     for (; rest.size() >= operation::size; rest = rest.subspan(operation::size)) {
         const unsigned what = rest[operation::what];

@@ -45,7 +45,7 @@ void require(bool condition)
 }
 
 // A gateway whose WIN port has no peers: frames for its two bridges end in their caches.
-struct world_t {
+struct fuzzed_world {
     test_gateway gateway;
     WIN_SERVER_t* server = &gateway.win_server();
     void* nodes = gateway.nodes();
@@ -53,7 +53,7 @@ struct world_t {
     zsock_t* proxy = zsock_new(ZMQ_PUSH);
     zsock_t* reader = zsock_new(ZMQ_PULL);
 
-    world_t()
+    fuzzed_world()
     {
         server->win_sock.reset(zsock_new(ZMQ_STREAM));
         for (size_t i = 0; i < bridges.size(); ++i)
@@ -62,14 +62,14 @@ struct world_t {
         require(zsock_connect(proxy, "inproc://proxy_command_fuzz") == 0);
     }
 
-    ~world_t()
+    ~fuzzed_world()
     {
         for (zsock_t** sock : {&proxy, &reader})
             zsock_destroy(sock);
         server->win_sock.reset();
     }
-    world_t(const world_t&) = delete;
-    world_t& operator=(const world_t&) = delete;
+    fuzzed_world(const fuzzed_world&) = delete;
+    fuzzed_world& operator=(const fuzzed_world&) = delete;
 
     WIN_CLIENT_t* add_bridge(uint8_t number)
     {
@@ -90,9 +90,9 @@ struct world_t {
     }
 };
 
-world_t& world()
+fuzzed_world& world()
 {
-    static world_t instance;
+    static fuzzed_world instance;
     return instance;
 }
 
@@ -169,7 +169,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string text = text_of(options, {data + 1, size - 1});
     if (fetches(text))
         return 0;
-    world_t& w = world();
+    fuzzed_world& w = world();
     w.prepare_node(options);
     require(zstr_send(w.proxy, text.c_str()) == 0);
     require(handle_pub_sub_proxy(nullptr, w.reader, w.server) == 0);

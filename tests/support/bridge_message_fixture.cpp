@@ -20,7 +20,7 @@ bytes_t le16(unsigned value)
     return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
 }
 
-bytes_t heartbeat_body(const heartbeat_options_t& options)
+bytes_t heartbeat_body(const heartbeat_options& options)
 {
     return le16(options.type) + bytes_t{options.seq, options.reporting_freq} + // and what follows it:
            hex("14 52 07") +                                                   // ranging, role, sub-location
@@ -29,7 +29,7 @@ bytes_t heartbeat_body(const heartbeat_options_t& options)
            hex("D2 04 00 00  FE FF FF FF  34 12 FD FF");                       // position
 }
 
-bytes_t heartbeat(const heartbeat_options_t& options)
+bytes_t heartbeat(const heartbeat_options& options)
 {
     return heartbeat_body(options) + hex(bridge_mac) + hex(sender_ip);
 }

@@ -26,15 +26,15 @@ inline constexpr char bridge_mac[] = "AB CD EF 01 2A BC DE 3F";
 bytes_t le16(unsigned value);
 
 // The 39 bytes of a heartbeat that a node writes itself; `type` with flag bits, if any.
-struct heartbeat_options_t {
+struct heartbeat_options {
     unsigned type = 0x0104;
     uint8_t seq = 1;
     uint8_t reporting_freq = 10;
     std::string mac = sender_mac;
 };
-bytes_t heartbeat_body(const heartbeat_options_t& options);
+bytes_t heartbeat_body(const heartbeat_options& options);
 // All 63 of them, as a node writes that has a connection of its own.
-bytes_t heartbeat(const heartbeat_options_t& options = {});
+bytes_t heartbeat(const heartbeat_options& options = {});
 
 // The heartbeat of `heartbeat()` as the servers get it: without its address, with position and bridge.
 inline const std::string heartbeat_report =

@@ -28,7 +28,7 @@ void node_command_fixture::disconnect(const std::string& id)
     server->clients.erase(id.c_str());
 }
 
-void node_command_fixture::add_node(const std::string& mac, const node_options_t& options)
+void node_command_fixture::add_node(const std::string& mac, const node_options& options)
 {
     const nodes_guard guard{nodes};
     NODE_t* node = nodes_container_find_or_create_by_mac(nodes, hex(mac).data(), nullptr, 0);

@@ -23,7 +23,7 @@ protected:
     node_command_fixture();
     ~node_command_fixture() override;
 
-    struct node_options_t {
+    struct node_options {
         WIN_CLIENT_t* bridge = nullptr; // null: heard of only by way of other clients
         bool forwarded_ip = false;
         bool direct_mask = false;
@@ -33,7 +33,7 @@ protected:
     WIN_CLIENT_t* add_bridge(const std::string& id);
     void disconnect(const std::string& id);
     // A node with the address `node_ip`.
-    void add_node(const std::string& mac, const node_options_t& options);
+    void add_node(const std::string& mac, const node_options& options);
     void remove_node(const std::string& mac);
 
     // What went to the bridge since the last call: the messages as hex, without their framing.

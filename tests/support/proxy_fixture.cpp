@@ -26,7 +26,7 @@ texts_t proxy_fixture::logged_by(const std::string& command)
     return errors();
 }
 
-void proxy_fixture::fresh_node(const node_options_t& options)
+void proxy_fixture::fresh_node(const node_options& options)
 {
     remove_node(mac);
     add_node(mac, options);

@@ -24,7 +24,7 @@ protected:
     // The same, for a command whose form is wrong: what it logged as errors.
     texts_t logged_by(const std::string& command);
     // The node of `mac`, without a memory of earlier commands.
-    void fresh_node(const node_options_t& options);
+    void fresh_node(const node_options& options);
     // Sends a command to a node without memory, and then another one that it is to be dropped for. The
     // clock is the machine's, and the machine may be slow: the first pair that comes in time counts.
     bool sends_a_repeat_in_time(const std::string& command, const std::string& repeat, WIN_CLIENT_t* bridge);

@@ -14,26 +14,25 @@
 
 namespace rtls {
 
-using mac_t = std::array<uint8_t, mac_size>;
-using ip_t = std::array<uint8_t, ip_addr_size>;
+using ip_bytes = std::array<uint8_t, ip_addr_size>;
 
-inline mac_t mac_of(uint64_t number)
+inline mac_array mac_of(uint64_t number)
 {
-    mac_t mac;
+    mac_array mac;
     for (size_t i = 0; i < mac_size; ++i)
         mac[i] = static_cast<uint8_t>(number >> (56 - 8 * i));
     return mac;
 }
 
-inline mac_t mac_of(const NODE_t& node)
+inline mac_array mac_of(const NODE_t& node)
 {
-    mac_t mac;
+    mac_array mac;
     memcpy(mac.data(), node.mac_addr, mac_size);
     return mac;
 }
 
 // An address whose interface identifier stands for no node unless a test makes it so.
-inline ip_t ip_of(uint8_t last)
+inline ip_bytes ip_of(uint8_t last)
 {
     return {0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0xE6, 1, 2, 3, 4, 5, 6, last};
 }
@@ -45,13 +44,13 @@ protected:
     registry_fixture(const registry_fixture&) = delete;
     registry_fixture& operator=(const registry_fixture&) = delete;
 
-    NODE_t* create(const mac_t& mac)
+    NODE_t* create(const mac_array& mac)
     {
         return nodes_container_find_or_create_by_mac(nodes, mac.data(), nullptr, 0x0104);
     }
-    NODE_t* find(const mac_t& mac) { return nodes_container_find_by_mac(nodes, mac.data()); }
-    NODE_t* find_ip(const ip_t& ip) { return nodes_container_find_by_ip(nodes, ip.data()); }
-    void set_address(NODE_t* node, const ip_t& ip, bool forwarded = false)
+    NODE_t* find(const mac_array& mac) { return nodes_container_find_by_mac(nodes, mac.data()); }
+    NODE_t* find_ip(const ip_bytes& ip) { return nodes_container_find_by_ip(nodes, ip.data()); }
+    void set_address(NODE_t* node, const ip_bytes& ip, bool forwarded = false)
     {
         nodes_container_set_address(nodes, node, ip.data(), forwarded);
     }
@@ -70,9 +69,9 @@ protected:
         nodes_container_destroy(&nodes);
         nodes = new NODES_CONTAINER_t(limit);
     }
-    std::vector<mac_t> in_order()
+    std::vector<mac_array> in_order()
     {
-        std::vector<mac_t> macs;
+        std::vector<mac_array> macs;
         for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
             macs.push_back(mac_of(*node));
         return macs;

@@ -52,15 +52,15 @@ WIN_CLIENT_t* win_link::find(uint16_t peer_port) const
     return nullptr;
 }
 
-std::vector<win_link::bridge_t> win_link::connect_many(size_t count) const
+std::vector<win_link::linked_bridge> win_link::connect_many(size_t count) const
 {
-    std::vector<bridge_t> made;
+    std::vector<linked_bridge> made;
     while (made.size() < count)
         made.push_back(connect());
     return made;
 }
 
-win_link::bridge_t win_link::connect(int receive_buffer) const
+win_link::linked_bridge win_link::connect(int receive_buffer) const
 {
     tcp_peer peer{port(), receive_buffer};
     if (!pump_until([&] { return find(peer.port()) != nullptr; }) || peer.receive(5) != "sync\n")

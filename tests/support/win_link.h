@@ -32,12 +32,12 @@ public:
     // Calls the reader whenever there is something to read, until `done` holds.
     bool pump_until(const std::function<bool()>& done) const;
     // A new connection and its record, the greeting read.
-    struct bridge_t {
+    struct linked_bridge {
         tcp_peer peer;
         WIN_CLIENT_t* client;
     };
-    bridge_t connect(int receive_buffer = 0) const;
-    std::vector<bridge_t> connect_many(size_t count) const;
+    linked_bridge connect(int receive_buffer = 0) const;
+    std::vector<linked_bridge> connect_many(size_t count) const;
     // The record of the connection from this port, or null.
     WIN_CLIENT_t* find(uint16_t peer_port) const;
     size_t clients() const { return server().clients.size(); }

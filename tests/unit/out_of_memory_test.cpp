@@ -49,20 +49,20 @@ struct failing_call {
     bool (*fails)(out_of_memory& with);
 };
 
-using with_t = out_of_memory;
+using given = out_of_memory;
 
 const failing_call calls[] = {
-    {"rtls_gateway_new", [](with_t& w) { return !rtls_gateway_new(w.file.path()); }},
-    {"win_server_new", [](with_t& w) { return !win_server_new(w.config(), w.given_gateway()); }},
-    {"terminal_server_new", [](with_t& w) { return !terminal_server_new(w.config(), w.given_gateway()); }},
-    {"nodes_container_new", [](with_t&) { return !nodes_container_new(); }},
-    {"ota_new", [](with_t&) { return !ota_new(2); }},
-    {"firmware_get_from_url", [](with_t&) { return !firmware_get_from_url("file:///nowhere"); }},
-    {"win_server_copy_clients", [](with_t& w) { return win_server_copy_clients(w.win()).empty(); }},
+    {"rtls_gateway_new", [](given& w) { return !rtls_gateway_new(w.file.path()); }},
+    {"win_server_new", [](given& w) { return !win_server_new(w.config(), w.given_gateway()); }},
+    {"terminal_server_new", [](given& w) { return !terminal_server_new(w.config(), w.given_gateway()); }},
+    {"nodes_container_new", [](given&) { return !nodes_container_new(); }},
+    {"ota_new", [](given&) { return !ota_new(2); }},
+    {"firmware_get_from_url", [](given&) { return !firmware_get_from_url("file:///nowhere"); }},
+    {"win_server_copy_clients", [](given& w) { return win_server_copy_clients(w.win()).empty(); }},
     {"data_to_win_client",
-     [](with_t& w) { return !data_to_win_client(w.win(), nullptr, w.large.data(), 5000); }},
+     [](given& w) { return !data_to_win_client(w.win(), nullptr, w.large.data(), 5000); }},
     {"process_data_from_pub_sub_proxy",
-     [](with_t& w) {
+     [](given& w) {
          return process_data_from_pub_sub_proxy(w.win(), w.upload_order.data(), w.upload_order.size());
      }},
 };

@@ -327,12 +327,12 @@ TEST_F(gateway, the_pid_overwrites_the_start_of_the_file)
     EXPECT_EQ(pid_file_content(), pid + std::string("123456789123456789").substr(pid.size()));
 }
 
-struct pid_file_case_t {
+struct pid_file_case {
     const char* file;
     const char* then;
 };
 
-class gateway_with_bad_pid_file : public gateway, public testing::WithParamInterface<pid_file_case_t> {};
+class gateway_with_bad_pid_file : public gateway, public testing::WithParamInterface<pid_file_case> {};
 
 TEST_P(gateway_with_bad_pid_file, fails_the_run)
 {
@@ -342,7 +342,7 @@ TEST_P(gateway_with_bad_pid_file, fails_the_run)
     EXPECT_THAT(logged(), testing::Contains(GetParam().then));
 }
 
-constexpr pid_file_case_t bad_pid_files[] = {
+constexpr pid_file_case bad_pid_files[] = {
     {"/nonexistent/gateway.pid",
      "unable to create pid file /nonexistent/gateway.pid, code=2 (No such file or directory)"},
     {"/tmp", "unable to create pid file /tmp, code=21 (Is a directory)"},

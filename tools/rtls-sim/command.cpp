@@ -11,7 +11,7 @@
 
 namespace sim {
 
-using words_t = std::vector<std::string>;
+using word_list = std::vector<std::string>;
 
 static parsed_command failed(std::string why)
 {
@@ -28,7 +28,7 @@ static bool read_number(std::string_view text, Number& value)
 std::vector<std::string> split_words(std::string_view line)
 {
     std::istringstream in{std::string{line}};
-    words_t words;
+    word_list words;
     for (std::string word; in >> word;)
         words.push_back(word);
     return words;
@@ -38,7 +38,7 @@ std::optional<ota_request> parse_ota_request(std::string_view text)
 {
     std::string parts{text};
     std::ranges::replace(parts, ':', ' ');
-    const words_t words = split_words(parts);
+    const word_list words = split_words(parts);
     if (words.size() < 3 || words.size() > 4)
         return std::nullopt;
     const auto git_id = hex_number(words[0]);
@@ -57,7 +57,7 @@ std::optional<ota_request> parse_ota_request(std::string_view text)
 }
 
 // A command for one node: the MAC at the end is how the gateway finds it.
-static bytes node_command(msg type, const mac_t& node, view payload, uint8_t seq = 0)
+static bytes node_command(msg type, const mac_bytes& node, view payload, uint8_t seq = 0)
 {
     return writer{}
         .be16(code(type))
@@ -68,7 +68,7 @@ static bytes node_command(msg type, const mac_t& node, view payload, uint8_t seq
         .take();
 }
 
-bytes page_command(const mac_t& node, uint8_t seq, const ota_page_id& id, view image)
+bytes page_command(const mac_bytes& node, uint8_t seq, const ota_page_id& id, view image)
 {
     const size_t start = std::min(size_t{id.page_size} * id.page, image.size());
     const view part = image.subspan(start, std::min<size_t>(id.page_size, image.size() - start));
@@ -86,7 +86,7 @@ bytes page_command(const mac_t& node, uint8_t seq, const ota_page_id& id, view i
 }
 
 // Options written as name=value, behind the words that have a place.
-static std::optional<std::map<std::string, int64_t>> read_settings(const words_t& words, size_t from)
+static std::optional<std::map<std::string, int64_t>> read_settings(const word_list& words, size_t from)
 {
     std::map<std::string, int64_t> settings;
     for (size_t i = from; i < words.size(); ++i) {
@@ -99,7 +99,7 @@ static std::optional<std::map<std::string, int64_t>> read_settings(const words_t
     return settings;
 }
 
-static parsed_command conf(const mac_t& node, const words_t& words)
+static parsed_command conf(const mac_bytes& node, const word_list& words)
 {
     auto settings = read_settings(words, 2);
     if (!settings)
@@ -124,7 +124,7 @@ static parsed_command conf(const mac_t& node, const words_t& words)
     return {out.raw(node).take(), {}};
 }
 
-static parsed_command ack(const mac_t& node, const words_t& words)
+static parsed_command ack(const mac_bytes& node, const word_list& words)
 {
     uint8_t seq = 0;
     if (words.size() > 2 && !read_number(words[2], seq))
@@ -133,7 +133,7 @@ static parsed_command ack(const mac_t& node, const words_t& words)
 }
 
 // Commands whose payload is given as hex; the message type follows from the word.
-static parsed_command with_payload(msg type, const mac_t& node, const words_t& words)
+static parsed_command with_payload(msg type, const mac_bytes& node, const word_list& words)
 {
     const auto payload = from_hex(words.size() > 2 ? words[2] : "");
     uint8_t seq = 0;
@@ -144,18 +144,18 @@ static parsed_command with_payload(msg type, const mac_t& node, const words_t& w
     return {node_command(type, node, *payload, seq), {}};
 }
 
-static parsed_command reboot(const mac_t& node, const words_t&)
+static parsed_command reboot(const mac_bytes& node, const word_list&)
 {
     return {node_command(msg::generic_down, node, writer{}.be16(code(sub::reboot)).be16(2).be16(0).take()),
             {}};
 }
 
-static parsed_command ota_apply(const mac_t& node, const words_t&)
+static parsed_command ota_apply(const mac_bytes& node, const word_list&)
 {
     return {node_command(msg::generic_down, node, writer{}.be16(code(sub::ota_apply)).take()), {}};
 }
 
-static parsed_command ota_set(const mac_t& node, const words_t& words)
+static parsed_command ota_set(const mac_bytes& node, const word_list& words)
 {
     const auto request = words.size() > 2 ? parse_ota_request(words[2]) : std::nullopt;
     if (!request)
@@ -174,7 +174,7 @@ static parsed_command ota_set(const mac_t& node, const words_t& words)
     return {node_command(msg::generic_down, node, payload.take()), {}};
 }
 
-static parsed_command push_page(const mac_t& node, const words_t& words)
+static parsed_command push_page(const mac_bytes& node, const word_list& words)
 {
     ota_page_id id;
     const auto image = words.size() > 3 ? read_file(words[2]) : std::nullopt;
@@ -188,7 +188,7 @@ static parsed_command push_page(const mac_t& node, const words_t& words)
 }
 
 // Raw data brings its node's MAC along in the block that the node gets; the gateway wants another behind it.
-static parsed_command node_data(const mac_t& node, const words_t& words)
+static parsed_command node_data(const mac_bytes& node, const word_list& words)
 {
     parsed_command command = with_payload(msg::node_data, node, words);
     if (!command.message.empty())
@@ -197,7 +197,7 @@ static parsed_command node_data(const mac_t& node, const words_t& words)
 }
 
 // The two orders that carry a URL: what the image is, then where.
-static parsed_command with_url(msg type, const words_t& words)
+static parsed_command with_url(msg type, const word_list& words)
 {
     const auto id = words.size() > 3 ? hex_number(words[1]) : std::nullopt;
     const auto crc = words.size() > 3 ? hex_number(words[2]) : std::nullopt;
@@ -209,32 +209,32 @@ static parsed_command with_url(msg type, const words_t& words)
     return {out.raw({reinterpret_cast<const uint8_t*>(url.data()), url.size()}).take(), {}};
 }
 
-static parsed_command generic(const mac_t& node, const words_t& words)
+static parsed_command generic(const mac_bytes& node, const word_list& words)
 {
     return with_payload(msg::generic_down, node, words);
 }
 
-static parsed_command sensor(const mac_t& node, const words_t& words)
+static parsed_command sensor(const mac_bytes& node, const word_list& words)
 {
     return with_payload(msg::sensor_request, node, words);
 }
 
-static parsed_command conf_sensor(const mac_t& node, const words_t& words)
+static parsed_command conf_sensor(const mac_bytes& node, const word_list& words)
 {
     return with_payload(msg::conf_sensor, node, words);
 }
 
-static parsed_command tdoa_schedule(const mac_t& node, const words_t& words)
+static parsed_command tdoa_schedule(const mac_bytes& node, const word_list& words)
 {
     return with_payload(msg::tdoa_schedule, node, words);
 }
 
-struct node_command_t {
+struct command_of_node {
     std::string_view word;
-    parsed_command (*make)(const mac_t& node, const words_t& words);
+    parsed_command (*make)(const mac_bytes& node, const word_list& words);
 };
 
-static constexpr node_command_t node_commands[] = {
+static constexpr command_of_node node_commands[] = {
     {"reboot", reboot},           {"conf", conf},           {"ack", ack},        {"generic", generic},
     {"ota-set", ota_set},         {"ota-apply", ota_apply}, {"sensor", sensor},  {"page", push_page},
     {"conf-sensor", conf_sensor}, {"tdoa", tdoa_schedule},  {"data", node_data},
@@ -261,7 +261,7 @@ std::string_view command_help()
            "behind bridge 1, 0100 bridge 1 itself. The gateway drops what repeats within 50 ms.\n";
 }
 
-parsed_command parse_command(const words_t& words)
+parsed_command parse_command(const word_list& words)
 {
     if (words.empty())
         return failed("no command");
@@ -273,7 +273,7 @@ parsed_command parse_command(const words_t& words)
         return with_url(msg::ota_upload, words);
     if (words[0] == "fw-avail")
         return with_url(msg::firmware_available, words);
-    const auto found = std::ranges::find(node_commands, std::string_view{words[0]}, &node_command_t::word);
+    const auto found = std::ranges::find(node_commands, std::string_view{words[0]}, &command_of_node::word);
     if (found == std::end(node_commands))
         return failed(fmt::format("unknown command {}", words[0]));
     const auto node = words.size() > 1 ? parse_mac(words[1]) : std::nullopt;

@@ -35,6 +35,6 @@ struct ota_request {
 std::optional<ota_request> parse_ota_request(std::string_view text);
 
 // The command that carries one page of an image to a node; the last page is filled up with FF.
-bytes page_command(const mac_t& node, uint8_t seq, const ota_page_id& id, view image);
+bytes page_command(const mac_bytes& node, uint8_t seq, const ota_page_id& id, view image);
 
 } // namespace sim

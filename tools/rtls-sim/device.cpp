@@ -74,7 +74,8 @@ kind report_maker::choose(const device& from)
     }
 }
 
-uplink_t report_maker::make(kind k, device& from, const mac_t& via, uint16_t prefix, uint8_t version)
+uplink_message report_maker::make(kind k, device& from, const mac_bytes& via, uint16_t prefix,
+                                  uint8_t version)
 {
     switch (k) {
     case kind::root_announce:
@@ -94,7 +95,7 @@ uplink_t report_maker::make(kind k, device& from, const mac_t& via, uint16_t pre
     }
 }
 
-uplink_t report_maker::make_ping_of(device& bridge)
+uplink_message report_maker::make_ping_of(device& bridge)
 {
     const uint8_t seq = bridge.next_seq();
     return make_ping(bridge.signs.mac, seq, noise(8));
@@ -118,12 +119,12 @@ bytes report_maker::noise(size_t size)
     return out;
 }
 
-stamp_t report_maker::next_stamp()
+report_stamp report_maker::next_stamp()
 {
     return {m_run, ++m_stamps, realtime_ns()};
 }
 
-uplink_t report_maker::make_sensor_of(device& from)
+uplink_message report_maker::make_sensor_of(device& from)
 {
     // Now and then the longest there is.
     const size_t size = chance(2) ? longest_sensor_payload - stamp_size : 4 + below(24);
@@ -133,7 +134,7 @@ uplink_t report_maker::make_sensor_of(device& from)
     return make_sensor(from.signs.mac, from.next_seq(), payload);
 }
 
-uplink_t report_maker::make_ranges_of(device& from)
+uplink_message report_maker::make_ranges_of(device& from)
 {
     std::vector<range_entry> entries(1 + below(6));
     for (range_entry& entry : entries)
@@ -142,7 +143,7 @@ uplink_t report_maker::make_ranges_of(device& from)
     return make_range(from.signs.mac, from.next_seq(), entries, next_stamp());
 }
 
-uplink_t report_maker::make_ul_tdoa_of(device& from)
+uplink_message report_maker::make_ul_tdoa_of(device& from)
 {
     static constexpr std::array forms = {tdoa_form::bare, tdoa_form::with_board, tdoa_form::with_charge};
     tdoa_sample s;
@@ -162,7 +163,7 @@ uplink_t report_maker::make_ul_tdoa_of(device& from)
     return make_ul_tdoa(from.signs.mac, from.next_seq(), s, forms[below(forms.size())]);
 }
 
-uplink_t report_maker::make_route_of(device& from)
+uplink_message report_maker::make_route_of(device& from)
 {
     std::vector<route_neighbour> neighbours(1 + below(4));
     for (route_neighbour& neighbour : neighbours)
@@ -171,7 +172,7 @@ uplink_t report_maker::make_route_of(device& from)
     return make_route(from.signs.mac, from.next_seq(), from.signs.mac, neighbours);
 }
 
-uplink_t report_maker::make_generic_of(device& from)
+uplink_message report_maker::make_generic_of(device& from)
 {
     const size_t size = chance(5) ? longest_generic_payload - 2 : below(64);
     return make_generic(from.signs.mac, from.next_seq(), unassigned_command, noise(size));

@@ -16,7 +16,7 @@ struct device {
     unsigned bridge = 0; // number of the bridge it is behind, or is, from 1
     unsigned node = 0;   // from 1; 0 is the bridge itself
     vital_signs signs;
-    ip_t ip{};
+    ip_bytes ip{};
     bool forwarded = false;   // behind another node: its messages come in envelopes
     bool direct_mask = false; // marks those envelopes
     uint8_t seq = 0;
@@ -43,8 +43,8 @@ public:
     // What a device of this role may report next.
     kind choose(const device& from);
     // `via` is the bridge through which a heartbeat goes. Not for bridges' pings and prefix requests.
-    uplink_t make(kind k, device& from, const mac_t& via, uint16_t prefix, uint8_t version);
-    uplink_t make_ping_of(device& bridge);
+    uplink_message make(kind k, device& from, const mac_bytes& via, uint16_t prefix, uint8_t version);
+    uplink_message make_ping_of(device& bridge);
 
     // True for `percent` of all calls.
     bool chance(unsigned percent);
@@ -54,12 +54,12 @@ public:
 
 private:
     bytes noise(size_t size);
-    stamp_t next_stamp();
-    uplink_t make_sensor_of(device& from);
-    uplink_t make_ranges_of(device& from);
-    uplink_t make_ul_tdoa_of(device& from);
-    uplink_t make_route_of(device& from);
-    uplink_t make_generic_of(device& from);
+    report_stamp next_stamp();
+    uplink_message make_sensor_of(device& from);
+    uplink_message make_ranges_of(device& from);
+    uplink_message make_ul_tdoa_of(device& from);
+    uplink_message make_route_of(device& from);
+    uplink_message make_generic_of(device& from);
 
     std::mt19937_64 m_random;
     uint32_t m_run;

@@ -68,7 +68,7 @@ static sockaddr_in read_endpoint(reader& in)
     return address;
 }
 
-std::optional<sockaddr_in> discover_gateway(const sockaddr_in& where, const mac_t& mac,
+std::optional<sockaddr_in> discover_gateway(const sockaddr_in& where, const mac_bytes& mac,
                                             std::chrono::milliseconds timeout)
 {
     const bytes request = writer{}.u8(request_address).raw(mac).take();

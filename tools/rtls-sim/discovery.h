@@ -20,7 +20,7 @@ std::optional<sockaddr_in> resolve(const std::string& host, uint16_t port);
 std::string endpoint_text(const sockaddr_in& address);
 
 // Asks `where` (broadcast is fine) for the gateway's address, as the device `mac`.
-std::optional<sockaddr_in> discover_gateway(const sockaddr_in& where, const mac_t& mac,
+std::optional<sockaddr_in> discover_gateway(const sockaddr_in& where, const mac_bytes& mac,
                                             std::chrono::milliseconds timeout);
 // Asks how the gateway sees us: our own address, and its WIN port in place of ours.
 std::optional<sockaddr_in> discover_self(const sockaddr_in& where, std::chrono::milliseconds timeout);

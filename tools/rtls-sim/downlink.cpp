@@ -14,7 +14,7 @@ std::string_view delivery_name(delivery way)
 }
 
 // A command of variable length: sequence number, length in network order, payload.
-static void read_payload(reader& in, downlink_t& out)
+static void read_payload(reader& in, downlink_message& out)
 {
     out.seq = in.u8();
     const view payload = in.take(in.be16());
@@ -22,7 +22,7 @@ static void read_payload(reader& in, downlink_t& out)
 }
 
 // Reads the command itself, from behind its type.
-static void read_command(reader& in, downlink_t& out)
+static void read_command(reader& in, downlink_message& out)
 {
     switch (static_cast<msg>(out.type)) {
     case msg::conf_node: {
@@ -41,9 +41,9 @@ static void read_command(reader& in, downlink_t& out)
 // The wrapper of a command to a node behind a bridge. Two kinds of content tell themselves apart by what
 // the whole measures: a command is followed by MAC and address; raw node data, which brings its MAC along
 // in its own block, by the address only.
-static downlink_t read_wrapped(view message, delivery way)
+static downlink_message read_wrapped(view message, delivery way)
 {
-    downlink_t out;
+    downlink_message out;
     out.way = way;
     reader in{message};
     in.take(3);
@@ -65,9 +65,9 @@ static downlink_t read_wrapped(view message, delivery way)
 
 // Raw data for a node on the gateway's own link looks like a wrapper around it, except that what it holds
 // is no command.
-static downlink_t read_node_data(view message)
+static downlink_message read_node_data(view message)
 {
-    downlink_t out;
+    downlink_message out;
     out.way = delivery::direct;
     reader in{message};
     out.type = in.le16();
@@ -93,9 +93,9 @@ static bool is_command(uint16_t type)
     }
 }
 
-static downlink_t read_plain(view message)
+static downlink_message read_plain(view message)
 {
-    downlink_t out;
+    downlink_message out;
     reader in{message};
     out.type = in.le16();
     switch (static_cast<msg>(out.type)) {
@@ -129,7 +129,7 @@ static downlink_t read_plain(view message)
     return out;
 }
 
-downlink_t read_downlink(view message)
+downlink_message read_downlink(view message)
 {
     reader in{message};
     const uint16_t type = in.le16();
@@ -143,7 +143,7 @@ downlink_t read_downlink(view message)
     const uint16_t inner_type = in.le16();
     if ((type & flag_direct) == 0 && !is_command(inner_type))
         return read_node_data(message);
-    const downlink_t wrapped =
+    const downlink_message wrapped =
         read_wrapped(message, (type & flag_direct) != 0 ? delivery::wrapped_direct : delivery::wrapped);
     return wrapped.valid || (type & flag_direct) != 0 ? wrapped : read_node_data(message);
 }
@@ -183,11 +183,11 @@ std::optional<ota_order> read_ota_order(view payload)
     return order;
 }
 
-std::optional<ota_page_t> read_ota_page(view payload)
+std::optional<received_page> read_ota_page(view payload)
 {
     reader in{payload};
     const bool is_page = in.be16() == code(sub::ota_page);
-    ota_page_t page;
+    received_page page;
     page.id.git_id = in.be32();
     page.id.crc = in.be32();
     page.id.page_size = in.be16();
@@ -225,7 +225,7 @@ static std::string describe_config(view payload)
                        config->y, config->z);
 }
 
-std::string describe(const downlink_t& m)
+std::string describe(const downlink_message& m)
 {
     if (!m.valid)
         return fmt::format("unreadable, type {:04X}", m.type);

@@ -15,21 +15,21 @@ namespace sim {
 enum class delivery : uint8_t { broadcast, direct, wrapped, wrapped_direct };
 std::string_view delivery_name(delivery way);
 
-struct downlink_t {
+struct downlink_message {
     bool valid = false; // false: of no known form; only `type` may mean something
     uint16_t type = 0;  // of the message itself, not of its wrapper
     uint8_t seq = 0;
     delivery way = delivery::broadcast;
-    mac_t mac{}; // zero where the form carries none
-    ip_t ip{};   // zero in a broadcast
+    mac_bytes mac{}; // zero where the form carries none
+    ip_bytes ip{};   // zero in a broadcast
     // The rest by type: a generic command's payload; the fields of a configuration between its type and its
     // address; the prefix and version of a prefix response; a ping's payload; raw data for a node.
     bytes payload;
 };
 
-downlink_t read_downlink(view message);
+downlink_message read_downlink(view message);
 
-// A node configuration in a downlink_t's payload. Positions arrive in network order, or in the link's
+// A node configuration in a downlink_message's payload. Positions arrive in network order, or in the link's
 // when bit 7 of the role asks for it.
 struct node_config {
     uint8_t reporting_freq;
@@ -51,13 +51,13 @@ struct ota_order {
 };
 std::optional<ota_order> read_ota_order(view payload);
 
-struct ota_page_t {
+struct received_page {
     ota_page_id id;
     view data;
 };
-std::optional<ota_page_t> read_ota_page(view payload);
+std::optional<received_page> read_ota_page(view payload);
 
 // One line for people.
-std::string describe(const downlink_t& message);
+std::string describe(const downlink_message& message);
 
 } // namespace sim

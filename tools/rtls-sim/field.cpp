@@ -252,7 +252,7 @@ void field::ask_prefix(bridge& b)
 }
 
 // The gateway tells all bridges the prefix whenever one of them asks.
-void field::join(bridge& b, const downlink_t& message)
+void field::join(bridge& b, const downlink_message& message)
 {
     if (!b.asked)
         ask_prefix(b);

@@ -66,7 +66,7 @@ public:
     field_state state() const { return {m_joined.load(), m_introduced.load()}; }
     uint64_t reports_made() const { return m_made.load(); }
     // A node starts to fetch an image. Answered on the console.
-    void start_ota(const mac_t& node, const ota_order& order, uint16_t page_size);
+    void start_ota(const mac_bytes& node, const ota_order& order, uint16_t page_size);
     // One line per device, on the console.
     void list_devices();
     // Reports whether any OTA fetch is under way, and how many ended well or badly.
@@ -114,7 +114,7 @@ private:
     void disconnect(bridge& b, const char* why);
     void watch(bridge& b);
     void ask_prefix(bridge& b);
-    void join(bridge& b, const downlink_t& message);
+    void join(bridge& b, const downlink_message& message);
 
     void introduce_nodes();
     void introduce(device& d);
@@ -123,22 +123,22 @@ private:
     bool is_ready(const device& d) const;
     void send_kind(kind k, device& d);
     void send_ping(bridge& b);
-    void send(device& d, const uplink_t& message, bridge& via, bool foreign, bool optional);
+    void send(device& d, const uplink_message& message, bridge& via, bool foreign, bool optional);
     void queue(bridge& b, view message);
     void flush_links();
 
     void received(bridge& b, view message);
-    void received_ack(bridge& b, const downlink_t& message);
+    void received_ack(bridge& b, const downlink_message& message);
     void received_echo(bridge& b, view message);
-    void received_command(bridge& b, const downlink_t& message);
+    void received_command(bridge& b, const downlink_message& message);
     void obey_generic(device& d, view payload);
-    void obey_config(device& d, const downlink_t& message);
+    void obey_config(device& d, const downlink_message& message);
     void restart(device& d, const char* why);
     void tend_fetches();
     void begin_fetch(device& d, const ota_order& order, uint16_t page_size);
     void end_fetch(device& d, const fetch& ended);
-    device* find(const mac_t& mac);
-    device* addressed(const downlink_t& message);
+    device* find(const mac_bytes& mac);
+    device* addressed(const downlink_message& message);
     bridge& bridge_of(const device& d) { return *m_bridges[d.bridge - 1]; }
 
     field_options m_options;

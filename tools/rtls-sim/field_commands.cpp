@@ -12,18 +12,18 @@ using namespace std::chrono_literals;
 static constexpr auto restart_time = 2s;
 static constexpr size_t progress_steps = 10; // lines about one OTA fetch
 
-device* field::find(const mac_t& mac)
+device* field::find(const mac_bytes& mac)
 {
     const auto found = m_by_ip.find(hex(device_ip(mac)));
     return found == m_by_ip.end() ? nullptr : found->second;
 }
 
 // The device that a command is for: by its address, or by the MAC in the place of one.
-device* field::addressed(const downlink_t& message)
+device* field::addressed(const downlink_message& message)
 {
     if (const auto found = m_by_ip.find(hex(message.ip)); found != m_by_ip.end())
         return found->second;
-    mac_t mac{};
+    mac_bytes mac{};
     std::copy_n(message.ip.begin(), mac.size(), mac.begin());
     if (device* d = find(mac))
         return d;
@@ -32,7 +32,7 @@ device* field::addressed(const downlink_t& message)
 
 void field::received(bridge& b, view message)
 {
-    const downlink_t m = read_downlink(message);
+    const downlink_message m = read_downlink(message);
     const device* target = m.way == delivery::broadcast ? &b.self : addressed(m);
     if (m_out.wants_traffic()) {
         const std::string to = target == nullptr ? "unknown node" : short_mac(target->signs.mac);
@@ -68,7 +68,7 @@ void field::received_echo(bridge& b, view message)
 }
 
 // Nobody waits for an acknowledgement that the servers sent through the proxy; it is told by its line.
-void field::received_ack(bridge& b, const downlink_t& message)
+void field::received_ack(bridge& b, const downlink_message& message)
 {
     const bytes key = writer{}.u8(message.seq).raw(message.ip).take();
     const auto found = b.acks.find(std::string{key.begin(), key.end()});
@@ -78,7 +78,7 @@ void field::received_ack(bridge& b, const downlink_t& message)
         b.acks.erase(found);
 }
 
-void field::received_command(bridge& b, const downlink_t& message)
+void field::received_command(bridge& b, const downlink_message& message)
 {
     device* d = addressed(message);
     if (d == nullptr || d->bridge != b.number)
@@ -118,7 +118,7 @@ void field::obey_generic(device& d, view payload)
     m_out.notice(fmt::format("node {} got a generic request: {}", short_mac(d.signs.mac), hex(payload)));
 }
 
-void field::obey_config(device& d, const downlink_t& message)
+void field::obey_config(device& d, const downlink_message& message)
 {
     const auto config = read_config(message.payload);
     if (!config)
@@ -143,7 +143,7 @@ void field::restart(device& d, const char* why)
     d.next_heartbeat = d.silent_until;
 }
 
-void field::start_ota(const mac_t& node, const ota_order& order, uint16_t page_size)
+void field::start_ota(const mac_bytes& node, const ota_order& order, uint16_t page_size)
 {
     post([this, node, order, page_size] {
         device* d = find(node);

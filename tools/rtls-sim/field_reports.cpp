@@ -112,7 +112,7 @@ void field::send_kind(kind k, device& d)
 
 void field::send_ping(bridge& b)
 {
-    const uplink_t ping = m_maker.make_ping_of(b.self);
+    const uplink_message ping = m_maker.make_ping_of(b.self);
     bytes frame = ping.body;
     if (m_maker.chance(m_options.timestamp_percent))
         frame = sent_with_time(frame, ping.seq, {static_cast<uint32_t>(realtime_ns() / 1'000'000'000U), 0});
@@ -148,7 +148,7 @@ static generation_time recent_time(report_maker& maker)
     return {static_cast<uint32_t>(now / 1'000'000'000U), static_cast<uint16_t>(fraction)};
 }
 
-void field::send(device& d, const uplink_t& message, bridge& via, bool foreign, bool optional)
+void field::send(device& d, const uplink_message& message, bridge& via, bool foreign, bool optional)
 {
     // An envelope counts for itself; acknowledgements go by its number.
     const auto envelope_seq = static_cast<uint8_t>(message.seq ^ 0x80);

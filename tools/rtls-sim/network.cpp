@@ -299,7 +299,7 @@ void network::publish_checked_commands()
                                          msg::tdoa_schedule, msg::node_data};
     const unsigned nodes = std::min(m_options.field.nodes, checked_nodes);
     for (unsigned node = 1; node <= nodes; ++node) {
-        const mac_t mac = device_mac(1 + node % m_options.field.bridges, node);
+        const mac_bytes mac = device_mac(1 + node % m_options.field.bridges, node);
         for (const msg type : types) {
             // Begins with a sub-command that no node knows, and has every byte that framing must escape.
             const bytes payload =

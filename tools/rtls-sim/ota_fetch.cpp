@@ -44,7 +44,7 @@ std::optional<ota_page_id> ota_fetch::next_request(steady::time_point now)
     return ota_page_id{m_order.git_id, m_order.crc, m_page_size, m_next_page};
 }
 
-bool ota_fetch::accept(const ota_page_t& page)
+bool ota_fetch::accept(const received_page& page)
 {
     if (m_finished || page.id != ota_page_id{m_order.git_id, m_order.crc, m_page_size, m_next_page})
         return false;

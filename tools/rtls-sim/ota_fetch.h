@@ -23,7 +23,7 @@ public:
     // The page to ask for now, if any: the next one, or again one that did not come in time.
     std::optional<ota_page_id> next_request(steady::time_point now);
     // A page has come; others' and repeated ones are left alone. True when it was the awaited one.
-    bool accept(const ota_page_t& page);
+    bool accept(const received_page& page);
 
     bool finished() const { return m_finished; }
     bool succeeded() const { return m_finished && m_error.empty(); }

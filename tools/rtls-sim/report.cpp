@@ -51,7 +51,7 @@ static std::optional<ota_page_id> page_of(view payload)
     return in.failed() ? std::nullopt : std::optional{id};
 }
 
-static void read_with_header(view data, report_t& report)
+static void read_with_header(view data, upstream_report& report)
 {
     reader in{data};
     in.take(3);
@@ -65,9 +65,9 @@ static void read_with_header(view data, report_t& report)
         report.page = page_of(payload);
 }
 
-report_t read_handler_message(view time, view data)
+upstream_report read_handler_message(view time, view data)
 {
-    report_t report;
+    upstream_report report;
     report.content.assign(data.begin(), data.end());
     reader clock{time};
     report.time.seconds = clock.be32();
@@ -119,7 +119,7 @@ static bool take_text(std::string_view& text, std::string_view expected)
 }
 
 // The reporter's six bytes, as in "reporter":{"mac":"0a1b2c3d4e5f"}.
-static bool read_reporter(std::string_view text, mac_t& mac)
+static bool read_reporter(std::string_view text, mac_bytes& mac)
 {
     static constexpr std::string_view mark = R"("reporter":{"mac":")";
     const size_t at = text.find(mark);
@@ -132,9 +132,9 @@ static bool read_reporter(std::string_view text, mac_t& mac)
     return true;
 }
 
-report_t read_management_line(std::string_view line)
+upstream_report read_management_line(std::string_view line)
 {
-    report_t report;
+    upstream_report report;
     report.content = line;
     std::string_view rest = line;
     if (!take_text(rest, R"(@win_management {"ts":)") || !take_padded(rest, 10, report.time.seconds) ||
@@ -160,12 +160,12 @@ static std::string describe_heartbeat(view data)
     const uint8_t role = in.u8();
     const uint8_t sublocation = in.u8();
     in.mac();
-    const mac_t parent = in.mac();
+    const mac_bytes parent = in.mac();
     const uint32_t version = in.be32();
     const auto x = static_cast<int32_t>(in.be32());
     const auto y = static_cast<int32_t>(in.be32());
     const uint32_t z = in.be32();
-    const mac_t bridge = in.mac();
+    const mac_bytes bridge = in.mac();
     return fmt::format("{} state {:02X} rf {} rngf {} sl {:02X} parent {} sw {:08X} xyz {},{},{} via {}",
                        role_name(role & 0x0F), role & 0xF0, reporting, ranging, sublocation,
                        short_mac(parent), version, x, y, static_cast<int32_t>(z), short_mac(bridge));
@@ -193,7 +193,7 @@ static std::string shortened(view payload)
                        shown.size() < payload.size() ? ".." : "");
 }
 
-static std::string describe_payload(const report_t& report, view data)
+static std::string describe_payload(const upstream_report& report, view data)
 {
     reader in{data};
     in.take(3);
@@ -219,7 +219,7 @@ static std::string describe_payload(const report_t& report, view data)
                        shown.size() < payload.size() ? ".." : "");
 }
 
-std::string describe(const report_t& report)
+std::string describe(const upstream_report& report)
 {
     const view data{reinterpret_cast<const uint8_t*>(report.content.data()), report.content.size()};
     if (!report.valid || !report.kind)

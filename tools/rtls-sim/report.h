@@ -16,22 +16,22 @@ struct report_time {
     uint16_t milliseconds = 0;
 };
 
-struct report_t {
+struct upstream_report {
     bool valid = false; // well-formed, as far as this reader knows the form
     std::optional<sim::kind> kind;
-    mac_t from{}; // of management lines, the reporter's six bytes
+    mac_bytes from{}; // of management lines, the reporter's six bytes
     uint8_t seq = 0;
     report_time time;
-    std::optional<stamp_t> stamp;
+    std::optional<report_stamp> stamp;
     std::optional<ota_page_id> page; // an OTA page that the gateway could not serve itself
-    std::string content;             // what identifies it, as uplink_t::content
+    std::string content;             // what identifies it, as uplink_message::content
 };
 
 // A message to the message handler: a time frame of six bytes, and the report.
-report_t read_handler_message(view time, view data);
+upstream_report read_handler_message(view time, view data);
 // A text to the proxy input: "@win_management {"ts":<seconds>,"ms":<milliseconds>,<content>}".
-report_t read_management_line(std::string_view line);
+upstream_report read_management_line(std::string_view line);
 // Either of them as one line for people; the content only, without its time.
-std::string describe(const report_t& report);
+std::string describe(const upstream_report& report);
 
 } // namespace sim

@@ -20,7 +20,7 @@ static constexpr int receive_queue = 1'000'000;
 static constexpr int batch = 256;
 static constexpr size_t most_gaps = 100'000;
 
-void stamp_watch::seen(const stamp_t& stamp)
+void stamp_watch::seen(const report_stamp& stamp)
 {
     m_latency.add(std::chrono::nanoseconds{static_cast<int64_t>(realtime_ns() - stamp.time_ns)});
     run& r = m_runs[stamp.run];
@@ -237,7 +237,7 @@ void servers::publish_queued()
     }
 }
 
-void servers::take(outlet where, const report_t& report)
+void servers::take(outlet where, const upstream_report& report)
 {
     ++m_reports;
     if (report.stamp)
@@ -259,7 +259,7 @@ void servers::take(outlet where, const report_t& report)
 }
 
 // As the servers do: the page goes down as a command to the node, and the gateway keeps a copy.
-void servers::serve_page(const report_t& request)
+void servers::serve_page(const upstream_report& request)
 {
     const ota_page_id& id = *request.page;
     const size_t start = size_t{id.page_size} * id.page;

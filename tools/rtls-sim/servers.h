@@ -38,7 +38,7 @@ struct servers_options {
 // Loss and latency of stamped reports, by the stamps alone: works when the bridges are another process.
 class stamp_watch {
 public:
-    void seen(const stamp_t& stamp);
+    void seen(const report_stamp& stamp);
     std::vector<std::string> summary() const;
 
 private:
@@ -84,8 +84,8 @@ private:
     void read_subscription();
     void read_monitor(zmq::socket_t& monitor, std::atomic<int>& peers, const char* name);
     void publish_queued();
-    void take(outlet where, const report_t& report);
-    void serve_page(const report_t& request);
+    void take(outlet where, const upstream_report& report);
+    void serve_page(const upstream_report& request);
     void wake() const;
 
     servers_options m_options;

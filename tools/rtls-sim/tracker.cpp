@@ -53,7 +53,7 @@ bool tracker::time_is_right(const entry& sent, const report_time& time) const
     return stamped >= earliest && stamped <= latest;
 }
 
-tracker::verdict tracker::arrived(outlet where, const report_t& report)
+tracker::verdict tracker::arrived(outlet where, const upstream_report& report)
 {
     const std::scoped_lock lock{m_mutex};
     if (report.kind)
@@ -101,19 +101,19 @@ void tracker::acked(bool expected, std::chrono::nanoseconds round_trip)
     m_acks.add(round_trip);
 }
 
-static std::string command_key(const mac_t& node, uint16_t type, view payload)
+static std::string command_key(const mac_bytes& node, uint16_t type, view payload)
 {
     return fmt::format("command {:04X} to {}: {}", type, hex(node), hex(payload));
 }
 
-void tracker::wanted_command(const mac_t& node, msg type, view payload)
+void tracker::wanted_command(const mac_bytes& node, msg type, view payload)
 {
     const std::scoped_lock lock{m_mutex};
     ++m_tally.commands_wanted;
     m_commands.emplace(command_key(node, code(type), payload), steady::now());
 }
 
-bool tracker::command_arrived(const mac_t& node, uint16_t type, view payload)
+bool tracker::command_arrived(const mac_bytes& node, uint16_t type, view payload)
 {
     const std::scoped_lock lock{m_mutex};
     if (m_commands.empty())

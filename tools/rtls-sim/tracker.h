@@ -22,7 +22,7 @@ using steady = std::chrono::steady_clock;
 
 struct sent_report {
     sim::kind kind;
-    mac_t from;
+    mac_bytes from;
     uint8_t seq;
     outlet to;
     std::string content;
@@ -70,12 +70,12 @@ public:
     void stalled(uint64_t reports);
 
     enum class verdict { expected, wrong_time, unexpected, unserved_page };
-    verdict arrived(outlet where, const report_t& report);
+    verdict arrived(outlet where, const upstream_report& report);
     void echoed(bool expected, std::chrono::nanoseconds round_trip);
     // A command that has to reach its node with exactly this payload; and one that has: true if it was
     // awaited.
-    void wanted_command(const mac_t& node, msg type, view payload);
-    bool command_arrived(const mac_t& node, uint16_t type, view payload);
+    void wanted_command(const mac_bytes& node, msg type, view payload);
+    bool command_arrived(const mac_bytes& node, uint16_t type, view payload);
     void acked(bool expected, std::chrono::nanoseconds round_trip);
 
     // Gives up what has been under way for longer than `age`.

@@ -18,12 +18,12 @@ static std::string as_text(const bytes& content)
 }
 
 // The six bytes of a MAC that generic payloads carry.
-static view six(const mac_t& mac)
+static view six(const mac_bytes& mac)
 {
     return view{mac}.last(6);
 }
 
-static std::string six_text(const mac_t& mac)
+static std::string six_text(const mac_bytes& mac)
 {
     std::string text;
     for (uint8_t byte : six(mac))
@@ -31,19 +31,19 @@ static std::string six_text(const mac_t& mac)
     return text;
 }
 
-uplink_t make_ping(const mac_t& bridge, uint8_t seq, view payload)
+uplink_message make_ping(const mac_bytes& bridge, uint8_t seq, view payload)
 {
     return {kind::ping,   bridge, seq, writer{}.le16(code(msg::ping)).u8(seq).raw(payload).take(),
             outlet::none, {}};
 }
 
-uplink_t make_prefix_request(const mac_t& bridge, uint8_t seq)
+uplink_message make_prefix_request(const mac_bytes& bridge, uint8_t seq)
 {
     bytes body = writer{}.le16(code(msg::prefix_request)).u8(seq).raw(bridge).take();
     return {kind::prefix_request, bridge, seq, std::move(body), outlet::none, {}};
 }
 
-uplink_t make_root_announce(const mac_t& bridge, uint8_t seq, uint16_t prefix, uint8_t version)
+uplink_message make_root_announce(const mac_bytes& bridge, uint8_t seq, uint16_t prefix, uint8_t version)
 {
     bytes body = writer{}.le16(code(msg::root_announce)).u8(seq).raw(bridge).le16(prefix).u8(version).take();
     // The version is the network's own affair: it ends at the gateway.
@@ -51,7 +51,7 @@ uplink_t make_root_announce(const mac_t& bridge, uint8_t seq, uint16_t prefix, u
     return {kind::root_announce, bridge, seq, std::move(body), outlet::handler, as_text(content)};
 }
 
-uplink_t make_heartbeat(kind type, const vital_signs& signs, uint8_t seq, const mac_t& via)
+uplink_message make_heartbeat(kind type, const vital_signs& signs, uint8_t seq, const mac_bytes& via)
 {
     const uint16_t number = code(type == kind::heartbeat ? msg::heartbeat : msg::node_announce);
     const auto role_and_state = static_cast<uint8_t>((signs.role & 0x0F) | (signs.state & 0xF0));
@@ -75,7 +75,7 @@ uplink_t make_heartbeat(kind type, const vital_signs& signs, uint8_t seq, const 
 }
 
 // A message with a header, whose copy upstream ends with the node's MAC.
-static uplink_t with_header(kind k, msg type, const mac_t& node, uint8_t seq, view payload)
+static uplink_message with_header(kind k, msg type, const mac_bytes& node, uint8_t seq, view payload)
 {
     const auto size = static_cast<uint16_t>(payload.size());
     bytes body = writer{}.le16(code(type)).u8(seq).le16(size).raw(payload).take();
@@ -83,20 +83,20 @@ static uplink_t with_header(kind k, msg type, const mac_t& node, uint8_t seq, vi
     return {k, node, seq, std::move(body), outlet::handler, as_text(content)};
 }
 
-static uplink_t for_proxy(uplink_t message, std::string content)
+static uplink_message for_proxy(uplink_message message, std::string content)
 {
     message.to = outlet::proxy_input;
     message.content = std::move(content);
     return message;
 }
 
-uplink_t make_sensor(const mac_t& node, uint8_t seq, view payload)
+uplink_message make_sensor(const mac_bytes& node, uint8_t seq, view payload)
 {
     return with_header(kind::sensor, msg::sensor_report, node, seq, payload);
 }
 
-uplink_t make_range(const mac_t& node, uint8_t seq, std::span<const range_entry> entries,
-                    const stamp_t& stamp)
+uplink_message make_range(const mac_bytes& node, uint8_t seq, std::span<const range_entry> entries,
+                          const report_stamp& stamp)
 {
     writer payload;
     payload.be16(code(sub::range_report));
@@ -106,7 +106,7 @@ uplink_t make_range(const mac_t& node, uint8_t seq, std::span<const range_entry>
     return with_header(kind::range, msg::generic_up, node, seq, payload.take());
 }
 
-uplink_t make_ul_tdoa(const mac_t& node, uint8_t seq, const tdoa_sample& s, tdoa_form form)
+uplink_message make_ul_tdoa(const mac_bytes& node, uint8_t seq, const tdoa_sample& s, tdoa_form form)
 {
     writer payload;
     payload.be16(code(sub::ul_tdoa)).raw(six(s.tag)).be16(s.pe_seq_no).raw(six(s.responder));
@@ -130,8 +130,8 @@ uplink_t make_ul_tdoa(const mac_t& node, uint8_t seq, const tdoa_sample& s, tdoa
     return for_proxy(with_header(kind::ul_tdoa, msg::generic_up, node, seq, full), text + "}");
 }
 
-uplink_t make_route(const mac_t& node, uint8_t seq, const mac_t& reporter,
-                    std::span<const route_neighbour> neighbours)
+uplink_message make_route(const mac_bytes& node, uint8_t seq, const mac_bytes& reporter,
+                          std::span<const route_neighbour> neighbours)
 {
     writer payload;
     payload.be16(code(sub::route_request)).raw(six(reporter)).be16(0);
@@ -145,16 +145,16 @@ uplink_t make_route(const mac_t& node, uint8_t seq, const mac_t& reporter,
     return for_proxy(with_header(kind::route, msg::generic_up, node, seq, payload.take()), text + "]}");
 }
 
-uplink_t make_generic(const mac_t& node, uint8_t seq, uint16_t command, view rest)
+uplink_message make_generic(const mac_bytes& node, uint8_t seq, uint16_t command, view rest)
 {
     return with_header(kind::generic, msg::generic_up, node, seq, writer{}.be16(command).raw(rest).take());
 }
 
-uplink_t make_ota_page_request(const mac_t& node, uint8_t seq, const ota_page_id& id)
+uplink_message make_ota_page_request(const mac_bytes& node, uint8_t seq, const ota_page_id& id)
 {
     writer payload;
     payload.be16(code(sub::ota_page)).be32(id.git_id).be32(id.crc).be16(id.page_size).be16(id.page);
-    uplink_t request = with_header(kind::ota_page, msg::generic_up, node, seq, payload.take());
+    uplink_message request = with_header(kind::ota_page, msg::generic_up, node, seq, payload.take());
     request.to = outlet::none; // it goes on to the servers only when the gateway has no such page
     return request;
 }
@@ -169,7 +169,7 @@ bool names_bridge(kind k)
     return k == kind::heartbeat || k == kind::node_announce;
 }
 
-bytes sent_directly(const uplink_t& message, const mac_t& bridge, const ip_t& ip)
+bytes sent_directly(const uplink_message& message, const mac_bytes& bridge, const ip_bytes& ip)
 {
     writer out;
     out.raw(message.body);
@@ -180,7 +180,7 @@ bytes sent_directly(const uplink_t& message, const mac_t& bridge, const ip_t& ip
     return out.take();
 }
 
-bytes sent_forwarded(const uplink_t& message, msg envelope, uint8_t envelope_seq, const ip_t& ip)
+bytes sent_forwarded(const uplink_message& message, msg envelope, uint8_t envelope_seq, const ip_bytes& ip)
 {
     const auto size = static_cast<uint16_t>(message.body.size());
     writer out;

@@ -31,9 +31,9 @@ std::string_view kind_name(kind k);
 // Where a message has to turn up.
 enum class outlet : uint8_t { none, handler, proxy_input };
 
-struct uplink_t {
+struct uplink_message {
     sim::kind kind;
-    mac_t from; // the device that reports
+    mac_bytes from; // the device that reports
     uint8_t seq;
     bytes body; // the message, without the trailer that its way up asks for
     outlet to = outlet::none;
@@ -47,8 +47,8 @@ struct vital_signs {
     uint8_t role = 0;  // low nibble
     uint8_t state = 0; // high nibble, already in place
     uint8_t sublocation = 0;
-    mac_t mac{};
-    mac_t parent{};
+    mac_bytes mac{};
+    mac_bytes parent{};
     uint32_t sw_version = 0;
     int32_t x = 0;
     int32_t y = 0;
@@ -56,10 +56,10 @@ struct vital_signs {
 };
 
 struct tdoa_sample {
-    mac_t tag{}; // of these MACs, the last six bytes travel
+    mac_bytes tag{}; // of these MACs, the last six bytes travel
     uint16_t pe_seq_no = 0;
-    mac_t responder{};
-    mac_t reporter{};
+    mac_bytes responder{};
+    mac_bytes reporter{};
     int32_t range_mm = 0;
     uint8_t tag_lqi = 0;
     uint8_t responder_lqi = 0;
@@ -80,7 +80,7 @@ struct range_entry {
 };
 
 struct route_neighbour {
-    mac_t mac;
+    mac_bytes mac;
     uint8_t lqi;
 };
 
@@ -92,31 +92,31 @@ struct ota_page_id {
     bool operator==(const ota_page_id&) const = default;
 };
 
-uplink_t make_ping(const mac_t& bridge, uint8_t seq, view payload);
-uplink_t make_prefix_request(const mac_t& bridge, uint8_t seq);
-uplink_t make_root_announce(const mac_t& bridge, uint8_t seq, uint16_t prefix, uint8_t version);
+uplink_message make_ping(const mac_bytes& bridge, uint8_t seq, view payload);
+uplink_message make_prefix_request(const mac_bytes& bridge, uint8_t seq);
+uplink_message make_root_announce(const mac_bytes& bridge, uint8_t seq, uint16_t prefix, uint8_t version);
 // `type` is heartbeat or node_announce; `via` the bridge that passes the message to the gateway.
-uplink_t make_heartbeat(kind type, const vital_signs& signs, uint8_t seq, const mac_t& via);
-uplink_t make_sensor(const mac_t& node, uint8_t seq, view payload);
-uplink_t make_range(const mac_t& node, uint8_t seq, std::span<const range_entry> entries,
-                    const stamp_t& stamp);
-uplink_t make_ul_tdoa(const mac_t& node, uint8_t seq, const tdoa_sample& sample, tdoa_form form);
-uplink_t make_route(const mac_t& node, uint8_t seq, const mac_t& reporter,
-                    std::span<const route_neighbour> neighbours);
+uplink_message make_heartbeat(kind type, const vital_signs& signs, uint8_t seq, const mac_bytes& via);
+uplink_message make_sensor(const mac_bytes& node, uint8_t seq, view payload);
+uplink_message make_range(const mac_bytes& node, uint8_t seq, std::span<const range_entry> entries,
+                          const report_stamp& stamp);
+uplink_message make_ul_tdoa(const mac_bytes& node, uint8_t seq, const tdoa_sample& sample, tdoa_form form);
+uplink_message make_route(const mac_bytes& node, uint8_t seq, const mac_bytes& reporter,
+                          std::span<const route_neighbour> neighbours);
 // A generic request of a sub-command that the gateway passes on unread.
-uplink_t make_generic(const mac_t& node, uint8_t seq, uint16_t command, view rest);
-uplink_t make_ota_page_request(const mac_t& node, uint8_t seq, const ota_page_id& id);
+uplink_message make_generic(const mac_bytes& node, uint8_t seq, uint16_t command, view rest);
+uplink_message make_ota_page_request(const mac_bytes& node, uint8_t seq, const ota_page_id& id);
 
 // Whether the message of this kind is followed by the sender's address when a device sends it itself.
 bool has_trailer(kind k);
 // Whether it then names its bridge before that address, and so measures the same as in an envelope.
 bool names_bridge(kind k);
 
-// The ways up. `body` is an uplink_t's.
+// The ways up. `body` is an uplink_message's.
 // By a device on the gateway's own link: a heartbeat names its bridge before the address.
-bytes sent_directly(const uplink_t& message, const mac_t& bridge, const ip_t& ip);
+bytes sent_directly(const uplink_message& message, const mac_bytes& bridge, const ip_bytes& ip);
 // Passed on by a bridge, in an envelope with a sequence number of its own.
-bytes sent_forwarded(const uplink_t& message, msg envelope, uint8_t envelope_seq, const ip_t& ip);
+bytes sent_forwarded(const uplink_message& message, msg envelope, uint8_t envelope_seq, const ip_bytes& ip);
 void set_flags(bytes& message, uint16_t flags);
 
 struct generation_time {

@@ -107,16 +107,16 @@ uint64_t reader::be64()
     return high << 32 | be32();
 }
 
-mac_t reader::mac()
+mac_bytes reader::mac()
 {
-    mac_t mac{};
+    mac_bytes mac{};
     std::ranges::copy(take(mac.size()), mac.begin());
     return mac;
 }
 
-ip_t reader::ip()
+ip_bytes reader::ip()
 {
-    ip_t ip{};
+    ip_bytes ip{};
     std::ranges::copy(take(ip.size()), ip.begin());
     return ip;
 }
@@ -171,7 +171,7 @@ std::optional<uint32_t> hex_number(std::string_view text)
     return value;
 }
 
-mac_t device_mac(unsigned bridge, unsigned node)
+mac_bytes device_mac(unsigned bridge, unsigned node)
 {
     return {0xE4,
             0x5E,
@@ -183,20 +183,20 @@ mac_t device_mac(unsigned bridge, unsigned node)
             static_cast<uint8_t>(node)};
 }
 
-ip_t device_ip(const mac_t& mac)
+ip_bytes device_ip(const mac_bytes& mac)
 {
-    ip_t ip{0xFE, 0x80};
+    ip_bytes ip{0xFE, 0x80};
     std::ranges::copy(mac, ip.begin() + 8);
     ip[8] ^= 0x02; // an interface identifier is the MAC with its universal bit turned over
     return ip;
 }
 
-std::string short_mac(const mac_t& mac)
+std::string short_mac(const mac_bytes& mac)
 {
     return hex(view{mac}.last(2));
 }
 
-std::optional<mac_t> parse_mac(std::string_view text)
+std::optional<mac_bytes> parse_mac(std::string_view text)
 {
     std::string digits{text};
     std::erase(digits, ':');
@@ -205,14 +205,14 @@ std::optional<mac_t> parse_mac(std::string_view text)
         return std::nullopt;
     if (decoded->size() == 2)
         return device_mac((*decoded)[0], (*decoded)[1]);
-    mac_t mac{};
+    mac_bytes mac{};
     if (decoded->size() != mac.size())
         return std::nullopt;
     std::ranges::copy(*decoded, mac.begin());
     return mac;
 }
 
-std::string ip_text(const ip_t& ip)
+std::string ip_text(const ip_bytes& ip)
 {
     char text[INET6_ADDRSTRLEN] = "?";
     inet_ntop(AF_INET6, ip.data(), text, sizeof text);
@@ -285,19 +285,19 @@ bool deframer::push(uint8_t byte)
 
 static constexpr uint32_t stamp_magic = 0x53494D31; // "SIM1"
 
-bytes encode_stamp(const stamp_t& stamp)
+bytes encode_stamp(const report_stamp& stamp)
 {
     return writer{}.be32(stamp_magic).be32(stamp.run).be64(stamp.counter).be64(stamp.time_ns).take();
 }
 
-std::optional<stamp_t> find_stamp(view payload)
+std::optional<report_stamp> find_stamp(view payload)
 {
     if (payload.size() < stamp_size)
         return std::nullopt;
     reader in{payload.last(stamp_size)};
     if (in.be32() != stamp_magic)
         return std::nullopt;
-    stamp_t stamp{};
+    report_stamp stamp{};
     stamp.run = in.be32();
     stamp.counter = in.be64();
     stamp.time_ns = in.be64();

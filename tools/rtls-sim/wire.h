@@ -19,8 +19,8 @@ namespace sim {
 
 using bytes = std::vector<uint8_t>;
 using view = std::span<const uint8_t>;
-using mac_t = std::array<uint8_t, 8>;
-using ip_t = std::array<uint8_t, 16>;
+using mac_bytes = std::array<uint8_t, 8>;
+using ip_bytes = std::array<uint8_t, 16>;
 
 // Message types, as the low-level network numbers them. 0x080D also means "diagnostics response"; on the
 // proxy it is always the firmware announcement.
@@ -105,8 +105,8 @@ public:
     uint64_t be64();
     view take(size_t count); // empty when fewer are left
     view rest();
-    mac_t mac();
-    ip_t ip();
+    mac_bytes mac();
+    ip_bytes ip();
     size_t left() const { return m_data.size(); }
     bool failed() const { return m_failed; }
 
@@ -121,13 +121,13 @@ std::optional<uint32_t> hex_number(std::string_view text); // up to eight hex di
 
 // The MAC of bridge `bridge` (from 1) or, with `node` from 1, of a node behind it. Its last two bytes,
 // by which operators name a node, read as <bridge><node>: 0102 is the second node of the first bridge.
-mac_t device_mac(unsigned bridge, unsigned node);
+mac_bytes device_mac(unsigned bridge, unsigned node);
 // The link-local address that follows from a MAC.
-ip_t device_ip(const mac_t& mac);
-std::string short_mac(const mac_t& mac);
+ip_bytes device_ip(const mac_bytes& mac);
+std::string short_mac(const mac_bytes& mac);
 // Sixteen hex digits (colons allowed), or four, which stand for a simulated device's short MAC.
-std::optional<mac_t> parse_mac(std::string_view text);
-std::string ip_text(const ip_t& ip);
+std::optional<mac_bytes> parse_mac(std::string_view text);
+std::string ip_text(const ip_bytes& ip);
 
 // CRC-32 as everybody computes it, and the one of the daemon's firmware announcements: the same
 // polynomial without either inversion.
@@ -158,14 +158,14 @@ private:
 
 // What the simulator puts at the end of sensor and range reports to measure loss and latency exactly,
 // even when reports are received by another process.
-struct stamp_t {
+struct report_stamp {
     uint32_t run;     // tells runs apart
     uint64_t counter; // 1, 2, 3, ...
     uint64_t time_ns; // real-time clock when sent
 };
 constexpr size_t stamp_size = 24;
-bytes encode_stamp(const stamp_t& stamp);
-std::optional<stamp_t> find_stamp(view payload);
+bytes encode_stamp(const report_stamp& stamp);
+std::optional<report_stamp> find_stamp(view payload);
 uint64_t realtime_ns();
 
 } // namespace sim

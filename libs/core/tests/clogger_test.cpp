@@ -46,7 +46,7 @@ protected:
     clogger() { (void)lines(); }
 
     // What has reached the system log since the last call.
-    std::vector<syslog_capture::line_t> lines()
+    std::vector<syslog_capture::captured_line> lines()
     {
         EXPECT_TRUE(logger_flush(m_logger.get(), 10'000));
         return syslog_capture::take();
@@ -74,7 +74,8 @@ TEST_F(clogger, says_that_it_starts)
     m_main.reset();
     m_logger.reset();
     m_logger = make_logger();
-    EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_INFO, "Starting app"}}));
+    EXPECT_EQ(lines(),
+              (std::vector<syslog_capture::captured_line>{{"app", 0, LOG_USER, LOG_INFO, "Starting app"}}));
     EXPECT_EQ(syslog_capture::mask(), 0x7F);
 }
 
@@ -89,7 +90,8 @@ TEST_F(clogger, each_function_has_its_priority_and_reaches_both_sinks)
     for (const auto& c : cases) {
         c.log(m_main.get(), "%s %d", "text", c.priority);
         const std::string text = "text " + std::to_string(c.priority);
-        EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, c.priority, text}}));
+        EXPECT_EQ(lines(),
+                  (std::vector<syslog_capture::captured_line>{{"app", 0, LOG_USER, c.priority, text}}));
         EXPECT_EQ(m_broker.next_undated(), "&app:main DATE " + text);
     }
 }
@@ -113,7 +115,7 @@ TEST_F(clogger, debugging_opens_the_system_log_to_debug_records_and_dates_its_li
     m_logger->m_logger.set_debug(true);
     EXPECT_EQ(syslog_capture::mask(), 0xFF);
     logger_debug_ts(m_main.get(), {1714568822, 45}, "now %s", "seen");
-    EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{
+    EXPECT_EQ(lines(), (std::vector<syslog_capture::captured_line>{
                            {"app", LOG_PERROR, LOG_USER, LOG_DEBUG, "2024-05-01 13:07:02.045 now seen"}}));
 
     m_logger->m_logger.set_debug(false);
@@ -121,7 +123,7 @@ TEST_F(clogger, debugging_opens_the_system_log_to_debug_records_and_dates_its_li
     logger_debug(m_main.get(), "hidden again");
     logger_info(m_main.get(), "without a date");
     EXPECT_EQ(lines(),
-              (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_INFO, "without a date"}}));
+              (std::vector<syslog_capture::captured_line>{{"app", 0, LOG_USER, LOG_INFO, "without a date"}}));
 }
 
 TEST_F(clogger, only_the_mask_decides_what_the_system_log_gets)
@@ -130,7 +132,8 @@ TEST_F(clogger, only_the_mask_decides_what_the_system_log_gets)
     setlogmask(LOG_UPTO(LOG_DEBUG)); // not by the library
     EXPECT_TRUE(logger_debug_is_wanted(m_main.get()));
     logger_debug(m_main.get(), "admitted");
-    EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_DEBUG, "admitted"}}));
+    EXPECT_EQ(lines(),
+              (std::vector<syslog_capture::captured_line>{{"app", 0, LOG_USER, LOG_DEBUG, "admitted"}}));
     setlogmask(LOG_UPTO(LOG_WARNING));
     EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
     logger_debug(m_main.get(), "masked");
@@ -248,7 +251,8 @@ TEST_F(clogger, a_bad_address_is_an_error_record_and_changes_nothing)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.address);
         logger_connect(m_logger.get(), c.address);
-        EXPECT_EQ(lines(), (std::vector<syslog_capture::line_t>{{"app", 0, LOG_USER, LOG_ERR, c.then}}));
+        EXPECT_EQ(lines(),
+                  (std::vector<syslog_capture::captured_line>{{"app", 0, LOG_USER, LOG_ERR, c.then}}));
         EXPECT_FALSE(logger_debug_is_wanted(m_main.get()));
     }
     connect();

@@ -94,7 +94,7 @@ milliseconds time_of(const std::function<void()>& action)
     return std::chrono::ceil<milliseconds>(steady_clock::now() - begin);
 }
 
-bool has_held_back(const std::vector<syslog_capture::line_t>& lines)
+bool has_held_back(const std::vector<syslog_capture::captured_line>& lines)
 {
     return std::ranges::any_of(
         lines, [](const auto& line) { return line.text.find("held back") != line.text.npos; });
@@ -143,8 +143,8 @@ TEST_F(unread_log, lines_without_room_are_lost_counted_and_said)
     ASSERT_EQ(lines.size(), 3 + lines_that_fit);
     EXPECT_EQ(lines.at(lines_that_fit).text, long_text);
     EXPECT_EQ(lines.at(lines_that_fit + 1),
-              (syslog_capture::line_t{"app", 0, LOG_USER, LOG_WARNING,
-                                      "Log lines lost while the system log took none: 3"}));
+              (syslog_capture::captured_line{"app", 0, LOG_USER, LOG_WARNING,
+                                             "Log lines lost while the system log took none: 3"}));
     EXPECT_EQ(lines.at(lines_that_fit + 2).text, "as ever");
     EXPECT_EQ(counters().written, counters().queued);
 }

@@ -16,18 +16,18 @@ namespace {
 
 class node_route_lock : public proxy_fixture {
 protected:
-    struct place_t {
+    struct node_place {
         bytes_t address;
         WIN_CLIENT_t* bridge;
     };
-    const place_t m_places[2] = {
+    const node_place m_places[2] = {
         {hex("FE80 0000 0000 0000 1111 1111 1111 1111"), add_bridge("0000000001")},
         {hex("FE80 0000 0000 0000 2222 2222 2222 2222"), add_bridge("0000000002")},
     };
 
     const bytes_t m_mac = hex(mac);
 
-    void move_to(const place_t& place)
+    void move_to(const node_place& place)
     {
         const nodes_guard guard{nodes};
         NODE_t* node = nodes_container_find_or_create_by_mac(nodes, m_mac.data(), nullptr, 0);

@@ -47,7 +47,7 @@ protected:
 
 TEST_F(spam_filter_test, drops_what_repeats_within_50_ms)
 {
-    struct step_t {
+    struct filter_step {
         std::string command;
         long long at_us;
         bool repeat;
@@ -60,7 +60,7 @@ TEST_F(spam_filter_test, drops_what_repeats_within_50_ms)
     const std::string to_other = digits("0408 05 010204 00000001000000020003FFFD") + other_mac;
     const struct {
         const char* given;
-        std::vector<step_t> steps;
+        std::vector<filter_step> steps;
     } cases[] = {
         {"one microsecond less than the interval", {{config_a, 0, false}, {config_a, 49'999, true}}},
         {"exactly the interval", {{config_a, 0, false}, {config_a, 50'000, false}}},
@@ -97,7 +97,7 @@ TEST_F(spam_filter_test, drops_what_repeats_within_50_ms)
         nodes_container_find_or_create_by_mac(nodes, hex(mac).data(), nullptr, 0);
         nodes_container_delete(nodes, hex(other_mac).data());
         nodes_container_find_or_create_by_mac(nodes, hex(other_mac).data(), nullptr, 0);
-        for (const step_t& step : c.steps)
+        for (const filter_step& step : c.steps)
             EXPECT_EQ(is_repeat(step.command, step.at_us), step.repeat) << "at " << step.at_us;
     }
 }

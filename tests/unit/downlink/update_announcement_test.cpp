@@ -21,7 +21,7 @@ TEST(win_server_nodes_update, reaches_every_bridge_and_marks_it)
     win_server_nodes_update(&link.server(), nullptr);
     EXPECT_THAT(log.take(), IsEmpty());
 
-    std::vector<win_link::bridge_t> bridges;
+    std::vector<win_link::linked_bridge> bridges;
     for (int i = 0; i < 3; ++i) {
         bridges.push_back(link.connect());
         bridges.back().client->firmware_updated = true;

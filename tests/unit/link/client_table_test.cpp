@@ -99,7 +99,7 @@ TEST(win_server_copy_clients, gives_what_other_threads_may_know)
 {
     const win_link link;
     EXPECT_TRUE(win_server_copy_clients(&link.server()).empty());
-    std::vector<win_link::bridge_t> bridges;
+    std::vector<win_link::linked_bridge> bridges;
     for (uint8_t i = 0; i < 5; ++i) {
         bridges.push_back(link.connect());
         const uint8_t mac[mac_size] = {1, 2, 3, 4, 5, 6, 7, i};

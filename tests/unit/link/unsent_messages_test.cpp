@@ -225,7 +225,7 @@ TEST(unsent_messages, of_a_stalled_bridge_wait_in_order_until_it_reads)
 TEST(unsent_messages, of_many_stalled_bridges_cost_the_others_no_time)
 {
     const win_link link{10};
-    std::vector<win_link::bridge_t> bridges;
+    std::vector<win_link::linked_bridge> bridges;
     for (int i = 0; i < 5; ++i) {
         bridges.push_back(link.connect(4096));
         (void)link.fill(*bridges.back().client);

@@ -18,7 +18,7 @@ using testing::ElementsAre;
 
 namespace {
 
-using frames_t = std::vector<bytes_t>;
+using frame_list = std::vector<bytes_t>;
 
 // A record as the connection handler makes it, and the frames its decoder delivers.
 class decoder {
@@ -39,17 +39,17 @@ public:
     void feed(bytes_view bytes)
     {
         const auto keep = [](void* kept, WIN_CLIENT_t& c) {
-            static_cast<frames_t*>(kept)->emplace_back(c.pending_data.get(),
-                                                       c.pending_data + c.pending_data_size);
+            static_cast<frame_list*>(kept)->emplace_back(c.pending_data.get(),
+                                                         c.pending_data + c.pending_data_size);
         };
         win_client_decode(*client, bytes, keep, &frames);
     }
 
     WIN_CLIENT_t* client;
-    frames_t frames;
+    frame_list frames;
 };
 
-frames_t frames_from(bytes_view stream, size_t bytes_a_read)
+frame_list frames_from(bytes_view stream, size_t bytes_a_read)
 {
     decoder d;
     for (; !stream.empty(); stream = stream.subspan(std::min(bytes_a_read, stream.size())))
@@ -90,7 +90,7 @@ public:
                                       : append(b);
         }
     }
-    frames_t frames;
+    frame_list frames;
 
 private:
     PARSING_STATE append(uint8_t b)
@@ -181,7 +181,7 @@ TEST(win_client_decoder, stream_bytes_become_frames)
     const struct {
         const char* given;
         const char* stream;
-        frames_t then;
+        frame_list then;
     } cases[] = {
         {"an empty frame", "F5 F7", {}},
         {"an escaped END inside", "F5 01 F6 F7 02 F7", {hex("01 F7 02")}},
@@ -217,7 +217,7 @@ TEST(win_client_decoder, state_and_partial_frame_survive_between_reads)
     EXPECT_EQ(d.client->parsing_state, PS_ESCAPE);
     d.feed(hex("F7 02 F7"));
     EXPECT_EQ(d.client->parsing_state, PS_NONE);
-    EXPECT_EQ(d.frames, frames_t{hex("01 F7 02")});
+    EXPECT_EQ(d.frames, frame_list{hex("01 F7 02")});
     d.feed(hex("F5"));
     EXPECT_EQ(d.client->parsing_state, PS_START);
     EXPECT_EQ(d.client->pending_data_size, 3U) << "the old content stays until the next frame begins";
@@ -229,7 +229,7 @@ TEST(win_client_decoder, a_frame_cut_at_every_place_is_the_same_frame)
 {
     const bytes_t stream =
         hex("FF F5") + ramp(20) + hex("F6 F5 F6 F6") + ramp(20) + hex("F6 F7 F7 00 F5 01 F7");
-    const frames_t whole = frames_from(stream, stream.size());
+    const frame_list whole = frames_from(stream, stream.size());
     ASSERT_EQ(whole.size(), 2U);
     for (size_t cut = 0; cut <= stream.size(); ++cut) {
         decoder d;
@@ -263,7 +263,7 @@ TEST(win_client_decoder, random_messages_come_back_from_any_cut)
     std::uniform_int_distribution<size_t> size{1, 3000};
     std::uniform_int_distribution<size_t> read_size{1, 700};
     std::uniform_int_distribution<int> byte_value{0, 255};
-    frames_t messages(200);
+    frame_list messages(200);
     bytes_t stream;
     for (bytes_t& message : messages) {
         message.resize(size(random));
@@ -290,7 +290,7 @@ TEST(win_client_decoder, the_buffer_grows_only_when_it_is_full)
         ASSERT_TRUE(win_client_increase_buffer_size(d.client));
         d.feed(framed(bytes_t(c.message, 0x11)));
         EXPECT_EQ(d.client->pending_buffsize, c.capacity) << c.message;
-        EXPECT_EQ(d.frames, frames_t{bytes_t(c.message, 0x11)});
+        EXPECT_EQ(d.frames, frame_list{bytes_t(c.message, 0x11)});
     }
 }
 
@@ -300,7 +300,7 @@ TEST(win_client_decoder, a_frame_of_one_mebibyte_is_taken_and_a_longer_one_dropp
     decoder d;
     const bytes_t longest(pending_data_limit, 0x11);
     d.feed(framed(longest));
-    EXPECT_EQ(d.frames, frames_t{longest});
+    EXPECT_EQ(d.frames, frame_list{longest});
     EXPECT_THAT(log.messages("main"), ElementsAre());
 
     for (const bytes_t& too_much : {hex("22"), hex("F6 F7"), hex("22 22 22")}) {
@@ -308,7 +308,7 @@ TEST(win_client_decoder, a_frame_of_one_mebibyte_is_taken_and_a_longer_one_dropp
         d.feed(hex("F5") + longest + too_much + hex("33 F7 44"));
         EXPECT_EQ(d.client->parsing_state, PS_NONE);
         d.feed(hex("F5 01 F7"));
-        EXPECT_EQ(d.frames, frames_t{hex("01")});
+        EXPECT_EQ(d.frames, frame_list{hex("01")});
         EXPECT_THAT(log.messages("main"), ElementsAre("win_client_increase_buffer_size: out of memory!"));
     }
 }

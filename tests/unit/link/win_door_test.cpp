@@ -36,15 +36,15 @@ protected:
 TEST_F(win_door_test, the_connection_beyond_the_last_is_closed_and_leaves_nothing)
 {
     rules().most = 2;
-    const win_link::bridge_t first = m_link.connect();
+    const win_link::linked_bridge first = m_link.connect();
     {
-        const win_link::bridge_t second = m_link.connect();
+        const win_link::linked_bridge second = m_link.connect();
         expect_refused();
         expect_refused();
         EXPECT_EQ(m_link.clients(), 2U);
     }
     EXPECT_TRUE(m_link.pump_until([&] { return m_link.clients() == 1; }));
-    const win_link::bridge_t third = m_link.connect();
+    const win_link::linked_bridge third = m_link.connect();
     EXPECT_EQ(m_link.clients(), 2U) << "a place that was left is free again";
     EXPECT_EQ(m_link.server().win_door.refused(door_refusal::full), 2U);
     EXPECT_THAT(m_log.messages("main"),
@@ -54,7 +54,7 @@ TEST_F(win_door_test, the_connection_beyond_the_last_is_closed_and_leaves_nothin
 TEST_F(win_door_test, one_address_holds_no_more_than_it_may)
 {
     rules().most_of_one_address = 1;
-    const win_link::bridge_t first = m_link.connect();
+    const win_link::linked_bridge first = m_link.connect();
     expect_refused();
     EXPECT_EQ(m_link.server().win_door.refused(door_refusal::address), 1U);
 }
@@ -65,7 +65,7 @@ TEST_F(win_door_test, a_network_that_may_not_connect)
     expect_refused();
     EXPECT_EQ(m_link.clients(), 0U);
     rules().networks = parse_networks("10.0.0.0/8, 127.0.0.1");
-    const win_link::bridge_t bridge = m_link.connect();
+    const win_link::linked_bridge bridge = m_link.connect();
     EXPECT_EQ(m_link.clients(), 1U);
 }
 

@@ -20,7 +20,7 @@ TEST(address_index, has_the_nodes_by_their_own_address_alone)
 {
     node_table table;
     address_index index{table};
-    const ip_t own = ip_of(1);
+    const ip_bytes own = ip_of(1);
     auto made = std::make_unique<stored_node>();
     memcpy(made->ip_addr, own.data(), ip_addr_size);
     stored_node* node = table.insert(std::move(made));
@@ -55,7 +55,7 @@ TEST_F(address_index_test, an_address_finds_its_node)
 TEST_F(address_index_test, the_interface_identifier_stands_for_a_mac)
 {
     // The first byte of the identifier, whatever it is, gives way to E4.
-    const ip_t ip{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0xE6, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
+    const ip_bytes ip{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0xE6, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
     NODE_t* node = create(mac_of(0xE411223344556677));
     EXPECT_EQ(find_ip(ip), node);
     create(mac_of(0xE611223344556677));
@@ -69,7 +69,7 @@ TEST_F(address_index_test, the_interface_identifier_stands_for_a_mac)
 
 TEST_F(address_index_test, a_forwarded_address_is_found_through_the_interface_identifier_alone)
 {
-    const ip_t ip{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0xE6, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
+    const ip_bytes ip{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0xE6, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
     NODE_t* node = create(mac_of(0xE411223344556677));
     set_address(node, ip, true);
     EXPECT_TRUE(node->forwarded_ip);
@@ -107,11 +107,11 @@ TEST_F(address_index_test, an_address_may_be_the_nodes_own)
 // Every answer is the one that walking all nodes in table order would give.
 TEST_F(address_index_test, addresses_agree_with_a_walk_whatever_happens)
 {
-    const auto walked = [this](const ip_t& ip) -> NODE_t* {
+    const auto walked = [this](const ip_bytes& ip) -> NODE_t* {
         for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
             if (!node->forwarded_ip && memcmp(node->ip_addr, ip.data(), ip_addr_size) == 0)
                 return node;
-        mac_t mac;
+        mac_array mac;
         memcpy(mac.data(), &ip[8], mac_size);
         mac[0] = 0xE4;
         return nodes_container_find_by_mac(nodes, mac.data());
@@ -119,10 +119,10 @@ TEST_F(address_index_test, addresses_agree_with_a_walk_whatever_happens)
     std::mt19937_64 random(42);
     const auto some_mac = [&] { return mac_of(0xE401020304050600 + random() % 24); };
     const auto some_ip = [&] {
-        return random() % 8 == 0 ? ip_t{} : ip_of(static_cast<uint8_t>(random() % 16));
+        return random() % 8 == 0 ? ip_bytes{} : ip_of(static_cast<uint8_t>(random() % 16));
     };
     for (int i = 0; i < 40'000; ++i) {
-        const mac_t mac = some_mac();
+        const mac_array mac = some_mac();
         switch (random() % 8) {
         case 0:
             nodes_container_delete(nodes, mac.data());
@@ -137,7 +137,7 @@ TEST_F(address_index_test, addresses_agree_with_a_walk_whatever_happens)
                 set_address(node, some_ip(), random() % 4 == 0);
             break;
         default: {
-            const ip_t ip = some_ip();
+            const ip_bytes ip = some_ip();
             ASSERT_EQ(find_ip(ip), walked(ip)) << "operation " << i;
         }
         }

@@ -65,7 +65,7 @@ TEST_F(expiry_queue_test, ageing_does_not_move_the_cursor)
     for (uint64_t i = 0; i < 20; ++i)
         create(mac_of(i));
     const auto order = in_order();
-    std::vector<mac_t> seen;
+    std::vector<mac_array> seen;
     for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes)) {
         seen.push_back(mac_of(*node));
         nodes_container_update_lifetime(nodes);
@@ -125,15 +125,15 @@ TEST_F(expiry_queue_test, lifetimes_and_room_agree_with_a_count_whatever_happens
 {
     constexpr size_t limit = 20;
     limit_to(limit);
-    std::map<mac_t, uint16_t> lifetimes;
-    std::vector<mac_t> waiting; // in the order of when their lifetimes were set
-    std::vector<mac_t> expired;
+    std::map<mac_array, uint16_t> lifetimes;
+    std::vector<mac_array> waiting; // in the order of when their lifetimes were set
+    std::vector<mac_array> expired;
     std::mt19937_64 random(11);
-    const auto forget = [&](const mac_t& mac) {
+    const auto forget = [&](const mac_array& mac) {
         std::erase(waiting, mac);
         std::erase(expired, mac);
     };
-    const auto set = [&](const mac_t& mac, uint16_t lifetime) {
+    const auto set = [&](const mac_array& mac, uint16_t lifetime) {
         if (lifetimes[mac] == 0 && lifetime == 0)
             return;
         forget(mac);
@@ -141,11 +141,11 @@ TEST_F(expiry_queue_test, lifetimes_and_room_agree_with_a_count_whatever_happens
         (lifetime == 0 ? expired : waiting).push_back(mac);
     };
     for (int i = 0; i < 30'000; ++i) {
-        const mac_t mac = mac_of(random() % 40);
+        const mac_array mac = mac_of(random() % 40);
         switch (random() % 8) {
         case 0:
             age(1);
-            for (const mac_t& one : std::vector<mac_t>(waiting))
+            for (const mac_array& one : std::vector<mac_array>(waiting))
                 if (--lifetimes[one] == 0) {
                     std::erase(waiting, one);
                     expired.push_back(one);
@@ -178,7 +178,7 @@ TEST_F(expiry_queue_test, lifetimes_and_room_agree_with_a_count_whatever_happens
                 set(mac, lifetime);
             }
         }
-        std::map<mac_t, uint16_t> listed;
+        std::map<mac_array, uint16_t> listed;
         for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
             listed[mac_of(*node)] = node->lifetime;
         ASSERT_EQ(listed, lifetimes) << i;

@@ -22,7 +22,7 @@ using testing::ElementsAre;
 
 namespace {
 
-uint64_t order_hash(const mac_t& mac)
+uint64_t order_hash(const mac_array& mac)
 {
     uint64_t hash = 0;
     for (const uint8_t b : mac)
@@ -36,7 +36,7 @@ public:
     reference_table()
     {
         zhashx_set_key_hasher(m_table.get(), [](const void* key) -> size_t {
-            mac_t mac;
+            mac_array mac;
             memcpy(mac.data(), key, mac_size);
             return order_hash(mac);
         });
@@ -50,8 +50,8 @@ public:
         });
     }
 
-    bool find(const mac_t& mac) { return zhashx_lookup(m_table.get(), mac.data()) != nullptr; }
-    void find_or_create(const mac_t& mac)
+    bool find(const mac_array& mac) { return zhashx_lookup(m_table.get(), mac.data()) != nullptr; }
+    void find_or_create(const mac_array& mac)
     {
         if (find(mac))
             return;
@@ -59,10 +59,10 @@ public:
         memcpy(item, mac.data(), mac_size);
         zhashx_insert(m_table.get(), item, item);
     }
-    void remove(const mac_t& mac) { zhashx_delete(m_table.get(), mac.data()); }
-    std::vector<mac_t> in_order()
+    void remove(const mac_array& mac) { zhashx_delete(m_table.get(), mac.data()); }
+    std::vector<mac_array> in_order()
     {
-        std::vector<mac_t> macs;
+        std::vector<mac_array> macs;
         for (void* item = zhashx_first(m_table.get()); item; item = zhashx_next(m_table.get()))
             memcpy(macs.emplace_back().data(), item, mac_size);
         return macs;
@@ -75,7 +75,7 @@ private:
 using container_order = registry_fixture;
 
 // All the MACs with this beginning that share the hash which most of them have.
-std::vector<mac_t> colliding_macs()
+std::vector<mac_array> colliding_macs()
 {
     constexpr uint64_t beginning = 0xE400000000000000;
     std::vector<unsigned> counts(1U << 19);
@@ -86,7 +86,7 @@ std::vector<mac_t> colliding_macs()
     for (uint64_t last = 0; last < 1U << 20; ++last)
         ++counts[slot(last)];
     const auto most = std::max_element(counts.begin(), counts.end()) - counts.begin();
-    std::vector<mac_t> macs;
+    std::vector<mac_array> macs;
     for (uint64_t last = 0; last < 1U << 20; ++last)
         if (slot(last) == static_cast<size_t>(most))
             macs.push_back(mac_of(beginning + last));
@@ -100,12 +100,12 @@ TEST_F(container_order, is_that_of_a_zhashx_after_any_operations)
     for (unsigned seed = 0; seed < 12; ++seed) {
         SCOPED_TRACE(seed);
         std::mt19937_64 random(seed);
-        std::vector<mac_t> macs(size_t{8} << seed);
+        std::vector<mac_array> macs(size_t{8} << seed);
         for (auto& mac : macs)
             mac = mac_of(random());
         reference_table reference;
         for (int i = 0; i < 15'000; ++i) {
-            const mac_t& mac = macs[random() % macs.size()];
+            const mac_array& mac = macs[random() % macs.size()];
             switch (random() % 8) {
             case 0:
             case 1:
@@ -170,7 +170,7 @@ TEST_F(container_order, a_large_consecutive_range_does_no_harm)
     for (uint64_t i = 0; i < count; ++i)
         ASSERT_NE(create(mac_of(0xE411223344000000 + i)), nullptr);
     const auto listed = in_order();
-    EXPECT_EQ(std::set<mac_t>(listed.begin(), listed.end()).size(), count);
+    EXPECT_EQ(std::set<mac_array>(listed.begin(), listed.end()).size(), count);
     for (uint64_t i = 0; i < count; ++i)
         ASSERT_NE(find(mac_of(0xE411223344000000 + i)), nullptr);
     EXPECT_EQ(find(mac_of(0xE411223344000000 + count)), nullptr);

@@ -75,7 +75,7 @@ TEST_F(nodes_container, nodes_are_found_by_their_whole_mac)
     const uint64_t numbers[] = {0x0000000000000000, 0x0000000000000001, 0x0100000000000000,
                                 0x0102030405060708, 0x0807060504030201, 0xFFFFFFFFFFFFFFFF,
                                 0xE400000000000100, 0xE400000000010000};
-    std::map<mac_t, NODE_t*> created;
+    std::map<mac_array, NODE_t*> created;
     for (const uint64_t number : numbers)
         created[mac_of(number)] = create(mac_of(number));
     EXPECT_EQ(nodes_container_get_size(nodes), std::size(numbers));
@@ -163,8 +163,9 @@ TEST_F(nodes_container, the_short_mac_finds_the_first_node_in_table_order)
     const auto order = in_order();
     for (unsigned hi = 0; hi < 33; ++hi)
         for (unsigned lo = 0; lo < 33; ++lo) {
-            const auto first = std::find_if(order.begin(), order.end(),
-                                            [&](const mac_t& mac) { return mac[6] == hi && mac[7] == lo; });
+            const auto first = std::find_if(order.begin(), order.end(), [&](const mac_array& mac) {
+                return mac[6] == hi && mac[7] == lo;
+            });
             const NODE_t* found =
                 nodes_container_find_by_short_mac(nodes, static_cast<uint8_t>(hi), static_cast<uint8_t>(lo));
             ASSERT_EQ(found != nullptr, first != order.end()) << hi << " " << lo;
@@ -204,7 +205,7 @@ TEST_F(nodes_container, serves_two_threads_under_its_lock)
     std::mt19937_64 random(1);
     for (int i = 0; i < 5000; ++i) {
         const nodes_guard guard{nodes};
-        const mac_t mac = mac_of(random() % 50);
+        const mac_array mac = mac_of(random() % 50);
         NODE_t* node = create(mac);
         set_lifetime(node, 300);
         set_address(node, ip_of(static_cast<uint8_t>(random())));

@@ -55,22 +55,22 @@ TEST_F(order_tree_test, of_several_nodes_with_an_address_the_first_in_table_orde
 TEST_F(order_tree_test, shared_addresses_agree_with_a_walk_while_the_table_grows)
 {
     std::mt19937_64 random(7);
-    const auto first_in_walk = [this](const ip_t& ip) -> NODE_t* {
+    const auto first_in_walk = [this](const ip_bytes& ip) -> NODE_t* {
         for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
             if (!node->forwarded_ip && memcmp(node->ip_addr, ip.data(), ip_addr_size) == 0)
                 return node;
         return nullptr; // no test node has the MAC that an interface identifier here stands for
     };
     const auto some_ip = [&] {
-        return random() % 3 == 0 ? ip_t{} : ip_of(static_cast<uint8_t>(random() % 4));
+        return random() % 3 == 0 ? ip_bytes{} : ip_of(static_cast<uint8_t>(random() % 4));
     };
-    std::vector<mac_t> known;
+    std::vector<mac_array> known;
     for (int i = 0; i < 20'000; ++i) {
         if (known.empty() || random() % 3 != 0) {
             known.push_back(mac_of(0xE500000000000000 | random() >> 8));
             set_address(create(known.back()), some_ip(), random() % 8 == 0);
         }
-        mac_t& mac = known[random() % known.size()];
+        mac_array& mac = known[random() % known.size()];
         if (random() % 2 == 0)
             set_address(find(mac), some_ip(), random() % 8 == 0);
         else if (random() % 4 == 0) {
@@ -79,7 +79,7 @@ TEST_F(order_tree_test, shared_addresses_agree_with_a_walk_while_the_table_grows
             known.pop_back();
         }
         if (i < 1'000 || i % 50 == 0)
-            for (const ip_t& ip : {ip_t{}, ip_of(0), ip_of(1), ip_of(2), ip_of(3)}) {
+            for (const ip_bytes& ip : {ip_bytes{}, ip_of(0), ip_of(1), ip_of(2), ip_of(3)}) {
                 ASSERT_EQ(find_ip(ip), first_in_walk(ip)) << "operation " << i;
             }
     }

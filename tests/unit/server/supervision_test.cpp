@@ -152,7 +152,7 @@ TEST(check_client_connection, closes_all_unwanted_bridges_in_one_tick_in_table_o
 {
     log_capture log;
     const win_link link;
-    std::vector<win_link::bridge_t> bridges;
+    std::vector<win_link::linked_bridge> bridges;
     for (uint8_t i = 0; i < 60; ++i) {
         bridges.push_back(link.connect());
         bridges.back().client->connection_delay = 0;

@@ -44,7 +44,7 @@ static node_row sample_node()
     return node;
 }
 
-struct node_line_case_t {
+struct node_line_case {
     const char* given;
     std::function<void(node_row&)> change;
     const char* standard;
@@ -53,7 +53,7 @@ struct node_line_case_t {
 
 TEST(node_line, without_activity)
 {
-    const node_line_case_t cases[] = {
+    const node_line_case cases[] = {
         {"a plain node", [](node_row&) {},
          "f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:  7 ttl:295 sl:1c    dtx: no\n",
          "0a1b2c3d4e5:f6071 fix 40 par:6e7f8 sw:0102a0ff rgf:   7 ttl:295 sl:1c "
@@ -180,14 +180,14 @@ TEST(client_lines, a_long_pattern_is_shown_whole)
 }
 
 // Nodes 0, 1, 2 ... with the given bridge and the last byte of the address.
-struct address_case_t {
+struct address_case {
     uint32_t bridge;
     uint8_t address;
     bool forwarded = false;
     uint16_t lifetime = 1;
 };
 
-static std::vector<node_row> rows_of(const std::vector<address_case_t>& given)
+static std::vector<node_row> rows_of(const std::vector<address_case>& given)
 {
     std::vector<node_row> rows(given.size());
     for (size_t i = 0; i < given.size(); ++i) {
@@ -204,7 +204,7 @@ TEST(duplicate_addresses, are_flagged_within_a_bridge)
 {
     const struct {
         const char* given;
-        std::vector<address_case_t> nodes;
+        std::vector<address_case> nodes;
         std::string flagged; // by node
     } cases[] = {
         {"none", {}, ""},

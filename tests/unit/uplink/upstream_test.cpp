@@ -16,12 +16,12 @@
 
 namespace rtls {
 
-using lines_t = std::vector<std::string>;
+using line_list = std::vector<std::string>;
 
 namespace {
 
 // Whether the two lines are an episode's end and its count: "Overflow <queue>: <lost> lost in <n> ms".
-testing::AssertionResult is_end(const lines_t& logged, const std::string& queue, unsigned int lost)
+testing::AssertionResult is_end(const line_list& logged, const std::string& queue, unsigned int lost)
 {
     const std::string count = "Overflow " + queue + ": " + std::to_string(lost) + " lost in ";
     if (logged.size() == 2 && logged[0] == "Exemption " + queue + "!" && logged[1].starts_with(count) &&
@@ -31,9 +31,9 @@ testing::AssertionResult is_end(const lines_t& logged, const std::string& queue,
 }
 
 // The parts of one message, as hex; nothing when none waits.
-lines_t receive_parts(zsock_t* sock)
+line_list receive_parts(zsock_t* sock)
 {
-    lines_t parts;
+    line_list parts;
     int more = 1;
     while (more) {
         zmq_msg_t part;
@@ -108,7 +108,7 @@ TEST_F(upstream, a_report_follows_its_time_of_generation)
         uint32_t seconds;
         uint16_t milliseconds;
         bytes_t data;
-        lines_t then;
+        line_list then;
     } cases[] = {
         {1'700'000'000, 250, hex("01 04 07"), {"6553F10000FA", "010407"}},
         {0, 0, hex("F5 F6 F7 00"), {"000000000000", "F5F6F700"}},
@@ -118,19 +118,19 @@ TEST_F(upstream, a_report_follows_its_time_of_generation)
         data_to_msg_handler(&server, c.data.data(), c.data.size(), c.seconds, c.milliseconds);
         EXPECT_EQ(receive_parts(handler.get()), c.then);
     }
-    EXPECT_EQ(receive_parts(handler.get()), lines_t{});
+    EXPECT_EQ(receive_parts(handler.get()), line_list{});
     EXPECT_EQ(log.messages("raw"),
-              (lines_t{"HANDLER_RAW_OUTPUT: 010407 [3]", "HANDLER_RAW_OUTPUT: F5F6F700 [4]",
-                       "HANDLER_RAW_OUTPUT: 00 [1]"}));
-    EXPECT_EQ(log.messages("main"), lines_t{});
+              (line_list{"HANDLER_RAW_OUTPUT: 010407 [3]", "HANDLER_RAW_OUTPUT: F5F6F700 [4]",
+                         "HANDLER_RAW_OUTPUT: 00 [1]"}));
+    EXPECT_EQ(log.messages("main"), line_list{});
 }
 
 TEST_F(upstream, an_empty_report_is_a_report)
 {
     const uint8_t nothing = 0;
     data_to_msg_handler(&server, &nothing, 0, 1, 2);
-    EXPECT_EQ(receive_parts(handler.get()), (lines_t{"000000010002", ""}));
-    EXPECT_EQ(log.messages("raw"), (lines_t{"HANDLER_RAW_OUTPUT:  [0]"}));
+    EXPECT_EQ(receive_parts(handler.get()), (line_list{"000000010002", ""}));
+    EXPECT_EQ(log.messages("raw"), (line_list{"HANDLER_RAW_OUTPUT:  [0]"}));
 }
 
 TEST_F(upstream, a_full_handler_queue_is_reported_once_and_once_its_end)
@@ -140,15 +140,15 @@ TEST_F(upstream, a_full_handler_queue_is_reported_once_and_once_its_end)
         server.msg_handler_sock.reset(zsock_new(ZMQ_PUSH)); // nobody to take anything
         for (int i = 0; i < 10; i++)
             data_to_msg_handler(&server, &data, 1, 0, 0);
-        EXPECT_EQ(log.messages("main"), lines_t{"Overflow message handler queue!"});
+        EXPECT_EQ(log.messages("main"), line_list{"Overflow message handler queue!"});
 
         zsock_connect(server.msg_handler_sock, "%s", handler_endpoint.c_str());
         for (int i = 0; i < 3; i++)
             data_to_msg_handler(&server, &data, 1, 0, 0);
         EXPECT_TRUE(is_end(log.messages("main"), "message handler queue", 10));
         for (int i = 0; i < 3; i++)
-            EXPECT_EQ(receive_parts(handler.get()), (lines_t{"000000000000", "01"}));
-        EXPECT_EQ(receive_parts(handler.get()), lines_t{}); // what overflowed is lost
+            EXPECT_EQ(receive_parts(handler.get()), (line_list{"000000000000", "01"}));
+        EXPECT_EQ(receive_parts(handler.get()), line_list{}); // what overflowed is lost
     }
 }
 
@@ -164,9 +164,9 @@ TEST_F(upstream, a_full_queue_takes_whole_reports_only)
 
     for (uint8_t i = 0; i < 20; i++)
         data_to_msg_handler(&server, &i, 1, i, 0);
-    EXPECT_EQ(log.messages("main"), lines_t{"Overflow message handler queue!"});
+    EXPECT_EQ(log.messages("main"), line_list{"Overflow message handler queue!"});
     size_t received = 0;
-    for (lines_t parts; !(parts = receive_parts(small.get())).empty(); received++)
+    for (line_list parts; !(parts = receive_parts(small.get())).empty(); received++)
         EXPECT_EQ(parts.size(), 2U) << received;
     EXPECT_GE(received, 2U);
     EXPECT_LT(received, 20U);
@@ -175,7 +175,7 @@ TEST_F(upstream, a_full_queue_takes_whole_reports_only)
     const uint8_t data = 0xEE;
     data_to_msg_handler(&server, &data, 1, 0, 0);
     EXPECT_TRUE(is_end(log.messages("main"), "message handler queue", 20 - static_cast<unsigned>(received)));
-    EXPECT_EQ(receive_parts(small.get()), (lines_t{"000000000000", "EE"}));
+    EXPECT_EQ(receive_parts(small.get()), (line_list{"000000000000", "EE"}));
 }
 
 TEST_F(upstream, other_failures_are_logged_each_time)
@@ -190,7 +190,7 @@ TEST_F(upstream, other_failures_are_logged_each_time)
     const std::string handler_line = "data_to_msg_handler: zframe_send: 95, Operation not supported";
     const std::string proxy_line =
         "win_management_to_server: zstr_send (proxy_input_sock): 95, Operation not supported";
-    EXPECT_EQ(log.messages("main"), (lines_t{handler_line, proxy_line, handler_line, proxy_line}));
+    EXPECT_EQ(log.messages("main"), (line_list{handler_line, proxy_line, handler_line, proxy_line}));
 }
 
 TEST_F(upstream, a_report_beyond_all_memory_is_logged_and_dropped)
@@ -199,9 +199,9 @@ TEST_F(upstream, a_report_beyond_all_memory_is_logged_and_dropped)
         GTEST_SKIP() << "the sanitizer ends the program instead of refusing the memory";
     const uint8_t data = 1;
     data_to_msg_handler(&server, &data, SIZE_MAX / 8, 0, 0);
-    EXPECT_EQ(log.messages("raw"), lines_t{}); // there was no memory for the hex, either
-    EXPECT_EQ(log.messages("main"), lines_t{"data_to_msg_handler: zframe_new: 12, Cannot allocate memory"});
-    EXPECT_EQ(receive_parts(handler.get()), lines_t{});
+    EXPECT_EQ(log.messages("raw"), line_list{}); // there was no memory for the hex, either
+    EXPECT_EQ(log.messages("main"), line_list{"data_to_msg_handler: zframe_new: 12, Cannot allocate memory"});
+    EXPECT_EQ(receive_parts(handler.get()), line_list{});
 }
 
 // --- to the proxy's input
@@ -223,7 +223,7 @@ TEST_F(upstream, a_management_line_is_one_frame_with_the_time_of_sending)
     EXPECT_LE(sent, after.seconds * 1000 + after.milliseconds);
 
     // The debug line carries the same time, so that one can be found by the other.
-    const lines_t records = log.take();
+    const line_list records = log.take();
     ASSERT_EQ(records.size(), 1U);
     char stamp[16];
     snprintf(stamp, sizeof stamp, ":%02ld.%03d ", seconds % 60, milliseconds);
@@ -246,7 +246,7 @@ TEST_F(upstream, a_full_proxy_queue_neither_blocks_nor_repeats_itself)
         if (i % 100 == 0)
             (void)log.messages("raw"); // or the log's own queue overflows
     }
-    EXPECT_EQ(log.messages("main"), lines_t{"Overflow proxy input queue!"});
+    EXPECT_EQ(log.messages("main"), line_list{"Overflow proxy input queue!"});
 
     server.proxy_input_sock.reset(zsock_new_push((">" + proxy_endpoint).c_str()));
     win_management_to_server(&server, "text");
@@ -260,7 +260,7 @@ TEST_F(upstream, the_two_queues_overflow_apart)
     const uint8_t data = 1;
     data_to_msg_handler(&server, &data, 1, 0, 0);
     win_management_to_server(&server, "text");
-    EXPECT_EQ(log.messages("main"), lines_t{"Overflow message handler queue!"});
+    EXPECT_EQ(log.messages("main"), line_list{"Overflow message handler queue!"});
     EXPECT_TRUE(has_line());
     zsock_connect(server.msg_handler_sock, "%s", handler_endpoint.c_str());
     data_to_msg_handler(&server, &data, 1, 0, 0);
@@ -270,22 +270,22 @@ TEST_F(upstream, the_two_queues_overflow_apart)
 TEST_F(upstream, the_stop_says_what_an_overflow_has_cost_that_has_not_ended)
 {
     upstream_stopping(server);
-    EXPECT_EQ(log.messages("main"), lines_t{}); // there is none
+    EXPECT_EQ(log.messages("main"), line_list{}); // there is none
     server.msg_handler_sock.reset(zsock_new(ZMQ_PUSH));
     const uint8_t data = 1;
     for (int i = 0; i < 7; i++)
         data_to_msg_handler(&server, &data, 1, 0, 0);
-    EXPECT_EQ(log.messages("main"), lines_t{"Overflow message handler queue!"});
+    EXPECT_EQ(log.messages("main"), line_list{"Overflow message handler queue!"});
     upstream_stopping(server);
-    const lines_t said = log.messages("main");
+    const line_list said = log.messages("main");
     ASSERT_EQ(said.size(), 1U);
     EXPECT_TRUE(said[0].starts_with("Overflow message handler queue: 7 lost in "));
     upstream_stopping(server);
-    EXPECT_EQ(log.messages("main"), lines_t{}); // it is said already
+    EXPECT_EQ(log.messages("main"), line_list{}); // it is said already
 
     zsock_connect(server.msg_handler_sock, "%s", handler_endpoint.c_str());
     data_to_msg_handler(&server, &data, 1, 0, 0);
-    EXPECT_EQ(log.messages("main"), lines_t{"Exemption message handler queue!"}); // nothing more was lost
+    EXPECT_EQ(log.messages("main"), line_list{"Exemption message handler queue!"}); // nothing more was lost
 }
 
 // --- UL-TDOA
@@ -313,7 +313,7 @@ TEST_F(upstream, ul_tdoa_data_becomes_a_management_line)
     const struct {
         uint16_t total_len;
         std::string then;
-        lines_t printed;
+        line_list printed;
     } cases[] = {
         {28, text + "}}", {input}},
         {37, text + "}}", {input}},
@@ -328,7 +328,7 @@ TEST_F(upstream, ul_tdoa_data_becomes_a_management_line)
         EXPECT_TRUE(processing_ul_tdoa(&server, ul_tdoa_message(c.total_len), unused_mac));
         EXPECT_EQ(without_time(next_line()), c.then);
         EXPECT_EQ(log.messages("parsing"), c.printed);
-        EXPECT_EQ(receive_parts(handler.get()), lines_t{});
+        EXPECT_EQ(receive_parts(handler.get()), line_list{});
     }
 }
 
@@ -341,7 +341,7 @@ TEST_F(upstream, ul_tdoa_data_that_is_cut_short_is_refused)
         EXPECT_FALSE(processing_ul_tdoa(&server, cut, unused_mac)) << size;
     }
     EXPECT_FALSE(has_line());
-    EXPECT_EQ(log.messages("parsing"), lines_t{});
+    EXPECT_EQ(log.messages("parsing"), line_list{});
 }
 
 } // namespace rtls

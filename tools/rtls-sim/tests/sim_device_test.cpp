@@ -60,15 +60,16 @@ TEST(sim_device, every_report_is_good)
                 EXPECT_GE(maker.make_ping_of(d).body.size(), 6U); // shorter ones cannot travel with a time
                 continue;
             }
-            const uplink_t report = maker.make(k, d, device_mac(1, 0), 1, 240);
+            const uplink_message report = maker.make(k, d, device_mac(1, 0), 1, 240);
             EXPECT_EQ(report.from, d.signs.mac);
             EXPECT_TRUE(contents.insert(report.content).second) << kind_name(k);
             EXPECT_TRUE(k != kind::root_announce || d.is_bridge());
             EXPECT_LE(report.body.size(), 5 + (k == kind::sensor ? 287U : 1037U));
             const bytes content{report.content.begin(), report.content.end()};
             const std::string line = R"(@win_management {"ts":1700000000,"ms":  7,)" + report.content + "}";
-            const report_t read = report.to == outlet::handler ? read_handler_message(bytes(6), content)
-                                                               : read_management_line(line);
+            const upstream_report read = report.to == outlet::handler
+                                             ? read_handler_message(bytes(6), content)
+                                             : read_management_line(line);
             EXPECT_TRUE(read.valid) << describe(read);
             EXPECT_EQ(read.kind, k);
         }

@@ -7,7 +7,7 @@ namespace sim {
 static const std::string mac_hex = "E45E510000000102";
 static const std::string ip_hex = "FE80000000000000E65E510000000102";
 
-static downlink_t read_hex(const std::string& text)
+static downlink_message read_hex(const std::string& text)
 {
     const bytes message = *from_hex(text);
     return read_downlink(message);
@@ -65,7 +65,7 @@ TEST(sim_downlink, every_form_is_taken_apart)
 {
     for (const form& c : forms()) {
         SCOPED_TRACE(c.given);
-        const downlink_t message = read_hex(c.message);
+        const downlink_message message = read_hex(c.message);
         EXPECT_TRUE(message.valid);
         EXPECT_EQ(message.type, code(c.type));
         EXPECT_EQ(message.way, c.way);
@@ -83,7 +83,7 @@ TEST(sim_downlink, a_message_cut_or_stretched_anywhere_is_not_valid)
     for (const form& c : forms()) {
         bytes message = *from_hex(c.message);
         for (size_t size = 0; size < message.size(); ++size) {
-            const downlink_t cut = read_downlink(view{message}.first(size));
+            const downlink_message cut = read_downlink(view{message}.first(size));
             EXPECT_FALSE(cut.valid) << c.given << " cut to " << size;
             EXPECT_FALSE(describe(cut).empty());
         }

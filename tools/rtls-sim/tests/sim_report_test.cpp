@@ -4,15 +4,15 @@
 
 namespace sim {
 
-static const mac_t node_mac = device_mac(1, 2);
+static const mac_bytes node_mac = device_mac(1, 2);
 static const bytes time_frame = {0x65, 0x53, 0xF1, 0x00, 0x00, 0xFA};
 
-static bytes content_of(const uplink_t& message)
+static bytes content_of(const uplink_message& message)
 {
     return {message.content.begin(), message.content.end()};
 }
 
-static uplink_t some_heartbeat()
+static uplink_message some_heartbeat()
 {
     vital_signs signs;
     signs.mac = node_mac;
@@ -23,7 +23,7 @@ static uplink_t some_heartbeat()
     return make_heartbeat(kind::heartbeat, signs, 200, device_mac(1, 0));
 }
 
-static std::vector<uplink_t> handler_messages()
+static std::vector<uplink_message> handler_messages()
 {
     const range_entry entries[] = {{0x0105, 1000, 7}};
     bytes stamped = {0xAA};
@@ -55,7 +55,7 @@ TEST(sim_report, what_was_sent_is_read_upstream)
     const auto messages = handler_messages();
     ASSERT_EQ(messages.size(), std::size(then));
     for (size_t i = 0; i < messages.size(); ++i) {
-        const report_t report = read_handler_message(time_frame, content_of(messages[i]));
+        const upstream_report report = read_handler_message(time_frame, content_of(messages[i]));
         EXPECT_TRUE(report.valid);
         EXPECT_EQ(report.kind, then[i].k);
         EXPECT_EQ(report.from, messages[i].from);
@@ -69,10 +69,10 @@ TEST(sim_report, what_was_sent_is_read_upstream)
 
 TEST(sim_report, a_message_cut_or_stretched_anywhere_is_not_valid)
 {
-    for (const uplink_t& message : handler_messages()) {
+    for (const uplink_message& message : handler_messages()) {
         bytes data = content_of(message);
         for (size_t size = 0; size < data.size(); ++size) {
-            const report_t report = read_handler_message(time_frame, view{data}.first(size));
+            const upstream_report report = read_handler_message(time_frame, view{data}.first(size));
             EXPECT_FALSE(report.valid) << kind_name(message.kind) << " cut to " << size;
             EXPECT_EQ(describe(report).substr(0, 11), "unreadable:");
         }
@@ -109,7 +109,7 @@ TEST(sim_report, management_lines_are_read_by_their_exact_form)
     };
     for (const auto& c : cases)
         EXPECT_EQ(read_management_line(c.line).valid, c.valid) << c.given;
-    const report_t report = read_management_line(cases[0].line);
+    const upstream_report report = read_management_line(cases[0].line);
     EXPECT_EQ(report.content, content);
     EXPECT_EQ(report.kind, kind::route);
     EXPECT_EQ(short_mac(report.from), "0102");

@@ -7,16 +7,16 @@ namespace sim {
 using namespace std::chrono_literals;
 using verdict = tracker::verdict;
 
-static const mac_t node_mac = device_mac(1, 2);
+static const mac_bytes node_mac = device_mac(1, 2);
 
-static sent_report sent_of(const uplink_t& message, std::optional<report_time> time = {})
+static sent_report sent_of(const uplink_message& message, std::optional<report_time> time = {})
 {
     return {message.kind, message.from, message.seq, message.to, message.content, time, false};
 }
 
-static report_t received_of(const uplink_t& message, std::optional<report_time> time = {})
+static upstream_report received_of(const uplink_message& message, std::optional<report_time> time = {})
 {
-    report_t report;
+    upstream_report report;
     report.valid = true;
     report.kind = message.kind;
     report.content = message.content;
@@ -27,7 +27,7 @@ static report_t received_of(const uplink_t& message, std::optional<report_time> 
 TEST(sim_tracker, what_arrives_as_it_was_sent_is_expected_once)
 {
     tracker t;
-    const uplink_t report = make_sensor(node_mac, 1, bytes{1, 2, 3});
+    const uplink_message report = make_sensor(node_mac, 1, bytes{1, 2, 3});
     t.sent(sent_of(report));
     EXPECT_EQ(t.counts().waiting(), 1U);
     EXPECT_EQ(t.missing(10).size(), 1U);
@@ -42,15 +42,15 @@ TEST(sim_tracker, what_arrives_as_it_was_sent_is_expected_once)
 TEST(sim_tracker, every_byte_counts)
 {
     tracker t;
-    const uplink_t report = make_sensor(node_mac, 1, bytes{1, 2, 3});
+    const uplink_message report = make_sensor(node_mac, 1, bytes{1, 2, 3});
     for (size_t i = 0; i < report.content.size(); ++i) {
         t.sent(sent_of(report));
-        report_t changed = received_of(report);
+        upstream_report changed = received_of(report);
         changed.content[i] = static_cast<char>(changed.content[i] ^ 1);
         EXPECT_EQ(t.arrived(outlet::handler, changed), verdict::unexpected) << i;
     }
     EXPECT_EQ(t.arrived(outlet::proxy_input, received_of(report)), verdict::unexpected);
-    report_t malformed = received_of(report);
+    upstream_report malformed = received_of(report);
     malformed.valid = false;
     EXPECT_EQ(t.arrived(outlet::handler, malformed), verdict::unexpected);
     EXPECT_EQ(t.counts().received, 0U);
@@ -59,7 +59,7 @@ TEST(sim_tracker, every_byte_counts)
 TEST(sim_tracker, a_report_sent_twice_is_expected_twice)
 {
     tracker t;
-    const uplink_t report = make_sensor(node_mac, 1, bytes{1, 2, 3});
+    const uplink_message report = make_sensor(node_mac, 1, bytes{1, 2, 3});
     t.sent(sent_of(report));
     t.sent(sent_of(report));
     EXPECT_EQ(t.arrived(outlet::handler, received_of(report)), verdict::expected);
@@ -69,7 +69,7 @@ TEST(sim_tracker, a_report_sent_twice_is_expected_twice)
 
 TEST(sim_tracker, a_time_of_its_own_must_come_through_exactly)
 {
-    const uplink_t report = make_sensor(node_mac, 1, bytes{1, 2, 3});
+    const uplink_message report = make_sensor(node_mac, 1, bytes{1, 2, 3});
     const struct {
         report_time stamped;
         verdict then;
@@ -90,7 +90,7 @@ TEST(sim_tracker, a_time_of_its_own_must_come_through_exactly)
 TEST(sim_tracker, a_report_without_one_is_stamped_with_the_present)
 {
     tracker t;
-    const uplink_t report = make_sensor(node_mac, 1, bytes{1, 2, 3});
+    const uplink_message report = make_sensor(node_mac, 1, bytes{1, 2, 3});
     t.sent(sent_of(report));
     EXPECT_EQ(t.arrived(outlet::handler, received_of(report, report_time{1000, 500})), verdict::wrong_time);
 }
@@ -110,7 +110,7 @@ TEST(sim_tracker, introductions_may_be_dropped)
 TEST(sim_tracker, what_is_given_up_is_lost)
 {
     tracker t;
-    const uplink_t report = make_sensor(node_mac, 1, bytes{1});
+    const uplink_message report = make_sensor(node_mac, 1, bytes{1});
     t.sent(sent_of(report));
     t.give_up(1h);
     EXPECT_EQ(t.counts().lost, 0U);
@@ -123,7 +123,7 @@ TEST(sim_tracker, what_is_given_up_is_lost)
 TEST(sim_tracker, pages_that_the_gateway_lacks_are_no_surprise)
 {
     tracker t;
-    report_t request = received_of(make_ota_page_request(node_mac, 1, {1, 2, 512, 3}));
+    upstream_report request = received_of(make_ota_page_request(node_mac, 1, {1, 2, 512, 3}));
     request.page = ota_page_id{1, 2, 512, 3};
     EXPECT_EQ(t.arrived(outlet::handler, request), verdict::unserved_page);
     EXPECT_EQ(t.counts().unexpected, 0U);

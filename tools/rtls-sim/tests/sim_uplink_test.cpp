@@ -9,13 +9,13 @@ using namespace rtls;
 
 namespace sim {
 
-static std::string content_hex(const uplink_t& message)
+static std::string content_hex(const uplink_message& message)
 {
     return hex({reinterpret_cast<const uint8_t*>(message.content.data()), message.content.size()});
 }
 
-static const mac_t bridge_mac = device_mac(1, 0);
-static const mac_t node_mac = device_mac(1, 2);
+static const mac_bytes bridge_mac = device_mac(1, 0);
+static const mac_bytes node_mac = device_mac(1, 2);
 static const std::string bridge_hex = "E45E510000000100";
 static const std::string node_hex = "E45E510000000102";
 static const std::string node_ip_hex = "FE80000000000000E65E510000000102";
@@ -39,7 +39,7 @@ static vital_signs some_signs()
 
 TEST(sim_uplink, a_heartbeat_is_little_endian_below_and_big_endian_above)
 {
-    const uplink_t beat = make_heartbeat(kind::heartbeat, some_signs(), 9, bridge_mac);
+    const uplink_message beat = make_heartbeat(kind::heartbeat, some_signs(), 9, bridge_mac);
     const std::string numbers = "FFA00201"
                                 "FEFFFFFF"
                                 "44332211"
@@ -61,7 +61,7 @@ TEST(sim_uplink, a_heartbeat_is_little_endian_below_and_big_endian_above)
 
 TEST(sim_uplink, an_announcement_differs_in_its_type)
 {
-    const uplink_t announce = make_heartbeat(kind::node_announce, some_signs(), 9, bridge_mac);
+    const uplink_message announce = make_heartbeat(kind::node_announce, some_signs(), 9, bridge_mac);
     EXPECT_EQ(hex(view{announce.body}.first(3)), "0F0109");
     EXPECT_EQ(content_hex(announce).substr(0, 6), "010F09");
 }
@@ -69,19 +69,19 @@ TEST(sim_uplink, an_announcement_differs_in_its_type)
 TEST(sim_uplink, bridges_speak_for_themselves)
 {
     EXPECT_EQ(hex(make_prefix_request(bridge_mac, 3).body), "010103" + bridge_hex);
-    const uplink_t root = make_root_announce(bridge_mac, 4, 0x0123, 240);
+    const uplink_message root = make_root_announce(bridge_mac, 4, 0x0123, 240);
     EXPECT_EQ(hex(root.body), "030104" + bridge_hex + "2301F0");
     EXPECT_EQ(content_hex(root), "010304" + bridge_hex + "0123"); // the version ends at the gateway
-    const uplink_t ping = make_ping(bridge_mac, 5, bytes{1, 2});
+    const uplink_message ping = make_ping(bridge_mac, 5, bytes{1, 2});
     EXPECT_EQ(hex(ping.body), "0000050102");
     EXPECT_EQ(ping.to, outlet::none);
-    for (const uplink_t& message : {make_prefix_request(bridge_mac, 3), root, ping})
+    for (const uplink_message& message : {make_prefix_request(bridge_mac, 3), root, ping})
         EXPECT_EQ(sent_directly(message, bridge_mac, device_ip(bridge_mac)), message.body);
 }
 
 TEST(sim_uplink, a_sensor_report_ends_with_address_below_and_mac_above)
 {
-    const uplink_t report = make_sensor(node_mac, 0x11, bytes{0xAA, 0xBB, 0xCC});
+    const uplink_message report = make_sensor(node_mac, 0x11, bytes{0xAA, 0xBB, 0xCC});
     EXPECT_EQ(hex(report.body), "1601110300AABBCC");
     EXPECT_EQ(content_hex(report), "0116110003AABBCC" + node_hex);
     EXPECT_EQ(hex(sent_directly(report, bridge_mac, device_ip(node_mac))), "1601110300AABBCC" + node_ip_hex);
@@ -90,7 +90,7 @@ TEST(sim_uplink, a_sensor_report_ends_with_address_below_and_mac_above)
 TEST(sim_uplink, range_entries_are_big_endian)
 {
     const range_entry entries[] = {{0x0105, 1000, 7}};
-    const uplink_t report = make_range(node_mac, 1, entries, {1, 2, 3});
+    const uplink_message report = make_range(node_mac, 1, entries, {1, 2, 3});
     EXPECT_EQ(hex(report.body), "0E01012200"
                                 "0030"
                                 "0105000003E80007"
@@ -134,7 +134,7 @@ TEST(sim_uplink, ul_tdoa_data_comes_in_three_lengths)
          bare_text + board_text + R"(,"percent_of_charge":99})"},
     };
     for (const auto& c : cases) {
-        const uplink_t report = make_ul_tdoa(node_mac, 1, s, c.form);
+        const uplink_message report = make_ul_tdoa(node_mac, 1, s, c.form);
         EXPECT_EQ(hex(report.body), c.body);
         EXPECT_EQ(report.content, c.text);
         EXPECT_EQ(report.to, outlet::proxy_input);
@@ -144,7 +144,7 @@ TEST(sim_uplink, ul_tdoa_data_comes_in_three_lengths)
 TEST(sim_uplink, a_route_request_lists_its_requesters)
 {
     const route_neighbour neighbours[] = {{device_mac(1, 5), 7}, {device_mac(1, 6), 255}};
-    const uplink_t report = make_route(node_mac, 1, node_mac, neighbours);
+    const uplink_message report = make_route(node_mac, 1, node_mac, neighbours);
     EXPECT_EQ(hex(report.body), "0E01011A00"
                                 "000A5100000001020000"
                                 "5100000001050007"
@@ -155,7 +155,7 @@ TEST(sim_uplink, a_route_request_lists_its_requesters)
 
 TEST(sim_uplink, an_ota_page_request_is_not_meant_for_the_servers)
 {
-    const uplink_t request = make_ota_page_request(node_mac, 1, {0x0102A0FF, 0xAABBCCDD, 512, 3});
+    const uplink_message request = make_ota_page_request(node_mac, 1, {0x0102A0FF, 0xAABBCCDD, 512, 3});
     EXPECT_EQ(hex(request.body), "0E01010E000010"
                                  "0102A0FFAABBCCDD02000003");
     EXPECT_EQ(request.to, outlet::none);

@@ -124,7 +124,7 @@ TEST(sim_wire, hex_is_strict)
 
 TEST(sim_wire, a_short_mac_names_a_simulated_device)
 {
-    const mac_t second_of_first = device_mac(1, 2);
+    const mac_bytes second_of_first = device_mac(1, 2);
     EXPECT_EQ(hex(second_of_first), "E45E510000000102");
     EXPECT_EQ(parse_mac("0102"), second_of_first);
     EXPECT_EQ(parse_mac("e4:5e:51:00:00:00:01:02"), second_of_first);
@@ -191,7 +191,7 @@ TEST(sim_wire, what_is_framed_comes_back)
 
 TEST(sim_wire, a_stamp_is_found_at_the_end_of_a_payload)
 {
-    const stamp_t stamp{0xAABBCCDD, 42, 1'700'000'000'123'456'789};
+    const report_stamp stamp{0xAABBCCDD, 42, 1'700'000'000'123'456'789};
     const bytes encoded = encode_stamp(stamp);
     ASSERT_EQ(encoded.size(), stamp_size);
     const bytes payload = writer{}.be16(48).raw(encoded).take();

@@ -39,8 +39,8 @@ void note_linger(const void* value)
 
 extern "C" int zmq_setsockopt(void* socket, int option, const void* value, size_t size)
 {
-    using function_t = int (*)(void*, int, const void*, size_t);
-    static const auto real = reinterpret_cast<function_t>(dlsym(RTLD_NEXT, "zmq_setsockopt"));
+    using real_function = int (*)(void*, int, const void*, size_t);
+    static const auto real = reinterpret_cast<real_function>(dlsym(RTLD_NEXT, "zmq_setsockopt"));
     const int rc = real(socket, option, value, size);
     if (option == ZMQ_LINGER && size == sizeof(int))
         note_linger(value);
@@ -49,8 +49,8 @@ extern "C" int zmq_setsockopt(void* socket, int option, const void* value, size_
 
 extern "C" int zmq_close(void* socket)
 {
-    using function_t = int (*)(void*);
-    static const auto real = reinterpret_cast<function_t>(dlsym(RTLD_NEXT, "zmq_close"));
+    using real_function = int (*)(void*);
+    static const auto real = reinterpret_cast<real_function>(dlsym(RTLD_NEXT, "zmq_close"));
     const int rc = real(socket);
     const std::lock_guard lock(closed_mutex);
     ++closed;

@@ -18,7 +18,7 @@ namespace {
 
 constexpr auto patience = std::chrono::seconds(10);
 
-struct system_log_t {
+struct captured_log {
     std::mutex libc_mutex; // before the other one
 
     std::mutex mutex; // guards the rest, and is never held for long
@@ -27,33 +27,33 @@ struct system_log_t {
     int options = 0;
     int facility = 0;
     int mask = LOG_UPTO(LOG_DEBUG);
-    std::vector<syslog_capture::line_t> lines;
+    std::vector<syslog_capture::captured_line> lines;
     std::optional<syslog_capture::stuck> stuck;
     bool is_somebody_stuck = false;
     int reading_again = -1; // of the last time that nobody read
 };
 
 // Not destroyed: a thread may still be stuck in it when the program ends.
-system_log_t& system_log()
+captured_log& system_log()
 {
-    static auto* const log = new system_log_t;
+    static auto* const log = new captured_log;
     return *log;
 }
 
-struct stuck_t {
+struct stuck_call {
     bool can_be_cancelled;
     int reading_again;
 };
 
-std::optional<stuck_t> get_stuck()
+std::optional<stuck_call> get_stuck()
 {
-    system_log_t& log = system_log();
+    captured_log& log = system_log();
     const std::lock_guard lock(log.mutex);
     if (!log.stuck)
         return std::nullopt;
     log.is_somebody_stuck = true;
     log.changed.notify_all();
-    return stuck_t{*log.stuck == syslog_capture::stuck::cancellable, log.reading_again};
+    return stuck_call{*log.stuck == syslog_capture::stuck::cancellable, log.reading_again};
 }
 
 // In read(), which is a cancellation point. Nothing on the way here is noexcept.
@@ -83,7 +83,7 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, 
 
 void store(int priority, std::string text)
 {
-    system_log_t& log = system_log();
+    captured_log& log = system_log();
     const std::lock_guard lock(log.mutex);
     const char* identity = log.identity != nullptr ? log.identity : "";
     log.lines.push_back({identity, log.options, log.facility, priority, std::move(text)});
@@ -150,7 +150,7 @@ __attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int /*flag
 
 } // extern "C"
 
-std::vector<syslog_capture::line_t> syslog_capture::take()
+std::vector<syslog_capture::captured_line> syslog_capture::take()
 {
     const std::lock_guard lock(system_log().mutex);
     return std::exchange(system_log().lines, {});
@@ -164,7 +164,7 @@ std::vector<std::string> syslog_capture::take_texts()
     return texts;
 }
 
-bool syslog_capture::wait_for(const std::function<bool(const std::vector<line_t>&)>& condition)
+bool syslog_capture::wait_for(const std::function<bool(const std::vector<captured_line>&)>& condition)
 {
     std::unique_lock lock(system_log().mutex);
     return system_log().changed.wait_for(lock, patience, [&] { return condition(system_log().lines); });

@@ -12,23 +12,23 @@ namespace syslog_capture {
 
 // What the system log would have stored, with the identity and the options of that moment. The
 // identity is read through the pointer that openlog was given, as libc does.
-struct line_t {
+struct captured_line {
     std::string identity;
     int options;
     int facility;
     int priority;
     std::string text;
-    bool operator==(const line_t&) const = default;
+    bool operator==(const captured_line&) const = default;
 };
 
 // The lines that passed the mask since the last call.
-std::vector<line_t> take();
+std::vector<captured_line> take();
 
 // Their texts alone.
 std::vector<std::string> take_texts();
 
 // Waits until the lines not taken yet fulfil the condition. False: not within ten seconds.
-bool wait_for(const std::function<bool(const std::vector<line_t>&)>& condition);
+bool wait_for(const std::function<bool(const std::vector<captured_line>&)>& condition);
 
 int mask();
 
