@@ -49,8 +49,7 @@ void link_watch::open(zsock_t* sock, const std::string& endpoint, io_thread thre
 bool link_watch::join(zloop_t* loop)
 {
     m_loop = loop;
-    return !m_events || (zloop_reader(loop, m_events, handle_events, this) == 0 &&
-                         zloop_timer(loop, silence_judge::sample_every_ms, 0, handle_sample, this) != -1);
+    return !m_events || zloop_reader(loop, m_events, handle_events, this) == 0;
 }
 
 void link_watch::close() noexcept
@@ -61,14 +60,15 @@ void link_watch::close() noexcept
     m_loop = nullptr;
     m_sock = nullptr;
     m_silence.end();
+    m_is_sampling = false;
     m_is_planned = false;
 }
 
 // A connection's descriptor is its own until the library has told of its end.
 void link_watch::note(int event, int value) noexcept
 {
-    if (event == ZMQ_EVENT_CONNECTED)
-        (void)m_silence.begin(value);
+    if (event == ZMQ_EVENT_CONNECTED && m_silence.begin(value))
+        plan_sample();
     else if (event != ZMQ_EVENT_HANDSHAKE_SUCCEEDED)
         m_silence.end();
     if (m_unsent && m_record.is_up())
@@ -118,12 +118,25 @@ int link_watch::handle_timer(zloop_t* /*loop*/, int /*timer_id*/, void* watch) n
     return 0;
 }
 
+// One after the other while there is a connection: after a stall, missed ones would come in a row.
+void link_watch::plan_sample() noexcept
+{
+    if (m_is_sampling)
+        return;
+    m_is_sampling = zloop_timer(m_loop, silence_judge::sample_every_ms, 1, handle_sample, this) != -1;
+    if (!m_is_sampling)
+        log_call_error("link_watch", "zloop_timer");
+}
+
 int link_watch::handle_sample(zloop_t* /*loop*/, int /*timer_id*/, void* watch) noexcept
 {
     auto* self = static_cast<link_watch*>(watch);
+    self->m_is_sampling = false;
     if (self->m_silence.has_vanished(zclock_mono()) && self->m_silence.cut())
         logger_warning(g_logger, "%s: silent for %lld s, connecting again", self->m_name,
                        static_cast<long long>(silence_judge::longest_silence_ms / 1000));
+    if (self->m_silence.is_about_one())
+        self->plan_sample();
     return 0;
 }
 

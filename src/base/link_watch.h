@@ -67,6 +67,7 @@ private:
     static int handle_sample(zloop_t* loop, int timer_id, void* watch) noexcept;
 
     void note(int event, int value) noexcept;
+    void plan_sample() noexcept;
     void plan_mending() noexcept;
     void mend() noexcept;
     void count_lost() noexcept;
@@ -76,7 +77,8 @@ private:
     zsock_t* m_events = nullptr;
     zloop_t* m_loop = nullptr; // borrowed
     std::string m_endpoint;
-    bool m_is_planned = false; // the mending
+    bool m_is_planned = false;  // the mending
+    bool m_is_sampling = false; // a look at the connection is planned
     link_record m_record;
     unsent_count* m_unsent = nullptr;   // borrowed; null: nobody counts
     overflow_watch* m_losses = nullptr; // borrowed
