@@ -52,6 +52,7 @@ expiry_queue::expiry_queue()
 void expiry_queue::add(stored_node& node)
 {
     node.lifetime_tick = m_now;
+    node.lifetime_end = static_cast<uint16_t>(m_now);
     append(m_expired, node);
 }
 

@@ -187,7 +187,9 @@ class Books:
 
         def done():
             now = self.figures()
-            return now["bridge_frames_total", {"direction": "in"}] == wanted and not now.sum("reports_waiting") and now
+            is_settled = (now["bridge_frames_total", {"direction": "in"}] == wanted and not now.sum("reports_waiting") and
+                          now.sum("report_hand_over_seconds_count") == now.sum("reports_handed_over_total"))
+            return is_settled and now
         return wait_until(done, f"{wanted} messages to be decoded", PATIENCE)
 
     def balance(self, is_exact: bool = True) -> Figures:
