@@ -96,7 +96,8 @@ static std::string bound_text(double bound)
     return text;
 }
 
-static void append_escaped(std::string& text, std::string_view value)
+// A quotation mark ends a label's value; in a help it is escaped by one of the formats only.
+static void append_escaped(std::string& text, std::string_view value, bool quotes_too)
 {
     for (const char c : value)
         switch (c) {
@@ -104,7 +105,7 @@ static void append_escaped(std::string& text, std::string_view value)
             text += "\\\\";
             break;
         case '"':
-            text += "\\\"";
+            text += quotes_too ? "\\\"" : "\"";
             break;
         case '\n':
             text += "\\n";
@@ -118,7 +119,7 @@ static void append_label(std::string& text, char separator, std::string_view nam
 {
     text += separator;
     text.append(name).append("=\"");
-    append_escaped(text, value);
+    append_escaped(text, value, true);
     text += '"';
 }
 
@@ -152,7 +153,7 @@ void metrics_text::begin(const metric& of)
         m_suffix = total;
     }
     std::string help;
-    append_escaped(help, of.help);
+    append_escaped(help, of.help, m_format == metrics_format::open_metrics);
     comment("HELP", help);
     comment("TYPE", type_name(of.type));
     if (m_format == metrics_format::open_metrics && *of.unit != '\0')

@@ -111,6 +111,16 @@ static void each_pulse(reading& r, Read read)
         read(of_terminal, r.terminal()->counts.pulse);
 }
 
+// Those of operators begin at the terminal, and may be lost on their way to the WIN server.
+static uint64_t commands(const reading& r, size_t type, size_t outcome)
+{
+    const bool may_be_lost_before = type == static_cast<size_t>(command_type::of_operator) &&
+                                    outcome == static_cast<size_t>(command_outcome::lost);
+    const uint64_t before =
+        may_be_lost_before && r.terminal() ? r.terminal()->counts.requests_lost.value() : 0;
+    return r.win()->commands[type].value(outcome) + before;
+}
+
 static void refusals(reading& r, const door& entrance, const full_house& house)
 {
     for (size_t i = 0; i < door_refusals; ++i)
@@ -378,7 +388,7 @@ static constexpr row rows[] = {
          for (size_t type = 0; r.win() && type < command_type_names.size(); ++type)
              for (size_t outcome = 0; outcome < command_outcome_names.size(); ++outcome)
                  r.sample(command_type_names[type], command_outcome_names[outcome],
-                          number(r.win()->commands[type].value(outcome)));
+                          number(commands(r, type, outcome)));
      }},
     {{"rtls_gateway_page_requests_total",
       "Nodes' requests for pages of firmware.",

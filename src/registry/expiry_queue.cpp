@@ -1,7 +1,7 @@
 #include "registry/expiry_queue.h"
 
 #include <algorithm>
-#include <utility>
+#include <numeric>
 
 namespace rtls {
 
@@ -52,6 +52,7 @@ expiry_queue::expiry_queue()
 void expiry_queue::add(stored_node& node)
 {
     node.lifetime_tick = m_now;
+    node.lifetime_end = static_cast<uint16_t>(m_now);
     append(m_expired, node);
 }
 
@@ -70,7 +71,6 @@ void expiry_queue::leave(stored_node& node)
     if (!waits_in_slot(node))
         return;
     --m_sizes[node.lifetime_end % slot_count];
-    --m_living;
 }
 
 void expiry_queue::remove(stored_node& node)
@@ -85,7 +85,6 @@ void expiry_queue::wait_in_slot(stored_node& node)
     node.lifetime_end = static_cast<uint16_t>(m_now + wait);
     append(m_slots[node.lifetime_end % slot_count], node);
     ++m_sizes[node.lifetime_end % slot_count];
-    ++m_living;
 }
 
 void expiry_queue::set_lifetime(stored_node& node, uint16_t lifetime)
@@ -108,11 +107,16 @@ void expiry_queue::settle(stored_node& node) const
     node.lifetime_tick = m_now;
 }
 
+size_t expiry_queue::living() const
+{
+    return std::accumulate(m_sizes.begin(), m_sizes.end(), size_t{0});
+}
+
 void expiry_queue::tick()
 {
     ++m_now;
     append_all(m_expired, m_slots[m_now % slot_count]);
-    m_living -= std::exchange(m_sizes[m_now % slot_count], 0);
+    m_sizes[m_now % slot_count] = 0;
 }
 
 stored_node* expiry_queue::longest_expired()

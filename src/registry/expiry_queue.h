@@ -35,8 +35,8 @@ public:
     // Ages every node by one second, at a cost that does not depend on their number.
     void tick();
 
-    // How many nodes have a lifetime left, but for those with a longer one than the longest.
-    size_t living() const { return m_living; }
+    // How many nodes have a lifetime left, but for those with a longer one than the longest. Adds the slots up.
+    size_t living() const;
 
     // The node whose lifetime has been 0 for longest, or nullptr if all nodes live.
     stored_node* longest_expired();
@@ -53,7 +53,6 @@ private:
     std::array<expiry_link, slot_count> m_slots; // the heads of circular lists: who expires at which tick
     expiry_link m_expired;                       // the head of the list of those that have, longest first
     std::array<uint32_t, slot_count> m_sizes{};  // of the slots
-    size_t m_living = 0;                         // the nodes in all of them
     uint32_t m_now = 0;                          // in ticks
 };
 

@@ -145,11 +145,6 @@ std::vector<win_client_info> win_server_copy_clients(void* p_win_server)
     }
 }
 
-size_t win_server_clients_number(WIN_SERVER_t& server) noexcept
-{
-    return server.clients.size();
-}
-
 const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept
 {
     return server.pulse;

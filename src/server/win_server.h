@@ -2,7 +2,7 @@
 //
 // Ownership  The gateway object owns the server; everybody else sees an opaque pointer.
 // Threads    win_server_new, _run, _is_ready and _destroy: the owner's thread. win_server_is_ready,
-//            win_server_copy_clients, _clients_number, _pulse, _links and _post: any thread. The others: the actor's
+//            win_server_copy_clients, _pulse, _links and _post: any thread. The others: the actor's
 //            thread only.
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
@@ -40,9 +40,6 @@ bool win_server_is_ready(void* p_win_server);
 
 // A copy of the clients' addresses, in table order. Takes the table's own lock.
 std::vector<win_client_info> win_server_copy_clients(void* p_win_server);
-
-// How many WIN clients are connected. Any thread; takes the table's own lock.
-size_t win_server_clients_number(WIN_SERVER_t& server) noexcept;
 
 // Of the actor's loop. Any thread.
 const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept;

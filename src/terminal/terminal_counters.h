@@ -20,6 +20,7 @@ struct terminal_counters {
     counter bytes_in;
     counter lines_taken; // out of the debug stream
     counters<line_outcome> lines;
+    counter requests_lost; // commands for nodes that the WIN server did not take
     loop_pulse pulse;
 };
 

@@ -661,6 +661,7 @@ bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t*
     void* socket = zsock_resolve(sock);
     if (command_part.send(socket, true) && data_part.send(socket))
         return true;
+    server->counts.requests_lost.add();
     if (errno == EAGAIN)
         logger_error(g_logger, "Overflow winserw queue!"); // each one is a command that was not sent
     else

@@ -44,11 +44,12 @@ def test_it_says_when_it_serves_how_it_is_and_when_it_stops(start_gateway, manag
     daemon = start_gateway(env={"NOTIFY_SOCKET": manager.path})
     assert manager.wait_for("") == "READY=1"
     status = manager.wait_for("STATUS=")
-    assert status.startswith("STATUS=0 bridges, 0 nodes; message handler ")
+    assert status.startswith("STATUS=0 bridges, 0 nodes, 0 messages handed over, 0 lost; message handler ")
     bridge = daemon.bridge(b"\2\3\4\5\6\7\x08\x09")
     bridge.introduce()
-    bridge.barrier()
-    assert manager.wait_for("STATUS=") == "STATUS=1 bridges, 1 nodes; message handler up, proxy up, proxy input up"
+    assert len(daemon.reports(bridge)) == 1
+    assert manager.wait_for("STATUS=") == ("STATUS=1 bridges, 2 nodes, 2 messages handed over, 0 lost; "
+                                           "message handler up, proxy up, proxy input up")
     daemon.stop()
     assert manager.wait_for("STOPPING=1")
     assert manager.read(0) is None

@@ -57,7 +57,8 @@ def environment(extra=None) -> dict:
     sanitizer = "verify_asan_link_order=0:abort_on_error=0:exitcode=99:detect_leaks=1"
     env["ASAN_OPTIONS"] = sanitizer
     env["UBSAN_OPTIONS"] = "print_stacktrace=1:halt_on_error=1:exitcode=98"
-    env["TSAN_OPTIONS"] = "halt_on_error=0:exitcode=97"
+    env["TSAN_OPTIONS"] = ("halt_on_error=0:exitcode=97:ignore_noninstrumented_modules=1:"
+                           f"suppressions={ROOT / 'cmake' / 'tsan.supp'}")
     env.update(extra or {})
     return env
 

@@ -74,4 +74,35 @@ TEST(call_queue, a_call_without_memory_is_logged_and_the_next_is_made)
     EXPECT_THAT(log.messages("main"), ElementsAre("call_queue: out of memory!"));
 }
 
+TEST(call_queue_slot, has_calls_made_while_there_is_a_queue)
+{
+    call_queue_slot slot;
+    int calls = 0;
+    EXPECT_FALSE(slot.post([&] { ++calls; }));
+    const auto queue = std::make_shared<call_queue>();
+    slot.set(queue);
+    EXPECT_TRUE(slot.post([&] { ++calls; }));
+    queue->make_calls();
+    EXPECT_EQ(calls, 1);
+    slot.set(nullptr);
+    EXPECT_FALSE(slot.post([&] { ++calls; }));
+    queue->make_calls();
+    EXPECT_EQ(calls, 1);
+}
+
+// What waits in a queue that is closed is freed, so that who waits for an answer learns that there is none.
+TEST(call_queue_slot, frees_what_is_never_called)
+{
+    call_queue_slot slot;
+    const auto queue = std::make_shared<call_queue>();
+    slot.set(queue);
+    const auto owned = std::make_shared<int>();
+    EXPECT_TRUE(slot.post([owned] {}));
+    EXPECT_EQ(owned.use_count(), 2);
+    queue->close();
+    EXPECT_EQ(owned.use_count(), 1);
+    EXPECT_TRUE(slot.post([owned] {}));
+    EXPECT_EQ(owned.use_count(), 1);
+}
+
 } // namespace rtls

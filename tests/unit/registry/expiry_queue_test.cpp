@@ -15,7 +15,15 @@ namespace rtls {
 
 using testing::IsEmpty;
 
-using expiry_queue_test = registry_fixture;
+class expiry_queue_test : public registry_fixture {
+protected:
+    size_t living() const
+    {
+        auto& container = *static_cast<NODES_CONTAINER_t*>(nodes);
+        const nodes_guard guard{container};
+        return container.living();
+    }
+};
 
 TEST(expiry_queue, knows_who_expired_first)
 {
@@ -182,6 +190,7 @@ TEST_F(expiry_queue_test, lifetimes_and_room_agree_with_a_count_whatever_happens
         for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
             listed[mac_of(*node)] = node->lifetime;
         ASSERT_EQ(listed, lifetimes) << i;
+        ASSERT_EQ(living(), waiting.size()) << i;
     }
 }
 

@@ -1,0 +1,330 @@
+"""Every message is accounted for: what bridges sent, what became of it, and what the servers got, to the message; at
+full speed, with servers stopped, slow, killed and restarted, and strangers and malformed traffic in between.
+
+    RTLS_ACCOUNT_MESSAGES=10000000 python3 -m pytest -s tests/faults/test_accounts.py     the long form
+"""
+import mmap
+import os
+import pathlib
+import re
+import selectors
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import threading
+
+import pytest
+
+from harness import wire
+from harness.daemon import free_port
+from harness.http_client import get, with_http
+from harness.peers import wait_until
+
+HERE = pathlib.Path(__file__).resolve().parent
+MESSAGES = int(os.environ.get("RTLS_ACCOUNT_MESSAGES", "60000"))
+BRIDGES = 4
+PATIENCE = 120 + MESSAGES / 5000     # seconds for a phase
+SAMPLE = re.compile(r'^rtls_gateway_(\w+)(?:\{(.*)\})? (\S+)$')
+QUEUES = {"report": "message_handler", "line": "proxy_input"}
+
+
+class Server:
+    """A counting server in a process of its own, which can be stopped, slowed, killed and started again."""
+
+    def __init__(self, endpoint: str, folder):
+        self.endpoint, self.path = endpoint, folder / f"{endpoint.rsplit(':', 1)[1]}.count"
+        self.path.write_bytes(bytes(16))
+        self.file = open(self.path, "r+b")
+        self.shared = mmap.mmap(self.file.fileno(), 16)
+        self.start()
+
+    def start(self):
+        self.process = subprocess.Popen([sys.executable, HERE / "counting_server.py", self.endpoint, self.path])
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+    def signal(self, number):
+        self.process.send_signal(number)
+
+    def take_each(self, microseconds: int):
+        struct.pack_into("=Q", self.shared, 8, microseconds)
+
+    @property
+    def received(self) -> int:
+        return struct.unpack_from("=Q", self.shared, 0)[0]
+
+    def close(self):
+        self.kill()
+        self.shared.close()
+        self.file.close()
+
+
+class Chunk:
+    """What one bridge sends at once, and what is to become of it."""
+
+    def __init__(self, number: int):
+        own, addr = wire.mac(0xB000 + number), wire.ip(0xB0000 + number)
+        behind, asking = wire.mac(0xC000 + number), wire.mac(0xD000 + number)
+        behind_addr = wire.ip(0xC0000 + number)
+        self.outcomes = dict.fromkeys(("report", "line", "answered", "duplicate", "wrong_size", "unknown_type", "too_short",
+                                       "unknown_node"), 0)
+        self.restarted = self.empty = self.noise = 0
+        self.data = bytearray()
+
+        def message(outcome: str, content: bytes, times: int = 1):
+            self.outcomes[outcome] += times
+            self.data.extend(wire.frame(content) * times)
+
+        for seq in (1, 2):
+            message("answered", wire.panid_req(asking, seq))
+        for seq, outcome in ((1, "report"), (2, "report"), (2, "duplicate")):
+            message(outcome, wire.heartbeat(own, seq, bridge=own, addr=addr))
+            message(outcome, wire.envelope(wire.sensor(seq, b"behind", b""), behind, behind_addr))
+        report = wire.sensor(1, bytes(range(24)), addr)
+        for _ in range(10):
+            message("report", report, 15)
+            message("line", wire.generic_server_req(1, 40, bytes(26), addr), 2)
+            message("report", wire.generic_server_req(1, 48, bytes(16), addr))
+            self.data.extend(b"noise")
+            self.noise += 5
+            self.data.extend(b"\xf5\x16\x01")    # and the next START comes
+            self.restarted += 1
+            message("report", wire.wrap_ts(report, 1_700_000_000, 0))
+        self.data.extend(b"\xf5\xf7")
+        self.empty += 1
+        message("wrong_size", wire.heartbeat(own, 3, bridge=own, addr=addr) + b"x", 3)
+        message("wrong_size", report[:-1], 2)
+        message("unknown_type", wire.payload_message(0x0205, 1, b"x"), 3)
+        message("too_short", b"\x01\x02", 2)
+        message("unknown_node", wire.sensor(1, b"who", wire.ip(0xEEEEEE)), 2)
+        message("answered", wire.ping(1, b"ping"))
+        self.messages = sum(self.outcomes.values())
+
+
+class Bridges:
+    """Those who flood, each with its chunk; somebody reads what they are answered."""
+
+    def __init__(self, gateway):
+        self.chunks = [Chunk(number) for number in range(BRIDGES)]
+        self.socks = [socket.create_connection(("127.0.0.1", gateway.ports["win"])) for _ in self.chunks]
+        self.sent = 0     # chunks of each
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
+
+    def _read(self):
+        selector = selectors.DefaultSelector()
+        for sock in self.socks:
+            selector.register(sock, selectors.EVENT_READ)
+        while selector.get_map():
+            for key, _ in selector.select():
+                try:
+                    gone = not key.fileobj.recv(1 << 16)
+                except OSError:
+                    gone = True
+                if gone:
+                    selector.unregister(key.fileobj)
+
+    def flood(self, chunks: int):
+        """Each bridge sends so many, as fast as the gateway reads."""
+        def send(sock, data):
+            for _ in range(chunks):
+                sock.sendall(data)
+        threads = [threading.Thread(target=send, args=(sock, chunk.data)) for sock, chunk in zip(self.socks, self.chunks)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        self.sent += chunks
+
+    def expected(self, what: str) -> int:
+        return self.sent * sum(chunk.outcomes[what] for chunk in self.chunks)
+
+    def close(self):
+        for sock in self.socks:
+            sock.shutdown(socket.SHUT_RDWR)
+        self.reader.join()
+        for sock in self.socks:
+            sock.close()
+
+
+class Figures:
+    def __init__(self, port: int):
+        self.samples = {}
+        for line in get(port, "/metrics").body.decode().splitlines():
+            if found := SAMPLE.match(line):
+                self.samples[found[1], found[2] or ""] = float(found[3])
+
+    def __getitem__(self, key) -> int:
+        name, labels = key
+        return int(self.samples[name, ",".join(f'{label}="{value}"' for label, value in labels.items())])
+
+    def sum(self, name: str, **labels) -> int:
+        wanted = [f'{label}="{value}"' for label, value in labels.items()]
+        return int(sum(value for (other, text), value in self.samples.items()
+                       if other == name and all(label in text for label in wanted)))
+
+
+class Books:
+    def __init__(self, gateway, port: int, folder):
+        self.port = port
+        self.servers = {"message_handler": Server(gateway._endpoint("handler"), folder),
+                        "proxy_input": Server(gateway._endpoint("proxy_input"), folder)}
+        self.under_way_with_the_killed = dict.fromkeys(self.servers, 0)
+        wait_until(lambda: all(self.figures()["upstream_link_up", {"link": name}] for name in self.servers), "the links")
+        self.bridges = Bridges(gateway)
+        self.strangers = self.unfinished = self.noise = self.commands = 0
+
+    def figures(self) -> Figures:
+        return Figures(self.port)
+
+    def settled(self) -> Figures:
+        """When all that was sent has been decoded, and nothing waits."""
+        wanted = self.bridges.sent * sum(chunk.messages for chunk in self.bridges.chunks)
+
+        def done():
+            now = self.figures()
+            is_settled = (now["bridge_frames_total", {"direction": "in"}] == wanted and not now.sum("reports_waiting") and
+                          now.sum("report_hand_over_seconds_count") == now.sum("reports_handed_over_total"))
+            return is_settled and now
+        return wait_until(done, f"{wanted} messages to be decoded", PATIENCE)
+
+    def balance(self, is_exact: bool = True) -> Figures:
+        """Holds the accounts against what the bridges know to have sent, and the servers to have got."""
+        now = self.settled()
+        frames = now["bridge_frames_total", {"direction": "in"}]
+        assert now.sum("messages_total") == frames
+        assert now.sum("message_outcomes_total") == frames
+        for outcome in self.bridges.chunks[0].outcomes:
+            assert now["message_outcomes_total", {"outcome": outcome}] == self.bridges.expected(outcome), outcome
+        for outcome, queue in QUEUES.items():
+            handed_over = now["reports_handed_over_total", {"queue": queue}]
+            lost = now.sum("reports_lost_total", queue=queue)
+            assert self.bridges.expected(outcome) == handed_over + lost, queue
+            server = self.servers[queue]
+            if is_exact:
+                arrived = handed_over - self.under_way_with_the_killed[queue]
+                wait_until(lambda: server.received >= arrived, f"{arrived} at the {queue}, {server.received} came", PATIENCE)
+                assert server.received == arrived
+            print(f"{queue}: {self.bridges.expected(outcome):,} forwarded, {handed_over:,} handed over, "
+                  f"{now['reports_waited_total', {'queue': queue}]:,} after a wait, {lost:,} lost, "
+                  f"{server.received:,} received")
+        self.check_link(now)
+        return now
+
+    def check_link(self, now: Figures):
+        chunks, sent = self.bridges.chunks, self.bridges.sent
+        assert now["bridge_frames_lost_total", {"reason": "restarted"}] == sent * sum(c.restarted for c in chunks)
+        assert now["bridge_frames_lost_total", {"reason": "empty"}] == sent * sum(c.empty for c in chunks)
+        assert now["bridges_accepted_total", {}] == now["bridges", {}] + now.sum("bridges_closed_total")
+        assert (now["bridge_messages_cached_total", {}] == now["bridge_messages_flushed_total", {}] +
+                now["bridge_messages_lost_total", {"cause": "given_up"}] +
+                now["bridge_messages_lost_total", {"cause": "bridge_closed"}] + now["bridges_waiting_messages", {}])
+
+    def write_off(self):
+        """What was under way to servers that were killed: no more of it comes, once what is behind it came."""
+        self.settled()
+        for queue, server in self.servers.items():
+            seen = [-1, 0]
+
+            def stands():
+                seen[:] = [server.received, seen[1] + 1 if seen[0] == server.received else 0]
+                return seen[1] > 100
+            wait_until(stands, f"the {queue} to have got all", PATIENCE)
+            handed_over = self.figures()["reports_handed_over_total", {"queue": queue}]
+            gone = handed_over - server.received
+            assert gone >= self.under_way_with_the_killed[queue]
+            print(f"{queue}: {gone:,} were under way to a server that was killed")
+            self.under_way_with_the_killed[queue] = gone
+
+    def close(self):
+        self.bridges.close()
+        for server in self.servers.values():
+            server.close()
+
+
+@pytest.fixture
+def books(start_gateway, tmp_path):
+    port = free_port()
+    gateway = start_gateway(upstream=("broker", "proxy"), change=with_http(port))
+    books = Books(gateway, port, tmp_path)
+    yield gateway, books
+    books.close()
+
+
+def strangers(gateway, connections: int):
+    """Who sends no frame, or never ends it, and goes without a word."""
+    for number in range(connections):
+        with socket.create_connection(("127.0.0.1", gateway.ports["win"])) as sock:
+            sock.sendall([b"\x00" * 5000, b"GET / HTTP/1.1\r\n\r\n", b"\xf5" + b"\x11" * 3000][number % 3])
+            if number % 2:
+                sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+
+
+def test_every_message_is_accounted_for(books):
+    gateway, books = books
+    phase = max(1, MESSAGES // (6 * sum(chunk.messages for chunk in books.bridges.chunks)))
+    servers = books.servers.values()
+
+    books.bridges.flood(phase)                          # as fast as it goes
+    books.balance()
+
+    stop = threading.Event()                            # strangers and malformed commands in between
+
+    def disturb():
+        while not stop.is_set():
+            strangers(gateway, 6)
+            for text in ("zz", "08", "0810FF", "00" * 40, "08FF01" + "00" * 8):
+                gateway.proxy.publish(text)
+                books.commands += 1
+    threads = [threading.Thread(target=disturb)]
+    threads[0].start()
+    books.bridges.flood(phase)
+    stop.set()
+    threads[0].join()
+    wait_until(lambda: books.figures().sum("commands_total") == books.commands, "the commands", PATIENCE)
+    assert books.figures()["commands_total", {"type": "undecodable", "outcome": "malformed"}] == books.commands // 5 * 3
+    books.balance()
+
+    for server in servers:                              # servers that stand still, then go on
+        server.signal(signal.SIGSTOP)
+    books.bridges.flood(phase)
+    books.settled()
+    for server in servers:
+        server.signal(signal.SIGCONT)
+    books.balance()
+
+    for server in servers:                              # slow ones
+        server.take_each(1000)
+    books.bridges.flood(phase)
+    books.settled()
+    for server in servers:
+        server.take_each(0)
+    books.balance()
+
+    for server in servers:                              # killed when nothing is under way, and started again
+        server.kill()
+    wait_until(lambda: not any(books.figures()["upstream_link_up", {"link": name}] for name in books.servers), "the loss")
+    books.bridges.flood(phase)
+    books.settled()
+    for server in servers:
+        server.start()
+    lost = books.balance().sum("reports_lost_total")
+    assert lost > 0     # more than the queues hold
+
+    flood = threading.Thread(target=books.bridges.flood, args=(phase,))     # killed at full speed, again and again
+    flood.start()
+    for _ in range(3):
+        for server in servers:
+            at = server.received
+            wait_until(lambda: server.received > at + 500 or not flood.is_alive(), "the server to be served", PATIENCE)
+            server.kill()
+            server.start()
+    flood.join()
+    books.balance(is_exact=False)
+    books.write_off()
+    books.bridges.flood(1)                              # and from here on to the message again
+    books.balance()
