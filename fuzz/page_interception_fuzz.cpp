@@ -158,7 +158,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzzing::input input{data, size};
     world_t world;
-    for (int steps = 0; steps < 64 && !input.empty(); ++steps)
+    for (int steps = 0; steps < 24 && !input.empty(); ++steps)
         world.step(input);
     return 0;
 }

@@ -32,6 +32,7 @@ std::string mac_text(const uint8_t* mac)
 void check_object(const std::string& members)
 {
     require(fuzzing::is_strict_json("{" + members + "}"));
+    require(!fuzzing::is_strict_json("{" + members) && !fuzzing::is_strict_json("{" + members + ",}"));
 }
 
 void route_request_text(bytes_view message)
