@@ -165,9 +165,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const int error = (options & what::refused) != 0 ? EAGAIN : 0;
         fuzzing::refuse_parts(world.handler(), error);
         fuzzing::refuse_parts(world.proxy_input(), error);
-        fuzzing::sent_parts().clear();
         world.process(frame_of(options, input));
         check_output(world);
+        fuzzing::sent_parts().clear();
     }
     return 0;
 }

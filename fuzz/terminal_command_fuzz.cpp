@@ -1,5 +1,5 @@
-// Whatever an operator types: every command is answered, each answer stands behind his identity, and nothing grows.
-// a command, whose arguments follow; or the line is all the input's.
+// Whatever an operator types: every command is answered, each answer stands behind his identity, and nothing
+// grows. The first byte of each line of an input picks a command, whose arguments follow.
 #include "base/hex.h"
 #include "base/peer.h"
 #include "downlink/generic_requests.h"
@@ -84,13 +84,13 @@ public:
 
     void run(std::string line, bool is_reading)
     {
-        fuzzing::sent_parts().clear();
         fuzzing::refuse_parts(zsock_resolve(m_terminal.get()), is_reading ? 0 : EAGAIN);
         const bool asks = is_command(line);
         terminal_commands_parse(m_gateway.handle(), client(), m_terminal.get(), line.data(), m_debug.get());
         const size_t answers = check_answers();
         require(asks && is_reading ? answers > 0 : answers == 0);
         check_world();
+        fuzzing::sent_parts().clear();
         if (!client())
             add_client(); // he quit, and comes again
     }
