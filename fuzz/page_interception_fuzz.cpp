@@ -77,7 +77,7 @@ public:
     void step(fuzzing::input& input)
     {
         const unsigned options = input.u8();
-        page_t page{options & what::image, static_cast<uint16_t>(input.u8() % 25 * block), input.u8()};
+        page_t page{options & what::image, static_cast<uint16_t>(input.u8() % 8 * block), input.u8()};
         if ((options & what::odd_size) != 0)
             page.size = static_cast<uint16_t>(input.be16() % largest_page);
         if ((options & what::any_number) != 0) {
@@ -158,7 +158,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzzing::input input{data, size};
     world_t world;
-    for (int steps = 0; steps < 24 && !input.empty(); ++steps)
+    for (int steps = 0; steps < 16 && !input.empty(); ++steps)
         world.step(input);
     return 0;
 }
