@@ -32,14 +32,14 @@ constexpr unsigned short_local_address = 0x80;
 } // namespace what
 
 // What the system reports, and what was sent.
-struct system_t {
+struct played_system {
     unsigned options = 0;
     sockaddr_in sender{};
     in_addr local{};
     std::vector<uint8_t> datagram;
     std::vector<std::vector<uint8_t>> answers;
 };
-system_t the_system;
+played_system the_system;
 
 // Puts one piece of control data behind those that are there.
 void add_control(msghdr& message, size_t& used, int type, const void* data, size_t size)

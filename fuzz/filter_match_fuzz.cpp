@@ -14,7 +14,7 @@ using fuzzing::require;
 namespace {
 
 // Places in a line, as bits: bit i is in front of character i.
-using places_t = uint64_t;
+using place_set = uint64_t;
 constexpr size_t longest_line = 63;
 
 class piece {
@@ -22,7 +22,7 @@ public:
     virtual ~piece() = default;
     virtual std::string text() const = 0;
     // Where a match can end that begins at one of these places.
-    virtual places_t ends(places_t from, const std::string& line) const = 0;
+    virtual place_set ends(place_set from, const std::string& line) const = 0;
 };
 using piece_ptr = std::unique_ptr<piece>;
 
@@ -34,12 +34,12 @@ public:
     {
     }
     std::string text() const override { return m_text; }
-    places_t ends(places_t from, const std::string& line) const override
+    place_set ends(place_set from, const std::string& line) const override
     {
-        places_t to = 0;
+        place_set to = 0;
         for (size_t i = 0; i < line.size(); ++i)
             if ((from >> i & 1) != 0 && (m_characters.find(line[i]) != std::string::npos) != m_is_negated)
-                to |= places_t{2} << i;
+                to |= place_set{2} << i;
         return to;
     }
 
@@ -54,9 +54,9 @@ class edge : public piece {
 public:
     explicit edge(bool is_end) : m_is_end(is_end) {}
     std::string text() const override { return m_is_end ? "$" : "^"; }
-    places_t ends(places_t from, const std::string& line) const override
+    place_set ends(place_set from, const std::string& line) const override
     {
-        return from & places_t{1} << (m_is_end ? line.size() : 0);
+        return from & place_set{1} << (m_is_end ? line.size() : 0);
     }
 
 private:
@@ -73,7 +73,7 @@ public:
             all += piece->text();
         return all;
     }
-    places_t ends(places_t from, const std::string& line) const override
+    place_set ends(place_set from, const std::string& line) const override
     {
         for (const auto& piece : m_pieces)
             from = piece->ends(from, line);
@@ -90,7 +90,7 @@ public:
     {
     }
     std::string text() const override { return "(" + m_first->text() + "|" + m_second->text() + ")"; }
-    places_t ends(places_t from, const std::string& line) const override
+    place_set ends(place_set from, const std::string& line) const override
     {
         return m_first->ends(from, line) | m_second->ends(from, line);
     }
@@ -109,9 +109,9 @@ public:
     {
     }
     std::string text() const override { return "(" + m_once->text() + ")" + m_sign; }
-    places_t ends(places_t from, const std::string& line) const override
+    place_set ends(place_set from, const std::string& line) const override
     {
-        places_t to = m_low == 0 ? from : 0;
+        place_set to = m_low == 0 ? from : 0;
         // No more turns than places lead anywhere new.
         for (unsigned turn = 1; turn <= m_high && turn <= m_low + longest_line + 1 && from != 0; ++turn) {
             from = m_once->ends(from, line);
@@ -211,8 +211,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const filter_ptr filter = compile_filter(tree->text().c_str());
     if (!filter)
         return 0; // it would cost too much
-    constexpr places_t anywhere = ~places_t{0};
-    const places_t begins = anywhere >> (longest_line - line.size());
+    constexpr place_set anywhere = ~place_set{0};
+    const place_set begins = anywhere >> (longest_line - line.size());
     require(passes(*filter, line.c_str()) == (tree->ends(begins, line) != 0));
     return 0;
 }

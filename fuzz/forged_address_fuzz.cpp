@@ -26,9 +26,9 @@ in_addr address_of(uint32_t number)
 
 // One address alone gets exactly its share. Among others it may get less, and never, in any second, more than two
 // shares: the end of one and the begin of the next.
-class bound_t {
+class reference_bound {
 public:
-    explicit bound_t(uint64_t seed) : m_bound(seed) {}
+    explicit reference_bound(uint64_t seed) : m_bound(seed) {}
 
     void ask(uint32_t address, int64_t now)
     {
@@ -65,7 +65,7 @@ private:
 
 void check_bound(fuzzing::input& input)
 {
-    bound_t bound{input.u8()};
+    reference_bound bound{input.u8()};
     int64_t now = 0;
     for (unsigned steps = input.u8() % 64; steps > 0 && !input.empty(); --steps) {
         const uint32_t address = input.u8();

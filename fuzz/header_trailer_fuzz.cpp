@@ -36,9 +36,9 @@ std::string announced_by(const std::string& line)
     return {};
 }
 
-class model_t {
+class reference_model {
 public:
-    explicit model_t(bool gives_up) : m_gives_up(gives_up) {}
+    explicit reference_model(bool gives_up) : m_gives_up(gives_up) {}
 
     bool take_header(const std::string& line)
     {
@@ -102,7 +102,7 @@ std::string bytes_of(unsigned options, fuzzing::input& input)
 void download(fuzzing::input input, const image_download_options& options)
 {
     image_receiver receiver{options};
-    model_t model{options.bad_length_aborts};
+    reference_model model{options.bad_length_aborts};
     while (!input.empty()) {
         const unsigned head = input.u8();
         const std::string bytes = bytes_of(head, input);

@@ -33,8 +33,8 @@ constexpr unsigned own_head = 0x40; // all of the message is the input's
 constexpr unsigned refused = 0x80;  // the servers take nothing
 } // namespace what
 
-struct world_t : idle_gateway {
-    world_t()
+struct fuzzed_world : idle_gateway {
+    fuzzed_world()
     {
         fuzzing::refuse_parts(zsock_resolve(server().win_sock.get()), EHOSTUNREACH);
         debug_mask = 0; // lines of the debug stream are caught elsewhere
@@ -138,7 +138,7 @@ void check_report(const std::string& time, const std::string& report)
 }
 
 // Nothing, one line, or one report.
-void check_output(world_t& world)
+void check_output(fuzzed_world& world)
 {
     const auto& parts = fuzzing::sent_parts();
     if (parts.empty())
@@ -157,7 +157,7 @@ void check_output(world_t& world)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static world_t world;
+    static fuzzed_world world;
     fuzzing::input input{data, size};
     world.begin();
     for (int frames = 0; frames < 16 && !input.empty(); ++frames) {

@@ -57,9 +57,9 @@ address_array address_of(unsigned number)
     return address;
 }
 
-class world_t {
+class fuzzed_world {
 public:
-    explicit world_t(size_t limit) : m_limit(limit), m_nodes(limit) {}
+    explicit fuzzed_world(size_t limit) : m_limit(limit), m_nodes(limit) {}
 
     void step(fuzzing::input& input)
     {
@@ -246,7 +246,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzzing::input input{data, size};
     const unsigned limit = input.u8();
-    world_t world{(limit & 0x80) != 0 ? 1 + limit % 8 : nodes_container_limit};
+    fuzzed_world world{(limit & 0x80) != 0 ? 1 + limit % 8 : nodes_container_limit};
     for (size_t steps = 0; !input.empty() && steps < 500; ++steps)
         world.step(input);
     world.check_all();

@@ -31,9 +31,9 @@ constexpr unsigned more_behind = 0x40;
 } // namespace what
 
 // The blocks of an image that were kept, with the byte that they are full of.
-using image_t = std::map<uint64_t, uint8_t>;
+using known_bytes = std::map<uint64_t, uint8_t>;
 
-struct page_t {
+struct seen_page {
     unsigned image;
     uint16_t size;
     uint16_t number;
@@ -44,7 +44,7 @@ struct page_t {
     uint32_t crc() const { return 0xA1A2A3A4 - image; }
 };
 
-bool has_all_blocks(const image_t& image, const page_t& page)
+bool has_all_blocks(const known_bytes& image, const seen_page& page)
 {
     for (uint64_t i = page.first(); i < page.end(); ++i)
         if (!image.contains(i))
@@ -52,7 +52,7 @@ bool has_all_blocks(const image_t& image, const page_t& page)
     return true;
 }
 
-std::vector<uint8_t> request_for(const page_t& page, uint8_t fill)
+std::vector<uint8_t> request_for(const seen_page& page, uint8_t fill)
 {
     std::vector<uint8_t> request(ota_page::size);
     store_le16(request, msgHeader_t::msgType, MSG_GENERIC_REQ);
@@ -66,9 +66,9 @@ std::vector<uint8_t> request_for(const page_t& page, uint8_t fill)
     return request;
 }
 
-class world_t {
+class fuzzed_world {
 public:
-    world_t()
+    fuzzed_world()
     {
         m_services.ota = &m_store;
         m_server.rtls_gateway = &m_services;
@@ -77,7 +77,7 @@ public:
     void step(fuzzing::input& input)
     {
         const unsigned options = input.u8();
-        page_t page{options & what::image, static_cast<uint16_t>(input.u8() % 8 * block), input.u8()};
+        seen_page page{options & what::image, static_cast<uint16_t>(input.u8() % 8 * block), input.u8()};
         if ((options & what::odd_size) != 0)
             page.size = static_cast<uint16_t>(input.be16() % largest_page);
         if ((options & what::any_number) != 0) {
@@ -106,7 +106,7 @@ private:
     }
 
     // Both the sender's word and the bytes that are there must tell of a whole page.
-    static bool carries(const page_t& page, const std::vector<uint8_t>& request)
+    static bool carries(const seen_page& page, const std::vector<uint8_t>& request)
     {
         if (request.size() < ota_page::size + page.size)
             return false;
@@ -115,7 +115,7 @@ private:
                total_len > ota_page::total_len && total_len >= ota_page::total_len + page.size;
     }
 
-    void intercept(const page_t& page, const std::vector<uint8_t>& request, uint8_t fill)
+    void intercept(const seen_page& page, const std::vector<uint8_t>& request, uint8_t fill)
     {
         const uint8_t nothing = 0;
         const bool is_kept =
@@ -123,19 +123,19 @@ private:
         const bool fits =
             page.size % block == 0 && uint64_t{page.size} * page.number + page.size <= image_size_ceiling;
         require(is_kept == (carries(page, request) && fits));
-        image_t& image = m_images[page.image];
+        known_bytes& image = m_images[page.image];
         if (is_kept && !has_all_blocks(image, page))
             for (uint64_t i = page.first(); i < page.end(); ++i)
                 image[i] = fill;
         m_is_there[page.image] = m_is_there[page.image] || is_kept;
     }
 
-    void serve(const page_t& page)
+    void serve(const seen_page& page)
     {
         std::vector<uint8_t> served(page.size + size_t{1});
         const bool is_served =
             m_store.get_firmware_page(page.git(), page.crc(), page.size, page.number, served.data());
-        const image_t& image = m_images[page.image];
+        const known_bytes& image = m_images[page.image];
         if (page.size % block != 0 || !m_is_there[page.image])
             return require(!is_served);
         if (page.size == 0)
@@ -148,7 +148,7 @@ private:
     OTA_t m_store{slots}; // as many as images, so that none displaces another
     services m_services;
     WIN_SERVER_t m_server;
-    image_t m_images[slots];
+    known_bytes m_images[slots];
     bool m_is_there[slots] = {};
 };
 
@@ -157,7 +157,7 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzzing::input input{data, size};
-    world_t world;
+    fuzzed_world world;
     for (int steps = 0; steps < 16 && !input.empty(); ++steps)
         world.step(input);
     return 0;

@@ -32,11 +32,11 @@ constexpr unsigned is_long = 0x80;
 
 using bytes_t = std::vector<uint8_t>;
 
-struct world_t : idle_gateway {
+struct fuzzed_world : idle_gateway {
     zsock_ptr channel{zsock_new_router("@inproc://request_channel_fuzz")};
     zsock_ptr sender{zsock_new_push(">inproc://request_channel_fuzz")};
 
-    world_t()
+    fuzzed_world()
     {
         require(channel && sender);
         fuzzing::refuse_parts(zsock_resolve(server().win_sock.get()), EHOSTUNREACH); // all of it is cached
@@ -128,7 +128,7 @@ void send(zsock_t* sender, const std::vector<bytes_t>& parts)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static world_t world;
+    static fuzzed_world world;
     fuzzing::input input{data, size};
     const unsigned options = input.u8();
     world.prepare_node(options);

@@ -13,18 +13,18 @@ using fuzzing::require;
 
 namespace {
 
-using frames_t = std::vector<std::vector<uint8_t>>;
+using frame_list = std::vector<std::vector<uint8_t>>;
 
 void keep_frame(void* p_frames, WIN_CLIENT_t& client)
 {
     const uint8_t* begin = client.pending_data.get();
-    static_cast<frames_t*>(p_frames)->emplace_back(begin, begin + client.pending_data_size);
+    static_cast<frame_list*>(p_frames)->emplace_back(begin, begin + client.pending_data_size);
 }
 
 // What a stream holds, told a byte at a time.
-frames_t plain_frames(bytes_view stream)
+frame_list plain_frames(bytes_view stream)
 {
-    frames_t frames;
+    frame_list frames;
     std::optional<std::vector<uint8_t>> frame; // since a START
     bool is_literal = false;
     for (const uint8_t byte : stream) {
@@ -47,9 +47,9 @@ frames_t plain_frames(bytes_view stream)
 }
 
 // The pieces' sizes come from `cuts`, over and over; a size of zero is one of them.
-frames_t decoded(WIN_CLIENT_t& client, bytes_view stream, bytes_view cuts)
+frame_list decoded(WIN_CLIENT_t& client, bytes_view stream, bytes_view cuts)
 {
-    frames_t frames;
+    frame_list frames;
     client.parsing_state = PS_NONE;
     for (size_t i = 0; !stream.empty(); ++i) {
         const size_t wanted = cuts.empty() ? stream.size() : cuts[i % cuts.size()];
@@ -70,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fuzzing::input input{data, size};
     const bytes_view cuts = input.view(input.u8() % 8);
     const bytes_view stream = input.rest();
-    const frames_t expected = plain_frames(stream);
+    const frame_list expected = plain_frames(stream);
     constexpr uint8_t single[] = {1};
     require(decoded(client, stream, cuts) == expected);
     require(decoded(client, stream, single) == expected);

@@ -9,7 +9,7 @@ using fuzzing::require;
 
 namespace {
 
-using message_t = std::vector<uint8_t>;
+using byte_string = std::vector<uint8_t>;
 
 size_t specials_in(bytes_view bytes)
 {
@@ -17,9 +17,9 @@ size_t specials_in(bytes_view bytes)
         std::ranges::count_if(bytes, [](uint8_t b) { return b >= slip_start && b <= slip_end; }));
 }
 
-message_t framed(bytes_view message)
+byte_string framed(bytes_view message)
 {
-    message_t frame(slip_encoded_limit(message.size()));
+    byte_string frame(slip_encoded_limit(message.size()));
     frame.shrink_to_fit();
     frame.resize(slip_encode(message, frame.data()));
     require(frame.size() == message.size() + specials_in(message) + 2);
@@ -38,7 +38,7 @@ void check_run(bytes_view bytes)
 void keep_message(void* p_messages, WIN_CLIENT_t& client)
 {
     const uint8_t* begin = client.pending_data.get();
-    static_cast<std::vector<message_t>*>(p_messages)->emplace_back(begin, begin + client.pending_data_size);
+    static_cast<std::vector<byte_string>*>(p_messages)->emplace_back(begin, begin + client.pending_data_size);
 }
 
 } // namespace
@@ -47,11 +47,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static WIN_CLIENT_t client;
     fuzzing::input input{data, size};
-    message_t stream;
-    std::vector<message_t> sent;
+    byte_string stream;
+    std::vector<byte_string> sent;
     while (!input.empty()) {
         const unsigned head = input.u8();
-        message_t piece = input.copy(head & 0x7F);
+        byte_string piece = input.copy(head & 0x7F);
         check_run(piece);
         if ((head & 0x80) != 0) { // between two frames
             std::ranges::replace(piece, slip_start, uint8_t{0});
@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         stream.insert(stream.end(), piece.begin(), piece.end());
     }
-    std::vector<message_t> came;
+    std::vector<byte_string> came;
     client.parsing_state = PS_NONE;
     win_client_decode(client, stream, keep_message, &came);
     require(came == sent && client.parsing_state == PS_NONE);

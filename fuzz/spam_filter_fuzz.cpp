@@ -41,12 +41,12 @@ bool is_repeat(std::vector<uint8_t> a, std::vector<uint8_t> b)
     return a == b;
 }
 
-struct world_t {
+struct fuzzed_world {
     NODES_CONTAINER_t nodes;
     std::array<last_command, known_nodes> last;
     int64_t now_us = 1'000'000'000;
 
-    world_t()
+    fuzzed_world()
     {
         const nodes_guard guard{nodes};
         for (size_t i = 0; i < known_nodes; ++i)
@@ -103,7 +103,7 @@ struct world_t {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzzing::input input{data, size};
-    world_t world;
+    fuzzed_world world;
     std::vector<uint8_t> command;
     while (!input.empty())
         world.step(input, command);

@@ -59,9 +59,9 @@ constexpr const char* heads[] = {"",
                                  "dbg parsing n "};
 constexpr unsigned not_reading = 0x80; // the operator takes no answer
 
-class world_t {
+class fuzzed_world {
 public:
-    world_t()
+    fuzzed_world()
     {
         image_download_only_from({"nowhere:"}); // no run of a fuzzer fetches anything
         for (const uint8_t number : {uint8_t{1}, uint8_t{2}, uint8_t{3}})
@@ -169,7 +169,7 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static world_t world;
+    static fuzzed_world world;
     fuzzing::input input{data, size};
     world.begin();
     for (int lines = 0; lines < 16 && !input.empty(); ++lines) {
