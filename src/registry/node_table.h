@@ -120,7 +120,7 @@ public:
     {
         if (walk.growth != m_growth)
             return false;
-        for (size_t bucket; (bucket = next_occupied(walk.bucket)) < m_bucket_count; ++walk.bucket) {
+        for (size_t bucket = 0; (bucket = next_occupied(walk.bucket)) < m_bucket_count; ++walk.bucket) {
             if (std::exchange(walk.bucket, bucket) != bucket)
                 walk.pushed = UINT64_MAX;
             for (stored_node* node = m_buckets[walk.bucket]; node; node = node->next_in_bucket) {
