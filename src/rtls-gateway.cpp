@@ -13,6 +13,7 @@
 #include "server/win_server.h"
 #include "services.h"
 #include "terminal/terminal_server.h"
+#include "watch/systemd.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -228,6 +229,8 @@ bool rtls_gateway_run(void* p_rtls_gateway)
     }
     if (gateway->own_http && !gateway->own_http->open()) // first: whoever waits for us may ask how far we are
         return false;
+    if (gateway->own_http || systemd_listens())
+        terminal_server_show_pulse(*gateway->terminal_server);
     if (!win_server_run(gateway->win_server) || !terminal_server_run(gateway->terminal_server))
         return false;
     sleep_open_to_stop_signals(0); // takes a signal that has waited since the start

@@ -63,6 +63,7 @@ struct TERMINAL_SERVER_t {
     full_house house{"operators"};
     closed_id_set refused_ids; // connections that may not come in
     terminal_counters counts;  // read by any thread
+    bool shows_pulse = false;
 };
 
 static constexpr int socket_timeout_ms = 100; // how long a slow terminal may hold up the thread
@@ -375,6 +376,8 @@ static int handle_pulse(zloop_t* /*loop*/, int /*timer_id*/, void* p_server) noe
 
 static bool set_pulse(TERMINAL_SERVER_t* server)
 {
+    if (!server->shows_pulse)
+        return true;
     server->counts.pulse.begin(zclock_mono(), pulse_ms);
     if (zloop_timer(server->actor_loop.get(), pulse_ms, 0, handle_pulse, server) != -1)
         return true;
@@ -580,6 +583,11 @@ void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& 
     if (client.is_peer_proven)
         server->cuts.want(identity_key{client.id.get()}.c_str(), client.fd, client.client_addr);
     server->cuts.carry_out(zsock_resolve(sock), server->port);
+}
+
+void terminal_server_show_pulse(TERMINAL_SERVER_t& server) noexcept
+{
+    server.shows_pulse = true;
 }
 
 terminal_figures terminal_server_figures(const TERMINAL_SERVER_t& server) noexcept

@@ -35,6 +35,10 @@ void terminal_server_destroy(void** pp_terminal_server);
 using terminal_server_ptr = std::unique_ptr<TERMINAL_SERVER_t, destroyed_by<terminal_server_destroy>>;
 zhashx_t* terminal_server_get_clients(void* p_terminal_server);
 
+// Somebody will ask whether the loop turns: it wakes up once a second to show it (its figures' pulse). Before it
+// runs; without this it has no timer.
+void terminal_server_show_pulse(TERMINAL_SERVER_t& server) noexcept;
+
 // What other threads may read of a server that is there, at any time.
 struct terminal_figures {
     const terminal_counters& counts;
