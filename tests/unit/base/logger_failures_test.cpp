@@ -17,13 +17,13 @@
 
 namespace rtls {
 
-using syslog_capture::line_t;
+using syslog_capture::captured_line;
 using testing::ElementsAre;
 
 namespace {
 
-const line_t starting{"rtls-gateway", 0, LOG_USER, LOG_INFO, "Starting rtls-gateway"};
-const line_t short_memory{"rtls-gateway", 0, LOG_USER, LOG_ERR, "logger_init: out of memory!"};
+const captured_line starting{"rtls-gateway", 0, LOG_USER, LOG_INFO, "Starting rtls-gateway"};
+const captured_line short_memory{"rtls-gateway", 0, LOG_USER, LOG_ERR, "logger_init: out of memory!"};
 
 class logger_failures : public testing::Test {
 protected:
@@ -74,7 +74,7 @@ TEST_F(logger_failures, each_is_one_line_behind_those_that_wait)
         SCOPED_TRACE(testing::Message() << "allocation " << allocation);
         if (!g_logger_ctx) {
             ++without_logger;
-            const line_t by_libc{"rtls-gateway", LOG_PERROR, LOG_USER, LOG_ERR, short_memory.text};
+            const captured_line by_libc{"rtls-gateway", LOG_PERROR, LOG_USER, LOG_ERR, short_memory.text};
             EXPECT_THAT(syslog_capture::take(), ElementsAre(by_libc));
             EXPECT_EQ(syslog_capture::mask(), 0xFF);
         } else {
