@@ -192,8 +192,7 @@ static std::unique_ptr<char, curl_freed> url_part(CURLU* url, CURLUPart part)
     return std::unique_ptr<char, curl_freed>{text};
 }
 
-// Those of the kernel call themselves regular, but reading some of them (/proc/kmsg) waits without end. None
-// of them says its size.
+// Those of the kernel call themselves regular, but reading some of them (/proc/kmsg) waits without end.
 static bool is_special_file(const char* path)
 {
     struct stat status = {};
@@ -202,7 +201,7 @@ static bool is_special_file(const char* path)
         return false; // the transfer itself reports it
     if (!S_ISREG(status.st_mode))
         return true;
-    if (status.st_size > 0 || statfs(path, &system) != 0)
+    if (statfs(path, &system) != 0)
         return false;
     constexpr decltype(system.f_type) of_the_kernel[] = {
         PROC_SUPER_MAGIC,   SYSFS_MAGIC,         DEBUGFS_MAGIC,    TRACEFS_MAGIC,

@@ -420,6 +420,7 @@ TEST(image_download, files_that_could_block_are_refused)
     log_capture log;
     for (const std::string& url : {pipe.url(), pipe_in_capitals, std::string{"file:///dev/zero"},
                                    std::string{"file:///proc/self/status"}, std::string{"file:///proc/kmsg"},
+                                   std::string{"file:///sys/kernel/uevent_seqnum"},
                                    std::string{"file:///dev/%7Aero"}, std::string{"file:///"}}) {
         SCOPED_TRACE(url);
         EXPECT_EQ(text_of(image_download(url.c_str(), lenient)), "(none)");
