@@ -16,7 +16,7 @@ enum class line_outcome : uint8_t { streamed, filtered, lost, kinds };
 struct terminal_counters {
     counter operators_accepted;
     counter operators_gone;
-    counter chunks; // received, each taken as a command
+    counter chunks; // received: connects, commands, ends
     counter bytes_in;
     counter lines_taken; // out of the debug stream
     counters<line_outcome> lines;
