@@ -118,6 +118,7 @@ def test_closing_full_bridges_stalls_nobody(gateway, figure):
             return sum("does not read" in line for line in gateway.syslog()) >= 5
         wait_until(full, "full bridges", 60)
         operator = gateway.terminal()
+        operator.command("a first word", "\n")    # its connection is open now
         before = open_files(gateway)
         for number in range(20):
             assert operator.command(f"del {0x2000 + number:x}", "\n") == "Command completed successfully!\n"

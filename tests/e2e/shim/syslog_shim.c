@@ -60,12 +60,12 @@ static void write_line(int priority, const char* path, const char* format, va_li
     free(text);
     if (length < 0)
         return;
-    const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (fd >= 0) {
-        if (write(fd, line, (size_t)length) < 0)
-            perror("syslog_shim");
-        close(fd);
-    }
+    /* Kept, as libc keeps its connection: a line gets through when no descriptor is left. */
+    static int file = -1;
+    if (file < 0)
+        file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (file >= 0 && write(file, line, (size_t)length) < 0)
+        perror("syslog_shim");
     free(line);
 }
 
