@@ -12,6 +12,7 @@
 #include "terminal/terminal_server.h"
 #include "version.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -68,6 +69,11 @@ static page no_answer(std::string_view who)
     return refusal_page(503, "the " + std::string{who} + " does not answer");
 }
 
+static page stops_page()
+{
+    return refusal_page(503, "the gateway stops");
+}
+
 static std::string zmq_version_text()
 {
     int major = 0;
@@ -96,7 +102,9 @@ struct node_counts {
 
 } // namespace
 
-static node_counts count_nodes(NODES_CONTAINER_t& nodes, std::span<const win_client_info> bridges)
+static std::optional<node_counts> count_nodes(NODES_CONTAINER_t& nodes,
+                                              std::span<const win_client_info> bridges,
+                                              const std::atomic<bool>& is_stopping)
 {
     node_counts counts;
     const auto begin_anew = [&] { counts = {0, 0, 0, std::vector<size_t>(bridges.size())}; };
@@ -116,7 +124,8 @@ static node_counts count_nodes(NODES_CONTAINER_t& nodes, std::span<const win_cli
             }
     };
     begin_anew();
-    walk_nodes(nodes, index_bridges(bridges), take, begin_anew);
+    if (!walk_nodes(nodes, index_bridges(bridges), take, begin_anew, is_stopping))
+        return std::nullopt;
     return counts;
 }
 
@@ -134,10 +143,12 @@ static json bridge_json(const win_client_info& bridge, size_t nodes)
 page api::bridges(const page_request& /*request*/) const
 {
     const auto bridges = win_server_copy_clients(m_gateway.win_server);
-    const node_counts counts = count_nodes(*m_gateway.nodes, bridges);
+    const auto counts = count_nodes(*m_gateway.nodes, bridges, m_is_stopping);
+    if (!counts)
+        return stops_page();
     json list = json::array();
     for (size_t i = 0; i < bridges.size(); ++i)
-        list.push_back(bridge_json(bridges[i], counts.of_bridge[i]));
+        list.push_back(bridge_json(bridges[i], counts->of_bridge[i]));
     return json_page({{"bridges", std::move(list)}});
 }
 
@@ -151,17 +162,17 @@ page api::nodes(const page_request& request) const
         return refusal_page(400, fault);
     const auto bridges = win_server_copy_clients(m_gateway.win_server);
     nodes_page found{*std::move(query), bridges};
-    walk_nodes(
+    const bool is_whole = walk_nodes(
         *m_gateway.nodes, index_bridges(bridges), [&](std::span<const node_row> rows) { found.take(rows); },
-        [&] { found.begin_anew(); });
-    return json_page(found.as_json());
+        [&] { found.begin_anew(); }, m_is_stopping);
+    return is_whole ? json_page(found.as_json()) : stops_page();
 }
 
 static std::optional<node_row> find_node(NODES_CONTAINER_t& nodes, const mac_bytes& mac,
                                          const bridge_index& bridges)
 {
     const nodes_guard guard{nodes};
-    const NODE_t* node = nodes.find_by_mac(mac.data());
+    const NODE_t* node = nodes.look_up(mac.data());
     if (!node)
         return std::nullopt;
     node_row row{};
@@ -270,17 +281,19 @@ static json log_json()
 page api::status(const page_request& /*request*/) const
 {
     const auto bridges = win_server_copy_clients(m_gateway.win_server);
-    const node_counts counts = count_nodes(*m_gateway.nodes, bridges);
+    const auto counts = count_nodes(*m_gateway.nodes, bridges, m_is_stopping);
+    if (!counts)
+        return stops_page();
     json out;
     out["version"] = rtls_gateway_version;
     out["started"] = utc_text(m_started_ms);
     out["uptime_s"] = (zclock_mono() - m_started_mono_ms) / 1000;
     out["serving"] = is_serving(m_gateway);
     out["bridges"] = bridges.size();
-    out["nodes"] = {{"total", counts.connected + counts.floating + counts.expired},
-                    {"connected", counts.connected},
-                    {"floating", counts.floating},
-                    {"expired", counts.expired}};
+    out["nodes"] = {{"total", counts->connected + counts->floating + counts->expired},
+                    {"connected", counts->connected},
+                    {"floating", counts->floating},
+                    {"expired", counts->expired}};
     out["links"] = links_json(m_gateway);
     out["log"] = log_json();
     return json_page(out);

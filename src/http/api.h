@@ -5,13 +5,14 @@
 // Threads    Any.
 // Blocking   Pages that ask an actor wait half a second at most for it. The others: locks that are held for a
 //            copy.
-// Failures   503 when an actor does not answer, 404 and 400 for what is not there or cannot be read.
+// Failures   503 when an actor does not answer, or the door ends, 404 and 400 for what is not there or cannot be read.
 //            std::bad_alloc.
 #pragma once
 
 #include "http/responder.h"
 #include "services.h"
 
+#include <atomic>
 #include <cstdint>
 
 namespace rtls {
@@ -19,6 +20,9 @@ namespace rtls {
 class api {
 public:
     explicit api(services& gateway);
+
+    // Walks through the nodes end soon from now on, with a refusal: their pages would hold up the daemon's end.
+    void stop() { m_is_stopping = true; }
 
     page version(const page_request& request) const;
     page status(const page_request& request) const;
@@ -32,6 +36,7 @@ private:
     services& m_gateway;
     const int64_t m_started_ms; // of zclock_time
     const int64_t m_started_mono_ms;
+    std::atomic<bool> m_is_stopping{false};
 };
 
 } // namespace rtls

@@ -39,6 +39,9 @@ struct http_server::state {
           answers(pages_of(gateway, checks, facts), rules.token), door(answers)
     {
     }
+    ~state() { facts.stop(); } // the door waits for the pages that are being made
+    state(const state&) = delete;
+    state& operator=(const state&) = delete;
 
     const http_rules rules;
     health checks;

@@ -31,12 +31,14 @@ static bool copy_slice(NODES_CONTAINER_t& nodes, node_table::part_walk& walk, co
     return goes_on;
 }
 
-void walk_nodes(NODES_CONTAINER_t& nodes, const bridge_index& bridges,
+bool walk_nodes(NODES_CONTAINER_t& nodes, const bridge_index& bridges,
                 const std::function<void(std::span<const node_row>)>& take,
-                const std::function<void()>& begin_anew)
+                const std::function<void()>& begin_anew, const std::atomic<bool>& is_stopping)
 {
     std::vector<node_row> rows;
     for (node_table::part_walk walk = begin_walk(nodes); !walk.is_done;) {
+        if (is_stopping)
+            return false;
         if (copy_slice(nodes, walk, bridges, rows)) {
             take(rows);
         } else {
@@ -46,6 +48,7 @@ void walk_nodes(NODES_CONTAINER_t& nodes, const bridge_index& bridges,
         if (!walk.is_done)
             std::this_thread::sleep_for(turn_of_others);
     }
+    return true;
 }
 
 } // namespace rtls

@@ -10,6 +10,7 @@
 #include "registry/nodes_container.h"
 #include "terminal/listing.h"
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <span>
@@ -19,9 +20,10 @@ namespace rtls {
 constexpr size_t nodes_of_slice = 256;
 
 // Calls take() for one slice after the other, without the lock. When the table is rebuilt meanwhile, which
-// happens a dozen times in its life, it calls begin_anew(), and everything comes once more.
-void walk_nodes(NODES_CONTAINER_t& nodes, const bridge_index& bridges,
+// happens a dozen times in its life, it calls begin_anew(), and everything comes once more. False when it broke
+// off, as `is_stopping` had become true.
+bool walk_nodes(NODES_CONTAINER_t& nodes, const bridge_index& bridges,
                 const std::function<void(std::span<const node_row>)>& take,
-                const std::function<void()>& begin_anew);
+                const std::function<void()>& begin_anew, const std::atomic<bool>& is_stopping);
 
 } // namespace rtls

@@ -124,6 +124,11 @@ stored_node* node_table::find(const uint8_t* mac) noexcept
             return node;
         grow();
     }
+    return look_up(mac);
+}
+
+stored_node* node_table::look_up(const uint8_t* mac) const noexcept
+{
     const auto found = m_by_mac.find(as_number(mac));
     return found == m_by_mac.end() ? nullptr : found->second;
 }
@@ -172,6 +177,37 @@ size_t node_table::next_occupied(size_t from) const
         from_here = ~uint64_t{0};
     }
     return m_bucket_count;
+}
+
+// The node of the walk's bucket that comes behind the one that was looked at last; null behind the last one.
+stored_node* node_table::next_of(const part_walk& walk) const noexcept
+{
+    if (walk.last_pushed != 0) {
+        const auto last = m_by_mac.find(walk.last_mac);
+        if (last != m_by_mac.end() && last->second->pushed == walk.last_pushed)
+            return last->second->next_in_bucket;
+    }
+    return walk.bucket < m_bucket_count ? m_buckets[walk.bucket] : nullptr;
+}
+
+// False, with the walk behind the last bucket, when there is no other one.
+bool node_table::to_next_bucket(part_walk& walk, stored_node*& node) const noexcept
+{
+    walk.bucket = next_occupied(walk.bucket + 1);
+    walk.visited = UINT64_MAX;
+    walk.last_pushed = 0;
+    if (walk.bucket >= m_bucket_count)
+        return false;
+    node = m_buckets[walk.bucket];
+    return true;
+}
+
+stored_node* node_table::look_behind(part_walk& walk, const stored_node& node) noexcept
+{
+    walk.last_mac = as_number(node.mac_addr);
+    walk.last_pushed = node.pushed;
+    ++walk.looks;
+    return node.next_in_bucket;
 }
 
 stored_node* node_table::first() noexcept

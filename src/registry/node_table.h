@@ -20,7 +20,6 @@
 #include <cstdlib>
 #include <memory>
 #include <unordered_map>
-#include <utility>
 
 namespace rtls {
 
@@ -75,6 +74,9 @@ public:
     // The node with this MAC, or nullptr. May reorder the table, as in a zhashx.
     stored_node* find(const uint8_t* mac) noexcept;
 
+    // The same without any change of the table, for those who only watch.
+    stored_node* look_up(const uint8_t* mac) const noexcept;
+
     // Takes over a node whose MAC is not in the table, and returns it. Null, the node untouched, when memory
     // is short.
     stored_node* insert(std::unique_ptr<stored_node>&& new_node) noexcept;
@@ -106,32 +108,33 @@ public:
     // A walk through the table in parts, between which the table may change.
     struct part_walk {
         size_t bucket = 0;
-        uint64_t pushed = UINT64_MAX; // of the last node of that bucket that was visited
-        size_t growth = 0;            // of the table, when the walk began
+        uint64_t visited = UINT64_MAX; // `pushed` of the last node of that bucket that was visited
+        uint64_t last_mac = 0;         // of the node of that bucket that was looked at last, and its `pushed`
+        uint64_t last_pushed = 0;      // 0: none yet
+        size_t growth = 0;             // of the table, when the walk began
+        size_t looks = 0;              // at nodes, so far
         bool is_done = false;
     };
     // Where a walk begins.
     part_walk begin_walk() const { return {.growth = m_growth}; }
-    // Calls `visit(node)` for the next `most` nodes, in table order. Who comes or goes between two parts may be
-    // visited or not, all others are: once. False when the table has grown since the walk began: it must begin
-    // anew. Leaves the cursor alone.
+    // Looks at the next `most` nodes, in table order, and calls `visit(node)` for those that were not visited
+    // yet: all of them, unless the one that was looked at last has gone, and its bucket is gone through anew.
+    // Peers can put any number of nodes into one bucket: not even then is more looked at. Who comes or goes
+    // between two parts may be visited or not, all others are: once. False when the table has grown since the
+    // walk began: it must begin anew. Leaves the cursor alone.
     template <typename Visitor>
     bool visit_part(part_walk& walk, size_t most, Visitor visit) const
     {
         if (walk.growth != m_growth)
             return false;
-        for (size_t bucket = 0; (bucket = next_occupied(walk.bucket)) < m_bucket_count; ++walk.bucket) {
-            if (std::exchange(walk.bucket, bucket) != bucket)
-                walk.pushed = UINT64_MAX;
-            for (stored_node* node = m_buckets[walk.bucket]; node; node = node->next_in_bucket) {
-                if (node->pushed >= walk.pushed)
-                    continue;
-                if (most-- == 0)
-                    return true;
+        for (stored_node* node = next_of(walk); node || to_next_bucket(walk, node); --most) {
+            if (most == 0)
+                return true;
+            if (node->pushed < walk.visited) {
                 visit(*node);
-                walk.pushed = node->pushed;
+                walk.visited = node->pushed;
             }
-            walk.pushed = UINT64_MAX;
+            node = look_behind(walk, *node);
         }
         walk.is_done = true;
         return true;
@@ -163,6 +166,9 @@ private:
     void push(stored_node** buckets, uint64_t* occupied, size_t bucket, stored_node* node);
     size_t bucket_of(const uint8_t* mac) const;
     size_t next_occupied(size_t from) const;
+    stored_node* next_of(const part_walk& walk) const noexcept;
+    bool to_next_bucket(part_walk& walk, stored_node*& node) const noexcept;
+    static stored_node* look_behind(part_walk& walk, const stored_node& node) noexcept;
     bool may_spread() const;
     bool grow() noexcept;
 

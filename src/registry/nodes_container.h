@@ -63,6 +63,12 @@ public:
     // The node with exactly this MAC, or nullptr.
     NODE_t* find_by_mac(const uint8_t* mac) RTLS_REQUIRES(this) { return settled(m_nodes.find(mac)); }
 
+    // The same for those who only watch: the table keeps its order.
+    const NODE_t* look_up(const uint8_t* mac) const RTLS_REQUIRES(this)
+    {
+        return settled(m_nodes.look_up(mac));
+    }
+
     // The node with this MAC, made if it is new. With a sequence number (may be null), nullptr for a
     // known node that already has it: a duplicate, to be dropped. A new node does not take the number
     // over, so that its second message is the first one compared. nullptr, too, when there is no room for

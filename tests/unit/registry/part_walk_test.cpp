@@ -29,6 +29,21 @@ protected:
         for (uint64_t i = first; i < end; ++i)
             ASSERT_TRUE(m_nodes.find_or_create_by_mac(mac_of(i).data(), nullptr));
     }
+    // MACs that share their hash in the table's order, which takes 33 of a byte for 1 of the one before: 4096
+    // at most.
+    void add_colliding(size_t number)
+    {
+        for (size_t i = 0; i < number; ++i) {
+            mac_bytes mac;
+            for (size_t pair = 0; pair < mac_size / 2; ++pair) {
+                const size_t digit = i >> 3 * pair & 7;
+                mac[2 * pair] = static_cast<uint8_t>(digit);
+                mac[2 * pair + 1] = static_cast<uint8_t>(33 * digit);
+            }
+            const nodes_guard guard{m_nodes};
+            EXPECT_TRUE(m_nodes.find_or_create_by_mac(mac.data(), nullptr));
+        }
+    }
     std::vector<mac_bytes> all()
     {
         std::vector<mac_bytes> macs;
@@ -67,6 +82,74 @@ TEST_F(part_walk, gives_all_nodes_in_table_order_however_it_is_cut)
         }
         EXPECT_EQ(macs, all()) << most;
     }
+}
+
+// Peers can make up MACs that share a bucket: a part then looks at no more nodes than any other.
+TEST_F(part_walk, looks_at_no_more_nodes_than_asked_for_in_a_long_chain)
+{
+    constexpr size_t number = 4096;
+    add_colliding(number);
+    for (const size_t most : {1U, 7U, 256U}) {
+        std::vector<mac_bytes> seen;
+        auto walk = begin();
+        while (!walk.is_done) {
+            const size_t before = walk.looks;
+            ASSERT_TRUE(visit(walk, most, seen));
+            ASSERT_LE(walk.looks - before, most);
+        }
+        EXPECT_EQ(walk.looks, number);
+        EXPECT_EQ(seen, all()) << most;
+    }
+}
+
+// Nor when the one that was looked at last goes: the chain is gone through again, in parts, too.
+TEST_F(part_walk, looks_at_no_more_nodes_and_misses_nobody_when_the_last_one_goes)
+{
+    constexpr size_t number = 4000; // so few that the table does not grow any more
+    constexpr size_t most = 100;
+    add_colliding(number);
+    std::multiset<mac_bytes> seen;
+    auto walk = begin();
+    for (size_t turn = 0; !walk.is_done; ++turn) {
+        std::vector<mac_bytes> macs;
+        const size_t before = walk.looks;
+        ASSERT_TRUE(visit(walk, most, macs));
+        ASSERT_LE(walk.looks - before, most);
+        seen.insert(macs.begin(), macs.end());
+        if (turn % 30 != 7 || macs.empty())
+            continue;
+        const nodes_guard guard{m_nodes};
+        m_nodes.remove(macs.back().data());
+        if (turn % 60 == 7) { // and comes back, as the first of its bucket
+            ASSERT_TRUE(m_nodes.find_or_create_by_mac(macs.back().data(), nullptr));
+        }
+    }
+    EXPECT_GT(walk.looks, number);
+    EXPECT_EQ(seen.size(), number);
+    EXPECT_EQ(std::set<mac_bytes>(seen.begin(), seen.end()).size(), number) << "each came once";
+}
+
+// Who only watches must not change what operators see, nor make the table grow while the actors wait.
+TEST_F(part_walk, goes_on_behind_look_ups_of_those_who_watch)
+{
+    add_colliding(5);
+    std::vector<mac_bytes> macs;
+    auto walk = begin();
+    const std::vector<mac_bytes> before = all();
+    for (const mac_bytes& mac : before) {
+        const nodes_guard guard{m_nodes};
+        const NODE_t* node = m_nodes.look_up(mac.data());
+        ASSERT_TRUE(node);
+        EXPECT_EQ(std::to_array(node->mac_addr), mac);
+    }
+    EXPECT_TRUE(visit(walk, 3, macs));
+    EXPECT_EQ(all(), before);
+    {
+        const nodes_guard guard{m_nodes};
+        EXPECT_FALSE(m_nodes.look_up(mac_of(1).data()));
+        EXPECT_TRUE(m_nodes.find_by_mac(before.back().data()));
+    }
+    EXPECT_FALSE(visit(walk, 3, macs)) << "the other look-up makes it grow";
 }
 
 TEST_F(part_walk, is_done_at_once_without_nodes)
