@@ -187,7 +187,7 @@ bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* da
 void lose_with_bridge(WIN_SERVER_t& server, const WIN_CLIENT_t& client) noexcept
 {
     server.counts.bridge_messages_lost[bridge_message_loss::bridge_closed].add(client.unsent_messages.size());
-    if (client.parsing_state == PS_DATA || client.parsing_state == PS_ESCAPE)
+    if (is_within_frame(client))
         server.counts.decoder.lost[frame_loss::unfinished].add();
 }
 

@@ -70,7 +70,8 @@ static void count(const WIN_CLIENT_t& client, frame_loss loss)
 
 void win_client_give_up_frame(WIN_CLIENT_t& client)
 {
-    count(client, frame_loss::given_up);
+    if (is_within_frame(client)) // the room may be that of one which has ended, or was lost already
+        count(client, frame_loss::given_up);
     client.parsing_state = PS_NONE;
     shrink_to(client, pending_data_step);
 }

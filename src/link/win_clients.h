@@ -53,6 +53,12 @@ struct WIN_CLIENT_t {
     int fd = -1;                  // the connection's descriptor as seen at connect, or -1
 };
 
+// Whether the decoder has bytes of a frame that has not ended.
+inline bool is_within_frame(const WIN_CLIENT_t& client)
+{
+    return client.parsing_state == PS_DATA || client.parsing_state == PS_ESCAPE;
+}
+
 // A fresh record with a copy of the identity and no buffer yet, or nullptr with the reason logged.
 WIN_CLIENT_t* win_client_new(zframe_t* id);
 

@@ -32,6 +32,7 @@ public:
         win_client_decode(
             *m_client, bytes, [](void* number, WIN_CLIENT_t&) { ++*static_cast<int*>(number); }, &frames);
     }
+    void give_up() { win_client_give_up_frame(*m_client); }
     uint64_t lost(frame_loss why) const { return counts.lost[why].value(); }
 
     decoder_counters counts;
@@ -80,6 +81,26 @@ TEST(decoder_counts, a_frame_beyond_the_limit_is_too_long_and_its_rest_is_noise)
     decoder.feed(bytes_t(5, 1));
     EXPECT_EQ(decoder.counts.noise.value(), 5U);
     EXPECT_EQ(decoder.counts.lost.sum(), 1U);
+}
+
+// The room of a bridge that takes most may be that of a frame which has ended, or was lost already.
+TEST(decoder_counts, only_a_frame_at_hand_is_given_up)
+{
+    counting_decoder decoder;
+    decoder.give_up();
+    decoder.feed(hex("F5 01 02 F7"));
+    decoder.give_up();
+    decoder.feed(hex("F5"));
+    decoder.feed(bytes_t(pending_data_limit + 1, 1));
+    EXPECT_EQ(decoder.lost(frame_loss::too_long), 1U);
+    decoder.give_up();
+    EXPECT_EQ(decoder.lost(frame_loss::given_up), 0U);
+    decoder.feed(hex("F5 01"));
+    decoder.give_up();
+    decoder.feed(hex("F5 F6"));
+    decoder.give_up();
+    EXPECT_EQ(decoder.lost(frame_loss::given_up), 2U);
+    EXPECT_EQ(decoder.counts.lost.sum(), 3U);
 }
 
 TEST(bridge_counts, connections_and_what_they_end_with)
