@@ -9,7 +9,7 @@ static constexpr std::string_view line_end = "\r\n";
 static constexpr std::string_view head_end = "\r\n\r\n";
 static constexpr std::string_view blanks = " \t";
 // Ranges (one request could ask for an answer a thousand times over), encodings and the like are not served.
-static constexpr std::string_view headers_taken[] = {"accept", "authorization", "connection"};
+static constexpr std::string_view headers_taken[] = {"accept", "connection"};
 
 size_t request_head_size(std::string_view bytes)
 {
@@ -64,6 +64,8 @@ static bool take_header(std::string_view line, request_head& head)
         return false;
     const std::string name = lower_case(line.substr(0, colon));
     const std::string_view value = trimmed(line.substr(colon + 1));
+    if (name == "authorization" && head.authorization.empty())
+        head.authorization = value;
     head.has_body = head.has_body || announces_body(name, value);
     if (std::ranges::find(headers_taken, name) != std::end(headers_taken))
         head.text.append(name).append(": ").append(value).append(line_end);

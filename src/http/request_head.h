@@ -21,8 +21,9 @@ constexpr size_t request_headers_limit = 64;
 size_t request_head_size(std::string_view bytes);
 
 struct request_head {
-    std::string text;      // the request line, Accept, Authorization and Connection, and the empty line
-    bool has_body = false; // which nobody is going to read: the connection ends with the answer
+    std::string text;          // the request line, Accept and Connection, and the empty line
+    std::string authorization; // as the client wrote it: the library would take %41 for an A
+    bool has_body = false;     // which nobody is going to read: the connection ends with the answer
 };
 
 // Nothing when it is no request of HTTP/1.0 or HTTP/1.1, has control characters, or too many headers.

@@ -6,6 +6,8 @@
 
 #include <httplib.h>
 
+#include <strings.h>
+
 #include <algorithm>
 #include <exception>
 #include <new>
@@ -54,6 +56,18 @@ static bool is_same(std::string_view given, std::string_view wanted)
     for (size_t i = 0; i < given.size() && !wanted.empty(); ++i)
         difference |= static_cast<unsigned char>(given[i] ^ wanted[i % wanted.size()]);
     return difference == 0;
+}
+
+static constexpr char authorization_header[] = "Authorization";
+
+// The token of "Bearer <token>", whose scheme may be written in any case (RFC 9110 11.1); "" when there is none.
+static std::string token_of(const std::string& authorization)
+{
+    constexpr std::string_view scheme = "Bearer ";
+    if (strncasecmp(authorization.c_str(), scheme.data(), scheme.size()) != 0)
+        return {};
+    const size_t begin = authorization.find_first_not_of(' ', scheme.size());
+    return begin == std::string::npos ? std::string{} : authorization.substr(begin);
 }
 
 namespace {
@@ -115,7 +129,10 @@ public:
     {
         memory_stream stream{head.text};
         bool is_closed = false;
-        const bool is_answered = process_request(stream, head.has_body, is_closed, {});
+        const auto add_verbatim = [&](httplib::Request& request) {
+            request.headers.emplace(authorization_header, head.authorization);
+        };
+        const bool is_answered = process_request(stream, head.has_body, is_closed, add_verbatim);
         return {stream.take_output(), is_answered && !is_closed && !head.has_body};
     }
 
@@ -130,10 +147,7 @@ private:
 
     bool is_admitted(const httplib::Request& request) const
     {
-        constexpr std::string_view scheme = "Bearer ";
-        const std::string given = request.get_header_value("Authorization");
-        return m_token.empty() ||
-               (given.starts_with(scheme) && is_same(std::string_view{given}.substr(scheme.size()), m_token));
+        return m_token.empty() || is_same(token_of(request.get_header_value(authorization_header)), m_token);
     }
 
     page page_for(const httplib::Request& request, httplib::Response& answer) const

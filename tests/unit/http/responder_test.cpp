@@ -51,6 +51,23 @@ TEST(responder, finds_pages_by_their_whole_path_or_its_beginning)
         EXPECT_THAT(answer_to(path).bytes, StartsWith("HTTP/1.1 404 ")) << path;
 }
 
+// As it stands there: clients do not encode it.
+TEST(responder, takes_the_token_to_the_letter)
+{
+    responder closed{{{"/page", echo}}, "a%41b"};
+    const auto status_with = [&](const std::string& authorization) {
+        const std::string bytes =
+            closed.answer("GET /page HTTP/1.1\r\nAuthorization: " + authorization + "\r\n\r\n").bytes;
+        return bytes.substr(0, bytes.find(' ', 9));
+    };
+    for (const char* right : {"Bearer a%41b", "bearer a%41b", "BEARER a%41b", "Bearer   a%41b"})
+        EXPECT_EQ(status_with(right), "HTTP/1.1 200") << right;
+    for (const char* wrong : {"Bearer aAb", "Bearer a%2541b", "Bearer A%41B", "Bearer a%41", "Bearer a%41b c",
+                              "Bearer", "Bearer ", "Basic a%41b", "a%41b", "Bearera%41b", ""})
+        EXPECT_EQ(status_with(wrong), "HTTP/1.1 401") << wrong;
+    EXPECT_THAT(closed.answer("GET /page HTTP/1.1\r\n\r\n").bytes, StartsWith("HTTP/1.1 401 "));
+}
+
 TEST(responder, says_when_the_connection_ends)
 {
     EXPECT_TRUE(answer_to("/page").keeps_open);
