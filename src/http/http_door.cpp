@@ -35,6 +35,7 @@ namespace rtls {
 static constexpr int listen_backlog = 64;
 static constexpr int64_t longest_wait_ms = 60'000;
 static constexpr int64_t pause_of_listening_ms = 100; // when there is no descriptor for a newcomer
+static constexpr int pause_without_memory_ms = 100;
 static constexpr size_t connections_of_reserve =
     4; // of the last descriptors, for whoever looks what is wrong
 
@@ -74,6 +75,7 @@ public:
 private:
     void run() noexcept;
     void turn();
+    void pause() noexcept;
     std::vector<pollfd> what_to_wait_for() const;
     int patience_ms(int64_t now) const;
     void accept_all(int64_t now);
@@ -110,6 +112,9 @@ bool http_door::state::open(const http_rules& rules)
     } catch (const std::system_error& failure) {
         logger_error(g_logger, "http: no thread can be started: %s", failure.what());
         return false;
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, "http");
+        return false;
     }
     return true;
 }
@@ -133,8 +138,18 @@ void http_door::state::run() noexcept
         } catch (const std::bad_alloc&) {
             logger_error(g_logger, str_out_of_memory, "http");
             m_connections.clear(); // the answers under way find nobody
+            pause();
         }
     }
+}
+
+// Memory may be short for long: it would be asked for ever.
+void http_door::state::pause() noexcept
+{
+    pollfd woken{m_wake_up.get(), POLLIN, 0};
+    (void)poll(&woken, 1, pause_without_memory_ms);
+    eventfd_t number = 0;
+    (void)eventfd_read(m_wake_up.get(), &number); // of an answer, for which nobody waits any more, or the end
 }
 
 void http_door::state::turn()
