@@ -256,6 +256,10 @@ static constexpr row rows[] = {
              for (size_t i = 0; i < upstream_loss_names.size(); ++i)
                  r.sample(name, upstream_loss_names[i], number(queue.lost.value(i)));
          });
+         if (const WIN_SERVER_t* win = r.win_server()) { // those that had been handed over
+             r.sample(of_handler, "dropped", number(win->msg_handler_link.state().lost));
+             r.sample(of_proxy_input, "dropped", number(win->proxy_input_link.state().lost));
+         }
      }},
     {{"rtls_gateway_report_hand_over_seconds",
       "From the look at a bridge's connection that found a report's last byte to its hand-over, at most.",
@@ -590,17 +594,6 @@ static constexpr row rows[] = {
          each_link(r, [&](const char* name, const link_state& link) {
              for (size_t i = 0; i < link_failure_names.size(); ++i)
                  r.sample(name, link_failure_names[i], number(link.failures_of[i]));
-         });
-     }},
-    {{"rtls_gateway_upstream_link_dropped_total",
-      "Messages that the library held for a link and dropped when it was connected again.",
-      "",
-      counter_type,
-      {"link"}},
-     [](reading& r) {
-         each_link(r, [&](const char* name, const link_state& link) {
-             if (name != of_broker) // what it misses is counted with the log's records
-                 r.sample(name, number(link.lost));
          });
      }},
 

@@ -6,7 +6,6 @@ full speed, with servers stopped, slow, killed and restarted, and strangers and 
 import mmap
 import os
 import pathlib
-import re
 import selectors
 import signal
 import socket
@@ -19,14 +18,14 @@ import pytest
 
 from harness import wire
 from harness.daemon import free_port
-from harness.http_client import get, with_http
+from harness.figures import Figures
+from harness.http_client import with_http
 from harness.peers import wait_until
 
 HERE = pathlib.Path(__file__).resolve().parent
 MESSAGES = int(os.environ.get("RTLS_ACCOUNT_MESSAGES", "60000"))
 BRIDGES = 4
 PATIENCE = 120 + MESSAGES / 5000     # seconds for a phase
-SAMPLE = re.compile(r'^rtls_gateway_(\w+)(?:\{(.*)\})? (\S+)$')
 QUEUES = {"report": "message_handler", "line": "proxy_input"}
 
 
@@ -151,23 +150,6 @@ class Bridges:
             sock.close()
 
 
-class Figures:
-    def __init__(self, port: int):
-        self.samples = {}
-        for line in get(port, "/metrics").body.decode().splitlines():
-            if found := SAMPLE.match(line):
-                self.samples[found[1], found[2] or ""] = float(found[3])
-
-    def __getitem__(self, key) -> int:
-        name, labels = key
-        return int(self.samples[name, ",".join(f'{label}="{value}"' for label, value in labels.items())])
-
-    def sum(self, name: str, **labels) -> int:
-        wanted = [f'{label}="{value}"' for label, value in labels.items()]
-        return int(sum(value for (other, text), value in self.samples.items()
-                       if other == name and all(label in text for label in wanted)))
-
-
 class Books:
     def __init__(self, gateway, port: int, folder):
         self.port = port
@@ -202,15 +184,16 @@ class Books:
             assert now["message_outcomes_total", {"outcome": outcome}] == self.bridges.expected(outcome), outcome
         for outcome, queue in QUEUES.items():
             handed_over = now["reports_handed_over_total", {"queue": queue}]
-            lost = now.sum("reports_lost_total", queue=queue)
+            dropped = now["reports_lost_total", {"queue": queue, "cause": "dropped"}]     # behind the hand-over
+            lost = now.sum("reports_lost_total", queue=queue) - dropped
             assert self.bridges.expected(outcome) == handed_over + lost, queue
             server = self.servers[queue]
             if is_exact:
-                arrived = handed_over - self.under_way_with_the_killed[queue]
+                arrived = handed_over - dropped - self.under_way_with_the_killed[queue]
                 wait_until(lambda: server.received >= arrived, f"{arrived} at the {queue}, {server.received} came", PATIENCE)
                 assert server.received == arrived
             print(f"{queue}: {self.bridges.expected(outcome):,} forwarded, {handed_over:,} handed over, "
-                  f"{now['reports_waited_total', {'queue': queue}]:,} after a wait, {lost:,} lost, "
+                  f"{now['reports_waited_total', {'queue': queue}]:,} after a wait, {lost:,} lost, {dropped:,} dropped, "
                   f"{server.received:,} received")
         self.check_link(now)
         return now
@@ -235,7 +218,8 @@ class Books:
                 return seen[1] > 100
             wait_until(stands, f"the {queue} to have got all", PATIENCE)
             handed_over = self.figures()["reports_handed_over_total", {"queue": queue}]
-            gone = handed_over - server.received
+            dropped = self.figures()["reports_lost_total", {"queue": queue, "cause": "dropped"}]
+            gone = handed_over - dropped - server.received
             assert gone >= self.under_way_with_the_killed[queue]
             print(f"{queue}: {gone:,} were under way to a server that was killed")
             self.under_way_with_the_killed[queue] = gone

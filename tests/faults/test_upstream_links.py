@@ -11,6 +11,9 @@ import pytest
 import zmq
 
 from harness import wire
+from harness.daemon import free_port
+from harness.figures import Figures
+from harness.http_client import with_http
 from harness.peers import wait_until
 
 BRIDGE = wire.mac(0xB001)
@@ -119,8 +122,9 @@ def test_the_right_server_is_served_after_a_wrong_one(start_gateway, name, first
 @pytest.mark.parametrize("first", FIRST)
 def test_what_a_wrong_server_costs_is_said(start_gateway, first, figure):
     """The library drops what waits for a server when that turns out to be none: each report has come, or is in
-    what is said to be lost."""
-    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
+    what is said to be lost, in the log and in the figures."""
+    port = free_port()
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"), change=with_http(port))
     bridge = gateway.bridge(BRIDGE)
     bridge.introduce()
     sent = 1    # the introduction
@@ -159,3 +163,8 @@ def test_what_a_wrong_server_costs_is_said(start_gateway, first, figure):
     wait_until(accounted, "every report to be accounted for", 5)
     figure("reports lost and not said, of 200 that waited", "200", f"{sent - len(received) - lost()}")
     assert lost() >= 200 and len(received) + lost() == sent
+    now = Figures(port)
+    handed_over = now["reports_handed_over_total", {"queue": "message_handler"}]
+    dropped = now["reports_lost_total", {"queue": "message_handler", "cause": "dropped"}]
+    assert dropped >= 200 and dropped == handed_over - len(received)
+    assert now.sum("reports_lost_total", queue="message_handler") == lost()
