@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <optional>
 
 namespace rtls {
 
@@ -23,12 +24,14 @@ struct closed {
 } // namespace
 
 // Without the one that the look itself needs.
-static uint64_t count_descriptors() noexcept
+static std::optional<uint64_t> count_descriptors() noexcept
 {
     const std::unique_ptr<DIR, closed> folder{opendir("/proc/self/fd")};
+    if (!folder)
+        return std::nullopt; // when none is left, above all
     uint64_t number = 0;
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is our own
-    while (const dirent* entry = folder ? readdir(folder.get()) : nullptr)
+    while (const dirent* entry = readdir(folder.get()))
         number += entry->d_name[0] != '.';
     return number > 0 ? number - 1 : 0;
 }

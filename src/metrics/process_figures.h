@@ -2,16 +2,17 @@
 //
 // Threads    Any.
 // Blocking   Asks the kernel by /proc, which takes no disk.
-// Failures   What cannot be read is zero. Nothing throws, nothing is logged.
+// Failures   What cannot be read is zero, or nothing. Nothing throws, nothing is logged.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 namespace rtls {
 
 struct process_figures {
-    uint64_t open_descriptors = 0;
+    std::optional<uint64_t> open_descriptors; // none: they cannot be counted, maybe as there are too many
     uint64_t most_descriptors = 0;
     uint64_t resident_bytes = 0;
     uint64_t virtual_bytes = 0;

@@ -622,7 +622,10 @@ static constexpr row rows[] = {
 
     // The process; these names are every Prometheus client's
     {{"process_open_fds", "Descriptors that are open.", "", gauge, {}},
-     [](reading& r) { r.sample(number(r.process().open_descriptors)); }},
+     [](reading& r) {
+         if (r.process().open_descriptors)
+             r.sample(number(*r.process().open_descriptors));
+     }},
     {{"process_max_fds", "Descriptors that may be open.", "", gauge, {}},
      [](reading& r) { r.sample(number(r.process().most_descriptors)); }},
     {{"process_resident_memory_bytes", "Memory that is resident.", "bytes", gauge, {}},

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <fcntl.h>
@@ -189,6 +190,20 @@ TEST(metrics_collect, nodes_are_living_or_expired)
     EXPECT_EQ(now.samples.at("rtls_gateway_nodes{state=expired}"), 1);
 }
 
+// The look at the descriptors needs one itself: 0 would be the opposite of what is true.
+TEST(metrics_collect, descriptors_that_cannot_be_counted_have_no_sample)
+{
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const services nobody;
+    const collected now{&nobody};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_THAT(now.metrics, Not(Contains("process_open_fds")));
+    EXPECT_THAT(collected{&nobody}.metrics, Contains("process_open_fds"));
+}
+
 TEST(metrics_collect, counters_come_by_type_and_by_outcome)
 {
     test_gateway gateway;
@@ -212,9 +227,9 @@ TEST(process_figures, know_this_process)
 {
     const process_figures before = read_process_figures();
     const int file = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(read_process_figures().open_descriptors, before.open_descriptors + 1);
+    EXPECT_EQ(read_process_figures().open_descriptors.value(), before.open_descriptors.value() + 1);
     close(file);
-    EXPECT_GT(before.most_descriptors, before.open_descriptors);
+    EXPECT_GT(before.most_descriptors, before.open_descriptors.value());
     EXPECT_GT(before.resident_bytes, 1'000'000U);
     EXPECT_GE(before.virtual_bytes, before.resident_bytes);
     EXPECT_GE(read_process_figures().processor_seconds, before.processor_seconds);
