@@ -40,8 +40,10 @@ try {
         logger_error(g_logger, "download_pool: %zu downloads wait already", m_waiting.size());
         return false;
     }
-    if (m_waiting.size() >= m_idle && m_threads.size() < most_threads && !add_thread() && m_threads.empty())
+    if (m_waiting.size() >= m_idle && m_threads.size() < most_threads && !add_thread() && m_threads.empty()) {
+        ++m_load.not_taken;
         return false;
+    }
     m_waiting.push_back({std::move(work), lane, ordered_by});
     if (ordered_by == customer::operators)
         ++m_waiting_of_operators;
@@ -49,6 +51,8 @@ try {
     return true;
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, "download_pool");
+    const mutex_guard lock(m_mutex);
+    ++m_load.not_taken;
     return false;
 }
 

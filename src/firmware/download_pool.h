@@ -42,7 +42,8 @@ public:
     struct load {
         size_t running = 0;
         size_t waiting = 0;
-        uint64_t refused = 0;
+        uint64_t refused = 0;   // as too many wait
+        uint64_t not_taken = 0; // for want of memory, or of a thread
     };
     load current_load();
 

@@ -46,6 +46,7 @@ public:
     const std::optional<node_load>& nodes() const { return m_nodes; }
     const process_figures& process() const { return m_process; }
     const tav_log_counters_t& log() const { return m_log; }
+    const OTA_t* ota() const { return m_ota; }
     const std::optional<download_pool::load>& downloads() const { return m_downloads; }
     int64_t now_ms() const { return m_now_ms; } // zclock_mono
 
@@ -64,6 +65,7 @@ private:
     const metric* m_metric = nullptr;
     bool m_is_announced = false;
     WIN_SERVER_t* m_win;
+    const OTA_t* m_ota;
     std::optional<terminal_figures> m_terminal;
     bridge_load m_bridges;
     std::optional<node_load> m_nodes;

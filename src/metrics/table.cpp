@@ -432,8 +432,19 @@ static constexpr row rows[] = {
          const auto& transfers = image_download_counters().transfers;
          for (size_t i = 0; i < transfer_names.size(); ++i)
              r.sample(transfer_names[i], number(transfers[i].value()));
-         if (r.downloads())
-             r.sample("queue_full", number(r.downloads()->refused));
+         if (!r.downloads())
+             return;
+         r.sample("queue_full", number(r.downloads()->refused));
+         r.sample("not_taken", number(r.downloads()->not_taken));
+     }},
+    {{"rtls_gateway_firmware_images_refused_total",
+      "Images that no server ordered, and that found no room beside those that one did.",
+      "",
+      counter_type,
+      {}},
+     [](reading& r) {
+         if (r.ota())
+             r.sample(number(r.ota()->refused_for_ordered()));
      }},
     {{"rtls_gateway_download_bytes_total",
       "Bytes of firmware images that were received.",

@@ -1,4 +1,5 @@
 #include "firmware/download_pool.h"
+#include "support/failing_new.h"
 #include "support/log_capture.h"
 #include "support/wait.h"
 
@@ -92,6 +93,22 @@ TEST_F(pool_of_downloads, an_order_that_memory_is_too_short_for_is_forgotten)
     EXPECT_TRUE(wait_until([&] { return m_running == 1; })) << "its lane is free again";
     EXPECT_THAT(log.messages("main"), testing::ElementsAre("download_pool: out of memory!"));
     release();
+}
+
+TEST_F(pool_of_downloads, an_order_that_memory_is_too_short_to_take_is_counted)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    log_capture log;
+    download_pool pool;
+    std::function<void()> work = held();
+    fail_next_allocations(1, sizeof(std::thread));
+    EXPECT_FALSE(pool.order(std::move(work)));
+    EXPECT_EQ(failures_left(), 0U);
+    EXPECT_EQ(pool.current_load().not_taken, 1U);
+    EXPECT_EQ(pool.current_load().refused, 0U);
+    EXPECT_TRUE(pool.order(held()));
+    EXPECT_EQ(pool.current_load().not_taken, 1U);
 }
 
 TEST_F(pool_of_downloads, does_four_at_once_and_the_others_after_them)

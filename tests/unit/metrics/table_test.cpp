@@ -3,6 +3,8 @@
 
 #include "metrics/process_figures.h"
 #include "services.h"
+#include "support/log_capture.h"
+#include "support/ota_store.h"
 #include "support/test_gateway.h"
 
 #include <gmock/gmock.h>
@@ -202,6 +204,20 @@ TEST(metrics_collect, descriptors_that_cannot_be_counted_have_no_sample)
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_THAT(now.metrics, Not(Contains("process_open_fds")));
     EXPECT_THAT(collected{&nobody}.metrics, Contains("process_open_fds"));
+}
+
+TEST(metrics_collect, images_without_a_slot_beside_ordered_ones_are_counted)
+{
+    const log_capture log;
+    const store_ptr store = store_of(1);
+    services gateway;
+    gateway.ota = static_cast<OTA_t*>(store.get());
+    gateway.ota->keep_ordered();
+    const std::string ordered = image_of(1);
+    ASSERT_EQ(download(store, ordered, crc_of(ordered), 1), 0);
+    EXPECT_EQ(collected{&gateway}.samples.at("rtls_gateway_firmware_images_refused_total"), 0);
+    EXPECT_EQ(download(store, image_of(2)), -1);
+    EXPECT_EQ(collected{&gateway}.samples.at("rtls_gateway_firmware_images_refused_total"), 1);
 }
 
 TEST(metrics_collect, counters_come_by_type_and_by_outcome)
