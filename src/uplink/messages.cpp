@@ -1,6 +1,7 @@
 #include "uplink/messages.h"
 
 #include "base/null_check.h"
+#include "base/peer.h"
 #include "link/rpl_version.h"
 #include "link/sending.h"
 #include "uplink/link_frame.h"
@@ -333,8 +334,8 @@ static void acknowledge(link_frame& frame)
 {
     if (!frame.ack_requested || !frame.ack_dst_known)
         return;
-    frame.server.counts.acknowledgements.add();
-    data_to_win_client(&frame.server, frame.client.id, frame.ack.data(), frame.ack.size());
+    if (data_to_bridge(frame.server, frame_bytes(frame.client.id), frame.ack) <= delivery::cached)
+        frame.server.counts.acknowledgements.add();
 }
 
 namespace {

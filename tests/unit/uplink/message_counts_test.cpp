@@ -146,6 +146,14 @@ TEST_F(message_counts, an_acknowledgement_is_counted_when_it_is_sent)
     EXPECT_EQ(server->counts.acknowledgements.value(), 2U);
 }
 
+TEST_F(message_counts, an_acknowledgement_that_the_bridge_cannot_take_is_not_counted)
+{
+    bridge->unsent_messages.append(bytes_t(unsent_messages_limit, 1));
+    receive(heartbeat({.type = 0x1104, .seq = 1}));
+    EXPECT_EQ(server->counts.bridge_messages_lost[bridge_message_loss::queue_full].value(), 1U);
+    EXPECT_EQ(server->counts.acknowledgements.value(), 0U);
+}
+
 TEST_F(message_counts, without_a_registry_to_take_the_node_the_message_is_refused_by_it)
 {
     auto* container = static_cast<NODES_CONTAINER_t*>(nodes);
