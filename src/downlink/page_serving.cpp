@@ -34,8 +34,9 @@ static page_request_outcome serve_page(WIN_SERVER_t& server, WIN_CLIENT_t& askin
     if (!ota->get_firmware_page(request->git_id, request->crc32, request->page_size, request->page_number,
                                 response.get() + ota_response_page))
         return page_request_outcome::not_found;
-    const bool is_forwarded = was_forwarded(forward_generic(server, {response.get(), size}, &asking));
-    return is_forwarded ? page_request_outcome::served : page_request_outcome::refused;
+    const command_outcome outcome = forward_generic(server, {response.get(), size}, &asking);
+    const bool is_on_its_way = outcome == command_outcome::sent || outcome == command_outcome::cached;
+    return is_on_its_way ? page_request_outcome::served : page_request_outcome::refused;
 }
 
 bool send_otapage_from_cache(WIN_SERVER_t* server, WIN_CLIENT_t& asking, bytes_view message,

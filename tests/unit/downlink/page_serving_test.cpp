@@ -61,6 +61,18 @@ TEST_F(page_serving, a_stored_page_goes_to_the_node)
     EXPECT_EQ(errors(), texts_t{});
 }
 
+TEST_F(page_serving, a_page_that_the_bridge_cannot_take_is_not_counted_as_served)
+{
+    const auto& counted = server->counts.page_requests;
+    store_page(128, 3, ramp(128));
+    EXPECT_TRUE(send_page(page_request(128, 3)));
+    EXPECT_EQ(counted[page_request_outcome::served].value(), 1U);
+    bridge->unsent_messages.append(bytes_t(unsent_messages_limit - 128, 1));
+    EXPECT_TRUE(send_page(page_request(128, 3))) << "the servers are not asked";
+    EXPECT_EQ(counted[page_request_outcome::served].value(), 1U);
+    EXPECT_EQ(counted[page_request_outcome::refused].value(), 1U);
+}
+
 TEST_F(page_serving, what_is_not_stored_is_not_served)
 {
     store_page(128, 3, ramp(128));
