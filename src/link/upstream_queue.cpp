@@ -24,9 +24,11 @@ static bool send_first(message_part& part, void* socket, bool more)
     return has_room && part.send(socket, more);
 }
 
-static bool send_whole(message_part& first, message_part* second, void* socket)
+upstream_queue::handed upstream_queue::send_whole(message_part& first, message_part* second, void* socket)
 {
-    return send_first(first, socket, second != nullptr) && (!second || second->send(socket));
+    if (!send_first(first, socket, second != nullptr))
+        return handed::nothing;
+    return !second || second->send(socket) ? handed::whole : handed::a_part;
 }
 
 void upstream_queue::accepted()
@@ -47,18 +49,31 @@ void upstream_queue::lose(upstream_loss cause)
     m_watch.refused(m_function, m_call);
 }
 
+// The server went away between the two parts. The library has dropped the first with the connection, and takes
+// what comes next for a message's first part again; the second alone would be read as a message of its own.
+void upstream_queue::lose_torn()
+{
+    m_counts.lost[upstream_loss::error].add();
+    m_watch.refused(m_function, m_call);
+}
+
 void upstream_queue::send(void* socket, message_part& first, message_part* second, bool may_wait)
 {
     if (is_waiting() && keep(first, second)) // in order
         return;
-    if (!is_waiting() && send_whole(first, second, socket)) {
+    if (is_waiting()) {
+        errno = EAGAIN;
+        return lose(upstream_loss::overflow);
+    }
+    const handed done = send_whole(first, second, socket);
+    if (done == handed::whole) {
         m_counts.at_once.add();
         return accepted();
     }
-    if (is_waiting())
-        errno = EAGAIN;
-    else if (errno == EAGAIN && may_wait && !m_watch.is_overflowing() && m_allowance.has_any(now_ms()) &&
-             keep(first, second))
+    if (done == handed::a_part)
+        return lose_torn();
+    if (errno == EAGAIN && may_wait && !m_watch.is_overflowing() && m_allowance.has_any(now_ms()) &&
+        keep(first, second))
         return;
     lose(upstream_loss::overflow);
 }
@@ -91,10 +106,13 @@ uint64_t upstream_queue::drain(void* socket)
     uint64_t handed_over = 0;
     while (is_waiting()) {
         message& next = m_waiting.front();
-        if (send_whole(next.first, next.has_second ? &next.second : nullptr, socket)) {
+        const handed done = send_whole(next.first, next.has_second ? &next.second : nullptr, socket);
+        if (done == handed::whole) {
             accepted();
             ++handed_over;
-        } else if (errno == EAGAIN)
+        } else if (done == handed::a_part)
+            lose_torn();
+        else if (errno == EAGAIN)
             break;
         else
             lose(upstream_loss::error);

@@ -10,7 +10,8 @@
 // Ownership  Owns what waits.
 // Threads    WIN server thread.
 // Blocking   Nothing waits: refusals come back at once.
-// Failures   What is lost is counted, and said by overflow_watch.
+// Failures   What is lost is counted, and said by overflow_watch. A message of which the library has taken the
+//            first part only is lost: half of one never waits.
 #pragma once
 
 #include "base/counter.h"
@@ -106,11 +107,15 @@ private:
         bool has_second = false;
     };
 
+    enum class handed : uint8_t { whole, nothing, a_part };
+
+    static handed send_whole(message_part& first, message_part* second, void* socket);
     uint64_t drain(void* socket);
     void note_late(uint64_t number);
     void accepted();
     bool keep(message_part& first, message_part* second);
     void lose(upstream_loss cause);
+    void lose_torn();
     int64_t now_ms();
 
     overflow_watch m_watch;

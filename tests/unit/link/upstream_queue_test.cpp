@@ -12,6 +12,30 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+
+#include <utility>
+
+namespace rtls {
+
+namespace {
+
+// The endpoint that goes away when the first part of a message has been taken, once; null: none does.
+const char* goes_away_after_a_part = nullptr;
+
+} // namespace
+
+} // namespace rtls
+
+extern "C" int zmq_msg_send(zmq_msg_t* message, void* socket, int flags)
+{
+    const auto send = reinterpret_cast<decltype(zmq_msg_send)*>(dlsym(RTLD_NEXT, "zmq_msg_send"));
+    const int sent = send(message, socket, flags);
+    if (sent >= 0 && (flags & ZMQ_SNDMORE) != 0 && rtls::goes_away_after_a_part)
+        zmq_disconnect(socket, std::exchange(rtls::goes_away_after_a_part, nullptr));
+    return sent;
+}
+
 namespace rtls {
 
 using testing::ElementsAre;
@@ -78,7 +102,8 @@ public:
         std::vector<int> numbers;
         message_part part;
         while (part.receive(zsock_resolve(server.get()))) {
-            numbers.push_back(part.data()[0]);
+            EXPECT_EQ(part.size(), 1U) << "a message begins with its first part";
+            numbers.push_back(part.size() == 1 ? part.data()[0] : -1);
             EXPECT_TRUE(part.receive(zsock_resolve(server.get()))) << "a message is whole";
             EXPECT_EQ(part.data()[0], numbers.back());
             queue.retry(socket());
@@ -159,6 +184,34 @@ TEST_F(full_queue, counts_what_waits_at_the_stop_as_lost)
     queue.stopping(socket());
     EXPECT_THAT(log.messages("main"),
                 ElementsAre("Overflow!", StartsWith("Overflow some queue: 2 lost in ")));
+}
+
+TEST_F(full_queue, loses_a_message_that_its_server_leaves_in_the_middle_of)
+{
+    (void)received(); // there is room
+    goes_away_after_a_part = endpoint.c_str();
+    send(1, may_wait);
+    EXPECT_FALSE(queue.is_waiting());
+    EXPECT_EQ(queue.counts().lost.value(static_cast<size_t>(upstream_loss::error)), 1U);
+    zsock_connect(sender.get(), "%s", endpoint.c_str());
+    send(2, may_wait);
+    queue.retry(socket());
+    EXPECT_THAT(received(), ElementsAre(2));
+}
+
+TEST_F(full_queue, loses_one_that_has_waited_in_the_same_way_and_keeps_the_next)
+{
+    send(1, may_wait);
+    send(2, may_wait);
+    goes_away_after_a_part = endpoint.c_str();
+    EXPECT_EQ(received(), std::vector<int>(room, 0));
+    EXPECT_EQ(goes_away_after_a_part, nullptr);
+    EXPECT_TRUE(queue.is_waiting());
+    EXPECT_EQ(queue.counts().lost.value(static_cast<size_t>(upstream_loss::error)), 1U);
+    zsock_connect(sender.get(), "%s", endpoint.c_str());
+    queue.retry(socket());
+    EXPECT_FALSE(queue.is_waiting());
+    EXPECT_THAT(received(), ElementsAre(2));
 }
 
 TEST_F(full_queue, pauses_the_reader_of_the_win_port_until_there_is_room)
