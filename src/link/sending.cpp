@@ -5,6 +5,7 @@
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "base/stream_send.h"
+#include "link/silent_ends.h"
 #include "link/unsent_messages.h"
 #include "wire/slip.h"
 
@@ -106,8 +107,11 @@ static bool send_bytes(WIN_SERVER_t& server, bytes_view identity, bytes_view byt
     const bool sent = stream_send(server.win_sock, identity, frame);
     if (sent)
         server.counts.bytes_out.add(bytes.size());
-    else if (errno != EAGAIN)
+    else if (errno != EAGAIN) {
         log_call_error(function, "zframe_send");
+        if (WIN_CLIENT_t* client = errno == EHOSTUNREACH ? find_client(server, identity) : nullptr)
+            note_unreachable(server, *client);
+    }
     return sent;
 }
 

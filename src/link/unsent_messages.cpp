@@ -5,6 +5,7 @@
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "base/stream_send.h"
+#include "link/silent_ends.h"
 #include "link/win_server_private.h"
 
 #include <algorithm>
@@ -228,6 +229,8 @@ void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
         if (!send_piece(*server, *client)) {
             if (errno != EAGAIN)
                 log_call_error(__func__, "zframe_send");
+            if (errno == EHOSTUNREACH)
+                note_unreachable(*server, *client);
             if (has_sent)
                 flush_soon(*server);
             return;

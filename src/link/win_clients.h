@@ -51,6 +51,9 @@ struct WIN_CLIENT_t {
     unsent_queue unsent_messages;
     bool unsent_overflow = false; // a loss since it was last empty has been reported
     int fd = -1;                  // the connection's descriptor as seen at connect, or -1
+    uint64_t heard_at_check = 0;  // these three are those of silent_ends: when something was last heard,
+    bool has_lost_number = false; // whether a later connection has the descriptor's number,
+    bool is_unreachable = false;  // and whether the library knows no way to it
 };
 
 // Whether the decoder has bytes of a frame that has not ended.

@@ -35,6 +35,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 namespace rtls {
 
@@ -60,6 +61,7 @@ struct WIN_SERVER_t {
     bool rpl_timer_is_active = false;
     bool unprocessed_MSG_PANID_REQ = false;
     bool flush_timer_is_active = false;
+    bool end_timer_is_active = false;
     std::atomic<bool> ready{false}; // set once by the actor, polled by the owner
     bool proxy_is_silent = false;
     lent<zsock_ptr> win_sock;
@@ -90,7 +92,10 @@ struct WIN_SERVER_t {
 
     int win_backlog = 0; // of the WIN port; 0: the library's default
     closed_id_set closed_ids;
-    connection_cuts cuts;           // of closed connections whose queue is full
+    connection_cuts cuts;                                // of closed connections whose queue is full
+    uint64_t end_checks = 0;                             // how often silent bridges have been looked for
+    size_t next_end_check = 0;                           // position in the table to look from
+    std::unordered_map<int, std::string> number_holders; // the last connection with a descriptor's number
     int64_t undrained_since = 0;    // zclock_usecs of the first event since it was drained; 0 while it is
     int64_t last_turn_end = 0;      // zclock_usecs of when its reader was last done
     size_t undrained_bytes = 0;     // and what has been handled since then

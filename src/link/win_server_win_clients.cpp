@@ -6,6 +6,7 @@
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "link/sending.h"
+#include "link/silent_ends.h"
 
 #include <sys/socket.h>
 
@@ -90,27 +91,20 @@ static void on_connect(WIN_SERVER_t& server, message_part& identity, const ident
         delete_win_client(&server, made->id); // not in the table yet
         return;
     }
-    const WIN_CLIENT_t* client = server.clients.insert(key.c_str(), std::move(made));
+    WIN_CLIENT_t* client = server.clients.insert(key.c_str(), std::move(made));
     if (!client)
         return server.counts.bridges_not_made.add();
+    client->heard_at_check = server.end_checks;
+    note_number(server, *client);
     server.counts.bridges_accepted.add();
     // Bridges wait for this before they speak; it stands outside of any frame on purpose.
     static constexpr uint8_t greeting[] = {'s', 'y', 'n', 'c', '\n'};
     bytes_to_bridge(server, identity.bytes(), greeting);
 }
 
-static void on_disconnect(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const identity_key& key)
-{
-    dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "Connection closed by peer IP:%s:%d MAC:%s ID:[%s]",
-              ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
-              colon_mac_text{client.mac_addr}.c_str(), key.c_str());
-    server.counts.bridges_closed[bridge_end::peer].add();
-    lose_with_bridge(server, client);
-    server.clients.erase(key.c_str());
-}
-
 static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_key& key, bytes_view data)
 {
+    client.heard_at_check = server.end_checks;
     server.counts.bytes_in.add(data.size());
     if (dbg_is_wanted(DBG_RAW))
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_INPUT", "%s [%zu] %s:%d [%s]",
@@ -142,7 +136,7 @@ static void handle_event(WIN_SERVER_t& server, message_part& identity, message_p
         on_data(server, *client, key, bytes);
     } else if (client) {
         events[bridge_event::disconnected].add();
-        on_disconnect(server, *client, key);
+        end_by_peer(server, *client);
     } else if (!bytes.empty()) {
         events[bridge_event::data_of_nobody].add();
         dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "(E) rsvd from non existed client %s",

@@ -6,6 +6,7 @@
 #include "base/peer.h"
 #include "base/signals.h"
 #include "link/sending.h"
+#include "link/silent_ends.h"
 #include "link/unsent_messages.h"
 #include "registry/nodes_container.h"
 #include "server/win_server.h"
@@ -83,6 +84,7 @@ int check_client_connection_at(WIN_SERVER_t* server, int64_t now)
     }
     if (!is_new_period(*server, now))
         return 0;
+    end_silent_bridges(*server);
     for (const WIN_CLIENT_t* client : unwanted_clients(*server, *nodes))
         close_unwanted(*server, *client);
     return 0;
