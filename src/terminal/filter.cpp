@@ -295,7 +295,8 @@ private:
         case '(':
             open_group();
             break;
-        case ')':
+        case ')': // one that closes nothing has sent the compiler round without end: ")\\)9"
+            expect(m_depth > 0);
             if (m_depth > 0)
                 close_group();
             break;

@@ -195,8 +195,9 @@ TEST(filter, what_costs_too_much_is_refused_as_such)
 TEST(filter, what_is_invalid_is_refused_as_such)
 {
     for (const char* pattern :
-         {"(", "[", "[a-", "[[:alpha", "[[:nothing:]]", "[[:alpha:x]", "a{", "a{2", "a{x}", "a{~1}", "a{,2}",
-          "a{2,1}", "a\\", "(a)\\1", "(a*)\\1*b", "(a)\\9", "(?i)a", "\\Q[\\E"}) {
+         {"(",     "[",       "[a-",   "[[:alpha", "[[:nothing:]]", "[[:alpha:x]", "a{",        "a{2",
+          "a{x}",  "a{~1}",   "a{,2}", "a{2,1}",   "a\\",           "(a)\\1",      "(a*)\\1*b", "(a)\\9",
+          "(?i)a", "\\Q[\\E", ")",     "a)",       "(a))",          ")\\\\)9"}) {
         errno = EBUSY;
         EXPECT_EQ(compile_filter(pattern), nullptr) << pattern;
         EXPECT_EQ(errno, EINVAL) << pattern;
