@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -105,11 +106,12 @@ static void page_of_nodes(benchmark::State& state)
 {
     auto& nodes = *static_cast<NODES_CONTAINER_t*>(loaded_gateway().nodes());
     const auto bridges = win_server_copy_clients(&loaded_gateway().win_server());
+    const std::atomic<bool> is_stopping{false};
     for (auto _ : state) {
         nodes_page page{{}, bridges};
         walk_nodes(
             nodes, index_bridges(bridges), [&](std::span<const node_row> rows) { page.take(rows); },
-            [&] { page.begin_anew(); });
+            [&] { page.begin_anew(); }, is_stopping);
         benchmark::DoNotOptimize(page.as_json());
     }
 }
