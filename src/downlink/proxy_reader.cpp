@@ -21,7 +21,7 @@ namespace rtls {
 static constexpr size_t largest_command = ota_upload::size + UINT16_MAX;
 static constexpr size_t text_limit = size_t{256} * 1024;
 static_assert(gwMsgFwImageAvailInd_t::size <= ota_upload::size);
-static_assert(text_limit > 2 * largest_command + 64 * 1024);
+static_assert(text_limit > 2 * largest_command + size_t{64} * 1024);
 
 static void process_text(WIN_SERVER_t* server, const char* text)
 {

@@ -7,6 +7,7 @@ namespace rtls {
 
 struct http_server::state {};
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): as the one that keeps them takes them
 http_server::http_server(services& /*gateway*/, http_rules /*rules*/) {}
 
 http_server::~http_server() = default;

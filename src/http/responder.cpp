@@ -142,7 +142,8 @@ private:
         answer.status = made.status;
         answer.set_header("Cache-Control", cache_rule);
         answer.set_header("X-Content-Type-Options", "nosniff");
-        answer.set_content(std::move(made.body), made.type);
+        answer.body = std::move(made.body); // set_content() would copy it
+        answer.set_header("Content-Type", made.type);
     }
 
     bool is_admitted(const httplib::Request& request) const

@@ -204,10 +204,10 @@ namespace {
 
 struct link_message {
     uint16_t type;
+    message_type kind;
     // Of frame.msg, exactly. A forwarded message brings its envelope's trailer along: so a forwarded
     // heartbeat has the direct one's size, and other fixed sizes are refused.
     size_t size;
-    message_type kind;
     message_outcome (*handle)(link_frame&);
 };
 
@@ -215,13 +215,13 @@ struct link_message {
 
 static constexpr size_t checked_by_handler = 0;
 static constexpr link_message link_messages[] = {
-    {MSG_PANID_REQ, gwMsgPrefixRequest_t::size, message_type::panid_req, handle_panid_req},
-    {MSG_ANNOUNCE_ROOT_IND, gwMsgRootAnnounce_t::size, message_type::announce_root, handle_announce_root},
-    {MSG_HEARTBEAT_IND, gwMsgHeartbeat_t::size, message_type::heartbeat, handle_heartbeat},
+    {MSG_PANID_REQ, message_type::panid_req, gwMsgPrefixRequest_t::size, handle_panid_req},
+    {MSG_ANNOUNCE_ROOT_IND, message_type::announce_root, gwMsgRootAnnounce_t::size, handle_announce_root},
+    {MSG_HEARTBEAT_IND, message_type::heartbeat, gwMsgHeartbeat_t::size, handle_heartbeat},
     // The same record.
-    {MSG_NODE_ANNOUNCE_IND, gwMsgHeartbeat_t::size, message_type::node_announce, handle_heartbeat},
-    {MSG_GENERIC_SERVER_REQ, checked_by_handler, message_type::generic_server_req, handle_generic_server_req},
-    {MSG_SENSOR_IND_NEW, checked_by_handler, message_type::sensor, handle_sensor_report},
+    {MSG_NODE_ANNOUNCE_IND, message_type::node_announce, gwMsgHeartbeat_t::size, handle_heartbeat},
+    {MSG_GENERIC_SERVER_REQ, message_type::generic_server_req, checked_by_handler, handle_generic_server_req},
+    {MSG_SENSOR_IND_NEW, message_type::sensor, checked_by_handler, handle_sensor_report},
 };
 static_assert(gwMsgHeartbeat_t::size ==
               gwMsgHeartbeat_t::bridge_mac + nwk_data_ind::overhead - nwk_data_ind::inner);

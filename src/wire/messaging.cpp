@@ -65,7 +65,8 @@ static_assert(CRC_FIRMWARE == 3 && IGET_FIRMWARE == 4);
 static_assert(DSC_CMD_REQUEST_ADDRESS == 1);
 
 static_assert(std::is_same_v<SeqNo_t, uint8_t> && std::is_same_v<rplPrefix_t, uint16_t>);
-static_assert(std::is_same_v<gwCmdID_t, uint16_t> && std::is_same_v<obnCmdID_t, uint16_t>);
+static_assert(std::is_same_v<gwCmdID_t, uint16_t>);
+static_assert(std::is_same_v<obnCmdID_t, uint16_t>);
 static_assert(sizeof(MSG_CODE) == 2 && sizeof(GENERIC_REQ) == 2);
 static_assert(sizeof(NODE_ROLE) == 1 && sizeof(GW2BR_FLAGS) == 1);
 static_assert(sizeof(winserw_sock_cmd_t) == 4);
