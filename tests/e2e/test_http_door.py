@@ -4,17 +4,11 @@ import threading
 
 import pytest
 
-from harness.daemon import free_port
 from harness.http_client import Raw, get, with_http
 from harness.peers import wait_until
 
 HEAD_LIMIT = 8192
 CONNECTIONS = 64
-
-
-@pytest.fixture
-def http_port():
-    return free_port()
 
 
 @pytest.fixture

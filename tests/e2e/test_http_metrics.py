@@ -6,8 +6,7 @@ import subprocess
 import pytest
 
 from harness import wire
-from harness.daemon import free_port
-from harness.http_client import get, with_http
+from harness.http_client import get
 from harness.peers import wait_until
 
 OPEN_METRICS = "application/openmetrics-text"
@@ -21,23 +20,16 @@ RESTLESS = ("process_", "rtls_gateway_process", "rtls_gateway_loop", "rtls_gatew
 
 
 @pytest.fixture
-def port():
-    return free_port()
-
-
-@pytest.fixture
-def daemon(start_gateway, port):
-    daemon = start_gateway(change=with_http(port))
-    bridge = daemon.bridge(wire.mac(0x0101))
+def daemon(http_gateway):
+    bridge = http_gateway.bridge(wire.mac(0x0101))
     bridge.introduce()
     bridge.send_message(wire.heartbeat(wire.mac(0x0102), 1, bridge=bridge.mac, addr=wire.ip(7)))
     bridge.barrier()
-    wait_until(lambda: get(port, "/readyz").status == 200, "the links")
-    return daemon
+    return http_gateway
 
 
-def scrape(port, accept=None):
-    answer = get(port, "/metrics", headers={"Accept": accept} if accept else {})
+def scrape(http_port, accept=None):
+    answer = get(http_port, "/metrics", headers={"Accept": accept} if accept else {})
     assert answer.status == 200
     return answer.headers["Content-Type"], answer.body.decode()
 
@@ -64,32 +56,32 @@ def samples(text: str) -> dict:
     (OPEN_METRICS + ";q=0", False), (OPEN_METRICS + ";q=0.3,text/plain;q=0.5", False),
     ("text/plain;q=0.3 , " + OPEN_METRICS + " ; q=0.5", True), (";;;,,q=,=", False), (OPEN_METRICS + ";q=nonsense", False),
 ])
-def test_the_format_is_the_one_that_is_asked_for(daemon, port, accept, is_open):
-    kind, text = scrape(port, accept)
+def test_the_format_is_the_one_that_is_asked_for(daemon, http_port, accept, is_open):
+    kind, text = scrape(http_port, accept)
     assert kind == ("application/openmetrics-text; version=1.0.0; charset=utf-8" if is_open
                     else "text/plain; version=0.0.4; charset=utf-8")
     assert text.endswith("\n# EOF\n") == is_open
 
 
-def test_promtool_finds_nothing_to_say(daemon, port):
+def test_promtool_finds_nothing_to_say(daemon, http_port):
     assert shutil.which("promtool"), "scripts/install-deps test"
-    _, text = scrape(port)
+    _, text = scrape(http_port)
     checked = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, text=True, timeout=60)
     assert (checked.returncode, checked.stdout, checked.stderr) == (0, "", ""), checked.stdout + checked.stderr
 
 
-def test_both_formats_say_the_same(daemon, port):
+def test_both_formats_say_the_same(daemon, http_port):
     def steady(text):
         return {key: value for key, value in samples(text).items()
                 if not key[0].startswith(RESTLESS) and "seconds" not in key[0] and "log" not in key[0]}
-    plain, opened = steady(scrape(port)[1]), steady(scrape(port, OPEN_METRICS)[1])
+    plain, opened = steady(scrape(http_port)[1]), steady(scrape(http_port, OPEN_METRICS)[1])
     assert plain == opened and len(plain) > 100
 
 
-def test_open_metrics_is_in_order(daemon, port):
+def test_open_metrics_is_in_order(daemon, http_port):
     """The rules of the format that a Prometheus does not check: each family once, its type first, units, and the suffixes of
     its samples."""
-    _, text = scrape(port, OPEN_METRICS)
+    _, text = scrape(http_port, OPEN_METRICS)
     lines = text.splitlines()
     assert lines[-1] == "# EOF" and "" not in lines
     family, kind, seen = None, None, set()
@@ -110,8 +102,8 @@ def test_open_metrics_is_in_order(daemon, port):
             assert name in {family + suffix for suffix in suffixes[kind]}, line
 
 
-def test_histograms_are_whole(daemon, port):
-    found = samples(scrape(port, OPEN_METRICS)[1])
+def test_histograms_are_whole(daemon, http_port):
+    found = samples(scrape(http_port, OPEN_METRICS)[1])
     groups = {}
     for (name, labels), value in found.items():
         if name.endswith("_bucket"):
@@ -126,9 +118,9 @@ def test_histograms_are_whole(daemon, port):
         assert (name + "_sum", labels) in found
 
 
-def test_figures_move_with_what_they_count(daemon, port):
+def test_figures_move_with_what_they_count(daemon, http_port):
     def value(name, **labels):
-        return samples(scrape(port)[1]).get((name, tuple(sorted(labels.items()))), 0)
+        return samples(scrape(http_port)[1]).get((name, tuple(sorted(labels.items()))), 0)
     assert value("rtls_gateway_bridges") == 1
     bridge = daemon.bridge(wire.mac(0x0201))
     bridge.introduce()

@@ -5,7 +5,7 @@ import jsonschema
 import pytest
 
 from harness import wire
-from harness.daemon import ROOT, free_port
+from harness.daemon import ROOT
 from harness.http_client import get, with_http
 from harness.peers import wait_until
 
@@ -38,14 +38,9 @@ def test_every_page_is_described():
 
 
 @pytest.fixture
-def port():
-    return free_port()
-
-
-@pytest.fixture
-def daemon(start_gateway, port):
+def daemon(http_gateway, http_port):
     """With a bridge, nodes of every state and an operator."""
-    daemon = start_gateway(change=with_http(port))
+    daemon = http_gateway
     bridge, gone = daemon.bridge(wire.mac(0x0101)), daemon.bridge(wire.mac(0x0201))
     for one in (bridge, gone):
         one.introduce()
@@ -56,8 +51,7 @@ def daemon(start_gateway, port):
     gone.close()
     daemon.bridge()  # one that never names itself
     daemon.terminal().send(b"grep a\n")
-    wait_until(lambda: get(port, "/readyz").status == 200, "the links")
-    wait_until(lambda: [one for one in get(port, "/api/v1/operators").json["operators"] if one["filter"]], "the filter")
+    wait_until(lambda: [one for one in get(http_port, "/api/v1/operators").json["operators"] if one["filter"]], "the filter")
     return daemon
 
 
@@ -70,23 +64,23 @@ def daemon(start_gateway, port):
     ("/api/v1/nodes/{mac}", "/api/v1/nodes/" + wire.mac(0x9999).hex(), 404), ("/api/v1/nodes/{mac}", "/api/v1/nodes/x", 400),
     ("/api/v1/operators", "/api/v1/operators", 200), ("/api/v1/firmware", "/api/v1/firmware", 200),
 ])
-def test_answers_are_as_described(daemon, port, path, target, status):
-    answer = get(port, target)
+def test_answers_are_as_described(daemon, http_port, path, target, status):
+    answer = get(http_port, target)
     assert answer.status == status
     check(path, answer)
 
 
-def test_the_other_format_is_described_too(daemon, port):
-    check("/metrics", get(port, "/metrics", headers={"Accept": "application/openmetrics-text"}))
+def test_the_other_format_is_described_too(daemon, http_port):
+    check("/metrics", get(http_port, "/metrics", headers={"Accept": "application/openmetrics-text"}))
 
 
-def test_refusals_are_as_described(start_gateway, port, tmp_path):
+def test_refusals_are_as_described(start_gateway, http_port, tmp_path):
     (tmp_path / "token").write_text("t")
-    start_gateway(change=with_http(port, token=tmp_path / "token"), upstream=("broker", "proxy", "proxy_input"))
+    start_gateway(change=with_http(http_port, token=tmp_path / "token"), upstream=("broker", "proxy", "proxy_input"))
     for path in API["paths"]:
-        answer = get(port, path.replace("{mac}", "0011223344556677"))
+        answer = get(http_port, path.replace("{mac}", "0011223344556677"))
         assert answer.status == 401
         check(path, answer)
-    answer = get(port, "/readyz", headers={"Authorization": "Bearer t"})
+    answer = get(http_port, "/readyz", headers={"Authorization": "Bearer t"})
     assert answer.status == 503
     check("/readyz", answer)

@@ -2,26 +2,18 @@
 import pytest
 
 from harness import wire
-from harness.daemon import free_port
 from harness.http_client import get, with_http
 from harness.peers import wait_until
 from harness.stopped_thread import StoppedThread, thread_id
 
 
 @pytest.fixture
-def port():
-    return free_port()
+def daemon(http_gateway):
+    return http_gateway
 
 
-@pytest.fixture
-def daemon(start_gateway, port):
-    daemon = start_gateway(change=with_http(port))
-    wait_until(lambda: get(port, "/readyz").status == 200, "the links")
-    return daemon
-
-
-def api(port, path, status=200, **kw):
-    answer = get(port, "/api/v1/" + path, **kw)
+def api(http_port, path, status=200, **kw):
+    answer = get(http_port, "/api/v1/" + path, **kw)
     assert answer.status == status, answer.body
     return answer.json
 
@@ -32,104 +24,104 @@ def check_of(answer, name):
 
 # --- health
 
-def test_a_daemon_that_turns_lives(daemon, port):
-    answer = get(port, "/livez?verbose")
+def test_a_daemon_that_turns_lives(daemon, http_port):
+    answer = get(http_port, "/livez?verbose")
     assert answer.status == 200
     assert answer.json["status"] == "ok"
     assert [check["name"] for check in answer.json["checks"]] == ["WIN server loop", "terminal server loop", "log thread"]
     assert all(check["ok"] for check in answer.json["checks"])
-    assert get(port, "/livez").json == {"status": "ok", "checks": []}
+    assert get(http_port, "/livez").json == {"status": "ok", "checks": []}
 
 
 @pytest.mark.parametrize("thread, name", [("rtls-win", "WIN server loop"), ("rtls-terminal", "terminal server loop")])
-def test_a_loop_that_stands_is_told_and_forgiven(daemon, port, thread, name):
+def test_a_loop_that_stands_is_told_and_forgiven(daemon, http_port, thread, name):
     with StoppedThread(thread_id(daemon, thread)):
-        wait_until(lambda: get(port, "/livez").status == 503, "the loop to be missed")
-        answer = get(port, "/livez")
+        wait_until(lambda: get(http_port, "/livez").status == 503, "the loop to be missed")
+        answer = get(http_port, "/livez")
         assert answer.json["status"] == "unavailable"
         assert [check["name"] for check in answer.json["checks"]] == [name]
         assert check_of(answer, name)["turned_ms_ago"] >= 3000
-    wait_until(lambda: get(port, "/livez").status == 200, "the loop to turn again")
+    wait_until(lambda: get(http_port, "/livez").status == 200, "the loop to turn again")
 
 
-def test_pages_that_need_a_loop_that_stands_say_so(daemon, port):
+def test_pages_that_need_a_loop_that_stands_say_so(daemon, http_port):
     with StoppedThread(thread_id(daemon, "rtls-terminal")):
-        assert api(port, "operators", 503)["error"] == "the terminal server does not answer"
-        assert get(port, "/version").status == 200
+        assert api(http_port, "operators", 503)["error"] == "the terminal server does not answer"
+        assert get(http_port, "/version").status == 200
     with StoppedThread(thread_id(daemon, "rtls-win")):
-        assert api(port, "firmware", 503)["error"] == "the WIN server does not answer"
-    wait_until(lambda: get(port, "/api/v1/firmware").status == 200, "the loop to turn again")
+        assert api(http_port, "firmware", 503)["error"] == "the WIN server does not answer"
+    wait_until(lambda: get(http_port, "/api/v1/firmware").status == 200, "the loop to turn again")
 
 
-def test_it_is_not_ready_while_a_server_upstream_is_away(start_gateway, port):
-    daemon = start_gateway(change=with_http(port), upstream=("broker", "proxy", "proxy_input"))
-    wait_until(lambda: (check_of(get(port, "/readyz"), "message handler") or {}).get("last_reason"), "a reason")
-    answer = get(port, "/readyz")
+def test_it_is_not_ready_while_a_server_upstream_is_away(start_gateway, http_port):
+    daemon = start_gateway(change=with_http(http_port), upstream=("broker", "proxy", "proxy_input"))
+    wait_until(lambda: (check_of(get(http_port, "/readyz"), "message handler") or {}).get("last_reason"), "a reason")
+    answer = get(http_port, "/readyz")
     assert answer.status == 503
     missing = check_of(answer, "message handler")
     assert missing["up"] is False and missing["since"] is None and missing["connections"] == 0
     assert missing["last_reason"] == "nobody answers"
-    assert get(port, "/livez").status == 200
+    assert get(http_port, "/livez").status == 200
     daemon.start_handler()
-    wait_until(lambda: get(port, "/readyz").status == 200, "the handler")
-    verbose = get(port, "/readyz?verbose")
+    wait_until(lambda: get(http_port, "/readyz").status == 200, "the handler")
+    verbose = get(http_port, "/readyz?verbose")
     assert [check["name"] for check in verbose.json["checks"]] == ["serving", "message handler", "proxy", "proxy input"]
     assert check_of(verbose, "message handler")["connections"] == 1
 
 
-def test_a_server_that_goes_is_missed(daemon, port):
+def test_a_server_that_goes_is_missed(daemon, http_port):
     daemon.handler.close()
-    wait_until(lambda: get(port, "/readyz").status == 503, "the handler to be missed")
-    missing = check_of(get(port, "/readyz"), "message handler")
+    wait_until(lambda: get(http_port, "/readyz").status == 503, "the handler to be missed")
+    missing = check_of(get(http_port, "/readyz"), "message handler")
     assert missing["last_reason"] and missing["since"].endswith("Z")
 
 
-def test_the_start_can_be_watched(start_gateway, port):
+def test_the_start_can_be_watched(start_gateway, http_port):
     """The door is open before the servers serve."""
-    daemon = start_gateway(change=with_http(port), wait_ready=False)
-    wait_until(lambda: b"serving" in answer_or_nothing(port) or daemon.pid_file.exists(), "the door")
+    daemon = start_gateway(change=with_http(http_port), wait_ready=False)
+    wait_until(lambda: b"serving" in answer_or_nothing(http_port) or daemon.pid_file.exists(), "the door")
     daemon.wait_ready()
     daemon.proxy.wait_subscribed()
-    wait_until(lambda: get(port, "/readyz").status == 200, "the links")
+    wait_until(lambda: get(http_port, "/readyz").status == 200, "the links")
 
 
-def answer_or_nothing(port) -> bytes:
+def answer_or_nothing(http_port) -> bytes:
     try:
-        return get(port, "/readyz?verbose").body
+        return get(http_port, "/readyz?verbose").body
     except OSError:
         return b""
 
 
 # --- what the gateway knows
 
-def test_bridges_and_their_nodes(daemon, port):
+def test_bridges_and_their_nodes(daemon, http_port):
     bridge_mac, node_mac = wire.mac(0x0101), wire.mac(0x0102)
     bridge = daemon.bridge(bridge_mac)
     bridge.introduce()
     bridge.send_message(wire.heartbeat(node_mac, 1, bridge=bridge_mac, addr=wire.ip(7), parent=bridge_mac, role=0x21, sw=0x0A0B0C0D))
     bridge.barrier()
 
-    bridges = api(port, "bridges")["bridges"]
+    bridges = api(http_port, "bridges")["bridges"]
     assert len(bridges) == 1
     assert bridges[0]["mac"].replace(":", "") == bridge_mac.hex()
     assert bridges[0]["address"] == "127.0.0.1" and bridges[0]["port"] == bridge.port
     assert bridges[0]["nodes"] == 2
 
-    node = api(port, "nodes/" + node_mac.hex())
+    node = api(http_port, "nodes/" + node_mac.hex())
     assert node["mac"].replace(":", "") == node_mac.hex()
     assert node["bridge"] == bridges[0]["mac"] and node["parent"] == bridges[0]["mac"]
     assert (node["role"], node["state"], node["status"]) == ("fixed", 0x20, "connected")
     assert (node["x"], node["y"], node["z"], node["z_offset"]) == (1000, -2000, 300, -40)
     assert node["software"] == "0a0b0c0d" and node["address"].startswith("fd00::")
     assert 0 < node["lifetime_s"] <= 65535 and node["last_activity"].endswith("Z")
-    assert api(port, "nodes/" + node["mac"]) == {**node, "lifetime_s": api(port, "nodes/" + node["mac"])["lifetime_s"]}
-    assert api(port, "nodes/0011223344556677", 404)["error"] == "there is no such node"
-    assert api(port, "nodes/0011", 400)["error"] == "a MAC has 16 hex digits"
+    assert api(http_port, "nodes/" + node["mac"]) == {**node, "lifetime_s": api(http_port, "nodes/" + node["mac"])["lifetime_s"]}
+    assert api(http_port, "nodes/0011223344556677", 404)["error"] == "there is no such node"
+    assert api(http_port, "nodes/0011", 400)["error"] == "a MAC has 16 hex digits"
 
     bridge.close()
-    wait_until(lambda: not api(port, "bridges")["bridges"], "the bridge to be gone")
-    assert api(port, "nodes/" + node_mac.hex())["status"] == "floating"
-    assert api(port, "status")["nodes"] == {"total": 2, "connected": 0, "floating": 2, "expired": 0}
+    wait_until(lambda: not api(http_port, "bridges")["bridges"], "the bridge to be gone")
+    assert api(http_port, "nodes/" + node_mac.hex())["status"] == "floating"
+    assert api(http_port, "status")["nodes"] == {"total": 2, "connected": 0, "floating": 2, "expired": 0}
 
 
 @pytest.fixture
@@ -146,10 +138,10 @@ def many_nodes(daemon):
     return bridges
 
 
-def test_nodes_come_in_pages_in_the_order_of_their_macs(many_nodes, port):
+def test_nodes_come_in_pages_in_the_order_of_their_macs(many_nodes, http_port):
     macs, after = [], ""
     for size in (100, 100, 2):
-        found = api(port, "nodes?limit=100" + after)
+        found = api(http_port, "nodes?limit=100" + after)
         assert found["matching"] == 202 and len(found["nodes"]) == size
         macs += [node["mac"].replace(":", "") for node in found["nodes"]]
         after = f"&after={found['next']}"
@@ -164,8 +156,8 @@ def test_nodes_come_in_pages_in_the_order_of_their_macs(many_nodes, port):
     ("?text=BILE", 0), ("?bridge=" + wire.mac(0x1000).hex() + "&text=200A", 1), ("?text=%00", 0), ("?text=%FF", 0),
     ("?text=3344:0030", 0), ("?text=fd00::", 202),
 ])
-def test_nodes_are_filtered(many_nodes, port, query, matching):
-    found = api(port, "nodes" + query)
+def test_nodes_are_filtered(many_nodes, http_port, query, matching):
+    found = api(http_port, "nodes" + query)
     assert found["matching"] == matching
     assert len(found["nodes"]) == min(matching, 100)
 
@@ -176,29 +168,29 @@ def test_nodes_are_filtered(many_nodes, port, query, matching):
     ("bridge=12", '"bridge" must be'), ("after=zz", '"after" must be'), ("page=1", 'there is no parameter "page"'),
     ("%FF=1", "there is no parameter"),
 ])
-def test_parameters_that_cannot_be_read_are_refused(daemon, port, query, fault):
-    assert fault in api(port, "nodes?" + query, 400)["error"]
+def test_parameters_that_cannot_be_read_are_refused(daemon, http_port, query, fault):
+    assert fault in api(http_port, "nodes?" + query, 400)["error"]
 
 
-def test_operators(daemon, port):
+def test_operators(daemon, http_port):
     operator = daemon.terminal()
     operator.send(b"grep caf\xc3\xa9\xff\n")
-    wait_until(lambda: api(port, "operators")["operators"][0:1] and api(port, "operators")["operators"][0]["filter"], "the filter")
-    shown = api(port, "operators")["operators"]
+    wait_until(lambda: api(http_port, "operators")["operators"][0:1] and api(http_port, "operators")["operators"][0]["filter"], "the filter")
+    shown = api(http_port, "operators")["operators"]
     assert len(shown) == 1
     assert shown[0]["address"] == "127.0.0.1" and shown[0]["port"] == operator.port
     assert shown[0]["filter"].startswith("caf\u00e9\ufffd")
     assert shown[0]["waits_for_image"] is False
 
 
-def test_firmware(daemon, port, tmp_path):
-    assert api(port, "firmware") == {"slots": 2, "images": [], "announced": None}
+def test_firmware(daemon, http_port, tmp_path):
+    assert api(http_port, "firmware") == {"slots": 2, "images": [], "announced": None}
 
 
-def test_the_status(daemon, port):
-    wait_until(lambda: len(api(port, "status")["links"]) == 4, "the debug broker")
-    status = api(port, "status")
-    assert status["serving"] is True and status["version"] == get(port, "/version").json["version"]
+def test_the_status(daemon, http_port):
+    wait_until(lambda: len(api(http_port, "status")["links"]) == 4, "the debug broker")
+    status = api(http_port, "status")
+    assert status["serving"] is True and status["version"] == get(http_port, "/version").json["version"]
     assert [link["name"] for link in status["links"]] == ["message handler", "proxy", "proxy input", "debug broker"]
     assert all(link["up"] for link in status["links"])
     assert status["bridges"] == 0 and status["uptime_s"] >= 0

@@ -96,18 +96,13 @@ class Prometheus:
 
 
 @pytest.fixture
-def port():
-    return free_port()
+def daemon(start_gateway, http_port):
+    return start_gateway(change=with_http(http_port))
 
 
 @pytest.fixture
-def daemon(start_gateway, port):
-    return start_gateway(change=with_http(port))
-
-
-@pytest.fixture
-def prometheus(daemon, port, tmp_path):
-    prometheus = Prometheus(tmp_path, port)
+def prometheus(daemon, http_port, tmp_path):
+    prometheus = Prometheus(tmp_path, http_port)
     yield prometheus
     prometheus.close()
 

@@ -1,7 +1,9 @@
 """The fixtures of all tests that start the real daemon."""
 import pytest
 
-from .daemon import Daemon
+from .daemon import Daemon, free_port
+from .http_client import get, with_http
+from .peers import wait_until
 
 
 @pytest.fixture
@@ -26,4 +28,17 @@ def gateway(start_gateway):
     """A running daemon with every upstream peer connected and all debug sections off."""
     daemon = start_gateway()
     daemon.broker.wait_for("Connected to socket")
+    return daemon
+
+
+@pytest.fixture
+def http_port() -> int:
+    return free_port()
+
+
+@pytest.fixture
+def http_gateway(start_gateway, http_port):
+    """A running daemon with an HTTP port, and all its links up."""
+    daemon = start_gateway(change=with_http(http_port))
+    wait_until(lambda: get(http_port, "/readyz").status == 200, "the links")
     return daemon
