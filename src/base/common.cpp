@@ -86,14 +86,21 @@ void dbg_hold(bool is_held) noexcept
     dbg_is_held = is_held;
 }
 
+static bool has_listener(dbg_section_t section)
+{
+    return is_streamed(section) || logger_debug_is_wanted(section_logger(section));
+}
+
+bool dbg_is_heard(dbg_section_t section)
+{
+    return !dbg_is_held && has_listener(section);
+}
+
 bool dbg_is_wanted(dbg_section_t section)
 {
-    const bool is_wanted = is_streamed(section) || logger_debug_is_wanted(section_logger(section));
-    if (!dbg_is_held)
-        return is_wanted;
-    if (is_wanted)
+    if (dbg_is_held && has_listener(section))
         held_lines.add();
-    return false;
+    return dbg_is_heard(section);
 }
 
 tav_timestamp_t get_current_time(void)

@@ -37,8 +37,11 @@ extern const char* const dbg_section_name[DBG_SECTIONS_NUMBER];
 extern std::atomic<uint16_t> debug_mask;
 
 // Whether a line of `section` would reach anybody now: the stream, the broker or the system log.
-// Ask before making an expensive argument (a hex dump); dbg_print asks by itself.
+// Ask before making an expensive argument (a hex dump); dbg_print asks by itself. Whoever asks has a line: one that
+// is left out is counted.
 bool dbg_is_wanted(dbg_section_t section);
+// The same for who has none yet: nothing is counted.
+bool dbg_is_heard(dbg_section_t section);
 
 // While held, no line of the calling thread is wanted by anybody: for who has fallen behind with what peers
 // wait for. The debug stream is lossy anyway.

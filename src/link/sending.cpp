@@ -195,7 +195,7 @@ static delivery gather(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view en
 void begin_answers(WIN_SERVER_t& server, WIN_CLIENT_t& client)
 {
     // Who reads along sees each message leave before what it leads to.
-    if (!dbg_is_wanted(DBG_RAW))
+    if (!dbg_is_heard(DBG_RAW))
         server.answers.begin(&client);
 }
 

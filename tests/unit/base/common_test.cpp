@@ -287,6 +287,22 @@ TEST_F(debug_stream, with_a_broker_every_section_is_wanted)
         EXPECT_TRUE(dbg_is_wanted(static_cast<dbg_section_t>(section)));
 }
 
+TEST_F(debug_stream, counts_the_lines_that_are_left_out_and_no_questions)
+{
+    debug_mask = 1U << DBG_WIN;
+    const uint64_t before = dbg_lines_held();
+    dbg_hold(true);
+    EXPECT_FALSE(dbg_is_heard(DBG_WIN));
+    EXPECT_EQ(dbg_lines_held(), before);
+    dbg_print(nullptr, DBG_WIN, "CONS", "left out");
+    EXPECT_EQ(dbg_lines_held(), before + 1);
+    dbg_hold(false);
+    EXPECT_TRUE(dbg_is_heard(DBG_WIN));
+    dbg_print(nullptr, DBG_WIN, "CONS", "told");
+    EXPECT_EQ(dbg_lines_held(), before + 1);
+    debug_mask = 0;
+}
+
 TEST_F(debug_stream, of_a_thread_that_holds_it_is_wanted_by_nobody)
 {
     debug_mask = 1U << DBG_WIN;
