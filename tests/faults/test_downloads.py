@@ -208,7 +208,12 @@ def test_of_several_announced_images_the_last_is_the_current_one(gateway, web):
     web.released.set()
     update = bytes.fromhex("180100")
     assert bridge.receive() == update and bridge.receive() == update
-    assert [line for line in gateway.syslog() if "firmware image:" in line][-1].split()[4] == "obn-node.00000002.bin"
+
+    def images():
+        return [line.split()[4] for line in gateway.syslog() if "firmware image:" in line]
+
+    wait_until(lambda: len(images()) == 2, "the lines of both images")
+    assert images()[-1] == "obn-node.00000002.bin"
 
 
 def test_a_stop_ends_all_transfers(start_gateway, web):
