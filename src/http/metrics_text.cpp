@@ -1,5 +1,7 @@
 #include "http/metrics_text.h"
 
+#include "http/blanks.h"
+
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -9,19 +11,10 @@
 namespace rtls {
 
 static constexpr std::string_view total = "_total";
-static constexpr std::string_view blanks = " \t";
 static constexpr std::string_view open_metrics_type = "application/openmetrics-text";
 static constexpr double largest_exact = 9007199254740992; // 2^53
 
 // --- what is asked for
-
-static std::string_view trimmed(std::string_view text)
-{
-    const size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string_view::npos)
-        return {};
-    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
-}
 
 // Takes what stands before `separator` off the text.
 static std::string_view next_part(std::string_view& rest, char separator)

@@ -1,5 +1,7 @@
 #include "http/request_head.h"
 
+#include "http/blanks.h"
+
 #include <algorithm>
 #include <cctype>
 
@@ -7,7 +9,6 @@ namespace rtls {
 
 static constexpr std::string_view line_end = "\r\n";
 static constexpr std::string_view head_end = "\r\n\r\n";
-static constexpr std::string_view blanks = " \t";
 // Ranges (one request could ask for an answer a thousand times over), encodings and the like are not served.
 static constexpr std::string_view headers_taken[] = {"accept", "connection"};
 
@@ -40,14 +41,6 @@ static std::string lower_case(std::string_view text)
     std::ranges::transform(lower, lower.begin(),
                            [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return lower;
-}
-
-static std::string_view trimmed(std::string_view text)
-{
-    const size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string_view::npos)
-        return {};
-    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
 static bool announces_body(std::string_view name, std::string_view value)
