@@ -12,6 +12,7 @@ check_pie_supported()
 
 option(RTLS_WERROR "Treat warnings as errors" OFF)
 option(RTLS_TEST_PCH "Compile what all tests include once (the tests' own include lines then prove nothing)" OFF)
+option(RTLS_UNITY "Compile each library as one source (its sources' own include lines then prove nothing)" OFF)
 set(RTLS_SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize=")
 
 if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
@@ -97,4 +98,11 @@ function(rtls_add_tests)
       TIMEOUT 300
       ENVIRONMENT "TSAN_OPTIONS=ignore_noninstrumented_modules=1:suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp")
   endforeach()
+endfunction()
+
+# For RTLS_UNITY: a library whose sources can stand in one. What they all include is then read once.
+function(rtls_unite library)
+  if(RTLS_UNITY)
+    set_target_properties(${library} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
+  endif()
 endfunction()
