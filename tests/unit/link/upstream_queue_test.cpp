@@ -20,8 +20,8 @@ namespace rtls {
 
 namespace {
 
-// The endpoint that goes away when the first part of a message has been taken, once; null: none does.
-const char* goes_away_after_a_part = nullptr;
+// The endpoint that goes away when this thread has handed over the first part of a message, once; null: none does.
+thread_local const char* goes_away_after_a_part = nullptr;
 
 } // namespace
 
