@@ -142,7 +142,7 @@ static json bridge_json(const win_client_info& bridge, size_t nodes)
 
 page api::bridges(const page_request& /*request*/) const
 {
-    const auto bridges = win_server_copy_clients(m_gateway.win_server);
+    const auto bridges = win_server_copy_clients(*m_gateway.win_server);
     const auto counts = count_nodes(*m_gateway.nodes, bridges, m_is_stopping);
     if (!counts)
         return stops_page();
@@ -160,7 +160,7 @@ page api::nodes(const page_request& request) const
     std::optional<node_query> query = node_query::read(request.parameters, fault);
     if (!query)
         return refusal_page(400, fault);
-    const auto bridges = win_server_copy_clients(m_gateway.win_server);
+    const auto bridges = win_server_copy_clients(*m_gateway.win_server);
     nodes_page found{*std::move(query), bridges};
     const bool is_whole = walk_nodes(
         *m_gateway.nodes, index_bridges(bridges), [&](std::span<const node_row> rows) { found.take(rows); },
@@ -185,7 +185,7 @@ page api::node(const page_request& request) const
     const std::optional<mac_bytes> mac = parse_mac(request.rest);
     if (!mac)
         return refusal_page(400, "a MAC has 16 hex digits");
-    const auto bridges = win_server_copy_clients(m_gateway.win_server);
+    const auto bridges = win_server_copy_clients(*m_gateway.win_server);
     const std::optional<node_row> row = find_node(*m_gateway.nodes, *mac, index_bridges(bridges));
     return row ? json_page(node_json(*row, bridges)) : refusal_page(404, "there is no such node");
 }
@@ -280,7 +280,7 @@ static json log_json()
 
 page api::status(const page_request& /*request*/) const
 {
-    const auto bridges = win_server_copy_clients(m_gateway.win_server);
+    const auto bridges = win_server_copy_clients(*m_gateway.win_server);
     const auto counts = count_nodes(*m_gateway.nodes, bridges, m_is_stopping);
     if (!counts)
         return stops_page();

@@ -132,17 +132,12 @@ bool win_server_is_ready(void* p_win_server)
     return static_cast<WIN_SERVER_t*>(p_win_server)->ready;
 }
 
-std::vector<win_client_info> win_server_copy_clients(void* p_win_server)
-{
-    auto* server = static_cast<WIN_SERVER_t*>(p_win_server);
-    if (any_null(__func__, server))
-        return {};
-    try {
-        return server->clients.copy();
-    } catch (const std::bad_alloc&) {
-        logger_error(g_logger, str_out_of_memory, __func__);
-        return {};
-    }
+std::vector<win_client_info> win_server_copy_clients(WIN_SERVER_t& server)
+try {
+    return server.clients.copy();
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, __func__);
+    return {};
 }
 
 const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept

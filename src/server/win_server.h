@@ -39,7 +39,7 @@ zhashx_t* win_server_get_clients(void* p_win_server);
 bool win_server_is_ready(void* p_win_server);
 
 // A copy of the clients' addresses, in table order. Takes the table's own lock.
-std::vector<win_client_info> win_server_copy_clients(void* p_win_server);
+std::vector<win_client_info> win_server_copy_clients(WIN_SERVER_t& server);
 
 // Of the actor's loop. Any thread.
 const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept;

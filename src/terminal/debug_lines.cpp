@@ -28,12 +28,10 @@ static void deliver_line(TERMINAL_SERVER_t* server, const char* line) noexcept
 {
     if (!*line)
         return; // an empty text would close the subscribers' connections
-    zhashx_t* clients = server->clients.get();
-    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
-        auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
-        if (client->subscribed && !client->has_left)
-            server->counts.lines[offer_line(*server, *client, line)].add();
-    }
+    server->clients.for_each([&](TERMINAL_CLIENT_t& client) {
+        if (client.subscribed && !client.has_left)
+            server->counts.lines[offer_line(*server, client, line)].add();
+    });
 }
 
 int handle_dbg_message(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noexcept

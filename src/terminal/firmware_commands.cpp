@@ -1,9 +1,11 @@
 #include "terminal/firmware_commands.h"
 
+#include "base/null_check.h"
+#include "terminal/image_fetch.h"
 #include "terminal/request.h"
 #include "terminal/short_mac.h"
-#include "terminal/terminal_server.h"
 #include "terminal/texts.h"
+#include "terminal/win_requests.h"
 #include "wire/node_commands.h"
 
 #include <cstring>
@@ -37,19 +39,14 @@ std::string firmware_info_text(uint16_t index, const OTA_FIRMWARE_INFO_t& info)
                        info.maximum_pages);
 }
 
-// The store is asked by handle, which knows what to say without one.
-static std::optional<OTA_FIRMWARE_INFO_t> info_of(services& gateway, uint16_t index)
+static std::optional<OTA_FIRMWARE_INFO_t> info_of(const services& gateway, uint16_t index)
 {
-    OTA_FIRMWARE_INFO_t info{};
-    return ota_get_firmware_info(gateway.ota, index, &info) ? std::optional{info} : std::nullopt;
+    if (any_null("ota_get_firmware_info", gateway.ota))
+        return std::nullopt;
+    return gateway.ota->firmware_info(index);
 }
 
-std::string fetch_answer(int index)
-{
-    return index >= 0 ? text_format(str_firmware_downloaded, index) : "Failed to read firmware!\n";
-}
-
-std::string firmware_info(services& gateway, const char* index_word)
+std::string firmware_info(const services& gateway, const char* index_word)
 {
     const auto index = get_short_val_from_str(index_word);
     const auto info = index ? info_of(gateway, *index) : std::nullopt;
@@ -57,15 +54,15 @@ std::string firmware_info(services& gateway, const char* index_word)
 }
 
 // A deletion is reported like a request sent to a node, although nothing is sent.
-std::string firmware_del(services& gateway, const char* index_word)
+std::string firmware_del(const services& gateway, const char* index_word)
 {
     const auto index = get_short_val_from_str(index_word);
-    if (!index || !ota_del_firmware(gateway.ota, *index))
+    if (!index || any_null("ota_del_firmware", gateway.ota) || !gateway.ota->del_firmware(*index))
         return incorrect_index;
     return command_sent;
 }
 
-std::string firmware_apply(services& gateway, const char* mac_word)
+std::string firmware_apply(const services& gateway, TERMINAL_SERVER_t& server, const char* mac_word)
 {
     const auto short_mac = get_short_val_from_str(mac_word);
     if (!short_mac)
@@ -73,14 +70,11 @@ std::string firmware_apply(services& gateway, const char* mac_word)
     const auto mac = find_mac_by_short(gateway.nodes, *short_mac);
     if (!mac)
         return text_format(not_in_list, *short_mac);
-    auto message = make_apply_request(*mac);
-    const bool is_sent =
-        terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
-    return is_sent ? command_sent : command_not_sent;
+    return ask_win_server(server, make_apply_request(*mac)) ? command_sent : command_not_sent;
 }
 
-std::string firmware_set(services& gateway, const char* index_word, const char* mac_word,
-                         const char* source_word)
+std::string firmware_set(const services& gateway, TERMINAL_SERVER_t& server, const char* index_word,
+                         const char* mac_word, const char* source_word)
 {
     const auto index = get_short_val_from_str(index_word);
     if (!index)
@@ -100,10 +94,8 @@ std::string firmware_set(services& gateway, const char* index_word, const char* 
     const auto mac = find_mac_by_short(gateway.nodes, *short_mac);
     if (!mac)
         return text_format(not_in_list, *short_mac);
-    auto message = make_set_request({info->git_ver, info->crc32, info->size}, source, *mac);
-    const bool is_sent =
-        terminal_server_generic_req_to_win_serwer(gateway.terminal_server, message.data(), message.size());
-    return is_sent ? "Command sent the node successfully!\n" : command_not_sent;
+    const auto message = make_set_request({info->git_ver, info->crc32, info->size}, source, *mac);
+    return ask_win_server(server, message) ? "Command sent the node successfully!\n" : command_not_sent;
 }
 
 // --- Sub-commands. Each gets the reply that is already addressed, and answers it.
@@ -122,7 +114,9 @@ static void subcommand_get(const terminal_request& request, terminal_reply& repl
         reply.send("URL is missing!\n");
         return;
     }
-    reply.send(fetch_answer(ota_download_firmware(request.gateway.ota, request.words[2], nullptr, nullptr)));
+    OTA_t* store = request.gateway.ota;
+    const bool is_there = !any_null("ota_download_firmware", store);
+    reply.send(fetch_answer(is_there ? store->download_firmware(request.words[2], nullptr, nullptr) : -1));
 }
 
 static void subcommand_set(const terminal_request& request, terminal_reply& reply)
@@ -135,18 +129,21 @@ static void subcommand_set(const terminal_request& request, terminal_reply& repl
     const char* source = nullptr;
     if (request.words.size() > 4)
         source = strcasecmp(request.words[4], "GW") == 0 ? "GW" : word;
-    reply.send(firmware_set(request.gateway, word, word, source));
+    reply.send(firmware_set(request.gateway, request.server, word, word, source));
 }
 
 static void subcommand_apply(const terminal_request& request, terminal_reply& reply)
 {
-    reply.send(request.words.size() < 3 ? mac_missing : firmware_apply(request.gateway, value_word(request)));
+    reply.send(request.words.size() < 3
+                   ? mac_missing
+                   : firmware_apply(request.gateway, request.server, value_word(request)));
 }
 
 static void subcommand_list(const terminal_request& request, terminal_reply& reply)
 {
     reply.send(firmware_list_header);
-    const uint16_t slots = ota_get_files_number(request.gateway.ota);
+    const OTA_t* store = request.gateway.ota;
+    const uint16_t slots = any_null("ota_get_files_number", store) ? uint16_t{0} : store->files_number();
     for (uint16_t index = 0; index < slots; ++index) {
         const auto info = info_of(request.gateway, index);
         if (info && !request.answer(firmware_list_line(index, *info)))
@@ -177,7 +174,7 @@ static constexpr struct {
 void command_firmware(const terminal_request& request)
 {
     if (request.words.size() >= 3 && strcasecmp(request.words[1], "get") == 0 &&
-        terminal_server_fetch(request.gateway.terminal_server, *request.client, request.words[2]))
+        fetch_image(request.server, *request.client, request.words[2]))
         return;
     terminal_reply reply{*request.client, request.sock};
     if (!reply)

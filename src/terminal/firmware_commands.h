@@ -26,16 +26,13 @@ size_t firmware_pages_number(const OTA_FIRMWARE_INFO_t& info);
 std::string firmware_list_line(uint16_t index, const OTA_FIRMWARE_INFO_t& info);
 std::string firmware_info_text(uint16_t index, const OTA_FIRMWARE_INFO_t& info);
 
-// How it went to fetch an image: its slot, or -1.
-std::string fetch_answer(int index);
-
 // Do what the words ask for, and say how it went. The words are numbers as operators write them.
-std::string firmware_info(services& gateway, const char* index_word);
-std::string firmware_del(services& gateway, const char* index_word);
-std::string firmware_apply(services& gateway, const char* mac_word);
+std::string firmware_info(const services& gateway, const char* index_word);
+std::string firmware_del(const services& gateway, const char* index_word);
+std::string firmware_apply(const services& gateway, TERMINAL_SERVER_t& server, const char* mac_word);
 // `source_word`: "GW", a short MAC, or null for the passive mode.
-std::string firmware_set(services& gateway, const char* index_word, const char* mac_word,
-                         const char* source_word);
+std::string firmware_set(const services& gateway, TERMINAL_SERVER_t& server, const char* index_word,
+                         const char* mac_word, const char* source_word);
 
 // "fw", with a sub-command.
 void command_firmware(const terminal_request& request);

@@ -5,7 +5,7 @@
 #include "base/peer.h"
 #include "registry/nodes_container.h"
 #include "terminal/request.h"
-#include "terminal/terminal_server.h"
+#include "terminal/terminal_server_private.h"
 #include "terminal/texts.h"
 
 #include <arpa/inet.h>
@@ -269,36 +269,29 @@ private:
 
 } // namespace
 
-static bool add_terminals(listing_rows& rows, zhashx_t* terminals, zframe_t* asking)
+static bool add_terminals(listing_rows& rows, const operator_table& terminals, zframe_t* asking)
 {
-    for (void* item = zhashx_first(terminals); item; item = zhashx_next(terminals)) {
-        const auto* terminal = static_cast<TERMINAL_CLIENT_t*>(item);
-        if (terminal->has_left)
-            continue; // only what he had sent is still to be done
-        if (!rows.add(terminal_client_line(*terminal, zframe_eq(terminal->id.get(), asking))))
-            return false;
-    }
-    return true;
+    return terminals.all_of([&](const TERMINAL_CLIENT_t& terminal) {
+        return terminal.has_left || // only what he had sent is still to be done
+               rows.add(terminal_client_line(terminal, zframe_eq(terminal.id.get(), asking)));
+    });
 }
 
 // The clients of both kinds. The title goes alone: who does not take it costs no listing.
 void command_pcl(const terminal_request& request)
 {
-    if (!win_server_get_clients(request.gateway.win_server)) {
+    WIN_SERVER_t* win_server = request.gateway.win_server;
+    if (!win_server) {
         logger_error(g_logger, str_null_win_clients, __func__);
-        return;
-    }
-    zhashx_t* terminals = terminal_server_get_clients(request.gateway.terminal_server);
-    if (!terminals) {
-        logger_error(g_logger, str_null_terminal_clients, __func__);
         return;
     }
     if (!request.answer("####### Terminal clients\n"))
         return;
     listing_rows rows{request};
-    if (!add_terminals(rows, terminals, request.client->id.get()) || !rows.add("####### WIN clients:\n"))
+    if (!add_terminals(rows, request.server.clients, request.client->id.get()) ||
+        !rows.add("####### WIN clients:\n"))
         return;
-    for (const auto& bridge : win_server_copy_clients(request.gateway.win_server))
+    for (const auto& bridge : win_server_copy_clients(*win_server))
         if (!rows.add(win_client_line(bridge.addr)))
             return;
     rows.add("##\n");
@@ -331,7 +324,8 @@ static void list_nodes(const terminal_request& request, bool full)
 {
     if (!request.answer("####### Connected Nodes\n"))
         return;
-    if (!win_server_get_clients(request.gateway.win_server)) {
+    WIN_SERVER_t* win_server = request.gateway.win_server;
+    if (!win_server) {
         logger_error(g_logger, str_null_win_clients, "command_pn");
         return;
     }
@@ -340,7 +334,7 @@ static void list_nodes(const terminal_request& request, bool full)
         logger_error(g_logger, str_null_nodes_container, "command_pn");
         return;
     }
-    const auto bridges = win_server_copy_clients(request.gateway.win_server);
+    const auto bridges = win_server_copy_clients(*win_server);
     auto nodes = copy_nodes(*registry, index_bridges(bridges));
     mark_duplicate_addresses(nodes);
     send_listing(request, bridges, group_nodes(nodes, bridges.size()), full);

@@ -6,7 +6,7 @@
 #include "base/peer.h"
 #include "base/stream_send.h"
 #include "terminal/client.h"
-#include "terminal/firmware_commands.h"
+#include "terminal/image_fetch.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_commands.h"
 #include "terminal/terminal_server_private.h"
@@ -54,15 +54,13 @@ struct sessions {
 static sessions count_sessions(const TERMINAL_SERVER_t& server, in_addr address)
 {
     sessions number{server.forgotten_ids.size(), 0};
-    zhashx_t* clients = server.clients.get();
-    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
-        const auto& client = *static_cast<TERMINAL_CLIENT_t*>(item);
+    server.clients.for_each([&](const TERMINAL_CLIENT_t& client) {
         if (client.has_left)
-            continue;
+            return;
         ++number.in_all;
         if (client.client_addr.sin_addr.s_addr == address.s_addr)
             ++number.of_address;
-    }
+    });
     return number;
 }
 
@@ -94,10 +92,8 @@ static void add_client(TERMINAL_SERVER_t* server, message_part& identity, const 
     client->id = std::move(id);
     client->drained_before = server->drained;
     note_peer_address(server, *client, identity.source_fd(), id_str);
-    if (zhashx_insert(server->clients.get(), id_str, client.get()) != 0)
-        return;
-    (void)client.release(); // the table's now
-    server->counts.operators_accepted.add();
+    if (server->clients.insert(id_str, std::move(client)))
+        server->counts.operators_accepted.add();
 }
 
 // The address of a connection was asked for when its first event was handled, by a number that may have been
@@ -119,7 +115,7 @@ static void prove_peer(const TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& clien
 static void forget_client(TERMINAL_SERVER_t* server, const char* id_str, bool is_connected)
 {
     dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "DELETING %s\n", id_str);
-    zhashx_delete(server->clients.get(), id_str);
+    server->clients.erase(id_str);
     server->counts.operators_gone.add();
     server->cuts.forget(id_str);
     if (is_connected)
@@ -173,22 +169,20 @@ static void handle_text(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t* client, co
     else if (text.empty() || text.front() == '\0')
         forget_client(server, id_str, !text.empty() && !client->has_left);
     else
-        terminal_commands_parse(server->rtls_gateway, client, server->terminal_sock.get(), text.data(),
-                                server->dbg_client_sock.get());
+        run_typed({*server->rtls_gateway, *server, client, server->terminal_sock.get(),
+                   server->dbg_client_sock.get()},
+                  text.data());
 }
 
-// An image has been fetched for this operator, or could not be (-1): answers, and does what was typed
-// meanwhile, up to the next image. Each command may be the operator's last.
-void answer_fetch(TERMINAL_SERVER_t* server, const std::string& id_str, int index)
+// Each command may be the operator's last.
+void answer_fetch(TERMINAL_SERVER_t& server, const std::string& id_str, int index)
 {
-    const auto find = [&] {
-        return static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), id_str.c_str()));
-    };
+    const auto find = [&] { return server.clients.find(id_str.c_str()); };
     TERMINAL_CLIENT_t* client = find();
     if (!client)
         return;
     client->is_fetching = false;
-    zsock_t* sock = server->terminal_sock.get();
+    zsock_t* sock = server.terminal_sock.get();
     terminal_send(*client, sock, fetch_answer(index).c_str());
     for (; client && !client->is_fetching; client = find()) {
         if (client->typed_ahead.empty() || client->typed_ahead.front().empty())
@@ -198,7 +192,7 @@ void answer_fetch(TERMINAL_SERVER_t* server, const std::string& id_str, int inde
         std::string text = std::move(client->typed_ahead.front());
         client->typed_ahead.pop_front();
         client->typed_ahead_bytes -= text.size();
-        handle_text(server, client, id_str.c_str(), std::move(text));
+        handle_text(&server, client, id_str.c_str(), std::move(text));
     }
 }
 
@@ -210,7 +204,7 @@ static void handle_chunk(TERMINAL_SERVER_t* server, message_part& identity, mess
     const identity_key key{identity.bytes()};
     dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "rcvd ID [%zu] %s", identity.size(),
               key.c_str());
-    auto* client = static_cast<TERMINAL_CLIENT_t*>(zhashx_lookup(server->clients.get(), key.c_str()));
+    TERMINAL_CLIENT_t* client = server->clients.find(key.c_str());
     if (!client) {
         handle_stranger(server, identity, key.c_str(), chunk.size() == 0);
         return;

@@ -5,13 +5,13 @@
 // Failures   Without memory an event is logged and lost.
 #pragma once
 
-#include "terminal/terminal_server.h"
-
 #include <czmq.h>
 
 #include <string>
 
 namespace rtls {
+
+struct TERMINAL_SERVER_t;
 
 // What the operators' connections inherit from the socket they come by.
 void prepare_operators_port(zsock_t* sock) noexcept;
@@ -22,6 +22,6 @@ int handle_terminal_clients(zloop_t* loop, zsock_t* reader, void* p_server) noex
 // An image has been fetched for the operator with this identity (upper-case hex), or could not be (index -1):
 // answers, and does what was typed meanwhile, up to the next image. Nothing for somebody unknown. Throws
 // std::bad_alloc.
-void answer_fetch(TERMINAL_SERVER_t* server, const std::string& id_str, int index);
+void answer_fetch(TERMINAL_SERVER_t& server, const std::string& id_str, int index);
 
 } // namespace rtls

@@ -18,12 +18,15 @@
 
 namespace rtls {
 
+struct TERMINAL_SERVER_t;
+
 struct terminal_request {
     services& gateway;
+    TERMINAL_SERVER_t& server;
     TERMINAL_CLIENT_t* client;
-    zsock_t* sock;     // the stream socket
-    zsock_t* dbg_sock; // the terminal thread's debug-print socket
-    std::span<char* const> words;
+    zsock_t* sock;                     // the stream socket
+    zsock_t* dbg_sock;                 // the terminal thread's debug-print socket
+    std::span<char* const> words = {}; // of what was typed, for its command: that one's own first
 
     // One whole answer; false when the operator cannot be reached now.
     bool answer(const char* text) const noexcept { return terminal_send(*client, sock, text); }

@@ -10,8 +10,9 @@
 #include "terminal/listing.h"
 #include "terminal/request.h"
 #include "terminal/short_mac.h"
-#include "terminal/terminal_server.h"
+#include "terminal/terminal_server_private.h"
 #include "terminal/texts.h"
+#include "terminal/win_requests.h"
 #include "version.h"
 #include "wire/node_commands.h"
 
@@ -72,24 +73,31 @@ static void command_help(const terminal_request& request)
     request.answer(help_text);
 }
 
+// Cuts the connection of an operator whose queue is full, which the stream socket cannot close: now, or as soon
+// as it is proven that its descriptor is still its own. Never, when it is not known whether the peer's address
+// is. The disconnect that follows frees the record.
+static void cut_connection(const terminal_request& request)
+{
+    const TERMINAL_CLIENT_t& client = *request.client;
+    TERMINAL_SERVER_t& server = request.server;
+    if (client.is_peer_proven)
+        server.cuts.want(identity_key{client.id.get()}.c_str(), client.fd, client.client_addr);
+    server.cuts.carry_out(zsock_resolve(request.sock), server.port);
+}
+
 // Frees the record of the client that asks: request.client is gone afterwards.
 static void command_quit(const terminal_request& request)
 {
-    zhashx_t* clients = terminal_server_get_clients(request.gateway.terminal_server);
-    if (!clients) {
-        logger_error(g_logger, str_null_terminal_clients, __func__);
-        return;
-    }
     if (!request.answer("bye bye.\n") || !request.answer("")) { // an empty text closes the connection
         // A client that does not read takes no more frames, not even the one that closes it: its connection
         // is cut, and the disconnect event that follows frees the record.
         if (errno == EAGAIN) // otherwise it is gone already
-            terminal_server_cut_client(request.gateway.terminal_server, *request.client, request.sock);
+            cut_connection(request);
         return;
     }
     const identity_key key{request.client->id.get()};
     dbg_print(request.dbg_sock, DBG_TERMINAL, console, "Client %s disconnected", key.c_str());
-    zhashx_delete(clients, key.c_str());
+    request.server.clients.erase(key.c_str());
 }
 
 namespace {
@@ -120,11 +128,7 @@ static std::string reboot_node(const terminal_request& request)
     const auto mac = find_mac_by_short(request.gateway.nodes, short_mac);
     if (!mac)
         return text_format(not_in_list, short_mac);
-    auto message = make_reboot_request(*mac);
-    return terminal_server_generic_req_to_win_serwer(request.gateway.terminal_server, message.data(),
-                                                     message.size())
-               ? command_sent
-               : command_not_sent;
+    return ask_win_server(request.server, make_reboot_request(*mac)) ? command_sent : command_not_sent;
 }
 
 // The answer is addressed first, as in command_del: an operator who cannot be reached gets nothing done.
@@ -288,21 +292,30 @@ static void run_command(const terminal_request& request)
     request.answer("Unknown command. Type \"h\" or \"help\" for help.\n");
 }
 
+void run_typed(terminal_request request, char* text)
+{
+    trimright(text);
+    dbg_print(request.dbg_sock, DBG_TERMINAL, console, "rcvd \"%s\"", text);
+    char* words[words_limit];
+    uint16_t count = 0;
+    tokenize(text, &count, words, words_limit);
+    if (count == 0)
+        return;
+    if (words[0][0] == '!') // scripts put it there; it means nothing
+        ++words[0];
+    request.words = {words, count};
+    run_command(request);
+}
+
 void terminal_commands_parse(void* p_rtls_gateway, TERMINAL_CLIENT_t* id_found, zsock_t* reader, char* string,
                              zsock_t* dbg_sock)
 {
     if (any_null(__func__, p_rtls_gateway, id_found, reader, string, dbg_sock))
         return;
-    trimright(string);
-    dbg_print(dbg_sock, DBG_TERMINAL, console, "rcvd \"%s\"", string);
-    char* words[words_limit];
-    uint16_t count = 0;
-    tokenize(string, &count, words, words_limit);
-    if (count == 0)
+    auto& gateway = *static_cast<services*>(p_rtls_gateway);
+    if (any_null(__func__, gateway.terminal_server))
         return;
-    if (words[0][0] == '!') // scripts put it there; it means nothing
-        ++words[0];
-    run_command({*static_cast<services*>(p_rtls_gateway), id_found, reader, dbg_sock, {words, count}});
+    run_typed({gateway, *gateway.terminal_server, id_found, reader, dbg_sock}, string);
 }
 
 } // namespace rtls

@@ -8,13 +8,18 @@
 #pragma once
 
 #include "terminal/client.h"
+#include "terminal/request.h"
 
 #include <czmq.h>
 
 namespace rtls {
 
-// Runs the command in `string` (changed in place) for the operator `id_found` and writes the answer to
-// the stream socket `reader`. `quit` frees the operator's record: do not touch it afterwards.
+// Runs the command in `text` (changed in place), and answers it. The words of `request` are those of the text.
+// `quit` frees the operator's record: do not touch it afterwards.
+void run_typed(terminal_request request, char* text);
+
+// The same by handle, for those outside: for the operator `id_found`, with answers to the stream socket `reader`.
+// The gateway (`p_rtls_gateway`: services) has a terminal server.
 void terminal_commands_parse(void* p_rtls_gateway, TERMINAL_CLIENT_t* id_found, zsock_t* reader, char* string,
                              zsock_t* dbg_sock);
 

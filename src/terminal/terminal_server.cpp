@@ -6,20 +6,14 @@
 #include "base/endpoints.h"
 #include "base/link_watch.h"
 #include "base/logger.h"
-#include "base/message_part.h"
 #include "base/null_check.h"
-#include "base/peer.h"
 #include "base/signals.h"
-#include "server/win_server.h"
 #include "services.h"
 #include "terminal/client.h"
 #include "terminal/debug_lines.h"
-#include "terminal/firmware_commands.h"
 #include "terminal/operators_port.h"
-#include "terminal/reply.h"
 #include "terminal/terminal_server_private.h"
-#include "terminal/texts.h"
-#include "wire/messaging.h"
+#include "terminal/win_requests.h"
 
 #include <pthread.h>
 
@@ -182,6 +176,7 @@ void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
         return nullptr;
     }
     server->rtls_gateway = static_cast<services*>(p_rtls_gateway);
+    server->fetch_ended = answer_fetch;
     if (!config_value_uint16_t_get(config, "ports/terminal", &server->port))
         return nullptr;
     try {
@@ -191,12 +186,10 @@ void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway)
         logger_error(g_logger, str_out_of_memory, __func__);
         return nullptr;
     }
-    server->clients.reset(zhashx_new());
-    if (!server->clients) {
+    if (!server->clients.is_made()) {
         log_call_error(__func__, "zhashx_new");
         return nullptr;
     }
-    zhashx_set_destructor(server->clients.get(), terminal_client_item_destructor);
     return server.release();
 }
 
@@ -234,17 +227,7 @@ zhashx_t* terminal_server_get_clients(void* p_terminal_server)
 {
     if (any_null(__func__, p_terminal_server))
         return nullptr;
-    return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->clients.get();
-}
-
-void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& client, zsock_t* sock)
-{
-    if (any_null(__func__, p_terminal_server, sock))
-        return;
-    auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
-    if (client.is_peer_proven)
-        server->cuts.want(identity_key{client.id.get()}.c_str(), client.fd, client.client_addr);
-    server->cuts.carry_out(zsock_resolve(sock), server->port);
+    return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->clients.records();
 }
 
 void terminal_server_show_pulse(TERMINAL_SERVER_t& server) noexcept
@@ -264,15 +247,6 @@ bool terminal_server_is_ready(void* p_terminal_server)
     return static_cast<TERMINAL_SERVER_t*>(p_terminal_server)->ready;
 }
 
-// Whether the system knows the operator's connection no more.
-static bool is_gone(const TERMINAL_SERVER_t& server, const TERMINAL_CLIENT_t& client)
-{
-    sockaddr_in peer{};
-    return !read_peer_address(client.fd, server.port, peer) ||
-           peer.sin_addr.s_addr != client.client_addr.sin_addr.s_addr ||
-           peer.sin_port != client.client_addr.sin_port;
-}
-
 bool terminal_server_post(TERMINAL_SERVER_t& server, std::function<void()> call) noexcept
 {
     return server.calls_of_strangers.post(std::move(call));
@@ -281,62 +255,19 @@ bool terminal_server_post(TERMINAL_SERVER_t& server, std::function<void()> call)
 std::vector<operator_info> terminal_server_copy_clients(const TERMINAL_SERVER_t& server)
 {
     std::vector<operator_info> copies;
-    zhashx_t* clients = server.clients.get();
-    copies.reserve(zhashx_size(clients));
-    for (void* item = zhashx_first(clients); item; item = zhashx_next(clients)) {
-        const auto* client = static_cast<TERMINAL_CLIENT_t*>(item);
+    copies.reserve(server.clients.size());
+    server.clients.for_each([&](const TERMINAL_CLIENT_t& client) {
         copies.push_back(
-            {client->client_addr, client->subscribed != 0, client->is_fetching, client->grep_string});
-    }
+            {client.client_addr, client.subscribed != 0, client.is_fetching, client.grep_string});
+    });
     return copies;
-}
-
-bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url)
-{
-    auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
-    if (!server || !server->calls || !server->rtls_gateway->downloads)
-        return false;
-    if (is_gone(*server, client))
-        return true; // nobody would see the outcome
-    auto work = [server, ota = server->rtls_gateway->ota, calls = server->calls, url = std::string{url},
-                 id = std::string{identity_key{client.id.get()}.c_str()}] {
-        std::string reason;
-        const int index = ota ? ota->download_firmware(url.c_str(), nullptr, nullptr, &reason) : -1;
-        calls->post([server, id, index, text = url + ": " + reason, failed = !reason.empty()] {
-            if (failed)
-                dbg_print(server->dbg_client_sock.get(), DBG_DEVELOP, console, "%s", text.c_str());
-            answer_fetch(server, id, index);
-        });
-    };
-    client.is_fetching =
-        server->rtls_gateway->downloads->order(std::move(work), {}, download_pool::customer::operators);
-    if (!client.is_fetching)
-        terminal_send(client, server->terminal_sock.get(), fetch_answer(-1).c_str());
-    return true;
 }
 
 bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t* data, size_t data_size)
 {
-    auto* server = static_cast<TERMINAL_SERVER_t*>(p_terminal_server);
-    zsock_t* sock = server ? server->winserv_client_sock.get() : nullptr; // null, too, while no actor runs
-    if (any_null(__func__, sock, data))
+    if (any_null(__func__, p_terminal_server, data))
         return false;
-    constexpr int32_t command = WINSERW_SOCK_CMD_GENERIC_REQ; // host order: it stays in the process
-    message_part command_part{bytes_view{reinterpret_cast<const uint8_t*>(&command), sizeof command}};
-    message_part data_part{bytes_view{data, data_size}};
-    if (!command_part.is_made() || !data_part.is_made()) {
-        log_call_error(__func__, "zframe_new");
-        return false;
-    }
-    void* socket = zsock_resolve(sock);
-    if (command_part.send(socket, true) && data_part.send(socket))
-        return true;
-    server->counts.requests_lost.add();
-    if (errno == EAGAIN)
-        logger_error(g_logger, "Overflow winserw queue!"); // each one is a command that was not sent
-    else
-        log_call_error(__func__, "zframe_send");
-    return false;
+    return ask_win_server(*static_cast<TERMINAL_SERVER_t*>(p_terminal_server), {data, data_size});
 }
 
 } // namespace rtls

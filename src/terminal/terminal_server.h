@@ -27,7 +27,6 @@
 namespace rtls {
 
 struct TERMINAL_SERVER_t;
-struct TERMINAL_CLIENT;
 
 void* terminal_server_new(zconfig_t* config, void* p_rtls_gateway);
 bool terminal_server_run(void* p_terminal_server);
@@ -62,19 +61,8 @@ std::vector<operator_info> terminal_server_copy_clients(const TERMINAL_SERVER_t&
 // Has the call made on the actor's thread, soon or never. False while no actor runs. Any thread.
 bool terminal_server_post(TERMINAL_SERVER_t& server, std::function<void()> call) noexcept;
 
-// Cuts the connection of a client whose queue is full, which `sock` (the stream socket) cannot close: now,
-// or as soon as it is proven that its descriptor is still its own. Never, when it is not known whether the
-// peer's address is. The disconnect that follows frees the
-// record.
-void terminal_server_cut_client(void* p_terminal_server, const TERMINAL_CLIENT& client, zsock_t* sock);
-
-// Fetches the image of `url` into the store on a thread of the download pool, and answers the operator when
-// it is done; his commands wait for it, nobody else does. For an operator who has gone nothing is done. False
-// when it cannot be done so: nothing has happened.
-bool terminal_server_fetch(void* p_terminal_server, TERMINAL_CLIENT& client, const char* url);
-
-// Hands a generic request (header, payload, destination MAC) to the WIN server's thread. False when
-// its queue is full. The name is misspelt, and kept: operators' scripts find it in our logs.
+// ask_win_server by handle, for those outside. The name is misspelt, and kept: operators' scripts find it in our
+// logs.
 bool terminal_server_generic_req_to_win_serwer(void* p_terminal_server, uint8_t* data, size_t data_size);
 
 } // namespace rtls

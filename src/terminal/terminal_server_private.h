@@ -1,7 +1,9 @@
-// terminal_server_private - the terminal server's record, for those who work on it: the operators' port, the debug
-// stream, the actor.
+// terminal_server_private - the terminal server's record, for those who work on it: the operators' port, the
+// commands, the debug stream, the actor.
 //
+// Ownership  The record owns what its fields hold, but for the services, which are the gateway's.
 // Threads    The actor's thread, but where a member says otherwise.
+// Failures   A socket that is not open is null.
 #pragma once
 
 #include "base/call_queue.h"
@@ -11,8 +13,8 @@
 #include "base/door.h"
 #include "link/closed_ids.h"
 #include "services.h"
+#include "terminal/operator_table.h"
 #include "terminal/terminal_counters.h"
-#include "terminal/terminal_server.h"
 
 #include <czmq.h>
 #include <netinet/in.h>
@@ -30,7 +32,7 @@ struct TERMINAL_SERVER_t {
     zactor_ptr actor;   // owner's thread; null until terminal_server_run
     in_port_t port = 0; // host order
     door entrance{"Terminal"};
-    zhashx_ptr clients;               // owned TERMINAL_CLIENT_t by identity (upper-case hex)
+    operator_table clients;
     services* rtls_gateway = nullptr; // what the gateway hands out
     std::atomic<bool> ready{false};   // set once by the actor, polled by the owner
     zsock_ptr terminal_sock;          // the actor's, like all that follows
@@ -49,6 +51,10 @@ struct TERMINAL_SERVER_t {
     closed_id_set refused_ids; // connections that may not come in
     terminal_counters counts;  // read by any thread
     bool shows_pulse = false;
+
+    // An image has been fetched for the operator with this identity, or could not be (index -1); the server
+    // wires it.
+    void (*fetch_ended)(TERMINAL_SERVER_t& server, const std::string& id_str, int index) = nullptr;
 };
 
 inline constexpr int terminal_timeout_ms = 100; // how long a slow terminal may hold up the thread

@@ -16,7 +16,6 @@ inline constexpr char command_sent[] = "Command sent successfully!\n";
 inline constexpr char command_not_sent[] = "Failed to send command!\n";
 
 // Log texts; the argument is the reporting function's name.
-inline constexpr char str_null_terminal_clients[] = "%s: null pointer to terminal clients!";
 inline constexpr char str_null_win_clients[] = "%s: null pointer to win clients!";
 inline constexpr char str_null_nodes_container[] = "%s: null pointer to nodes container!";
 

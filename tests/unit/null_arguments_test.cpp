@@ -288,7 +288,6 @@ const null_call server_calls[] = {
     {"win_server_run", [](given&) { return !win_server_run(nullptr); }},
     {"win_server_is_ready", [](given&) { return !win_server_is_ready(nullptr); }},
     {"win_server_get_clients", [](given&) { return !win_server_get_clients(nullptr); }},
-    {"win_server_copy_clients", [](given&) { return win_server_copy_clients(nullptr).empty(); }},
     {"win_server_nodes_update", [](given&) { return win_server_nodes_update(nullptr, nullptr), true; }},
     {"win_server_destroy", [](given&) { return win_server_destroy(nullptr), true; }},
     {"delete_win_client", [](given& w) { return delete_win_client(nullptr, w.bridge->id), true; }},

@@ -58,7 +58,7 @@ const failing_call calls[] = {
     {"nodes_container_new", [](given&) { return !nodes_container_new(); }},
     {"ota_new", [](given&) { return !ota_new(2); }},
     {"firmware_get_from_url", [](given&) { return !firmware_get_from_url("file:///nowhere"); }},
-    {"win_server_copy_clients", [](given& w) { return win_server_copy_clients(w.win()).empty(); }},
+    {"win_server_copy_clients", [](given& w) { return win_server_copy_clients(*w.win()).empty(); }},
     {"data_to_win_client",
      [](given& w) { return !data_to_win_client(w.win(), nullptr, w.large.data(), 5000); }},
     {"process_data_from_pub_sub_proxy",

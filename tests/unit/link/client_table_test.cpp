@@ -98,14 +98,14 @@ TEST(client_table, is_walked_in_its_own_order_and_unlocked)
 TEST(win_server_copy_clients, gives_what_other_threads_may_know)
 {
     const win_link link;
-    EXPECT_TRUE(win_server_copy_clients(&link.server()).empty());
+    EXPECT_TRUE(win_server_copy_clients(link.server()).empty());
     std::vector<win_link::linked_bridge> bridges;
     for (uint8_t i = 0; i < 5; ++i) {
         bridges.push_back(link.connect());
         const uint8_t mac[mac_size] = {1, 2, 3, 4, 5, 6, 7, i};
         link.server().clients.set_mac_addr(*bridges.back().client, mac);
     }
-    const auto copies = win_server_copy_clients(&link.server());
+    const auto copies = win_server_copy_clients(link.server());
     ASSERT_EQ(copies.size(), bridges.size());
     for (const auto& copy : copies) {
         const WIN_CLIENT_t* client = link.find(ntohs(copy.addr.sin_port));
@@ -154,7 +154,7 @@ TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
     std::atomic<bool> done{false};
     std::thread reader{[&] {
         while (!done)
-            for (const auto& copy : win_server_copy_clients(&gateway.win_server())) {
+            for (const auto& copy : win_server_copy_clients(gateway.win_server())) {
                 ASSERT_EQ(zframe_size(copy.id.get()), 5U);
                 ASSERT_NE(copy.addr.sin_port, 0);
             }
@@ -171,7 +171,7 @@ TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
     }
     done = true;
     reader.join();
-    EXPECT_TRUE(wait_until([&] { return win_server_copy_clients(&gateway.win_server()).empty(); }));
+    EXPECT_TRUE(wait_until([&] { return win_server_copy_clients(gateway.win_server()).empty(); }));
 }
 
 } // namespace rtls

@@ -156,7 +156,7 @@ protected:
         return frame ? bytes_t{zframe_data(frame), zframe_data(frame) + zframe_size(frame)} : bytes_t{};
     }
 
-    void* gateway() const { return m_gateway.handle(); }
+    services& given() const { return *static_cast<services*>(m_gateway.handle()); }
 
     log_capture m_log;
     test_gateway m_gateway;
@@ -220,47 +220,47 @@ TEST_F(firmware_commands, apply_always_addresses_the_node_000A)
 // As while the gateway is being built or taken down.
 TEST_F(firmware_commands, without_a_store_there_is_no_image)
 {
-    auto& given = *static_cast<services*>(gateway());
-    OTA_t* store = std::exchange(given.ota, nullptr);
+    OTA_t* store = std::exchange(given().ota, nullptr);
     EXPECT_EQ(answer_to("fw list"), firmware_list_header);
     EXPECT_EQ(answer_to("fw get file:///nowhere"), "Failed to read firmware!\n");
-    EXPECT_EQ(firmware_info(given, "0"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_del(given, "0"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_set(given, "0", "1a2b", nullptr), "Incorrect INDEX value!\n");
-    given.ota = store;
+    EXPECT_EQ(firmware_info(given(), "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(given(), "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_set(given(), *given().terminal_server, "0", "1a2b", nullptr),
+              "Incorrect INDEX value!\n");
+    given().ota = store;
 }
 
 // The words of the operators are the sub-command's own (see above); the functions take any.
 TEST_F(firmware_commands, info_by_index)
 {
-    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(given(), "0"), "Incorrect INDEX value!\n");
     fetch_image();
-    const std::string text = firmware_info(*static_cast<services*>(gateway()), "0");
+    const std::string text = firmware_info(given(), "0");
     EXPECT_TRUE(text.starts_with("index: 0\ngit id: 102A0FF\ncrc32: ")) << text;
     EXPECT_TRUE(text.ends_with("size: 1000\npage size: 256\npages: 4\nboard version: 3\nboard revision: 14\n"
                                "maximum pages: 1024\n"))
         << text;
-    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "1"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "3"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_info(*static_cast<services*>(gateway()), "zz"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(given(), "1"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(given(), "3"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_info(given(), "zz"), "Incorrect INDEX value!\n");
 }
 
 TEST_F(firmware_commands, del_by_index)
 {
     fetch_image();
-    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "1"), "Incorrect INDEX value!\n");
-    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "zz"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(given(), "1"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(given(), "zz"), "Incorrect INDEX value!\n");
     EXPECT_EQ(answer_to("fw del 0"), "Incorrect INDEX value!\n") << "it means slot 222";
-    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "0"), "Command sent successfully!\n");
-    EXPECT_EQ(firmware_del(*static_cast<services*>(gateway()), "0"), "Incorrect INDEX value!\n");
+    EXPECT_EQ(firmware_del(given(), "0"), "Command sent successfully!\n");
+    EXPECT_EQ(firmware_del(given(), "0"), "Incorrect INDEX value!\n");
 }
 
 TEST_F(firmware_commands, apply_by_mac)
 {
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
-    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "zz"), "Incorrect MAC value!\n");
-    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2c"), "Node 1A2C not in nodes list\n");
-    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2b"), "Command sent successfully!\n");
+    EXPECT_EQ(firmware_apply(given(), *given().terminal_server, "zz"), "Incorrect MAC value!\n");
+    EXPECT_EQ(firmware_apply(given(), *given().terminal_server, "1a2c"), "Node 1A2C not in nodes list\n");
+    EXPECT_EQ(firmware_apply(given(), *given().terminal_server, "1a2b"), "Command sent successfully!\n");
     EXPECT_EQ(next_request(), hex("0E 08 00 00 02 00 11 00 01 02 03 04 05 1A 2B"));
 }
 
@@ -269,7 +269,7 @@ TEST_F(firmware_commands, set_by_index_and_mac)
     fetch_image();
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
     OTA_FIRMWARE_INFO_t info{};
-    ASSERT_TRUE(ota_get_firmware_info(rtls_gateway_get_ota(gateway()), 0, &info));
+    ASSERT_TRUE(ota_get_firmware_info(given().ota, 0, &info));
     const struct {
         const char* index;
         const char* mac;
@@ -283,13 +283,13 @@ TEST_F(firmware_commands, set_by_index_and_mac)
         {"0", "1a2c", "GW", "Node 1A2C not in nodes list\n"},
     };
     for (const auto& c : refused)
-        EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), c.index, c.mac, c.source), c.then);
+        EXPECT_EQ(firmware_set(given(), *given().terminal_server, c.index, c.mac, c.source), c.then);
     const struct {
         const char* source;
         std::optional<uint16_t> meant;
     } sent[] = {{nullptr, std::nullopt}, {"GW", 0}, {"gw", 0}, {"0", 0}, {"beef", 0xBEEF}};
     for (const auto& c : sent) {
-        EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), "0", "1a2b", c.source),
+        EXPECT_EQ(firmware_set(given(), *given().terminal_server, "0", "1a2b", c.source),
                   "Command sent the node successfully!\n");
         EXPECT_EQ(next_request(), make_set_request(offered(info), c.meant, sample_mac));
     }
@@ -299,10 +299,10 @@ TEST_F(firmware_commands, a_full_queue_fails_the_command)
 {
     fetch_image();
     m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
-    while (firmware_apply(*static_cast<services*>(gateway()), "1a2b") == "Command sent successfully!\n") {
+    while (firmware_apply(given(), *given().terminal_server, "1a2b") == "Command sent successfully!\n") {
     }
-    EXPECT_EQ(firmware_apply(*static_cast<services*>(gateway()), "1a2b"), "Failed to send command!\n");
-    EXPECT_EQ(firmware_set(*static_cast<services*>(gateway()), "0", "1a2b", nullptr),
+    EXPECT_EQ(firmware_apply(given(), *given().terminal_server, "1a2b"), "Failed to send command!\n");
+    EXPECT_EQ(firmware_set(given(), *given().terminal_server, "0", "1a2b", nullptr),
               "Failed to send command!\n");
     EXPECT_EQ(m_log.messages("main"), texts_t(3, "Overflow winserw queue!"));
 }
