@@ -115,7 +115,7 @@ static void adopt(WIN_SERVER_t& server, const char* url, FIRMWARE_t* firmware, u
                   computed);
         return;
     }
-    win_server_nodes_update(&server, nullptr);
+    update_command_to_all(server);
 }
 
 void fetch_announced(WIN_SERVER_t& server, const char* url, uint32_t announced_crc, uint32_t printed_crc)

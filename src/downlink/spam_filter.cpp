@@ -68,18 +68,21 @@ static verdict judge(NODES_CONTAINER_t& nodes, bytes_view command, const uint8_t
     return remember_command(*node, command) ? verdict::passes : verdict::out_of_memory;
 }
 
-bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now)
+bool spam_filter(NODES_CONTAINER_t& nodes, bytes_view data, timeval now)
 {
-    if (any_null(__func__, p_nodes, data))
+    if (data.size() < proxy_command_min)
         return false;
-    if (data_size < proxy_command_min)
-        return false;
-    const bytes_view command{data, data_size - mac_size};
-    const verdict found =
-        judge(*static_cast<NODES_CONTAINER_t*>(p_nodes), command, data + command.size(), now);
+    const bytes_view command = data.first(data.size() - mac_size);
+    const verdict found = judge(nodes, command, data.last(mac_size).data(), now);
     if (found == verdict::out_of_memory)
         logger_error(g_logger, str_out_of_memory, __func__);
     return found == verdict::repeats;
+}
+
+bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now)
+{
+    return !any_null(__func__, p_nodes, data) &&
+           spam_filter(*static_cast<NODES_CONTAINER_t*>(p_nodes), {data, data_size}, now);
 }
 
 } // namespace rtls

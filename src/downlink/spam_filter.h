@@ -7,6 +7,7 @@
 // Failures   A null argument, or memory that is short, is logged; the command passes then.
 #pragma once
 
+#include "base/bytes.h"
 #include "registry/addresses.h"
 #include "wire/messaging.h"
 
@@ -17,12 +18,16 @@
 
 namespace rtls {
 
+class NODES_CONTAINER_t;
+
 // The shortest proxy command: a type, a byte and a MAC.
 constexpr size_t proxy_command_min = msgGeneric_t::size + mac_size;
 
 // Whether `data`, a command that ends in its node's MAC, came to that node less than 50 ms ago already.
-// Nothing shorter than proxy_command_min, and nothing for an unknown node, ever did. `p_nodes` is the
-// registry; `now` is the time of day.
+// Nothing shorter than proxy_command_min, and nothing for an unknown node, ever did. `now` is the time of day.
+bool spam_filter(NODES_CONTAINER_t& nodes, bytes_view data, timeval now);
+
+// The same by handle, for those outside. `p_nodes` is the registry.
 bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now);
 
 } // namespace rtls

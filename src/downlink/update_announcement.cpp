@@ -19,7 +19,7 @@ static std::array<uint8_t, msgGeneric_t::size> update_command()
     return message;
 }
 
-static void update_command_to_all(WIN_SERVER_t& server)
+void update_command_to_all(WIN_SERVER_t& server)
 {
     const auto message = update_command();
     std::array<uint8_t, slip_encoded_limit(msgGeneric_t::size)> encoded{};

@@ -9,9 +9,13 @@
 
 namespace rtls {
 
-// Sends MSG_UPDATE_CMD to the client with this identity or, with null, to all of them. `p_win_server` is a
-// WIN_SERVER_t. With null they are taken in table order, and none of them counts as updated any more; the
-// line of each follows its send.
+struct WIN_SERVER_t;
+
+// Sends MSG_UPDATE_CMD to all bridges, in table order. None of them counts as updated any more; the line of each
+// follows its send.
+void update_command_to_all(WIN_SERVER_t& server);
+
+// The same by handle, for those outside; or, with an identity, to that one bridge alone.
 void win_server_nodes_update(void* p_win_server, zframe_t* client_id);
 
 } // namespace rtls

@@ -278,7 +278,7 @@ bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t
 
     timeval now{};
     gettimeofday(&now, nullptr);
-    const bool is_repeat = spam_filter(nodes, data, data_size, now);
+    const bool is_repeat = spam_filter(*nodes, bytes, now);
     server->counts.note(kind, is_repeat ? command_outcome::repeat : dispatch(server, command, bytes));
     return !is_repeat;
 }

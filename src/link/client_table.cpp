@@ -66,8 +66,7 @@ void client_table::collect() noexcept
     const mutex_guard guard{m_mutex};
     m_walk.clear();
     assert(m_walk.capacity() >= zhashx_size(m_records.get())); // insert has seen to it
-    for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get()))
-        m_walk.push_back(static_cast<WIN_CLIENT_t*>(item));
+    visit_records([&](WIN_CLIENT_t& client) { m_walk.push_back(&client); });
 }
 
 std::vector<win_client_info> client_table::copy()
@@ -75,13 +74,12 @@ std::vector<win_client_info> client_table::copy()
     std::vector<win_client_info> copies;
     const mutex_guard guard{m_mutex};
     copies.reserve(zhashx_size(m_records.get()));
-    for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get())) {
-        const auto* client = static_cast<WIN_CLIENT_t*>(item);
+    visit_records([&](const WIN_CLIENT_t& client) {
         win_client_info& copy = copies.emplace_back();
-        copy.id.reset(zframe_dup(client->id));
-        copy.addr = client->addr;
-        std::memcpy(copy.mac_addr, client->mac_addr, mac_size);
-    }
+        copy.id.reset(zframe_dup(client.id));
+        copy.addr = client.addr;
+        std::memcpy(copy.mac_addr, client.mac_addr, mac_size);
+    });
     return copies;
 }
 

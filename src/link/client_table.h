@@ -65,11 +65,10 @@ public:
     {
         const mutex_guard guard{m_mutex};
         WIN_CLIENT_t* found = nullptr;
-        for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get())) {
-            auto* client = static_cast<WIN_CLIENT_t*>(item);
-            if (!found || measure(*client) > measure(*found))
-                found = client;
-        }
+        visit_records([&](WIN_CLIENT_t& client) {
+            if (!found || measure(client) > measure(*found))
+                found = &client;
+        });
         return found;
     }
 
@@ -79,8 +78,7 @@ public:
     void for_each_locked(Visitor visit)
     {
         const mutex_guard guard{m_mutex};
-        for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get()))
-            visit(static_cast<const WIN_CLIENT_t&>(*static_cast<WIN_CLIENT_t*>(item)));
+        visit_records([&](const WIN_CLIENT_t& client) { visit(client); });
     }
 
     // What other threads may know, in table order. Throws std::bad_alloc.
@@ -94,6 +92,12 @@ public:
 
 private:
     void collect() noexcept;
+    template <typename Visitor>
+    void visit_records(Visitor visit) RTLS_REQUIRES(m_mutex)
+    {
+        for (void* item = zhashx_first(m_records.get()); item; item = zhashx_next(m_records.get()))
+            visit(*static_cast<WIN_CLIENT_t*>(item));
+    }
 
     annotated_mutex m_mutex;
     zhashx_ptr m_records RTLS_GUARDED_BY(m_mutex);

@@ -146,7 +146,7 @@ static delivery send_or_cache(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_
 {
     if (!client.unsent_messages.empty()) {
         const delivery done = cache(server, client, encoded);
-        unsent_messages_to_win_client(&server, &client);
+        offer_unsent(server, client);
         return done;
     }
     const size_t sent = send_in_pieces(server, frame_bytes(client.id), encoded);
@@ -208,7 +208,7 @@ void end_answers(WIN_SERVER_t& server)
     send_gathered(server, *client);
     server.answers.begin(nullptr);
     if (messages_wait)
-        unsent_messages_to_win_client(&server, client);
+        offer_unsent(server, *client);
 }
 
 delivery encoded_to_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, bytes_view encoded)

@@ -219,32 +219,38 @@ static bool send_piece(WIN_SERVER_t& server, WIN_CLIENT_t& client)
     return true;
 }
 
-void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
+void offer_unsent(WIN_SERVER_t& server, WIN_CLIENT_t& client)
 {
-    auto* client = static_cast<WIN_CLIENT_t*>(p_client);
-    if (any_null(__func__, server, client) || any_null(__func__, server->win_sock.get()))
+    constexpr char logged_as[] = "unsent_messages_to_win_client"; // which log filters know
+    if (any_null(logged_as, server.win_sock.get()))
         return;
     bool has_sent = false;
-    while (!client->unsent_messages.empty()) {
-        if (!send_piece(*server, *client)) {
+    while (!client.unsent_messages.empty()) {
+        if (!send_piece(server, client)) {
             if (errno != EAGAIN)
-                log_call_error(__func__, "zframe_send");
+                log_call_error(logged_as, "zframe_send");
             if (errno == EHOSTUNREACH)
-                note_unreachable(*server, *client);
+                note_unreachable(server, client);
             if (has_sent)
-                flush_soon(*server);
+                flush_soon(server);
             return;
         }
         has_sent = true;
     }
-    client->unsent_overflow = false; // the next overflow is a new one
+    client.unsent_overflow = false; // the next overflow is a new one
+}
+
+void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
+{
+    if (!any_null(__func__, server, p_client))
+        offer_unsent(*server, *static_cast<WIN_CLIENT_t*>(p_client));
 }
 
 void unsent_messages_to_win_clients(WIN_SERVER_t& server)
 {
     server.clients.for_each([&](WIN_CLIENT_t& client) {
         if (!client.unsent_messages.empty())
-            unsent_messages_to_win_client(&server, &client);
+            offer_unsent(server, client);
     });
 }
 

@@ -115,8 +115,11 @@ void unsent_messages_to_win_clients(WIN_SERVER_t& server);
 // short queue has room again by then, when the client reads.
 void flush_soon(WIN_SERVER_t& server);
 
-// Sends the client's (p_client: a WIN_CLIENT_t) unsent messages, oldest first, until the socket takes no
-// more. Then the next attempt is after 500 ms; after a few already, while the socket takes some each time.
+// Sends the client's unsent messages, oldest first, until the socket takes no more. Then the next attempt is
+// after 500 ms; after a few already, while the socket takes some each time.
+void offer_unsent(WIN_SERVER_t& server, WIN_CLIENT_t& client);
+
+// The same by handle (p_client: a WIN_CLIENT_t), for those outside.
 void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client);
 
 } // namespace rtls
