@@ -7,14 +7,23 @@
 
 namespace rtls {
 
+// The copying is part of the look-up: the node may go as soon as the lock is let go.
+static std::optional<node_route> find_route_locked(NODES_CONTAINER_t& nodes, bytes_view mac)
+    RTLS_REQUIRES(nodes);
+
+static std::optional<node_route> find_route_locked(NODES_CONTAINER_t& nodes, bytes_view mac)
+{
+    const NODE_t* node = nodes.find_by_mac(mac.data());
+    return node ? std::optional{route_of(*node)} : std::nullopt;
+}
+
 std::optional<node_route> find_route(WIN_SERVER_t* server, bytes_view mac)
 {
     NODES_CONTAINER_t* nodes = server->nodes();
     if (any_null(__func__, nodes))
         return std::nullopt;
     const nodes_guard guard{*nodes};
-    const NODE_t* node = nodes->find_by_mac(mac.data());
-    return node ? std::optional{route_of(*node)} : std::nullopt;
+    return find_route_locked(*nodes, mac);
 }
 
 static delivery deliver(WIN_SERVER_t& server, const node_route& route, bytes_view frame, WIN_CLIENT_t* asking)
