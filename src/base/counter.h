@@ -1,6 +1,6 @@
 // counter - figures that one thread writes and any other reads: counts, levels, and distributions of times.
 //
-// The names, helps, units and labels of all figures stand in metrics/table.cpp, nowhere else.
+// The names, helps, units and labels of all figures stand in the rows of metrics/, nowhere else.
 // Threads    One writer for each figure: it loads and stores, without a locked instruction. Readers on any
 //            thread see each figure whole, and a moment old; figures that are read one after the other belong
 //            to slightly different moments.

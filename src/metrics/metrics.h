@@ -27,6 +27,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 namespace rtls {
 
@@ -73,7 +74,7 @@ public:
 };
 
 // The table, in its order.
-std::span<const metric> all_metrics() noexcept;
+std::vector<metric> all_metrics();
 
 // Reads all figures. Metrics without a sample are left out.
 void collect(const services& gateway, metric_sink& sink);
