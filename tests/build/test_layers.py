@@ -80,3 +80,11 @@ def test_no_include_goes_around_the_layers():
     around = [f"{path.relative_to(ROOT)}: {line}" for path in (ROOT / "src").rglob("*.[ch]*")
               for line in path.read_text().splitlines() if re.match(r'\s*#\s*include\s*"(\.\.|/)', line)]
     assert not around
+
+
+def test_the_page_on_the_house_names_what_stands_in_each_folder():
+    page = (ROOT / "docs" / "architecture.md").read_text()
+    section = page.split("## What stands in which folder\n")[1].split("\n## ")[0]
+    told = {folder: sorted(re.findall(r"`(\w+)`", rest)) for folder, rest in re.findall(r"^\| `(\w+)` \|(.*)$", section, re.M)}
+    there = {folder: sorted({path.stem for path in (ROOT / "src" / folder).glob("*.[ch]*")}) for folder in LAYERS}
+    assert told == there
