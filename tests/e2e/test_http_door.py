@@ -6,6 +6,7 @@ import pytest
 
 from harness.http_client import Raw, get, with_http
 from harness.peers import wait_until
+from harness.stopped_thread import thread_names
 
 HEAD_LIMIT = 8192
 CONNECTIONS = 64
@@ -16,11 +17,6 @@ def daemon(start_gateway, http_port):
     return start_gateway(change=with_http(http_port))
 
 
-def threads_of(daemon) -> list:
-    return [name.read_text().strip() for name in
-            __import__("pathlib").Path(f"/proc/{daemon.process.pid}/task").glob("*/comm")]
-
-
 def errors_of(daemon) -> list:
     return [line.split(": ", 1)[1] for line in daemon.syslog() if line.startswith("3 ")]
 
@@ -28,13 +24,13 @@ def errors_of(daemon) -> list:
 # --- the configuration
 
 def test_without_the_section_there_is_nothing(gateway):
-    assert "rtls-http" not in threads_of(gateway)
+    assert "rtls-http" not in thread_names(gateway).values()
     assert not [line for line in gateway.syslog() if "http" in line]
 
 
 def test_it_serves_on_three_threads_of_its_own(daemon, http_port):
     assert get(http_port, "/version").status == 200
-    assert threads_of(daemon).count("rtls-http") == 3
+    assert list(thread_names(daemon).values()).count("rtls-http") == 3
 
 
 def test_it_is_bound_to_this_host_alone(daemon, http_port):

@@ -7,8 +7,9 @@ import subprocess
 
 import pytest
 
-from harness.daemon import BINARY, SHIM, environment, free_port
+from harness.daemon import BINARY, BUILD, SHIM, environment, free_port
 from harness.peers import wait_until
+from harness.stopped_thread import StoppedThread, thread_id, thread_names
 
 ERR, INFO = 3, 6
 REQUIRED = ["pidfile", "ports/win", "ports/discovery", "pub_sub_proxy/address", "pub_sub_proxy/port",
@@ -228,3 +229,21 @@ def test_only_main_takes_signals(gateway):
         for sig in (signal.SIGINT, signal.SIGTERM):
             if int(task) != pid:
                 assert blocked >> (sig - 1) & 1, f"thread {task} takes signal {sig}"
+
+
+def test_every_thread_has_a_name_of_its_own(gateway):
+    """But main, which has the program's, and the library's."""
+    names = thread_names(gateway)
+    assert names.pop(gateway.process.pid) == "rtls-gateway"
+    own = [name for name in names.values() if not name.startswith("ZMQbg/")]
+    if BUILD.name == "tsan":
+        own.remove("rtls-gateway")  # the sanitizer's
+    assert sorted(own) == ["rtls-log", "rtls-terminal", "rtls-win"]
+
+
+def test_the_thread_that_limits_the_stop_has_a_name_of_its_own(start_gateway):
+    daemon = start_gateway()
+    with StoppedThread(thread_id(daemon, "rtls-terminal")):  # a stop that takes its time
+        daemon.interrupt()
+        wait_until(lambda: "rtls-stop" in thread_names(daemon).values(), "the thread")
+    assert daemon.wait_exit() == 0

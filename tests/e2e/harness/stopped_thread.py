@@ -1,13 +1,16 @@
-"""Stops one thread of the daemon, as a debugger does, while the others run."""
+"""The daemon's threads: their names, and a means to stop one, as a debugger does, while the others run."""
 import pathlib
 import subprocess
 
 
+def thread_names(daemon) -> dict:
+    """By number. A thread that nobody names has the name of the one that made it."""
+    return {int(task.name): (task / "comm").read_text().strip()
+            for task in pathlib.Path(f"/proc/{daemon.process.pid}/task").iterdir()}
+
+
 def thread_id(daemon, name: str) -> int:
-    for task in pathlib.Path(f"/proc/{daemon.process.pid}/task").iterdir():
-        if (task / "comm").read_text().strip() == name:
-            return int(task.name)
-    raise AssertionError(f"no thread {name}")
+    return next(number for number, is_called in thread_names(daemon).items() if is_called == name)
 
 
 class StoppedThread:
