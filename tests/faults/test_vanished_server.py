@@ -1,5 +1,6 @@
 """A server upstream that vanishes behind a router without a word is noticed within 15 s, and served within 5 s
 of its return."""
+import contextlib
 import socket
 import subprocess
 import time
@@ -22,6 +23,21 @@ def namespaces():
     spaces = Namespaces()
     yield spaces
     spaces.close()
+
+
+@contextlib.contextmanager
+def gateway_of_servers_elsewhere(folder, namespaces):
+    """In a namespace of its own, behind a router that can lose the way to its servers."""
+    def change(config):
+        config["message_handler"]["address"] = config["pub_sub_proxy"]["address"] = "10.77.2.2"
+        return config
+
+    with namespaces.enter("ours"):
+        gateway = Daemon(folder, upstream=(), change=change)
+    try:
+        yield gateway
+    finally:
+        gateway.close()
 
 
 class Servers:
@@ -67,13 +83,7 @@ def bounds_pauses_of_probes() -> bool:
 @pytest.mark.slow
 @pytest.mark.skipif(not available() or not bounds_pauses_of_probes(), reason="needs network namespaces and Linux 6.15")
 def test_a_server_that_stood_and_then_vanished_is_noticed(tmp_path, namespaces, figure):
-    def change(config):
-        config["message_handler"]["address"] = config["pub_sub_proxy"]["address"] = "10.77.2.2"
-        return config
-
-    with namespaces.enter("ours"):
-        gateway = Daemon(tmp_path, upstream=(), change=change)
-    try:
+    with gateway_of_servers_elsewhere(tmp_path, namespaces) as gateway:
         servers = Servers(namespaces, gateway.ports, stands=True)
         with namespaces.enter("ours"):
             bridge = gateway.bridge(BRIDGE)
@@ -96,19 +106,11 @@ def test_a_server_that_stood_and_then_vanished_is_noticed(tmp_path, namespaces, 
         figure("until the silence of one who stood is noticed", "-", f"{noticed:.1f} s")
         assert noticed < 15
         servers.close()
-    finally:
-        gateway.close()
 
 
 @pytest.mark.skipif(not available(), reason="needs the rights to make network namespaces")
 def test_a_server_that_vanished_is_noticed_and_found_again(tmp_path, namespaces, figure):
-    def change(config):
-        config["message_handler"]["address"] = config["pub_sub_proxy"]["address"] = "10.77.2.2"
-        return config
-
-    with namespaces.enter("ours"):
-        gateway = Daemon(tmp_path, upstream=(), change=change)
-    try:
+    with gateway_of_servers_elsewhere(tmp_path, namespaces) as gateway:
         servers = Servers(namespaces, gateway.ports)
         with namespaces.enter("ours"):
             bridge = gateway.bridge(BRIDGE)
@@ -141,5 +143,3 @@ def test_a_server_that_vanished_is_noticed_and_found_again(tmp_path, namespaces,
         figure("until it is served after its return", "up to 105 s", f"{served:.1f} s")
         assert noticed < 15 and served < 5, f"noticed after {noticed:.1f} s, served after {served:.1f} s"
         servers.close()
-    finally:
-        gateway.close()
