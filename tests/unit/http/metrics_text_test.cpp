@@ -29,6 +29,14 @@ static std::string text_in(metrics_format format)
     return std::move(text).finish();
 }
 
+// The same in both formats.
+static const std::string samples_of_times = R"(thing_seconds_bucket{actor="win",le="0.0025"} 1
+thing_seconds_bucket{actor="win",le="1.0"} 2
+thing_seconds_bucket{actor="win",le="+Inf"} 5
+thing_seconds_sum{actor="win"} 12.5
+thing_seconds_count{actor="win"} 5
+)";
+
 TEST(metrics_text, is_prometheus_text)
 {
     EXPECT_EQ(text_in(metrics_format::prometheus), R"(# HELP things_lost_total Lost, by "cause".\nOr \\.
@@ -39,12 +47,7 @@ things_lost_total{cause="a\"b\\c\nd"} 7
 thing_age_seconds 0.25
 # HELP thing_seconds Times.
 # TYPE thing_seconds histogram
-thing_seconds_bucket{actor="win",le="0.0025"} 1
-thing_seconds_bucket{actor="win",le="1.0"} 2
-thing_seconds_bucket{actor="win",le="+Inf"} 5
-thing_seconds_sum{actor="win"} 12.5
-thing_seconds_count{actor="win"} 5
-)");
+)" + samples_of_times);
 }
 
 TEST(metrics_text, is_open_metrics)
@@ -59,13 +62,7 @@ thing_age_seconds 0.25
 # HELP thing_seconds Times.
 # TYPE thing_seconds histogram
 # UNIT thing_seconds seconds
-thing_seconds_bucket{actor="win",le="0.0025"} 1
-thing_seconds_bucket{actor="win",le="1.0"} 2
-thing_seconds_bucket{actor="win",le="+Inf"} 5
-thing_seconds_sum{actor="win"} 12.5
-thing_seconds_count{actor="win"} 5
-# EOF
-)");
+)" + samples_of_times + "# EOF\n");
 }
 
 TEST(metrics_text, writes_numbers_that_are_read_back)
