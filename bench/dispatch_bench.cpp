@@ -85,15 +85,14 @@ public:
             const ssize_t size = recv(m_connection, bytes, sizeof bytes, 0);
             if (size <= 0)
                 return false;
-            win_client_decode(*m_replies, {bytes, static_cast<size_t>(size)}, count_reply, &taken);
+            win_client_decode(*m_replies, {bytes, static_cast<size_t>(size)},
+                              [&](WIN_CLIENT_t&) { ++taken; });
         }
         (void)zsock_events(server().win_sock); // has it notice that the connection has been emptied
         return taken == expected;
     }
 
 private:
-    static void count_reply(void* p_taken, WIN_CLIENT_t& /*decoder*/) { ++*static_cast<size_t*>(p_taken); }
-
     static zsock_t* new_peer(zsock_t* server_sock)
     {
         static int number = 0; // a closed socket gives its name up some time later

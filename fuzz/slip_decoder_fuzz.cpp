@@ -15,12 +15,6 @@ namespace {
 
 using frame_list = std::vector<std::vector<uint8_t>>;
 
-void keep_frame(void* p_frames, WIN_CLIENT_t& client)
-{
-    const uint8_t* begin = client.pending_data.get();
-    static_cast<frame_list*>(p_frames)->emplace_back(begin, begin + client.pending_data_size);
-}
-
 // What a stream holds, told a byte at a time.
 frame_list plain_frames(bytes_view stream)
 {
@@ -56,7 +50,10 @@ frame_list decoded(WIN_CLIENT_t& client, bytes_view stream, bytes_view cuts)
         const size_t piece = i < cuts.size() ? wanted : std::max<size_t>(wanted, 1);
         const bytes_view read = stream.first(std::min(piece, stream.size()));
         const std::vector<uint8_t> exact{read.begin(), read.end()};
-        win_client_decode(client, exact, keep_frame, &frames);
+        win_client_decode(client, exact, [&](WIN_CLIENT_t& complete) {
+            const uint8_t* begin = complete.pending_data.get();
+            frames.emplace_back(begin, begin + complete.pending_data_size);
+        });
         stream = stream.subspan(read.size());
     }
     return frames;

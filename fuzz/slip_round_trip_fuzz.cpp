@@ -35,12 +35,6 @@ void check_run(bytes_view bytes)
     require(run == bytes.size() || slip_is_special(bytes[run]));
 }
 
-void keep_message(void* p_messages, WIN_CLIENT_t& client)
-{
-    const uint8_t* begin = client.pending_data.get();
-    static_cast<std::vector<byte_string>*>(p_messages)->emplace_back(begin, begin + client.pending_data_size);
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -64,7 +58,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     std::vector<byte_string> came;
     client.parsing_state = PS_NONE;
-    win_client_decode(client, stream, keep_message, &came);
+    win_client_decode(client, stream, [&](WIN_CLIENT_t& complete) {
+        const uint8_t* begin = complete.pending_data.get();
+        came.emplace_back(begin, begin + complete.pending_data_size);
+    });
     require(came == sent && client.parsing_state == PS_NONE);
     return 0;
 }

@@ -132,12 +132,6 @@ std::vector<uint8_t> helped(std::vector<uint8_t> message, unsigned options)
     return (options & option::is_forwarded) != 0 ? wrapped(std::move(message), options) : message;
 }
 
-void process_decoded(void* p_gateway, WIN_CLIENT_t& decoder)
-{
-    process_frame(*static_cast<idle_gateway*>(p_gateway),
-                  {decoder.pending_data.get(), decoder.pending_data_size});
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -152,7 +146,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     if (const unsigned options = data[0]; options & option::is_stream) {
         decoder->parsing_state = PS_NONE;
-        win_client_decode(*decoder, {data + 1, size - 1}, process_decoded, &gateway);
+        win_client_decode(*decoder, {data + 1, size - 1}, [&](WIN_CLIENT_t& complete) {
+            process_frame(gateway, {complete.pending_data.get(), complete.pending_data_size});
+        });
     } else {
         process_frame(gateway, helped({data + 1, data + size}, options));
     }

@@ -126,7 +126,7 @@ static size_t left_from_start(bytes_view bytes)
     return start ? static_cast<size_t>(bytes.data() + bytes.size() - static_cast<const uint8_t*>(start)) : 0;
 }
 
-void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler deliver, void* context)
+bool win_client_decode_frame(WIN_CLIENT_t& client, bytes_view& received)
 {
     while (!received.empty()) {
         const bytes_view first = received.first(1);
@@ -170,10 +170,8 @@ void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler 
                 client.parsing_state = PS_ESCAPE;
                 break;
             case slip_end:
-                deliver(context, client);
-                client.parsing_state = PS_NONE;
-                shrink_to(client, pending_data_kept);
-                break;
+                received = received.subspan(used);
+                return true;
             default:
                 used = slip_ordinary_run(received);
                 append(client, received.first(used));
@@ -182,6 +180,13 @@ void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler 
         }
         received = received.subspan(used);
     }
+    return false;
+}
+
+void win_client_end_frame(WIN_CLIENT_t& client)
+{
+    client.parsing_state = PS_NONE;
+    shrink_to(client, pending_data_kept);
 }
 
 } // namespace rtls

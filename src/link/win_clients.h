@@ -76,11 +76,20 @@ bool win_client_increase_buffer_size(WIN_CLIENT_t* client);
 // Gives the frame at hand up, and the memory that it takes: what is left of it is noise to the decoder.
 void win_client_give_up_frame(WIN_CLIENT_t& client);
 
-// What becomes of a complete frame: it stands in client.pending_data until the next one begins.
-using frame_handler = void (*)(void* context, WIN_CLIENT_t& client);
+// Feeds received bytes to the client's decoder up to the end of a frame, and takes them off. True when a frame
+// is complete: it stands in client.pending_data, and win_client_end_frame has to follow. Frames may span any
+// number of calls.
+bool win_client_decode_frame(WIN_CLIENT_t& client, bytes_view& received);
+void win_client_end_frame(WIN_CLIENT_t& client);
 
-// Feeds received bytes to the client's decoder, which calls `deliver` for each complete frame. Frames
-// may span any number of calls.
-void win_client_decode(WIN_CLIENT_t& client, bytes_view received, frame_handler deliver, void* context);
+// Feeds all of the bytes to the decoder, and calls deliver(WIN_CLIENT_t&) for each complete frame.
+template <typename Deliver>
+void win_client_decode(WIN_CLIENT_t& client, bytes_view received, Deliver deliver)
+{
+    while (win_client_decode_frame(client, received)) {
+        deliver(client);
+        win_client_end_frame(client);
+    }
+}
 
 } // namespace rtls

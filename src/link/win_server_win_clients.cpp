@@ -145,13 +145,6 @@ static void handle_event(WIN_SERVER_t& server, message_part& identity, message_p
         on_unknown(server, identity, key);
 }
 
-static void deliver_frame(void* p_server, WIN_CLIENT_t& client)
-{
-    auto* server = static_cast<WIN_SERVER_t*>(p_server);
-    server->counts.frames_in.add();
-    server->process_frame(server, &client);
-}
-
 // The clock has been read for another reason: what has been handed over since the last time has taken no longer
 // than from then to now.
 static void note_hand_overs(WIN_SERVER_t& server, int64_t now)
@@ -284,7 +277,10 @@ void parse_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client, cons
     if (any_null(__func__, server, client, data))
         return;
     bound_frames(*server, size);
-    win_client_decode(*client, {data, size}, deliver_frame, server);
+    win_client_decode(*client, {data, size}, [server](WIN_CLIENT_t& sender) {
+        server->counts.frames_in.add();
+        server->process_frame(server, &sender);
+    });
 }
 
 } // namespace rtls

@@ -29,8 +29,7 @@ public:
     }
     void feed(const bytes_t& bytes)
     {
-        win_client_decode(
-            *m_client, bytes, [](void* number, WIN_CLIENT_t&) { ++*static_cast<int*>(number); }, &frames);
+        win_client_decode(*m_client, bytes, [this](WIN_CLIENT_t&) { ++frames; });
     }
     void give_up() { win_client_give_up_frame(*m_client); }
     uint64_t lost(frame_loss why) const { return counts.lost[why].value(); }

@@ -38,11 +38,9 @@ public:
 
     void feed(bytes_view bytes)
     {
-        const auto keep = [](void* kept, WIN_CLIENT_t& c) {
-            static_cast<frame_list*>(kept)->emplace_back(c.pending_data.get(),
-                                                         c.pending_data + c.pending_data_size);
-        };
-        win_client_decode(*client, bytes, keep, &frames);
+        win_client_decode(*client, bytes, [this](WIN_CLIENT_t& c) {
+            frames.emplace_back(c.pending_data.get(), c.pending_data + c.pending_data_size);
+        });
     }
 
     WIN_CLIENT_t* client;
