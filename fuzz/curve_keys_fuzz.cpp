@@ -1,8 +1,8 @@
 // Certificates and the configuration that names them: a link that was meant to be closed is closed with whole keys
 // of both ends, or nothing is read at all.
-#include "base/curve.h"
 #include "fuzzing.h"
 #include "memory_file.h"
+#include "net/curve.h"
 
 #include <array>
 

@@ -1,8 +1,8 @@
 // What keeps senders with forged addresses in bounds: the answers that one address may have in a second, whose
 // address is our own, and who may come in by a door, each against a model. The clock is the input's.
-#include "base/door.h"
-#include "base/own_addresses.h"
 #include "fuzzing.h"
+#include "net/door.h"
+#include "net/own_addresses.h"
 
 #include <ifaddrs.h>
 

@@ -2,7 +2,6 @@
 
 #include "base/common.h"
 #include "base/config.h"
-#include "base/door.h"
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "base/signals.h"
@@ -10,6 +9,7 @@
 #include "firmware/image_download.h"
 #include "http/http_rules.h"
 #include "http/http_server.h"
+#include "net/door.h"
 #include "server/win_server.h"
 #include "services.h"
 #include "terminal/terminal_server.h"

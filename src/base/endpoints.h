@@ -14,7 +14,7 @@ inline constexpr char debug_stream_endpoint[] = "inproc://dbg_dump";
 // stood in logs for long.
 inline constexpr char request_channel_endpoint[] = "inproc://winserw_channel";
 
-// A connection's events: PAIR, bound by libzmq for the watch (base/link_watch) that the address is of.
+// A connection's events: PAIR, bound by libzmq for the watch (net/link_watch) that the address is of.
 inline constexpr char link_events_endpoint[] = "inproc://link-%p";
 
 } // namespace rtls

@@ -1,12 +1,12 @@
 #include "http/http_door.h"
 
 #include "base/common.h"
-#include "base/descriptors.h"
 #include "base/logger.h"
 #include "base/signals.h"
 #include "http/answer_pool.h"
 #include "http/connection.h"
 #include "http/unique_fd.h"
+#include "net/descriptors.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

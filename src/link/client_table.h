@@ -7,9 +7,9 @@
 // Failures   Nothing throws, but copy.
 #pragma once
 
-#include "base/address_counts.h"
 #include "base/czmq_ptr.h"
 #include "link/win_clients.h"
+#include "net/address_counts.h"
 
 #include "core/thread_annotations.h"
 

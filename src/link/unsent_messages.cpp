@@ -4,9 +4,9 @@
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "base/peer.h"
-#include "base/stream_send.h"
 #include "link/silent_ends.h"
 #include "link/win_server_private.h"
+#include "net/stream_send.h"
 
 #include <algorithm>
 #include <array>

@@ -3,7 +3,7 @@
 #include "base/logger.h"
 #include "base/null_check.h"
 #include "base/peer.h"
-#include "base/udplib.h"
+#include "net/udplib.h"
 #include "wire/discovery_answers.h"
 
 #include <algorithm>

@@ -8,9 +8,9 @@
 #pragma once
 
 #include "base/czmq_ptr.h"
-#include "base/link_watch.h"
 #include "base/loop_pulse.h"
 #include "link/client_table.h"
+#include "net/link_watch.h"
 
 #include <czmq.h>
 

@@ -4,7 +4,7 @@
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/peer.h"
-#include "base/stream_send.h"
+#include "net/stream_send.h"
 #include "terminal/client.h"
 #include "terminal/image_fetch.h"
 #include "terminal/reply.h"

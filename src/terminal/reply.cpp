@@ -1,7 +1,7 @@
 #include "terminal/reply.h"
 
 #include "base/peer.h"
-#include "base/stream_send.h"
+#include "net/stream_send.h"
 
 #include <cerrno>
 #include <cstdarg>

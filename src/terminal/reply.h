@@ -1,7 +1,7 @@
 // reply - what goes out to an operator, kept in step.
 //
 // All answers leave through here: a text is sent only behind an identity that was accepted, and an accepted
-// identity is always followed by exactly one text (see base/stream_send.h).
+// identity is always followed by exactly one text (see net/stream_send.h).
 //
 // Threads    Terminal thread; no lock.
 // Blocking   An identity waits for the socket's send time-out at most, and only for an operator who took the

@@ -9,8 +9,8 @@
 #pragma once
 
 #include "base/czmq_ptr.h"
-#include "base/descriptors.h"
-#include "base/door.h"
+#include "net/descriptors.h"
+#include "net/door.h"
 #include "terminal/terminal_counters.h"
 
 #include <czmq.h>

@@ -7,11 +7,11 @@
 #pragma once
 
 #include "base/call_queue.h"
-#include "base/connection_cut.h"
 #include "base/czmq_ptr.h"
-#include "base/descriptors.h"
-#include "base/door.h"
 #include "link/closed_ids.h"
+#include "net/connection_cut.h"
+#include "net/descriptors.h"
+#include "net/door.h"
 #include "services.h"
 #include "terminal/operator_table.h"
 #include "terminal/terminal_counters.h"

@@ -1,8 +1,8 @@
 #include "server/discovery.h"
 
 #include "base/hex.h"
-#include "base/udplib.h"
 #include "link/win_server_private.h"
+#include "net/udplib.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 

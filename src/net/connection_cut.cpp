@@ -1,4 +1,4 @@
-#include "base/connection_cut.h"
+#include "net/connection_cut.h"
 
 #include "base/peer.h"
 #include "core/descriptor_duplicate.h"

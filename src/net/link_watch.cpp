@@ -1,4 +1,4 @@
-#include "base/link_watch.h"
+#include "net/link_watch.h"
 
 #include "base/common.h"
 #include "base/endpoints.h"

@@ -1,4 +1,4 @@
-#include "base/udplib.h"
+#include "net/udplib.h"
 
 #include "support/log_capture.h"
 

@@ -1,4 +1,4 @@
-#include "base/udplib.h"
+#include "net/udplib.h"
 
 #include "base/common.h"
 #include "base/null_check.h"

@@ -1,4 +1,4 @@
-#include "base/stream_send.h"
+#include "net/stream_send.h"
 
 #include "base/czmq_ptr.h"
 #include "support/hex_bytes.h"

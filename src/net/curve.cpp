@@ -1,4 +1,4 @@
-#include "base/curve.h"
+#include "net/curve.h"
 
 #include "base/logger.h"
 

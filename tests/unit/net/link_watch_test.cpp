@@ -1,4 +1,4 @@
-#include "base/link_watch.h"
+#include "net/link_watch.h"
 #include "support/log_capture.h"
 #include "support/loop.h"
 #include "support/sock.h"

@@ -1,4 +1,4 @@
-#include "base/curve.h"
+#include "net/curve.h"
 
 #include "base/czmq_ptr.h"
 #include "support/log_capture.h"

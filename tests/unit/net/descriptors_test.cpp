@@ -1,4 +1,4 @@
-#include "base/descriptors.h"
+#include "net/descriptors.h"
 
 #include "support/log_capture.h"
 

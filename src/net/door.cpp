@@ -1,4 +1,4 @@
-#include "base/door.h"
+#include "net/door.h"
 
 #include "base/logger.h"
 #include "base/peer.h"

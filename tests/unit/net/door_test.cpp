@@ -1,7 +1,7 @@
-#include "base/door.h"
+#include "net/door.h"
 
-#include "base/address_counts.h"
 #include "base/czmq_ptr.h"
+#include "net/address_counts.h"
 #include "support/log_capture.h"
 
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-#include "base/stream_send.h"
+#include "net/stream_send.h"
 
 namespace rtls {
 

@@ -1,4 +1,4 @@
-#include "base/own_addresses.h"
+#include "net/own_addresses.h"
 
 #include <gtest/gtest.h>
 
