@@ -98,6 +98,7 @@ static void command_quit(const terminal_request& request)
     const identity_key key{request.client->id.get()};
     dbg_print(request.dbg_sock, DBG_TERMINAL, console, "Client %s disconnected", key.c_str());
     request.server.clients.erase(key.c_str());
+    request.server.counts.operators_gone.add(); // no event follows
 }
 
 namespace {

@@ -195,6 +195,9 @@ TEST_F(terminal_server_test, quit_closes_the_connection)
         EXPECT_EQ(peer.read_until("bye bye.\n"), "bye bye.\n");
         EXPECT_EQ(terminals_seen_by(other).size(), 1u);
     }
+    const auto& counts = terminal_server_figures(*static_cast<TERMINAL_SERVER_t*>(server())).counts;
+    EXPECT_EQ(counts.operators_accepted.value(), 4U);
+    EXPECT_EQ(counts.operators_gone.value(), 3U);
 }
 
 TEST_F(terminal_server_test, quit_that_is_followed_by_more_leaves_nothing)
