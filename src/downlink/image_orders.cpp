@@ -15,30 +15,14 @@ namespace rtls {
 
 namespace {
 
-// What has been fetched, or null, on its way between the threads.
-class firmware_parcel {
-public:
-    firmware_parcel() = default;
-    ~firmware_parcel() { set(nullptr); }
-    firmware_parcel(const firmware_parcel&) = delete;
-    firmware_parcel& operator=(const firmware_parcel&) = delete;
-
-    void set(FIRMWARE_t* firmware)
-    {
-        void* old = std::exchange(m_firmware, firmware);
-        firmware_destroy(&old);
-    }
-    std::string reason; // why there is none
-
-    FIRMWARE_t* take() { return std::exchange(m_firmware, nullptr); }
-
-private:
-    FIRMWARE_t* m_firmware = nullptr;
-};
-
+// What has been fetched, or why there is nothing, on its way between the threads.
 struct store_outcome {
     int index = -1;
     std::string url;
+    std::string reason;
+};
+struct announced_outcome {
+    firmware_ptr firmware;
     std::string reason;
 };
 
@@ -98,7 +82,7 @@ try {
     print_stored(server, -1);
 }
 
-static void adopt(WIN_SERVER_t& server, const char* url, FIRMWARE_t* firmware, uint32_t announced_crc,
+static void adopt(WIN_SERVER_t& server, const char* url, firmware_ptr firmware, uint32_t announced_crc,
                   uint32_t printed_crc)
 {
     zsock_t* dbg = server.dbg_client_sock;
@@ -107,7 +91,7 @@ static void adopt(WIN_SERVER_t& server, const char* url, FIRMWARE_t* firmware, u
         return;
     }
     const uint32_t computed = firmware->crc32;
-    server.rtls_gateway->firmware.set(firmware);
+    server.rtls_gateway->firmware.set(firmware.release());
     if (announced_crc != 0 && announced_crc != computed) {
         server.rtls_gateway->firmware.set(nullptr);
         dbg_print(dbg, DBG_PARSING, "PROXY",
@@ -120,13 +104,14 @@ static void adopt(WIN_SERVER_t& server, const char* url, FIRMWARE_t* firmware, u
 
 void fetch_announced(WIN_SERVER_t& server, const char* url, uint32_t announced_crc, uint32_t printed_crc)
 try {
-    auto parcel = std::make_shared<firmware_parcel>();
+    auto outcome = std::make_shared<announced_outcome>();
     auto text = std::make_shared<const std::string>(url);
     fetch_elsewhere(
-        server, "announcement", [=] { parcel->set(firmware_fetch(text->c_str(), &parcel->reason)); },
+        server, "announcement",
+        [=] { outcome->firmware.reset(firmware_fetch(text->c_str(), &outcome->reason)); },
         [=, &server] {
-            print_reason(server, text->c_str(), parcel->reason);
-            adopt(server, text->c_str(), parcel->take(), announced_crc, printed_crc);
+            print_reason(server, text->c_str(), outcome->reason);
+            adopt(server, text->c_str(), std::move(outcome->firmware), announced_crc, printed_crc);
         },
         [&] { adopt(server, url, nullptr, announced_crc, printed_crc); });
 } catch (const std::bad_alloc&) {
