@@ -139,8 +139,11 @@ void field::handle_events(int timeout_ms)
                                             [&](view message) { received(*b, message); });
         if (!alive)
             disconnect(*b, was_up ? "connection closed by the gateway" : "the gateway does not answer");
-        else if (b->link.now() == bridge_link::state::up && !b->asked)
-            ask_prefix(*b);
+        else if (b->link.now() == bridge_link::state::up && !was_up) {
+            ++m_connections;
+            if (!b->asked)
+                ask_prefix(*b);
+        }
         watch(*b);
     }
 }
@@ -169,6 +172,7 @@ void field::tend_bridges()
     m_tended_at = now;
     for (const auto& b : m_bridges)
         tend_bridge(*b, now);
+    send_one_away(now);
 }
 
 void field::tend_bridge(bridge& b, steady::time_point now)
@@ -188,11 +192,41 @@ void field::tend_bridge(bridge& b, steady::time_point now)
             disconnect(b, "no greeting from the gateway");
         break;
     case bridge_link::state::up:
-        if (!b.joined && now >= b.give_up_at)
+        if (b.leaving)
+            leave(b);
+        else if (!b.joined && now >= b.give_up_at)
             ask_prefix(b);
         else if (b.joined && now >= b.next_heartbeat)
             send_kind(kind::heartbeat, b.self);
     }
+}
+
+// Of those that have joined with all their nodes the next one, while reports flow.
+void field::send_one_away(steady::time_point now)
+{
+    const std::chrono::duration<double> since = now - m_churned_at;
+    if (m_options.churn <= 0 || !m_reports_flow || since.count() < m_options.churn)
+        return;
+    m_churned_at = now;
+    for (size_t tried = 0; tried < m_bridges.size(); ++tried) {
+        bridge& b = *m_bridges[m_next_to_leave++ % m_bridges.size()];
+        if (!b.joined || b.leaving || !std::ranges::all_of(b.nodes, &device::introduced))
+            continue;
+        b.leaving = true;
+        ++m_leaving;
+        return;
+    }
+}
+
+// In order: behind the last thing it sent goes a ping, whose echo says that the gateway has read all of it.
+void field::leave(bridge& b)
+{
+    if (!b.acks.empty() || !b.pings.empty() || b.link.unsent() > 0)
+        return;
+    if (b.pinged_last)
+        disconnect(b, "leaves, and comes again");
+    else
+        send_ping(b);
 }
 
 void field::connect(bridge& b)
@@ -227,7 +261,11 @@ void field::disconnect(bridge& b, const char* why)
     b.asked = false;
     b.acks.clear();
     b.pings.clear();
+    b.pinged_last = false;
     b.connect_at = steady::now() + connect_again_after;
+    if (b.leaving)
+        --m_leaving;
+    b.leaving = false;
     if (!b.joined)
         return;
     b.joined = false;
@@ -271,7 +309,13 @@ void field::join(bridge& b, const downlink_message& message)
 
 bool field::is_complete() const
 {
-    return m_joined == m_options.bridges && m_introduced == m_options.bridges * m_options.nodes;
+    return m_joined == m_options.bridges && m_introduced == m_options.bridges * m_options.nodes &&
+           m_leaving == 0;
+}
+
+field_state field::state() const
+{
+    return {m_joined, m_introduced, m_connections, m_messages_up, m_messages_down};
 }
 
 void field::list_devices()

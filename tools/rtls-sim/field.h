@@ -38,6 +38,7 @@ struct field_options {
     unsigned forwarded_percent = 50;
     unsigned timestamp_percent = 30; // sent with a time of their own
     unsigned ack_percent = 20;       // that ask for an acknowledgement
+    double churn = 0;                // seconds until the next bridge goes, and comes again; 0: none does
     uint16_t ota_page_size = 512;
     bytes ota_image; // compared with what nodes fetch, when it has the same CRC
 };
@@ -45,6 +46,9 @@ struct field_options {
 struct field_state {
     unsigned bridges_joined = 0;
     unsigned nodes_introduced = 0;
+    uint64_t connections = 0;   // that were greeted
+    uint64_t messages_up = 0;   // that bridges sent
+    uint64_t messages_down = 0; // that they got
 };
 
 class field {
@@ -61,9 +65,9 @@ public:
     void let_bridges_connect() { m_may_connect = true; }
     // Reports flow (or not), once a bridge has joined and introduced its nodes.
     void let_reports_flow(bool flow) { m_reports_flow = flow; }
-    // Every bridge has joined and every node was introduced.
+    // Every bridge has joined and is to stay, and every node was introduced.
     bool is_complete() const;
-    field_state state() const { return {m_joined.load(), m_introduced.load()}; }
+    field_state state() const;
     uint64_t reports_made() const { return m_made.load(); }
     // A node starts to fetch an image. Answered on the console.
     void start_ota(const mac_bytes& node, const ota_order& order, uint16_t page_size);
@@ -86,6 +90,8 @@ private:
         uint32_t watched = 0; // epoll events asked for
         bool asked = false;   // for the RPL prefix
         bool joined = false;  // has been told it
+        bool leaving = false; // goes as soon as everything it sent was answered
+        bool pinged_last = false;
         uint16_t prefix = 0;
         uint8_t version = 0;
         steady::time_point connect_at{};     // next attempt
@@ -110,6 +116,8 @@ private:
 
     void tend_bridges();
     void tend_bridge(bridge& b, steady::time_point now);
+    void send_one_away(steady::time_point now);
+    void leave(bridge& b);
     void connect(bridge& b);
     void disconnect(bridge& b, const char* why);
     void watch(bridge& b);
@@ -121,6 +129,7 @@ private:
     void make_due_reports();
     bool make_report();
     bool is_ready(const device& d) const;
+    static bool takes_reports(const bridge& b);
     void send_kind(kind k, device& d);
     void send_ping(bridge& b);
     void send(device& d, const uplink_message& message, bridge& via, bool foreign, bool optional);
@@ -162,6 +171,8 @@ private:
     steady::time_point m_counted_at{};
     steady::time_point m_introduced_at{};
     steady::time_point m_tended_at{};
+    steady::time_point m_churned_at{};
+    size_t m_next_to_leave = 0;
 
     std::mutex m_jobs_mutex;
     std::vector<std::function<void()>> m_jobs;
@@ -169,6 +180,10 @@ private:
     std::atomic<bool> m_reports_flow{false};
     std::atomic<unsigned> m_joined{0};
     std::atomic<unsigned> m_introduced{0};
+    std::atomic<unsigned> m_leaving{0};
+    std::atomic<uint64_t> m_connections{0};
+    std::atomic<uint64_t> m_messages_up{0};
+    std::atomic<uint64_t> m_messages_down{0};
     std::atomic<uint64_t> m_made{0};
     std::atomic<unsigned> m_ota_running{0};
     std::atomic<unsigned> m_ota_succeeded{0};

@@ -32,6 +32,7 @@ device* field::addressed(const downlink_message& message)
 
 void field::received(bridge& b, view message)
 {
+    ++m_messages_down;
     const downlink_message m = read_downlink(message);
     const device* target = m.way == delivery::broadcast ? &b.self : addressed(m);
     if (m_out.wants_traffic()) {
@@ -171,7 +172,8 @@ void field::tend_fetches()
         device& d = *at->first;
         fetch& running = at->second;
         bridge& b = bridge_of(d);
-        if (const auto wanted = b.joined ? running.state.next_request(now) : std::nullopt)
+        if (const auto wanted =
+                d.introduced && takes_reports(b) ? running.state.next_request(now) : std::nullopt)
             send(d, make_ota_page_request(d.signs.mac, d.next_seq(), *wanted), b, false, true);
         if (running.state.finished()) {
             end_fetch(d, running);

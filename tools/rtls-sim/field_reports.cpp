@@ -51,7 +51,12 @@ void field::introduce(device& d)
 bool field::is_ready(const device& d) const
 {
     const bridge& b = *m_bridges[d.bridge - 1];
-    return d.introduced && b.joined && b.link.unsent() <= most_unsent && steady::now() >= d.silent_until;
+    return d.introduced && takes_reports(b) && steady::now() >= d.silent_until;
+}
+
+bool field::takes_reports(const bridge& b)
+{
+    return b.joined && !b.leaving && b.link.unsent() <= most_unsent;
 }
 
 void field::make_due_reports()
@@ -103,7 +108,7 @@ void field::send_kind(kind k, device& d)
     bool foreign = false;
     if (d.forwarded && m_bridges.size() > 1 && m_maker.below(overheard_one_in) == 0) {
         bridge& other = *m_bridges[(own.number + m_maker.below(m_bridges.size() - 1)) % m_bridges.size()];
-        foreign = other.joined && other.link.unsent() <= most_unsent;
+        foreign = takes_reports(other);
         if (foreign)
             via = &other;
     }
@@ -119,6 +124,7 @@ void field::send_ping(bridge& b)
     b.pings.emplace(std::string{frame.begin(), frame.end()}, steady::now());
     m_tracker.sent_ping();
     queue(b, frame);
+    b.pinged_last = true;
 }
 
 static bool can_be_acknowledged(kind k)
@@ -178,6 +184,8 @@ void field::queue(bridge& b, view message)
     if (b.link.unsent() == 0)
         m_to_flush.push_back(&b);
     b.link.queue(message);
+    b.pinged_last = false;
+    ++m_messages_up;
 }
 
 void field::flush_links()

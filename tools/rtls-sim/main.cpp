@@ -67,6 +67,9 @@ static void add_field_options(CLI::App& app, arguments& a)
     app.add_option("--acks", f.ack_percent, "Percentage of reports that ask for an acknowledgement")
         ->capture_default_str()
         ->check(CLI::Range(0, 100));
+    app.add_option("--churn", f.churn, "Seconds until the next bridge goes, and comes again; 0: all stay")
+        ->capture_default_str()
+        ->check(CLI::NonNegativeNumber);
     app.add_option("--ota", a.network.ota,
                    "Image that a node fetches: GITID:CRC:SIZE[:PAGESIZE], or its file");
     app.add_option("--ota-node", a.network.ota_node, "The node that fetches it")->capture_default_str();

@@ -31,7 +31,7 @@ public:
     int run();
 
 private:
-    enum class phase { gathering, reporting, draining, settling, over };
+    enum class phase { gathering, reporting, returning, draining, settling, over };
 
     void start_threads();
     void stop_threads();
@@ -43,7 +43,9 @@ private:
     bool has_gathered();
     void begin_reporting();
     void begin_ota();
+    void end_reporting();
     void begin_draining();
+    void give_up();
     void publish_checked_commands();
     bool has_drained() const;
     void enter(phase next);
@@ -222,32 +224,40 @@ void network::advance()
     case phase::gathering:
         if (has_gathered())
             begin_reporting();
-        else if (m_options.check && here.count() > m_options.deadline) {
-            m_timed_out = true;
-            enter(phase::over);
-        }
+        else if (m_options.check && here.count() > m_options.deadline)
+            give_up();
         break;
     case phase::reporting:
         if (!m_options.check)
             m_tracker.give_up(lost_after);
         if (m_options.duration > 0 && here.count() >= m_options.duration)
+            end_reporting();
+        break;
+    case phase::returning:
+        if (!m_options.check || !m_field || m_field->is_complete())
             begin_draining();
+        else if (here.count() > m_options.deadline)
+            give_up();
         break;
     case phase::draining:
         if (has_drained())
             enter(phase::settling);
-        else if (here.count() > m_options.deadline) {
-            m_timed_out = true;
-            enter(phase::over);
-        }
+        else if (here.count() > m_options.deadline)
+            give_up();
         break;
     case phase::settling:
-        if (steady::now() - m_entered >= settle_time)
+        if (steady::now() - m_entered >= settle_time && has_drained())
             enter(phase::over);
         break;
     case phase::over:
         break;
     }
+}
+
+void network::give_up()
+{
+    m_timed_out = true;
+    enter(phase::over);
 }
 
 bool network::has_gathered()
@@ -283,10 +293,16 @@ void network::begin_ota()
     obey_ota_start({"ota-start", m_options.ota_node, m_options.ota});
 }
 
-void network::begin_draining()
+// Bridges that are away come back first: commands are awaited at their nodes.
+void network::end_reporting()
 {
     if (m_field)
         m_field->let_reports_flow(false);
+    enter(phase::returning);
+}
+
+void network::begin_draining()
+{
     if (m_options.check && m_field && m_servers)
         publish_checked_commands();
     enter(phase::draining);
@@ -349,8 +365,14 @@ void network::summarize()
     if (m_field)
         for (const std::string& line : m_tracker.summary())
             m_out.notice(line);
-    if (m_servers && !m_field)
-        m_out.notice(fmt::format("reports received: {}", m_servers->reports()));
+    if (m_field) {
+        const field_state state = m_field->state();
+        m_out.notice(fmt::format("bridges: connections {}  messages up {}  down {}", state.connections,
+                                 state.messages_up, state.messages_down));
+    }
+    if (m_servers)
+        m_out.notice(fmt::format("servers: received {}  of these lines {}  commands published {}",
+                                 m_servers->reports(), m_servers->lines(), m_servers->published()));
     if (m_servers)
         for (const std::string& line : m_servers->summary())
             m_out.notice(line);

@@ -231,15 +231,22 @@ void servers::publish_queued()
     }
     for (const bytes& command : commands) {
         const std::string text = hex(command);
-        m_proxy.send(zmq::buffer(text), zmq::send_flags::dontwait);
+        send_command(text);
         if (m_out.wants_traffic())
             m_out.traffic(fmt::format("{} publish {}", wall_clock(), text));
     }
 }
 
+void servers::send_command(const std::string& text)
+{
+    m_proxy.send(zmq::buffer(text), zmq::send_flags::dontwait);
+    ++m_published;
+}
+
 void servers::take(outlet where, const upstream_report& report)
 {
     ++m_reports;
+    m_lines += where == outlet::proxy_input ? 1 : 0;
     if (report.stamp)
         m_stamps.seen(*report.stamp);
     const auto verdict =
@@ -266,9 +273,7 @@ void servers::serve_page(const upstream_report& request)
     if (m_options.ota_image.empty() || crc32(m_options.ota_image) != id.crc ||
         start >= m_options.ota_image.size())
         return;
-    const auto command = page_command(request.from, request.seq, id, m_options.ota_image);
-    const std::string text = hex(command);
-    m_proxy.send(zmq::buffer(text), zmq::send_flags::dontwait);
+    send_command(hex(page_command(request.from, request.seq, id, m_options.ota_image)));
 }
 
 } // namespace sim

@@ -70,6 +70,8 @@ public:
     bool gateway_is_here() const { return m_handler_peers > 0 && m_input_peers > 0 && m_subscribed > 0; }
     unsigned subscriptions() const { return m_subscribed; }
     uint64_t reports() const { return m_reports; }
+    uint64_t lines() const { return m_lines; } // of these, at the proxy input
+    uint64_t published() const { return m_published; }
     uint64_t broker_records() const { return m_broker_records; }
     // After run() has ended.
     std::vector<std::string> summary() const { return m_stamps.summary(); }
@@ -86,6 +88,7 @@ private:
     void publish_queued();
     void take(outlet where, const upstream_report& report);
     void serve_page(const upstream_report& request);
+    void send_command(const std::string& text);
     void wake() const;
 
     servers_options m_options;
@@ -107,6 +110,8 @@ private:
     std::atomic<int> m_input_peers{0};
     std::atomic<unsigned> m_subscribed{0};
     std::atomic<uint64_t> m_reports{0};
+    std::atomic<uint64_t> m_lines{0};
+    std::atomic<uint64_t> m_published{0};
     std::atomic<uint64_t> m_broker_records{0};
 };
 

@@ -102,6 +102,15 @@ TEST(sim_gateway, every_report_arrives_once_and_right)
     EXPECT_EQ(gateway.stop(), 0);
 }
 
+TEST(sim_gateway, bridges_that_come_and_go_lose_nothing)
+{
+    daemon gateway;
+    network_options options = options_for(gateway.ports);
+    options.field.churn = 0.2;
+    EXPECT_EQ(run_network(options), 0);
+    EXPECT_EQ(gateway.stop(), 0);
+}
+
 TEST(sim_gateway, the_gateway_is_found_by_discovery)
 {
     daemon gateway;
