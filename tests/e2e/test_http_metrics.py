@@ -102,6 +102,7 @@ def test_open_metrics_is_in_order(daemon, http_port):
             assert name in {family + suffix for suffix in suffixes[kind]}, line
 
 
+@pytest.mark.threads
 def test_histograms_are_whole(daemon, http_port):
     found = samples(scrape(http_port, OPEN_METRICS)[1])
     groups = {}
@@ -118,6 +119,7 @@ def test_histograms_are_whole(daemon, http_port):
         assert (name + "_sum", labels) in found
 
 
+@pytest.mark.threads
 def test_figures_move_with_what_they_count(daemon, http_port):
     def value(name, **labels):
         return samples(scrape(http_port)[1]).get((name, tuple(sorted(labels.items()))), 0)
@@ -127,3 +129,15 @@ def test_figures_move_with_what_they_count(daemon, http_port):
     bridge.barrier()
     wait_until(lambda: value("rtls_gateway_bridges") == 2, "the second bridge to be counted")
     assert value("rtls_gateway_bridges_accepted_total") == 2
+
+
+@pytest.mark.parametrize("leave", [lambda operator: operator.send(b"quit\n"), lambda operator: operator.close()],
+                         ids=["quit", "close"])
+def test_operators_who_leave_are_no_longer_counted(daemon, http_port, leave):
+    def operators():
+        return samples(scrape(http_port)[1])["rtls_gateway_operators", ()]
+    before = operators()
+    operator = daemon.terminal()
+    wait_until(lambda: operators() == before + 1, "the operator to be counted")
+    leave(operator)
+    wait_until(lambda: operators() == before, "him to be gone")

@@ -53,6 +53,7 @@ def differences(simulator: dict, own: dict, figures) -> list:
         ("messages for bridges lost", 0, figures.sum("bridge_messages_lost_total")),
         ("log lines lost", 0, figures.sum("log_lines_lost_total")),
         ("operators", own["operators"], figures.sum("operators_accepted_total")),
+        ("operators who are still there", 0, figures["operators", {}]),
         ("commands of operators", own["operators' orders"], figures.sum("commands_total", type="of_operator")),
         ("images", own["images"], figures["downloads_total", {"outcome": "complete"}]),
         ("downloads that went wrong", 0, figures.sum("downloads_total") -

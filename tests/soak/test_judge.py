@@ -31,13 +31,14 @@ class Figures:
             "commands_total": {"of_operator": 2, "generic": 30},
             "page_requests_total": {"served": 12},
             "operators_accepted_total": {"": 3},
+            "operators": {"": 0},
             "downloads_total": {"complete": 1},
             "discovery_requests_total": {"answered": 4},
             **wrong}
 
     def __getitem__(self, key):
         name, labels = key
-        return self.values[name][next(iter(labels.values()))]
+        return self.values[name][next(iter(labels.values()), "")]
 
     def sum(self, name, **labels):
         of = self.values.get(name, {})
@@ -63,6 +64,7 @@ def test_each_count_that_differs_is_named():
     assert judged(bridge_noise_bytes_total={"": 1}) == ["bytes outside of frames: 0 by our count, 1 by the daemon's"]
     assert judged(downloads_total={"complete": 1, "failed": 1}) == [
         "downloads that went wrong: 0 by our count, 1 by the daemon's"]
+    assert judged(operators={"": 1}) == ["operators who are still there: 0 by our count, 1 by the daemon's"]
     assert len(judged(message_outcomes_total={"report": 84, "line": 10, "answered": 20, "duplicate": 6})) == 2
 
 
