@@ -1,20 +1,16 @@
 """What is shipped in monitoring/: alert rules by promtool, and the dashboard by a real Prometheus that scrapes a daemon."""
-import json
 import re
 import shutil
 import subprocess
-import urllib.parse
-import urllib.request
 
 import pytest
 
 from harness import wire
-from harness.daemon import ROOT, free_port
+from harness.daemon import ROOT
 from harness.http_client import with_http
 from harness.peers import wait_until
+from harness.prometheus import DASHBOARD, MONITORING, Prometheus, with_variables
 
-MONITORING = ROOT / "monitoring"
-DASHBOARD = json.loads((MONITORING / "dashboard.json").read_text())
 FIGURE = re.compile(r"\b(?:rtls_gateway|process)_[a-z_]+")
 
 
@@ -54,47 +50,6 @@ def test_figures_of_dashboard_and_rules_exist():
     assert {re.sub(r"_bucket$", "", name) for name in used} <= table
 
 
-class Prometheus:
-    """A real one, which scrapes `target` every second."""
-
-    def __init__(self, folder, target: int):
-        assert shutil.which("prometheus"), "scripts/install-deps test"
-        self.port = free_port()
-        config = folder / "prometheus.yml"
-        config.write_text(json.dumps({
-            "global": {"scrape_interval": "1s", "evaluation_interval": "1s"},
-            "rule_files": [str(MONITORING / "alerts.yml")],
-            "scrape_configs": [{"job_name": "rtls-gateway", "static_configs": [{"targets": [f"127.0.0.1:{target}"]}]}]}))
-        self.log = open(folder / "prometheus.txt", "wb")
-        self.process = subprocess.Popen(
-            ["prometheus", f"--config.file={config}", f"--storage.tsdb.path={folder / 'tsdb'}",
-             f"--web.listen-address=127.0.0.1:{self.port}"], stdout=self.log, stderr=subprocess.STDOUT)
-        wait_until(lambda: self._get("-/ready") is not None, "Prometheus")
-
-    def _get(self, path: str):
-        try:
-            opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-            with opener.open(f"http://127.0.0.1:{self.port}/{path}", timeout=20) as answer:
-                return answer.read()
-        except urllib.error.HTTPError as error:
-            return error.read() if error.code == 400 else None
-        except OSError:
-            return None
-
-    def query(self, expression: str) -> list:
-        answer = json.loads(self._get("api/v1/query?" + urllib.parse.urlencode({"query": expression})) or "{}")
-        assert answer.get("status") == "success", f"{expression}: {answer}"
-        return answer["data"]["result"]
-
-    def targets(self) -> list:
-        return json.loads(self._get("api/v1/targets"))["data"]["activeTargets"]
-
-    def close(self):
-        self.process.terminate()
-        self.process.wait(30)
-        self.log.close()
-
-
 @pytest.fixture
 def daemon(start_gateway, http_port):
     return start_gateway(change=with_http(http_port))
@@ -110,7 +65,7 @@ def prometheus(daemon, http_port, tmp_path):
 def test_every_query_of_the_dashboard_is_answered(daemon, prometheus):
     bridge = daemon.bridge(wire.mac(0x0101))
     bridge.introduce()
-    missing = {query.replace("$__rate_interval", "10s").replace("$instance", ".*"): title for title, query in queries()}
+    missing = {with_variables(query): title for title, query in queries()}
     assert len(missing) > 40
     seq = 1
 
@@ -132,3 +87,16 @@ def test_every_query_of_the_dashboard_is_answered(daemon, prometheus):
     assert prometheus.query('rtls_gateway_build_info{job="rtls-gateway"}')
     # What Prometheus itself says of a scrape, with all that it does.
     assert float(prometheus.query("scrape_samples_scraped")[0]["value"][1]) > 100
+
+
+def test_every_rule_is_evaluated(daemon, prometheus):
+    """By itself, and with no error: a rule that cannot be evaluated never fires."""
+    named = set(re.findall(r"alert: (\w+)", (MONITORING / "alerts.yml").read_text()))
+
+    def all_healthy():
+        rules = prometheus.rules()
+        assert not [rule for rule in rules if rule["health"] == "err"], rules
+        return {rule["name"] for rule in rules if rule["health"] == "ok"} == named
+    wait_until(all_healthy, "the rules")
+    for rule in prometheus.rules():
+        prometheus.query(rule["query"])
