@@ -150,6 +150,40 @@ class Bridges:
             sock.close()
 
 
+class Amount:
+    """What strangers have sent."""
+
+    def __init__(self):
+        self.connections = self.noise = self.unfinished = 0
+
+
+class Strangers:
+    """Who sends no frame, or never ends it. Every other one goes without a word: of what it had sent, the system drops what
+    the gateway has not read."""
+    NOISE = (b"\x00" * 5000, b"GET / HTTP/1.1\r\n\r\n")
+    UNFINISHED = b"\xf5" + b"\x11" * 3000
+
+    def __init__(self, port: int):
+        self.port = port
+        self.read, self.reset = Amount(), Amount()
+
+    def come(self, connections: int):
+        for number in range(connections):
+            amount = self.reset if number % 2 else self.read
+            data = (*self.NOISE, self.UNFINISHED)[number % 3]
+            amount.connections += 1
+            amount.noise += len(data) if data in self.NOISE else 0
+            amount.unfinished += data == self.UNFINISHED
+            with socket.create_connection(("127.0.0.1", self.port), 20) as sock:
+                sock.sendall(data)
+                if amount is self.reset:
+                    sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                    continue
+                sock.shutdown(socket.SHUT_WR)
+                while sock.recv(4096):    # up to the gateway's end of it, which follows when it has read ours
+                    pass
+
+
 class Books:
     def __init__(self, gateway, port: int, folder):
         self.port = port
@@ -158,18 +192,21 @@ class Books:
         self.under_way_with_the_killed = dict.fromkeys(self.servers, 0)
         wait_until(lambda: all(self.figures()["upstream_link_up", {"link": name}] for name in self.servers), "the links")
         self.bridges = Bridges(gateway)
-        self.strangers = self.unfinished = self.noise = self.commands = 0
+        self.commands = 0
+        self.strangers = Strangers(gateway.ports["win"])
 
     def figures(self) -> Figures:
         return Figures(self.port)
 
     def settled(self) -> Figures:
-        """When all that was sent has been decoded, and nothing waits."""
+        """When all that was sent has been decoded, the strangers are gone, and nothing waits."""
         wanted = self.bridges.sent * sum(chunk.messages for chunk in self.bridges.chunks)
 
         def done():
             now = self.figures()
             is_settled = (now["bridge_frames_total", {"direction": "in"}] == wanted and not now.sum("reports_waiting") and
+                          now["bridges", {}] == BRIDGES and
+                          now.sum("bridges_closed_total") >= self.strangers.read.connections and
                           now.sum("report_hand_over_seconds_count") == now.sum("reports_handed_over_total"))
             return is_settled and now
         return wait_until(done, f"{wanted} messages to be decoded", PATIENCE)
@@ -202,6 +239,11 @@ class Books:
         chunks, sent = self.bridges.chunks, self.bridges.sent
         assert now["bridge_frames_lost_total", {"reason": "restarted"}] == sent * sum(c.restarted for c in chunks)
         assert now["bridge_frames_lost_total", {"reason": "empty"}] == sent * sum(c.empty for c in chunks)
+        noise, unfinished = sent * sum(c.noise for c in chunks), now["bridge_frames_lost_total", {"reason": "unfinished"}]
+        sure, most = self.strangers.read, self.strangers.reset
+        assert sure.noise <= now["bridge_noise_bytes_total", {}] - noise <= sure.noise + most.noise
+        assert sure.unfinished <= unfinished <= sure.unfinished + most.unfinished
+        assert now.sum("bridges_closed_total") <= sure.connections + most.connections
         assert now["bridges_accepted_total", {}] == now["bridges", {}] + now.sum("bridges_closed_total")
         assert (now["bridge_messages_cached_total", {}] == now["bridge_messages_flushed_total", {}] +
                 now["bridge_messages_lost_total", {"cause": "given_up"}] +
@@ -239,15 +281,6 @@ def books(start_gateway, tmp_path):
     books.close()
 
 
-def strangers(gateway, connections: int):
-    """Who sends no frame, or never ends it, and goes without a word."""
-    for number in range(connections):
-        with socket.create_connection(("127.0.0.1", gateway.ports["win"])) as sock:
-            sock.sendall([b"\x00" * 5000, b"GET / HTTP/1.1\r\n\r\n", b"\xf5" + b"\x11" * 3000][number % 3])
-            if number % 2:
-                sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-
-
 def test_every_message_is_accounted_for(books):
     gateway, books = books
     phase = max(1, MESSAGES // (6 * sum(chunk.messages for chunk in books.bridges.chunks)))
@@ -260,7 +293,7 @@ def test_every_message_is_accounted_for(books):
 
     def disturb():
         while not stop.is_set():
-            strangers(gateway, 6)
+            books.strangers.come(6)
             for text in ("zz", "08", "0810FF", "00" * 40, "08FF01" + "00" * 8):
                 gateway.proxy.publish(text)
                 books.commands += 1
