@@ -14,3 +14,6 @@ inline constexpr bool malloc_can_refuse = false;
 #else
 inline constexpr bool malloc_can_refuse = true;
 #endif
+
+// How many times longer work may take than it does by itself.
+inline constexpr int slowness = malloc_can_refuse ? 1 : 20;
