@@ -13,6 +13,7 @@ check_pie_supported()
 option(RTLS_WERROR "Treat warnings as errors" OFF)
 option(RTLS_TEST_PCH "Compile what all tests include once (the tests' own include lines then prove nothing)" OFF)
 option(RTLS_UNITY "Compile each library as one source (its sources' own include lines then prove nothing)" OFF)
+option(RTLS_COVERAGE "Count which lines and branches run (gcc)" OFF)
 set(RTLS_SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize=")
 
 if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
@@ -64,10 +65,16 @@ if(RTLS_FUZZERS AND RTLS_SANITIZE AND CMAKE_CXX_COMPILER_ID MATCHES Clang)
   # So that the fuzzer sees which branches an input takes; only the fuzz targets link its main.
   target_compile_options(rtls_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
+if(RTLS_COVERAGE)
+  # Counts are exact with several threads, and paths hold wherever a program runs.
+  target_compile_options(rtls_options INTERFACE --coverage -fprofile-update=atomic -fprofile-abs-path)
+  target_link_options(rtls_options INTERFACE --coverage)
+endif()
 
 # Test programs are compiled once and run once: optimizing them costs more than it saves.
 add_library(rtls_test_options INTERFACE)
-target_compile_options(rtls_test_options INTERFACE -O0 -g1 "SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=0")
+target_compile_options(rtls_test_options INTERFACE -O0 -g1 "SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=0"
+  $<$<BOOL:${RTLS_COVERAGE}>:-fno-test-coverage> $<$<BOOL:${RTLS_COVERAGE}>:-fno-profile-arcs>)
 
 # What nearly every test program includes, for RTLS_TEST_PCH: half of what compiling one costs.
 function(rtls_add_test_headers)
