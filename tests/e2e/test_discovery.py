@@ -49,6 +49,7 @@ def test_other_requests_are_named_and_not_answered(gateway, request_bytes, text)
         assert len(sock.recv(100)) == 6, "the first answer is that of the second request"
 
 
+@pytest.mark.threads
 def test_an_empty_datagram_changes_nothing(gateway):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
         sock.sendto(b"", ("127.0.0.1", gateway.ports["discovery"]))

@@ -104,6 +104,7 @@ def page_request(git: int, crc: int, page_size: int, number: int, seq: int = 1) 
     return wire.generic_server_req(seq, 16, struct.pack(">IIHH", git, crc, page_size, number), NODE_IP)
 
 
+@pytest.mark.threads
 def test_get_list_and_replace_in_turn(gateway, web):
     terminal = gateway.terminal()
     images = {git: image(git, 900 + git) for git in (1, 2, 3)}
@@ -159,6 +160,7 @@ def test_redirects_are_followed_to_http_only(gateway, web, tmp_path):
     assert terminal.command(f"fw get file://{tmp_path}/image.bin", "\n") == "Firmware downloaded. Index: 0\n"
 
 
+@pytest.mark.threads
 def test_while_the_terminal_downloads_the_bridges_are_served(gateway, web, bridge):
     data = image()
 
@@ -178,6 +180,7 @@ def test_while_the_terminal_downloads_the_bridges_are_served(gateway, web, bridg
     assert terminal.read_until("\n") == "Firmware downloaded. Index: 0\n"
 
 
+@pytest.mark.threads
 def test_an_operator_who_leaves_during_a_download_disturbs_nobody(gateway, web):
     def stall(handler):
         web.release.wait(15)
@@ -193,6 +196,7 @@ def test_an_operator_who_leaves_during_a_download_disturbs_nobody(gateway, web):
         assert staying.command("fw info 0", "\n") == "Incorrect INDEX value!\n"
 
 
+@pytest.mark.threads
 def test_a_stop_does_not_wait_for_a_download(start_gateway, web):
     gateway = start_gateway()
     web.answers["/slow.bin"] = lambda handler: web.release.wait(25)
@@ -202,6 +206,7 @@ def test_a_stop_does_not_wait_for_a_download(start_gateway, web):
     assert gateway.wait_exit(8) == 0
 
 
+@pytest.mark.threads
 def test_pages_are_served_to_nodes(gateway, web, bridge):
     data, git = image(size=1000), 0xCAFE0001
     crc = zlib.crc32(data)
@@ -238,6 +243,7 @@ def test_a_page_too_large_for_a_request_is_swallowed(gateway, web, bridge, page_
     assert gateway.reports(bridge) == []
 
 
+@pytest.mark.threads
 def test_pages_from_the_proxy_are_kept_and_served(gateway, bridge):
     git, crc = 0x11223344, 0x55667788
     pages = [bytes((i * 3 + n) % 256 for i in range(64)) for n in range(3)]
@@ -263,6 +269,7 @@ def upload_order(data: bytes, url: str, git=None, crc=None) -> bytes:
     return struct.pack(">HIIH", wire.OTA_UPLOAD, git, crc, len(url)) + url.encode()
 
 
+@pytest.mark.threads
 def test_an_upload_order_fills_the_store(gateway, web):
     data = image()
     url = web.serve("/i.bin", data)

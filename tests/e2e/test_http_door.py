@@ -121,6 +121,7 @@ def test_ranges_encodings_and_expectations_change_nothing(daemon, http_port):
     assert "Content-Encoding" not in answer.headers and "Content-Range" not in answer.headers
 
 
+@pytest.mark.threads
 def test_requests_in_a_row_are_answered_in_their_order(daemon, http_port):
     with Raw(http_port) as client:
         client.send(b"GET /version HTTP/1.1\r\n\r\nGET /nowhere HTTP/1.1\r\n\r\nGET /version HTTP/1.1\r\n\r\n")
@@ -201,6 +202,7 @@ def test_clients_who_do_not_read_hold_up_nobody(daemon, http_port):
             who.close()
 
 
+@pytest.mark.threads
 def test_stalled_clients_do_not_hold_up_the_stop(daemon, http_port):
     stalled = [Raw(http_port, rcvbuf=1024) for _ in range(20)]
     for who in stalled[:10]:
@@ -214,6 +216,7 @@ def test_stalled_clients_do_not_hold_up_the_stop(daemon, http_port):
         who.close()
 
 
+@pytest.mark.threads
 def test_many_clients_at_once_are_all_served(daemon, http_port):
     statuses = []
 

@@ -69,6 +69,7 @@ def test_it_is_not_ready_while_a_server_upstream_is_away(start_gateway, http_por
     assert check_of(verbose, "message handler")["connections"] == 1
 
 
+@pytest.mark.threads
 def test_a_server_that_goes_is_missed(daemon, http_port):
     daemon.handler.close()
     wait_until(lambda: get(http_port, "/readyz").status == 503, "the handler to be missed")
@@ -76,6 +77,7 @@ def test_a_server_that_goes_is_missed(daemon, http_port):
     assert missing["last_reason"] and missing["since"].endswith("Z")
 
 
+@pytest.mark.threads
 def test_the_start_can_be_watched(start_gateway, http_port):
     """The door is open before the servers serve."""
     daemon = start_gateway(change=with_http(http_port), wait_ready=False)
@@ -94,6 +96,7 @@ def answer_or_nothing(http_port) -> bytes:
 
 # --- what the gateway knows
 
+@pytest.mark.threads
 def test_bridges_and_their_nodes(daemon, http_port):
     bridge_mac, node_mac = wire.mac(0x0101), wire.mac(0x0102)
     bridge = daemon.bridge(bridge_mac)
@@ -138,6 +141,7 @@ def many_nodes(daemon):
     return bridges
 
 
+@pytest.mark.threads
 def test_nodes_come_in_pages_in_the_order_of_their_macs(many_nodes, http_port):
     macs, after = [], ""
     for size in (100, 100, 2):
@@ -172,6 +176,7 @@ def test_parameters_that_cannot_be_read_are_refused(daemon, http_port, query, fa
     assert fault in api(http_port, "nodes?" + query, 400)["error"]
 
 
+@pytest.mark.threads
 def test_operators(daemon, http_port):
     operator = daemon.terminal()
     operator.send(b"grep caf\xc3\xa9\xff\n")
@@ -183,6 +188,7 @@ def test_operators(daemon, http_port):
     assert shown[0]["waits_for_image"] is False
 
 
+@pytest.mark.threads
 def test_firmware(daemon, http_port, tmp_path):
     assert api(http_port, "firmware") == {"slots": 2, "images": [], "announced": None}
 

@@ -143,6 +143,7 @@ def hangups_count():
     signal.signal(signal.SIGHUP, before)
 
 
+@pytest.mark.threads
 @pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
 def test_a_signal_ends_it_in_good_order(start_gateway, hangups_count, sig):
     daemon = start_gateway()
@@ -157,6 +158,7 @@ def test_a_signal_ends_it_in_good_order(start_gateway, hangups_count, sig):
     assert syslog[-1] == "6 rtls-gateway: Exiting"
 
 
+@pytest.mark.threads
 def test_many_signals_are_no_worse_than_one(start_gateway):
     daemon = start_gateway()
     for _ in range(20):
@@ -165,6 +167,7 @@ def test_many_signals_are_no_worse_than_one(start_gateway):
     assert daemon.wait_exit() == 0
 
 
+@pytest.mark.threads
 def test_an_early_signal_leaves_no_pid_file(start_gateway):
     for _ in range(5):
         daemon = start_gateway(wait_ready=False)
@@ -247,3 +250,14 @@ def test_the_thread_that_limits_the_stop_has_a_name_of_its_own(start_gateway):
         daemon.interrupt()
         wait_until(lambda: "rtls-stop" in thread_names(daemon).values(), "the thread")
     assert daemon.wait_exit() == 0
+
+
+@pytest.mark.threads
+@pytest.mark.parametrize("report", ["WARNING: ThreadSanitizer: data race", "ERROR: AddressSanitizer: heap-use-after-free",
+                                    "x.cpp:1:2: runtime error: signed integer overflow"])
+def test_a_report_of_a_sanitizer_fails_the_test_that_caused_it(start_gateway, report):
+    """Of the harness itself: whatever the exit status, what a sanitizer writes is seen at the daemon's end."""
+    daemon = start_gateway(wrap=["sh", "-c", f"echo '{report}' >&2; exec \"$@\"", "sh"])
+    with pytest.raises(AssertionError, match=report.rsplit(":", 1)[0]):
+        daemon.stop()
+    daemon.output.truncate(0)

@@ -185,6 +185,7 @@ def test_an_odd_last_digit_is_ignored(gateway):
     assert bridge.receive() == bytes.fromhex("100801") + NODE_IP
 
 
+@pytest.mark.threads
 def test_repeats_within_50_ms_are_dropped_and_only_those(gateway):
     bridge = node_behind(gateway)
     a, b = conf_node(NODE, x=1), conf_node(NODE, x=2)
@@ -208,6 +209,7 @@ def test_hostile_texts_of_every_length(gateway):
     assert bridge.barrier() == []
 
 
+@pytest.mark.threads
 def test_a_node_without_a_route_is_reached_through_every_bridge(gateway):
     first, second = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
     first.send_message(wire.envelope(wire.forwarded_heartbeat(NODE, 1), NODE, NODE_IP, code=wire.TRF2SRV))

@@ -58,6 +58,7 @@ def test_a_heartbeat_of_another_size_is_dropped(gateway, bridge, size):
     assert gateway.reports(bridge) == []
 
 
+@pytest.mark.threads
 def test_an_acknowledgement_goes_back_even_for_a_duplicate(gateway, bridge):
     for seq in (0, 0, 5, 5, 5):
         bridge.send_message(wire.heartbeat(NODE, seq, bridge=BRIDGE, addr=NODE_IP, flags=wire.ACK))
@@ -164,6 +165,7 @@ def know_node(gateway, bridge):
     handler_message(gateway)
 
 
+@pytest.mark.threads
 def test_route_requests_become_management_lines(gateway, bridge):
     know_node(gateway, bridge)
     requesters = [(0x11, 7), (0x22, 255), (0x33, 42)]
@@ -213,6 +215,7 @@ def test_wrapped_lengths_read_nothing_beyond_the_frame(gateway, bridge):
     assert bridge.barrier() == [], "nothing is answered, and the bridge is served on"
 
 
+@pytest.mark.threads
 def test_a_dead_handler_overflows_once_and_recovers(start_gateway):
     gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
     bridge = gateway.bridge(BRIDGE)

@@ -66,6 +66,7 @@ def numbers_of(messages):
     return [struct.unpack(">I", m[5:9])[0] for m in messages if m[:2] == b"\x0e\x08"]
 
 
+@pytest.mark.threads
 def test_a_stalled_bridge_gets_everything_in_order_later_and_stalls_nobody(gateway):
     stalled = gateway.bridge(BRIDGE, rcvbuf=4096)
     stalled.send_message(wire.heartbeat(BRIDGE, 1, bridge=BRIDGE, addr=wire.ip(1), reporting=255),
@@ -117,6 +118,7 @@ def test_a_stalled_bridge_can_be_closed(gateway):
     assert " ip:" not in terminal.command("pcl", "##\n").split("WIN clients")[1], "and no ghost of it remains"
 
 
+@pytest.mark.threads
 def test_the_handler_may_come_late_and_go_and_come_back(start_gateway):
     gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
     bridge = gateway.bridge(BRIDGE)
@@ -151,6 +153,7 @@ def test_the_proxy_may_come_late_and_go_and_come_back(start_gateway):
         gateway.proxy.close()
 
 
+@pytest.mark.threads
 def test_the_proxy_input_may_come_back(start_gateway):
     gateway = start_gateway(upstream=("broker", "handler", "proxy"))
     bridge = gateway.bridge(BRIDGE)

@@ -2,6 +2,8 @@
 import signal
 import time
 
+import pytest
+
 from harness import wire
 from harness.peers import wait_until
 
@@ -9,6 +11,7 @@ OVERSIZED = bytes([wire.START]) + bytes(1024 * 1024 + 1) + bytes([wire.END])
 REFUSED = "win_client_increase_buffer_size: out of memory!"
 
 
+@pytest.mark.threads
 def test_nobody_waits_for_a_log_that_is_not_read(start_gateway, tmp_path):
     unread = tmp_path / "unread"
     daemon = start_gateway(env={"RTLS_SYSLOG_UNREAD": str(unread)})

@@ -40,6 +40,7 @@ def manager(tmp_path):
     manager.sock.close()
 
 
+@pytest.mark.threads
 def test_it_says_when_it_serves_how_it_is_and_when_it_stops(start_gateway, manager):
     daemon = start_gateway(env={"NOTIFY_SOCKET": manager.path})
     assert manager.wait_for("") == "READY=1"

@@ -132,6 +132,7 @@ def test_pn_and_pnf_show_connected_floating_and_expired_nodes(gateway, terminal)
                      text, re.M), text
 
 
+@pytest.mark.threads
 def test_reboot_goes_down_to_the_bridge(gateway, terminal):
     bridge = gateway.bridge(BRIDGE)
     bridge.send_message(wire.heartbeat(NODE, 1, bridge=BRIDGE, addr=NODE_IP))
@@ -175,6 +176,7 @@ def test_answers(terminal, command, answer):
     assert terminal.command("foo", "\n").startswith("Unknown"), "exactly one answer each"
 
 
+@pytest.mark.threads
 def test_del_forgets_a_node(gateway, terminal):
     bridge = gateway.bridge(BRIDGE)
     bridge.send_message(wire.heartbeat(NODE, 1, bridge=BRIDGE, addr=NODE_IP))
@@ -184,6 +186,7 @@ def test_del_forgets_a_node(gateway, terminal):
     assert bridge.barrier() == []
 
 
+@pytest.mark.threads
 def test_sections_are_switched_for_everybody(gateway, terminal):
     assert terminal.command("dbg", "ul_tdoa n\n") == listing()
     assert terminal.command("dbg win yes", "ul_tdoa n\n") == listing(win=True)
@@ -191,6 +194,7 @@ def test_sections_are_switched_for_everybody(gateway, terminal):
     assert gateway.terminal().command("dbg win no", "ul_tdoa y\n") == listing(ul_tdoa=True)
 
 
+@pytest.mark.threads
 def test_a_subscriber_sees_the_enabled_sections_through_its_filter(gateway):
     everything, filtered, nothing = gateway.terminal(), gateway.terminal(), gateway.terminal()
     for operator in (everything, filtered):
@@ -237,6 +241,7 @@ def test_quit_says_goodbye_and_closes(gateway, terminal):
     assert f":{port} " not in terminal.command("pcl", "##\n")
 
 
+@pytest.mark.threads
 def test_quit_while_lines_are_streaming(gateway):
     witness = gateway.terminal()
     witness.command("dbg parsing y", "ul_tdoa n\n")
@@ -252,6 +257,7 @@ def test_quit_while_lines_are_streaming(gateway):
     assert witness.command("pcl", "##\n").count("ip:127.0.0.1") == 2
 
 
+@pytest.mark.threads
 def test_operators_come_and_go_by_name(gateway, terminal):
     gateway.broker.wait_for("CONS: new terminal client [")
     assert any(f"IP 127.0.0.1:{terminal.port}" in line for line in gateway.broker.lines)
@@ -314,6 +320,7 @@ def test_a_subscriber_that_never_reads_stalls_no_bridge(gateway):
     operator.command("dbg raw n", "ul_tdoa n\n")
 
 
+@pytest.mark.threads
 def test_listing_many_nodes_does_not_hold_up_reports(gateway):
     bridge, loader = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
     count = 10_000

@@ -73,6 +73,7 @@ def test_a_large_ping_comes_back_whole(gateway):
     assert bridge.receive() == message
 
 
+@pytest.mark.threads
 def test_bridges_that_connect_and_vanish_disturb_nobody(gateway):
     witness = gateway.bridge()
     for _ in range(200):
