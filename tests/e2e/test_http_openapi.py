@@ -1,5 +1,7 @@
 """docs/openapi.json against the answers: every page is in it, and every answer is as it says."""
 import json
+import struct
+import zlib
 
 import jsonschema
 import pytest
@@ -8,6 +10,7 @@ from harness import wire
 from harness.daemon import ROOT
 from harness.http_client import get, with_http
 from harness.peers import wait_until
+from test_firmware import image, node_crc, web  # noqa: F401
 
 API = json.loads((ROOT / "docs" / "openapi.json").read_text())
 SOURCE = (ROOT / "src" / "http" / "http_server.cpp").read_text()
@@ -68,6 +71,21 @@ def test_answers_are_as_described(daemon, http_port, path, target, status):
     answer = get(http_port, target)
     assert answer.status == status
     check(path, answer)
+
+
+def test_images_are_as_described(daemon, http_port, web):  # noqa: F811
+    """In the store, by an operator, and announced to bridges, by a server."""
+    data = image(0xCAFE0001, 1000, 128, board=(3, 4), pages=64)
+    daemon.terminal().command(f"fw get {web.serve('/i.bin', data)}", "\n")
+    url = web.serve("/obn-node.0102A0FF.bin", image(size=700))
+    daemon.proxy.publish(struct.pack(">HIIH", wire.FW_IMAGE_AVAIL, 0x01020304, 0, len(url)) + url.encode())
+    answer = wait_until(lambda: (now := get(http_port, "/api/v1/firmware")).json["announced"] and now, "the announced image")
+    check("/api/v1/firmware", answer)
+    assert answer.json == {
+        "slots": 2,
+        "images": [{"index": 0, "git_id": "CAFE0001", "crc32": f"{zlib.crc32(data):08X}", "size": 1000, "page_size": 128,
+                    "pages": 8, "maximum_pages": 64, "board_version": 3, "board_revision": 4}],
+        "announced": {"version": "0102A0FF", "crc32": f"{node_crc(image(size=700)):08X}", "size": 700}}
 
 
 def test_the_other_format_is_described_too(daemon, http_port):
