@@ -74,6 +74,8 @@ def test_both_formats_say_the_same(daemon, http_port):
     def steady(text):
         return {key: value for key, value in samples(text).items()
                 if not key[0].startswith(RESTLESS) and "seconds" not in key[0] and "log" not in key[0]}
+    broker = "rtls_gateway_upstream_link_up", (("link", "debug_broker"),)    # no part of being ready
+    wait_until(lambda: samples(scrape(http_port)[1])[broker] == 1, "the debug broker")
     plain, opened = steady(scrape(http_port)[1]), steady(scrape(http_port, OPEN_METRICS)[1])
     assert plain == opened and len(plain) > 100
 

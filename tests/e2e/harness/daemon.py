@@ -161,7 +161,8 @@ class Daemon:
         return self.syslog_file.read_text().splitlines() if self.syslog_file.exists() else []
 
     def text_of_output(self) -> str:
-        self.output.flush()
+        if not self.output.closed:
+            self.output.flush()
         return (self.folder / "output.txt").read_text(errors="replace")
 
     def interrupt(self, sig=signal.SIGTERM):
