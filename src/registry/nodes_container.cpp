@@ -96,6 +96,14 @@ bool NODES_CONTAINER_t::is_admitted(const uint8_t* mac)
     return false;
 }
 
+// Peers can bring about any number of refusals, also with nodes that find room in between.
+void NODES_CONTAINER_t::note_no_room()
+{
+    m_refusal = node_refusal::no_room;
+    if (m_no_room_episode.begins(zclock_mono()))
+        m_failures.no_room = true;
+}
+
 NODE_t* NODES_CONTAINER_t::find_or_create_by_mac(const uint8_t* mac, const uint8_t* sequence_number)
 {
     NODE_t* node = find_by_mac(mac);
@@ -105,11 +113,8 @@ NODE_t* NODES_CONTAINER_t::find_or_create_by_mac(const uint8_t* mac, const uint8
             return nullptr;
         }
         node = create(mac);
-        if (!node && !m_refusing) // peers can bring about any number of refusals
-            m_failures.no_room = true;
-        m_refusing = !node;
         if (!node)
-            m_refusal = node_refusal::no_room;
+            note_no_room();
         return node;
     }
     if (sequence_number) {

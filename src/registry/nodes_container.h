@@ -72,7 +72,7 @@ public:
     // The node with this MAC, made if it is new. With a sequence number (may be null), nullptr for a
     // known node that already has it: a duplicate, to be dropped. A new node does not take the number
     // over, so that its second message is the first one compared. nullptr, too, when there is no room for
-    // a new one, with a log line for the first such call since a node was last created. At the limit
+    // a new one, with a log line for the first such call of an episode (base/rate_bound.h). At the limit
     // a new node destroys the one that has been expired for longest: keep no other node across this call.
     NODE_t* find_or_create_by_mac(const uint8_t* mac, const uint8_t* sequence_number) RTLS_REQUIRES(this);
 
@@ -123,13 +123,14 @@ private:
     bool is_admitted(const uint8_t* mac) RTLS_REQUIRES(this);
     void make_room() RTLS_REQUIRES(this);
     NODE_t* create(const uint8_t* mac) RTLS_REQUIRES(this);
+    void note_no_room() RTLS_REQUIRES(this);
 
     annotated_mutex m_mutex; // stays first: the handle may be used as the mutex itself
     node_table m_nodes;
     address_index m_by_address{m_nodes};
     expiry_queue m_expiry;
     node_refusal m_refusal = node_refusal::duplicate;
-    bool m_refusing = false;               // since a new node was refused; none has been created since
+    refusal_episode m_no_room_episode;
     std::optional<prefix_list> m_admitted; // none: every MAC is
     std::atomic<uint64_t> m_foreign_nodes{0};
     refusal_episode m_foreign_episode;

@@ -247,10 +247,10 @@ TEST_F(nodes_container, a_refusal_is_logged_once_an_episode)
     EXPECT_EQ(create(mac_of(2)), nullptr);
     EXPECT_THAT(log.messages("main"), ElementsAre(line));
     age(1);
-    set_lifetime(create(mac_of(2)), 1);
+    set_lifetime(create(mac_of(2)), 1); // room that others had in between ends none, either
     for (uint64_t i = 3; i < 100; ++i)
         EXPECT_EQ(create(mac_of(i)), nullptr);
-    EXPECT_THAT(log.messages("main"), ElementsAre(line));
+    EXPECT_THAT(log.messages("main"), IsEmpty());
 }
 
 // Logging waits for the logger, and whoever waits for the registry must not wait for that.
