@@ -2,10 +2,14 @@
 
 #include "base/common.h"
 #include "base/logger.h"
+#include "base/rate_bound.h"
 #include "base/signals.h"
+
+#include "core/thread_annotations.h"
 
 #include <curl/curl.h>
 #include <linux/magic.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
@@ -282,42 +286,30 @@ static void count_cost(CURL* curl)
         counts.microseconds.add(static_cast<uint64_t>(microseconds));
 }
 
-static CURLcode perform(const char* url, image_receiver& receiver, milliseconds timeout)
+// --- where images may come from
+
+namespace {
+
+struct source_rules {
+    std::vector<std::string> prefixes; // none: from anywhere; written before the first download
+    annotated_mutex mutex;
+    refusal_episode refusals RTLS_GUARDED_BY(mutex);
+};
+
+} // namespace
+
+static source_rules& sources()
 {
-    if (const CURLcode rc = wait_for_turn(timeout); rc != CURLE_OK)
-        return rc;
-    const turn_returned turn;
-    if (names_special_file(url))
-        return CURLE_FILE_COULDNT_READ_FILE;
-
-    const std::unique_ptr<CURL, curl_freed> curl{curl_easy_init()};
-    if (!curl)
-        return CURLE_FAILED_INIT;
-    CURLcode rc = set_options(curl.get(), url, receiver, timeout);
-    if (rc == CURLE_OK)
-        rc = curl_easy_perform(curl.get());
-    count_cost(curl.get());
-    return rc == CURLE_OK && receiver.failed() ? CURLE_WRITE_ERROR : rc;
-}
-
-// Without memory for it there is no reason.
-static void note_failure(std::string* reason, CURLcode rc) noexcept
-try {
-    if (reason)
-        *reason = curl_easy_strerror(rc);
-} catch (const std::bad_alloc&) {
-    reason->clear();
-}
-
-static std::vector<std::string>& allowed_prefixes()
-{
-    static std::vector<std::string> prefixes;
-    return prefixes;
+    static source_rules rules;
+    return rules;
 }
 
 void image_download_only_from(std::vector<std::string> prefixes)
 {
-    allowed_prefixes() = std::move(prefixes);
+    source_rules& rules = sources();
+    rules.prefixes = std::move(prefixes);
+    const mutex_guard lock{rules.mutex};
+    rules.refusals = {};
 }
 
 // What libcurl would make another path of: "..", also with its dots or slashes written as %2e and %2f.
@@ -330,7 +322,7 @@ static bool leads_elsewhere(std::string_view url)
 
 static bool may_come_from(std::string_view url)
 {
-    const auto& prefixes = allowed_prefixes();
+    const auto& prefixes = sources().prefixes;
     if (prefixes.empty())
         return true;
     return !leads_elsewhere(url) && std::any_of(prefixes.begin(), prefixes.end(), [url](const auto& prefix) {
@@ -338,18 +330,123 @@ static bool may_come_from(std::string_view url)
     });
 }
 
+// Whoever may ask for images may ask for forbidden ones again and again.
+static bool begins_an_episode()
+{
+    source_rules& rules = sources();
+    const mutex_guard lock{rules.mutex};
+    return rules.refusals.begins(zclock_mono());
+}
+
+// Without memory for it there is no reason.
+static void note_reason(std::string* reason, const char* text) noexcept
+try {
+    if (reason)
+        *reason = text;
+} catch (const std::bad_alloc&) {
+    reason->clear();
+}
+
 static void refuse_source(const char* url, const image_download_options& options)
 {
     static constexpr char text[] = "firmware does not come from there (firmware_urls)";
-    logger_error(g_logger, "%s: %s: %s", options.caller, url, text);
-    if (options.reason)
-        *options.reason = text;
+    count(transfer_outcome::forbidden);
+    if (begins_an_episode())
+        logger_error(g_logger, "%s: %s: %s", options.caller, url, text);
+    note_reason(options.reason, text);
+}
+
+namespace {
+
+// Sees that redirects lead nowhere else, either: libcurl asks it before each connection and each request.
+class redirect_guard {
+public:
+    explicit redirect_guard(CURL* curl) : m_curl(curl) {}
+
+    bool has_refused() const { return m_has_refused; }
+    // Where the transfer is, or was to go when it was refused.
+    const char* url() const
+    {
+        char* text = nullptr;
+        curl_easy_getinfo(m_curl, CURLINFO_EFFECTIVE_URL, &text);
+        return text ? text : "";
+    }
+    // The first URL has been judged as it was given, before libcurl wrote it its own way.
+    bool may_go_on()
+    {
+        long redirects = 0;
+        curl_easy_getinfo(m_curl, CURLINFO_REDIRECT_COUNT, &redirects);
+        m_has_refused = m_has_refused || (redirects > 0 && !may_come_from(url()));
+        return !m_has_refused;
+    }
+
+private:
+    CURL* m_curl;
+    bool m_has_refused = false;
+};
+
+} // namespace
+
+static curl_socket_t open_unless_refused(void* guard, curlsocktype /*purpose*/, curl_sockaddr* peer) noexcept
+{
+    if (!static_cast<redirect_guard*>(guard)->may_go_on())
+        return CURL_SOCKET_BAD;
+    return socket(peer->family, peer->socktype | SOCK_CLOEXEC, peer->protocol);
+}
+
+// For a connection that is used again.
+static int ask_unless_refused(void* guard, char* /*peer*/, char* /*own*/, int /*port*/,
+                              int /*own_port*/) noexcept
+{
+    return static_cast<redirect_guard*>(guard)->may_go_on() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
+}
+
+static CURLcode set_guard(CURL* curl, redirect_guard& guard)
+{
+    CURLcode rc = CURLE_OK;
+    const auto set = [&](CURLoption option, auto value) {
+        if (rc == CURLE_OK)
+            rc = curl_easy_setopt(curl, option, value);
+    };
+    if (sources().prefixes.empty())
+        return rc;
+    set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(&guard));
+    set(CURLOPT_OPENSOCKETFUNCTION, &open_unless_refused);
+    set(CURLOPT_PREREQDATA, static_cast<void*>(&guard));
+    set(CURLOPT_PREREQFUNCTION, &ask_unless_refused);
+    return rc;
+}
+
+// Nothing when a redirect led to where images do not come from, which is said.
+static std::optional<CURLcode> perform(const char* url, image_receiver& receiver,
+                                       const image_download_options& options)
+{
+    if (const CURLcode rc = wait_for_turn(options.timeout); rc != CURLE_OK)
+        return rc;
+    const turn_returned turn;
+    if (names_special_file(url))
+        return CURLE_FILE_COULDNT_READ_FILE;
+
+    const std::unique_ptr<CURL, curl_freed> curl{curl_easy_init()};
+    if (!curl)
+        return CURLE_FAILED_INIT;
+    redirect_guard guard{curl.get()};
+    CURLcode rc = set_options(curl.get(), url, receiver, options.timeout);
+    if (rc == CURLE_OK)
+        rc = set_guard(curl.get(), guard);
+    if (rc == CURLE_OK)
+        rc = curl_easy_perform(curl.get());
+    count_cost(curl.get());
+    if (guard.has_refused()) {
+        refuse_source(guard.url(), options);
+        return std::nullopt;
+    }
+    return rc == CURLE_OK && receiver.failed() ? CURLE_WRITE_ERROR : rc;
 }
 
 std::optional<downloaded_image> image_download(const char* url, const image_download_options& options)
 {
     if (!may_come_from(url)) {
-        count(transfer_outcome::forbidden);
         refuse_source(url, options);
         return std::nullopt;
     }
@@ -359,11 +456,13 @@ std::optional<downloaded_image> image_download(const char* url, const image_down
         logger_error(g_logger, "%s error regcomp %s", options.caller, errno_text{errno}.c_str());
         return std::nullopt;
     }
-    const CURLcode rc = perform(url, receiver, options.timeout);
-    count(outcome_of(rc));
-    if (rc != CURLE_OK) {
-        logger_error(g_logger, "curl_easy_perform failed: %s", curl_easy_strerror(rc));
-        note_failure(options.reason, rc);
+    const std::optional<CURLcode> rc = perform(url, receiver, options);
+    if (!rc)
+        return std::nullopt;
+    count(outcome_of(*rc));
+    if (*rc != CURLE_OK) {
+        logger_error(g_logger, "curl_easy_perform failed: %s", curl_easy_strerror(*rc));
+        note_reason(options.reason, curl_easy_strerror(*rc));
         return std::nullopt;
     }
     return receiver.release();

@@ -58,8 +58,9 @@ struct image_download_options {
     std::string* reason = nullptr; // gets the reason of a transfer that failed
 };
 
-// From now on images come only from URLs that begin with one of these; none: from anywhere. Of the process;
-// before its first download.
+// From now on images come only from URLs that begin with one of these, and redirects lead nowhere else; none:
+// from anywhere. A refusal is counted, and the first one of an episode is logged. Of the process; before its
+// first download.
 void image_download_only_from(std::vector<std::string> prefixes);
 
 // Downloads an image; nothing when that fails.

@@ -23,6 +23,8 @@ static constexpr size_t block_bytes = 32;
 static constexpr size_t growth_blocks = 8192;
 static constexpr size_t blocks_ceiling = image_size_ceiling / block_bytes;
 
+static constexpr char download_reporter[] = "ota_download_firmware"; // as log filters know it
+
 struct OTA_FIRMWARE_t {
     OTA_FIRMWARE_INFO_t info{};
     std::unique_ptr<bool[]> validity_mask; // one flag a block; null: downloaded, so valid throughout
@@ -113,17 +115,16 @@ static bool is_complete(OTA_FIRMWARE_t& firmware, const page_blocks& page)
 // Fills in what the bytes say of themselves; false, after a report, when they are not what is expected.
 static bool describe_image(OTA_FIRMWARE_t& firmware, const uint32_t* crc32, const uint32_t* git_ver)
 {
-    static constexpr char reporter[] = "ota_download_firmware";
     const bytes_view image{firmware.memory.get(), firmware.info.size};
     firmware.info.crc32 = crc32_byte(image.data(), static_cast<uint32_t>(image.size()));
     if (crc32 && *crc32 != firmware.info.crc32) {
-        logger_error(g_logger, "%s incorrect crc32!", reporter);
+        logger_error(g_logger, "%s incorrect crc32!", download_reporter);
         return false;
     }
     if (!read_board_tag(image, firmware.info) || !read_firmware_tag(image, firmware.info))
         return false;
     if (git_ver && *git_ver != firmware.info.git_ver) {
-        logger_error(g_logger, "%s incorrect git version!", reporter);
+        logger_error(g_logger, "%s incorrect git version!", download_reporter);
         return false;
     }
     return true;
@@ -207,34 +208,36 @@ int OTA_t::add_firmware(firmware_ptr firmware)
 
 int OTA_t::store_downloaded(firmware_ptr firmware)
 {
-    const mutex_guard lock{m_mutex};
-    return add_firmware(std::move(firmware));
+    int slot = -1;
+    bool is_to_be_said = false;
+    {
+        const mutex_guard lock{m_mutex};
+        slot = add_firmware(std::move(firmware));
+        is_to_be_said = slot == -1 && m_keeps_ordered && m_refusals.begins(zclock_mono());
+    }
+    if (is_to_be_said) // whoever asks for one may ask again and again
+        logger_error(g_logger, "%s: the images that the servers ordered are kept", download_reporter);
+    return slot;
 }
 
 int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint32_t* git_ver,
                              std::string* reason)
 {
-    static constexpr char reporter[] = "ota_download_firmware";
     firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
     if (!firmware) {
-        logger_error(g_logger, str_out_of_memory, reporter);
+        logger_error(g_logger, str_out_of_memory, download_reporter);
         return -1;
     }
-    auto image = image_download(
-        url,
-        {.caller = reporter, .bad_length_aborts = true, .reports_missing_length = true, .reason = reason});
+    auto image = image_download(url, {.caller = download_reporter,
+                                      .bad_length_aborts = true,
+                                      .reports_missing_length = true,
+                                      .reason = reason});
     if (!image)
         return -1;
     firmware->memory = std::move(image->memory);
     firmware->info.size = image->size;
     firmware->is_ordered = crc32 || git_ver;
-    if (!describe_image(*firmware, crc32, git_ver))
-        return -1;
-
-    const int slot = store_downloaded(std::move(firmware));
-    if (slot == -1 && m_keeps_ordered)
-        logger_error(g_logger, "%s: the images that the servers ordered are kept", reporter);
-    return slot;
+    return describe_image(*firmware, crc32, git_ver) ? store_downloaded(std::move(firmware)) : -1;
 }
 
 std::optional<OTA_FIRMWARE_INFO_t> OTA_t::firmware_info(uint16_t index) const

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "base/czmq_ptr.h"
+#include "base/rate_bound.h"
 
 #include "core/thread_annotations.h"
 
@@ -49,7 +50,7 @@ public:
     // From now on a download that no server ordered takes no slot with an image that one did, or sent. Before
     // the store is used by several threads.
     void keep_ordered() { m_keeps_ordered = true; }
-    // How many images found no slot by that. Any thread reads.
+    // How many images found no slot by that, of which the first one of an episode is said. Any thread reads.
     uint64_t refused_for_ordered() const noexcept { return m_refused.load(std::memory_order_relaxed); }
 
     // Downloads, checks and stores an image; its slot, or -1. `crc32` and `git_ver` are what to expect;
@@ -93,6 +94,7 @@ private:
     const uint16_t m_files_number;
     bool m_keeps_ordered = false; // written before the actors run
     std::atomic<uint64_t> m_refused{0};
+    refusal_episode m_refusals RTLS_GUARDED_BY(m_mutex);
     // The slots; null: empty. Images are reached only under the lock.
     const std::unique_ptr<firmware_ptr[]> m_firmware_arr RTLS_GUARDED_BY(m_mutex);
     // The slot that the next new image takes, whatever is in it.

@@ -1,6 +1,7 @@
 // Where firmware may come from, and whose images an operator's download may replace.
 #include "firmware/image_download.h"
 #include "firmware/ota.h"
+#include "support/http_responder.h"
 #include "support/log_capture.h"
 #include "support/ota_store.h"
 #include "support/temp_file.h"
@@ -12,7 +13,7 @@
 
 namespace rtls {
 
-using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 
 class firmware_sources : public testing::Test {
@@ -53,7 +54,67 @@ TEST_F(firmware_sources, beyond_the_list_are_refused_with_the_reason)
         EXPECT_FALSE(image_download(url.c_str(), {.caller = "test", .reason = &reason})) << url;
     EXPECT_EQ(reason, "firmware does not come from there (firmware_urls)");
     EXPECT_THAT(m_log.messages("main"),
-                Contains("test: https://files.example: firmware does not come from there (firmware_urls)"));
+                ElementsAre("test: " + m_file.url() + ": firmware does not come from there (firmware_urls)"))
+        << "once an episode";
+}
+
+class firmware_redirects : public firmware_sources {
+protected:
+    static std::string moved_to(const std::string& location)
+    {
+        return "HTTP/1.1 302 Found\r\nContent-Length: 0\r\nLocation: " + location + "\r\n\r\n";
+    }
+    static uint64_t forbidden()
+    {
+        const auto kind = static_cast<size_t>(transfer_outcome::forbidden);
+        return image_download_counters().transfers[kind].value();
+    }
+    bool fetch(const std::string& path)
+    {
+        return image_download(m_server.url(path).c_str(), {.caller = "test", .reason = &m_reason})
+            .has_value();
+    }
+
+    http_responder m_elsewhere{{{"/image", {http_image("x")}}}};
+    http_responder m_server{{
+        {"/allowed/here", {moved_to("/allowed/image")}},
+        {"/allowed/up", {moved_to("/image")}},
+        {"/allowed/dots", {moved_to("/allowed/../image")}},
+        {"/allowed/host", {moved_to(m_elsewhere.url("/image"))}},
+        {"/allowed/twice", {moved_to("/allowed/host")}},
+        {"/allowed/image", {http_image("x")}},
+        {"/image", {http_image("x")}},
+    }};
+    std::string m_reason;
+};
+
+TEST_F(firmware_redirects, lead_anywhere_without_a_list)
+{
+    for (const char* path : {"/allowed/here", "/allowed/up", "/allowed/dots", "/allowed/twice"})
+        EXPECT_TRUE(fetch(path)) << path;
+}
+
+TEST_F(firmware_redirects, lead_to_what_is_on_the_list)
+{
+    image_download_only_from({m_server.url("/allowed/")});
+    EXPECT_TRUE(fetch("/allowed/here"));
+    EXPECT_EQ(m_server.requests().size(), 2U);
+}
+
+TEST_F(firmware_redirects, lead_nowhere_else)
+{
+    image_download_only_from({m_server.url("/allowed/")});
+    const uint64_t before = forbidden();
+    for (const char* path : {"/allowed/up", "/allowed/dots", "/allowed/host", "/allowed/twice"}) {
+        m_reason.clear();
+        EXPECT_FALSE(fetch(path)) << path;
+        EXPECT_EQ(m_reason, "firmware does not come from there (firmware_urls)") << path;
+    }
+    EXPECT_EQ(forbidden() - before, 4U);
+    EXPECT_THAT(m_log.messages("main"), ElementsAre("test: " + m_server.url("/image") +
+                                                    ": firmware does not come from there (firmware_urls)"));
+    EXPECT_THAT(m_elsewhere.requests(), testing::IsEmpty());
+    EXPECT_THAT(m_server.requests(), Each(testing::StartsWith("GET /allowed/")));
 }
 
 class ordered_images : public testing::Test {
@@ -99,9 +160,11 @@ TEST_F(ordered_images, leave_no_room_when_all_slots_are_theirs)
         (void)order(git_ver);
     EXPECT_EQ(store().refused_for_ordered(), 0U);
     EXPECT_EQ(fetch(4), -1);
-    EXPECT_EQ(store().refused_for_ordered(), 1U);
+    EXPECT_EQ(fetch(4), -1);
+    EXPECT_EQ(store().refused_for_ordered(), 2U);
     EXPECT_THAT(m_log.messages("main"),
-                Contains("ota_download_firmware: the images that the servers ordered are kept"));
+                ElementsAre("ota_download_firmware: the images that the servers ordered are kept"))
+        << "once an episode";
     EXPECT_EQ(order(5), 0) << "the servers replace their own";
     EXPECT_THAT(slots(m_store), ElementsAre(5, 2, 3));
 }
