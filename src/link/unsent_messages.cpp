@@ -26,6 +26,11 @@ static constexpr size_t largest_block = size_t{64} * 1024;
 // the client does not read.
 static constexpr size_t flush_soon_ms = 5;
 
+// The most pieces that one client gets at a time: what an empty queue of the socket takes. And all together: a
+// piece may hold thousands of messages, and the bridges that send wait meanwhile.
+static constexpr size_t pieces_of_one = 16;
+static constexpr size_t pieces_of_all = 256;
+
 // In front of each message: its size, in host order.
 using message_size = uint32_t;
 
@@ -219,25 +224,32 @@ static bool send_piece(WIN_SERVER_t& server, WIN_CLIENT_t& client)
     return true;
 }
 
-void offer_unsent(WIN_SERVER_t& server, WIN_CLIENT_t& client)
+// Sends up to `most` pieces; returns how many. What is left then has been refused by the socket, or waits for
+// the next time, which is soon while the socket takes some each time.
+static size_t flush(WIN_SERVER_t& server, WIN_CLIENT_t& client, size_t most)
 {
     constexpr char logged_as[] = "unsent_messages_to_win_client"; // which log filters know
     if (any_null(logged_as, server.win_sock.get()))
-        return;
-    bool has_sent = false;
-    while (!client.unsent_messages.empty()) {
+        return 0;
+    size_t sent = 0;
+    for (; !client.unsent_messages.empty() && sent < most; ++sent)
         if (!send_piece(server, client)) {
             if (errno != EAGAIN)
                 log_call_error(logged_as, "zframe_send");
             if (errno == EHOSTUNREACH)
                 note_unreachable(server, client);
-            if (has_sent)
-                flush_soon(server);
-            return;
+            break;
         }
-        has_sent = true;
-    }
-    client.unsent_overflow = false; // the next overflow is a new one
+    if (client.unsent_messages.empty())
+        client.unsent_overflow = false; // the next overflow is a new one
+    else if (sent > 0)
+        flush_soon(server);
+    return sent;
+}
+
+void offer_unsent(WIN_SERVER_t& server, WIN_CLIENT_t& client)
+{
+    (void)flush(server, client, pieces_of_one);
 }
 
 void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
@@ -248,10 +260,20 @@ void unsent_messages_to_win_client(WIN_SERVER_t* server, void* p_client)
 
 void unsent_messages_to_win_clients(WIN_SERVER_t& server)
 {
+    size_t position = 0;
+    size_t pieces = 0;
+    size_t next = 0; // where the pieces ran out
     server.clients.for_each([&](WIN_CLIENT_t& client) {
-        if (!client.unsent_messages.empty())
-            offer_unsent(server, client);
+        if (position++ < server.next_flush || client.unsent_messages.empty())
+            return;
+        if (pieces < pieces_of_all)
+            pieces += flush(server, client, std::min(pieces_of_one, pieces_of_all - pieces));
+        else if (next == 0)
+            next = position - 1;
     });
+    if (server.next_flush > 0 || next > 0)
+        flush_soon(server); // those behind, or again from the beginning
+    server.next_flush = next;
 }
 
 static int flush_timer_handler(zloop_t* /*loop*/, int /*timer_id*/, void* p_server) noexcept

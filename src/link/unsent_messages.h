@@ -108,15 +108,16 @@ bool data_to_cache(WIN_SERVER_t* server, WIN_CLIENT_t* client, const uint8_t* da
 // The client's connection is closed: what waits for it is lost, and counted.
 void lose_with_bridge(WIN_SERVER_t& server, const WIN_CLIENT_t& client) noexcept;
 
-// Offers their unsent messages to all clients.
+// Offers their unsent messages to all clients; when that is much, to the next ones in a few milliseconds.
 void unsent_messages_to_win_clients(WIN_SERVER_t& server);
 
 // Sees that unsent messages are offered again in a few milliseconds, beside the usual 500: a socket with a
 // short queue has room again by then, when the client reads.
 void flush_soon(WIN_SERVER_t& server);
 
-// Sends the client's unsent messages, oldest first, until the socket takes no more. Then the next attempt is
-// after 500 ms; after a few already, while the socket takes some each time.
+// Sends the client's unsent messages, oldest first, until the socket takes no more, or it has got as much as
+// the socket's queue may hold. Then the next attempt is after 500 ms; after a few already, while the socket
+// takes some each time.
 void offer_unsent(WIN_SERVER_t& server, WIN_CLIENT_t& client);
 
 // The same by handle (p_client: a WIN_CLIENT_t), for those outside.

@@ -61,6 +61,7 @@ struct WIN_SERVER_t {
     bool rpl_timer_is_active = false;
     bool unprocessed_MSG_PANID_REQ = false;
     bool flush_timer_is_active = false;
+    size_t next_flush = 0; // position in the table from which unsent messages are offered
     bool end_timer_is_active = false;
     std::atomic<bool> ready{false}; // set once by the actor, polled by the owner
     bool proxy_is_silent = false;
@@ -96,13 +97,13 @@ struct WIN_SERVER_t {
     uint64_t end_checks = 0;                             // how often silent bridges have been looked for
     size_t next_end_check = 0;                           // position in the table to look from
     std::unordered_map<int, std::string> number_holders; // the last connection with a descriptor's number
-    int64_t undrained_since = 0;    // zclock_usecs of the first event since it was drained; 0 while it is
-    int64_t last_turn_end = 0;      // zclock_usecs of when its reader was last done
-    size_t undrained_bytes = 0;     // and what has been handled since then
-    refusal_episode lines_left_out; // while it has not been drained for long
-    int64_t last_win_event = 0;     // zclock_usecs of when the WIN port was last drained
-    int64_t supervised_since = 0;   // zclock_mono of when the first period of the client checks began
-    int64_t last_client_check = 0;  // number of the period in which clients were last checked
+    int64_t undrained_since = 0;     // zclock_usecs of the first event since it was drained; 0 while it is
+    size_t undrained_bytes = 0;      // and what has been handled since then
+    int64_t undrained_cost_from = 0; // the thread's processor time, in us, at the first large event; 0: none
+    refusal_episode lines_left_out;  // while it has not been drained for long
+    int64_t last_win_event = 0;      // zclock_usecs of when the WIN port was last drained
+    int64_t supervised_since = 0;    // zclock_mono of when the first period of the client checks began
+    int64_t last_client_check = 0;   // number of the period in which clients were last checked
 
     win_counters counts; // read by any thread, like the pulse
     loop_pulse pulse;

@@ -308,6 +308,32 @@ TEST(unsent_messages, of_all_clients_are_bounded_and_the_largest_holder_gives_wa
                 testing::StartsWith("data_to_cache: win client [0000000008] IP 0.0.0.0:0 does not read: "));
 }
 
+// A piece may hold thousands of messages, each of which is taken off the queue for itself.
+TEST(unsent_messages, of_many_clients_go_out_in_turns)
+{
+    constexpr size_t clients = 40;
+    constexpr size_t pieces = 20;
+    const win_link link;
+    std::vector<win_link::linked_bridge> bridges;
+    const bytes_t message(pieces * stream_piece_limit, 0x11);
+    for (size_t i = 0; i < clients; ++i) {
+        bridges.push_back(link.connect());
+        ASSERT_TRUE(data_to_cache(&link.server(), bridges.back().client, message.data(), message.size()));
+    }
+    const auto turn = [&] {
+        const uint64_t before = link.server().counts.bytes_out.value();
+        unsent_messages_to_win_clients(link.server());
+        return (link.server().counts.bytes_out.value() - before) / stream_piece_limit;
+    };
+    EXPECT_EQ(turn(), 256U);
+    EXPECT_TRUE(link.server().flush_timer_is_active) << "the others follow soon";
+    EXPECT_EQ(turn(), 256U);
+    EXPECT_EQ(turn(), (clients - 32) * 16) << "each of the last ones what the socket may hold of it";
+    EXPECT_EQ(turn(), clients * 4) << "and then the rest of all";
+    for (const auto& bridge : bridges)
+        EXPECT_TRUE(bridge.client->unsent_messages.empty());
+}
+
 TEST(unsent_messages, larger_than_a_piece_arrive_whole_and_in_order)
 {
     const win_link link{2}; // two pieces are all that the socket takes at once
