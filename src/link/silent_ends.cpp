@@ -4,6 +4,7 @@
 #include "base/logger.h"
 #include "base/peer.h"
 #include "link/unsent_messages.h"
+#include "net/stream_send.h"
 
 #include <sys/socket.h>
 
@@ -142,14 +143,6 @@ static gone_bridges find_gone(WIN_SERVER_t& server)
     return gone;
 }
 
-// Unknown counts as events.
-static bool has_events(zsock_t* sock) noexcept
-{
-    int events = 0;
-    size_t size = sizeof events;
-    return zmq_getsockopt(zsock_resolve(sock), ZMQ_EVENTS, &events, &size) != 0 || (events & ZMQ_POLLIN) != 0;
-}
-
 void end_silent_bridges(WIN_SERVER_t& server)
 {
     ++server.end_checks;
@@ -157,7 +150,7 @@ void end_silent_bridges(WIN_SERVER_t& server)
         return;
     const gone_bridges gone = find_gone(server);
     // Asked for after the numbers: what was queued before one was closed is seen.
-    if (gone.number > 0 && has_events(server.win_sock))
+    if (gone.number > 0 && has_events(zsock_resolve(server.win_sock)))
         return; // the same ones the next time
     server.next_end_check = gone.next;
     for (size_t i = 0; i < gone.number; ++i)

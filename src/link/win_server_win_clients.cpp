@@ -7,6 +7,7 @@
 #include "base/peer.h"
 #include "link/sending.h"
 #include "link/silent_ends.h"
+#include "net/stream_send.h"
 
 #include <sys/socket.h>
 
@@ -23,12 +24,14 @@ static constexpr int events_per_call = 64;
 static constexpr size_t bytes_per_call = size_t{64} * 1024;
 
 // The port is behind when it has not been drained for so long, and so much has been handled meanwhile (time
-// alone may have passed while the host was busy). It is asked after each large event.
+// alone may have passed while the host was busy); or when what has been handled has cost that much of this
+// thread's processor time: lines of many small messages, or of a large one, do. It is asked after each large
+// event.
 static constexpr int64_t behind_us = 50'000;
 static constexpr size_t behind_bytes = size_t{64} * 1024;
+static constexpr int64_t costly_us = 15'000;
+static constexpr size_t costly_bytes = size_t{16} * 1024;
 
-// A loop that has been elsewhere for so long has waited: nothing was left in the port when a turn ended.
-static constexpr int64_t idle_us = 5000;
 static constexpr size_t large_event = 1024;
 
 // While events come this close behind one another, the reader lets some more gather before it takes them,
@@ -171,6 +174,23 @@ static bool let_more_gather(WIN_SERVER_t& server, int64_t call_began)
     return nanosleep(&pause, nullptr) == 0;
 }
 
+// Of this thread.
+static int64_t processor_usecs()
+{
+    timespec used{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return int64_t{used.tv_sec} * 1'000'000 + used.tv_nsec / 1000;
+}
+
+// Whether what has been handled since the first large event has cost much.
+static bool is_costly(WIN_SERVER_t& server, size_t handled)
+{
+    if (server.undrained_cost_from == 0 && handled >= large_event)
+        server.undrained_cost_from = processor_usecs();
+    return server.undrained_cost_from != 0 && server.undrained_bytes >= costly_bytes &&
+           processor_usecs() - server.undrained_cost_from >= costly_us;
+}
+
 // Counts what has been handled without draining the port, and leaves the debug lines out while that is too
 // much: making them takes many times what most messages do, and one who floods would have us do nothing else.
 static void note_backlog(WIN_SERVER_t& server, int64_t now, size_t handled)
@@ -178,8 +198,8 @@ static void note_backlog(WIN_SERVER_t& server, int64_t now, size_t handled)
     if (server.undrained_since == 0)
         server.undrained_since = now;
     server.undrained_bytes += handled;
-    const bool is_behind =
-        server.undrained_bytes >= behind_bytes && now - server.undrained_since >= behind_us;
+    const bool is_late = server.undrained_bytes >= behind_bytes && now - server.undrained_since >= behind_us;
+    const bool is_behind = is_late || is_costly(server, handled);
     dbg_hold(is_behind);
     if (is_behind && server.lines_left_out.begins(now / 1000))
         logger_warning(g_logger,
@@ -191,6 +211,7 @@ static void note_drained(WIN_SERVER_t& server)
 {
     server.undrained_since = 0;
     server.undrained_bytes = 0;
+    server.undrained_cost_from = 0;
     dbg_hold(false);
 }
 
@@ -235,18 +256,16 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
         logger_error(g_logger, "%s: zframe_recv returned NULL!", __func__);
         return 1;
     }
-    if (call_began - server->last_turn_end > idle_us)
-        note_drained(*server);
     note_backlog(*server, call_began, 0);
     const bool complete = handle_turn(*server, socket, identity, call_began);
     dbg_hold(false); // what others have this thread do is shown
-    if (server->intake_is_paused)
-        note_drained(*server); // what waits on purpose is no backlog
+    // What waits on purpose is no backlog, either.
+    if (server->undrained_since != 0 && (server->intake_is_paused || !has_events(socket)))
+        note_drained(*server);
     if (!complete)
         log_call_error(__func__, "zframe_recv");
     server->cuts.carry_out(socket, server->win_port);
-    server->last_turn_end = zclock_usecs();
-    note_hand_overs(*server, server->last_turn_end);
+    note_hand_overs(*server, zclock_usecs());
     return complete ? 0 : 1;
 }
 

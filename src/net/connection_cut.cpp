@@ -2,6 +2,7 @@
 
 #include "base/peer.h"
 #include "core/descriptor_duplicate.h"
+#include "net/stream_send.h"
 
 #include <sys/socket.h>
 #include <zmq.h>
@@ -10,14 +11,6 @@
 #include <new>
 
 namespace rtls {
-
-// Unknown counts as events.
-static bool has_events(void* socket) noexcept
-{
-    int events = 0;
-    size_t size = sizeof events;
-    return zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size) != 0 || (events & ZMQ_POLLIN) != 0;
-}
 
 static bool is_connection(int fd, in_port_t own_port, const sockaddr_in& peer) noexcept
 {

@@ -19,4 +19,11 @@ bool stream_send(zsock_t* sock, bytes_view identity, message_part& bytes) noexce
     return stream_send_identity(sock, identity, when_full::give_up) && stream_send_bytes(sock, bytes);
 }
 
+bool has_events(void* socket) noexcept
+{
+    int events = 0;
+    size_t size = sizeof events;
+    return zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size) != 0 || (events & ZMQ_POLLIN) != 0;
+}
+
 } // namespace rtls

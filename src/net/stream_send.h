@@ -29,4 +29,7 @@ bool stream_send_bytes(zsock_t* sock, message_part& bytes) noexcept;
 // identity is refused.
 bool stream_send(zsock_t* sock, bytes_view identity, message_part& bytes) noexcept;
 
+// Whether something waits to be received, by libzmq's handle of any socket. Unknown counts as something.
+bool has_events(void* socket) noexcept;
+
 } // namespace rtls

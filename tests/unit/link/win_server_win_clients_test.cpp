@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <thread>
 #include <vector>
 
@@ -66,30 +67,40 @@ TEST(win_clients_reader, takes_several_events_a_call_but_not_all_at_once)
     EXPECT_LE(most, 64 * event_size);
 }
 
-// The port has not been drained for `us`, and `bytes` have been handled meanwhile.
-static void fall_behind(WIN_SERVER_t& server, int64_t us, size_t bytes)
+// The port has not been drained for `us`, and `bytes` have been handled meanwhile, at so much processor time (0:
+// no large event was among them).
+static void fall_behind(WIN_SERVER_t& server, int64_t us, size_t bytes, int64_t cost_us)
 {
-    server.last_turn_end = zclock_usecs();
-    server.undrained_since = server.last_turn_end - us;
+    timespec used{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    server.undrained_since = zclock_usecs() - us;
     server.undrained_bytes = bytes;
+    server.undrained_cost_from =
+        cost_us == 0 ? 0 : int64_t{used.tv_sec} * 1'000'000 + used.tv_nsec / 1000 - cost_us;
 }
 
 TEST(win_clients_reader, leaves_debug_lines_out_while_it_is_behind_and_says_so_once)
 {
     constexpr int64_t long_us = 50'000;
     constexpr size_t much = size_t{64} * 1024;
+    constexpr int64_t costly_us = 15'000;
+    constexpr size_t some = size_t{16} * 1024;
     constexpr char said[] =
         "handle_win_clients: bridges send more than can be handled, debug lines are left out meanwhile!";
     const struct {
         const char* given;
         int64_t us;
         size_t bytes;
+        int64_t cost_us;
         bool is_behind;
     } cases[] = {
-        {"for long, with much", long_us, much, true},
-        {"with little: the host was busy", long_us, much - 1, false},
-        {"for a moment", 0, much, false},
-        {"for long, once more", long_us, much, true},
+        {"for long, with much", long_us, much, 0, true},
+        {"with little: the host was busy", long_us, much - 1, 0, false},
+        {"for a moment", 0, much, 0, false},
+        {"for a moment, at much cost", 0, some, costly_us, true},
+        {"at much cost, with little", 0, some - 1, costly_us, false},
+        {"at little cost", 0, some, 1, false},
+        {"for long, once more", long_us, much, 0, true},
     };
     log_capture log;
     const win_link link;
@@ -111,7 +122,7 @@ TEST(win_clients_reader, leaves_debug_lines_out_while_it_is_behind_and_says_so_o
         peer.send(frame);
         zmq_pollitem_t item{zsock_resolve(server.win_sock), 0, ZMQ_POLLIN, 0};
         ASSERT_EQ(zmq_poll(&item, 1, static_cast<long>(patience.count())), 1);
-        fall_behind(server, c.us, c.bytes);
+        fall_behind(server, c.us, c.bytes, c.cost_us);
         EXPECT_EQ(handle_win_clients(link.loop(), server.win_sock, &server), 0);
         EXPECT_EQ(lines_seen, std::vector<bool>{!c.is_behind});
         EXPECT_TRUE(dbg_is_wanted(DBG_WIN)) << "what others have the thread do is shown";
