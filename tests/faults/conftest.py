@@ -14,11 +14,16 @@ from harness.fixtures import gateway, start_gateway  # noqa: E402, F401
 @pytest.fixture
 def figure(request):
     """figure(what, before, now): one row of the table of tests/faults/run. `before` is what was measured before the
-    fault was mended, in words; `now` is this run's."""
-    case = request.node.name.removeprefix("test_").replace("_", " ")
+    fault was mended, in words; `now` is this run's. With `worst`, a number, the cases of a parametrized test share
+    a row, which shows the worst of them. The row stands in the group that the module names by GROUP."""
+    node = request.node
+    group = getattr(request.module, "GROUPS", {}).get(node.originalname, getattr(request.module, "GROUP", ""))
 
-    def record(what: str, before: str, now: str):
+    def record(what: str, before: str, now: str, worst: float = None):
+        name = node.name if worst is None else node.originalname
+        case = name.removeprefix("test_").replace("_", " ")
         if path := os.environ.get("RTLS_FIGURES"):
             with open(path, "a") as figures:
-                figures.write(json.dumps({"case": case, "what": what, "before": before, "now": now}) + "\n")
+                figures.write(json.dumps({"group": group, "case": case, "what": what, "before": before, "now": now,
+                                          "worst": worst}) + "\n")
     return record

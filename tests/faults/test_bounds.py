@@ -1,4 +1,5 @@
 """What one peer sends costs bounded answers, and what a queue has lost is said."""
+import pathlib
 import re
 import select
 import socket
@@ -11,6 +12,9 @@ from harness import wire
 from harness.daemon import Daemon
 from harness.peers import wait_until
 from network import Namespaces, available
+
+GROUP = "Discovery and proxy"
+GROUPS = {"test_a_stop_amid_an_overflow_says_how_much_was_lost": "Reports"}
 
 BRIDGE = wire.mac(0xB001)
 
@@ -150,15 +154,33 @@ def test_the_end_of_an_overflow_says_how_much_was_lost(start_gateway):
     assert len(losses(gateway)) == 1 and losses(gateway)[0] >= 42
 
 
-def test_a_stop_amid_an_overflow_says_how_much_was_lost(start_gateway):
+def test_a_stop_amid_an_overflow_says_how_much_was_lost(start_gateway, figure):
     gateway, _ = overflowing(start_gateway)
     gateway.interrupt()
     gateway.wait_exit()
+    figure("reports that are said to be lost, of 42 that are", "not said", f"{sum(losses(gateway))}")
     assert losses(gateway) == [42]
     assert not any("Exemption" in line for line in gateway.syslog())
 
 
-def test_a_huge_text_from_the_proxy_is_refused_by_its_length(gateway):
-    gateway.proxy.publish("08" * (8 << 20))
-    refusal = "3 rtls-gateway: handle_pub_sub_proxy: a text of 16777216 bytes is too long!"
-    wait_until(lambda: refusal in gateway.syslog(), "the refusal")
+@pytest.mark.measured
+def test_a_huge_text_from_the_proxy_is_refused_by_its_length(gateway, figure):
+    """It comes whole all the same: the library has no other bound than to cut the connection off, and then never to
+    connect again. Those behind it would be lost with it."""
+    bridge = gateway.bridge(BRIDGE)
+    bridge.introduce()
+    size = 200 << 20
+    refusal = f"3 rtls-gateway: handle_pub_sub_proxy: a text of {size} bytes is too long!"
+    gateway.proxy.publish("08" * (size // 2))
+    gateway.proxy.publish(wire.generic_req(b"behind", BRIDGE))
+    waits = []
+    while refusal not in gateway.syslog() and sum(waits) < 60:
+        begin = time.monotonic()
+        assert bridge.barrier() == [] or refusal in gateway.syslog()
+        waits.append(time.monotonic() - begin)
+    bridge.barrier()
+    status = pathlib.Path(f"/proc/{gateway.process.pid}/status").read_text()
+    peak = int(re.search(r"VmHWM:\s+(\d+)", status)[1]) // 1024
+    figure("the longest ping beside a text of 200 MiB", "2 s", f"{max(waits) * 1000:.0f} ms")
+    figure("memory that it takes for that moment", "-", f"{peak} MiB")
+    assert refusal in gateway.syslog() and max(waits) < 0.5 and peak < 512

@@ -8,6 +8,7 @@ import pytest
 from frozen import frozen
 from harness.peers import wait_until
 
+GROUP = "Operators"
 pytestmark = pytest.mark.measured
 
 SESSIONS = 20

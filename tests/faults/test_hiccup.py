@@ -10,6 +10,7 @@ import zmq
 from harness import wire
 from harness.peers import wait_until
 
+GROUP = "Reports"
 pytestmark = pytest.mark.measured
 
 BRIDGE = wire.mac(0xB001)

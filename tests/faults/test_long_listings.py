@@ -7,6 +7,7 @@ import pytest
 from harness import wire
 from harness.peers import wait_until
 
+GROUP = "Operators"
 pytestmark = pytest.mark.measured
 
 BRIDGE = wire.mac(0xB001)

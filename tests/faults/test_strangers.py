@@ -7,6 +7,8 @@ from frozen import frozen
 from harness import wire
 from harness.peers import wait_until
 
+GROUP = "Operators"
+
 NUMBER = 100
 
 

@@ -7,6 +7,8 @@ import pytest
 from frozen import frozen
 from harness import wire
 
+GROUP = "Bridges"
+
 BRIDGES = 50
 
 

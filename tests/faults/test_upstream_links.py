@@ -16,6 +16,8 @@ from harness.figures import Figures
 from harness.http_client import with_http
 from harness.peers import wait_until
 
+GROUP = "Names and servers"
+
 BRIDGE = wire.mac(0xB001)
 NODE, NODE_IP = wire.mac(0x1A2B), wire.ip(0x1A2B)
 
@@ -115,7 +117,7 @@ def test_the_right_server_is_served_after_a_wrong_one(start_gateway, name, first
             return gateway.broker.drain()
     wait_until(served, "the right server to be served", 7)
     took = time.monotonic() - began
-    figure("until the right server is served", "not in 200 s", f"{took:.1f} s")
+    figure("until the right server is served", "not in 200 s", f"{took:.1f} s", worst=took)
     assert took < 6
 
 
@@ -161,7 +163,8 @@ def test_what_a_wrong_server_costs_is_said(start_gateway, first, figure):
 
     wait_until(served, "the right server to be served", 7)
     wait_until(accounted, "every report to be accounted for", 5)
-    figure("reports lost and not said, of 200 that waited", "200", f"{sent - len(received) - lost()}")
+    unsaid = sent - len(received) - lost()
+    figure("reports lost and not said, of 200 that waited", "200", f"{unsaid}", worst=unsaid)
     assert len(received) + lost() == sent
     now = Figures(port)
     handed_over = now["reports_handed_over_total", {"queue": "message_handler"}]

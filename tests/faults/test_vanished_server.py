@@ -13,6 +13,7 @@ from harness.daemon import Daemon
 from harness.peers import wait_until
 from network import Namespaces, available
 
+GROUP = "Names and servers"
 pytestmark = pytest.mark.measured
 
 BRIDGE = wire.mac(0xB001)
