@@ -2,7 +2,7 @@
 //
 // Threads    WIN server thread. Nothing waits, but what the command itself does.
 // Bytes      A text is hex, two digits a byte, of the command as the server wrote it.
-// Failures   A text that is no command, or longer than 1 MiB, is logged and dropped.
+// Failures   A text that is no command, or longer than 256 KiB, is logged and dropped.
 #pragma once
 
 #include "link/win_server_private.h"
