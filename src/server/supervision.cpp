@@ -17,8 +17,6 @@
 
 namespace rtls {
 
-static constexpr int64_t check_period_ms = 1000;
-
 // A client is wanted while its own node lives and was last heard through this very connection.
 static bool is_wanted(NODES_CONTAINER_t& nodes, const WIN_CLIENT_t& client)
 {
@@ -71,7 +69,7 @@ static void close_unwanted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
 // meanwhile. A late tick, on the other hand, takes nothing from the punctual one behind it.
 static bool is_new_period(WIN_SERVER_t& server, int64_t now)
 {
-    const int64_t period = (now - server.supervised_since) / check_period_ms;
+    const int64_t period = (now - server.supervised_since) / int64_t{check_client_connection_period_ms};
     return std::exchange(server.last_client_check, period) != period;
 }
 
