@@ -8,7 +8,7 @@
 
 namespace rtls {
 
-constexpr size_t rpl_timer_ms = 1000;
+static constexpr size_t rpl_timer_ms = 1000;
 
 uint8_t get_next_rpl_version(void)
 {
