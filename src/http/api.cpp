@@ -273,7 +273,7 @@ page api::firmware(const page_request& /*request*/) const
 
 static json log_json()
 {
-    const tav_log_counters_t lines = logger_get_counters(g_logger_ctx);
+    const tav_log_counters lines = logger_get_counters(g_logger_ctx);
     return {{"queued", lines.queued},       {"written", lines.written},   {"lost", lines.lost},
             {"held_back", lines.held_back}, {"unstored", lines.unstored}, {"unpublished", lines.unpublished}};
 }

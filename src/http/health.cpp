@@ -33,7 +33,7 @@ json links_json(const services& gateway)
     json links = json::array();
     for (const auto& [name, state] : win_server_links(*gateway.win_server))
         links.push_back(link_json(name, state));
-    const tav_link_state_t broker = logger_get_broker_state(g_logger_ctx);
+    const tav_link_state broker = logger_get_broker_state(g_logger_ctx);
     if (broker.is_up || broker.since_ms != 0 || broker.failures != 0)
         links.push_back(link_json("debug broker", broker));
     return links;
@@ -46,7 +46,7 @@ static json loop_check(const char* name, int64_t age_ms)
 
 static json log_check()
 {
-    const tav_log_counters_t lines = logger_get_counters(g_logger_ctx);
+    const tav_log_counters lines = logger_get_counters(g_logger_ctx);
     return {{"name", "log thread"},
             {"ok", logger_thread_lives(g_logger_ctx)},
             {"lines_waiting", lines.queued > lines.written ? lines.queued - lines.written : 0}};

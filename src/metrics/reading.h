@@ -45,7 +45,7 @@ public:
     const bridge_load& bridges() const { return m_bridges; }
     const std::optional<node_load>& nodes() const { return m_nodes; }
     const process_figures& process() const { return m_process; }
-    const tav_log_counters_t& log() const { return m_log; }
+    const tav_log_counters& log() const { return m_log; }
     const OTA_t* ota() const { return m_ota; }
     const std::optional<download_pool::load>& downloads() const { return m_downloads; }
     int64_t now_ms() const { return m_now_ms; } // zclock_mono
@@ -70,7 +70,7 @@ private:
     bridge_load m_bridges;
     std::optional<node_load> m_nodes;
     process_figures m_process;
-    tav_log_counters_t m_log;
+    tav_log_counters m_log;
     std::optional<download_pool::load> m_downloads;
     int64_t m_now_ms;
 };

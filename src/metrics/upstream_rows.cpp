@@ -42,7 +42,7 @@ static void each_link(reading& r, Read read)
         read(of_proxy, win->proxy_link.state());
         read(of_proxy_input, win->proxy_input_link.state());
     }
-    const tav_link_state_t broker = logger_get_broker_state(g_logger_ctx);
+    const tav_link_state broker = logger_get_broker_state(g_logger_ctx);
     link_state state{
         broker.is_up, broker.since_ms, broker.connections, broker.failures, broker.last_reason, 0, {}};
     std::ranges::copy(broker.failures_of, state.failures_of.begin());

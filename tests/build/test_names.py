@@ -13,7 +13,7 @@ def test_types_of_our_own_do_not_end_in_t():
     files = [path for folder in ("src", "libs", "tools", "tests", "bench", "fuzz")
              for path in (ROOT / folder).rglob("*") if path.suffix in (".cpp", ".h")]
     defined = [(str(file), name) for file in files
-               for name in re.findall(r"^[ \t]*(?:struct|class|union|enum(?: class)?|using) ([a-z]\w*_t)\b(?! *;)",
+               for name in re.findall(r"^[ \t]*(?:typedef )?(?:struct|class|union|enum(?: class)?|using) ([a-z]\w*_t)\b(?! *;)",
                                       file.read_text(), re.M)]
     assert len(defined) > 10
     assert not [(file, name) for file, name in defined

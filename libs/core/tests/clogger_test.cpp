@@ -305,7 +305,7 @@ TEST_F(clogger, a_broker_in_the_place_of_another_kind_of_server_gets_the_records
         }
         return condition(logger_get_broker_state(m_logger.get()));
     };
-    EXPECT_TRUE(tend_until([&](const tav_link_state_t& link) {
+    EXPECT_TRUE(tend_until([&](const tav_link_state& link) {
         logger_debug(m_main.get(), "to the wrong one");
         return link.failures >= 2 && m_logger->m_logger.unpublished() >= 1; // lost with it
     }));
@@ -314,7 +314,7 @@ TEST_F(clogger, a_broker_in_the_place_of_another_kind_of_server_gets_the_records
     context.close();
 
     broker right(endpoint);
-    EXPECT_TRUE(tend_until([](const tav_link_state_t& link) { return link.is_up; }));
+    EXPECT_TRUE(tend_until([](const tav_link_state& link) { return link.is_up; }));
     logger_info(m_main.get(), "to the right one");
     std::string record = right.next_undated();
     while (record != "&app:main DATE to the right one" && record.starts_with("&app:"))

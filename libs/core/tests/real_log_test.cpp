@@ -116,7 +116,7 @@ void within_ten_seconds(const char* what, const std::function<void()>& action)
 void real_log::hold_up_nobody()
 {
     within_ten_seconds("a record", [this] { log(900); });
-    const tav_log_counters_t counters = logger_get_counters(m_logger);
+    const tav_log_counters counters = logger_get_counters(m_logger);
     EXPECT_LT(counters.written, 500U) << "it is stuck indeed";
     EXPECT_GT(counters.lost, 0U);
     within_ten_seconds("a flush", [this] { EXPECT_FALSE(logger_flush(m_logger, 1)); });

@@ -74,7 +74,7 @@ protected:
         m_logger = nullptr;
     }
 
-    tav_log_counters_t counters() { return logger_get_counters(m_logger); }
+    tav_log_counters counters() { return logger_get_counters(m_logger); }
 
     const std::vector<std::string> m_of_earlier_tests = syslog_capture::take_texts();
     tav_logger m_logger = create_logger("app");

@@ -107,7 +107,7 @@ bool logger_flush(tav_logger logger, unsigned timeout_ms)
     }
 }
 
-tav_log_counters_t logger_get_counters(tav_logger logger)
+tav_log_counters logger_get_counters(tav_logger logger)
 {
     if (!logger)
         return {};
@@ -152,12 +152,12 @@ void logger_tend_broker(tav_logger logger)
         write_or_lose(logger->m_logger, LOG_WARNING, [&] { logger->m_logger.tend_broker(); });
 }
 
-tav_link_state_t logger_get_broker_state(tav_logger logger)
+tav_link_state logger_get_broker_state(tav_logger logger)
 {
     if (logger == nullptr)
         return {};
     const rtls::link_state link = logger->m_logger.broker_state();
-    tav_link_state_t state{link.is_up, link.since_ms, link.connections, link.failures, link.last_reason, {}};
+    tav_link_state state{link.is_up, link.since_ms, link.connections, link.failures, link.last_reason, {}};
     static_assert(std::size(state.failures_of) == rtls::link_failures);
     std::ranges::copy(link.failures_of, state.failures_of);
     return state;

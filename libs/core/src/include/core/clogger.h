@@ -47,7 +47,7 @@ void destroy_logger(tav_logger logger);
 bool logger_flush(tav_logger logger, unsigned timeout_ms);
 
 // What became of the records so far. Debug records that the system log's mask keeps out are no lines.
-typedef struct tav_log_counters_t {
+typedef struct tav_log_counters {
     uint64_t queued;      // lines taken in for the system log
     uint64_t written;     // of these, handed to syslog(3); the others wait
     uint64_t lost;        // lines lost, as the system log took none
@@ -55,10 +55,10 @@ typedef struct tav_log_counters_t {
     uint64_t unstored;    // lines lost, as there was no memory for them
     uint64_t unpublished; // records that a broker should have got: its queue was full, it was away, or memory
                           // was short
-} tav_log_counters_t;
+} tav_log_counters;
 
 // All zero for null. Reads a few counters, each by itself, and never waits.
-tav_log_counters_t logger_get_counters(tav_logger logger);
+tav_log_counters logger_get_counters(tav_logger logger);
 
 // Whether the thread that hands lines to the system log is there; false for null.
 bool logger_thread_lives(tav_logger logger);
@@ -75,7 +75,7 @@ bool logger_secure(tav_logger logger, const char* server_key, const char* own_pu
 // or is of the wrong kind, is connected again. To be called several times a second; never waits.
 void logger_tend_broker(tav_logger logger);
 
-typedef struct tav_link_state_t {
+typedef struct tav_link_state {
     bool is_up;              // connected, and the handshake done
     int64_t since_ms;        // of that, or of the last loss; milliseconds of the epoch, 0: never was up
     uint64_t connections;    // handshakes done
@@ -84,10 +84,10 @@ typedef struct tav_link_state_t {
     // The failures by their kind: the handshake was broken off; another protocol; refused; another kind of
     // socket; a connection lost.
     uint64_t failures_of[5];
-} tav_link_state_t;
+} tav_link_state;
 
 // What is known of the connection with the broker, as logger_tend_broker has last seen it; all zero for null.
-tav_link_state_t logger_get_broker_state(tav_logger logger);
+tav_link_state logger_get_broker_state(tav_logger logger);
 
 // A logger of one component, whose records the broker sees prefixed "&application:name ".
 tav_component_logger create_component_logger(tav_logger logger, const char* name);
