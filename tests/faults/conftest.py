@@ -8,6 +8,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "e2e"))
 
+from figure_groups import FIGURE_GROUPS  # noqa: E402
 from harness.fixtures import gateway, start_gateway  # noqa: E402, F401
 
 
@@ -17,7 +18,8 @@ def figure(request):
     fault was mended, in words; `now` is this run's. With `worst`, a number, the cases of a parametrized test share
     a row, which shows the worst of them. The row stands in the group that the module names by GROUP."""
     node = request.node
-    group = getattr(request.module, "GROUPS", {}).get(node.originalname, getattr(request.module, "GROUP", ""))
+    group = getattr(request.module, "GROUPS", {}).get(node.originalname) or request.module.GROUP
+    assert group in FIGURE_GROUPS
 
     def record(what: str, before: str, now: str, worst: float = None):
         name = node.name if worst is None else node.originalname

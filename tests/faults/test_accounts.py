@@ -22,6 +22,7 @@ from harness.figures import Figures
 from harness.http_client import with_http
 from harness.peers import wait_until
 
+GROUP = "Accounts"
 HERE = pathlib.Path(__file__).resolve().parent
 MESSAGES = int(os.environ.get("RTLS_ACCOUNT_MESSAGES", "60000"))
 BRIDGES = 4

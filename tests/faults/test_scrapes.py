@@ -15,6 +15,7 @@ from harness.figures import Figures
 from harness.http_client import with_http
 from harness.peers import wait_until
 
+GROUP = "Accounts"
 BRIDGES = 1000
 SCRAPES = 200
 PINGS = 1000
