@@ -1,6 +1,7 @@
 """Who keeps the daemon busy during a soak: the simulator, servers that send commands and images, operators, scrapes, and
 bridges that look for the gateway. Each in a thread of its own; what goes wrong in one is kept, and ends the soak."""
 import collections
+import contextlib
 import itertools
 import json
 import random
@@ -83,7 +84,8 @@ class Simulator:
         return self.process.poll() is None and not any(line.startswith("reports: ") for line in self.output)
 
     def wait(self, seconds: float) -> int:
-        self.process.stdin.close()
+        with contextlib.suppress(BrokenPipeError):    # it may have gone with a command unread
+            self.process.stdin.close()
         status = self.process.wait(seconds)
         self.reader.join()
         return status

@@ -1,9 +1,16 @@
 """What a soak is judged by finds what it is for."""
+import os
 import pathlib
+import subprocess
+import sys
+import threading
 
 import judge
 
 HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent / "e2e"))
+
+import surroundings  # noqa: E402
 
 SUMMARY = """\
   ping               sent         9  received         9
@@ -101,3 +108,14 @@ def test_what_stays_is_growth():
     assert judge.growth("memory", list(range(40)), room=30) == []
     assert judge.growth("memory", list(range(40, 0, -1)), room=0) == []
     assert judge.growth("memory", [1, 2], room=5) == ["memory: 2 samples are too few to judge by"]
+
+
+def test_a_simulator_that_ended_with_a_command_unread_is_waited_for(monkeypatch):
+    monkeypatch.setattr(surroundings.Simulator, "__init__", lambda self: None)
+    simulator = surroundings.Simulator()
+    simulator.process = subprocess.Popen(["true"], stdin=subprocess.PIPE, text=True)
+    simulator.reader = threading.Thread(target=lambda: None)
+    simulator.reader.start()
+    simulator.process.stdin.write("sensor 0101 00\n")    # in the buffer until the pipe is closed
+    os.waitid(os.P_PID, simulator.process.pid, os.WEXITED | os.WNOWAIT)
+    assert simulator.wait(10) == 0
