@@ -13,6 +13,7 @@ check_pie_supported()
 option(RTLS_WERROR "Treat warnings as errors" OFF)
 option(RTLS_TEST_PCH "Compile what all tests include once (the tests' own include lines then prove nothing)" OFF)
 option(RTLS_UNITY "Compile each library as one source (its sources' own include lines then prove nothing)" OFF)
+option(RTLS_TESTS_OF_THREADS "Of the test programs only those that start threads, for the thread sanitizer" OFF)
 option(RTLS_COVERAGE "Count which lines and branches run (gcc)" OFF)
 set(RTLS_SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize=")
 
@@ -84,27 +85,53 @@ function(rtls_add_test_headers)
     <gmock/gmock.h> <gtest/gtest.h> <czmq.h> <functional> <memory> <string> <thread> <vector>)
 endfunction()
 
-# rtls_add_tests(<source>... LIBRARIES <library>...): each source is one GoogleTest program
-# named after its file. None without RTLS_TESTS.
+# One GoogleTest program, named after its file, with the environment in which its tests run.
+function(rtls_add_test source environment)
+  cmake_path(GET source STEM name)
+  add_executable(${name} ${source})
+  target_link_libraries(${name} PRIVATE rtls_options rtls_test_options ${ARGN} GTest::gtest_main GTest::gmock)
+  if(RTLS_TEST_PCH)
+    target_precompile_headers(${name} REUSE_FROM rtls_test_headers)
+  endif()
+  if(TARGET one_thread)
+    add_dependencies(${name} one_thread)
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 ENVIRONMENT "${environment}")
+endfunction()
+
+# Preloaded into the test programs that are said to start no thread, so that this stays true.
+function(rtls_add_thread_watch)
+  add_library(one_thread MODULE ${PROJECT_SOURCE_DIR}/tests/support/one_thread.c)
+  set_target_properties(one_thread PROPERTIES PREFIX "" LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
+endfunction()
+
+# rtls_add_tests(<source>... [THREADS <source>...] LIBRARIES <library>...): each source is one program. None without
+# RTLS_TESTS. THREADS: those that start threads, the log's apart. To the others the thread sanitizer has nothing to
+# say, and RTLS_TESTS_OF_THREADS leaves them out.
 function(rtls_add_tests)
   if(NOT RTLS_TESTS)
     return()
   endif()
-  cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
+  cmake_parse_arguments(arg "" "" "LIBRARIES;THREADS" ${ARGN})
   if(RTLS_TEST_PCH AND NOT TARGET rtls_test_headers)
     rtls_add_test_headers()
   endif()
-  foreach(source IN LISTS arg_UNPARSED_ARGUMENTS)
-    cmake_path(GET source STEM name)
-    add_executable(${name} ${source})
-    target_link_libraries(${name} PRIVATE rtls_options rtls_test_options ${arg_LIBRARIES} GTest::gtest_main GTest::gmock)
-    if(RTLS_TEST_PCH)
-      target_precompile_headers(${name} REUSE_FROM rtls_test_headers)
+  set(for_threads "TSAN_OPTIONS=ignore_noninstrumented_modules=1:suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp")
+  set(for_others "${for_threads}")
+  if(NOT RTLS_SANITIZE) # they would see the preloaded library before themselves, and refuse
+    if(NOT TARGET one_thread)
+      rtls_add_thread_watch()
     endif()
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES
-      TIMEOUT 300
-      ENVIRONMENT "TSAN_OPTIONS=ignore_noninstrumented_modules=1:suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp")
+    set(for_others "LD_PRELOAD=${PROJECT_BINARY_DIR}/one_thread.so")
+  endif()
+  foreach(source IN LISTS arg_THREADS)
+    rtls_add_test(${source} "${for_threads}" ${arg_LIBRARIES})
   endforeach()
+  if(NOT RTLS_TESTS_OF_THREADS)
+    foreach(source IN LISTS arg_UNPARSED_ARGUMENTS)
+      rtls_add_test(${source} "${for_others}" ${arg_LIBRARIES})
+    endforeach()
+  endif()
 endfunction()
 
 # For RTLS_UNITY: a library whose sources can stand in one. What they all include is then read once.
