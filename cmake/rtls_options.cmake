@@ -77,6 +77,11 @@ add_library(rtls_test_options INTERFACE)
 target_compile_options(rtls_test_options INTERFACE -O0 -g1 "SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=0"
   $<$<BOOL:${RTLS_COVERAGE}>:-fno-test-coverage> $<$<BOOL:${RTLS_COVERAGE}>:-fno-profile-arcs>)
 
+find_program(RTLS_LLD ld.lld)
+if(RTLS_LLD AND NOT RTLS_SANITIZE) # a hundred of them
+  target_link_options(rtls_test_options INTERFACE -fuse-ld=lld)
+endif()
+
 # What nearly every test program includes, for RTLS_TEST_PCH: half of what compiling one costs.
 function(rtls_add_test_headers)
   add_executable(rtls_test_headers ${PROJECT_SOURCE_DIR}/cmake/empty_program.cpp)
