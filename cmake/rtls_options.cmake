@@ -139,6 +139,14 @@ function(rtls_add_tests)
   endif()
 endfunction()
 
+# A program's main with its command line: a parser of templates, which costs more to optimize than it ever runs.
+# What is released is optimized all the same.
+function(rtls_command_line source)
+  if(RTLS_SANITIZE)
+    set_source_files_properties(${source} PROPERTIES COMPILE_OPTIONS -O0)
+  endif()
+endfunction()
+
 # For RTLS_UNITY: a library whose sources can stand in one. What they all include is then read once.
 function(rtls_unite library)
   if(RTLS_UNITY)
