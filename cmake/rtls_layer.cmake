@@ -32,7 +32,7 @@ function(rtls_add_layer folder)
   target_include_directories(${layer} PUBLIC ${root})
   target_link_libraries(${layer} PUBLIC ${arg_DEPENDS} PRIVATE rtls_options ${arg_PRIVATE})
   rtls_unite(${layer})
-  if(RTLS_TESTS)
+  if(RTLS_TESTS AND NOT RTLS_SANITIZE) # once is enough
     add_executable(${layer}_links_alone ${PROJECT_SOURCE_DIR}/cmake/empty_program.cpp)
     target_link_libraries(${layer}_links_alone PRIVATE rtls_options $<LINK_LIBRARY:WHOLE_ARCHIVE,${layer}>)
   endif()
