@@ -17,8 +17,11 @@ std::string key_of(const WIN_CLIENT_t& client)
 
 std::vector<std::string> keys_in_table_order(const win_link& link)
 {
+    // Not by the table's own walk, whose order is what is judged.
     std::vector<std::string> keys;
-    link.server().clients.for_each([&](WIN_CLIENT_t& client) { keys.push_back(key_of(client)); });
+    zhashx_t* table = link.server().clients.unguarded();
+    for (void* item = zhashx_first(table); item; item = zhashx_next(table))
+        keys.push_back(key_of(*static_cast<WIN_CLIENT_t*>(item)));
     return keys;
 }
 
