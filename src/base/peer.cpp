@@ -12,6 +12,11 @@ ipv4_text::ipv4_text(in_addr address) noexcept
     inet_ntop(AF_INET, &address, m_text.data(), INET_ADDRSTRLEN);
 }
 
+ipv6_text::ipv6_text(const uint8_t* address) noexcept
+{
+    inet_ntop(AF_INET6, address, m_text.data(), INET6_ADDRSTRLEN);
+}
+
 colon_mac_text::colon_mac_text(const uint8_t* mac) noexcept
 {
     snprintf(m_text.data(), m_text.size(), "%02x%02x%02x%02x%02x%01x:%01x%02x%02x", mac[0], mac[1], mac[2],

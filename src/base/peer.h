@@ -53,8 +53,19 @@ private:
     std::array<char, INET_ADDRSTRLEN> m_text{};
 };
 
-// A MAC (8 bytes) in lower-case hex, with a colon inside byte 5, before the digits by which the lists name
-// a node: "abcdef012a:bcde3f" has it after the first half of its sixth byte. The format is the operators'.
+// An IPv6 address (16 bytes) in text.
+class ipv6_text {
+public:
+    explicit ipv6_text(const uint8_t* address) noexcept;
+    const char* c_str() const noexcept { return m_text.data(); }
+
+private:
+    std::array<char, INET6_ADDRSTRLEN> m_text{};
+};
+
+// A MAC (8 bytes) has two texts, both in lower-case hex and both read by operators' scripts. Lists, and lines
+// about connections, have one colon inside byte 5, before the digits by which they name
+// a node: "abcdef012ab:cde3f" has it after the first half of its sixth byte.
 class colon_mac_text {
 public:
     explicit colon_mac_text(const uint8_t* mac) noexcept;
@@ -62,6 +73,25 @@ public:
 
 private:
     std::array<char, 18> m_text{};
+};
+
+// Debug lines of single messages have a colon between any two bytes: "ab:cd:ef:01:2a:bc:de:3f". Cheap, for most
+// lines that it is made for nobody wants.
+class octets_mac_text {
+public:
+    explicit octets_mac_text(const uint8_t* mac) noexcept
+    {
+        for (size_t i = 0; i < octets; ++i) {
+            m_text[3 * i] = "0123456789abcdef"[mac[i] >> 4];
+            m_text[3 * i + 1] = "0123456789abcdef"[mac[i] & 0x0F];
+            m_text[3 * i + 2] = i + 1 < octets ? ':' : '\0';
+        }
+    }
+    const char* c_str() const noexcept { return m_text.data(); }
+
+private:
+    static constexpr size_t octets = 8;
+    std::array<char, 3 * octets> m_text;
 };
 
 // Asks the system for the peer of the connection `fd` to our port `own_port` (host order). False, `address`

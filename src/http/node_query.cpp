@@ -3,8 +3,6 @@
 #include "base/peer.h"
 #include "http/time_text.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -139,9 +137,7 @@ std::optional<node_query> node_query::read(const std::multimap<std::string, std:
 
 static std::string address_text(const node_row& node)
 {
-    char text[INET6_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET6, node.ip_addr, text, sizeof text);
-    return text;
+    return ipv6_text{node.ip_addr}.c_str();
 }
 
 static std::string mac_text(const uint8_t* mac)

@@ -8,8 +8,6 @@
 #include "terminal/terminal_server_private.h"
 #include "terminal/texts.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -85,14 +83,12 @@ std::string node_line(const node_row& node, bool full, const timeval* now)
                            m[5] & 0x0F, m[6], m[7], type, node.state, par[5] & 0x0F, par[6], par[7],
                            node.sw_version, node.ranging_freq, node.lifetime, node.sublocation_id, forwarded,
                            activity.age, duplicate, direct);
-    char ip[47] = "";
-    inet_ntop(AF_INET6, node.ip_addr, ip, sizeof ip);
     return text_format("%s %s %02x par:%01x%02x%02x sw:%08x rgf:%4d "
                        "ttl:%3d sl:%02x xyz:%8d,%8d,%8d:%-4d ip:%s %s%s%s%s dtx:%s\n",
                        colon_mac_text{m}.c_str(), type, node.state, par[5] & 0x0F, par[6], par[7],
                        node.sw_version, node.ranging_freq, node.lifetime, node.sublocation_id, node.pos_X,
-                       node.pos_Y, node.z_val, node.z_offset * 10, forwarded, ip, activity.date, activity.age,
-                       duplicate, direct);
+                       node.pos_Y, node.z_val, node.z_offset * 10, forwarded, ipv6_text{node.ip_addr}.c_str(),
+                       activity.date, activity.age, duplicate, direct);
 }
 
 // --- Snapshot

@@ -14,27 +14,6 @@ namespace rtls {
 
 static constexpr uint16_t node_lifetime = 300; // seconds; a heartbeat names its own
 
-namespace {
-
-// A MAC as the debug stream shows it: lower case, with colons. Cheap: most lines that it is made for nobody wants.
-class colon_mac {
-public:
-    explicit colon_mac(const uint8_t* mac)
-    {
-        for (size_t i = 0; i < mac_size; ++i) {
-            m_text[3 * i] = "0123456789abcdef"[mac[i] >> 4];
-            m_text[3 * i + 1] = "0123456789abcdef"[mac[i] & 0x0F];
-            m_text[3 * i + 2] = i + 1 < mac_size ? ':' : '\0';
-        }
-    }
-    const char* c_str() const { return m_text; }
-
-private:
-    char m_text[3 * mac_size];
-};
-
-} // namespace
-
 // --- what several handlers do
 
 // Points the node at the client that the frame came from, unless its route is to stay. Under the lock.
@@ -81,7 +60,7 @@ static message_outcome handle_panid_req(link_frame& frame)
 {
     const uint8_t* mac = &frame.msg[gwMsgPrefixRequest_t::ieee_addr];
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
-                 "MSG_PANID_REQ %02x MAC : %s", *frame.seq_no(), colon_mac{mac}.c_str());
+                 "MSG_PANID_REQ %02x MAC : %s", *frame.seq_no(), octets_mac_text{mac}.c_str());
     learn_bridge_mac(frame, "PANID_REQ", mac);
     if (const auto refusal = refresh_node(frame, mac))
         return *refusal;
@@ -99,7 +78,7 @@ static message_outcome handle_announce_root(link_frame& frame)
     const uint16_t prefix = load_le16(frame.msg, gwMsgRootAnnounce_t::rplPrefix);
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
                  "MSG_ANNOUNCE_ROOT_IND: %02x PREF: %04X VER: %d MAC : %s", *frame.seq_no(), prefix,
-                 frame.msg[gwMsgRootAnnounce_t::rpl_version], colon_mac{mac}.c_str());
+                 frame.msg[gwMsgRootAnnounce_t::rpl_version], octets_mac_text{mac}.c_str());
     if (const auto refusal = refresh_node(frame, mac))
         return *refusal;
     store_be16(frame.msg, gwMsgGeneric_t::msgType, frame.type);
@@ -266,7 +245,7 @@ static void echo_ping(link_frame& frame)
 {
     const uint8_t* mac = frame.client.mac_addr;
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
-                 "MSG_PING %02x MAC : %s", *frame.seq_no(), colon_mac{mac}.c_str());
+                 "MSG_PING %02x MAC : %s", *frame.seq_no(), octets_mac_text{mac}.c_str());
     data_to_win_client(&frame.server, frame.client.id, frame.client.pending_data,
                        frame.client.pending_data_size);
 }

@@ -2,11 +2,10 @@
 
 #include "base/logger.h"
 #include "base/null_check.h"
+#include "base/peer.h"
 #include "downlink/page_serving.h"
 #include "uplink/upstream.h"
 #include "wire/report_texts.h"
-
-#include <arpa/inet.h>
 
 #include <cstring>
 #include <memory>
@@ -60,10 +59,8 @@ static void print_unknown_sender(const link_frame& frame, const uint8_t* ip_addr
 {
     if (!dbg_is_wanted(DBG_PARSING))
         return;
-    char text[INET6_ADDRSTRLEN];
-    const char* ip = inet_ntop(AF_INET6, ip_addr, text, sizeof text);
     dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
-                 "range ip: %s to mac return NULL", ip ? ip : "NULL");
+                 "range ip: %s to mac return NULL", ipv6_text{ip_addr}.c_str());
 }
 
 // Finds the sender by the trailer, a MAC if forwarded, else an address, and has the copy end with its

@@ -34,12 +34,28 @@ TEST(ipv4_text, is_the_dotted_form)
     }
 }
 
+TEST(ipv6_text, is_the_shortest_form)
+{
+    for (const char* text : {"::", "::1", "fe80::a2a3:a4a5:a6a7:a8a9", "2001:db8::e601:203:405:601",
+                             "1111:2222:3333:4444:5555:6666:7777:8888", "::ffff:127.0.0.1"}) {
+        uint8_t address[16];
+        ASSERT_EQ(inet_pton(AF_INET6, text, address), 1);
+        EXPECT_STREQ(ipv6_text{address}.c_str(), text);
+    }
+}
+
 TEST(colon_mac_text, has_the_colon_inside_byte_five)
 {
     const uint8_t mac[] = {0xAB, 0xCD, 0xEF, 0x01, 0x2A, 0xBC, 0xDE, 0x3F};
     EXPECT_STREQ(colon_mac_text{mac}.c_str(), "abcdef012ab:cde3f");
     const uint8_t zeros[8] = {};
     EXPECT_STREQ(colon_mac_text{zeros}.c_str(), "00000000000:00000");
+}
+
+TEST(octets_mac_text, has_a_colon_between_bytes)
+{
+    const uint8_t mac[] = {0xAB, 0xCD, 0xEF, 0x01, 0x2A, 0xBC, 0xDE, 0x3F};
+    EXPECT_STREQ(octets_mac_text{mac}.c_str(), "ab:cd:ef:01:2a:bc:de:3f");
 }
 
 TEST(frame_bytes, of_no_frame_are_none)
