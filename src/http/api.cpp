@@ -168,7 +168,7 @@ page api::nodes(const page_request& request) const
     return is_whole ? json_page(found.as_json()) : stops_page();
 }
 
-static std::optional<node_row> find_node(NODES_CONTAINER_t& nodes, const mac_bytes& mac,
+static std::optional<node_row> find_node(NODES_CONTAINER_t& nodes, const mac_array& mac,
                                          const bridge_index& bridges)
 {
     const nodes_guard guard{nodes};
@@ -182,7 +182,7 @@ static std::optional<node_row> find_node(NODES_CONTAINER_t& nodes, const mac_byt
 
 page api::node(const page_request& request) const
 {
-    const std::optional<mac_bytes> mac = parse_mac(request.rest);
+    const std::optional<mac_array> mac = parse_mac(request.rest);
     if (!mac)
         return refusal_page(400, "a MAC has 16 hex digits");
     const auto bridges = win_server_copy_clients(*m_gateway.win_server);

@@ -45,9 +45,9 @@ static int digit_of(char c)
     return c != '\0' && found ? static_cast<int>(found - digits) : -1;
 }
 
-std::optional<mac_bytes> parse_mac(std::string_view text)
+std::optional<mac_array> parse_mac(std::string_view text)
 {
-    mac_bytes mac{};
+    mac_array mac{};
     size_t digits = 0;
     for (const char c : text) {
         if (c == ':')
@@ -84,7 +84,7 @@ static bool read_limit(const std::string& text, node_query& query)
     return error == std::errc{} && rest == end && query.limit >= 1 && query.limit <= most_on_a_page;
 }
 
-static bool read_mac(const std::string& text, std::optional<mac_bytes>& mac)
+static bool read_mac(const std::string& text, std::optional<mac_array>& mac)
 {
     mac = parse_mac(text);
     return mac.has_value();

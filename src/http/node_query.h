@@ -11,11 +11,10 @@
 #pragma once
 
 #include "http/json_text.h"
-#include "registry/node.h"
+#include "registry/addresses.h"
 #include "server/win_server.h"
 #include "terminal/listing.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -28,21 +27,19 @@
 
 namespace rtls {
 
-using mac_bytes = std::array<uint8_t, mac_size>;
-
 enum class node_status { connected, floating, expired };
 node_status status_of(const node_row& node);
 const char* status_name(node_status status);
 const char* role_name(uint8_t type);
 
 // 16 hex digits; colons between them do not count.
-std::optional<mac_bytes> parse_mac(std::string_view text);
+std::optional<mac_array> parse_mac(std::string_view text);
 
 struct node_query {
-    std::optional<mac_bytes> bridge;
+    std::optional<mac_array> bridge;
     std::optional<node_status> status;
     std::string text; // lower case
-    std::optional<mac_bytes> after;
+    std::optional<mac_array> after;
     size_t limit = 100;
 
     // Nothing, and why, when a parameter can't be read or is none of these.

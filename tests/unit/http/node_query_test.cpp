@@ -26,7 +26,7 @@ static std::optional<node_query> query_of(const std::multimap<std::string, std::
 
 TEST(node_query, reads_macs_with_or_without_colons)
 {
-    const mac_bytes mac{0xAB, 0xCD, 0xEF, 1, 2, 3, 4, 5};
+    const mac_array mac{0xAB, 0xCD, 0xEF, 1, 2, 3, 4, 5};
     EXPECT_EQ(parse_mac("ABCDEF0102030405"), mac);
     EXPECT_EQ(parse_mac("ab:cd:ef:01:02:03:04:05"), mac);
     EXPECT_EQ(parse_mac("abcdef010:2030405"), mac);

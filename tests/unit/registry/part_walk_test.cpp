@@ -12,13 +12,11 @@ namespace rtls {
 
 namespace {
 
-using mac_bytes = std::array<uint8_t, mac_size>;
-
 class part_walk : public testing::Test {
 protected:
-    static mac_bytes mac_of(uint64_t number)
+    static mac_array mac_of(uint64_t number)
     {
-        mac_bytes mac;
+        mac_array mac;
         number *= 0x9E3779B97F4A7C15U;
         std::memcpy(mac.data(), &number, mac.size());
         return mac;
@@ -34,7 +32,7 @@ protected:
     void add_colliding(size_t number)
     {
         for (size_t i = 0; i < number; ++i) {
-            mac_bytes mac;
+            mac_array mac;
             for (size_t pair = 0; pair < mac_size / 2; ++pair) {
                 const size_t digit = i >> 3 * pair & 7;
                 mac[2 * pair] = static_cast<uint8_t>(digit);
@@ -44,9 +42,9 @@ protected:
             EXPECT_TRUE(m_nodes.find_or_create_by_mac(mac.data(), nullptr));
         }
     }
-    std::vector<mac_bytes> all()
+    std::vector<mac_array> all()
     {
-        std::vector<mac_bytes> macs;
+        std::vector<mac_array> macs;
         const nodes_guard guard{m_nodes};
         for (const NODE_t* node = m_nodes.first(); node; node = m_nodes.next())
             macs.push_back(std::to_array(node->mac_addr));
@@ -57,7 +55,7 @@ protected:
         const nodes_guard guard{m_nodes};
         return m_nodes.begin_walk();
     }
-    bool visit(node_table::part_walk& walk, size_t most, std::vector<mac_bytes>& macs)
+    bool visit(node_table::part_walk& walk, size_t most, std::vector<mac_array>& macs)
     {
         const nodes_guard guard{m_nodes};
         return m_nodes.visit_part(walk, most,
@@ -73,7 +71,7 @@ TEST_F(part_walk, gives_all_nodes_in_table_order_however_it_is_cut)
 {
     add(0, 1000);
     for (const size_t most : {1U, 2U, 3U, 7U, 999U, 1000U, 1001U}) {
-        std::vector<mac_bytes> macs;
+        std::vector<mac_array> macs;
         auto walk = begin();
         while (!walk.is_done) {
             const size_t before = macs.size();
@@ -90,7 +88,7 @@ TEST_F(part_walk, looks_at_no_more_nodes_than_asked_for_in_a_long_chain)
     constexpr size_t number = 4096;
     add_colliding(number);
     for (const size_t most : {1U, 7U, 256U}) {
-        std::vector<mac_bytes> seen;
+        std::vector<mac_array> seen;
         auto walk = begin();
         while (!walk.is_done) {
             const size_t before = walk.looks;
@@ -108,10 +106,10 @@ TEST_F(part_walk, looks_at_no_more_nodes_and_misses_nobody_when_the_last_one_goe
     constexpr size_t number = 4000; // so few that the table does not grow any more
     constexpr size_t most = 100;
     add_colliding(number);
-    std::multiset<mac_bytes> seen;
+    std::multiset<mac_array> seen;
     auto walk = begin();
     for (size_t turn = 0; !walk.is_done; ++turn) {
-        std::vector<mac_bytes> macs;
+        std::vector<mac_array> macs;
         const size_t before = walk.looks;
         ASSERT_TRUE(visit(walk, most, macs));
         ASSERT_LE(walk.looks - before, most);
@@ -126,17 +124,17 @@ TEST_F(part_walk, looks_at_no_more_nodes_and_misses_nobody_when_the_last_one_goe
     }
     EXPECT_GT(walk.looks, number);
     EXPECT_EQ(seen.size(), number);
-    EXPECT_EQ(std::set<mac_bytes>(seen.begin(), seen.end()).size(), number) << "each came once";
+    EXPECT_EQ(std::set<mac_array>(seen.begin(), seen.end()).size(), number) << "each came once";
 }
 
 // Who only watches must not change what operators see, nor make the table grow while the actors wait.
 TEST_F(part_walk, goes_on_behind_look_ups_of_those_who_watch)
 {
     add_colliding(5);
-    std::vector<mac_bytes> macs;
+    std::vector<mac_array> macs;
     auto walk = begin();
-    const std::vector<mac_bytes> before = all();
-    for (const mac_bytes& mac : before) {
+    const std::vector<mac_array> before = all();
+    for (const mac_array& mac : before) {
         const nodes_guard guard{m_nodes};
         const NODE_t* node = m_nodes.look_up(mac.data());
         ASSERT_TRUE(node);
@@ -154,7 +152,7 @@ TEST_F(part_walk, goes_on_behind_look_ups_of_those_who_watch)
 
 TEST_F(part_walk, is_done_at_once_without_nodes)
 {
-    std::vector<mac_bytes> macs;
+    std::vector<mac_array> macs;
     auto walk = begin();
     EXPECT_TRUE(visit(walk, 10, macs));
     EXPECT_TRUE(walk.is_done);
@@ -164,7 +162,7 @@ TEST_F(part_walk, is_done_at_once_without_nodes)
 TEST_F(part_walk, must_begin_anew_when_the_table_has_grown)
 {
     add(0, 100);
-    std::vector<mac_bytes> macs;
+    std::vector<mac_array> macs;
     auto walk = begin();
     ASSERT_TRUE(visit(walk, 10, macs));
     add(100, 1000);
@@ -176,13 +174,13 @@ TEST_F(part_walk, misses_nobody_who_stays)
 {
     add(0, 1000);
     for (const size_t most : {1U, 3U, 50U}) {
-        std::multiset<mac_bytes> seen;
+        std::multiset<mac_array> seen;
         auto walk = begin();
         for (uint64_t turn = 0; !walk.is_done; ++turn) {
-            std::vector<mac_bytes> macs;
+            std::vector<mac_array> macs;
             ASSERT_TRUE(visit(walk, most, macs));
             seen.insert(macs.begin(), macs.end());
-            const mac_bytes guest = mac_of(5000 + turn % 20);
+            const mac_array guest = mac_of(5000 + turn % 20);
             const nodes_guard guard{m_nodes};
             m_nodes.remove(guest.data());
             ASSERT_TRUE(m_nodes.find_or_create_by_mac(guest.data(), nullptr));
