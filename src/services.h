@@ -16,8 +16,10 @@ namespace rtls {
 struct WIN_SERVER_t;
 struct TERMINAL_SERVER_t;
 
-// What a function says that finds one of the first two missing; it ends there.
+// What a function says that finds one of the first two missing; it ends there. The first has two texts: which
+// function says which, log filters know.
 inline constexpr char str_no_nodes_container[] = "%s: null nodes container not found!";
+inline constexpr char str_null_nodes_container[] = "%s: null pointer to nodes container!";
 inline constexpr char str_no_ota[] = "%s: rtls_gateway_get_ota returns NULL!";
 
 struct services {

@@ -77,7 +77,7 @@ int check_client_connection_at(WIN_SERVER_t* server, int64_t now)
 {
     NODES_CONTAINER_t* nodes = server->nodes();
     if (!nodes) {
-        logger_error(g_logger, "%s: null pointer to nodes container!", "check_client_connection");
+        logger_error(g_logger, str_null_nodes_container, "check_client_connection");
         return 1;
     }
     if (!is_new_period(*server, now))

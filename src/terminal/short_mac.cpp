@@ -1,7 +1,7 @@
 #include "terminal/short_mac.h"
 
 #include "base/logger.h"
-#include "terminal/texts.h"
+#include "services.h"
 
 #include <cstring>
 

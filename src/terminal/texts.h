@@ -15,8 +15,7 @@ inline constexpr char not_in_list[] = "Node %04X not in nodes list\n"; // the sh
 inline constexpr char command_sent[] = "Command sent successfully!\n";
 inline constexpr char command_not_sent[] = "Failed to send command!\n";
 
-// Log texts; the argument is the reporting function's name.
+// Log text; the argument is the reporting function's name.
 inline constexpr char str_null_win_clients[] = "%s: null pointer to win clients!";
-inline constexpr char str_null_nodes_container[] = "%s: null pointer to nodes container!";
 
 } // namespace rtls
