@@ -4,7 +4,6 @@
 #include "base/logger.h"
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <new>
 #include <utility>
@@ -13,16 +12,10 @@ namespace rtls {
 
 call_queue::call_queue() : m_wake_up(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
-call_queue::~call_queue()
-{
-    if (m_wake_up != -1)
-        ::close(m_wake_up);
-}
-
 bool call_queue::join(zloop_t* loop)
 {
-    zmq_pollitem_t item{nullptr, m_wake_up, ZMQ_POLLIN, 0};
-    return m_wake_up != -1 && zloop_poller(loop, &item, handle_wake_up, this) == 0;
+    zmq_pollitem_t item{nullptr, m_wake_up.get(), ZMQ_POLLIN, 0};
+    return m_wake_up && zloop_poller(loop, &item, handle_wake_up, this) == 0;
 }
 
 void call_queue::close()
@@ -44,13 +37,13 @@ void call_queue::post(std::function<void()> call) noexcept
         logger_error(g_logger, str_out_of_memory, "call_queue");
         return;
     }
-    (void)eventfd_write(m_wake_up, 1);
+    (void)eventfd_write(m_wake_up.get(), 1);
 }
 
 void call_queue::make_calls() noexcept
 {
     eventfd_t number = 0;
-    (void)eventfd_read(m_wake_up, &number);
+    (void)eventfd_read(m_wake_up.get(), &number);
     std::vector<std::function<void()>> calls;
     {
         const mutex_guard lock(m_mutex);

@@ -9,6 +9,8 @@
 //            std::bad_alloc, which is logged.
 #pragma once
 
+#include "base/unique_fd.h"
+
 #include "core/thread_annotations.h"
 
 #include <czmq.h>
@@ -22,7 +24,7 @@ namespace rtls {
 class call_queue {
 public:
     call_queue();
-    ~call_queue();
+    ~call_queue() = default;
     call_queue(const call_queue&) = delete;
     call_queue& operator=(const call_queue&) = delete;
 
@@ -39,7 +41,7 @@ public:
 private:
     static int handle_wake_up(zloop_t* loop, zmq_pollitem_t* item, void* queue) noexcept;
 
-    int m_wake_up = -1; // an eventfd: readable while there are calls
+    const unique_fd m_wake_up; // an eventfd: readable while there are calls
     annotated_mutex m_mutex;
     std::vector<std::function<void()>> m_calls RTLS_GUARDED_BY(m_mutex);
     bool m_is_closed RTLS_GUARDED_BY(m_mutex) = false;

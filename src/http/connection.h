@@ -7,9 +7,9 @@
 // Failures   A connection that fails ends, which nobody is told. std::bad_alloc.
 #pragma once
 
+#include "base/unique_fd.h"
 #include "http/http_door.h"
 #include "http/responder.h"
-#include "http/unique_fd.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -3,9 +3,9 @@
 #include "base/common.h"
 #include "base/logger.h"
 #include "base/signals.h"
+#include "base/unique_fd.h"
 #include "http/answer_pool.h"
 #include "http/connection.h"
-#include "http/unique_fd.h"
 #include "net/descriptors.h"
 
 #include <arpa/inet.h>

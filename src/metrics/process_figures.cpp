@@ -1,5 +1,7 @@
 #include "metrics/process_figures.h"
 
+#include "base/unique_fd.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -40,12 +42,11 @@ static std::optional<uint64_t> count_descriptors() noexcept
 static std::array<char, 512> read_text(const char* path) noexcept
 {
     std::array<char, 512> text{};
-    const int file = open(path, O_RDONLY | O_CLOEXEC);
-    if (file == -1)
+    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
+    if (!file)
         return text;
-    const ssize_t size = read(file, text.data(), text.size() - 1);
+    const ssize_t size = read(file.get(), text.data(), text.size() - 1);
     text[size > 0 ? static_cast<size_t>(size) : 0] = '\0';
-    close(file);
     return text;
 }
 

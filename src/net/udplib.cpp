@@ -2,6 +2,7 @@
 
 #include "base/common.h"
 #include "base/null_check.h"
+#include "base/unique_fd.h"
 
 #include <unistd.h>
 
@@ -41,21 +42,21 @@ bool udp_new_connection_at(in_addr own_address, in_port_t port_nbr, int* handle)
     static constexpr char reporter[] = "udp_new_connection"; // as operators know it
     if (any_null(reporter, handle))
         return false;
-    *handle = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    if (*handle == -1) {
+    unique_fd fd{socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP)};
+    *handle = fd.get();
+    if (!fd) {
         log_system_call_error(reporter, "socket");
         return false;
     }
-    if (!set_options(*handle)) {
+    if (!set_options(fd.get())) {
         log_system_call_error(reporter, "setsockopt");
-        close(*handle);
         return false;
     }
-    if (!bind_to_port(*handle, own_address, port_nbr)) {
+    if (!bind_to_port(fd.get(), own_address, port_nbr)) {
         log_system_call_error(reporter, "bind");
-        close(*handle);
         return false;
     }
+    (void)fd.release();
     return true;
 }
 
