@@ -57,7 +57,7 @@ public:
     // Known nodes, each by MAC and by address; their number is in the last four bytes of both.
     void introduce(size_t count)
     {
-        const nodes_guard guard{nodes()};
+        const nodes_guard guard{*nodes()};
         bytes_t mac = sender_mac;
         bytes_t ip = sender_ip;
         for (uint32_t i = 0; i < count; i++) {

@@ -63,7 +63,7 @@ static double thread_us()
 // One part of the walk, as node_walk does it.
 static void hold_of_the_registry(benchmark::State& state)
 {
-    auto& nodes = *static_cast<NODES_CONTAINER_t*>(loaded_gateway().nodes());
+    auto& nodes = *loaded_gateway().nodes();
     const auto bridges = win_server_copy_clients(loaded_gateway().win_server());
     const bridge_index index = index_bridges(bridges);
     std::vector<node_row> rows(nodes_of_slice);
@@ -104,7 +104,7 @@ BENCHMARK(scrape);
 
 static void page_of_nodes(benchmark::State& state)
 {
-    auto& nodes = *static_cast<NODES_CONTAINER_t*>(loaded_gateway().nodes());
+    auto& nodes = *loaded_gateway().nodes();
     const auto bridges = win_server_copy_clients(loaded_gateway().win_server());
     const std::atomic<bool> is_stopping{false};
     for (auto _ : state) {

@@ -28,13 +28,13 @@ public:
                 m_keys[i].mac[7 - k] = static_cast<uint8_t>(i >> 8 * k);
             m_keys[i].ip = {0x20, 0x01, 0x0D, 0xB8};
             memcpy(&m_keys[i].ip[8], m_keys[i].mac.data(), mac_size);
-            NODE_t* node = nodes_container_find_or_create_by_mac(m_nodes, m_keys[i].mac.data(), nullptr, 0);
-            nodes_container_set_address(m_nodes, node, m_keys[i].ip.data(), false);
-            nodes_container_set_lifetime(m_nodes, node, 300);
+            NODE_t* node = nodes_container_find_or_create_by_mac(nodes(), m_keys[i].mac.data(), nullptr, 0);
+            nodes_container_set_address(nodes(), node, m_keys[i].ip.data(), false);
+            nodes_container_set_lifetime(nodes(), node, 300);
         }
         std::shuffle(m_keys.begin(), m_keys.end(), std::mt19937(1));
     }
-    ~registry() { nodes_container_destroy(&m_nodes); }
+    ~registry() = default;
     registry(const registry&) = delete;
     registry& operator=(const registry&) = delete;
 
@@ -43,10 +43,10 @@ public:
         ip_bytes ip;
     };
     const address_key& next_key() { return m_keys[m_next++ % m_keys.size()]; }
-    void* nodes() const { return m_nodes; }
+    NODES_CONTAINER_t* nodes() const { return m_nodes.get(); }
 
 private:
-    void* m_nodes = nodes_container_new();
+    nodes_container_ptr m_nodes{static_cast<NODES_CONTAINER_t*>(nodes_container_new())};
     std::vector<address_key> m_keys;
     size_t m_next = 0;
 };
@@ -93,7 +93,7 @@ void process_report(benchmark::State& state)
     while (state.KeepRunning()) {
         ++sequence_number;
         const auto& key = r.next_key();
-        const nodes_guard guard{r.nodes()};
+        const nodes_guard guard{*r.nodes()};
         NODE_t* node =
             nodes_container_find_or_create_by_mac(r.nodes(), key.mac.data(), &sequence_number, 0x0104);
         if (node)
@@ -123,9 +123,9 @@ public:
     flooded_registry(size_t count, const ip_bytes& ip) : m_ip(ip)
     {
         for (size_t i = 0; i < count; ++i)
-            nodes_container_set_address(m_nodes, create(i), m_ip.data(), false);
+            nodes_container_set_address(nodes(), create(i), m_ip.data(), false);
     }
-    ~flooded_registry() { nodes_container_destroy(&m_nodes); }
+    ~flooded_registry() = default;
     flooded_registry(const flooded_registry&) = delete;
     flooded_registry& operator=(const flooded_registry&) = delete;
 
@@ -135,18 +135,18 @@ public:
         mac_array mac{0xE4, 0x11, 0x22};
         for (size_t k = 0; k < 5; ++k)
             mac[7 - k] = static_cast<uint8_t>(number * 0x9E3779B97F4A7C15U >> 8 * k);
-        return nodes_container_find_or_create_by_mac(m_nodes, mac.data(), nullptr, 0);
+        return nodes_container_find_or_create_by_mac(nodes(), mac.data(), nullptr, 0);
     }
-    NODE_t* find() { return nodes_container_find_by_ip(m_nodes, m_ip.data()); }
+    NODE_t* find() { return nodes_container_find_by_ip(nodes(), m_ip.data()); }
     void move(NODE_t* node, const ip_bytes& ip)
     {
-        nodes_container_set_address(m_nodes, node, ip.data(), false);
+        nodes_container_set_address(nodes(), node, ip.data(), false);
     }
     const ip_bytes& ip() const { return m_ip; }
-    void* nodes() const { return m_nodes; }
+    NODES_CONTAINER_t* nodes() const { return m_nodes.get(); }
 
 private:
-    void* m_nodes = nodes_container_new();
+    nodes_container_ptr m_nodes{static_cast<NODES_CONTAINER_t*>(nodes_container_new())};
     ip_bytes m_ip;
 };
 

@@ -18,8 +18,6 @@ namespace rtls {
 using std::chrono::duration;
 using std::chrono::steady_clock;
 
-using nodes_ptr = std::unique_ptr<void, destroyed_by<nodes_container_destroy>>;
-
 static constexpr uint32_t bridges_number = 100;
 
 // The identity of a bridge as the stream socket makes them: a zero and four bytes.
@@ -39,10 +37,10 @@ static std::vector<win_client_info> make_bridges()
 }
 
 // Nodes of all bridges in turn, or all of the first one.
-static nodes_ptr make_nodes(uint32_t count, uint32_t used_bridges)
+static nodes_container_ptr make_nodes(uint32_t count, uint32_t used_bridges)
 {
-    nodes_ptr nodes{nodes_container_new()};
-    const nodes_guard guard{nodes.get()};
+    nodes_container_ptr nodes{static_cast<NODES_CONTAINER_t*>(nodes_container_new())};
+    const nodes_guard guard{*nodes};
     for (uint32_t i = 0; i < count; ++i) {
         const uint32_t shuffled = i * 2654435761U; // MACs in no order
         uint8_t mac[mac_size] = {0x00, 0x1A, 0x4C, 0x03};
@@ -61,13 +59,13 @@ static void snapshot(benchmark::State& state)
 {
     const auto bridges = make_bridges();
     const auto index = index_bridges(bridges);
-    const nodes_ptr nodes =
+    const nodes_container_ptr nodes =
         make_nodes(static_cast<uint32_t>(state.range(0)), static_cast<uint32_t>(state.range(1)));
     std::vector<node_row> rows(static_cast<size_t>(state.range(0)));
     duration<double, std::milli> longest{0};
     duration<double, std::milli> shortest{1e9}; // on a busy machine the longest tells of its other work
     for ([[maybe_unused]] auto _ : state) {
-        auto& registry = *static_cast<NODES_CONTAINER_t*>(nodes.get());
+        auto& registry = *nodes;
         const nodes_guard guard{registry};
         const auto start = steady_clock::now();
         copy_nodes_locked(registry, index, rows);
@@ -85,10 +83,10 @@ BENCHMARK(snapshot)->Args({10'000, 100})->Args({100'000, 100})->Unit(benchmark::
 static void listing(benchmark::State& state, bool full)
 {
     const auto bridges = make_bridges();
-    const nodes_ptr nodes =
+    const nodes_container_ptr nodes =
         make_nodes(static_cast<uint32_t>(state.range(0)), static_cast<uint32_t>(state.range(1)));
     for ([[maybe_unused]] auto _ : state) {
-        auto rows = copy_nodes(*static_cast<NODES_CONTAINER_t*>(nodes.get()), index_bridges(bridges));
+        auto rows = copy_nodes(*nodes, index_bridges(bridges));
         mark_duplicate_addresses(rows);
         const node_groups groups = group_nodes(rows, bridges.size());
         for (const auto& group : groups.by_bridge)

@@ -43,7 +43,7 @@ struct fuzzed_world : idle_gateway {
     void begin()
     {
         delete_nodes();
-        const nodes_guard guard{nodes()};
+        const nodes_guard guard{*nodes()};
         NODE_t* node = nodes_container_find_or_create_by_mac(nodes(), known_mac, nullptr, 0);
         nodes_container_set_address(nodes(), node, known_address, false);
         node_update_win_client_ID(node, bridge().id);

@@ -48,7 +48,7 @@ void require(bool condition)
 struct fuzzed_world {
     test_gateway gateway;
     WIN_SERVER_t* server = &gateway.win_server();
-    void* nodes = gateway.nodes();
+    NODES_CONTAINER_t* nodes = gateway.nodes();
     std::array<WIN_CLIENT_t*, 2> bridges{};
     zsock_t* proxy = zsock_new(ZMQ_PUSH);
     zsock_t* reader = zsock_new(ZMQ_PULL);
@@ -78,7 +78,7 @@ struct fuzzed_world {
 
     void prepare_node(unsigned options)
     {
-        const nodes_guard guard{nodes};
+        const nodes_guard guard{*nodes};
         if ((options & option::keep_time) == 0)
             nodes_container_delete(nodes, mac);
         NODE_t* node = nodes_container_find_or_create_by_mac(nodes, mac, nullptr, 0);

@@ -45,7 +45,7 @@ struct fuzzed_world : idle_gateway {
 
     void prepare_node(unsigned options)
     {
-        const nodes_guard guard{nodes()};
+        const nodes_guard guard{*nodes()};
         NODE_t* node = nodes_container_find_or_create_by_mac(nodes(), known_mac, nullptr, 0);
         nodes_container_set_address(nodes(), node, address, (options & what::forwarded_ip) != 0);
         node->direct_mask = (options & what::direct_mask) != 0;

@@ -155,7 +155,7 @@ private:
     {
         require(debug_mask < 1U << DBG_SECTIONS_NUMBER);
         require(zhashx_size(clients()) <= 1);
-        const nodes_guard guard{m_gateway.nodes()};
+        const nodes_guard guard{*m_gateway.nodes()};
         require(nodes_container_get_size(m_gateway.nodes()) <= m_expected_nodes);
     }
 

@@ -58,7 +58,7 @@ void forget_everything(idle_gateway& gateway)
     }
     server.rpl_timer_is_active = server.unprocessed_MSG_PANID_REQ = false;
 
-    const nodes_guard guard{gateway.nodes()};
+    const nodes_guard guard{*gateway.nodes()};
     NODE_t* node = nodes_container_find_or_create_by_mac(gateway.nodes(), known_mac, nullptr, 0);
     nodes_container_set_address(gateway.nodes(), node, known_address, false);
     node_update_win_client_ID(node, gateway.bridge().id);

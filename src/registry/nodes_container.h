@@ -142,11 +142,6 @@ private:
 class RTLS_SCOPED_CAPABILITY nodes_guard {
 public:
     explicit nodes_guard(NODES_CONTAINER_t& nodes) RTLS_ACQUIRE(nodes) : m_nodes(nodes) { m_nodes.lock(); }
-    // Of a handle, which is there.
-    explicit nodes_guard(void* p_nodes) RTLS_NO_THREAD_SAFETY_ANALYSIS
-        : nodes_guard(*static_cast<NODES_CONTAINER_t*>(p_nodes))
-    {
-    }
     ~nodes_guard() RTLS_RELEASE() { m_nodes.unlock(); }
     nodes_guard(const nodes_guard&) = delete;
     nodes_guard& operator=(const nodes_guard&) = delete;

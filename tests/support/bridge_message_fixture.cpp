@@ -152,19 +152,19 @@ texts_t bridge_message_fixture::management_texts()
 
 const NODE_t* bridge_message_fixture::node(const std::string& mac)
 {
-    const nodes_guard guard{nodes};
+    const nodes_guard guard{*nodes};
     return nodes_container_find_by_mac(nodes, hex(mac).data());
 }
 
 size_t bridge_message_fixture::node_count()
 {
-    const nodes_guard guard{nodes};
+    const nodes_guard guard{*nodes};
     return nodes_container_get_size(nodes);
 }
 
 std::string bridge_message_fixture::route_of(const std::string& mac)
 {
-    const nodes_guard guard{nodes};
+    const nodes_guard guard{*nodes};
     const NODE_t* found = nodes_container_find_by_mac(nodes, hex(mac).data());
     if (!found || !found->win_client_id)
         return "";
@@ -173,7 +173,7 @@ std::string bridge_message_fixture::route_of(const std::string& mac)
 
 void bridge_message_fixture::introduce(const std::string& mac, const std::string& ip)
 {
-    const nodes_guard guard{nodes};
+    const nodes_guard guard{*nodes};
     NODE_t* made = nodes_container_find_or_create_by_mac(nodes, hex(mac).data(), nullptr, 0);
     nodes_container_set_address(nodes, made, hex(ip).data(), false);
     node_update_win_client_ID(made, bridge->id);

@@ -33,7 +33,7 @@ void idle_gateway::drop_unsent(WIN_CLIENT_t& bridge)
 
 void idle_gateway::delete_nodes()
 {
-    const nodes_guard guard{nodes()};
+    const nodes_guard guard{*nodes()};
     while (const NODE_t* node = nodes_container_get_first(nodes())) {
         uint8_t mac[mac_size]; // the node's own goes with it
         memcpy(mac, node->mac_addr, sizeof mac);

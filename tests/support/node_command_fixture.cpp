@@ -30,7 +30,7 @@ void node_command_fixture::disconnect(const std::string& id)
 
 void node_command_fixture::add_node(const std::string& mac, const node_options& options)
 {
-    const nodes_guard guard{nodes};
+    const nodes_guard guard{*nodes};
     NODE_t* node = nodes_container_find_or_create_by_mac(nodes, hex(mac).data(), nullptr, 0);
     nodes_container_set_address(nodes, node, hex(node_ip).data(), options.forwarded_ip);
     node->direct_mask = options.direct_mask;
@@ -40,7 +40,7 @@ void node_command_fixture::add_node(const std::string& mac, const node_options& 
 
 void node_command_fixture::remove_node(const std::string& mac)
 {
-    const nodes_guard guard{nodes};
+    const nodes_guard guard{*nodes};
     nodes_container_delete(nodes, hex(mac).data());
 }
 

@@ -54,7 +54,7 @@ private:
 protected:
     void* gateway = m_gateway.handle();
     WIN_SERVER_t* server = &m_gateway.win_server();
-    void* nodes = m_gateway.nodes();
+    NODES_CONTAINER_t* nodes = m_gateway.nodes();
 };
 
 } // namespace rtls

@@ -44,6 +44,9 @@ protected:
     registry_fixture(const registry_fixture&) = delete;
     registry_fixture& operator=(const registry_fixture&) = delete;
 
+    // The container, for those who lock it by a guard.
+    NODES_CONTAINER_t& container() const { return *static_cast<NODES_CONTAINER_t*>(nodes); }
+
     NODE_t* create(const mac_array& mac)
     {
         return nodes_container_find_or_create_by_mac(nodes, mac.data(), nullptr, 0x0104);

@@ -71,9 +71,9 @@ void test_gateway::stop()
     rtls_gateway_destroy(&m_handle);
 }
 
-void* test_gateway::nodes() const
+NODES_CONTAINER_t* test_gateway::nodes() const
 {
-    return rtls_gateway_get_nodes_container(m_handle);
+    return static_cast<NODES_CONTAINER_t*>(rtls_gateway_get_nodes_container(m_handle));
 }
 
 WIN_SERVER_t& test_gateway::win_server() const
@@ -117,7 +117,7 @@ WIN_CLIENT_t* test_gateway::add_bridge(std::string_view identity, bytes_view mac
 void test_gateway::add_node(bytes_view mac, std::string_view bridge_identity,
                             const std::function<void(NODE_t&)>& change)
 {
-    const nodes_guard guard{nodes()};
+    const nodes_guard guard{*nodes()};
     NODE_t* node = nodes_container_find_or_create_by_mac(nodes(), mac.data(), nullptr, 0);
     require(node != nullptr, "no node");
     node->lifetime = 300;

@@ -30,7 +30,7 @@ public:
     void stop(); // destroys the gateway; the handle is null from then on
 
     void* handle() const { return m_handle; }
-    void* nodes() const;
+    NODES_CONTAINER_t* nodes() const;
     WIN_SERVER_t& win_server() const;
     const gateway_config& config() const { return m_config; }
     uint16_t terminal_port() const { return m_config.port("ports/terminal"); }

@@ -71,7 +71,7 @@ win_link::linked_bridge win_link::connect(int receive_buffer) const
 
 void win_link::make_wanted(const WIN_CLIENT_t& client) const
 {
-    const nodes_guard guard{nodes()};
+    const nodes_guard guard{*nodes()};
     NODE_t* node = nodes_container_find_or_create_by_mac(nodes(), client.mac_addr, nullptr, 0);
     node->lifetime = 300;
     node_update_win_client_ID(node, client.id);

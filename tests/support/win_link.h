@@ -25,7 +25,7 @@ public:
     win_link& operator=(const win_link&) = delete;
 
     WIN_SERVER_t& server() const { return m_gateway.win_server(); }
-    void* nodes() const { return m_gateway.nodes(); }
+    NODES_CONTAINER_t* nodes() const { return m_gateway.nodes(); }
     zloop_t* loop() const { return server().actor_loop; }
     uint16_t port() const { return m_port; }
 

@@ -29,7 +29,7 @@ protected:
 
     void move_to(const node_place& place)
     {
-        const nodes_guard guard{nodes};
+        const nodes_guard guard{*nodes};
         NODE_t* node = nodes_container_find_or_create_by_mac(nodes, m_mac.data(), nullptr, 0);
         nodes_container_set_address(nodes, node, place.address.data(), false);
         node_update_win_client_ID(node, place.bridge->id);
@@ -37,7 +37,7 @@ protected:
     // So that no command is a repeat.
     void forget_last_command()
     {
-        const nodes_guard guard{nodes};
+        const nodes_guard guard{*nodes};
         nodes_container_find_by_mac(nodes, m_mac.data())->last_data_time = {};
     }
 

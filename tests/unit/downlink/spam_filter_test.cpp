@@ -28,7 +28,6 @@ protected:
         nodes_container_find_or_create_by_mac(nodes, hex(mac).data(), nullptr, 0);
         nodes_container_find_or_create_by_mac(nodes, hex(other_mac).data(), nullptr, 0);
     }
-    ~spam_filter_test() override { nodes_container_destroy(&nodes); }
 
     // Whether `command` is dropped at this time (microseconds after the first second). The bytes stand in
     // a heap buffer of their exact size.
@@ -40,7 +39,11 @@ protected:
     }
     NODE_t* node() { return nodes_container_find_by_mac(nodes, hex(mac).data()); }
 
-    void* nodes = nodes_container_new();
+private:
+    nodes_container_ptr m_nodes{static_cast<NODES_CONTAINER_t*>(nodes_container_new())};
+
+protected:
+    NODES_CONTAINER_t* nodes = m_nodes.get();
 };
 
 } // namespace
@@ -151,7 +154,7 @@ TEST_F(spam_filter_test, waits_for_the_registry)
     const bytes_t command = hex(config_a);
     std::future<bool> is_repeat;
     {
-        const nodes_guard guard{nodes};
+        const nodes_guard guard{*nodes};
         is_repeat = std::async(std::launch::async,
                                [&] { return spam_filter(nodes, command.data(), command.size(), {}); });
         EXPECT_EQ(is_repeat.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);

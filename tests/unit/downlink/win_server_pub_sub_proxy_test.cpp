@@ -69,7 +69,7 @@ TEST_F(win_server_pub_sub_proxy, an_old_command_is_no_reason_to_drop_the_same_on
     add_node(mac, {bridge, false, false});
     EXPECT_TRUE(process("0810 01" + mac));
     {
-        const nodes_guard guard{nodes};
+        const nodes_guard guard{*nodes};
         nodes_container_find_by_mac(nodes, hex(mac).data())->last_data_time.tv_sec -= 1;
     }
     EXPECT_TRUE(process("0810 01" + mac));
@@ -81,7 +81,7 @@ TEST_F(win_server_pub_sub_proxy, no_command_makes_a_node)
     for (const char* type : {"0800", "0804", "080E", "0810", "0815", "0816", "0817"})
         for (const size_t size : {11u, 13u, 21u, 26u})
             process(type + repeated("00", size - 10) + stranger);
-    const nodes_guard guard{nodes};
+    const nodes_guard guard{*nodes};
     EXPECT_EQ(nodes_container_get_size(nodes), 0u);
 }
 

@@ -182,7 +182,7 @@ TEST(metrics_collect, nodes_are_living_or_expired)
     const uint8_t macs[2][mac_size] = {{1}, {2}};
     gateway.add_node(macs[0]);
     gateway.add_node(macs[1]);
-    auto& nodes = *static_cast<NODES_CONTAINER_t*>(gateway.nodes());
+    auto& nodes = *gateway.nodes();
     {
         const nodes_guard guard{nodes};
         nodes.set_lifetime(*nodes.find_by_mac(macs[0]), 5);

@@ -19,9 +19,8 @@ class expiry_queue_test : public registry_fixture {
 protected:
     size_t living() const
     {
-        auto& container = *static_cast<NODES_CONTAINER_t*>(nodes);
-        const nodes_guard guard{container};
-        return container.living();
+        const nodes_guard guard{container()};
+        return container().living();
     }
 };
 

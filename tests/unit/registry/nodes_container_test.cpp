@@ -179,7 +179,7 @@ TEST_F(nodes_container, the_handle_is_the_mutex)
 {
     auto* mutex = static_cast<pthread_mutex_t*>(nodes);
     {
-        const nodes_guard guard{nodes};
+        const nodes_guard guard{container()};
         EXPECT_EQ(pthread_mutex_trylock(mutex), EBUSY);
     }
     EXPECT_EQ(pthread_mutex_trylock(mutex), 0);
@@ -198,13 +198,13 @@ TEST_F(nodes_container, serves_two_threads_under_its_lock)
     });
     std::thread listing([&] {
         while (!done) {
-            const nodes_guard guard{nodes};
+            const nodes_guard guard{container()};
             ASSERT_EQ(in_order().size(), nodes_container_get_size(nodes));
         }
     });
     std::mt19937_64 random(1);
     for (int i = 0; i < 5000; ++i) {
-        const nodes_guard guard{nodes};
+        const nodes_guard guard{container()};
         const mac_array mac = mac_of(random() % 50);
         NODE_t* node = create(mac);
         set_lifetime(node, 300);

@@ -53,7 +53,7 @@ void name_bridge(const win_link& link, WIN_CLIENT_t* client, uint8_t last_byte)
 
 NODE_t* node_of(const win_link& link, const WIN_CLIENT_t& client)
 {
-    const nodes_guard guard{link.nodes()};
+    const nodes_guard guard{*link.nodes()};
     return nodes_container_find_by_mac(link.nodes(), client.mac_addr);
 }
 

@@ -291,7 +291,7 @@ TEST_F(snapshot_test, copies_every_field)
     bridges.push_back(bridge("bridge one"));
     bridges.push_back(bridge("bridge two"));
 
-    const auto rows = copy_nodes(*static_cast<NODES_CONTAINER_t*>(m_gateway.nodes()), index_bridges(bridges));
+    const auto rows = copy_nodes(*m_gateway.nodes(), index_bridges(bridges));
 
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_EQ(rows[0].bridge, 1u);
@@ -310,8 +310,7 @@ TEST_F(snapshot_test, tells_nodes_without_a_connected_bridge)
     std::vector<win_client_info> bridges;
     bridges.push_back(bridge("here"));
     size_t found = 0;
-    for (const auto& row :
-         copy_nodes(*static_cast<NODES_CONTAINER_t*>(m_gateway.nodes()), index_bridges(bridges))) {
+    for (const auto& row : copy_nodes(*m_gateway.nodes(), index_bridges(bridges))) {
         EXPECT_EQ(row.bridge, row.mac_addr[7] == 3 ? 0 : no_bridge);
         ++found;
     }
@@ -324,13 +323,13 @@ TEST_F(snapshot_test, has_the_nodes_in_the_order_of_the_table)
         m_gateway.add_node(ramp(8, static_cast<uint8_t>(i * 7)));
     std::vector<uint8_t> expected;
     {
-        const nodes_guard guard{m_gateway.nodes()};
+        const nodes_guard guard{*m_gateway.nodes()};
         for (NODE_t* n = nodes_container_get_first(m_gateway.nodes()); n;
              n = nodes_container_get_next(m_gateway.nodes()))
             expected.push_back(n->mac_addr[7]);
     }
     std::vector<uint8_t> order;
-    for (const auto& row : copy_nodes(*static_cast<NODES_CONTAINER_t*>(m_gateway.nodes()), {}))
+    for (const auto& row : copy_nodes(*m_gateway.nodes(), {}))
         order.push_back(row.mac_addr[7]);
     EXPECT_EQ(order, expected);
     EXPECT_EQ(order.size(), 100u);
@@ -350,7 +349,7 @@ TEST_F(snapshot_test, of_100000_nodes_holds_the_lock_for_a_moment)
     std::vector<node_row> rows(100'000);
     auto shortest = std::chrono::steady_clock::duration::max();
     for (int round = 0; round < 5; ++round) {
-        auto& nodes = *static_cast<NODES_CONTAINER_t*>(m_gateway.nodes());
+        auto& nodes = *m_gateway.nodes();
         const nodes_guard guard{nodes};
         const auto start = std::chrono::steady_clock::now();
         copy_nodes_locked(nodes, index, rows);

@@ -16,7 +16,7 @@ namespace {
 
 // Set while a frame is being processed.
 struct watch {
-    std::atomic<void*> nodes = nullptr;
+    std::atomic<NODES_CONTAINER_t*> nodes = nullptr;
     std::atomic<unsigned> sends = 0;
     std::atomic<unsigned> under_the_lock = 0;
     std::list<std::future<void>> waiting; // for the lock that a sender holds
@@ -29,9 +29,9 @@ watch& sending()
 }
 
 // Whether somebody else could take the lock now. Who cannot has it some time later.
-bool is_free(void* nodes)
+bool is_free(NODES_CONTAINER_t* nodes)
 {
-    auto taken = std::async(std::launch::async, [nodes] { const nodes_guard guard{nodes}; });
+    auto taken = std::async(std::launch::async, [nodes] { const nodes_guard guard{*nodes}; });
     if (taken.wait_for(patience) == std::future_status::ready)
         return true;
     sending().waiting.push_back(std::move(taken));
@@ -45,7 +45,7 @@ bool is_free(void* nodes)
 extern "C" int zmq_msg_send(zmq_msg_t* message, void* socket, int flags)
 {
     using namespace rtls;
-    if (void* nodes = sending().nodes) {
+    if (NODES_CONTAINER_t* nodes = sending().nodes) {
         ++sending().sends;
         if (!is_free(nodes))
             ++sending().under_the_lock;

@@ -156,8 +156,7 @@ TEST_F(message_counts, an_acknowledgement_that_the_bridge_cannot_take_is_not_cou
 
 TEST_F(message_counts, without_a_registry_to_take_the_node_the_message_is_refused_by_it)
 {
-    auto* container = static_cast<NODES_CONTAINER_t*>(nodes);
-    container->admit_only(*parse_macs("1111111111111111"));
+    nodes->admit_only(*parse_macs("1111111111111111"));
     EXPECT_EQ(counted(heartbeat()), seen(message_type::heartbeat, message_outcome::foreign_node));
     EXPECT_EQ(counted(envelope(hex("FF"))), seen(message_type::nwk_data_ind, message_outcome::foreign_node));
     expect_identity(2);

@@ -217,7 +217,7 @@ TEST_F(messages, an_operator_may_delete_the_node_at_any_moment)
     std::atomic<bool> done{false};
     std::thread terminal{[&] {
         while (!done) {
-            const nodes_guard guard{nodes};
+            const nodes_guard guard{*nodes};
             nodes_container_delete(nodes, hex(sender_mac).data());
         }
     }};

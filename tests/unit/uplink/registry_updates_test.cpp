@@ -26,12 +26,12 @@ protected:
 
     void change(const std::string& mac, const std::function<void(NODE_t&)>& change_node)
     {
-        const nodes_guard guard{nodes};
+        const nodes_guard guard{*nodes};
         change_node(*nodes_container_find_by_mac(nodes, hex(mac).data()));
     }
     std::string parent_of(const std::string& mac)
     {
-        const nodes_guard guard{nodes};
+        const nodes_guard guard{*nodes};
         return to_hex({nodes_container_find_by_mac(nodes, hex(mac).data())->parent_addr, mac_size});
     }
 };
