@@ -3,6 +3,7 @@
 #include "http/node_query.h"
 #include "http/node_walk.h"
 #include "link/win_server_private.h"
+#include "rtls-gateway.h"
 #include "server/win_server.h"
 #include "services.h"
 #include "support/test_gateway.h"
@@ -96,7 +97,7 @@ BENCHMARK(hold_of_the_bridges);
 
 static void scrape(benchmark::State& state)
 {
-    const auto& gateway = *static_cast<services*>(loaded_gateway().handle());
+    const auto& gateway = *rtls_gateway_get_services(loaded_gateway().handle());
     for (auto _ : state)
         benchmark::DoNotOptimize(metrics_page(gateway, {}));
 }

@@ -8,7 +8,6 @@
 #include "net/descriptors.h"
 #include "net/link_watch.h"
 #include "rtls-gateway.h"
-#include "services.h"
 #include "watch/service_manager.h"
 
 #include <curl/curl.h>
@@ -121,7 +120,7 @@ static bool serve(const char* config_file)
     if (!gateway)
         return false;
     connect_debug_broker(gateway);
-    service_manager manager{*static_cast<services*>(gateway)};
+    service_manager manager{*rtls_gateway_get_services(gateway)};
     if (rtls_gateway_run(gateway)) {
         manager.ready();
         while (!is_stop_requested()) {

@@ -270,6 +270,11 @@ void rtls_gateway_destroy(void** pp_rtls_gateway)
     *pp_rtls_gateway = nullptr;
 }
 
+services* rtls_gateway_get_services(void* p_rtls_gateway)
+{
+    return gateway_of(p_rtls_gateway, __func__);
+}
+
 zconfig_t* rtls_gateway_get_config(void* p_rtls_gateway)
 {
     const RTLS_GATEWAY_t* gateway = gateway_of(p_rtls_gateway, __func__);

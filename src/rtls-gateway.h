@@ -15,6 +15,8 @@
 
 namespace rtls {
 
+struct services;
+
 // A gateway built from the configuration file, nothing started; or nullptr, with the reason logged.
 void* rtls_gateway_new(const char* config_file_name);
 
@@ -25,6 +27,8 @@ bool rtls_gateway_run(void* p_rtls_gateway);
 // Stops the actors, then frees what their threads used; nulls the handle. The pid file stays.
 void rtls_gateway_destroy(void** pp_rtls_gateway);
 
+// What the gateway hands to its actors, by its type (services.h).
+services* rtls_gateway_get_services(void* p_rtls_gateway);
 zconfig_t* rtls_gateway_get_config(void* p_rtls_gateway);
 void* rtls_gateway_get_win_server(void* p_rtls_gateway);
 void* rtls_gateway_get_terminal_server(void* p_rtls_gateway);

@@ -347,6 +347,7 @@ const null_call gateway_calls[] = {
     {"rtls_gateway_new", [](given&) { return !rtls_gateway_new(nullptr); }},
     {"rtls_gateway_run", [](given&) { return !rtls_gateway_run(nullptr); }},
     {"rtls_gateway_destroy", [](given&) { return rtls_gateway_destroy(nullptr), true; }},
+    {"rtls_gateway_get_services", [](given&) { return !rtls_gateway_get_services(nullptr); }},
     {"rtls_gateway_get_config", [](given&) { return !rtls_gateway_get_config(nullptr); }},
     {"rtls_gateway_get_win_server", [](given&) { return !rtls_gateway_get_win_server(nullptr); }},
     {"rtls_gateway_get_terminal_server", [](given&) { return !rtls_gateway_get_terminal_server(nullptr); }},

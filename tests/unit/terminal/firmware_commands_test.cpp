@@ -156,7 +156,7 @@ protected:
         return frame ? bytes_t{zframe_data(frame), zframe_data(frame) + zframe_size(frame)} : bytes_t{};
     }
 
-    services& given() const { return *static_cast<services*>(m_gateway.handle()); }
+    services& given() const { return *rtls_gateway_get_services(m_gateway.handle()); }
 
     log_capture m_log;
     test_gateway m_gateway;
