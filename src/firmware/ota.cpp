@@ -20,7 +20,7 @@ namespace rtls {
 
 // What an image is kept account of by: every page is a whole number of blocks.
 static constexpr size_t block_bytes = 32;
-static constexpr size_t growth_blocks = 8192;
+static constexpr size_t growth_blocks = ota_growth_bytes / block_bytes;
 static constexpr size_t blocks_ceiling = image_size_ceiling / block_bytes;
 
 static constexpr char download_reporter[] = "ota_download_firmware"; // as log filters know it

@@ -35,6 +35,9 @@ struct OTA_FIRMWARE_t; // an image in the store: private to ota.cpp
 // sizes are refused. 0 is one of them: such a page has no content, and is there when its image is. Images,
 // downloaded or assembled, have at most 64 MiB.
 
+// Room in bytes that an image under assembly begins with, and that it gains at least when it grows.
+inline constexpr size_t ota_growth_bytes = size_t{256} * 1024;
+
 // What an order to download an image into the store ends with: its slot.
 inline constexpr char str_firmware_downloaded[] = "Firmware downloaded. Index: %d\n";
 

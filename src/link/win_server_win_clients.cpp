@@ -23,16 +23,7 @@ namespace rtls {
 static constexpr int events_per_call = 64;
 static constexpr size_t bytes_per_call = size_t{64} * 1024;
 
-// The port is behind when it has not been drained for so long, and so much has been handled meanwhile (time
-// alone may have passed while the host was busy); or when what has been handled has cost that much of this
-// thread's processor time: lines of many small messages, or of a large one, do. It is asked after each large
-// event.
-static constexpr int64_t behind_us = 50'000;
-static constexpr size_t behind_bytes = size_t{64} * 1024;
-static constexpr int64_t costly_us = 15'000;
-static constexpr size_t costly_bytes = size_t{16} * 1024;
-
-static constexpr size_t large_event = 1024;
+static constexpr size_t large_event = 1024; // whose cost is asked after
 
 // While events come this close behind one another, the reader lets some more gather before it takes them,
 // for up to a millisecond a call. Waking up for each report, and having the loop ask every socket for

@@ -11,7 +11,18 @@
 
 #include "link/win_server_private.h"
 
+#include <cstddef>
+#include <cstdint>
+
 namespace rtls {
+
+// The port is behind when it has not been drained for so long, and so much has been handled meanwhile (time
+// alone may have passed while the host was busy); or when what has been handled has cost that much of this
+// thread's processor time: lines of many small messages, or of a large one, do. Debug lines are left out then.
+inline constexpr int64_t behind_us = 50'000;
+inline constexpr size_t behind_bytes = size_t{64} * 1024;
+inline constexpr int64_t costly_us = 15'000;
+inline constexpr size_t costly_bytes = size_t{16} * 1024;
 
 // zloop reader of the WIN port: takes many events a call, so that the loop's other sources cost little.
 // 0, or 1 when there was nothing to take; neither ends the loop.

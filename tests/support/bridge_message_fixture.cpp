@@ -36,12 +36,12 @@ bytes_t heartbeat(const heartbeat_options& options)
 
 bytes_t panid_req(uint8_t seq, const std::string& mac)
 {
-    return le16(0x0101) + bytes_t{seq} + hex(mac);
+    return le16(MSG_PANID_REQ) + bytes_t{seq} + hex(mac);
 }
 
 bytes_t announce_root(uint8_t seq, const std::string& mac)
 {
-    return le16(0x0103) + bytes_t{seq} + hex(mac) + hex("34 12 F1");
+    return le16(MSG_ANNOUNCE_ROOT_IND) + bytes_t{seq} + hex(mac) + hex("34 12 F1");
 }
 
 bytes_t payload_message(unsigned type, uint8_t seq, const bytes_t& payload)
@@ -52,7 +52,7 @@ bytes_t payload_message(unsigned type, uint8_t seq, const bytes_t& payload)
 bytes_t generic_req(uint8_t seq, uint16_t sub_command, const bytes_t& body)
 {
     const bytes_t code{static_cast<uint8_t>(sub_command >> 8), static_cast<uint8_t>(sub_command)};
-    return payload_message(0x010E, seq, code + body);
+    return payload_message(MSG_GENERIC_SERVER_REQ, seq, code + body);
 }
 
 bytes_t envelope(const bytes_t& inner, const std::string& mac, unsigned type, uint8_t seq,

@@ -7,6 +7,7 @@
 
 #include "support/hex_bytes.h"
 #include "support/node_command_fixture.h"
+#include "wire/messaging.h"
 
 #include <optional>
 #include <string>
@@ -27,7 +28,7 @@ bytes_t le16(unsigned value);
 
 // The 39 bytes of a heartbeat that a node writes itself; `type` with flag bits, if any.
 struct heartbeat_options {
-    unsigned type = 0x0104;
+    unsigned type = MSG_HEARTBEAT_IND;
     uint8_t seq = 1;
     uint8_t reporting_freq = 10;
     std::string mac = sender_mac;
@@ -49,8 +50,8 @@ bytes_t payload_message(unsigned type, uint8_t seq, const bytes_t& payload);
 // The same with a sub-command before `body`.
 bytes_t generic_req(uint8_t seq, uint16_t sub_command, const bytes_t& body);
 
-bytes_t envelope(const bytes_t& inner, const std::string& mac = sender_mac, unsigned type = 0x0100,
-                 uint8_t seq = 9, const std::string& ip = sender_ip);
+bytes_t envelope(const bytes_t& inner, const std::string& mac = sender_mac,
+                 unsigned type = MSG_NWK_DATA_15_4_IND, uint8_t seq = 9, const std::string& ip = sender_ip);
 bytes_t with_timestamp(const bytes_t& message, const std::string& seconds_and_fraction = "65 53 F1 00 80 00");
 
 // --- the daemon

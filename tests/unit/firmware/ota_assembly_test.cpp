@@ -19,8 +19,8 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr size_t initial_size = 262'144; // of an image under assembly
-constexpr size_t growth = 262'144;
+constexpr size_t initial_size = ota_growth_bytes; // of an image under assembly
+constexpr size_t growth = ota_growth_bytes;
 
 constexpr uint32_t git = 0x01020304;
 constexpr uint32_t crc = 0x0A0B0C0D;

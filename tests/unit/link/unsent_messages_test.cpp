@@ -152,7 +152,7 @@ TEST(data_to_cache, keeps_no_more_small_messages_than_memory_is_meant_for)
     log_capture log;
     const win_link link;
     WIN_CLIENT_t* client = add_unreachable(link, "\0abcd");
-    // What waits already, without 262,142 records of it.
+    // What waits already, without a record of each.
     while (client->unsent_messages.size() < unsent_messages_number_limit - 2)
         ASSERT_TRUE(client->unsent_messages.append(hex("78")));
     log.take();
@@ -163,7 +163,7 @@ TEST(data_to_cache, keeps_no_more_small_messages_than_memory_is_meant_for)
     EXPECT_THAT(log.messages("main"),
                 ElementsAre("data_to_cache: win client [0061626364] IP 0.0.0.0:0 does not read: 262144 bytes "
                             "wait for it, messages are lost!"));
-    EXPECT_EQ(client->unsent_messages.size(), 262'144U);
+    EXPECT_EQ(client->unsent_messages.size(), unsent_messages_number_limit);
 }
 
 // --- flushed in order

@@ -81,10 +81,6 @@ static void fall_behind(WIN_SERVER_t& server, int64_t us, size_t bytes, int64_t 
 
 TEST(win_clients_reader, leaves_debug_lines_out_while_it_is_behind_and_says_so_once)
 {
-    constexpr int64_t long_us = 50'000;
-    constexpr size_t much = size_t{64} * 1024;
-    constexpr int64_t costly_us = 15'000;
-    constexpr size_t some = size_t{16} * 1024;
     constexpr char said[] =
         "handle_win_clients: bridges send more than can be handled, debug lines are left out meanwhile!";
     const struct {
@@ -94,13 +90,13 @@ TEST(win_clients_reader, leaves_debug_lines_out_while_it_is_behind_and_says_so_o
         int64_t cost_us;
         bool is_behind;
     } cases[] = {
-        {"for long, with much", long_us, much, 0, true},
-        {"with little: the host was busy", long_us, much - 1, 0, false},
-        {"for a moment", 0, much, 0, false},
-        {"for a moment, at much cost", 0, some, costly_us, true},
-        {"at much cost, with little", 0, some - 1, costly_us, false},
-        {"at little cost", 0, some, 1, false},
-        {"for long, once more", long_us, much, 0, true},
+        {"for long, with much", behind_us, behind_bytes, 0, true},
+        {"with little: the host was busy", behind_us, behind_bytes - 1, 0, false},
+        {"for a moment", 0, behind_bytes, 0, false},
+        {"for a moment, at much cost", 0, costly_bytes, costly_us, true},
+        {"at much cost, with little", 0, costly_bytes - 1, costly_us, false},
+        {"at little cost", 0, costly_bytes, 1, false},
+        {"for long, once more", behind_us, behind_bytes, 0, true},
     };
     log_capture log;
     const win_link link;

@@ -83,8 +83,8 @@ TEST_F(hand_over, holds_no_lock_of_the_registry)
         {"root announcement", announce_root(1)},
         {"heartbeat", heartbeat({.seq = 2})},
         {"forwarded heartbeat", envelope(heartbeat_body({.seq = 3}))},
-        {"sensor report", payload_message(0x0116, 4, hex("AA BB")) + hex(sender_ip)},
-        {"generic request", payload_message(0x010E, 5, hex("00 01 02")) + hex(sender_ip)},
+        {"sensor report", payload_message(MSG_SENSOR_IND_NEW, 4, hex("AA BB")) + hex(sender_ip)},
+        {"generic request", payload_message(MSG_GENERIC_SERVER_REQ, 5, hex("00 01 02")) + hex(sender_ip)},
         {"route request", generic_req(6, 10, ramp(16)) + hex(sender_ip)},
         {"UL-TDOA data", generic_req(7, 40, ramp(40)) + hex(sender_ip)},
     };

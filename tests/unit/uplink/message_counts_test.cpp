@@ -89,7 +89,7 @@ TEST_F(message_counts, each_type_is_counted_by_what_becomes_of_it)
 {
     using t = message_type;
     using o = message_outcome;
-    const bytes_t sensor = payload_message(0x0116, 3, ramp(4));
+    const bytes_t sensor = payload_message(MSG_SENSOR_IND_NEW, 3, ramp(4));
     EXPECT_EQ(counted(hex("00 00")), seen(t::none, o::too_short));
     EXPECT_EQ(counted(hex("00 00 07")), seen(t::ping, o::answered));
     EXPECT_EQ(counted(with_timestamp(hex("00 00 07 01 02 03"))), seen(t::ping, o::answered));
@@ -110,7 +110,7 @@ TEST_F(message_counts, each_type_is_counted_by_what_becomes_of_it)
     EXPECT_EQ(counted(direct(sensor)), seen(t::sensor, o::report));
     EXPECT_EQ(counted(sensor), seen(t::sensor, o::wrong_size));
     EXPECT_EQ(counted(envelope(sensor)), seen(t::sensor, o::duplicate)); // seq 3 was the announcement's
-    EXPECT_EQ(counted(envelope(payload_message(0x0116, 8, ramp(4)))), seen(t::sensor, o::report));
+    EXPECT_EQ(counted(envelope(payload_message(MSG_SENSOR_IND_NEW, 8, ramp(4)))), seen(t::sensor, o::report));
     expect_identity(21);
 }
 
@@ -172,10 +172,10 @@ TEST_F(message_counts, the_identity_holds_for_any_bytes)
                                         panid_req(1),
                                         announce_root(1),
                                         hex("00 00 07 01"),
-                                        direct(payload_message(0x0116, 1, ramp(9))),
+                                        direct(payload_message(MSG_SENSOR_IND_NEW, 1, ramp(9))),
                                         direct(generic_req(1, 10, ramp(24))),
                                         direct(generic_req(1, 40, ramp(37))),
-                                        envelope(payload_message(0x0116, 1, ramp(9))),
+                                        envelope(payload_message(MSG_SENSOR_IND_NEW, 1, ramp(9))),
                                         envelope(heartbeat_body({})),
                                         with_timestamp(heartbeat()),
                                         envelope(generic_req(1, 16, ramp(12)), sender_mac, 0x0A00)};
@@ -207,7 +207,7 @@ TEST_F(message_counts, the_identity_holds_while_the_queues_overflow)
     introduce(sender_mac, sender_ip);
     constexpr uint64_t number = 5000; // more than a queue holds
     for (uint64_t i = 0; i < number; ++i) {
-        receive(direct(payload_message(0x0116, 1, ramp(9))));
+        receive(direct(payload_message(MSG_SENSOR_IND_NEW, 1, ramp(9))));
         receive(direct(generic_req(1, 10, ramp(16))));
     }
     expect_identity(2 * number);

@@ -225,8 +225,8 @@ TEST_F(messages, an_operator_may_delete_the_node_at_any_moment)
     for (int i = 0; i < 1000; i++) {
         const auto seq = static_cast<uint8_t>(i);
         EXPECT_TRUE(receive(heartbeat({.type = 0x1104, .seq = seq})));
-        EXPECT_TRUE(receive(envelope(payload_message(0x0116, seq, hex("AA BB")))));
-        EXPECT_TRUE(receive(payload_message(0x010E, seq, hex("00 01 02")) + hex(sender_ip)));
+        EXPECT_TRUE(receive(envelope(payload_message(MSG_SENSOR_IND_NEW, seq, hex("AA BB")))));
+        EXPECT_TRUE(receive(payload_message(MSG_GENERIC_SERVER_REQ, seq, hex("00 01 02")) + hex(sender_ip)));
         EXPECT_TRUE(receive(panid_req(seq, sender_mac)));
         EXPECT_EQ(replies().size(), 1U);
         (void)reports();

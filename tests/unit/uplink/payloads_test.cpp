@@ -13,8 +13,8 @@ namespace rtls {
 
 using payloads = bridge_message_fixture;
 
-static constexpr unsigned sensor = 0x0116;
-static constexpr unsigned generic = 0x010E;
+static constexpr unsigned sensor = MSG_SENSOR_IND_NEW;
+static constexpr unsigned generic = MSG_GENERIC_SERVER_REQ;
 
 static bytes_t direct(const bytes_t& message, const std::string& ip = sender_ip)
 {

@@ -143,9 +143,10 @@ TEST_F(registry_updates, activity_is_the_time_of_reception_whatever_the_envelope
         {"root announcement", mac, announce_root(2)},
         {"heartbeat", sender_mac, heartbeat({.seq = 3})},
         {"envelope", sender_mac, envelope(hex("FF"))},
-        {"sensor report", sender_mac, payload_message(0x0116, 4, hex("AA BB")) + hex(sender_ip)},
-        {"generic request", sender_mac, payload_message(0x010E, 5, hex("00 01 02")) + hex(sender_ip)},
-        {"forwarded report", sender_mac, envelope(payload_message(0x0116, 6, hex("AA BB")))},
+        {"sensor report", sender_mac, payload_message(MSG_SENSOR_IND_NEW, 4, hex("AA BB")) + hex(sender_ip)},
+        {"generic request", sender_mac,
+         payload_message(MSG_GENERIC_SERVER_REQ, 5, hex("00 01 02")) + hex(sender_ip)},
+        {"forwarded report", sender_mac, envelope(payload_message(MSG_SENSOR_IND_NEW, 6, hex("AA BB")))},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
@@ -162,8 +163,8 @@ TEST_F(registry_updates, activity_is_the_time_of_reception_whatever_the_envelope
 TEST_F(registry_updates, a_report_leaves_its_senders_lifetime)
 {
     introduce(sender_mac, sender_ip);
-    const bytes_t report = payload_message(0x0116, 1, hex("AA BB"));
-    const bytes_t request = payload_message(0x010E, 2, hex("00 01 02"));
+    const bytes_t report = payload_message(MSG_SENSOR_IND_NEW, 1, hex("AA BB"));
+    const bytes_t request = payload_message(MSG_GENERIC_SERVER_REQ, 2, hex("00 01 02"));
     change(sender_mac, [](NODE_t& node) { node.lifetime = 7; });
     EXPECT_TRUE(receive(report + hex(sender_ip)));
     EXPECT_TRUE(receive(request + hex(sender_ip)));
