@@ -33,82 +33,69 @@ constexpr int lost = ZMQ_EVENT_DISCONNECTED;
 constexpr int unanswered = ZMQ_EVENT_CLOSED;
 constexpr int again = ZMQ_EVENT_CONNECT_RETRIED;
 
+struct link_story {
+    const char* given;
+    std::vector<int> events; // one a millisecond, the first at 1
+    bool is_up = false;
+    bool is_reached = false;
+    bool is_given_up = false;
+    int64_t since_ms = 0;
+    uint64_t connections = 0;
+    uint64_t failures = 0;
+    const char* reason = "";
+};
+
+const link_story stories[] = {
+    {.given = "nothing yet", .events = {}},
+    {.given = "a server",
+     .events = {trying, connected, done},
+     .is_up = true,
+     .is_reached = true,
+     .since_ms = 3,
+     .connections = 1},
+    {.given = "nobody", .events = {trying, unanswered, again, trying}, .reason = "nobody answers"},
+    {.given = "one that says nothing", .events = {trying, connected}, .is_reached = true},
+    {.given = "one that left",
+     .events = {trying, connected, done, lost, again},
+     .since_ms = 4,
+     .connections = 1,
+     .failures = 1,
+     .reason = "the connection was lost"},
+    {.given = "one that came back",
+     .events = {connected, done, lost, again, trying, connected, done},
+     .is_up = true,
+     .is_reached = true,
+     .since_ms = 7,
+     .connections = 2,
+     .failures = 1,
+     .reason = "the connection was lost"},
+    {.given = "one that closes",
+     .events = {connected, broken_off, lost, again, trying},
+     .failures = 1,
+     .reason = "the peer broke off the handshake"},
+    {.given = "nonsense",
+     .events = {connected, nonsense, lost},
+     .is_given_up = true,
+     .failures = 1,
+     .reason = "the peer speaks another protocol"},
+    {.given = "another kind of socket",
+     .events = {connected, lost},
+     .is_given_up = true,
+     .failures = 1,
+     .reason = "the peer is another kind of socket"},
+    {.given = "a refusal",
+     .events = {connected, ZMQ_EVENT_HANDSHAKE_FAILED_AUTH},
+     .is_given_up = true,
+     .failures = 1,
+     .reason = "the peer refused us"},
+    {.given = "our own new attempt", .events = {connected, done, trying}, .since_ms = 3, .connections = 1},
+};
+
 } // namespace
 
 TEST(link_record, knows_what_has_become_of_a_link)
 {
-    const struct {
-        const char* given;
-        std::vector<int> events; // one a millisecond, the first at 1
-        bool is_up;
-        bool is_reached;
-        bool is_given_up;
-        int64_t since_ms;
-        uint64_t connections;
-        uint64_t failures;
-        const char* reason;
-    } cases[] = {
-        {"nothing yet", {}, false, false, false, 0, 0, 0, ""},
-        {"a server", {trying, connected, done}, true, true, false, 3, 1, 0, ""},
-        {"nobody", {trying, unanswered, again, trying}, false, false, false, 0, 0, 0, "nobody answers"},
-        {"one that says nothing", {trying, connected}, false, true, false, 0, 0, 0, ""},
-        {"one that left",
-         {trying, connected, done, lost, again},
-         false,
-         false,
-         false,
-         4,
-         1,
-         1,
-         "the connection was lost"},
-        {"one that came back",
-         {connected, done, lost, again, trying, connected, done},
-         true,
-         true,
-         false,
-         7,
-         2,
-         1,
-         "the connection was lost"},
-        {"one that closes",
-         {connected, broken_off, lost, again, trying},
-         false,
-         false,
-         false,
-         0,
-         0,
-         1,
-         "the peer broke off the handshake"},
-        {"nonsense",
-         {connected, nonsense, lost},
-         false,
-         false,
-         true,
-         0,
-         0,
-         1,
-         "the peer speaks another protocol"},
-        {"another kind of socket",
-         {connected, lost},
-         false,
-         false,
-         true,
-         0,
-         0,
-         1,
-         "the peer is another kind of socket"},
-        {"a refusal",
-         {connected, ZMQ_EVENT_HANDSHAKE_FAILED_AUTH},
-         false,
-         false,
-         true,
-         0,
-         0,
-         1,
-         "the peer refused us"},
-        {"our own new attempt", {connected, done, trying}, false, false, false, 3, 1, 0, ""},
-    };
-    for (const auto& c : cases) {
+    for (const auto& c : stories) {
         SCOPED_TRACE(c.given);
         link_record record;
         int64_t now = 0;

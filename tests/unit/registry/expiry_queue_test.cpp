@@ -127,69 +127,124 @@ TEST_F(expiry_queue_test, no_node_that_lives_makes_room)
     EXPECT_EQ(find(mac_of(1))->lifetime, 0xFFFF - 4998);
 }
 
-// Against lifetimes counted down one by one, and a list of those that expired in their order.
-TEST_F(expiry_queue_test, lifetimes_and_room_agree_with_a_count_whatever_happens)
-{
-    constexpr size_t limit = 20;
-    limit_to(limit);
-    std::map<mac_array, uint16_t> lifetimes;
-    std::vector<mac_array> waiting; // in the order of when their lifetimes were set
-    std::vector<mac_array> expired;
-    std::mt19937_64 random(11);
-    const auto forget = [&](const mac_array& mac) {
-        std::erase(waiting, mac);
-        std::erase(expired, mac);
-    };
-    const auto set = [&](const mac_array& mac, uint16_t lifetime) {
-        if (lifetimes[mac] == 0 && lifetime == 0)
+namespace {
+
+// Lifetimes counted down one by one, and a list of those that expired in their order.
+class lifetime_model {
+public:
+    explicit lifetime_model(size_t limit) : m_limit(limit) {}
+
+    void age()
+    {
+        for (const mac_array& mac : std::vector<mac_array>(m_waiting))
+            if (--m_lifetimes[mac] == 0) {
+                std::erase(m_waiting, mac);
+                m_expired.push_back(mac);
+            }
+    }
+    void remove(const mac_array& mac)
+    {
+        forget(mac);
+        m_lifetimes.erase(mac);
+    }
+    // Whether there is such a node then: an old one, or a new one, for which the longest expired may make room.
+    bool create(const mac_array& mac)
+    {
+        if (m_lifetimes.count(mac) != 0)
+            return true;
+        if (m_lifetimes.size() == m_limit) {
+            if (m_expired.empty())
+                return false;
+            m_lifetimes.erase(m_expired.front());
+            m_expired.erase(m_expired.begin());
+        }
+        m_lifetimes[mac] = 0;
+        m_expired.push_back(mac);
+        return true;
+    }
+    void set(const mac_array& mac, uint16_t lifetime)
+    {
+        if (m_lifetimes[mac] == 0 && lifetime == 0)
             return;
         forget(mac);
-        lifetimes[mac] = lifetime;
-        (lifetime == 0 ? expired : waiting).push_back(mac);
-    };
-    for (int i = 0; i < 30'000; ++i) {
-        const mac_array mac = mac_of(random() % 40);
-        switch (random() % 8) {
+        m_lifetimes[mac] = lifetime;
+        (lifetime == 0 ? m_expired : m_waiting).push_back(mac);
+    }
+
+    const std::map<mac_array, uint16_t>& lifetimes() const { return m_lifetimes; }
+    size_t living() const { return m_waiting.size(); }
+
+private:
+    void forget(const mac_array& mac)
+    {
+        std::erase(m_waiting, mac);
+        std::erase(m_expired, mac);
+    }
+
+    const size_t m_limit;
+    std::map<mac_array, uint16_t> m_lifetimes;
+    std::vector<mac_array> m_waiting; // in the order of when their lifetimes were set
+    std::vector<mac_array> m_expired;
+};
+
+class expiry_queue_random : public expiry_queue_test {
+protected:
+    static constexpr size_t limit = 20;
+
+    expiry_queue_random() { limit_to(limit); }
+
+    // One step of either.
+    void step()
+    {
+        const mac_array mac = mac_of(m_random() % 40);
+        switch (m_random() % 8) {
         case 0:
             age(1);
-            for (const mac_array& one : std::vector<mac_array>(waiting))
-                if (--lifetimes[one] == 0) {
-                    std::erase(waiting, one);
-                    expired.push_back(one);
-                }
+            m_model.age();
             break;
         case 1:
             nodes_container_delete(nodes, mac.data());
-            forget(mac);
-            lifetimes.erase(mac);
+            m_model.remove(mac);
             break;
         case 2:
-        case 3: {
-            const bool known = lifetimes.count(mac) != 0;
-            const bool full = lifetimes.size() == limit;
-            ASSERT_EQ(create(mac) != nullptr, known || !full || !expired.empty()) << i;
-            if (known || (full && expired.empty()))
-                break;
-            if (full) {
-                lifetimes.erase(expired.front());
-                expired.erase(expired.begin());
-            }
-            lifetimes[mac] = 0;
-            expired.push_back(mac);
+        case 3:
+            ASSERT_EQ(create(mac) != nullptr, m_model.create(mac));
             break;
-        }
         default:
-            if (NODE_t* node = find(mac)) {
-                const auto lifetime = static_cast<uint16_t>(random() % 4 == 0 ? 0 : random() % 30);
-                set_lifetime(node, lifetime);
-                set(mac, lifetime);
-            }
+            renew(mac);
         }
-        std::map<mac_array, uint16_t> listed;
+    }
+    void renew(const mac_array& mac)
+    {
+        NODE_t* node = find(mac);
+        if (!node)
+            return;
+        const auto lifetime = static_cast<uint16_t>(m_random() % 4 == 0 ? 0 : m_random() % 30);
+        set_lifetime(node, lifetime);
+        m_model.set(mac, lifetime);
+    }
+    std::map<mac_array, uint16_t> listed()
+    {
+        std::map<mac_array, uint16_t> lifetimes;
         for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
-            listed[mac_of(*node)] = node->lifetime;
-        ASSERT_EQ(listed, lifetimes) << i;
-        ASSERT_EQ(living(), waiting.size()) << i;
+            lifetimes[mac_of(*node)] = node->lifetime;
+        return lifetimes;
+    }
+
+    lifetime_model m_model{limit};
+    std::mt19937_64 m_random{11};
+};
+
+} // namespace
+
+TEST_F(expiry_queue_random, lifetimes_and_room_agree_with_a_count_whatever_happens)
+{
+    for (int i = 0; i < 30'000; ++i) {
+        SCOPED_TRACE(i);
+        step();
+        ASSERT_FALSE(HasFatalFailure());
+        ASSERT_EQ(listed(), m_model.lifetimes());
+        ASSERT_EQ(living(), m_model.living());
     }
 }
 
