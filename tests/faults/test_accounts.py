@@ -282,15 +282,9 @@ def books(start_gateway, tmp_path):
     books.close()
 
 
-def test_every_message_is_accounted_for(books):
-    gateway, books = books
-    phase = max(1, MESSAGES // (6 * sum(chunk.messages for chunk in books.bridges.chunks)))
-    servers = books.servers.values()
-
-    books.bridges.flood(phase)                          # as fast as it goes
-    books.balance()
-
-    stop = threading.Event()                            # strangers and malformed commands in between
+def disturbed(books, gateway, phase: int):
+    """Strangers and malformed commands in between."""
+    stop = threading.Event()
 
     def disturb():
         while not stop.is_set():
@@ -298,45 +292,54 @@ def test_every_message_is_accounted_for(books):
             for text in ("zz", "08", "0810FF", "00" * 40, "08FF01" + "00" * 8):
                 gateway.proxy.publish(text)
                 books.commands += 1
-    threads = [threading.Thread(target=disturb)]
-    threads[0].start()
+    thread = threading.Thread(target=disturb)
+    thread.start()
     books.bridges.flood(phase)
     stop.set()
-    threads[0].join()
+    thread.join()
     wait_until(lambda: books.figures().sum("commands_total") == books.commands, "the commands", PATIENCE)
     assert books.figures()["commands_total", {"type": "undecodable", "outcome": "malformed"}] == books.commands // 5 * 3
     books.balance()
 
-    for server in servers:                              # servers that stand still, then go on
+
+def with_servers_that_stand_still(books, phase: int):
+    for server in books.servers.values():
         server.signal(signal.SIGSTOP)
     books.bridges.flood(phase)
     books.settled()
-    for server in servers:
+    for server in books.servers.values():
         server.signal(signal.SIGCONT)
     books.balance()
 
-    for server in servers:                              # slow ones
+
+def with_slow_servers(books, phase: int):
+    for server in books.servers.values():
         server.take_each(1000)
     books.bridges.flood(phase)
     books.settled()
-    for server in servers:
+    for server in books.servers.values():
         server.take_each(0)
     books.balance()
 
-    for server in servers:                              # killed when nothing is under way, and started again
+
+def without_servers(books, phase: int):
+    """Killed when nothing is under way, and started again."""
+    for server in books.servers.values():
         server.kill()
     wait_until(lambda: not any(books.figures()["upstream_link_up", {"link": name}] for name in books.servers), "the loss")
     books.bridges.flood(phase)
     books.settled()
-    for server in servers:
+    for server in books.servers.values():
         server.start()
-    lost = books.balance().sum("reports_lost_total")
-    assert lost > 0     # more than the queues hold
+    assert books.balance().sum("reports_lost_total") > 0    # more than the queues hold
 
-    flood = threading.Thread(target=books.bridges.flood, args=(phase,))     # killed at full speed, again and again
+
+def with_servers_killed_at_full_speed(books, phase: int):
+    """Again and again."""
+    flood = threading.Thread(target=books.bridges.flood, args=(phase,))
     flood.start()
     for _ in range(3):
-        for server in servers:
+        for server in books.servers.values():
             at = server.received
             wait_until(lambda: server.received > at + 500 or not flood.is_alive(), "the server to be served", PATIENCE)
             server.kill()
@@ -344,5 +347,17 @@ def test_every_message_is_accounted_for(books):
     flood.join()
     books.balance(is_exact=False)
     books.write_off()
-    books.bridges.flood(1)                              # and from here on to the message again
+
+
+def test_every_message_is_accounted_for(books):
+    gateway, books = books
+    phase = max(1, MESSAGES // (6 * sum(chunk.messages for chunk in books.bridges.chunks)))
+    books.bridges.flood(phase)      # as fast as it goes
+    books.balance()
+    disturbed(books, gateway, phase)
+    with_servers_that_stand_still(books, phase)
+    with_slow_servers(books, phase)
+    without_servers(books, phase)
+    with_servers_killed_at_full_speed(books, phase)
+    books.bridges.flood(1)          # and from here on to the message again
     books.balance()
