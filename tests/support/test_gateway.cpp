@@ -5,6 +5,7 @@
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
 #include "support/sock.h"
+#include "support/stop.h"
 #include "support/temp_file.h"
 #include "support/wait.h"
 #include "terminal/terminal_server.h"

@@ -1,7 +1,5 @@
 #include "support/wait.h"
 
-#include <czmq.h>
-
 #include <algorithm>
 #include <thread>
 
@@ -30,11 +28,6 @@ bool repeat_until(const std::function<bool()>& done, const std::function<void()>
 milliseconds left_until(steady_clock::time_point deadline)
 {
     return std::max(std::chrono::ceil<milliseconds>(deadline - steady_clock::now()), milliseconds(0));
-}
-
-void clear_stop()
-{
-    __atomic_store_n(&zsys_interrupted, 0, __ATOMIC_RELAXED);
 }
 
 } // namespace rtls

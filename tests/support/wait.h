@@ -1,4 +1,5 @@
-// wait - waiting for what another thread or the system does, and the daemon's request to stop.
+// wait - waiting for what another thread or the system does. A library of its own, for the tests of the logging
+// library and of the simulator, too.
 //
 // Threads    Any. A condition is asked on the thread that waits.
 // Failures   What does not come in time is false.
@@ -22,9 +23,4 @@ bool repeat_until(const std::function<bool()>& done, const std::function<void()>
 
 // What is left until then, for calls that take a time-out; none when it has passed.
 std::chrono::milliseconds left_until(std::chrono::steady_clock::time_point deadline);
-
-// Takes back that the process is to stop: the end of an actor asks for it, and the daemon never takes
-// it back. No actor may run.
-void clear_stop();
-
 } // namespace rtls

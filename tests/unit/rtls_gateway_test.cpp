@@ -9,10 +9,10 @@
 #include "server/win_server.h"
 #include "support/log_capture.h"
 #include "support/sanitizers.h"
+#include "support/stop.h"
 #include "support/tcp_listener.h"
 #include "support/temp_file.h"
 #include "support/test_gateway.h"
-#include "support/wait.h"
 #include "terminal/terminal_server.h"
 
 #include <gmock/gmock.h>

@@ -7,6 +7,7 @@
 #include "support/broker.h"
 #include "support/socket_options.h"
 #include "support/syslog_capture.h"
+#include "support/wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,7 +18,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -297,13 +297,10 @@ TEST_F(clogger, a_broker_in_the_place_of_another_kind_of_server_gets_the_records
     const std::string endpoint = wrong.get(zmq::sockopt::last_endpoint);
     logger_connect(m_logger.get(), endpoint.c_str());
     const auto tend_until = [&](auto condition) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!condition(logger_get_broker_state(m_logger.get())) &&
-               std::chrono::steady_clock::now() < end) {
+        return rtls::wait_until([&] {
             logger_tend_broker(m_logger.get());
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return condition(logger_get_broker_state(m_logger.get()));
+            return condition(logger_get_broker_state(m_logger.get()));
+        });
     };
     EXPECT_TRUE(tend_until([&](const tav_link_state& link) {
         logger_debug(m_main.get(), "to the wrong one");
@@ -469,12 +466,12 @@ TEST_F(short_memory, loses_what_is_to_be_said_of_a_broker_that_is_none)
     wrong.bind("tcp://127.0.0.1:*");
     const logger_ptr logger = make_logger(m_name.c_str());
     logger_connect(logger.get(), wrong.get(zmq::sockopt::last_endpoint).c_str());
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (logger_get_broker_state(logger.get()).failures == 0 && std::chrono::steady_clock::now() < end) {
+    EXPECT_TRUE(rtls::wait_until([&] {
         fail_allocation_after(0);
         logger_tend_broker(logger.get());
         (void)cancel_failing_allocation();
-    }
+        return logger_get_broker_state(logger.get()).failures != 0;
+    }));
     EXPECT_EQ(logger_get_counters(logger.get()).unstored, 1U);
 }
 

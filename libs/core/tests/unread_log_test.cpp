@@ -6,6 +6,7 @@
 #include "impl/log_queue.h"
 #include "support/socket_options.h"
 #include "support/syslog_capture.h"
+#include "support/wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -229,10 +230,7 @@ TEST_F(unread_log, a_thread_left_behind_touches_nothing_that_is_gone)
     EXPECT_TRUE(syslog_capture::is_open());
     syslog_capture::read_again();
     EXPECT_TRUE(syslog_capture::wait_for([](const auto& lines) { return lines.size() == 1; }));
-    const auto deadline = steady_clock::now() + patience;
-    while (syslog_capture::is_open() && steady_clock::now() < deadline)
-        std::this_thread::yield();
-    EXPECT_FALSE(syslog_capture::is_open()) << "it closes the log";
+    EXPECT_TRUE(rtls::wait_until([] { return !syslog_capture::is_open(); })) << "it closes the log";
     EXPECT_THAT(syslog_capture::take_texts(), ElementsAre("stuck")) << "and what was given up stays so";
 }
 

@@ -1,6 +1,6 @@
 #include "base/signals.h"
 
-#include "support/wait.h"
+#include "support/stop.h"
 
 #include <czmq.h>
 #include <gtest/gtest.h>

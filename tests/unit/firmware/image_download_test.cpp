@@ -2,8 +2,8 @@
 #include "firmware/image_download.h"
 #include "support/http_responder.h"
 #include "support/log_capture.h"
+#include "support/stop.h"
 #include "support/temp_file.h"
-#include "support/wait.h"
 
 #include <czmq.h>
 #include <gmock/gmock.h>

@@ -8,6 +8,7 @@
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/loop.h"
+#include "support/stop.h"
 #include "support/wait.h"
 #include "support/win_link.h"
 

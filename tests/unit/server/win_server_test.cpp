@@ -6,6 +6,7 @@
 #include "link/win_server_private.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
+#include "support/stop.h"
 #include "support/tcp_peer.h"
 #include "support/test_gateway.h"
 #include "support/wait.h"

@@ -12,6 +12,7 @@
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/sock.h"
+#include "support/stop.h"
 #include "support/temp_file.h"
 #include "support/test_gateway.h"
 #include "support/texts.h"

@@ -7,6 +7,7 @@
 #include "rtls-gateway.h"
 #include "server/win_server.h"
 #include "support/hex_bytes.h"
+#include "support/stop.h"
 #include "support/terminal_server_fixture.h"
 #include "support/wait.h"
 

@@ -2,16 +2,17 @@
 #include "gateway_config.h"
 #include "image.h"
 #include "network.h"
+#include "support/wait.h"
 
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 namespace sim {
@@ -20,13 +21,9 @@ using namespace std::chrono_literals;
 
 static constexpr auto patience = 60s; // sanitizers and busy machines are slow
 
-template <typename Condition>
-static bool comes_true(Condition&& condition)
+static bool comes_true(const std::function<bool()>& condition)
 {
-    for (const auto end = steady::now() + patience; steady::now() < end; poll(nullptr, 0, 5))
-        if (condition())
-            return true;
-    return false;
+    return rtls::wait_until(condition, patience);
 }
 
 // A daemon of our own, with its configuration in a directory that goes with it.
