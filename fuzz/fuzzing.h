@@ -15,6 +15,8 @@
 
 namespace rtls::fuzzing {
 
+using bytes_t = std::vector<uint8_t>;
+
 inline void require(bool condition)
 {
     if (!condition)
@@ -51,7 +53,7 @@ public:
     }
     bytes_view rest() { return view(m_rest.size()); }
     // A copy, in memory that ends where it ends: the sanitizer sees what is read past it.
-    std::vector<uint8_t> copy(size_t size)
+    bytes_t copy(size_t size)
     {
         const bytes_view taken = view(size);
         return {taken.begin(), taken.end()};

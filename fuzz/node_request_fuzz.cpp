@@ -7,11 +7,10 @@
 
 namespace rtls {
 
+using fuzzing::bytes_t;
 using fuzzing::require;
 
 namespace {
-
-using bytes_t = std::vector<uint8_t>;
 
 void append(bytes_t& to, bytes_view bytes)
 {

@@ -12,6 +12,7 @@
 
 namespace rtls {
 
+using fuzzing::bytes_t;
 using fuzzing::require;
 
 namespace {
@@ -29,8 +30,6 @@ constexpr unsigned direct_mask = 0x20;
 constexpr unsigned only_command = 0x40;
 constexpr unsigned is_long = 0x80;
 } // namespace what
-
-using bytes_t = std::vector<uint8_t>;
 
 struct fuzzed_world : idle_gateway {
     zsock_ptr channel{zsock_new_router("@inproc://request_channel_fuzz")};

@@ -13,6 +13,7 @@
 #include "support/tcp_listener.h"
 #include "support/temp_file.h"
 #include "support/test_gateway.h"
+#include "support/texts.h"
 #include "terminal/terminal_server.h"
 
 #include <gmock/gmock.h>
@@ -61,8 +62,6 @@ extern "C" int close(int file)
 namespace rtls {
 
 using testing::IsEmpty;
-
-using texts_t = std::vector<std::string>;
 
 namespace {
 

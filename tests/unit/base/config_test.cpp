@@ -3,6 +3,7 @@
 #include "base/czmq_ptr.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"
+#include "support/texts.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,13 +11,10 @@
 #include <climits>
 #include <filesystem>
 #include <string>
-#include <vector>
 
 namespace rtls {
 
 using testing::IsEmpty;
-
-using texts_t = std::vector<std::string>;
 
 // CZMQ forgets the file that it cannot parse. The daemon then ends, so it is left at that.
 extern "C" const char* __lsan_default_suppressions();
