@@ -44,6 +44,7 @@ struct freed_by_free {
     void operator()(void* p) const noexcept { std::free(p); }
 };
 using malloced_bytes = std::unique_ptr<uint8_t[], freed_by_free>;
+using malloced_text = std::unique_ptr<char[], freed_by_free>;
 
 // For a list of frames, which go with it.
 struct frames_destroyed {

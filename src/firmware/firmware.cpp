@@ -49,9 +49,14 @@ FIRMWARE_t* firmware_fetch(const char* url, std::string* reason)
         logger_error(g_logger, str_out_of_memory, reporter);
         return nullptr;
     }
-    firmware->name = basename(url); // the C library's own, which leaves the text as it is
-    if (!firmware->name) {
+    const char* name = basename(url); // the C library's own, which leaves the text as it is
+    if (!name) {
         logger_warning(g_logger, "%s: basename error on: %s", reporter, url);
+        return nullptr;
+    }
+    firmware->name.reset(strdup(name)); // the URL may be gone before the image is
+    if (!firmware->name) {
+        logger_error(g_logger, str_out_of_memory, reporter);
         return nullptr;
     }
 
@@ -62,7 +67,7 @@ FIRMWARE_t* firmware_fetch(const char* url, std::string* reason)
     firmware->size = image->size;
     firmware->crc32 = crc32_uninverted({firmware->memory.get(), firmware->size});
     firmware->version = setVersion(firmware->name);
-    logger_info(g_logger, "firmware image: %s crc: %04X version: %04X len: %lu", firmware->name,
+    logger_info(g_logger, "firmware image: %s crc: %04X version: %04X len: %lu", firmware->name.get(),
                 firmware->crc32, firmware->version, firmware->size);
     return firmware.release();
 }

@@ -21,9 +21,9 @@ namespace rtls {
 struct FIRMWARE_t {
     lent<malloced_bytes> memory; // the image
     size_t size = 0;
-    unsigned int crc32 = 0;     // of the whole image, without the usual inversions: the nodes' own rule
-    uint32_t version = 0;       // from the file name, 0 if it names none
-    const char* name = nullptr; // last component of the URL text given; borrowed, so gone with that text
+    unsigned int crc32 = 0;   // of the whole image, without the usual inversions: the nodes' own rule
+    uint32_t version = 0;     // from the file name, 0 if it names none
+    lent<malloced_text> name; // last component of the URL
 };
 
 // Downloads an image, or nullptr. Whatever a server answers with is the image: the status is not asked.
