@@ -71,7 +71,7 @@ public:
 
     bool receive(const bytes_t& frame)
     {
-        memcpy(m_bridge->pending_data, frame.data(), frame.size());
+        std::memcpy(m_bridge->pending_data, frame.data(), frame.size());
         m_bridge->pending_data_size = frame.size();
         return process_data_from_win_client(&server(), m_bridge);
     }

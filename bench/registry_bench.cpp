@@ -27,7 +27,7 @@ public:
             for (size_t k = 0; k < 3; ++k)
                 m_keys[i].mac[7 - k] = static_cast<uint8_t>(i >> 8 * k);
             m_keys[i].ip = {0x20, 0x01, 0x0D, 0xB8};
-            memcpy(&m_keys[i].ip[8], m_keys[i].mac.data(), mac_size);
+            std::memcpy(&m_keys[i].ip[8], m_keys[i].mac.data(), mac_size);
             NODE_t* node = nodes_container_find_or_create_by_mac(nodes(), m_keys[i].mac.data(), nullptr, 0);
             nodes_container_set_address(nodes(), node, m_keys[i].ip.data(), false);
             nodes_container_set_lifetime(nodes(), node, 300);

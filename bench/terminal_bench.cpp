@@ -24,7 +24,7 @@ static constexpr uint32_t bridges_number = 100;
 static zframe_ptr bridge_id(uint32_t number)
 {
     uint8_t id[5] = {};
-    memcpy(id + 1, &number, sizeof number);
+    std::memcpy(id + 1, &number, sizeof number);
     return zframe_ptr{zframe_new(id, sizeof id)};
 }
 
@@ -44,12 +44,12 @@ static nodes_container_ptr make_nodes(uint32_t count, uint32_t used_bridges)
     for (uint32_t i = 0; i < count; ++i) {
         const uint32_t shuffled = i * 2654435761U; // MACs in no order
         uint8_t mac[mac_size] = {0x00, 0x1A, 0x4C, 0x03};
-        memcpy(mac + 4, &shuffled, sizeof shuffled);
+        std::memcpy(mac + 4, &shuffled, sizeof shuffled);
         NODE_t* node = nodes_container_find_or_create_by_mac(nodes.get(), mac, nullptr, 0);
         const zframe_ptr id = bridge_id(i % used_bridges);
         node_update_win_client_ID(node, id.get());
         node->lifetime = 300;
-        memcpy(node->ip_addr + mac_size, mac, mac_size);
+        std::memcpy(node->ip_addr + mac_size, mac, mac_size);
     }
     return nodes;
 }

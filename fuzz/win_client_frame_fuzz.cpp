@@ -70,7 +70,7 @@ void process_frame(idle_gateway& gateway, bytes_view frame)
     bridge.pending_data.reset(static_cast<uint8_t*>(malloc(frame.size())));
     bridge.pending_data_size = bridge.pending_buffsize = frame.size();
     if (!frame.empty())
-        memcpy(bridge.pending_data, frame.data(), frame.size());
+        std::memcpy(bridge.pending_data, frame.data(), frame.size());
     process_data_from_win_client(&gateway.server(), &bridge);
 }
 

@@ -30,9 +30,9 @@ static size_t get_longest_section_lenght() // "lenght": sic
 // sections' records in columns.
 static void get_section_name(size_t index, char* buffer, size_t size)
 {
-    memset(buffer, ' ', size);
+    std::memset(buffer, ' ', size);
     buffer[size - 1] = '\0';
-    memcpy(buffer, dbg_section_name[index], strlen(dbg_section_name[index]));
+    std::memcpy(buffer, dbg_section_name[index], strlen(dbg_section_name[index]));
 }
 
 static tav_component_logger create_section_logger(size_t index)

@@ -45,7 +45,7 @@ bool prefix_list::contains(bytes_view value) const noexcept
 bool prefix_list::contains(in_addr address) const noexcept
 {
     std::array<uint8_t, sizeof address.s_addr> bytes{};
-    memcpy(bytes.data(), &address.s_addr, bytes.size());
+    std::memcpy(bytes.data(), &address.s_addr, bytes.size());
     return contains(bytes_view{bytes});
 }
 

@@ -69,7 +69,7 @@ static bool is_generic_request(zframe_t* command)
     int32_t value = 0;
     if (zframe_size(command) < sizeof value)
         return false;
-    memcpy(&value, zframe_data(command), sizeof value);
+    std::memcpy(&value, zframe_data(command), sizeof value);
     return value == WINSERW_SOCK_CMD_GENERIC_REQ;
 }
 

@@ -33,10 +33,10 @@ static bool is_last_command(NODE_t& node, bytes_view command)
 {
     if (node.last_data.size() != command.size())
         return false;
-    if (memcmp(node.last_data.data(), command.data(), sizeof(gwCmdID_t)) != 0)
+    if (std::memcmp(node.last_data.data(), command.data(), sizeof(gwCmdID_t)) != 0)
         return false;
     node.last_data[msgGeneric_t::seqNo] = command[msgGeneric_t::seqNo];
-    return memcmp(node.last_data.data(), command.data(), command.size()) == 0;
+    return std::memcmp(node.last_data.data(), command.data(), command.size()) == 0;
 }
 
 // False when memory is short: the node keeps its last command.

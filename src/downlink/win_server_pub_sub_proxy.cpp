@@ -34,7 +34,7 @@ static std::unique_ptr<char[]> copy_text(bytes_view text)
         logger_error(g_logger, str_out_of_memory, dispatcher);
         return nullptr;
     }
-    memcpy(copy.get(), text.data(), text.size());
+    std::memcpy(copy.get(), text.data(), text.size());
     copy[text.size()] = '\0';
     return copy;
 }

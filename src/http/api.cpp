@@ -132,7 +132,7 @@ static std::optional<node_counts> count_nodes(NODES_CONTAINER_t& nodes,
 static json bridge_json(const win_client_info& bridge, size_t nodes)
 {
     static constexpr uint8_t unnamed[mac_size]{};
-    const bool is_named = memcmp(bridge.mac_addr, unnamed, mac_size) != 0;
+    const bool is_named = std::memcmp(bridge.mac_addr, unnamed, mac_size) != 0;
     return {{"id", identity_key{bridge.id.get()}.c_str()},
             {"mac", is_named ? json(colon_mac_text{bridge.mac_addr}.c_str()) : json(nullptr)},
             {"address", ipv4_text{bridge.addr}.c_str()},

@@ -160,8 +160,8 @@ bool node_query::matches(const node_row& node, std::span<const win_client_info> 
 {
     if (status && status_of(node) != *status)
         return false;
-    if (bridge &&
-        (node.bridge == no_bridge || memcmp(bridges[node.bridge].mac_addr, bridge->data(), mac_size) != 0))
+    if (bridge && (node.bridge == no_bridge ||
+                   std::memcmp(bridges[node.bridge].mac_addr, bridge->data(), mac_size) != 0))
         return false;
     return text.empty() || contains(node, text);
 }
@@ -214,7 +214,7 @@ json node_json(const node_row& node, std::span<const win_client_info> bridges)
 
 static bool comes_before(const node_row& one, const node_row& other)
 {
-    return memcmp(one.mac_addr, other.mac_addr, mac_size) < 0;
+    return std::memcmp(one.mac_addr, other.mac_addr, mac_size) < 0;
 }
 
 void nodes_page::take(const node_row& row)
@@ -222,7 +222,7 @@ void nodes_page::take(const node_row& row)
     if (!m_query.matches(row, m_bridges))
         return;
     ++m_matching;
-    if (m_query.after && memcmp(row.mac_addr, m_query.after->data(), mac_size) <= 0)
+    if (m_query.after && std::memcmp(row.mac_addr, m_query.after->data(), mac_size) <= 0)
         return;
     ++m_behind;
     m_rows.push_back(row);

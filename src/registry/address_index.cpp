@@ -8,7 +8,7 @@ namespace rtls {
 address_index::address_key address_index::key_of(const uint8_t* ip_addr)
 {
     address_key key;
-    memcpy(key.data(), ip_addr, sizeof key);
+    std::memcpy(key.data(), ip_addr, sizeof key);
     return key;
 }
 

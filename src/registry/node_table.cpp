@@ -63,13 +63,13 @@ static uint64_t as_number(const uint8_t* mac)
 {
     uint64_t number = 0;
     static_assert(sizeof number == mac_size);
-    memcpy(&number, mac, sizeof number);
+    std::memcpy(&number, mac, sizeof number);
     return number;
 }
 
 static bool has_mac(const stored_node& node, const uint8_t* mac)
 {
-    return memcmp(node.mac_addr, mac, mac_size) == 0;
+    return std::memcmp(node.mac_addr, mac, mac_size) == 0;
 }
 
 size_t seeded_hash(uint64_t low, uint64_t high)

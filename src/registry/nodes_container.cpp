@@ -74,7 +74,7 @@ NODE_t* NODES_CONTAINER_t::create(const uint8_t* mac)
     std::unique_ptr<stored_node> new_node{new (std::nothrow) stored_node};
     if (!new_node)
         return nullptr;
-    memcpy(new_node->mac_addr, mac, mac_size);
+    std::memcpy(new_node->mac_addr, mac, mac_size);
     make_room();
     stored_node* node = m_nodes.insert(std::move(new_node));
     if (!node)
@@ -91,7 +91,7 @@ bool NODES_CONTAINER_t::is_admitted(const uint8_t* mac)
     m_foreign_nodes.store(m_foreign_nodes.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     if (m_foreign_episode.begins(zclock_mono())) {
         m_failures.foreign.emplace();
-        memcpy(m_failures.foreign->data(), mac, mac_size);
+        std::memcpy(m_failures.foreign->data(), mac, mac_size);
     }
     return false;
 }
@@ -139,23 +139,23 @@ NODE_t* NODES_CONTAINER_t::find_by_ip(const uint8_t* ip_addr)
     auto node = m_by_address.first_with(ip_addr);
     if (!node)
         node = m_nodes.find_first([=](const NODE_t& candidate) {
-            return !candidate.forwarded_ip && memcmp(candidate.ip_addr, ip_addr, ip_addr_size) == 0;
+            return !candidate.forwarded_ip && std::memcmp(candidate.ip_addr, ip_addr, ip_addr_size) == 0;
         });
     if (*node)
         return settled(*node);
     uint8_t mac[mac_size];
-    memcpy(mac, ip_addr + interface_identifier, mac_size);
+    std::memcpy(mac, ip_addr + interface_identifier, mac_size);
     mac[0] = first_mac_byte;
     return find_by_mac(mac);
 }
 
 void NODES_CONTAINER_t::set_address(NODE_t& node, const uint8_t* ip_addr, bool forwarded_ip)
 {
-    if (node.forwarded_ip == forwarded_ip && memcmp(node.ip_addr, ip_addr, ip_addr_size) == 0)
+    if (node.forwarded_ip == forwarded_ip && std::memcmp(node.ip_addr, ip_addr, ip_addr_size) == 0)
         return;
     auto& stored = static_cast<stored_node&>(node);
     m_by_address.remove(&stored);
-    memmove(node.ip_addr, ip_addr, ip_addr_size); // it may be the node's own
+    std::memmove(node.ip_addr, ip_addr, ip_addr_size); // it may be the node's own
     node.forwarded_ip = forwarded_ip;
     m_by_address.add(&stored);
 }

@@ -38,7 +38,7 @@ static std::optional<in_addr> local_address(msghdr& message)
         in_pktinfo info{};
         if (item->cmsg_len < CMSG_LEN(sizeof info))
             return std::nullopt;
-        memcpy(&info, CMSG_DATA(item), sizeof info);
+        std::memcpy(&info, CMSG_DATA(item), sizeof info);
         // Not ipi_addr: for a broadcast that is no address to connect to.
         return info.ipi_spec_dst;
     }

@@ -98,7 +98,7 @@ bool bridge_message_fixture::receive(const bytes_t& frame, WIN_CLIENT_t* from)
     from->pending_data.reset(static_cast<uint8_t*>(malloc(frame.size())));
     from->pending_data_size = from->pending_buffsize = frame.size();
     if (!frame.empty())
-        memcpy(from->pending_data, frame.data(), frame.size());
+        std::memcpy(from->pending_data, frame.data(), frame.size());
     return process_data_from_win_client(server, from);
 }
 

@@ -36,7 +36,7 @@ void idle_gateway::delete_nodes()
     const nodes_guard guard{*nodes()};
     while (const NODE_t* node = nodes_container_get_first(nodes())) {
         uint8_t mac[mac_size]; // the node's own goes with it
-        memcpy(mac, node->mac_addr, sizeof mac);
+        std::memcpy(mac, node->mac_addr, sizeof mac);
         nodes_container_delete(nodes(), mac);
     }
 }

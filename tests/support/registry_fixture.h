@@ -27,7 +27,7 @@ inline mac_array mac_of(uint64_t number)
 inline mac_array mac_of(const NODE_t& node)
 {
     mac_array mac;
-    memcpy(mac.data(), node.mac_addr, mac_size);
+    std::memcpy(mac.data(), node.mac_addr, mac_size);
     return mac;
 }
 

@@ -111,7 +111,7 @@ WIN_CLIENT_t* test_gateway::add_bridge(std::string_view identity, bytes_view mac
 {
     WIN_CLIENT_t* client = add_bridge({reinterpret_cast<const uint8_t*>(identity.data()), identity.size()});
     client->addr = ipv4_address(ip, port);
-    memcpy(client->mac_addr, mac.data(), mac_size);
+    std::memcpy(client->mac_addr, mac.data(), mac_size);
     return client;
 }
 

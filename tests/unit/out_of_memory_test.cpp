@@ -90,7 +90,7 @@ TEST_F(out_of_memory, costs_a_route_request_alone)
     // As receive() does, which allocates itself.
     bridge->pending_data.reset(static_cast<uint8_t*>(malloc(request.size())));
     bridge->pending_data_size = bridge->pending_buffsize = request.size();
-    memcpy(bridge->pending_data, request.data(), request.size());
+    std::memcpy(bridge->pending_data, request.data(), request.size());
     fail_next_allocations(1, 1000); // its lines in the log are shorter than its text
     EXPECT_TRUE(process_data_from_win_client(server, bridge));
     EXPECT_EQ(failures_left(), 0U);

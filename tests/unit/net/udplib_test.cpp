@@ -245,7 +245,7 @@ TEST(udp_recvmsg, tells_the_local_address_a_datagram_was_sent_to)
     EXPECT_EQ(header->cmsg_level, IPPROTO_IP);
     EXPECT_EQ(header->cmsg_type, IP_PKTINFO);
     in_pktinfo info{};
-    memcpy(&info, CMSG_DATA(header), sizeof info);
+    std::memcpy(&info, CMSG_DATA(header), sizeof info);
     EXPECT_EQ(info.ipi_spec_dst.s_addr, to.sin_addr.s_addr);
 }
 

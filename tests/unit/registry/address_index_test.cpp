@@ -22,7 +22,7 @@ TEST(address_index, has_the_nodes_by_their_own_address_alone)
     address_index index{table};
     const ip_bytes own = ip_of(1);
     auto made = std::make_unique<stored_node>();
-    memcpy(made->ip_addr, own.data(), ip_addr_size);
+    std::memcpy(made->ip_addr, own.data(), ip_addr_size);
     stored_node* node = table.insert(std::move(made));
     EXPECT_EQ(index.first_with(own.data()), std::optional<stored_node*>{nullptr});
     index.add(node);
@@ -47,7 +47,7 @@ TEST_F(address_index_test, an_address_finds_its_node)
     set_address(one, ip_of(3));
     EXPECT_EQ(find_ip(ip_of(1)), nullptr);
     EXPECT_EQ(find_ip(ip_of(3)), one);
-    EXPECT_EQ(memcmp(one->ip_addr, ip_of(3).data(), ip_addr_size), 0);
+    EXPECT_EQ(std::memcmp(one->ip_addr, ip_of(3).data(), ip_addr_size), 0);
     nodes_container_delete(nodes, mac_of(1).data());
     EXPECT_EQ(find_ip(ip_of(3)), nullptr);
 }
@@ -101,7 +101,7 @@ TEST_F(address_index_test, an_address_may_be_the_nodes_own)
     set_address(node, ip_of(1));
     nodes_container_set_address(nodes, node, node->ip_addr, true);
     EXPECT_TRUE(node->forwarded_ip);
-    EXPECT_EQ(memcmp(node->ip_addr, ip_of(1).data(), ip_addr_size), 0);
+    EXPECT_EQ(std::memcmp(node->ip_addr, ip_of(1).data(), ip_addr_size), 0);
 }
 
 // Every answer is the one that walking all nodes in table order would give.
@@ -109,10 +109,10 @@ TEST_F(address_index_test, addresses_agree_with_a_walk_whatever_happens)
 {
     const auto walked = [this](const ip_bytes& ip) -> NODE_t* {
         for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
-            if (!node->forwarded_ip && memcmp(node->ip_addr, ip.data(), ip_addr_size) == 0)
+            if (!node->forwarded_ip && std::memcmp(node->ip_addr, ip.data(), ip_addr_size) == 0)
                 return node;
         mac_array mac;
-        memcpy(mac.data(), &ip[8], mac_size);
+        std::memcpy(mac.data(), &ip[8], mac_size);
         mac[0] = 0xE4;
         return nodes_container_find_by_mac(nodes, mac.data());
     };

@@ -37,11 +37,11 @@ public:
     {
         zhashx_set_key_hasher(m_table.get(), [](const void* key) -> size_t {
             mac_array mac;
-            memcpy(mac.data(), key, mac_size);
+            std::memcpy(mac.data(), key, mac_size);
             return order_hash(mac);
         });
         zhashx_set_key_comparator(m_table.get(),
-                                  [](const void* a, const void* b) { return memcmp(a, b, mac_size); });
+                                  [](const void* a, const void* b) { return std::memcmp(a, b, mac_size); });
         zhashx_set_key_duplicator(m_table.get(), nullptr);
         zhashx_set_key_destructor(m_table.get(), nullptr);
         zhashx_set_destructor(m_table.get(), [](void** p_item) {
@@ -56,7 +56,7 @@ public:
         if (find(mac))
             return;
         void* item = malloc(mac_size);
-        memcpy(item, mac.data(), mac_size);
+        std::memcpy(item, mac.data(), mac_size);
         zhashx_insert(m_table.get(), item, item);
     }
     void remove(const mac_array& mac) { zhashx_delete(m_table.get(), mac.data()); }
@@ -64,7 +64,7 @@ public:
     {
         std::vector<mac_array> macs;
         for (void* item = zhashx_first(m_table.get()); item; item = zhashx_next(m_table.get()))
-            memcpy(macs.emplace_back().data(), item, mac_size);
+            std::memcpy(macs.emplace_back().data(), item, mac_size);
         return macs;
     }
 
@@ -153,7 +153,7 @@ TEST_F(container_order, macs_that_share_their_hash_do_no_harm)
             ASSERT_NE(create(mac), nullptr);
     EXPECT_EQ(nodes_container_get_size(nodes), macs.size());
     for (const auto& mac : macs)
-        EXPECT_EQ(memcmp(find(mac)->mac_addr, mac.data(), mac_size), 0);
+        EXPECT_EQ(std::memcmp(find(mac)->mac_addr, mac.data(), mac_size), 0);
     auto listed = in_order();
     std::sort(listed.begin(), listed.end());
     EXPECT_EQ(listed, macs);

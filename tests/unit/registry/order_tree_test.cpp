@@ -24,7 +24,7 @@ TEST(order_tree, has_the_first_node_in_table_order_whatever_goes_in_and_out)
     std::vector<stored_node*> nodes;
     for (uint64_t i = 0; i < 200; ++i) {
         auto made = std::make_unique<stored_node>();
-        memcpy(made->mac_addr, mac_of(i * 0x9E3779B9).data(), mac_size);
+        std::memcpy(made->mac_addr, mac_of(i * 0x9E3779B9).data(), mac_size);
         nodes.push_back(table.insert(std::move(made)));
         tree.insert(table, nodes.back());
     }
@@ -57,7 +57,7 @@ TEST_F(order_tree_test, shared_addresses_agree_with_a_walk_while_the_table_grows
     std::mt19937_64 random(7);
     const auto first_in_walk = [this](const ip_bytes& ip) -> NODE_t* {
         for (auto* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
-            if (!node->forwarded_ip && memcmp(node->ip_addr, ip.data(), ip_addr_size) == 0)
+            if (!node->forwarded_ip && std::memcmp(node->ip_addr, ip.data(), ip_addr_size) == 0)
                 return node;
         return nullptr; // no test node has the MAC that an interface identifier here stands for
     };

@@ -19,7 +19,7 @@ namespace rtls {
 static void set_bytes(uint8_t* to, const char* text)
 {
     const bytes_t bytes = hex(text);
-    memcpy(to, bytes.data(), bytes.size());
+    std::memcpy(to, bytes.data(), bytes.size());
 }
 
 // A node with a different value in every field.
@@ -83,7 +83,7 @@ TEST(node_line, without_activity)
              n.state = 0xF0;
              n.type = 0xFF;
              n.sublocation_id = 0xFF;
-             memset(n.ip_addr, 0xFF, sizeof n.ip_addr);
+             std::memset(n.ip_addr, 0xFF, sizeof n.ip_addr);
          },
          "f6071 unk f0 par:6e7f8 sw:ffffffff rgf:255 ttl:65535 sl:ff    dtx: no\n",
          "0a1b2c3d4e5:f6071 unk f0 par:6e7f8 sw:ffffffff rgf: 255 ttl:65535 sl:ff "
@@ -234,9 +234,9 @@ TEST(duplicate_addresses, take_little_time_among_ten_thousand)
     for (size_t i = 0; i < rows.size(); ++i) {
         rows[i].bridge = 0;
         rows[i].lifetime = 1;
-        memcpy(rows[i].ip_addr, &i, sizeof i);
+        std::memcpy(rows[i].ip_addr, &i, sizeof i);
     }
-    memcpy(rows[9'999].ip_addr, rows[0].ip_addr, sizeof rows[0].ip_addr);
+    std::memcpy(rows[9'999].ip_addr, rows[0].ip_addr, sizeof rows[0].ip_addr);
     const auto start = std::chrono::steady_clock::now();
     mark_duplicate_addresses(rows);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
@@ -285,7 +285,7 @@ TEST_F(snapshot_test, copies_every_field)
         node.state = sample.state;
         node.ranging_freq = sample.ranging_freq;
         node.sublocation_id = sample.sublocation_id;
-        memcpy(node.parent_addr, sample.parent_addr, sizeof node.parent_addr);
+        std::memcpy(node.parent_addr, sample.parent_addr, sizeof node.parent_addr);
     });
     std::vector<win_client_info> bridges;
     bridges.push_back(bridge("bridge one"));
@@ -340,7 +340,7 @@ TEST_F(snapshot_test, of_100000_nodes_holds_the_lock_for_a_moment)
 {
     for (uint32_t i = 0; i < 100'000; ++i) {
         bytes_t mac(8);
-        memcpy(mac.data(), &i, sizeof i);
+        std::memcpy(mac.data(), &i, sizeof i);
         m_gateway.add_node(mac, i % 2 != 0 ? "here" : "elsewhere");
     }
     std::vector<win_client_info> bridges;

@@ -44,7 +44,7 @@ TEST(short_mac, of_several_nodes_the_first_in_the_registrys_order_is_meant)
     {
         const nodes_guard guard{nodes};
         for (const NODE_t* node = nodes.first(); node; node = nodes.next())
-            memcpy(order.emplace_back().data(), node->mac_addr, mac_size);
+            std::memcpy(order.emplace_back().data(), node->mac_addr, mac_size);
     }
     for (const mac_array& mac : order) {
         EXPECT_EQ(find_mac_by_short(&nodes, 0xBEEF), mac);

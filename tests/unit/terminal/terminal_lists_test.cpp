@@ -49,7 +49,7 @@ TEST_F(terminal_lists_test, pn_groups_nodes_by_bridge)
 {
     m_gateway.add_bridge("bridge", hex("0A 1B 2C 3D 4E 5F 60 71"), "10.0.0.3", 1003);
     const bytes_t own_ip = hex("FE 80 00 00 00 00 00 00 00 00 00 00 00 00 00 01");
-    const auto with_own_ip = [&](NODE_t& node) { memcpy(node.ip_addr, own_ip.data(), own_ip.size()); };
+    const auto with_own_ip = [&](NODE_t& node) { std::memcpy(node.ip_addr, own_ip.data(), own_ip.size()); };
     m_gateway.add_node(hex("00 00 00 00 00 00 00 01"), "bridge", with_own_ip);
     m_gateway.add_node(hex("00 00 00 00 00 00 00 02"), "bridge",
                        [](NODE_t& node) { node.forwarded_ip = true; });

@@ -278,7 +278,7 @@ TEST_F(terminal_server_test, reboot_asks_the_win_server)
         const zframe_ptr command{zmsg_pop(message.get())};
         const int32_t generic_req = WINSERW_SOCK_CMD_GENERIC_REQ;
         ASSERT_EQ(zframe_size(command.get()), sizeof generic_req);
-        EXPECT_EQ(memcmp(zframe_data(command.get()), &generic_req, sizeof generic_req), 0);
+        EXPECT_EQ(std::memcmp(zframe_data(command.get()), &generic_req, sizeof generic_req), 0);
     }
 }
 

@@ -129,7 +129,7 @@ TEST_F(terminal_stream_test, a_subscriber_who_never_reads_does_not_stop_the_othe
 {
     for (uint32_t i = 0; i < 4'000; ++i) { // lines for four times the queue and the system's buffers
         bytes_t mac(8);
-        memcpy(mac.data(), &i, sizeof i);
+        std::memcpy(mac.data(), &i, sizeof i);
         m_gateway.add_node(mac);
     }
     operator_peer stalled{port(), 4096};

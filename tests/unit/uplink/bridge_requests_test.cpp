@@ -27,7 +27,7 @@ TEST_F(bridge_requests, a_panid_request_is_answered_to_all_bridges)
     EXPECT_EQ(node(bridge_mac)->lifetime, 300);
     EXPECT_NE(node(bridge_mac)->last_activity.tv_sec, 0);
     EXPECT_EQ(route_of(bridge_mac), "0011223344");
-    EXPECT_EQ(memcmp(bridge->mac_addr, hex(bridge_mac).data(), mac_size), 0);
+    EXPECT_EQ(std::memcmp(bridge->mac_addr, hex(bridge_mac).data(), mac_size), 0);
 }
 
 TEST_F(bridge_requests, a_panid_request_waits_for_the_running_timer)
@@ -75,7 +75,7 @@ TEST_F(bridge_requests, a_root_announcement_goes_upstream_without_its_version)
     EXPECT_EQ(node(bridge_mac)->lifetime, 300);
     EXPECT_NE(node(bridge_mac)->last_activity.tv_sec, 0);
     EXPECT_EQ(route_of(bridge_mac), "0011223344");
-    EXPECT_EQ(memcmp(bridge->mac_addr, hex("00 00 00 00 00 00 00 00").data(), mac_size), 0);
+    EXPECT_EQ(std::memcmp(bridge->mac_addr, hex("00 00 00 00 00 00 00 00").data(), mac_size), 0);
 }
 
 TEST_F(bridge_requests, a_flagged_root_announcement_goes_upstream_without_the_flags)

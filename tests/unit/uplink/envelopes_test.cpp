@@ -19,10 +19,10 @@ TEST_F(envelopes, an_envelope_registers_the_node_it_was_heard_from)
     EXPECT_NE(known->last_activity.tv_sec, 0);
     EXPECT_TRUE(known->forwarded_ip);
     EXPECT_FALSE(known->direct_mask);
-    EXPECT_EQ(memcmp(known->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
+    EXPECT_EQ(std::memcmp(known->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
     EXPECT_EQ(route_of(sender_mac), "0011223344");
     EXPECT_EQ(reports(), texts_t{});
-    EXPECT_EQ(memcmp(bridge->mac_addr, hex("00 00 00 00 00 00 00 00").data(), mac_size), 0);
+    EXPECT_EQ(std::memcmp(bridge->mac_addr, hex("00 00 00 00 00 00 00 00").data(), mac_size), 0);
 }
 
 TEST_F(envelopes, an_envelope_has_exactly_its_size)
@@ -60,7 +60,7 @@ TEST_F(envelopes, a_forwarded_heartbeat_names_this_bridge)
     EXPECT_EQ(reports(), texts_t{heartbeat_report}); // the bridge's MAC at its end
     EXPECT_TRUE(node(sender_mac)->forwarded_ip);
     EXPECT_EQ(node(sender_mac)->lifetime, 50);
-    EXPECT_EQ(memcmp(node(sender_mac)->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
+    EXPECT_EQ(std::memcmp(node(sender_mac)->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
     EXPECT_EQ(lines("develop"), texts_t{});
     EXPECT_EQ(node_count(), 1U);
 }
@@ -116,7 +116,7 @@ TEST_F(envelopes, a_transfer_through_another_client_leaves_the_route)
     const auto known = node(sender_mac);
     EXPECT_EQ(route_of(sender_mac), "0011223344");
     EXPECT_FALSE(known->forwarded_ip);
-    EXPECT_EQ(memcmp(known->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
+    EXPECT_EQ(std::memcmp(known->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
     EXPECT_EQ(known->lifetime, 150); // the rest is taken over
     EXPECT_EQ(reports().size(), 3U);
 
@@ -126,7 +126,7 @@ TEST_F(envelopes, a_transfer_through_another_client_leaves_the_route)
 
     EXPECT_TRUE(receive(envelope(hex("FF"), sender_mac, 0x0100, 9, other_ip), other_bridge));
     EXPECT_EQ(route_of(sender_mac), "0011223355");
-    EXPECT_EQ(memcmp(node(sender_mac)->ip_addr, hex(other_ip).data(), ip_addr_size), 0);
+    EXPECT_EQ(std::memcmp(node(sender_mac)->ip_addr, hex(other_ip).data(), ip_addr_size), 0);
 }
 
 TEST_F(envelopes, a_node_known_only_through_other_clients_has_no_route)

@@ -35,10 +35,10 @@ TEST_F(heartbeats, a_heartbeat_updates_its_node)
     EXPECT_EQ(known->lifetime, 50);
     EXPECT_FALSE(known->forwarded_ip);
     EXPECT_FALSE(known->direct_mask);
-    EXPECT_EQ(memcmp(known->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
-    EXPECT_EQ(memcmp(known->parent_addr, hex("B1 B2 B3 B4 B5 B6 B7 B8").data(), mac_size), 0);
+    EXPECT_EQ(std::memcmp(known->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
+    EXPECT_EQ(std::memcmp(known->parent_addr, hex("B1 B2 B3 B4 B5 B6 B7 B8").data(), mac_size), 0);
     EXPECT_EQ(route_of(sender_mac), "0011223344");
-    EXPECT_EQ(memcmp(bridge->mac_addr, hex(bridge_mac).data(), mac_size), 0);
+    EXPECT_EQ(std::memcmp(bridge->mac_addr, hex(bridge_mac).data(), mac_size), 0);
 }
 
 TEST_F(heartbeats, a_heartbeat_goes_upstream_big_endian_and_without_its_address)
@@ -134,7 +134,7 @@ TEST_F(heartbeats, the_bridge_of_a_connection_is_the_one_last_named)
         EXPECT_TRUE(receive(c.message));
         EXPECT_TRUE(receive(c.message)); // named again: no line
         EXPECT_EQ(lines("develop"), texts_t{"SLIP: Change connection MAC-address from " + c.then});
-        EXPECT_EQ(memcmp(bridge->mac_addr, hex(bridge_mac).data(), mac_size), 0);
+        EXPECT_EQ(std::memcmp(bridge->mac_addr, hex(bridge_mac).data(), mac_size), 0);
     }
     EXPECT_TRUE(receive(panid_req(9, "FA FB FC FD FE FF 0A 0B")));
     EXPECT_EQ(lines("develop"), texts_t{"SLIP: Change connection MAC-address from PANID_REQ " + shown +

@@ -80,7 +80,7 @@ TEST_F(registry_updates, a_direct_heartbeat_takes_the_forwarded_mark_away)
         ASSERT_TRUE(node(sender_mac)->forwarded_ip);
         EXPECT_TRUE(receive(heartbeat({.type = type, .seq = static_cast<uint8_t>(type)})));
         EXPECT_FALSE(node(sender_mac)->forwarded_ip);
-        EXPECT_EQ(memcmp(node(sender_mac)->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
+        EXPECT_EQ(std::memcmp(node(sender_mac)->ip_addr, hex(sender_ip).data(), ip_addr_size), 0);
     }
 }
 
