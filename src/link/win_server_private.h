@@ -86,10 +86,11 @@ struct WIN_SERVER_t {
     call_queue_slot calls_of_strangers; // the same, for threads that the actor does not know
     bool intake_is_paused = false;      // the WIN port is not read, while one of these waits
 
-    own_addresses own;            // these four guard the discovery port
+    own_addresses own;            // these five guard the discovery port
     rate_bound discovery_answers; // by requester
     refusal_episode own_datagrams;
     refusal_episode discovery_flood;
+    refusal_episode unsent_answers;
 
     int win_backlog = 0; // of the WIN port; 0: the library's default
     closed_id_set closed_ids;

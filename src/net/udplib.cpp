@@ -4,7 +4,10 @@
 #include "base/null_check.h"
 #include "base/unique_fd.h"
 
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 namespace rtls {
 
@@ -66,6 +69,24 @@ void udp_destroy(int handle)
         close(handle);
 }
 
+// Leaves errno as it is. EAGAIN may come with every datagram, and says nothing that the caller does not know.
+static void log_failure(const char* function, const char* call)
+{
+    const int error = errno;
+    if (error != EAGAIN)
+        log_system_call_error(function, call);
+    errno = error;
+}
+
+bool udp_never_wait(int handle)
+{
+    const int flags = fcntl(handle, F_GETFL);
+    if (flags != -1 && fcntl(handle, F_SETFL, flags | O_NONBLOCK) != -1)
+        return true;
+    log_system_call_error(__func__, "fcntl");
+    return false;
+}
+
 bool udp_sendto(int handle, const void* buffer, size_t length, const sockaddr_in* sockaddr, socklen_t si_len)
 {
     if (handle == -1)
@@ -73,7 +94,7 @@ bool udp_sendto(int handle, const void* buffer, size_t length, const sockaddr_in
     const auto* peer = reinterpret_cast<const struct sockaddr*>(sockaddr);
     if (sendto(handle, buffer, length, 0, peer, si_len) != -1)
         return true;
-    log_system_call_error(__func__, "sendto");
+    log_failure(__func__, "sendto");
     return false;
 }
 
@@ -85,7 +106,7 @@ ssize_t udp_recv(int handle, void* buffer, size_t length, sockaddr_in* sockaddr,
     const ssize_t received = recvfrom(handle, buffer, length, 0, peer, &si_len);
     if (received != -1)
         return received;
-    log_system_call_error(__func__, "recvfrom");
+    log_failure(__func__, "recvfrom");
     return 0;
 }
 
@@ -96,7 +117,7 @@ ssize_t udp_recvmsg(int handle, msghdr* msg)
     const ssize_t received = recvmsg(handle, msg, 0);
     if (received != -1)
         return received;
-    log_system_call_error(__func__, "recvmsg");
+    log_failure(__func__, "recvmsg");
     return 0;
 }
 

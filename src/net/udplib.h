@@ -2,8 +2,10 @@
 //
 // Ownership  The caller's is the descriptor, until udp_destroy.
 // Threads    A descriptor belongs to the thread that opened it.
-// Blocking   Receiving waits for a datagram, unless the caller knows that one is there.
-// Failures   Logged with the call's name and errno. A descriptor of -1 is refused silently.
+// Blocking   Receiving waits for a datagram, unless the caller knows that one is there; sending for room: what
+//            goes to neighbours that nobody has takes room for seconds. Neither after udp_never_wait.
+// Failures   Logged with the call's name and errno, but for EAGAIN: that is for the caller, who never waits. A
+//            descriptor of -1 is refused silently.
 #pragma once
 
 #include <netinet/in.h>
@@ -21,6 +23,9 @@ bool udp_new_connection(in_port_t port_nbr, int* handle);
 // The same on one address of this host alone. Datagrams to a broadcast address do not reach it then.
 bool udp_new_connection_at(in_addr own_address, in_port_t port_nbr, int* handle);
 void udp_destroy(int handle);
+
+// From now on nothing waits: what would have to fails with EAGAIN in errno.
+bool udp_never_wait(int handle);
 
 bool udp_sendto(int handle, const void* buffer, size_t length, const sockaddr_in* sockaddr, socklen_t si_len);
 

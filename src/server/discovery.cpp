@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <optional>
 
@@ -94,24 +95,33 @@ static bool is_our_own(WIN_SERVER_t& server, const sockaddr_in& requester)
 static bool may_answer(WIN_SERVER_t& server, const sockaddr_in& requester)
 {
     const int64_t now = zclock_mono();
-    const bool may = server.discovery_answers.allows(requester.sin_addr, now);
-    server.counts.discovery[may ? discovery_outcome::answered : discovery_outcome::flood].add();
-    if (may)
+    if (server.discovery_answers.allows(requester.sin_addr, now))
         return true;
+    server.counts.discovery[discovery_outcome::flood].add();
     if (server.discovery_flood.begins(now))
         logger_error(g_logger, "discovery: more than %u requests a second from %s are not answered!",
                      rate_bound::answers_a_second, ipv4_text{requester}.c_str());
     return false;
 }
 
+// An answer to a neighbour that nobody is waits for seconds in the system, and takes room of the socket's
+// meanwhile: whoever forges a few such addresses fills it.
+static void send_answer(WIN_SERVER_t& server, const sockaddr_in& requester, bytes_view answer)
+{
+    if (!may_answer(server, requester))
+        return;
+    const bool is_sent = udp_sendto(server.discovery_sock_descriptor, answer.data(), answer.size(),
+                                    &requester, sizeof requester);
+    const bool is_full = !is_sent && errno == EAGAIN;
+    server.counts.discovery[is_sent ? discovery_outcome::answered : discovery_outcome::unsent].add();
+    if (is_full && server.unsent_answers.begins(zclock_mono()))
+        logger_error(g_logger, "discovery: no room for answers, as for %s: not sent!",
+                     ipv4_text{requester}.c_str());
+}
+
 static void answer_datagram(WIN_SERVER_t* server, const discovery_datagram& datagram)
 {
-    const auto send = [&](bytes_view answer) {
-        if (!may_answer(*server, datagram.requester))
-            return;
-        udp_sendto(server->discovery_sock_descriptor, answer.data(), answer.size(), &datagram.requester,
-                   sizeof datagram.requester);
-    };
+    const auto send = [&](bytes_view answer) { send_answer(*server, datagram.requester, answer); };
     // The size comes first: an address echo has no command byte.
     if (datagram.size == discovery_echo::request_size)
         return send(discovery_echo_answer(datagram.requester.sin_addr, server->win_port));

@@ -6,7 +6,8 @@
 // Failures   What is no request is printed or ignored; an answer that cannot be sent is logged.
 // Abuse      An answer is itself a valid request, so that one datagram with a forged sender could keep us
 //            answering ourselves, or another gateway, for ever. What seems to come from our own port is never
-//            answered, and one address gets 100 answers a second; both are logged once an episode.
+//            answered, and one address gets 100 answers a second. Answers that find no room, since too many go to
+//            addresses that nobody has, are not sent. Each is logged once an episode.
 #pragma once
 
 #include "link/win_server_private.h"

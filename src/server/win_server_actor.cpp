@@ -61,7 +61,7 @@ static bool open_discovery(WIN_SERVER_t& server)
     if (server.discovery_address != "*")
         inet_pton(AF_INET, server.discovery_address.c_str(), &address); // read_door_address has checked it
     if (udp_new_connection_at(address, server.discovery_port, &server.discovery_sock_descriptor))
-        return true;
+        return udp_never_wait(server.discovery_sock_descriptor);
     server.discovery_sock_descriptor = -1; // whatever it holds is closed already
     return false;
 }

@@ -9,7 +9,9 @@ import time
 import pytest
 
 from harness import wire
-from harness.daemon import Daemon
+from harness.daemon import Daemon, free_port
+from harness.figures import Figures
+from harness.http_client import with_http
 from harness.peers import wait_until
 from network import Namespaces, available
 
@@ -136,6 +138,40 @@ def test_two_gateways_that_answer_each_other_are_bounded(tmp_path, figure):
         assert answers <= 101 * (seconds + 1)
     finally:
         for gateway in gateways:
+            gateway.close()
+        namespaces.close()
+
+
+@pytest.mark.measured
+@pytest.mark.skipif(not available(), reason="needs the rights to make network namespaces")
+def test_requests_from_addresses_that_nobody_has_hold_up_nobody(tmp_path, figure):
+    """What is answered waits in the system until it has given up asking for the neighbour, and fills the socket."""
+    namespaces, gateway = Namespaces(), None
+    try:
+        with namespaces.enter("ours"):
+            port = free_port()
+            gateway = Daemon(tmp_path, upstream=(), ports={"discovery": 4567}, change=with_http(port))
+            bridge = gateway.bridge(BRIDGE)
+        bridge.introduce()
+        bridge.barrier()
+        waits = []
+        with namespaces.enter("router"):
+            for number in range(400):
+                forge((f"10.77.1.{50 + number // 100}", 5000), ("10.77.1.1", 4567), bytes(6))
+                if number % 20 == 0:
+                    began = time.monotonic()
+                    bridge.barrier()
+                    waits.append(time.monotonic() - began)
+        said = wait_until(lambda: [line for line in gateway.syslog() if "no room for answers" in line], "the line")
+        bridge.barrier()
+        with namespaces.enter("ours"):
+            unsent = Figures(port)["discovery_requests_total", {"outcome": "unsent"}]
+        figure("the longest ping beside 400 requests from 4 addresses that nobody has", "3 s, again and again",
+               f"{max(waits) * 1000:.0f} ms")
+        assert len(said) == 1 and unsent > 0
+        assert max(waits) < 0.5, f"a ping waited {max(waits):.1f} s"
+    finally:
+        if gateway:
             gateway.close()
         namespaces.close()
 

@@ -266,6 +266,24 @@ TEST(udp, failures_are_logged_with_the_call)
                             "udp_recvmsg: recvmsg: 88, Socket operation on non-socket"));
 }
 
+TEST(udp_never_wait, has_calls_fail_that_would_wait)
+{
+    log_capture log;
+    const udp_socket here;
+    ASSERT_TRUE(udp_never_wait(here.handle));
+    char buffer[4];
+    sockaddr_in peer{};
+    msghdr msg{};
+    EXPECT_EQ(udp_recv(here.handle, buffer, sizeof buffer, &peer, sizeof peer), 0);
+    EXPECT_EQ(errno, EAGAIN);
+    errno = 0;
+    EXPECT_EQ(udp_recvmsg(here.handle, &msg), 0);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_THAT(log.messages("main"), IsEmpty());
+    EXPECT_FALSE(udp_never_wait(-1));
+    EXPECT_THAT(log.messages("main"), ElementsAre("udp_never_wait: fcntl: 9, Bad file descriptor"));
+}
+
 TEST(udp_sendto, refuses_what_no_datagram_holds)
 {
     log_capture log;
