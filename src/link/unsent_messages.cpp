@@ -151,13 +151,17 @@ static bool make_room(WIN_SERVER_t& server, const WIN_CLIENT_t& client, size_t s
     if (server.unsent_total.bytes() + size <= unsent_messages_total_limit)
         return true;
     const int64_t now = zclock_mono();
-    if (server.no_room_at == now) // looked a moment ago: a flood's messages do not walk the table each
+    const size_t own = client.unsent_messages.memory();
+    // Looked a moment ago: a flood's messages do not walk the table each. Who holds less than the one that was
+    // refused then is not the largest.
+    if (server.no_room_at == now && own >= server.refused_holding)
         return false;
     while (server.unsent_total.bytes() + size > unsent_messages_total_limit) {
         WIN_CLIENT_t* largest =
             server.clients.largest([](const WIN_CLIENT_t& c) { return c.unsent_messages.memory(); });
-        if (!largest || largest->unsent_messages.memory() <= client.unsent_messages.memory()) {
+        if (!largest || largest->unsent_messages.memory() <= own) {
             server.no_room_at = now;
+            server.refused_holding = own;
             return false;
         }
         note_loss(*largest);

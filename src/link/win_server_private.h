@@ -50,6 +50,7 @@ struct WIN_SERVER_t {
     curve_certificates certificates; // of the links upstream
     memory_sum unsent_total;         // of all clients' unsent messages
     int64_t no_room_at = -1;         // zclock_mono of when the largest holder was last refused more
+    size_t refused_holding = 0;      // and the memory of what waited for it
     memory_sum unfinished_total;     // of all clients' frames at hand
     refusal_episode frames_given_up;
     client_table clients;

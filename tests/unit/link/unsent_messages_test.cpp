@@ -308,6 +308,34 @@ TEST(unsent_messages, of_all_clients_are_bounded_and_the_largest_holder_gives_wa
                 testing::StartsWith("data_to_cache: win client [0000000008] IP 0.0.0.0:0 does not read: "));
 }
 
+TEST(unsent_messages, of_a_small_holder_find_room_the_moment_the_largest_has_been_refused)
+{
+    const win_link link;
+    const bytes_t message(mebibyte, 0x11);
+    const auto cache = [&](WIN_CLIENT_t* client, const bytes_t& data) {
+        return data_to_cache(&link.server(), client, data.data(), data.size());
+    };
+    for (uint32_t i = 0; i < 24; ++i) {
+        WIN_CLIENT_t* greedy = add_unreachable(link, i + 1);
+        for (int n = 0; n < 10; ++n)
+            ASSERT_TRUE(cache(greedy, message));
+    }
+    WIN_CLIENT_t* largest = add_unreachable(link, 100);
+    while (cache(largest, message)) {
+    }
+    ASSERT_LT(largest->unsent_messages.bytes(), unsent_messages_limit) << "it is the limit of all";
+    // Both in one millisecond of the clock, most times: the host may be busy elsewhere for the others.
+    for (uint32_t i = 0; i < 4; ++i) {
+        WIN_CLIENT_t* honest = add_unreachable(link, 1000 + i);
+        EXPECT_FALSE(cache(largest, message));
+        EXPECT_TRUE(cache(honest, message));
+        EXPECT_TRUE(largest->unsent_messages.empty()) << "it has given way";
+        while (cache(largest, message)) {
+        }
+        ASSERT_GT(largest->unsent_messages.bytes(), 10 * mebibyte) << "it is the largest again";
+    }
+}
+
 // A piece may hold thousands of messages, each of which is taken off the queue for itself.
 TEST(unsent_messages, of_many_clients_go_out_in_turns)
 {
