@@ -49,12 +49,13 @@ static void process_text(WIN_SERVER_t* server, const char* text)
     process_data_from_pub_sub_proxy(server, data.get(), data_size);
 }
 
-// The next text, zero-terminated; or null with the reason logged.
+// The next text, zero-terminated; or null with the reason logged. Never waits for one: the loop may call for a
+// text that a timer before it has taken from the socket, by connecting it again.
 static char* receive_text(WIN_SERVER_t& server, zsock_t* reader)
 {
     constexpr char function[] = "handle_pub_sub_proxy";
     message_part part;
-    if (!part.receive(zsock_resolve(reader), true)) {
+    if (!part.receive(zsock_resolve(reader))) {
         logger_error(g_logger, "%s: zstr_recv return NULL!", function);
         return nullptr;
     }
