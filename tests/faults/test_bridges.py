@@ -9,6 +9,7 @@ import statistics
 import struct
 import subprocess
 import sys
+import threading
 import time
 
 import pytest
@@ -44,17 +45,28 @@ def flood(gateway, connections: int, kind: str, reads: str = "deaf"):
 
 class Honest:
     """A bridge that pings, and keeps its node alive. `work`: what the bridges' thread did during each ping, in seconds
-    of processor time, which a busy host does not lengthen."""
+    of processor time, which a busy host does not lengthen. `waits`: what each ping took, but for the time in which the
+    host kept those at work (the bridges' thread, the library's, and us) waiting for a processor."""
 
     def __init__(self, gateway):
         self.bridge = gateway.bridge(HONEST)
         self.number = 0
-        self.work = []
-        pid = gateway.process.pid
-        self.schedule = pathlib.Path(f"/proc/{pid}/task/{thread_of(pid, 'rtls-win')}/schedstat")
+        self.work, self.waits = [], []
+        self.tasks = pathlib.Path(f"/proc/{gateway.process.pid}/task")
+        self.own = pathlib.Path(f"/proc/self/task/{threading.get_native_id()}")
+        self.bridges_thread = self.tasks / str(thread_of(gateway.process.pid, "rtls-win"))
+        self.at_work = [self.own, self.bridges_thread]
+        self.at_work += [task for task in self.tasks.iterdir() if (task / "comm").read_text().startswith("ZMQbg/IO")]
+
+    @staticmethod
+    def _schedule(task, field: int) -> float:
+        return int((task / "schedstat").read_text().split()[field]) / 1e9
 
     def worked(self) -> float:
-        return int(self.schedule.read_text().split()[0]) / 1e9
+        return self._schedule(self.bridges_thread, 0)
+
+    def kept_waiting(self) -> float:
+        return sum(self._schedule(task, 1) for task in self.at_work)
 
     def ping(self) -> float:
         """Seconds until the echo is there."""
@@ -62,12 +74,15 @@ class Honest:
         if self.number % 100 == 1:
             self.bridge.introduce(self.number % 255 + 1)
         mark = wire.ping(self.number % 200, b"honest")
-        began, before = time.monotonic(), self.worked()
+        worked, kept = self.worked(), self.kept_waiting()
+        began = time.monotonic()
         self.bridge.send_message(mark)
         while self.bridge.receive(60) != mark:
             pass
-        self.work.append(self.worked() - before)
-        return time.monotonic() - began
+        took = time.monotonic() - began
+        self.work.append(self.worked() - worked)
+        self.waits.append(took - (self.kept_waiting() - kept))
+        return took
 
     def pings(self, seconds: float, pause: float = 0.02) -> list:
         end = time.monotonic() + seconds
@@ -221,15 +236,16 @@ def test_two_hundred_flooding_bridges_leave_an_honest_one_its_turn(gateway, figu
     with flood(gateway, 200, "small", reads):
         honest.ping()
         honest.work.clear()
+        honest.waits.clear()
         times = honest.pings(5)
     median = statistics.median(times)
-    most = sorted(honest.work)[-2]    # the lines of the first moment are in one of them
+    # The lines of the first moment are in one of them.
+    most, longest = sorted(honest.work)[-2], sorted(honest.waits)[-2]
     figure(f"a ping among 200 flooding bridges that {'are deaf' if reads == 'deaf' else 'read'}, median (worst)",
            before, f"{ms(median)} ({ms(max(times))})")
     figure(f"the most work of the bridges' thread before an answer, of 200 that {'are deaf' if reads == 'deaf' else 'read'}",
            "1,215 ms" if reads == "read" else "536 ms", ms(most))
-    assert median < 0.1 or most < 0.05, "the host may be busy elsewhere"
-    assert most < 0.1
+    assert most < 0.1 and longest < 0.1, f"a ping waited {ms(longest)}, with the processors to be had"
 
 
 def test_a_full_house_is_said_once_and_costs_nothing(start_gateway, figure, monkeypatch):
