@@ -67,6 +67,7 @@ def test_a_download_from_a_name_that_nobody_knows_ends_with_the_daemon(start_gat
 
 @pytest.mark.slow
 def test_twenty_seconds_are_twenty_seconds_without_names(start_gateway, name_server, figure):
+    name_server.ask_patiently(30)    # whoever waits for the end of asking waits longer than that
     gateway = start_gateway(wrap=name_server.wrap)
     begin = time.monotonic()
     terminal = gateway.terminal()
@@ -74,4 +75,4 @@ def test_twenty_seconds_are_twenty_seconds_without_names(start_gateway, name_ser
     assert terminal.read_until("\n", 100) == "Failed to read firmware!\n"
     took = time.monotonic() - begin
     figure("a download", "28 to 56 s", f"{took:.1f} s")
-    assert took < 22, f"{took:.1f} s"
+    assert 19 < took < 22, f"{took:.1f} s"
