@@ -1,13 +1,9 @@
 #include "http/node_walk.h"
 
-#include <chrono>
 #include <thread>
 #include <vector>
 
 namespace rtls {
-
-// A thread that takes a lock again at once gets it before those that have been waiting for it.
-static constexpr std::chrono::microseconds turn_of_others{50};
 
 static node_table::part_walk begin_walk(NODES_CONTAINER_t& nodes)
 {

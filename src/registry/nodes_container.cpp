@@ -81,6 +81,7 @@ NODE_t* NODES_CONTAINER_t::create(const uint8_t* mac)
         return nullptr;
     m_by_address.add(node);
     m_expiry.add(*node);
+    ++of_short_mac(node->mac_addr);
     return node;
 }
 
@@ -129,6 +130,8 @@ NODE_t* NODES_CONTAINER_t::find_or_create_by_mac(const uint8_t* mac, const uint8
 
 NODE_t* NODES_CONTAINER_t::find_by_short_mac(uint8_t short_mac_hi, uint8_t short_mac_lo)
 {
+    if (!has_short_mac(short_mac_hi, short_mac_lo))
+        return nullptr;
     return settled(m_nodes.find_first([=](const NODE_t& node) {
         return node.mac_addr[6] == short_mac_hi && node.mac_addr[7] == short_mac_lo;
     }));
@@ -184,6 +187,7 @@ void NODES_CONTAINER_t::remove(const uint8_t* mac)
         return;
     m_by_address.remove(node.get());
     m_expiry.remove(*node);
+    --of_short_mac(node->mac_addr);
 }
 
 // --- by handle

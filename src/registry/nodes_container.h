@@ -19,13 +19,19 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace rtls {
+
+// Who walks the nodes in parts lets go of the lock for so long in between: a thread that takes a lock again at
+// once gets it before those that have been waiting for it.
+inline constexpr std::chrono::microseconds turn_of_others{50};
 
 // Why find_or_create_by_mac gave no node.
 enum class node_refusal : uint8_t { duplicate, no_room, foreign };
@@ -79,7 +85,14 @@ public:
     // Why the last such call that gave no node did so.
     node_refusal last_refusal() const RTLS_REQUIRES(this) { return m_refusal; }
 
-    // The first node in table order whose MAC ends in these two bytes, or nullptr. Walks the table.
+    // Whether the MAC of any node ends in these two bytes.
+    bool has_short_mac(uint8_t short_mac_hi, uint8_t short_mac_lo) const RTLS_REQUIRES(this)
+    {
+        return m_of_short_mac[size_t{short_mac_hi} << 8 | short_mac_lo] > 0;
+    }
+
+    // The first node in table order whose MAC ends in these two bytes, or nullptr. Walks the table if there is
+    // one, and nobody else has his turn meanwhile: operators' commands look in parts (terminal/short_mac.h).
     NODE_t* find_by_short_mac(uint8_t short_mac_hi, uint8_t short_mac_lo) RTLS_REQUIRES(this);
 
     // The first node in table order with this address (16 bytes) that is not marked forwarded_ip; else the
@@ -119,6 +132,10 @@ public:
 
 private:
     NODE_t* settled(stored_node* node) const;
+    uint32_t& of_short_mac(const uint8_t* mac) RTLS_REQUIRES(this)
+    {
+        return m_of_short_mac[size_t{mac[mac_size - 2]} << 8 | mac[mac_size - 1]];
+    }
     bool has_room();
     bool is_admitted(const uint8_t* mac) RTLS_REQUIRES(this);
     void make_room() RTLS_REQUIRES(this);
@@ -129,6 +146,8 @@ private:
     node_table m_nodes;
     address_index m_by_address{m_nodes};
     expiry_queue m_expiry;
+    std::vector<uint32_t> m_of_short_mac =
+        std::vector<uint32_t>(size_t{1} << 16); // nodes by their last two bytes
     node_refusal m_refusal = node_refusal::duplicate;
     refusal_episode m_no_room_episode;
     std::optional<prefix_list> m_admitted; // none: every MAC is

@@ -53,6 +53,24 @@ TEST(short_mac, of_several_nodes_the_first_in_the_registrys_order_is_meant)
     EXPECT_FALSE(delete_node_by_short_mac(&nodes, 0xBEEF));
 }
 
+// The container's own look holds the lock throughout, and knows the order.
+TEST(short_mac, is_found_in_parts_as_in_one_look)
+{
+    NODES_CONTAINER_t nodes;
+    for (uint16_t i = 0; i < 20'000; ++i)
+        add_node(nodes, static_cast<uint8_t>(i), static_cast<uint16_t>(i % 9000));
+    for (uint16_t short_mac = 0; short_mac < 9100; short_mac = static_cast<uint16_t>(short_mac + 7)) {
+        std::optional<mac_array> then;
+        {
+            const nodes_guard guard{nodes};
+            if (const NODE_t* node = nodes.find_by_short_mac(static_cast<uint8_t>(short_mac >> 8),
+                                                             static_cast<uint8_t>(short_mac)))
+                std::memcpy(then.emplace().data(), node->mac_addr, mac_size);
+        }
+        EXPECT_EQ(find_mac_by_short(&nodes, short_mac), then) << short_mac;
+    }
+}
+
 TEST(short_mac, deletes_that_node_alone)
 {
     NODES_CONTAINER_t nodes;
