@@ -6,6 +6,7 @@
 #pragma once
 
 #include "base/czmq_ptr.h"
+#include "core/tcp_silence.h"
 #include "terminal/filter.h"
 
 #include <netinet/in.h>
@@ -35,6 +36,11 @@ typedef struct TERMINAL_CLIENT {
     size_t refused_ahead = 0; // commands beyond what may wait, and all that came after
 
     int fd = -1; // the connection's descriptor as seen at connect, or -1; closed by the library, not by us
+
+    // Whether the other end has vanished while something was sent to it. Operators come by worse ways than
+    // servers, and nobody waits for them.
+    static constexpr int64_t longest_silence_ms = 30'000;
+    tcp_silence silence{longest_silence_ms};
 
     // Whether fd and client_addr are known to have been this connection's own when they were asked for.
     bool is_peer_proven = false;

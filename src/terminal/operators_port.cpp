@@ -20,8 +20,8 @@
 
 namespace rtls {
 
-// A connection whose other end has vanished without a word is closed after this and three more times
-// the interval.
+// An idle connection whose other end has vanished without a word is closed after this and three more times the
+// interval. (One with something unsent is never asked so: TERMINAL_CLIENT_t::silence is for that.)
 static constexpr int keepalive_idle_s = 60;
 static constexpr int keepalive_interval_s = 10;
 static constexpr int keepalive_probes = 3;
@@ -36,6 +36,7 @@ static void note_peer_address(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t& clie
         return;
     }
     client.fd = fd;
+    (void)client.silence.begin(fd);
     dbg_print(server->dbg_client_sock.get(), DBG_TERMINAL, console, "new terminal client [%s] IP %s:%d",
               id_str, ipv4_text{client.client_addr}.c_str(), ntohs(client.client_addr.sin_port));
 }
@@ -79,6 +80,67 @@ static bool is_refused(TERMINAL_SERVER_t* server, message_part& identity, const 
     return true;
 }
 
+// The address of a connection was asked for when its first event was handled, by a number that may have been
+// somebody else's by then. If no event was left in the socket at any time since, the connection had not ended
+// before: its end would have come. (It would not, had all the places of the queue been taken by other
+// events.)
+static bool can_be_proven(const TERMINAL_CLIENT_t& client)
+{
+    constexpr size_t queue_size = 1000; // the library's
+    return client.events < queue_size;
+}
+
+static bool is_proven(const TERMINAL_SERVER_t& server, const TERMINAL_CLIENT_t& client)
+{
+    return client.is_peer_proven || (can_be_proven(client) && server.drained != client.drained_before);
+}
+
+static void prove_peer(const TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client)
+{
+    if (client.is_peer_proven || !can_be_proven(client))
+        return;
+    client.is_peer_proven = is_proven(server, client);
+    ++client.events;
+}
+
+// --- those who have vanished
+
+static int handle_silence_check(zloop_t* loop, int timer_id, void* p_server) noexcept;
+
+// One after the other while somebody is connected: after a stall, missed ones would come in a row.
+static void plan_silence_check(TERMINAL_SERVER_t& server)
+{
+    if (server.silence_check_is_planned || !server.actor_loop)
+        return;
+    server.silence_check_is_planned = zloop_timer(server.actor_loop.get(), silence_judge::sample_every_ms, 1,
+                                                  handle_silence_check, &server) != -1;
+}
+
+// Their end comes as that of any other connection, once it is cut.
+static void cut_if_vanished(TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client, int64_t now)
+{
+    if (client.fd < 0 || !client.silence.has_vanished(now) || !is_proven(server, client))
+        return;
+    const identity_key key{client.id.get()};
+    dbg_print(server.dbg_client_sock.get(), DBG_TERMINAL, console, "terminal client [%s] has vanished",
+              key.c_str());
+    server.cuts.want(key.c_str(), client.fd, client.client_addr);
+}
+
+static int handle_silence_check(zloop_t* /*loop*/, int /*timer_id*/, void* p_server) noexcept
+{
+    auto* server = static_cast<TERMINAL_SERVER_t*>(p_server);
+    server->silence_check_is_planned = false;
+    const int64_t now = zclock_mono();
+    server->clients.for_each([=](TERMINAL_CLIENT_t& client) { cut_if_vanished(*server, client, now); });
+    server->cuts.carry_out(zsock_resolve(server->terminal_sock.get()), server->port);
+    if (server->clients.size() > 0)
+        plan_silence_check(*server);
+    return 0;
+}
+
+// --- events
+
 static void add_client(TERMINAL_SERVER_t* server, message_part& identity, const char* id_str)
 {
     if (is_refused(server, identity, id_str))
@@ -92,21 +154,10 @@ static void add_client(TERMINAL_SERVER_t* server, message_part& identity, const 
     client->id = std::move(id);
     client->drained_before = server->drained;
     note_peer_address(server, *client, identity.source_fd(), id_str);
-    if (server->clients.insert(id_str, std::move(client)))
-        server->counts.operators_accepted.add();
-}
-
-// The address of a connection was asked for when its first event was handled, by a number that may have been
-// somebody else's by then. If no event was left in the socket at any time since, the connection had not ended
-// before: its end would have come. (It would not, had all the places of the queue been taken by other
-// events.)
-static void prove_peer(const TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client)
-{
-    constexpr size_t queue_size = 1000; // the library's
-    if (client.is_peer_proven || client.events >= queue_size)
+    if (!server->clients.insert(id_str, std::move(client)))
         return;
-    client.is_peer_proven = server.drained != client.drained_before;
-    ++client.events;
+    server->counts.operators_accepted.add();
+    plan_silence_check(*server);
 }
 
 // Deletes the record of a client that sent "nothing", which is the mark of a disconnect. A chunk that

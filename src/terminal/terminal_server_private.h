@@ -47,6 +47,7 @@ struct TERMINAL_SERVER_t {
     std::set<std::string, std::less<>> forgotten_ids;
     connection_cuts cuts; // of those who quit and do not read
     uint64_t drained = 0; // how often no event was left in terminal_sock
+    bool silence_check_is_planned = false;
     full_house house{"operators"};
     closed_id_set refused_ids; // connections that may not come in
     terminal_counters counts;  // read by any thread

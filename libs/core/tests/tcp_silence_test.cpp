@@ -72,6 +72,13 @@ TEST(silence_judge, knows_who_has_vanished)
     }
 }
 
+TEST(silence_judge, may_be_told_of_a_longer_silence)
+{
+    silence_judge judge{30'000};
+    for (const auto& [at_ms, count, last_ack_ms] : unanswered(500, 30'000, 0))
+        EXPECT_EQ(judge.has_vanished(count, last_ack_ms, at_ms), at_ms == 30'000) << at_ms;
+}
+
 namespace {
 
 // A TCP connection of this process with itself.

@@ -46,7 +46,7 @@ bool tcp_silence::begin(int fd) noexcept
     const bool is_tcp = fd >= 0 && read_names(fd, m_names) && read_info(fd, info);
     m_fd = is_tcp ? fd : -1;
     m_is_bounded = false;
-    m_judge = {};
+    m_judge = silence_judge{m_silence_ms};
     return is_tcp;
 }
 

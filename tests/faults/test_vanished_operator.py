@@ -1,0 +1,59 @@
+"""An operator who vanishes behind a router, with lines on their way to him, does not stay for a quarter of an hour."""
+import re
+import time
+
+import pytest
+
+from harness import wire
+from harness.daemon import Daemon
+from harness.peers import Stream, wait_until
+from network import Namespaces, available
+
+GROUP = "Operators"
+pytestmark = [pytest.mark.measured, pytest.mark.slow,
+              pytest.mark.skipif(not available(), reason="needs the rights to make network namespaces")]
+
+BRIDGE = wire.mac(0xB001)
+
+
+@pytest.fixture
+def namespaces():
+    spaces = Namespaces()
+    yield spaces
+    spaces.close()
+
+
+def sessions(operator) -> set:
+    return set(re.findall(r"ip:([0-9.]+):\d+ sub:", operator.command("pcl", "\n##\n")))
+
+
+def test_an_operator_who_vanished_among_lines_is_gone_and_one_who_does_not_read_stays(tmp_path, namespaces, figure):
+    with namespaces.enter("ours"):
+        gateway = Daemon(tmp_path, upstream=())
+        bridge, here = gateway.bridge(BRIDGE), gateway.terminal()
+    with namespaces.enter("router"):
+        deaf = Stream(gateway.ports["terminal"], host="10.77.1.1", rcvbuf=2048)
+    with namespaces.enter("server"):
+        vanishing = Stream(gateway.ports["terminal"], host="10.77.1.1")
+    try:
+        here.command("dbg raw y", "ul_tdoa n\n")
+        for subscriber in (deaf, vanishing):
+            subscriber.send(b"sub\n")
+            wait_until(lambda: subscriber.pull(0.2), "the subscription")
+        assert sessions(here) == {"127.0.0.1", "10.77.1.2", "10.77.2.2"}
+        namespaces.route(False)
+        gone = time.monotonic()
+
+        def is_noticed():
+            bridge.introduce(int(time.monotonic() * 10) % 255 + 1)
+            bridge.barrier()        # its lines go to both
+            return "10.77.2.2" not in sessions(here)
+        wait_until(is_noticed, "the end of the session", 120)
+        noticed = time.monotonic() - gone
+        figure("until a session that is owed lines is gone", "15 min", f"{noticed:.0f} s")
+        assert noticed < 40
+        assert sessions(here) == {"127.0.0.1", "10.77.1.2"}, "who does not read is not cut off"
+    finally:
+        for stream in (deaf, vanishing, bridge, here):
+            stream.close()
+        gateway.close()
