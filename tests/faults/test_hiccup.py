@@ -75,7 +75,7 @@ def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, figure):
     assert sorted(waits)[90] < 0.05 and max(waits) < 0.5, f"a ping waited {max(waits) * 1000:.0f} ms"
 
 
-def test_a_handler_that_is_slow_delays_pings_for_a_moment_only(start_gateway):
+def test_a_handler_that_is_slow_delays_pings_for_a_moment_only(start_gateway, figure):
     gateway, handler, flooding, honest = flooded(start_gateway)
     flooding.sock.setblocking(False)
     rest, waits = b"", []
@@ -93,7 +93,11 @@ def test_a_handler_that_is_slow_delays_pings_for_a_moment_only(start_gateway):
         honest.barrier()
         waits.append(time.monotonic() - begin)
     handler.close(0)
-    assert max(waits) < 1, f"a ping waited {max(waits) * 1000:.0f} ms"
+    waits.sort()
+    median, most = waits[len(waits) // 2], waits[len(waits) * 99 // 100]
+    figure("a ping beside a handler that takes a few hundred reports a second, median (99 %)", "-",
+           f"{median * 1000:.1f} ms ({most * 1000:.0f} ms)")
+    assert median < 0.02 and most < 0.1, f"a ping took {median * 1000:.0f} ms, and {most * 1000:.0f} ms now and then"
     wait_until(lambda: overflows(gateway), "the overflow")
 
 
