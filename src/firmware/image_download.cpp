@@ -223,7 +223,8 @@ static bool names_special_file(const char* url)
         return false; // the transfer itself reports it
     const auto scheme = url_part(parsed.get(), CURLUPART_SCHEME);
     const auto path = url_part(parsed.get(), CURLUPART_PATH);
-    return scheme && path && std::strcmp(scheme.get(), "file") == 0 && is_special_file(path.get());
+    // A path that cannot be told (it has control characters) may name anything.
+    return scheme && std::strcmp(scheme.get(), "file") == 0 && (!path || is_special_file(path.get()));
 }
 
 namespace {

@@ -417,8 +417,12 @@ TEST(image_download, files_that_could_block_are_refused)
     const temp_file pipe{"pipe"};
     ASSERT_EQ(mkfifo(pipe.path(), 0600), 0);
     const std::string pipe_in_capitals = "FILE" + pipe.url().substr(4);
+    const temp_file odd_pipe{"pi\x01pe"};
+    ASSERT_EQ(mkfifo(odd_pipe.path(), 0600), 0);
+    std::string odd_url = odd_pipe.url();
+    odd_url.replace(odd_url.find('\x01'), 1, "%01");
     log_capture log;
-    for (const std::string& url : {pipe.url(), pipe_in_capitals, std::string{"file:///dev/zero"},
+    for (const std::string& url : {pipe.url(), pipe_in_capitals, odd_url, std::string{"file:///dev/zero"},
                                    std::string{"file:///proc/self/status"}, std::string{"file:///proc/kmsg"},
                                    std::string{"file:///sys/kernel/uevent_seqnum"},
                                    std::string{"file:///dev/%7Aero"}, std::string{"file:///"}}) {
