@@ -16,6 +16,8 @@ namespace rtls {
 
 // Each costs two calls of the system.
 static constexpr size_t most_asked = 256;
+// Each costs its record, and a line.
+static constexpr size_t most_ended = 1024;
 // What is old by calls of end_silent_bridges.
 static constexpr uint64_t silent_checks = 2;
 
@@ -40,28 +42,36 @@ static void end_without_notice(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
 
 // --- the library knows no way to it
 
+static int end_unreachable(zloop_t* loop, int timer_id, void* p_server) noexcept;
+
+static void plan_end(WIN_SERVER_t& server)
+{
+    if (!server.end_timer_is_active && server.actor_loop)
+        server.end_timer_is_active = zloop_timer(server.actor_loop, 1, 1, end_unreachable, &server) != -1;
+}
+
+// One walk for as many as have room; the others have their end the next time.
 static int end_unreachable(zloop_t* /*loop*/, int /*timer_id*/, void* p_server) noexcept
 {
     auto& server = *static_cast<WIN_SERVER_t*>(p_server);
     server.end_timer_is_active = false;
-    const auto find = [&server] {
-        const WIN_CLIENT_t* found = nullptr;
-        server.clients.for_each([&](const WIN_CLIENT_t& client) {
-            if (client.is_unreachable)
-                found = &client;
-        });
-        return found;
-    };
-    while (const WIN_CLIENT_t* client = find())
-        end_without_notice(server, *client);
+    std::array<const WIN_CLIENT_t*, most_ended> found; // not cleared: so many as are found are read
+    size_t number = 0;
+    server.clients.for_each([&](const WIN_CLIENT_t& client) {
+        if (client.is_unreachable && number < found.size())
+            found[number++] = &client;
+    });
+    for (size_t i = 0; i < number; ++i)
+        end_without_notice(server, *found[i]);
+    if (number == found.size())
+        plan_end(server);
     return 0;
 }
 
 void note_unreachable(WIN_SERVER_t& server, WIN_CLIENT_t& client)
 {
     client.is_unreachable = true;
-    if (!server.end_timer_is_active && server.actor_loop)
-        server.end_timer_is_active = zloop_timer(server.actor_loop, 1, 1, end_unreachable, &server) != -1;
+    plan_end(server);
 }
 
 // --- the system knows it no more

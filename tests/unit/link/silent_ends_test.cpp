@@ -7,6 +7,8 @@
 #include "link/win_server_win_clients.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
+#include "support/processor_time.h"
+#include "support/sanitizers.h"
 #include "support/wait.h"
 #include "support/win_link.h"
 
@@ -15,6 +17,9 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
 
 namespace rtls {
 
@@ -49,6 +54,14 @@ protected:
     {
         return "SLIP: Connection closed by peer IP:127.0.0.1:" + std::to_string(ntohs(client.addr.sin_port)) +
                " MAC:00000000000:00000 ID:[" + identity_key{client.id}.c_str() + "]";
+    }
+    void wait_for_all_ends()
+    {
+        zloop_timer(
+            link.loop(), 1, 0,
+            [](zloop_t*, int, void* p) { return static_cast<const win_link*>(p)->clients() == 0 ? -1 : 0; },
+            const_cast<win_link*>(&link));
+        zloop_start(link.loop());
     }
     bool is_waiting() const { return (zsock_events(link.server().win_sock) & ZMQ_POLLIN) != 0; }
 
@@ -144,12 +157,27 @@ TEST_F(silent_ends, a_connection_that_the_library_knows_no_way_to_has_ended)
                                  data_to_all_bridges(link.server(), message);
                              }));
     EXPECT_EQ(link.clients(), 1U) << "the work at hand may need it";
-    zloop_timer(
-        link.loop(), 1, 0,
-        [](zloop_t*, int, void* p) { return static_cast<const win_link*>(p)->clients() == 0 ? -1 : 0; },
-        const_cast<win_link*>(&link));
-    zloop_start(link.loop());
+    wait_for_all_ends();
     EXPECT_THAT(log.messages("win"), ElementsAre(then));
+}
+
+// A pause of the host may be the end of thousands: one walk through the table for each takes a second.
+TEST_F(silent_ends, of_thousands_cost_no_walk_each)
+{
+    constexpr uint32_t bridges = 5000;
+    WIN_SERVER_t& server = link.server();
+    for (uint32_t i = 1; i <= bridges; ++i) {
+        const bytes_t identity{0x7F, 0, 0, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
+        const zframe_ptr id{zframe_new(identity.data(), identity.size())};
+        WIN_CLIENT_t* client =
+            server.clients.insert(identity_key{identity}.c_str(), win_client_ptr{win_client_new(id.get())});
+        ASSERT_NE(client, nullptr);
+        note_unreachable(server, *client);
+    }
+    const auto before = processor_time();
+    wait_for_all_ends();
+    EXPECT_LT(processor_time() - before, slowness * std::chrono::milliseconds{100});
+    EXPECT_EQ(server.counts.bridges_closed.value(static_cast<size_t>(bridge_end::peer)), bridges);
 }
 
 } // namespace rtls
