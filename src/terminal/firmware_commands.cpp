@@ -170,7 +170,9 @@ static constexpr struct {
     {"list", subcommand_list}, {"info", subcommand_info}, {"del", subcommand_del},
 };
 
-// An operator who cannot be reached gets nothing done: nobody would see the outcome.
+// An operator who cannot be reached gets nothing done: nobody would see the outcome. But of an image: who merely
+// does not read is owed it when it comes, which may be long after his answer was to be addressed; it is not
+// fetched for who has gone, as far as the system knows.
 void command_firmware(const terminal_request& request)
 {
     if (request.words.size() >= 3 && strcasecmp(request.words[1], "get") == 0 &&

@@ -7,6 +7,7 @@ import pytest
 
 from frozen import frozen
 from harness.peers import wait_until
+from test_downloads import image
 
 GROUP = "Operators"
 pytestmark = pytest.mark.measured
@@ -47,6 +48,20 @@ def test_subscribers_who_do_not_read_cost_the_others_one_wait_each(gateway, figu
     figure("50 commands beside 20 who do not read", "4.0 s for the first 3", f"{took:.2f} s")
     for sock in deaf:
         sock.close()
+
+
+def test_who_does_not_read_gets_his_image_fetched_all_the_same(gateway, tmp_path):
+    """Whether he takes the answer is not known before there is one."""
+    operator, deaf = gateway.terminal(), operator_who_reads_nothing(gateway.ports["terminal"])
+    operator.command("dbg terminal y", "ul_tdoa n\n")
+    for _ in range(20_000):
+        if answered_in(operator, WORD) > 0.09:
+            break
+    file = tmp_path / "image.bin"
+    file.write_bytes(image(0xABCDEF))
+    deaf.sendall(f"fw get file://{file}\n".encode())
+    wait_until(lambda: "ABCDEF" in operator.command("fw list", "\n") + operator.command("sub-", "\n"), "the image")
+    deaf.close()
 
 
 def test_who_reads_again_gets_lines_again(gateway):
