@@ -17,7 +17,7 @@ namespace rtls {
 
 // The largest commands carry a URL, whose length has 16 bits: 12 + 65,535 bytes, 131,094 digits. (Data for the
 // network have 65,535 bytes with all their heads, generic requests 800.) A text that is far beyond can only
-// cost: its copies, its line in the debug stream, and what the repeat filter remembers of it for each node.
+// cost: its copies, and its line in the debug stream.
 static constexpr size_t largest_command = ota_upload::size + UINT16_MAX;
 static constexpr size_t text_limit = size_t{256} * 1024;
 static_assert(gwMsgFwImageAvailInd_t::size <= ota_upload::size);

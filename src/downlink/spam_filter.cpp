@@ -5,6 +5,8 @@
 #include "base/null_check.h"
 #include "registry/nodes_container.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <ctime>
 #include <new>
@@ -25,6 +27,45 @@ static bool is_within_repeat_interval(timeval earlier, timeval now)
         seconds -= 1;
     }
     return seconds == 0 && microseconds < repeat_interval_us;
+}
+
+// Commands up to this size are kept as they are: nearly all. A larger one may have 128 KiB, for each node.
+static constexpr size_t kept_whole = 512;
+
+namespace {
+
+namespace digest {         // kept of a larger command
+constexpr size_t head = 0; // its type and sequence number
+constexpr size_t command_size = 3;
+constexpr size_t hash = 11; // of all that follows its head
+constexpr size_t size = 19;
+static_assert(command_size == msgGeneric_t::seqNo + 1 && hash == command_size + sizeof(uint64_t) &&
+              size == hash + sizeof(uint64_t));
+} // namespace digest
+
+} // namespace
+
+// Seeded, so that nobody can send two that agree; by accident they do once in 2^64.
+static uint64_t hash_of(bytes_view bytes)
+{
+    uint64_t hash = bytes.size();
+    for (; !bytes.empty(); bytes = bytes.subspan(std::min(bytes.size(), sizeof hash))) {
+        uint64_t word = 0;
+        std::memcpy(&word, bytes.data(), std::min(bytes.size(), sizeof word));
+        hash = seeded_hash(word, hash);
+    }
+    return hash;
+}
+
+static std::array<uint8_t, digest::size> digest_of(bytes_view command)
+{
+    std::array<uint8_t, digest::size> made{};
+    const uint64_t size = command.size();
+    const uint64_t hash = hash_of(command.subspan(digest::command_size));
+    std::memcpy(made.data() + digest::head, command.data(), digest::command_size);
+    std::memcpy(made.data() + digest::command_size, &size, sizeof size);
+    std::memcpy(made.data() + digest::hash, &hash, sizeof hash);
+    return made;
 }
 
 // Whether `command` is the node's last one. Sequence numbers (byte 2, whatever it is in this type) do not
@@ -73,7 +114,12 @@ bool spam_filter(NODES_CONTAINER_t& nodes, bytes_view data, timeval now)
     if (data.size() < proxy_command_min)
         return false;
     const bytes_view command = data.first(data.size() - mac_size);
-    const verdict found = judge(nodes, command, data.last(mac_size).data(), now);
+    std::array<uint8_t, digest::size> of_large{};
+    const bool is_large = command.size() > kept_whole;
+    if (is_large)
+        of_large = digest_of(command);
+    const verdict found =
+        judge(nodes, is_large ? bytes_view{of_large} : command, data.last(mac_size).data(), now);
     if (found == verdict::out_of_memory)
         logger_error(g_logger, str_out_of_memory, __func__);
     return found == verdict::repeats;

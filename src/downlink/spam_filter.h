@@ -1,7 +1,8 @@
 // spam_filter - drops a command that repeats the node's last one.
 //
 // Servers repeat commands, and each costs radio time. What is remembered of a node stands in its record:
-// the bytes of its last command, without the MAC, and the time of the last one that came.
+// the bytes of its last command, without the MAC, and the time of the last one that came. Of a command above
+// 512 bytes its size and a hash of 64 bits: what is remembered takes at most half a KiB a node.
 // Threads    WIN server thread. Takes the registry's lock itself; nothing waits.
 // Bytes      As the dispatcher has them: the type little-endian, the rest as it came.
 // Failures   A null argument, or memory that is short, is logged; the command passes then.

@@ -41,7 +41,7 @@ struct NODE_t {
     uint8_t state = 0;              // high four bits of the heartbeat's role byte, unshifted
     bool forwarded_ip = false;      // ip_addr came in a forwarded message and does not identify the node
     uint8_t sequence_number = 0;    // of the last accepted message
-    std::vector<uint8_t> last_data; // the last command sent to the node, without its MAC; keeps its memory
+    std::vector<uint8_t> last_data; // of the last command sent to the node, without its MAC; keeps its memory
     timeval last_data_time = {};
     bool direct_mask =
         false; // its last forwarded message came to its bridge directly; goes into wrapped commands

@@ -129,6 +129,32 @@ TEST_F(spam_filter_test, the_copy_grows_and_never_shrinks)
     EXPECT_EQ(std::memcmp(node()->last_data.data(), hex("100801").data(), 3), 0);
 }
 
+TEST_F(spam_filter_test, of_large_commands_little_is_kept_and_every_byte_counts)
+{
+    const auto of = [](size_t size, size_t odd_byte = 0) {
+        bytes_t command(size, 0x55);
+        command[0] = 0x04;
+        command[1] = 0x08;
+        if (odd_byte > 0)
+            command[odd_byte] ^= 1;
+        return to_hex(command) + mac;
+    };
+    long long at = 0;
+    for (const size_t size : {511U, 512U, 513U, 514U, 520U, 521U, 65'536U}) {
+        SCOPED_TRACE(size);
+        EXPECT_FALSE(is_repeat(of(size), ++at));
+        EXPECT_TRUE(is_repeat(of(size), ++at));
+        EXPECT_TRUE(is_repeat(of(size, 2), ++at)) << "sequence numbers do not count";
+        EXPECT_FALSE(is_repeat(of(size + 1), ++at));
+        EXPECT_FALSE(is_repeat(of(size), ++at));
+        for (const size_t odd : {size_t{1}, size_t{3}, size / 2, size - 2, size - 1}) {
+            EXPECT_FALSE(is_repeat(of(size, odd), ++at)) << odd;
+            EXPECT_FALSE(is_repeat(of(size), ++at)) << odd;
+        }
+        EXPECT_LE(node()->last_data.capacity(), 512U);
+    }
+}
+
 TEST_F(spam_filter_test, a_repeat_moves_the_time_but_not_the_copy)
 {
     is_repeat("1008AA" + mac, 0);
