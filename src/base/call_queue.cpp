@@ -20,22 +20,26 @@ bool call_queue::join(zloop_t* loop)
 
 void call_queue::close()
 {
-    std::vector<std::function<void()>> dropped; // freed outside the lock
+    std::list<std::function<void()>> dropped; // freed outside the lock
     const mutex_guard lock(m_mutex);
     m_is_closed = true;
     dropped.swap(m_calls);
 }
 
 void call_queue::post(std::function<void()> call) noexcept
+try {
+    post(prepared_call{std::move(call)});
+} catch (const std::bad_alloc&) {
+    logger_error(g_logger, str_out_of_memory, "call_queue");
+}
+
+void call_queue::post(prepared_call&& call) noexcept
 {
-    try {
+    {
         const mutex_guard lock(m_mutex);
         if (m_is_closed)
             return;
-        m_calls.push_back(std::move(call));
-    } catch (const std::bad_alloc&) {
-        logger_error(g_logger, str_out_of_memory, "call_queue");
-        return;
+        m_calls.splice(m_calls.end(), call.m_call);
     }
     (void)eventfd_write(m_wake_up.get(), 1);
 }
@@ -44,7 +48,7 @@ void call_queue::make_calls() noexcept
 {
     eventfd_t number = 0;
     (void)eventfd_read(m_wake_up.get(), &number);
-    std::vector<std::function<void()>> calls;
+    std::list<std::function<void()>> calls;
     {
         const mutex_guard lock(m_mutex);
         calls.swap(m_calls);

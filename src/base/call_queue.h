@@ -5,8 +5,8 @@
 //            freed with it, also when it is never made.
 // Threads    post(): any. The others: the loop's.
 // Blocking   Nothing waits but for a short lock.
-// Failures   Calls handed in without memory for them, or after close(), are dropped. Calls may throw
-//            std::bad_alloc, which is logged.
+// Failures   Calls handed in without memory for them, or after close(), are dropped; a prepared one needs none.
+//            Calls may throw std::bad_alloc, which is logged.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -16,10 +16,22 @@
 #include <czmq.h>
 
 #include <functional>
+#include <list>
 #include <memory>
-#include <vector>
+#include <utility>
 
 namespace rtls {
+
+// A call that has its place in a queue already, for those who cannot do without it: handing it in takes no
+// memory. Making and copying it throw std::bad_alloc.
+class prepared_call {
+public:
+    explicit prepared_call(std::function<void()> call) { m_call.push_back(std::move(call)); }
+
+private:
+    friend class call_queue;
+    std::list<std::function<void()>> m_call; // one, until it is handed in
+};
 
 class call_queue {
 public:
@@ -34,6 +46,7 @@ public:
     void close();
 
     void post(std::function<void()> call) noexcept;
+    void post(prepared_call&& call) noexcept;
 
     // Makes the calls that are there.
     void make_calls() noexcept;
@@ -43,7 +56,7 @@ private:
 
     const unique_fd m_wake_up; // an eventfd: readable while there are calls
     annotated_mutex m_mutex;
-    std::vector<std::function<void()>> m_calls RTLS_GUARDED_BY(m_mutex);
+    std::list<std::function<void()>> m_calls RTLS_GUARDED_BY(m_mutex);
     bool m_is_closed RTLS_GUARDED_BY(m_mutex) = false;
 };
 

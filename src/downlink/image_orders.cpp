@@ -28,8 +28,8 @@ struct announced_outcome {
 
 } // namespace
 
-// Has `fetch` done on a thread of the pool, and `then` on ours. Both are freed when they cannot be done, and
-// `otherwise` is done at once.
+// Has `fetch` done on a thread of the pool, and `then` on ours, for which all is there before the order is. Both
+// are freed when they cannot be done, and `otherwise` is done at once.
 template <typename Fetch, typename Then, typename Otherwise>
 static void fetch_elsewhere(WIN_SERVER_t& server, const char* lane, Fetch fetch, Then then,
                             Otherwise otherwise)
@@ -39,9 +39,14 @@ static void fetch_elsewhere(WIN_SERVER_t& server, const char* lane, Fetch fetch,
         then();
         return;
     }
-    auto work = [fetch = std::move(fetch), then = std::move(then), calls = server.calls] {
-        fetch();
-        calls->post(then);
+    auto work = [fetch = std::move(fetch), then = prepared_call{std::move(then)},
+                 calls = server.calls]() mutable {
+        try {
+            fetch();
+        } catch (const std::bad_alloc&) {
+            logger_error(g_logger, str_out_of_memory, "image_orders");
+        }
+        calls->post(std::move(then));
     };
     if (!server.rtls_gateway->downloads->order(std::move(work), lane))
         otherwise();
@@ -65,12 +70,13 @@ static void print_stored(WIN_SERVER_t& server, int index)
 void fetch_for_store(WIN_SERVER_t& server, const char* url, uint32_t git_ver, uint32_t crc32)
 try {
     auto outcome = std::make_shared<store_outcome>();
+    outcome->url = url;
     fetch_elsewhere(
         server, "",
-        [=, ota = server.ota(), url = std::string{url}] {
-            outcome->url = url;
-            outcome->index =
-                ota ? ota->download_firmware(url.c_str(), &crc32, &git_ver, &outcome->reason) : -1;
+        [=, ota = server.ota()] {
+            if (ota)
+                outcome->index =
+                    ota->download_firmware(outcome->url.c_str(), &crc32, &git_ver, &outcome->reason);
         },
         [=, &server] {
             print_reason(server, outcome->url.c_str(), outcome->reason);

@@ -1,12 +1,16 @@
 #include "terminal/image_fetch.h"
 
 #include "base/common.h"
+#include "base/logger.h"
 #include "base/peer.h"
 #include "terminal/client.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_server_private.h"
 #include "terminal/texts.h"
 
+#include <functional>
+#include <memory>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -26,24 +30,52 @@ std::string fetch_answer(int index)
     return index >= 0 ? text_format(str_firmware_downloaded, index) : "Failed to read firmware!\n";
 }
 
+namespace {
+
+// What has been fetched, or why there is nothing, on its way between the threads.
+struct outcome {
+    std::string url;
+    std::string operator_id;
+    int index = -1;
+    std::string reason;
+};
+
+} // namespace
+
+static void tell(TERMINAL_SERVER_t& server, const outcome& fetched)
+{
+    if (!fetched.reason.empty())
+        dbg_print(server.dbg_client_sock.get(), DBG_DEVELOP, console, "%s: %s", fetched.url.c_str(),
+                  fetched.reason.c_str());
+    server.fetch_ended(server, fetched.operator_id, fetched.index);
+}
+
+// All that telling the outcome takes is there before the order is: his commands wait for it.
+static std::function<void()> make_order(TERMINAL_SERVER_t& server, const TERMINAL_CLIENT_t& client,
+                                        const char* url)
+{
+    auto fetched = std::make_shared<outcome>(outcome{url, identity_key{client.id.get()}.c_str()});
+    prepared_call then{[&server, fetched] { tell(server, *fetched); }};
+    return [ota = server.rtls_gateway->ota, calls = server.calls, fetched, then = std::move(then)]() mutable {
+        try {
+            if (ota)
+                fetched->index =
+                    ota->download_firmware(fetched->url.c_str(), nullptr, nullptr, &fetched->reason);
+        } catch (const std::bad_alloc&) {
+            logger_error(g_logger, str_out_of_memory, "fetch_image");
+        }
+        calls->post(std::move(then));
+    };
+}
+
 bool fetch_image(TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client, const char* url)
 {
     if (!server.calls || !server.rtls_gateway->downloads)
         return false;
     if (is_gone(server, client))
         return true; // nobody would see the outcome
-    auto work = [&server, ota = server.rtls_gateway->ota, calls = server.calls, url = std::string{url},
-                 id = std::string{identity_key{client.id.get()}.c_str()}] {
-        std::string reason;
-        const int index = ota ? ota->download_firmware(url.c_str(), nullptr, nullptr, &reason) : -1;
-        calls->post([&server, id, index, text = url + ": " + reason, failed = !reason.empty()] {
-            if (failed)
-                dbg_print(server.dbg_client_sock.get(), DBG_DEVELOP, console, "%s", text.c_str());
-            server.fetch_ended(server, id, index);
-        });
-    };
-    client.is_fetching =
-        server.rtls_gateway->downloads->order(std::move(work), {}, download_pool::customer::operators);
+    client.is_fetching = server.rtls_gateway->downloads->order(make_order(server, client, url), {},
+                                                               download_pool::customer::operators);
     if (!client.is_fetching)
         terminal_send(client, server.terminal_sock.get(), fetch_answer(-1).c_str());
     return true;

@@ -1,5 +1,6 @@
 #include "base/call_queue.h"
 #include "base/czmq_ptr.h"
+#include "support/failing_new.h"
 #include "support/log_capture.h"
 
 #include <gmock/gmock.h>
@@ -8,6 +9,7 @@
 #include <memory>
 #include <new>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace rtls {
@@ -72,6 +74,24 @@ TEST(call_queue, a_call_without_memory_is_logged_and_the_next_is_made)
     queue.make_calls();
     EXPECT_TRUE(is_made);
     EXPECT_THAT(log.messages("main"), ElementsAre("call_queue: out of memory!"));
+}
+
+TEST(call_queue, a_prepared_call_needs_no_memory_to_be_handed_in)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    log_capture log;
+    call_queue queue;
+    int calls = 0;
+    const auto owned = std::make_shared<int>();
+    prepared_call call{[&calls, owned, also = owned] { ++calls; }}; // more than a function holds in place
+    fail_next_allocations(1000);
+    queue.post(std::move(call));
+    fail_next_allocations(0);
+    queue.make_calls();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(owned.use_count(), 1) << "what it owns goes with it";
+    EXPECT_THAT(log.messages("main"), testing::IsEmpty());
 }
 
 TEST(call_queue_slot, has_calls_made_while_there_is_a_queue)

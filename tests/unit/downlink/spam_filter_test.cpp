@@ -1,5 +1,6 @@
 #include "downlink/spam_filter.h"
 
+#include "base/hex.h"
 #include "registry/nodes_container.h"
 #include "support/failing_new.h"
 #include "support/hex_bytes.h"
