@@ -52,11 +52,11 @@ static void fetch_elsewhere(WIN_SERVER_t& server, const char* lane, Fetch fetch,
         otherwise();
 }
 
-// Why a transfer failed goes to those who look for it; the lines of the orders stay as they are.
-static void print_reason(WIN_SERVER_t& server, const char* url, const std::string& reason)
+// Why there is no image goes to those who look for it; the lines of the orders stay as they are.
+static void print_reason(WIN_SERVER_t& server, const char* url, const char* reason)
 {
-    if (!reason.empty())
-        dbg_print(server.dbg_client_sock, DBG_DEVELOP, "PROXY", "%s: %s", url, reason.c_str());
+    if (*reason)
+        dbg_print(server.dbg_client_sock, DBG_DEVELOP, "PROXY", "%s: %s", url, reason);
 }
 
 static void print_stored(WIN_SERVER_t& server, int index)
@@ -79,10 +79,13 @@ try {
                     ota->download_firmware(outcome->url.c_str(), &crc32, &git_ver, &outcome->reason);
         },
         [=, &server] {
-            print_reason(server, outcome->url.c_str(), outcome->reason);
+            print_reason(server, outcome->url.c_str(), outcome->reason.c_str());
             print_stored(server, outcome->index);
         },
-        [&] { print_stored(server, -1); });
+        [&] {
+            print_reason(server, url, str_not_ordered);
+            print_stored(server, -1);
+        });
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, __func__);
     print_stored(server, -1);
@@ -116,10 +119,13 @@ try {
         server, "announcement",
         [=] { outcome->firmware.reset(firmware_fetch(text->c_str(), &outcome->reason)); },
         [=, &server] {
-            print_reason(server, text->c_str(), outcome->reason);
+            print_reason(server, text->c_str(), outcome->reason.c_str());
             adopt(server, text->c_str(), std::move(outcome->firmware), announced_crc, printed_crc);
         },
-        [&] { adopt(server, url, nullptr, announced_crc, printed_crc); });
+        [&] {
+            print_reason(server, url, str_not_ordered);
+            adopt(server, url, nullptr, announced_crc, printed_crc);
+        });
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, __func__);
     adopt(server, url, nullptr, announced_crc, printed_crc);

@@ -24,6 +24,9 @@
 
 namespace rtls {
 
+// Why order() was false, for the debug stream.
+inline constexpr char str_not_ordered[] = "too many downloads wait, or there is no memory for one more";
+
 class download_pool {
 public:
     static constexpr size_t most_threads = 4;

@@ -47,11 +47,13 @@ FIRMWARE_t* firmware_fetch(const char* url, std::string* reason)
     firmware_ptr firmware{new (std::nothrow) FIRMWARE_t{}};
     if (!firmware) {
         logger_error(g_logger, str_out_of_memory, reporter);
+        note_reason(reason, "out of memory");
         return nullptr;
     }
     const char* name = basename(url); // the C library's own, which leaves the text as it is
     if (!name) {
         logger_warning(g_logger, "%s: basename error on: %s", reporter, url);
+        note_reason(reason, "the URL names no file");
         return nullptr;
     }
     firmware->name.reset(strdup(name)); // the URL may be gone before the image is

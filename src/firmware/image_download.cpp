@@ -125,6 +125,7 @@ std::optional<downloaded_image> image_receiver::release()
         m_memory = allocate_image(0);
     if (!m_memory) {
         logger_error(g_logger, str_out_of_memory, m_options.caller);
+        note_reason(m_options.reason, "out of memory");
         return std::nullopt;
     }
     return downloaded_image{std::move(m_memory), m_size};
@@ -339,10 +340,9 @@ static bool begins_an_episode()
     return rules.refusals.begins(zclock_mono());
 }
 
-// Without memory for it there is no reason.
-static void note_reason(std::string* reason, const char* text) noexcept
+void note_reason(std::string* reason, const char* text) noexcept
 try {
-    if (reason)
+    if (reason && reason->empty())
         *reason = text;
 } catch (const std::bad_alloc&) {
     reason->clear();
@@ -455,6 +455,7 @@ std::optional<downloaded_image> image_download(const char* url, const image_down
     if (!receiver.is_ready()) {
         count(transfer_outcome::failed);
         logger_error(g_logger, "%s error regcomp %s", options.caller, errno_text{errno}.c_str());
+        note_reason(options.reason, "out of memory");
         return std::nullopt;
     }
     const std::optional<CURLcode> rc = perform(url, receiver, options);

@@ -55,8 +55,11 @@ struct image_download_options {
     bool bad_length_aborts = false;
     bool reports_missing_length = false; // whether a body without announced length is worth a line
     std::chrono::milliseconds timeout{20'000};
-    std::string* reason = nullptr; // gets the reason of a transfer that failed
+    std::string* reason = nullptr; // empty; gets the reason of a transfer that failed
 };
+
+// Why there is no image, for who asks for the reason; the first one said stays. Without memory there is none.
+void note_reason(std::string* reason, const char* text) noexcept;
 
 // From now on images come only from URLs that begin with one of these, and redirects lead nowhere else; none:
 // from anywhere. A refusal is counted, and the first one of an episode is logged. Of the process; before its

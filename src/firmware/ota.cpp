@@ -112,20 +112,29 @@ static bool is_complete(OTA_FIRMWARE_t& firmware, const page_blocks& page)
     return std::all_of(mask.begin(), mask.end(), [](bool valid) { return valid; });
 }
 
+static bool refuse(std::string* reason, const char* why)
+{
+    note_reason(reason, why);
+    return false;
+}
+
 // Fills in what the bytes say of themselves; false, after a report, when they are not what is expected.
-static bool describe_image(OTA_FIRMWARE_t& firmware, const uint32_t* crc32, const uint32_t* git_ver)
+static bool describe_image(OTA_FIRMWARE_t& firmware, const uint32_t* crc32, const uint32_t* git_ver,
+                           std::string* reason)
 {
     const bytes_view image{firmware.memory.get(), firmware.info.size};
     firmware.info.crc32 = crc32_byte(image.data(), static_cast<uint32_t>(image.size()));
     if (crc32 && *crc32 != firmware.info.crc32) {
         logger_error(g_logger, "%s incorrect crc32!", download_reporter);
-        return false;
+        return refuse(reason, "incorrect crc32");
     }
-    if (!read_board_tag(image, firmware.info) || !read_firmware_tag(image, firmware.info))
-        return false;
+    if (!read_board_tag(image, firmware.info))
+        return refuse(reason, "tag \"@BoardVer\" not found");
+    if (!read_firmware_tag(image, firmware.info))
+        return refuse(reason, "tag \"@Firmware\" not found");
     if (git_ver && *git_ver != firmware.info.git_ver) {
         logger_error(g_logger, "%s incorrect git version!", download_reporter);
-        return false;
+        return refuse(reason, "incorrect git version");
     }
     return true;
 }
@@ -206,8 +215,9 @@ int OTA_t::add_firmware(firmware_ptr firmware)
     return static_cast<int>(slot);
 }
 
-int OTA_t::store_downloaded(firmware_ptr firmware)
+int OTA_t::store_downloaded(firmware_ptr firmware, std::string* reason)
 {
+    static constexpr char kept[] = "the images that the servers ordered are kept";
     int slot = -1;
     bool is_to_be_said = false;
     {
@@ -215,8 +225,10 @@ int OTA_t::store_downloaded(firmware_ptr firmware)
         slot = add_firmware(std::move(firmware));
         is_to_be_said = slot == -1 && m_keeps_ordered && m_refusals.begins(zclock_mono());
     }
+    if (slot == -1)
+        note_reason(reason, m_keeps_ordered ? kept : "there is no slot (firmware_files)");
     if (is_to_be_said) // whoever asks for one may ask again and again
-        logger_error(g_logger, "%s: the images that the servers ordered are kept", download_reporter);
+        logger_error(g_logger, "%s: %s", download_reporter, kept);
     return slot;
 }
 
@@ -226,6 +238,7 @@ int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint3
     firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
     if (!firmware) {
         logger_error(g_logger, str_out_of_memory, download_reporter);
+        note_reason(reason, "out of memory");
         return -1;
     }
     auto image = image_download(url, {.caller = download_reporter,
@@ -237,7 +250,8 @@ int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint3
     firmware->memory = std::move(image->memory);
     firmware->info.size = image->size;
     firmware->is_ordered = crc32 || git_ver;
-    return describe_image(*firmware, crc32, git_ver) ? store_downloaded(std::move(firmware)) : -1;
+    return describe_image(*firmware, crc32, git_ver, reason) ? store_downloaded(std::move(firmware), reason)
+                                                             : -1;
 }
 
 std::optional<OTA_FIRMWARE_INFO_t> OTA_t::firmware_info(uint16_t index) const

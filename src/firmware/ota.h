@@ -60,7 +60,7 @@ public:
     // null: not checked. An image with the same key is replaced in place, otherwise it takes
     // the next slot in turn, whatever is in it: slots emptied by a delete are not preferred.
     // Blocks its caller while the transfer lasts.
-    // `reason`, if given, gets why the transfer failed.
+    // `reason`, if given, gets why there is no image.
     int download_firmware(const char* url, const uint32_t* crc32, const uint32_t* git_ver,
                           std::string* reason = nullptr);
 
@@ -91,7 +91,7 @@ private:
     bool may_take(size_t slot, const OTA_FIRMWARE_t& firmware) const RTLS_REQUIRES(m_mutex);
     size_t choose_slot(const OTA_FIRMWARE_t& firmware) RTLS_REQUIRES(m_mutex);
     int add_firmware(firmware_ptr firmware) RTLS_REQUIRES(m_mutex);
-    int store_downloaded(firmware_ptr firmware);
+    int store_downloaded(firmware_ptr firmware, std::string* reason);
 
     mutable annotated_mutex m_mutex;
     const uint16_t m_files_number;

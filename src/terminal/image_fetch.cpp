@@ -42,11 +42,15 @@ struct outcome {
 
 } // namespace
 
+static void print_reason(TERMINAL_SERVER_t& server, const char* url, const char* reason)
+{
+    if (*reason)
+        dbg_print(server.dbg_client_sock.get(), DBG_DEVELOP, console, "%s: %s", url, reason);
+}
+
 static void tell(TERMINAL_SERVER_t& server, const outcome& fetched)
 {
-    if (!fetched.reason.empty())
-        dbg_print(server.dbg_client_sock.get(), DBG_DEVELOP, console, "%s: %s", fetched.url.c_str(),
-                  fetched.reason.c_str());
+    print_reason(server, fetched.url.c_str(), fetched.reason.c_str());
     server.fetch_ended(server, fetched.operator_id, fetched.index);
 }
 
@@ -76,8 +80,10 @@ bool fetch_image(TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client, const cha
         return true; // nobody would see the outcome
     client.is_fetching = server.rtls_gateway->downloads->order(make_order(server, client, url), {},
                                                                download_pool::customer::operators);
-    if (!client.is_fetching)
+    if (!client.is_fetching) {
+        print_reason(server, url, str_not_ordered);
         terminal_send(client, server.terminal_sock.get(), fetch_answer(-1).c_str());
+    }
     return true;
 }
 

@@ -287,3 +287,46 @@ def test_the_reason_of_a_failure_goes_to_the_debug_stream(gateway):
         assert "http://127.0.0.1:1/x: Couldn't connect to server" in terminal.read_until("server\n")
     terminal.send(b"fw get http://127.0.0.1:1/x\n")
     assert "http://127.0.0.1:1/x: Couldn't connect to server" in terminal.read_until("server\n")
+
+
+def listening(gateway):
+    """An operator who sees the reasons."""
+    terminal = gateway.terminal()
+    terminal.command("sub", "\n")
+    terminal.command("dbg develop y", "ul_tdoa n\n")
+    return terminal
+
+
+def test_the_reason_goes_there_when_the_transfer_was_fine_too(start_gateway, web):
+    def change(config):
+        config["firmware_keep_ordered"] = "yes"
+        return config
+    gateway = start_gateway(change=change)
+    terminal, other = listening(gateway), gateway.terminal()
+    whole = image(1)
+    cases = [("/crc", whole, 1, 1, "incorrect crc32"),
+             ("/version", whole, 2, None, "incorrect git version"),
+             ("/board", whole.replace(b"@Board", b"@board"), 1, None, 'tag "@BoardVer" not found'),
+             ("/name", whole.replace(b"@Firm", b"@firm"), 1, None, 'tag "@Firmware" not found')]
+    for path, data, git, crc, reason in cases:
+        url = web.serve(path, data)
+        crc = crc or zlib.crc32(data)
+        gateway.proxy.publish(struct.pack(">HIIH", wire.OTA_UPLOAD, git, crc, len(url)) + url.encode())
+        terminal.read_until(f"{url}: {reason}\n")
+    for git in (1, 2):      # both slots are the servers' now
+        gateway.proxy.publish(upload_order(git, web.serve(f"/{git}", image(git))))
+    gateway.broker.wait_for("PROXY: Firmware downloaded. Index: ", count=2)
+    other.send(f"fw get {web.serve('/3', image(3))}\n".encode())
+    terminal.read_until("/3: the images that the servers ordered are kept\n")
+    assert other.read_until("\n") == "Failed to read firmware!\n"
+
+
+def test_the_reason_goes_there_when_too_many_wait(gateway, web):
+    terminal = listening(gateway)
+    hung = web.serve("/hung", b"", hangs=True)
+    asking = [gateway.terminal() for _ in range(103)]    # two are fetched, a hundred wait
+    for operator in asking:
+        operator.send(f"fw get {hung}\n".encode())
+    terminal.read_until("/hung: too many downloads wait, or there is no memory for one more\n")
+    answers = wait_until(lambda: [text for operator in asking if (text := operator.pull(0))], "the refusal")
+    assert answers == [b"Failed to read firmware!\n"]
