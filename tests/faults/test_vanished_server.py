@@ -9,7 +9,7 @@ import pytest
 import zmq
 
 from harness import wire
-from harness.daemon import Daemon
+from harness.daemon import Daemon, free_port
 from harness.peers import wait_until
 from network import Namespaces, available
 
@@ -144,3 +144,42 @@ def test_a_server_that_vanished_is_noticed_and_found_again(tmp_path, namespaces,
         figure("until it is served after its return", "up to 105 s", f"{served:.1f} s")
         assert noticed < 15 and served < 5, f"noticed after {noticed:.1f} s, served after {served:.1f} s"
         servers.close()
+
+
+@pytest.mark.skipif(not available(), reason="needs the rights to make network namespaces")
+def test_a_debug_broker_that_vanished_is_noticed_and_found_again(tmp_path, namespaces, figure):
+    port = free_port()
+
+    def change(config):
+        config["debug_broker_address"] = f"tcp://10.77.2.2:{port}"
+        return config
+
+    context = zmq.Context()
+    with namespaces.enter("server"):
+        broker = context.socket(zmq.PULL)
+        broker.setsockopt(zmq.LINGER, 0)
+        broker.bind(f"tcp://10.77.2.2:{port}")
+    with namespaces.enter("ours"):
+        gateway = Daemon(tmp_path, upstream=(), change=change)
+    try:
+        def records():
+            with namespaces.enter("ours"):
+                gateway.terminal().close()      # is worth a few
+            return broker.poll(20)
+
+        wait_until(records, "the first record")
+        namespaces.route(False)
+        gone = time.monotonic()
+        said = wait_until(lambda: not records() and [line for line in gateway.syslog() if "silent for" in line], "the line", 60)
+        noticed = time.monotonic() - gone
+        assert said == ["4 rtls-gateway: debug broker: silent for 12 s, connecting again"]
+        while broker.poll(0):
+            broker.recv()
+        namespaces.route(True)
+        wait_until(records, "a record after its return")
+        figure("until the silence of a debug broker is noticed", "-", f"{noticed:.1f} s")
+        assert noticed < 15
+    finally:
+        gateway.close()
+        broker.close()
+        context.term()

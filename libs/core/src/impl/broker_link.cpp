@@ -11,6 +11,8 @@ namespace {
 
 constexpr int linger_ms = 5000;
 constexpr char events_endpoint[] = "inproc://broker-link";
+constexpr char silent_for[] = "silent for 12 s";
+static_assert(rtls::silence_judge::longest_silence_ms == 12'000);
 
 } // namespace
 
@@ -90,15 +92,14 @@ const char* broker_link::note(const zmq::message_t& event)
 }
 
 // A broker that has vanished without a word: the connection is cut, and the library makes a new one.
-void broker_link::sample(clock::time_point now) noexcept
+bool broker_link::sample(clock::time_point now) noexcept
 {
     using std::chrono::milliseconds;
     if (now - m_sampled_at < milliseconds(rtls::silence_judge::sample_every_ms))
-        return;
+        return false;
     m_sampled_at = now;
     const auto now_ms = std::chrono::duration_cast<milliseconds>(now.time_since_epoch()).count();
-    if (m_silence.has_vanished(now_ms))
-        (void)m_silence.cut();
+    return m_silence.has_vanished(now_ms) && m_silence.cut();
 }
 
 const char* broker_link::tend(clock::time_point now) noexcept
@@ -112,7 +113,8 @@ try {
            m_events.recv(endpoint, zmq::recv_flags::dontwait))
         if (const char* reason = note(event))
             said = reason;
-    sample(now);
+    if (sample(now))
+        said = silent_for;
     if (!m_record.is_given_up()) {
         m_is_planned = false;
     } else if (!m_is_planned) {

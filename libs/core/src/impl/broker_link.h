@@ -42,7 +42,7 @@ public:
     bool send(std::string_view record);
 
     // Takes in what has happened to the connections, and connects again those that the library has given up.
-    // Does not throw. The reason of a failed handshake that is to be said, or null.
+    // Does not throw. Why a broker is connected again, if that is to be said, or null.
     const char* tend(clock::time_point now) noexcept;
 
     rtls::link_state state() const noexcept { return m_record.state(); }
@@ -50,7 +50,7 @@ public:
 private:
     void watch();
     const char* note(const zmq::message_t& event);
-    void sample(clock::time_point now) noexcept;
+    bool sample(clock::time_point now) noexcept; // whether the broker's connection was cut
     void mend();
 
     zmq::context_t& m_context;
