@@ -1,17 +1,25 @@
 // Operators who leave, and operators who take nothing any more.
 #include "registry/nodes_container.h"
 #include "rtls-gateway.h"
+#include "services.h"
+#include "support/failing_new.h"
 #include "support/free_port.h"
 #include "support/hex_bytes.h"
 #include "support/tcp_listener.h"
 #include "support/tcp_peer.h"
 #include "support/terminal_command_fixture.h"
+#include "support/wait.h"
+#include "terminal/terminal_server_private.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace rtls {
 
@@ -142,6 +150,35 @@ TEST_F(terminal_leaving_test, without_an_identity_frame_no_text_is_sent)
     // The socket is in step: the next pair arrives as it is.
     ASSERT_EQ(zsock_connect(m_terminal.get(), "%s", m_endpoint.c_str()), 0);
     EXPECT_EQ(finish_and_take(), texts_t{});
+}
+
+// --- An operator whose image is fetched
+
+// What he types behind it waits for its end, and so does his leave.
+TEST_F(terminal_leaving_test, the_end_of_an_image_is_told_even_where_memory_is_short)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    const tcp_connection connection{m_gateway.terminal_port()};
+    m_client->fd = connection.accepted_fd();
+    m_client->client_addr = connection.peer_address();
+    const services& gateway = *static_cast<services*>(m_gateway.handle());
+    TERMINAL_SERVER_t& server = *gateway.terminal_server;
+    server.calls = std::make_shared<call_queue>();
+    static std::vector<int> ended;
+    ended.clear();
+    server.fetch_ended = [](TERMINAL_SERVER_t&, const std::string&, int index) { ended.push_back(index); };
+    // On the one thread that there is to fetch.
+    ASSERT_TRUE(gateway.downloads->order([] { fail_next_allocations(1000); }));
+    ASSERT_TRUE(wait_until([&] {
+        const auto load = gateway.downloads->current_load();
+        return load.running == 0 && load.waiting == 0;
+    }));
+    run("fw get file:///nowhere/an-image-whose-name-takes-memory.bin");
+    EXPECT_TRUE(m_client->is_fetching);
+    EXPECT_TRUE(repeat_until([] { return !ended.empty(); }, [&] { server.calls->make_calls(); }));
+    EXPECT_THAT(ended, testing::ElementsAre(-1));
+    server.calls.reset();
 }
 
 } // namespace rtls
