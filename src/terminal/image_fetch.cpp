@@ -58,7 +58,9 @@ static void tell(TERMINAL_SERVER_t& server, const outcome& fetched)
 static std::function<void()> make_order(TERMINAL_SERVER_t& server, const TERMINAL_CLIENT_t& client,
                                         const char* url)
 {
-    auto fetched = std::make_shared<outcome>(outcome{url, identity_key{client.id.get()}.c_str()});
+    auto fetched = std::make_shared<outcome>();
+    fetched->url = url;
+    fetched->operator_id = identity_key{client.id.get()}.c_str();
     prepared_call then{[&server, fetched] { tell(server, *fetched); }};
     return [ota = server.rtls_gateway->ota, calls = server.calls, fetched, then = std::move(then)]() mutable {
         try {
