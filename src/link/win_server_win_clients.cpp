@@ -139,16 +139,27 @@ static void handle_event(WIN_SERVER_t& server, message_part& identity, message_p
         on_unknown(server, identity, key);
 }
 
-// The clock has been read for another reason: what has been handed over since the last time has taken no longer
-// than from then to now.
+static uint64_t handed_over(const WIN_SERVER_t& server)
+{
+    return server.to_handler.counts().at_once.value() + server.to_proxy_input.counts().at_once.value();
+}
+
+// What has been handed over since the last time has taken no longer than from then to now.
 static void note_hand_overs(WIN_SERVER_t& server, int64_t now)
 {
-    const uint64_t handed_over =
-        server.to_handler.counts().at_once.value() + server.to_proxy_input.counts().at_once.value();
-    if (handed_over != server.hand_overs_noted)
-        server.counts.hand_over.add(now - server.hand_overs_noted_at, handed_over - server.hand_overs_noted);
-    server.hand_overs_noted = handed_over;
+    const uint64_t all = handed_over(server);
+    if (all != server.hand_overs_noted)
+        server.counts.hand_over.add(now - server.hand_overs_noted_at, all - server.hand_overs_noted);
+    server.hand_overs_noted = all;
     server.hand_overs_noted_at = now;
+}
+
+// Whoever drains the port looks at the clock for a reason of his own, and notes what there is. A turn that ends
+// at its bounds, or in a pause, costs a look for all that it has handed over; one without any costs none.
+static void note_end_of_turn(WIN_SERVER_t& server)
+{
+    if (handed_over(server) != server.hand_overs_noted)
+        note_hand_overs(server, zclock_usecs());
 }
 
 // Lets events gather on a drained stream socket, if the last ones came in quick succession. False when it
@@ -256,7 +267,7 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
     if (!complete)
         log_call_error(__func__, "zframe_recv");
     server->cuts.carry_out(socket, server->win_port);
-    note_hand_overs(*server, zclock_usecs());
+    note_end_of_turn(*server);
     return complete ? 0 : 1;
 }
 
