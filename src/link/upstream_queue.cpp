@@ -26,8 +26,11 @@ static bool send_first(message_part& part, void* socket, bool more)
 
 upstream_queue::handed upstream_queue::send_whole(message_part& first, message_part* second, void* socket)
 {
-    if (!send_first(first, socket, second != nullptr))
+    if (!send_first(first, socket, second != nullptr)) {
+        if (errno == EAGAIN)
+            m_unsent.refused();
         return handed::nothing;
+    }
     return !second || second->send(socket) ? handed::whole : handed::a_part;
 }
 

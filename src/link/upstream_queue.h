@@ -109,7 +109,7 @@ private:
 
     enum class handed : uint8_t { whole, nothing, a_part };
 
-    static handed send_whole(message_part& first, message_part* second, void* socket);
+    handed send_whole(message_part& first, message_part* second, void* socket);
     uint64_t drain(void* socket);
     void note_late(uint64_t number);
     void accepted();

@@ -33,6 +33,8 @@ void link_watch::open(zsock_t* sock, const std::string& endpoint, io_thread thre
     m_endpoint = endpoint;
     serve_by(sock, thread);
     notice_silence(zsock_resolve(sock));
+    if (m_unsent)
+        m_unsent->library_holds(static_cast<uint64_t>(zsock_sndhwm(sock)));
 
     char name[64];
     (void)snprintf(name, sizeof name, link_events_endpoint, static_cast<void*>(this));
@@ -71,13 +73,14 @@ void link_watch::note(int event, int value) noexcept
         plan_sample();
     else if (event != ZMQ_EVENT_HANDSHAKE_SUCCEEDED)
         m_silence.end();
-    if (m_unsent && m_record.is_up())
-        m_unsent->is_up();
+    const bool was_up = m_record.is_up();
     const tav_timestamp_t now = get_current_time();
     if (const char* reason = m_record.note(event, now.seconds * 1000 + now.milliseconds))
         logger_warning(g_logger, "%s: %s, connecting again", m_name, reason);
     if (m_unsent && m_record.is_up())
         m_unsent->is_up();
+    else if (m_unsent && was_up)
+        m_unsent->went_down();
 }
 
 int link_watch::handle_events(zloop_t* /*loop*/, zsock_t* reader, void* watch) noexcept

@@ -218,6 +218,45 @@ TEST(unsent_count, knows_what_was_handed_over_while_nobody_was_there)
     EXPECT_EQ(unsent.take_lost(), 0U);
 }
 
+// Its server took none, or too few: what is in the queue is not under way.
+TEST(unsent_count, of_a_full_queue_that_went_down_is_all_that_fits_in)
+{
+    unsent_count unsent;
+    unsent.library_holds(4);
+    const auto hand_over = [&](int number) {
+        for (int i = 0; i < number; ++i)
+            unsent.handed_over();
+    };
+    hand_over(10);
+    unsent.refused();
+    unsent.went_down();
+    EXPECT_EQ(unsent.take_lost(), 4U);
+
+    hand_over(2); // to a new queue, which was too slow at first
+    unsent.refused();
+    hand_over(1);
+    unsent.went_down();
+    hand_over(1); // and nobody is there
+    EXPECT_EQ(unsent.take_lost(), 1U);
+
+    hand_over(3);
+    unsent.refused();
+    unsent.went_down();
+    EXPECT_EQ(unsent.take_lost(), 3U); // all that it ever got
+
+    hand_over(9);
+    unsent.refused();
+    unsent.went_down();
+    hand_over(2); // as the library finds room later than it has it
+    EXPECT_EQ(unsent.take_lost(), 4U);
+
+    hand_over(9);
+    unsent.refused();
+    unsent.went_down();
+    unsent.is_up(); // the library connects again by itself: it sends what it holds
+    EXPECT_EQ(unsent.take_lost(), 0U);
+}
+
 TEST(link_watch, may_be_opened_again)
 {
     link_watch link{"some server"};

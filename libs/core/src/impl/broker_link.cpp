@@ -48,6 +48,8 @@ void broker_link::connect(const std::string& address)
         if (!m_events)
             watch();
         m_socket.connect(address);
+        m_unsent.library_holds(m_addresses.size() *
+                               static_cast<uint64_t>(m_socket.get(zmq::sockopt::sndhwm)));
     } catch (...) {
         m_addresses.pop_back();
         throw;
@@ -66,6 +68,8 @@ bool broker_link::send(std::string_view record)
     const bool is_sent = m_socket.send(zmq::buffer(record), zmq::send_flags::dontwait).has_value();
     if (is_sent)
         m_unsent.handed_over();
+    else
+        m_unsent.refused();
     return is_sent;
 }
 
@@ -81,13 +85,14 @@ const char* broker_link::note(const zmq::message_t& event)
         (void)m_silence.begin(value);
     else if (number != ZMQ_EVENT_HANDSHAKE_SUCCEEDED)
         m_silence.end();
-    if (m_record.is_up())
-        m_unsent.is_up();
+    const bool was_up = m_record.is_up();
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const char* reason =
         m_record.note(number, std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
     if (m_record.is_up())
         m_unsent.is_up();
+    else if (was_up)
+        m_unsent.went_down();
     return reason;
 }
 
