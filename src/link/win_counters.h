@@ -103,7 +103,7 @@ enum class command_outcome : uint8_t {
 
 enum class page_request_outcome : uint8_t { served, not_found, refused, kinds };
 enum class page_seen_outcome : uint8_t { stored, refused, kinds };
-enum class discovery_outcome : uint8_t { answered, malformed, own, flood, unsent, kinds };
+enum class discovery_outcome : uint8_t { answered, not_sent, malformed, own, flood, kinds };
 
 struct win_counters {
     template <typename Type, typename Outcome>

@@ -26,6 +26,8 @@ struct discovery_datagram {
     in_addr gateway; // the local address that it was sent to
 };
 
+enum class arrival : uint8_t { nothing, unusable, datagram };
+
 } // namespace
 
 // The local address out of the first packet information; none when it is missing or was cut off.
@@ -46,8 +48,8 @@ static std::optional<in_addr> local_address(msghdr& message)
     return std::nullopt;
 }
 
-// False when nothing came, or when it does not say where it was sent to.
-static bool receive_datagram(int descriptor, discovery_datagram& datagram)
+// Unusable is what has no content, or does not say where it was sent to.
+static arrival receive_datagram(int descriptor, discovery_datagram& datagram)
 {
     alignas(cmsghdr) std::array<uint8_t, 256> control{};
     iovec data{datagram.bytes.data(), datagram.bytes.size()};
@@ -60,12 +62,13 @@ static bool receive_datagram(int descriptor, discovery_datagram& datagram)
     message.msg_controllen = control.size();
 
     const ssize_t received = udp_recvmsg(descriptor, &message);
-    if (received <= 0 || message.msg_namelen < sizeof datagram.requester)
-        return false;
+    // The system writes down who sent it, if he sent nothing, too; of a failure there is no sender.
+    if (message.msg_namelen < sizeof datagram.requester || datagram.requester.sin_family != AF_INET)
+        return arrival::nothing;
     datagram.size = std::min(static_cast<size_t>(received), datagram.bytes.size());
     const std::optional<in_addr> gateway = local_address(message);
     datagram.gateway = gateway.value_or(in_addr{});
-    return gateway.has_value();
+    return received > 0 && gateway ? arrival::datagram : arrival::unusable;
 }
 
 static void print_requester(const WIN_SERVER_t* server, const sockaddr_in& requester)
@@ -113,7 +116,7 @@ static void send_answer(WIN_SERVER_t& server, const sockaddr_in& requester, byte
     const bool is_sent = udp_sendto(server.discovery_sock_descriptor, answer.data(), answer.size(),
                                     &requester, sizeof requester);
     const bool is_full = !is_sent && errno == EAGAIN;
-    server.counts.discovery[is_sent ? discovery_outcome::answered : discovery_outcome::unsent].add();
+    server.counts.discovery[is_sent ? discovery_outcome::answered : discovery_outcome::not_sent].add();
     if (is_full && server.unsent_answers.begins(zclock_mono()))
         logger_error(g_logger, "discovery: no room for answers, as for %s: not sent!",
                      ipv4_text{requester}.c_str());
@@ -146,7 +149,10 @@ int handle_udp_in(zloop_t* /*loop*/, zmq_pollitem_t* /*item*/, void* p_server) n
         return 0;
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     discovery_datagram datagram{};
-    if (!receive_datagram(server->discovery_sock_descriptor, datagram))
+    const arrival what = receive_datagram(server->discovery_sock_descriptor, datagram);
+    if (what == arrival::unusable)
+        server->counts.discovery[discovery_outcome::malformed].add();
+    if (what != arrival::datagram)
         return 0;
     print_requester(server, datagram.requester);
     if (!is_our_own(*server, datagram.requester))

@@ -165,7 +165,7 @@ def test_requests_from_addresses_that_nobody_has_hold_up_nobody(tmp_path, figure
         assert max(waits) < 0.5, f"a ping waited {max(waits):.1f} s"
         said = wait_until(lambda: [line for line in gateway.syslog() if "no room for answers" in line], "the line")
         with namespaces.enter("ours"):
-            unsent = Figures(port)["discovery_requests_total", {"outcome": "unsent"}]
+            unsent = Figures(port)["discovery_requests_total", {"outcome": "not_sent"}]
         figure("the longest ping beside 400 requests from 4 addresses that nobody has", "3 s, again and again",
                f"{max(waits) * 1000:.0f} ms")
         assert len(said) == 1 and unsent > 0

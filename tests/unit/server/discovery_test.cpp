@@ -9,16 +9,33 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace rtls {
+
+// Whether the test's own thread is told that nothing can be sent.
+static thread_local bool network_is_down = false;
+
+// Takes the place of the library's.
+extern "C" ssize_t sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to,
+                          socklen_t to_size)
+{
+    if (network_is_down) {
+        errno = ENETUNREACH;
+        return -1;
+    }
+    static const auto next = reinterpret_cast<decltype(&sendto)>(dlsym(RTLD_NEXT, "sendto"));
+    return next(fd, data, size, flags, to, to_size);
+}
 
 namespace {
 
@@ -86,7 +103,9 @@ protected:
         ASSERT_EQ(sendto(bridge, datagram.data(), datagram.size(), 0, generic(gateway), sizeof gateway),
                   static_cast<ssize_t>(datagram.size()));
         ASSERT_TRUE(is_readable(server->discovery_sock_descriptor));
+        const uint64_t before = server->counts.discovery.sum();
         EXPECT_EQ(handle_udp_in(nullptr, nullptr, server.get()), 0);
+        EXPECT_EQ(server->counts.discovery.sum(), before + 1); // each datagram in one outcome
     }
 
     // The next answer as hex.
@@ -111,6 +130,8 @@ protected:
         send({1, 0xDE, 0xAD, 0xBE, 0xEF, 0xDE, 0xAD, 0xBE, 0xEF});
         return answer().starts_with("01DEADBEEFDEADBEEF");
     }
+
+    uint64_t counted(discovery_outcome what) const { return server->counts.discovery[what].value(); }
 
     std::string rcvd_line() const
     {
@@ -168,13 +189,16 @@ TEST_F(discovery_test, every_other_size_and_command_is_refused)
                 command == 1 ? invalid : "DISC: unknown discovery command: " + std::to_string(command);
             EXPECT_EQ(log.messages("discovery"), (std::vector<std::string>{rcvd_line(), refusal}));
         }
+    EXPECT_EQ(counted(discovery_outcome::malformed), server->counts.discovery.sum());
     EXPECT_TRUE(is_unanswered());
+    EXPECT_EQ(counted(discovery_outcome::answered), 1U);
 }
 
 TEST_F(discovery_test, an_empty_datagram_is_ignored)
 {
     send({});
     EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(counted(discovery_outcome::malformed), 1U);
     EXPECT_TRUE(is_unanswered());
 }
 
@@ -185,6 +209,7 @@ TEST_F(discovery_test, a_datagram_that_does_not_say_where_it_was_sent_to_is_igno
     send({1, 2, 3, 4, 5, 6});
     send({1, 2, 3, 4, 5, 6, 7, 8, 9});
     EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(counted(discovery_outcome::malformed), 2U);
     const int on = 1;
     ASSERT_EQ(setsockopt(server->discovery_sock_descriptor, IPPROTO_IP, IP_PKTINFO, &on, sizeof on), 0);
     EXPECT_TRUE(is_unanswered());
@@ -209,6 +234,7 @@ TEST_F(discovery_test, what_comes_from_our_own_port_is_not_answered)
     EXPECT_EQ(
         log.messages("main"),
         std::vector<std::string>{"discovery: requests from our own port at 127.0.0.3 are not answered!"});
+    EXPECT_EQ(counted(discovery_outcome::own), 6U);
     server->discovery_port = static_cast<in_port_t>(port_of(bridge) + 1);
     EXPECT_TRUE(is_unanswered());
 }
@@ -234,11 +260,27 @@ TEST_F(discovery_test, one_address_has_a_hundred_answers_a_second)
     const auto seconds = std::chrono::ceil<std::chrono::seconds>(std::chrono::steady_clock::now() - begin);
     EXPECT_GE(answered, 100);
     EXPECT_LE(answered, 100 * seconds.count());
+    EXPECT_EQ(counted(discovery_outcome::answered), static_cast<uint64_t>(answered));
+    EXPECT_EQ(counted(discovery_outcome::flood), static_cast<uint64_t>(sent - answered));
     if (answered < sent) {
         EXPECT_EQ(log.messages("main"),
                   std::vector<std::string>{
                       "discovery: more than 100 requests a second from 127.0.0.3 are not answered!"});
     }
+}
+
+TEST_F(discovery_test, an_answer_that_the_system_does_not_take_is_none)
+{
+    const sockaddr_in gateway = endpoint(gateway_address, port_of(server->discovery_sock_descriptor));
+    const std::array<uint8_t, 6> request{1, 2, 3, 4, 5, 6};
+    ASSERT_EQ(sendto(bridge, request.data(), request.size(), 0, generic(gateway), sizeof gateway), 6);
+    ASSERT_TRUE(is_readable(server->discovery_sock_descriptor));
+    network_is_down = true;
+    EXPECT_EQ(handle_udp_in(nullptr, nullptr, server.get()), 0);
+    network_is_down = false;
+    EXPECT_EQ(counted(discovery_outcome::not_sent), 1U);
+    EXPECT_EQ(server->counts.discovery.sum(), 1U);
+    log.take();
 }
 
 TEST_F(discovery_test, without_a_socket_there_is_nothing_to_do)
