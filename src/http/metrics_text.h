@@ -20,7 +20,7 @@ enum class metrics_format {
     open_metrics // application/openmetrics-text; version=1.0.0
 };
 
-// By the header Accept; Prometheus' own, when it says nothing else.
+// By the header Accept, whose lines a comma joins; Prometheus' own, when it says nothing else.
 metrics_format wanted_format(std::string_view accept);
 
 class metrics_text : public metric_sink {

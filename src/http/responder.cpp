@@ -70,6 +70,16 @@ static std::string token_of(const std::string& authorization)
     return begin == std::string::npos ? std::string{} : authorization.substr(begin);
 }
 
+// A header may come in several lines, which mean the same as one with commas (RFC 9110 5.3).
+static std::string all_values(const httplib::Request& request, const char* name)
+{
+    std::string values;
+    const auto [begin, end] = request.headers.equal_range(name);
+    for (auto header = begin; header != end; ++header)
+        values.append(values.empty() ? "" : ", ").append(header->second);
+    return values;
+}
+
 namespace {
 
 // What the library reads a request from, and writes its answer to: memory.
@@ -165,8 +175,7 @@ private:
 
     static page made(const page_row& row, const httplib::Request& request)
     try {
-        return row.make(
-            {request.path.substr(row.path.size()), request.get_header_value("Accept"), request.params});
+        return row.make({request.path.substr(row.path.size()), all_values(request, "Accept"), request.params});
     } catch (const std::exception&) { // memory, as far as we know
         return refusal_page(500, "the page could not be made");
     }

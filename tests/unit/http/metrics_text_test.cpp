@@ -65,6 +65,69 @@ thing_age_seconds 0.25
 )" + samples_of_times + "# EOF\n");
 }
 
+TEST(metrics_text, the_format_is_the_one_that_is_wanted_most)
+{
+    constexpr auto open_metrics = metrics_format::open_metrics;
+    constexpr auto prometheus = metrics_format::prometheus;
+    const struct {
+        const char* accept;
+        metrics_format then;
+    } cases[] = {
+        {"", prometheus},
+        {"*/*", prometheus},
+        {"text/plain", prometheus},
+        {"application/json", prometheus}, // neither: rather this than nothing
+        {"application/openmetrics-text", open_metrics},
+        {"application/openmetrics-text;version=1.0.0,application/openmetrics-text;version=0.0.1;q=0.75,"
+         "text/plain;version=0.0.4;q=0.5,*/*;q=0.1",
+         open_metrics},
+        {"application/openmetrics-text;version=1.0.0;escaping=allow-utf-8;q=0.6,"
+         "text/plain;version=0.0.4;q=0.3,*/*;q=0.2",
+         open_metrics},
+        {"text/plain;version=0.0.4;q=0.5,application/openmetrics-text;q=0.4", prometheus},
+        {"text/plain, application/openmetrics-text", open_metrics},
+        {"text/plain, application/*", prometheus},
+        {"application/openmetrics-text;q=0.5, */*", prometheus},
+        // The most exact range decides, not the largest weight.
+        {"text/plain;q=0, */*", open_metrics},
+        {"*/*, text/plain;q=0", open_metrics},
+        {"application/openmetrics-text;q=0.2, application/*;q=0.9, text/plain;q=0.5", prometheus},
+        {"application/openmetrics-text;version=1.0.0;q=0, application/openmetrics-text, text/plain;q=0.1",
+         prometheus},
+        {"text/*;q=0.3, text/plain;q=0.9, application/openmetrics-text;q=0.5", prometheus},
+        {"application/*", open_metrics},
+        {"application/*;q=0.5, text/*;q=0.4", open_metrics},
+        {"text/*;q=0, */*;q=0.1", open_metrics},
+        {"*/*;q=0", prometheus},
+        // Versions
+        {"application/openmetrics-text;version=0.0.1", prometheus},
+        {"application/openmetrics-text;version=\"1.0.0\"", open_metrics},
+        {"application/openmetrics-text;version=\"1\\.0.0\"", open_metrics},
+        {"application/openmetrics-text;version=\"0.0.1\"", prometheus},
+        {"text/plain;version=1.0.0, application/openmetrics-text;q=0.1", open_metrics},
+        {"text/plain;note=\"a, b; q=1\";q=0.2, application/openmetrics-text;q=0.3", open_metrics},
+        // Any case, and blanks
+        {"Application/OpenMetrics-Text;Version=1.0.0", open_metrics},
+        {"TEXT/PLAIN;Q=0.1 , APPLICATION/OPENMETRICS-TEXT ; Q=0.9", open_metrics},
+        {"\ttext/plain ;\tq=0.9,application/openmetrics-text;q=0.1", prometheus},
+        // A range whose weight is none is left out.
+        {"application/openmetrics-text;q=nan", prometheus},
+        {"application/openmetrics-text;q=inf, text/plain;q=0.1", prometheus},
+        {"application/openmetrics-text;q=5, text/plain;q=0.1", prometheus},
+        {"application/openmetrics-text;q=-1, text/plain;q=0.1", prometheus},
+        {"application/openmetrics-text;q=0.5x, text/plain;q=0.1", prometheus},
+        {"application/openmetrics-text;q=, text/plain;q=0.1", prometheus},
+        {"text/plain;q=nan, application/openmetrics-text;q=0.001", open_metrics},
+        {"application/openmetrics-text;q=1.000, text/plain;q=0.999", open_metrics},
+        // Nonsense
+        {",;=,\"", prometheus},
+        {"application/openmetrics-text;version=\"1.0.0", prometheus},
+        {"application/openmetrics-text;\"", open_metrics},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(wanted_format(c.accept), c.then) << c.accept;
+}
+
 TEST(metrics_text, writes_numbers_that_are_read_back)
 {
     for (const double value :

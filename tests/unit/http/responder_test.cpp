@@ -44,6 +44,12 @@ TEST(responder, gives_pages_what_was_asked)
     EXPECT_TRUE(answer.keeps_open);
 }
 
+TEST(responder, joins_the_lines_of_a_header)
+{
+    const http_answer answer = answer_to("/page", "Accept: a/b;q=0.1\r\nHost: x\r\naccept: c/d\r\n");
+    EXPECT_THAT(answer.bytes, HasSubstr("accept=a/b;q=0.1, c/d"));
+}
+
 TEST(responder, finds_pages_by_their_whole_path_or_its_beginning)
 {
     EXPECT_THAT(answer_to("/under/a%3Ab/c").bytes, HasSubstr("rest=a:b/c "));
