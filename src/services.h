@@ -9,6 +9,7 @@
 #include "firmware/download_pool.h"
 #include "firmware/firmware.h"
 #include "firmware/ota.h"
+#include "net/http_refusals.h"
 #include "registry/nodes_container.h"
 
 namespace rtls {
@@ -27,6 +28,7 @@ struct services {
     OTA_t* ota = nullptr;
     current_firmware firmware;
     download_pool* downloads = nullptr;
+    http_refusals http; // none without its port
     // The actors know each other by name only: what one may ask of the other stands in its own header.
     WIN_SERVER_t* win_server = nullptr;
     TERMINAL_SERVER_t* terminal_server = nullptr;

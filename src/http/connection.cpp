@@ -34,7 +34,7 @@ short connection::events() const
 std::optional<std::string> connection::serve(int64_t now_ms)
 {
     if (is_late(now_ms))
-        m_phase = phase::ended;
+        end_late();
     switch (m_phase) {
     case phase::reading:
         read();
@@ -51,6 +51,14 @@ std::optional<std::string> connection::serve(int64_t now_ms)
     }
     m_phase = phase::ended;
     return std::nullopt;
+}
+
+// Silence between two requests is nobody's fault, and who is told goodbye has his answer.
+void connection::end_late()
+{
+    if (m_phase == phase::writing || (m_phase == phase::reading && (!m_has_asked || !m_input.empty())))
+        m_refused = http_refusal::timed_out;
+    m_phase = phase::ended;
 }
 
 void connection::read()
@@ -70,6 +78,7 @@ std::optional<std::string> connection::take_head(int64_t now_ms)
         return std::nullopt;
     const size_t size = request_head_size(m_input);
     if (size > request_head_limit || (size == 0 && m_input.size() >= request_head_limit)) {
+        m_refused = http_refusal::too_long;
         begin_to_write(refusal_bytes(431, "the head of the request is too long"), false, now_ms);
         return std::nullopt;
     }
@@ -82,6 +91,7 @@ std::optional<std::string> connection::take_head(int64_t now_ms)
     m_input.erase(0, size);
     m_phase = phase::answering;
     m_deadline = no_deadline;
+    m_has_asked = true;
     return head;
 }
 

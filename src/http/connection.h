@@ -16,6 +16,7 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace rtls {
 
@@ -39,12 +40,16 @@ public:
     // Reads, writes or gives up, as the time and the phase are. The head of a request, when one is complete.
     std::optional<std::string> serve(int64_t now_ms);
 
+    // Why the last serve() has refused him something, if it has; once.
+    std::optional<http_refusal> take_refusal() { return std::exchange(m_refused, std::nullopt); }
+
     // The answer to the head that serve() gave out.
     void answer(http_answer answer, int64_t now_ms);
 
 private:
     enum class phase { reading, answering, writing, farewell, ended };
 
+    void end_late();
     void read();
     void write(int64_t now_ms);
     void drain();
@@ -58,11 +63,13 @@ private:
     int64_t m_deadline;
     phase m_phase = phase::reading;
     bool m_is_new = true;      // it has not said anything since its last answer
+    bool m_has_asked = false;  // a whole request
     bool m_keeps_open = false; // after the answer at hand
     std::string m_input;       // at most a head and a read
     std::string m_output;
     size_t m_sent = 0;    // of m_output
     size_t m_drained = 0; // bytes that nobody is going to read
+    std::optional<http_refusal> m_refused;
 };
 
 } // namespace rtls

@@ -65,7 +65,10 @@ static unique_fd open_listener(const http_rules& rules)
 // The door's own thread works on all of it, but for what the pool has.
 class http_door::state {
 public:
-    state(responder& pages, http_times times) : m_times(times), m_pool(pages) {}
+    state(responder& pages, http_refusals& refusals, http_times times)
+        : m_times(times), m_refusals(refusals), m_pool(pages)
+    {
+    }
     ~state();
     state(const state&) = delete;
     state& operator=(const state&) = delete;
@@ -80,12 +83,14 @@ private:
     int patience_ms(int64_t now) const;
     void accept_all(int64_t now);
     void take_in(unique_fd fd, int64_t now);
-    void give_up_most_silent();
+    void give_up_most_silent(int64_t now);
+    void refuse(int fd, http_refusal why, int64_t now);
     void send_answers(int64_t now);
     void serve(connection& who, int64_t now);
     void drop_ended();
 
     const http_times m_times;
+    http_refusals& m_refusals;
     unique_fd m_listener;
     unique_fd m_wake_up{eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};
     std::atomic<bool> m_is_stopping{false};
@@ -137,6 +142,7 @@ void http_door::state::run() noexcept
             turn();
         } catch (const std::bad_alloc&) {
             logger_error(g_logger, str_out_of_memory, "http");
+            m_refusals.note_out_of_memory(m_connections.size());
             m_connections.clear(); // the answers under way find nobody
             pause();
         }
@@ -208,28 +214,42 @@ void http_door::state::accept_all(int64_t now)
 void http_door::state::take_in(unique_fd fd, int64_t now)
 {
     if (is_reserved_descriptor(fd.get()) && m_connections.size() >= connections_of_reserve)
-        return;
+        return refuse(fd.get(), http_refusal::descriptors, now);
     if (m_connections.size() >= connections_limit)
-        give_up_most_silent();
+        give_up_most_silent(now);
     const int on = 1;
     (void)setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     m_connections.emplace_back(std::move(fd), ++m_connections_so_far, m_times, now);
 }
 
 // Whoever waits for a page that is being made comes last.
-void http_door::state::give_up_most_silent()
+void http_door::state::give_up_most_silent(int64_t now)
 {
-    const auto silent =
-        std::ranges::find_if(m_connections, [](const connection& who) { return !who.is_waiting(); });
-    m_connections.erase(silent == m_connections.end() ? m_connections.begin() : silent);
+    auto silent = std::ranges::find_if(m_connections, [](const connection& who) { return !who.is_waiting(); });
+    if (silent == m_connections.end())
+        silent = m_connections.begin();
+    refuse(silent->fd(), http_refusal::full, now);
+    m_connections.erase(silent);
+}
+
+void http_door::state::refuse(int fd, http_refusal why, int64_t now)
+{
+    sockaddr_in who{}; // stays 0.0.0.0 when he has gone already
+    socklen_t size = sizeof who;
+    (void)getpeername(fd, reinterpret_cast<sockaddr*>(&who), &size);
+    m_refusals.note(why, who.sin_addr, now);
 }
 
 // What has come from a client, or can be sent to him, or his time is over.
 void http_door::state::serve(connection& who, int64_t now)
 {
     if (std::optional<std::string> head = who.serve(now))
-        if (!m_pool.order({who.number(), *std::move(head)}))
-            who.answer({refusal_bytes(503, "too many requests wait")}, now);
+        if (!m_pool.order({who.number(), *std::move(head)})) {
+            refuse(who.fd(), http_refusal::busy, now);
+            who.answer({refusal_bytes(503, "too many requests wait"), false, {}}, now);
+        }
+    if (const std::optional<http_refusal> why = who.take_refusal())
+        refuse(who.fd(), *why, now);
 }
 
 void http_door::state::send_answers(int64_t now)
@@ -238,6 +258,10 @@ void http_door::state::send_answers(int64_t now)
         const auto who = std::ranges::find(m_connections, made.connection, &connection::number);
         if (who == m_connections.end())
             continue;
+        if (made.answer.bytes.empty())
+            m_refusals.note_out_of_memory(1);
+        if (made.answer.refused)
+            refuse(who->fd(), *made.answer.refused, now);
         who->answer(std::move(made.answer), now);
         m_connections.splice(m_connections.end(), m_connections, who);
         serve(m_connections.back(), now);
@@ -251,7 +275,10 @@ void http_door::state::drop_ended()
 
 // --- the door
 
-http_door::http_door(responder& pages, http_times times) : m_state(std::make_unique<state>(pages, times)) {}
+http_door::http_door(responder& pages, http_refusals& refusals, http_times times)
+    : m_state(std::make_unique<state>(pages, refusals, times))
+{
+}
 
 http_door::~http_door() = default;
 

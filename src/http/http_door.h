@@ -6,7 +6,8 @@
 //
 // Bounds: 64 connections (for one more, the one that has been silent for longest goes), 8 KiB of a head, 5 s
 // for a head, 60 s of silence between two requests, 10 s for an answer to be taken.
-// Ownership  Owns its threads and sockets. The responder outlives it.
+// Whoever is refused something is counted, and the first of an episode said.
+// Ownership  Owns its threads and sockets. The responder and the counts outlive it.
 // Threads    Made, opened and destroyed on one thread.
 // Blocking   The destructor waits for the pages that are being made, for nothing else.
 // Failures   open() logs them.
@@ -14,6 +15,7 @@
 
 #include "http/http_rules.h"
 #include "http/responder.h"
+#include "net/http_refusals.h"
 
 #include <memory>
 
@@ -30,7 +32,7 @@ class http_door {
 public:
     static constexpr size_t connections_limit = 64;
 
-    explicit http_door(responder& pages, http_times times = {});
+    http_door(responder& pages, http_refusals& refusals, http_times times = {});
     ~http_door();
     http_door(const http_door&) = delete;
     http_door& operator=(const http_door&) = delete;

@@ -36,7 +36,7 @@ static std::vector<page_row> pages_of(const services& gateway, const health& che
 struct http_server::state {
     state(services& gateway, http_rules read)
         : rules(std::move(read)), checks(gateway), facts(gateway),
-          answers(pages_of(gateway, checks, facts), rules.token), door(answers)
+          answers(pages_of(gateway, checks, facts), rules.token), door(answers, gateway.http)
     {
     }
     ~state() { facts.stop(); } // the door waits for the pages that are being made

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <exception>
 #include <new>
-#include <optional>
 #include <utility>
 
 namespace rtls {
@@ -59,6 +58,7 @@ static bool is_same(std::string_view given, std::string_view wanted)
 }
 
 static constexpr char authorization_header[] = "Authorization";
+static constexpr std::string_view head_of_401 = "HTTP/1.1 401 ";
 
 // The token of "Bearer <token>", whose scheme may be written in any case (RFC 9110 11.1); "" when there is none.
 static std::string token_of(const std::string& authorization)
@@ -139,11 +139,18 @@ public:
     {
         memory_stream stream{head.text};
         bool is_closed = false;
+        bool is_read = false;
         const auto add_verbatim = [&](httplib::Request& request) {
+            is_read = true;
             request.headers.emplace(authorization_header, head.authorization);
         };
         const bool is_answered = process_request(stream, head.has_body, is_closed, add_verbatim);
-        return {stream.take_output(), is_answered && !is_closed && !head.has_body};
+        http_answer made{stream.take_output(), is_answered && !is_closed && !head.has_body, {}};
+        if (!is_read)
+            made.refused = http_refusal::malformed;
+        else if (made.bytes.starts_with(head_of_401)) // no page says that
+            made.refused = http_refusal::token;
+        return made;
     }
 
 private:
@@ -204,9 +211,9 @@ http_answer responder::answer(std::string_view bytes)
 {
     const std::optional<request_head> head = read_request_head(bytes);
     if (!head)
-        return {refusal_bytes(400, "this is no request of HTTP/1.1")};
+        return {refusal_bytes(400, "this is no request of HTTP/1.1"), false, http_refusal::malformed};
     if (!head->text.starts_with("GET ") && !head->text.starts_with("HEAD "))
-        return {refusal_bytes(405, "nothing but GET and HEAD is served")};
+        return {refusal_bytes(405, "nothing but GET and HEAD is served"), false, http_refusal::method};
     return m_library->answer(*head);
 }
 

@@ -7,9 +7,12 @@
 //            std::bad_alloc.
 #pragma once
 
+#include "net/http_refusals.h"
+
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,7 +46,8 @@ std::string refusal_bytes(int status, std::string_view reason);
 
 struct http_answer {
     std::string bytes;
-    bool keeps_open = false; // the connection may ask again
+    bool keeps_open = false;             // the connection may ask again
+    std::optional<http_refusal> refused; // the request, before any page was looked at
 };
 
 class responder {

@@ -10,6 +10,9 @@ namespace rtls {
 static constexpr char of_win[] = "win";
 static constexpr char of_terminal[] = "terminal";
 
+static constexpr names_of<http_refusal> http_refusal_names = {
+    "descriptors", "full", "busy", "malformed", "method", "too_long", "token", "timed_out", "out_of_memory"};
+
 template <typename Read>
 static void each_pulse(reading& r, Read read)
 {
@@ -28,6 +31,14 @@ static constexpr metric_row inside_rows_table[] = {
          r.sample("living", number(r.nodes()->living));
          r.sample("expired", number(r.nodes()->all - r.nodes()->living));
      }},
+
+    // The HTTP port
+    {{"rtls_gateway_http_refused_total",
+      "Connections and requests that the HTTP port refused.",
+      "",
+      counter_type,
+      {"reason"}},
+     [](reading& r) { by_name(r, http_refusal_names, r.http().counts()); }},
 
     // Operators and the debug stream
     {{"rtls_gateway_operators", "Operators who are connected.", "", gauge, {}},

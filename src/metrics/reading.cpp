@@ -31,7 +31,7 @@ static node_load read_nodes(NODES_CONTAINER_t& nodes)
 
 reading::reading(const services& gateway, metric_sink& sink)
     : m_sink(sink), m_win(gateway.win_server), m_ota(gateway.ota), m_process(read_process_figures()),
-      m_log(logger_get_counters(g_logger_ctx)), m_now_ms(zclock_mono())
+      m_log(logger_get_counters(g_logger_ctx)), m_http(gateway.http), m_now_ms(zclock_mono())
 {
     if (gateway.terminal_server)
         m_terminal.emplace(terminal_server_figures(*gateway.terminal_server));

@@ -48,6 +48,7 @@ public:
     const tav_log_counters& log() const { return m_log; }
     const OTA_t* ota() const { return m_ota; }
     const std::optional<download_pool::load>& downloads() const { return m_downloads; }
+    const http_refusals& http() const { return m_http; }
     int64_t now_ms() const { return m_now_ms; } // zclock_mono
 
     // The samples that follow are of this one.
@@ -71,6 +72,7 @@ private:
     std::optional<node_load> m_nodes;
     process_figures m_process;
     tav_log_counters m_log;
+    const http_refusals& m_http;
     std::optional<download_pool::load> m_downloads;
     int64_t m_now_ms;
 };
