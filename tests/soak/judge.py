@@ -4,6 +4,8 @@ Each function takes what was seen, and returns what is wrong with it, a line eac
 import re
 import statistics
 
+LONG_RUN = 1800     # seconds
+
 # The lines of the simulator's summary that are held against the daemon's figures.
 SUMMARY = {
     "connections": r"^bridges: connections (\d+) ",
@@ -78,6 +80,12 @@ def unexplained(lines: list, patterns: list, most_shown: int = 20) -> list:
     odd = [line for line in lines if not any(pattern.fullmatch(line) for pattern in patterns)]
     shown = [f"unexplained log line: {line}" for line in odd[:most_shown]]
     return shown + ([f"... and {len(odd) - most_shown} more"] if len(odd) > most_shown else [])
+
+
+def memory_room(seconds: float, connections: int) -> float:
+    """How many KiB the daemon may grow by. In a long run what it needs once is there when the warm-up ends, and a little for
+    each connection would show; a short one sees the allocator fill its arenas."""
+    return 1024 + connections * 200 / 1024 if seconds >= LONG_RUN else 4 << 10
 
 
 def growth(what: str, samples: list, room: float, least: int = 8) -> list:

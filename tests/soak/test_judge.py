@@ -102,6 +102,12 @@ def test_the_patterns_that_are_shipped_are_sound_and_narrow():
         assert not any(pattern.fullmatch(line) for pattern in patterns), line
 
 
+def test_a_long_run_has_less_room_and_more_for_more_connections():
+    assert judge.memory_room(120, 100_000) == 4096
+    assert judge.memory_room(3600, 0) == 1024
+    assert judge.memory_room(3600, 10_240) == 1024 + 2000
+
+
 def test_what_stays_is_growth():
     assert judge.growth("memory", [10, 10, 11, 10, 10, 90, 10, 10] * 4, room=2) == []
     assert judge.growth("memory", list(range(40)), room=5) == ["memory grew from 4 to 34, 5 are allowed"]
