@@ -2,6 +2,7 @@
 import pytest
 
 from harness import wire
+from harness.daemon import free_port
 from harness.http_client import get, with_http
 from harness.peers import wait_until
 from harness.stopped_thread import StoppedThread, thread_id
@@ -78,18 +79,27 @@ def test_a_server_that_goes_is_missed(daemon, http_port):
 
 
 @pytest.mark.threads
-def test_the_start_can_be_watched(start_gateway, http_port):
+def test_the_start_can_be_watched(start_gateway, http_port, tmp_path):
     """The door is open before the servers serve."""
-    daemon = start_gateway(change=with_http(http_port), wait_ready=False)
-    wait_until(lambda: b"serving" in answer_or_nothing(http_port) or daemon.pid_file.exists(), "the door")
+    hold = tmp_path / "hold"
+    hold.touch()
+    win_port = free_port()
+    daemon = start_gateway(change=with_http(http_port), wait_ready=False, ports={"win": win_port},
+                           env={"RTLS_HELD_PORT": str(win_port), "RTLS_HELD_FILE": str(hold)})
+    wait_until(lambda: answer_or_nothing(http_port), "the door")
+    answer = get(http_port, "/readyz?verbose")
+    assert answer.status == 503 and check_of(answer, "serving")["ok"] is False
+    assert not daemon.pid_file.exists()
+    hold.unlink()
     daemon.wait_ready()
     daemon.proxy.wait_subscribed()
     wait_until(lambda: get(http_port, "/readyz").status == 200, "the links")
+    assert check_of(get(http_port, "/readyz?verbose"), "serving")["ok"] is True
 
 
 def answer_or_nothing(http_port) -> bytes:
     try:
-        return get(http_port, "/readyz?verbose").body
+        return get(http_port, "/readyz").body
     except OSError:
         return b""
 

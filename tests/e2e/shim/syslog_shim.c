@@ -1,22 +1,39 @@
-/* syslog_shim - preloaded into the daemon under test: its system log becomes a file.
+/* syslog_shim - preloaded into the daemon under test: its system log becomes a file, and its start can be held up.
  *
  * RTLS_SYSLOG_FILE names the file. Each record that the log mask admits becomes a line
  * "<priority> <ident>: <text>", written with one write so that threads do not mix.
  * RTLS_SYSLOG_UNREAD names another file: while it exists, nobody reads the log. Then whoever writes to it
- * waits, and so do the others who call a function of the log, as in libc. */
+ * waits, and so do the others who call a function of the log, as in libc.
+ * RTLS_HELD_PORT is the number of a port, RTLS_HELD_FILE a file: while it exists, whoever binds the port waits. */
 #define _GNU_SOURCE
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
 static pthread_mutex_t log_mutex = PTHREAD_MUTEX_INITIALIZER;
 static const char* ident = "";
 static int log_mask = 0xFF;
+
+int bind(int fd, const struct sockaddr* address, socklen_t size)
+{
+    const char* held = getenv("RTLS_HELD_PORT");
+    const char* file = getenv("RTLS_HELD_FILE");
+    if (held && file && address->sa_family == AF_INET &&
+        ntohs(((const struct sockaddr_in*)(const void*)address)->sin_port) == atoi(held))
+        while (access(file, F_OK) == 0)
+            usleep(1000);
+    int (*next)(int, const struct sockaddr*, socklen_t) = NULL;
+    *(void**)&next = dlsym(RTLD_NEXT, "bind");
+    return next(fd, address, size);
+}
 
 void openlog(const char* new_ident, int option, int facility)
 {
