@@ -1,5 +1,6 @@
 // What an operator's listing costs: the copying, for which the registry is locked and the WIN server may
 // have to wait, and the rest, for which it is not.
+#include "base/peer.h"
 #include "registry/nodes_container.h"
 #include "server/win_server.h"
 #include "terminal/listing.h"
@@ -32,7 +33,7 @@ static std::vector<win_client_info> make_bridges()
 {
     std::vector<win_client_info> bridges(bridges_number);
     for (uint32_t i = 0; i < bridges_number; ++i)
-        bridges[i].id = bridge_id(i);
+        bridges[i].id = bridge_identity{frame_bytes(bridge_id(i).get())};
     return bridges;
 }
 

@@ -133,7 +133,7 @@ static json bridge_json(const win_client_info& bridge, size_t nodes)
 {
     static constexpr uint8_t unnamed[mac_size]{};
     const bool is_named = std::memcmp(bridge.mac_addr, unnamed, mac_size) != 0;
-    return {{"id", identity_key{bridge.id.get()}.c_str()},
+    return {{"id", identity_key{bridge.id.view()}.c_str()},
             {"mac", is_named ? json(colon_mac_text{bridge.mac_addr}.c_str()) : json(nullptr)},
             {"address", ipv4_text{bridge.addr}.c_str()},
             {"port", ntohs(bridge.addr.sin_port)},
@@ -142,7 +142,7 @@ static json bridge_json(const win_client_info& bridge, size_t nodes)
 
 page api::bridges(const page_request& /*request*/) const
 {
-    const auto bridges = win_server_copy_clients(*m_gateway.win_server);
+    const auto bridges = win_server_copy_clients_in_slices(*m_gateway.win_server);
     const auto counts = count_nodes(*m_gateway.nodes, bridges, m_is_stopping);
     if (!counts)
         return stops_page();
@@ -160,7 +160,7 @@ page api::nodes(const page_request& request) const
     std::optional<node_query> query = node_query::read(request.parameters, fault);
     if (!query)
         return refusal_page(400, fault);
-    const auto bridges = win_server_copy_clients(*m_gateway.win_server);
+    const auto bridges = win_server_copy_clients_in_slices(*m_gateway.win_server);
     nodes_page found{*std::move(query), bridges};
     const bool is_whole = walk_nodes(
         *m_gateway.nodes, index_bridges(bridges), [&](std::span<const node_row> rows) { found.take(rows); },
@@ -168,16 +168,33 @@ page api::nodes(const page_request& request) const
     return is_whole ? json_page(found.as_json()) : stops_page();
 }
 
-static std::optional<node_row> find_node(NODES_CONTAINER_t& nodes, const mac_array& mac,
-                                         const bridge_index& bridges)
+namespace {
+
+struct found_node {
+    node_row row;
+    std::vector<win_client_info> bridge; // its own; none: it is of no connected bridge
+};
+
+} // namespace
+
+// Looks for the one bridge alone: the table has thousands.
+static std::optional<found_node> find_node(const services& gateway, const mac_array& mac)
 {
-    const nodes_guard guard{nodes};
-    const NODE_t* node = nodes.look_up(mac.data());
-    if (!node)
-        return std::nullopt;
-    node_row row{};
-    copy_node(*node, bridges, row);
-    return row;
+    found_node found{};
+    bridge_identity bridge;
+    {
+        const nodes_guard guard{*gateway.nodes};
+        const NODE_t* node = gateway.nodes->look_up(mac.data());
+        if (!node)
+            return std::nullopt;
+        copy_node(*node, {}, found.row);
+        bridge = bridge_identity{frame_bytes(node->win_client_id.get())};
+    }
+    if (const auto info = win_server_find_client(*gateway.win_server, bridge.view())) {
+        found.row.bridge = 0;
+        found.bridge.push_back(*info);
+    }
+    return found;
 }
 
 page api::node(const page_request& request) const
@@ -185,9 +202,9 @@ page api::node(const page_request& request) const
     const std::optional<mac_array> mac = parse_mac(request.rest);
     if (!mac)
         return refusal_page(400, "a MAC has 16 hex digits");
-    const auto bridges = win_server_copy_clients(*m_gateway.win_server);
-    const std::optional<node_row> row = find_node(*m_gateway.nodes, *mac, index_bridges(bridges));
-    return row ? json_page(node_json(*row, bridges)) : refusal_page(404, "there is no such node");
+    const std::optional<found_node> found = find_node(m_gateway, *mac);
+    return found ? json_page(node_json(found->row, found->bridge))
+                 : refusal_page(404, "there is no such node");
 }
 
 // --- operators
@@ -280,7 +297,7 @@ static json log_json()
 
 page api::status(const page_request& /*request*/) const
 {
-    const auto bridges = win_server_copy_clients(*m_gateway.win_server);
+    const auto bridges = win_server_copy_clients_in_slices(*m_gateway.win_server);
     const auto counts = count_nodes(*m_gateway.nodes, bridges, m_is_stopping);
     if (!counts)
         return stops_page();

@@ -225,7 +225,8 @@ void http_door::state::take_in(unique_fd fd, int64_t now)
 // Whoever waits for a page that is being made comes last.
 void http_door::state::give_up_most_silent(int64_t now)
 {
-    auto silent = std::ranges::find_if(m_connections, [](const connection& who) { return !who.is_waiting(); });
+    auto silent =
+        std::ranges::find_if(m_connections, [](const connection& who) { return !who.is_waiting(); });
     if (silent == m_connections.end())
         silent = m_connections.begin();
     refuse(silent->fd(), http_refusal::full, now);

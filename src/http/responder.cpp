@@ -182,8 +182,11 @@ private:
 
     static page made(const page_row& row, const httplib::Request& request)
     try {
-        return row.make({request.path.substr(row.path.size()), all_values(request, "Accept"), request.params});
-    } catch (const std::exception&) { // memory, as far as we know
+        return row.make(
+            {request.path.substr(row.path.size()), all_values(request, "Accept"), request.params});
+    } catch (const std::bad_alloc&) {
+        return refusal_page(503, "memory is short");
+    } catch (const std::exception&) {
         return refusal_page(500, "the page could not be made");
     }
 

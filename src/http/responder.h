@@ -3,7 +3,7 @@
 // Ownership  Owns the table of pages.
 // Threads    Made on one thread; answer() may be called by several at once, and so are the pages.
 // Blocking   As the pages do.
-// Failures   A page that throws is answered with 500, a head that is no request with 400. answer() may throw
+// Failures   A page that throws is answered with 500, or 503 when memory is short; a head that is no request with 400. answer() may throw
 //            std::bad_alloc.
 #pragma once
 

@@ -1,8 +1,12 @@
 #include "link/client_table.h"
 
+#include "base/peer.h"
+
 #include <cassert>
+#include <chrono>
 #include <cstring>
 #include <new>
+#include <thread>
 
 namespace rtls {
 
@@ -25,14 +29,32 @@ WIN_CLIENT_t* client_table::insert(const char* key, win_client_ptr client) noexc
     try {
         if (m_walk.capacity() <= zhashx_size(m_records.get()))
             m_walk.reserve(2 * m_walk.capacity() + 8);
+        if (m_free_places.empty() && m_places.size() == m_places.capacity())
+            m_places.reserve(2 * m_places.capacity() + 8);
+        m_free_places.reserve(m_places.capacity());
         m_of_address.add(client->addr.sin_addr);
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
-    if (zhashx_insert(m_records.get(), key, client.get()) == 0)
+    if (zhashx_insert(m_records.get(), key, client.get()) == 0) {
+        give_place(*client);
         return client.release();
+    }
     m_of_address.remove(client->addr.sin_addr);
     return nullptr;
+}
+
+// insert() has seen to the memory.
+void client_table::give_place(WIN_CLIENT_t& client) noexcept
+{
+    if (m_free_places.empty()) {
+        client.place = m_places.size();
+        m_places.push_back(&client);
+        return;
+    }
+    client.place = m_free_places.back();
+    m_free_places.pop_back();
+    m_places[client.place] = &client;
 }
 
 size_t client_table::size_of_address(in_addr address) noexcept
@@ -44,8 +66,11 @@ size_t client_table::size_of_address(in_addr address) noexcept
 void client_table::erase(const char* key) noexcept
 {
     const mutex_guard guard{m_mutex};
-    if (const auto* client = static_cast<const WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key)))
+    if (const auto* client = static_cast<const WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key))) {
         m_of_address.remove(client->addr.sin_addr);
+        m_places[client->place] = nullptr;
+        m_free_places.push_back(client->place);
+    }
     zhashx_delete(m_records.get(), key);
 }
 
@@ -69,18 +94,41 @@ void client_table::collect() noexcept
     visit_records([&](WIN_CLIENT_t& client) { m_walk.push_back(&client); });
 }
 
+static win_client_info info_of(const WIN_CLIENT_t& client) noexcept
+{
+    win_client_info info{bridge_identity{frame_bytes(client.id)}, client.addr, {}};
+    std::memcpy(info.mac_addr, client.mac_addr, mac_size);
+    return info;
+}
+
 std::vector<win_client_info> client_table::copy()
 {
     std::vector<win_client_info> copies;
     const mutex_guard guard{m_mutex};
     copies.reserve(zhashx_size(m_records.get()));
-    visit_records([&](const WIN_CLIENT_t& client) {
-        win_client_info& copy = copies.emplace_back();
-        copy.id.reset(zframe_dup(client.id));
-        copy.addr = client.addr;
-        std::memcpy(copy.mac_addr, client.mac_addr, mac_size);
-    });
+    visit_records([&](const WIN_CLIENT_t& client) { copies.push_back(info_of(client)); });
     return copies;
+}
+
+// Who takes a lock again at once has it before those that have been waiting for it.
+void client_table::let_others_in()
+{
+    std::this_thread::sleep_for(std::chrono::microseconds{50});
+}
+
+std::vector<win_client_info> client_table::copy_in_slices()
+{
+    std::vector<win_client_info> copies;
+    copies.reserve(size() + clients_of_slice); // not under the lock
+    visit_in_slices([&](const WIN_CLIENT_t& client) { copies.push_back(info_of(client)); });
+    return copies;
+}
+
+std::optional<win_client_info> client_table::find_info(const char* key) noexcept
+{
+    const mutex_guard guard{m_mutex};
+    const auto* client = static_cast<const WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key));
+    return client ? std::optional{info_of(*client)} : std::nullopt;
 }
 
 } // namespace rtls

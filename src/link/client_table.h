@@ -2,24 +2,44 @@
 //
 // Ownership  The table owns the records.
 // Threads    Every access locks by itself. The WIN server's thread alone changes the table, so that what it
-//            finds stays, and its walks need no lock; other threads copy. The registry's lock, where both are
-//            held, is the outer one.
-// Failures   Nothing throws, but copy.
+//            finds stays, and its walks need no lock; other threads copy, or visit in slices that keep it from
+//            its work for less than a millisecond. The registry's lock, where both are held, is the outer one.
+// Failures   Nothing throws, but the copies.
 #pragma once
 
 #include "base/czmq_ptr.h"
 #include "link/win_clients.h"
 #include "net/address_counts.h"
 
+#include "base/bytes.h"
 #include "core/thread_annotations.h"
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace rtls {
 
+// A routing identity in memory of its own. That of a stream has 5 bytes; what is longer than this is cut.
+struct bridge_identity {
+    bridge_identity() = default;
+    explicit bridge_identity(bytes_view identity) noexcept
+        : size(static_cast<uint8_t>(std::min(identity.size(), bytes.size())))
+    {
+        std::copy_n(identity.begin(), size, bytes.begin());
+    }
+    bytes_view view() const noexcept { return bytes_view{bytes}.first(size); }
+
+    std::array<uint8_t, 31> bytes{};
+    uint8_t size = 0;
+};
+
 // What other threads may know of a WIN client.
 struct win_client_info {
-    zframe_ptr id;
+    bridge_identity id;
     sockaddr_in addr;
     uint8_t mac_addr[mac_size];
 };
@@ -72,17 +92,21 @@ public:
         return found;
     }
 
-    // Calls visit(const WIN_CLIENT_t&) for each client under the lock: any thread, for a moment. It may read
-    // what is said to be read by any.
+    // Calls visit(const WIN_CLIENT_t&) for each client, in no order, under the lock: any thread, a slice at a time.
+    // It may read what is said to be read by any. A client that comes meanwhile may be left out; none comes twice.
     template <typename Visitor>
-    void for_each_locked(Visitor visit)
+    void visit_in_slices(Visitor visit)
     {
-        const mutex_guard guard{m_mutex};
-        visit_records([&](const WIN_CLIENT_t& client) { visit(client); });
+        for (size_t at = 0; visit_slice(at, visit);)
+            let_others_in();
     }
 
-    // What other threads may know, in table order. Throws std::bad_alloc.
+    // What other threads may know, in table order, all under the lock. Throws std::bad_alloc.
     std::vector<win_client_info> copy();
+    // The same in slices, in no order.
+    std::vector<win_client_info> copy_in_slices();
+    // Of the client with this identity (upper-case hex); nothing when there is none.
+    std::optional<win_client_info> find_info(const char* key) noexcept;
 
     // The table itself, for who must have it and knows that nobody else is there.
     zhashx_t* unguarded() RTLS_NO_THREAD_SAFETY_ANALYSIS { return m_records.get(); }
@@ -91,7 +115,22 @@ public:
     annotated_mutex& mutex() RTLS_RETURNS_LOCK(m_mutex) { return m_mutex; }
 
 private:
+    static constexpr size_t clients_of_slice = 1024;
+
     void collect() noexcept;
+    static void let_others_in();
+    void give_place(WIN_CLIENT_t& client) noexcept RTLS_REQUIRES(m_mutex);
+    // The next clients from the place `at` on. False when these were the last.
+    template <typename Visitor>
+    bool visit_slice(size_t& at, Visitor& visit)
+    {
+        const mutex_guard guard{m_mutex};
+        const size_t end = std::min(at + clients_of_slice, m_places.size());
+        for (; at < end; ++at)
+            if (const WIN_CLIENT_t* client = m_places[at])
+                visit(*client);
+        return at < m_places.size();
+    }
     template <typename Visitor>
     void visit_records(Visitor visit) RTLS_REQUIRES(m_mutex)
     {
@@ -104,6 +143,10 @@ private:
     // The walk's own list; has room for all records, so that a walk needs no memory.
     std::vector<WIN_CLIENT_t*> m_walk;
     address_counts m_of_address RTLS_GUARDED_BY(m_mutex);
+    // The same records, each where it stays as long as it lives, so that a visit may be interrupted; and the
+    // places in between that are free, for which there is always room.
+    std::vector<WIN_CLIENT_t*> m_places RTLS_GUARDED_BY(m_mutex);
+    std::vector<size_t> m_free_places RTLS_GUARDED_BY(m_mutex);
 };
 
 } // namespace rtls

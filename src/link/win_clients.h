@@ -54,6 +54,7 @@ struct WIN_CLIENT_t {
     uint64_t heard_at_check = 0;  // these three are those of silent_ends: when something was last heard,
     bool has_lost_number = false; // whether a later connection has the descriptor's number,
     bool is_unreachable = false;  // and whether the library knows no way to it
+    size_t place = 0;             // the table's own
 };
 
 // Whether the decoder has bytes of a frame that has not ended.

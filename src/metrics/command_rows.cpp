@@ -15,7 +15,7 @@ static constexpr names_of<command_outcome> command_outcome_names = {
 static constexpr names_of<page_request_outcome> page_request_names = {"served", "not_found", "refused"};
 static constexpr names_of<page_seen_outcome> page_seen_names = {"stored", "refused"};
 static constexpr names_of<discovery_outcome> discovery_names = {"answered", "not_sent", "malformed", "own",
-                                                             "flood"};
+                                                                "flood"};
 static constexpr names_of<transfer_outcome> transfer_names = {"complete", "failed", "timed_out", "stopped",
                                                               "forbidden"};
 

@@ -9,7 +9,7 @@ namespace rtls {
 static bridge_load read_bridges(client_table& clients)
 {
     bridge_load load;
-    clients.for_each_locked([&](const WIN_CLIENT_t& client) {
+    clients.visit_in_slices([&](const WIN_CLIENT_t& client) {
         const uint64_t messages = client.unsent_messages.size();
         const uint64_t bytes = client.unsent_messages.bytes();
         ++load.bridges;

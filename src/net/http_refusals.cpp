@@ -22,7 +22,8 @@ void http_refusals::note(http_refusal why, in_addr who, int64_t now_ms) noexcept
     const auto which = static_cast<size_t>(why);
     m_counts[why].add();
     if (m_episodes[which].begins(now_ms))
-        logger_warning(g_logger, "http port: %s is refused, %s", ipv4_text{who}.c_str(), refusal_texts[which]);
+        logger_warning(g_logger, "http port: %s is refused, %s", ipv4_text{who}.c_str(),
+                       refusal_texts[which]);
 }
 
 } // namespace rtls

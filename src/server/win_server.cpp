@@ -6,6 +6,7 @@
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "base/null_check.h"
+#include "base/peer.h"
 #include "link/win_server_private.h"
 #include "server/win_server_actor.h"
 #include "uplink/messages.h"
@@ -138,6 +139,16 @@ try {
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, __func__);
     return {};
+}
+
+std::vector<win_client_info> win_server_copy_clients_in_slices(WIN_SERVER_t& server)
+{
+    return server.clients.copy_in_slices();
+}
+
+std::optional<win_client_info> win_server_find_client(WIN_SERVER_t& server, bytes_view identity) noexcept
+{
+    return server.clients.find_info(identity_key{identity}.c_str());
 }
 
 const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept

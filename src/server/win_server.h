@@ -2,11 +2,12 @@
 //
 // Ownership  The gateway object owns the server; everybody else sees an opaque pointer.
 // Threads    win_server_new, _run, _is_ready and _destroy: the owner's thread. win_server_is_ready,
-//            win_server_copy_clients, _pulse, _links and _post: any thread. The others: the actor's
+//            win_server_copy_clients (both), _find_client, _pulse, _links and _post: any thread. The others: the actor's
 //            thread only.
 // Failures   A null argument is logged and answered with nullptr, false or nothing.
 #pragma once
 
+#include "base/bytes.h"
 #include "base/czmq_ptr.h"
 #include "base/loop_pulse.h"
 #include "link/client_table.h"
@@ -17,6 +18,7 @@
 #include <array>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace rtls {
@@ -40,6 +42,10 @@ bool win_server_is_ready(void* p_win_server);
 
 // A copy of the clients' addresses, in table order. Takes the table's own lock.
 std::vector<win_client_info> win_server_copy_clients(WIN_SERVER_t& server);
+// The same in no order, and in slices that hold up nobody for long. Throws std::bad_alloc.
+std::vector<win_client_info> win_server_copy_clients_in_slices(WIN_SERVER_t& server);
+// What may be known of the client with this identity; nothing when it is not connected.
+std::optional<win_client_info> win_server_find_client(WIN_SERVER_t& server, bytes_view identity) noexcept;
 
 // Of the actor's loop. Any thread.
 const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept;

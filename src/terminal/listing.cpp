@@ -93,9 +93,8 @@ std::string node_line(const node_row& node, bool full, const timeval* now)
 
 // --- Snapshot
 
-static std::string_view as_key(zframe_t* identity)
+static std::string_view as_key(bytes_view bytes)
 {
-    const auto bytes = frame_bytes(identity);
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
@@ -105,7 +104,7 @@ bridge_index index_bridges(std::span<const win_client_info> bridges)
     index.reserve(bridges.size());
     uint32_t position = 0;
     for (const auto& bridge : bridges)
-        index.emplace(as_key(bridge.id.get()), position++);
+        index.emplace(as_key(bridge.id.view()), position++);
     return index;
 }
 
@@ -113,7 +112,7 @@ static uint32_t bridge_of(const NODE_t& node, const bridge_index& bridges)
 {
     if (!node.win_client_id)
         return no_bridge;
-    const auto found = bridges.find(as_key(node.win_client_id.get()));
+    const auto found = bridges.find(as_key(frame_bytes(node.win_client_id.get())));
     return found == bridges.end() ? no_bridge : found->second;
 }
 

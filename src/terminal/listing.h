@@ -61,7 +61,7 @@ const char* get_node_type(uint8_t type);
 std::string node_line(const node_row& node, bool full, const timeval* now);
 
 // --- Snapshot.
-// The WIN clients by the bytes of their identity; the keys point into the clients' frames.
+// The WIN clients by the bytes of their identity; the keys point into the clients.
 using bridge_index = std::unordered_map<std::string_view, uint32_t>;
 bridge_index index_bridges(std::span<const win_client_info> bridges);
 

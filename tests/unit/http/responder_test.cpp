@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <new>
+#include <stdexcept>
 #include <string>
 
 namespace rtls {
@@ -25,7 +26,8 @@ static responder& pages()
 {
     static responder made{{{"/page", echo},
                            {"/under/", echo},
-                           {"/broken", [](const page_request&) -> page { throw std::bad_alloc(); }}},
+                           {"/broken", [](const page_request&) -> page { throw std::runtime_error("it"); }},
+                           {"/short", [](const page_request&) -> page { throw std::bad_alloc(); }}},
                           ""};
     return made;
 }
@@ -88,6 +90,9 @@ TEST(responder, answers_for_a_page_that_cannot_be_made)
     const http_answer answer = answer_to("/broken");
     EXPECT_THAT(answer.bytes, StartsWith("HTTP/1.1 500 "));
     EXPECT_THAT(answer.bytes, HasSubstr(R"({"error":"the page could not be made","status":500})"));
+    const http_answer later = answer_to("/short");
+    EXPECT_THAT(later.bytes, StartsWith("HTTP/1.1 503 "));
+    EXPECT_THAT(later.bytes, HasSubstr(R"({"error":"memory is short","status":503})"));
 }
 
 TEST(responder, gives_no_body_to_head)

@@ -20,6 +20,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -112,6 +113,82 @@ TEST(client_table, is_copied_within_a_millisecond_with_a_thousand_bridges)
     EXPECT_LT(shortest, slowness * std::chrono::milliseconds{1});
 }
 
+namespace {
+
+// The longest time on the processor between two lots of clients, under the lock and a little more.
+std::chrono::nanoseconds longest_hold(client_table& table)
+{
+    constexpr size_t lot = 1024;
+    std::chrono::nanoseconds longest{};
+    std::chrono::nanoseconds last = processor_time();
+    size_t visited = 0;
+    table.visit_in_slices([&](const WIN_CLIENT_t&) {
+        if (++visited % lot != 0)
+            return;
+        longest = std::max(longest, processor_time() - last);
+        last = processor_time();
+    });
+    return longest;
+}
+
+void fill(client_table& table, unsigned from, unsigned number)
+{
+    for (unsigned i = from; i < from + number; ++i)
+        ASSERT_TRUE(table.insert(std::to_string(i).c_str(), record()));
+}
+
+} // namespace
+
+// Whoever looks from outside lets the WIN server's thread in between, however many bridges there are.
+TEST(client_table, is_visited_in_slices_of_less_than_a_millisecond)
+{
+    client_table table;
+    fill(table, 0, 20'000);
+    EXPECT_LT(std::min({longest_hold(table), longest_hold(table), longest_hold(table)}),
+              slowness * std::chrono::milliseconds{1});
+    EXPECT_EQ(table.copy_in_slices().size(), 20'000U);
+
+    size_t visited = 0;
+    size_t let_in = 0;
+    std::atomic<bool> is_over{false};
+    std::thread other{[&] {
+        while (!is_over) {
+            const std::unique_lock guard{table.mutex()};
+            let_in += visited > 0 && visited < 20'000 ? 1 : 0;
+        }
+    }};
+    table.visit_in_slices([&](const WIN_CLIENT_t&) { ++visited; });
+    is_over = true;
+    other.join();
+    EXPECT_EQ(visited, 20'000U);
+    EXPECT_GT(let_in, 0U);
+}
+
+TEST(client_table, is_visited_once_and_whole_while_it_changes)
+{
+    client_table table;
+    fill(table, 0, 5'000);
+    for (unsigned i = 0; i < 5'000; i += 3)
+        table.erase(std::to_string(i).c_str());
+    EXPECT_EQ(table.copy_in_slices().size(), table.size());
+    fill(table, 10'000, 1'000); // where some were
+    std::set<const WIN_CLIENT_t*> all;
+    table.visit_in_slices([&](const WIN_CLIENT_t& client) { EXPECT_TRUE(all.insert(&client).second); });
+    EXPECT_EQ(all.size(), table.size());
+}
+
+TEST(client_table, knows_one_client_by_its_identity)
+{
+    client_table table;
+    fill(table, 0, 10);
+    ASSERT_TRUE(table.insert("here", record("10.0.0.9")));
+    const auto info = table.find_info("here");
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->addr.sin_addr.s_addr, address_of("10.0.0.9").s_addr);
+    EXPECT_EQ(bytes_t(info->id.view().begin(), info->id.view().end()), hex("00 61 62 63 64"));
+    EXPECT_FALSE(table.find_info("nowhere"));
+}
+
 TEST(win_server_copy_clients, gives_what_other_threads_may_know)
 {
     const win_link link;
@@ -127,8 +204,7 @@ TEST(win_server_copy_clients, gives_what_other_threads_may_know)
     for (const auto& copy : copies) {
         const WIN_CLIENT_t* client = link.find(ntohs(copy.addr.sin_port));
         ASSERT_NE(client, nullptr);
-        EXPECT_NE(copy.id.get(), client->id);
-        EXPECT_TRUE(zframe_eq(copy.id.get(), client->id));
+        EXPECT_TRUE(std::ranges::equal(copy.id.view(), frame_bytes(client->id)));
         EXPECT_EQ(bytes_t(copy.mac_addr, copy.mac_addr + mac_size),
                   bytes_t(client->mac_addr, client->mac_addr + mac_size));
         EXPECT_EQ(copy.addr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
@@ -172,7 +248,7 @@ TEST(win_server_copy_clients, is_safe_while_bridges_come_and_go)
     std::thread reader{[&] {
         while (!done)
             for (const auto& copy : win_server_copy_clients(gateway.win_server())) {
-                ASSERT_EQ(zframe_size(copy.id.get()), 5U);
+                ASSERT_EQ(copy.id.size, 5U);
                 ASSERT_NE(copy.addr.sin_port, 0);
             }
     }};

@@ -267,7 +267,7 @@ protected:
 
     static win_client_info bridge(std::string_view id)
     {
-        return {zframe_ptr{zframe_new(id.data(), id.size())}, sockaddr_in{}, {}};
+        return {bridge_identity{{reinterpret_cast<const uint8_t*>(id.data()), id.size()}}, sockaddr_in{}, {}};
     }
 };
 
