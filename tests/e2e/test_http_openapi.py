@@ -38,6 +38,8 @@ def test_every_page_is_described():
     served = set(re.findall(r'\{"(/[^"]*)"', SOURCE))
     described = {re.sub(r"\{.*\}$", "", path) for path in API["paths"]}
     assert served == described
+    for path in API["paths"].values():     # whatever the page: no token, and too many requests, or memory too short for one
+        assert {"401", "503"} <= set(path["get"]["responses"])
 
 
 @pytest.fixture
