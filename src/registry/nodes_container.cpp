@@ -89,7 +89,6 @@ bool NODES_CONTAINER_t::is_admitted(const uint8_t* mac)
 {
     if (!m_admitted || m_admitted->contains(bytes_view{mac, mac_size}))
         return true;
-    m_foreign_nodes.store(m_foreign_nodes.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     if (m_foreign_episode.begins(zclock_mono())) {
         m_failures.foreign.emplace();
         std::memcpy(m_failures.foreign->data(), mac, mac_size);

@@ -18,7 +18,6 @@
 #include "core/thread_annotations.h"
 
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -102,9 +101,6 @@ public:
     // From now on only nodes with these MACs are made. Before the container is used by several threads.
     void admit_only(prefix_list macs) { m_admitted = std::move(macs); }
 
-    // Nodes that were not made because their MAC is not admitted. Any thread, without the lock.
-    uint64_t foreign_nodes() const { return m_foreign_nodes.load(std::memory_order_relaxed); }
-
     // Gives the node another address; keeps the look-up by address in step.
     void set_address(NODE_t& node, const uint8_t* ip_addr, bool forwarded_ip) RTLS_REQUIRES(this);
 
@@ -151,7 +147,6 @@ private:
     node_refusal m_refusal = node_refusal::duplicate;
     refusal_episode m_no_room_episode;
     std::optional<prefix_list> m_admitted; // none: every MAC is
-    std::atomic<uint64_t> m_foreign_nodes{0};
     refusal_episode m_foreign_episode;
     failures m_failures;
     const size_t m_limit;
