@@ -50,16 +50,25 @@ static size_t render_line(char (&line)[stream_line_size], tav_timestamp_t timest
     return strlen(line); // what snprintf returns is the length before the cut
 }
 
+static shared_counter failed_lines;
+
+uint64_t dbg_lines_failed() noexcept
+{
+    return failed_lines.value();
+}
+
 // The log lines name CZMQ's calls, by which operators know these failures.
 static void send_line(zsock_t* dbg_sock, const char* function, const char* line, size_t length)
 {
     message_part part{bytes_view{reinterpret_cast<const uint8_t*>(line), length}};
-    if (!part.is_made())
-        log_call_error(function, "zframe_from");
-    else if (part.send(zsock_resolve(dbg_sock)))
-        stream_watch.accepted();
-    else
+    if (part.is_made() && part.send(zsock_resolve(dbg_sock)))
+        return stream_watch.accepted();
+    if (!part.is_made() || errno != EAGAIN)
+        failed_lines.add();
+    if (part.is_made())
         stream_watch.refused(function, "zframe_send");
+    else
+        log_call_error(function, "zframe_from");
 }
 
 static __attribute__((format(printf, 5, 0))) void

@@ -62,9 +62,10 @@ void dbg_print(zsock_t* dbg_sock, dbg_section_t section, const char* channel, co
 void dbg_print_ts(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t section, const char* channel,
                   const char* format, ...) __attribute__((format(printf, 5, 6)));
 
-// Lines that the full debug stream has lost, and those that were left out while they were held (dbg_hold); of
-// all threads.
+// Lines that the full debug stream has lost, those that could not be made or sent for another reason, and those
+// that were left out while they were held (dbg_hold); of all threads.
 uint64_t dbg_lines_lost() noexcept;
+uint64_t dbg_lines_failed() noexcept;
 uint64_t dbg_lines_held() noexcept;
 
 // The debug stream is no longer drained: says what an overflow of it that has not ended has cost until now.

@@ -52,6 +52,12 @@ static void fetch_elsewhere(WIN_SERVER_t& server, const char* lane, Fetch fetch,
         otherwise();
 }
 
+static void note_not_taken(const WIN_SERVER_t& server)
+{
+    if (server.rtls_gateway->downloads)
+        server.rtls_gateway->downloads->note_not_taken();
+}
+
 // Why there is no image goes to those who look for it; the lines of the orders stay as they are.
 static void print_reason(WIN_SERVER_t& server, const char* url, const char* reason)
 {
@@ -88,6 +94,7 @@ try {
         });
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, __func__);
+    note_not_taken(server);
     print_stored(server, -1);
 }
 
@@ -128,6 +135,7 @@ try {
         });
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, __func__);
+    note_not_taken(server);
     adopt(server, url, nullptr, announced_crc, printed_crc);
 }
 

@@ -51,9 +51,14 @@ try {
     return true;
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, "download_pool");
+    note_not_taken();
+    return false;
+}
+
+void download_pool::note_not_taken() noexcept
+{
     const mutex_guard lock(m_mutex);
     ++m_load.not_taken;
-    return false;
 }
 
 download_pool::load download_pool::current_load()
@@ -107,6 +112,7 @@ void download_pool::carry_out(job& now)
         now.work();
     } catch (const std::bad_alloc&) {
         logger_error(g_logger, str_out_of_memory, "download_pool");
+        note_not_taken();
     }
     now.work = nullptr; // frees what it owns before others hear of its end
     const mutex_guard lock(m_mutex);

@@ -45,10 +45,13 @@ public:
     struct load {
         size_t running = 0;
         size_t waiting = 0;
-        uint64_t refused = 0;   // as too many wait
-        uint64_t not_taken = 0; // for want of memory, or of a thread
+        uint64_t refused = 0; // as too many wait
+        uint64_t not_taken =
+            0; // for want of memory, or of a thread; given up in the middle for want of memory, too
     };
     load current_load();
+    // An order could not even be made: it counts as not taken.
+    void note_not_taken() noexcept;
 
     // Has `work` done on a thread of the pool. `lane`: orders of the same one wait for each other; "": waits
     // for no other. What `work` throws for lack of memory is logged, and the order forgotten.

@@ -46,6 +46,7 @@ FIRMWARE_t* firmware_fetch(const char* url, std::string* reason)
     static constexpr char reporter[] = "firmware_get_from_url";
     firmware_ptr firmware{new (std::nothrow) FIRMWARE_t{}};
     if (!firmware) {
+        image_download_not_begun();
         logger_error(g_logger, str_out_of_memory, reporter);
         note_reason(reason, "out of memory");
         return nullptr;

@@ -264,6 +264,11 @@ static void count(transfer_outcome outcome)
     counts.transfers[static_cast<size_t>(outcome)].add();
 }
 
+void image_download_not_begun() noexcept
+{
+    count(transfer_outcome::failed);
+}
+
 static transfer_outcome outcome_of(CURLcode rc)
 {
     switch (rc) {

@@ -79,6 +79,8 @@ struct transfer_counters {
     shared_counter microseconds; // from their beginning to their end, without the wait for a turn
 };
 const transfer_counters& image_download_counters() noexcept;
+// One that could not begin, for lack of memory: it counts as failed.
+void image_download_not_begun() noexcept;
 
 // The receiving end of one transfer: turns headers and body into an image, and never holds more than
 // was announced. For image_download, and for tests without a network.

@@ -237,6 +237,7 @@ int OTA_t::download_firmware(const char* url, const uint32_t* crc32, const uint3
 {
     firmware_ptr firmware{new (std::nothrow) OTA_FIRMWARE_t{}};
     if (!firmware) {
+        image_download_not_begun();
         logger_error(g_logger, str_out_of_memory, download_reporter);
         note_reason(reason, "out of memory");
         return -1;

@@ -46,14 +46,16 @@ private:
 } // namespace
 
 // Whether there is a WIN port, and a message for it; log filters know who says that there is not.
-static bool can_send(const WIN_SERVER_t& server, const encoded_message& message)
+static bool can_send(WIN_SERVER_t& server, const encoded_message& message)
 {
     constexpr char function[] = "data_to_win_client";
     if (any_null(function, server.win_sock.get()))
         return false;
-    if (message.bytes().empty())
-        logger_error(g_logger, str_out_of_memory, function);
-    return !message.bytes().empty();
+    if (!message.bytes().empty())
+        return true;
+    server.counts.bridge_messages_lost[bridge_message_loss::out_of_memory].add();
+    logger_error(g_logger, str_out_of_memory, function);
+    return false;
 }
 
 // The client with this identity, or null. The one whose bytes are being read is asked for most.

@@ -63,8 +63,10 @@ static constexpr metric_row inside_rows_table[] = {
       counter_type,
       {"reason"}},
      [](reading& r) {
-         if (r.terminal())
-             sample_refusals(r, r.terminal()->entrance, r.terminal()->house);
+         if (!r.terminal())
+             return;
+         sample_refusals(r, r.terminal()->entrance, r.terminal()->house);
+         r.sample("out_of_memory", number(r.terminal()->counts.operators_not_made.value()));
      }},
     {{"rtls_gateway_operator_events_total", "Events of the terminal port.", "", counter_type, {}},
      [](reading& r) {
@@ -99,6 +101,7 @@ static constexpr metric_row inside_rows_table[] = {
     {{"rtls_gateway_debug_lines_lost_total", "Debug lines that were lost.", "", counter_type, {"cause"}},
      [](reading& r) {
          r.sample("overflow", number(dbg_lines_lost()));
+         r.sample("error", number(dbg_lines_failed()));
          r.sample("left_out", number(dbg_lines_held()));
          if (r.terminal())
              r.sample("operator", number(r.terminal()->counts.lines[line_outcome::lost].value()));

@@ -148,16 +148,17 @@ static void add_client(TERMINAL_SERVER_t* server, message_part& identity, const 
     zframe_ptr id{zframe_new(identity.data(), identity.size())};
     std::unique_ptr<TERMINAL_CLIENT_t> client{new (std::nothrow) TERMINAL_CLIENT_t};
     if (!id || !client) {
+        server->counts.operators_not_made.add();
         logger_error(g_logger, str_out_of_memory, "handle_terminal_clients");
         return;
     }
     client->id = std::move(id);
     client->drained_before = server->drained;
     note_peer_address(server, *client, identity.source_fd(), id_str);
-    if (!server->clients.insert(id_str, std::move(client)))
-        return;
-    server->counts.operators_accepted.add();
-    plan_silence_check(*server);
+    const bool is_taken = server->clients.insert(id_str, std::move(client));
+    (is_taken ? server->counts.operators_accepted : server->counts.operators_not_made).add();
+    if (is_taken)
+        plan_silence_check(*server);
 }
 
 // Deletes the record of a client that sent "nothing", which is the mark of a disconnect. A chunk that

@@ -15,6 +15,7 @@ enum class line_outcome : uint8_t { streamed, filtered, lost, kinds };
 
 struct terminal_counters {
     counter operators_accepted;
+    counter operators_not_made; // for lack of memory
     counter operators_gone;
     counter chunks; // received: connects, commands, ends
     counter bytes_in;

@@ -24,6 +24,7 @@ bool ask_win_server(TERMINAL_SERVER_t& server, bytes_view request) noexcept
     message_part command_part{bytes_view{reinterpret_cast<const uint8_t*>(&command), sizeof command}};
     message_part request_part{request};
     if (!command_part.is_made() || !request_part.is_made()) {
+        server.counts.requests_lost.add();
         log_call_error(logged_as, "zframe_new");
         return false;
     }

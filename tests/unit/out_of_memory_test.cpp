@@ -1,7 +1,10 @@
 // What is said where memory runs out: the one line in the log that explains why something is missing. The
 // daemon goes on, and does the same thing when it has memory again.
+#include "downlink/image_orders.h"
 #include "downlink/win_server_pub_sub_proxy.h"
+#include "firmware/download_pool.h"
 #include "firmware/firmware.h"
+#include "firmware/image_download.h"
 #include "firmware/ota.h"
 #include "link/sending.h"
 #include "registry/nodes_container.h"
@@ -11,6 +14,7 @@
 #include "support/bridge_message_fixture.h"
 #include "support/failing_new.h"
 #include "support/temp_file.h"
+#include "support/wait.h"
 #include "terminal/terminal_server.h"
 #include "uplink/messages.h"
 
@@ -18,6 +22,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 
 namespace rtls {
@@ -82,6 +87,45 @@ TEST_F(out_of_memory, is_logged_by_the_function_that_had_none)
     }
 }
 
+TEST_F(out_of_memory, is_counted_where_something_is_lost)
+{
+    const auto& lost = server->counts.bridge_messages_lost[bridge_message_loss::out_of_memory];
+    const auto& failed = image_download_counters().transfers[static_cast<size_t>(transfer_outcome::failed)];
+    const auto not_taken = [&] { return server->rtls_gateway->downloads->current_load().not_taken; };
+    const auto without_memory = [](const auto& call) {
+        fail_next_allocations(1);
+        call();
+        EXPECT_EQ(failures_left(), 0U);
+        fail_next_allocations(0);
+    };
+    without_memory([&] { data_to_win_client(server, nullptr, large.data(), large.size()); });
+    EXPECT_EQ(lost.value(), 1U);
+    without_memory([&] { data_to_win_client(server, bridge->id, large.data(), large.size()); });
+    EXPECT_EQ(lost.value(), 2U);
+
+    without_memory(
+        [&] { process_data_from_pub_sub_proxy(server, upload_order.data(), upload_order.size()); });
+    EXPECT_EQ(not_taken(), 1U);
+    without_memory([&] { fetch_for_store(*server, "file:///nowhere", 1, 2); });
+    EXPECT_EQ(not_taken(), 2U);
+    without_memory([&] { fetch_announced(*server, "file:///nowhere", 1, 2); });
+    EXPECT_EQ(not_taken(), 3U);
+
+    const uint64_t before = failed.value();
+    without_memory(
+        [&] { EXPECT_EQ(server->ota()->download_firmware("file:///nowhere", nullptr, nullptr), -1); });
+    without_memory([&] { EXPECT_EQ(firmware_get_from_url("file:///nowhere"), nullptr); });
+    EXPECT_EQ(failed.value(), before + 2);
+}
+
+TEST_F(out_of_memory, in_the_middle_of_a_download_gives_the_order_up)
+{
+    download_pool& pool = *server->rtls_gateway->downloads;
+    ASSERT_TRUE(pool.order([] { throw std::bad_alloc{}; }));
+    EXPECT_TRUE(wait_until([&] { return pool.current_load().not_taken == 1; }));
+    EXPECT_TRUE(wait_until([&] { return pool.current_load().running == 0; }));
+}
+
 TEST_F(out_of_memory, costs_a_route_request_alone)
 {
     introduce(sender_mac, sender_ip);
@@ -96,8 +140,26 @@ TEST_F(out_of_memory, costs_a_route_request_alone)
     EXPECT_EQ(failures_left(), 0U);
     EXPECT_EQ(errors(), texts_t{"answer_route_request: out of memory!"});
     EXPECT_EQ(management_texts(), texts_t{});
+    const auto& requests = server->counts.messages[static_cast<size_t>(message_type::generic_server_req)];
+    EXPECT_EQ(requests[message_outcome::out_of_memory].value(), 1U);
+    EXPECT_EQ(requests.sum(), 1U);
     EXPECT_TRUE(receive(request));
     EXPECT_EQ(management_texts().size(), 1U);
+}
+
+TEST_F(out_of_memory, refuses_a_node_as_a_full_registry_does)
+{
+    const bytes_t message = heartbeat();
+    bridge->pending_data.reset(static_cast<uint8_t*>(malloc(message.size())));
+    bridge->pending_data_size = bridge->pending_buffsize = message.size();
+    memcpy(bridge->pending_data, message.data(), message.size());
+    fail_next_allocations(1);
+    (void)process_data_from_win_client(server, bridge);
+    EXPECT_EQ(failures_left(), 0U);
+    const auto& heartbeats = server->counts.messages[static_cast<size_t>(message_type::heartbeat)];
+    EXPECT_EQ(heartbeats[message_outcome::registry_full].value(), 1U);
+    EXPECT_EQ(heartbeats.sum(), 1U);
+    EXPECT_EQ(node_count(), 0U);
 }
 
 TEST_F(out_of_memory, puts_the_check_of_bridges_off_to_the_next_tick)

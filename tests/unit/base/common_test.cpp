@@ -216,12 +216,26 @@ TEST_F(debug_stream, an_overflow_of_one_socket_ends_with_a_line_of_another)
 {
     debug_mask = 1U << DBG_DEVELOP;
     const zsock_ptr unconnected{zsock_new(ZMQ_PUSH)};
+    const uint64_t before = dbg_lines_lost();
     dbg_print_ts(unconnected.get(), may_first, DBG_DEVELOP, "CONS", "lost");
     dbg_print_ts(unconnected.get(), may_first, DBG_DEVELOP, "CONS", "lost, too");
+    EXPECT_EQ(dbg_lines_lost(), before + 2);
     EXPECT_THAT(log.messages("main"), ElementsAre("Overflow debugging queue!"));
     dbg_print_ts(push.get(), may_first, DBG_DEVELOP, "CONS", "passes");
     EXPECT_THAT(log.messages("main"), ElementsAre("Exemption debugging queue!",
                                                   StartsWith("Overflow debugging queue: 2 lost in ")));
+}
+
+TEST_F(debug_stream, lines_that_cannot_be_sent_at_all_are_counted_for_themselves)
+{
+    debug_mask = 1U << DBG_DEVELOP;
+    const zsock_ptr deaf{zsock_new(ZMQ_PULL)}; // which sends nothing
+    const uint64_t lost = dbg_lines_lost();
+    const uint64_t failed = dbg_lines_failed();
+    dbg_print_ts(deaf.get(), may_first, DBG_DEVELOP, "CONS", "line");
+    EXPECT_EQ(dbg_lines_failed(), failed + 1);
+    EXPECT_EQ(dbg_lines_lost(), lost);
+    EXPECT_EQ(log.messages("main").size(), 1U);
 }
 
 TEST_F(debug_stream, a_thousand_lines_wait_for_the_terminal_server)
