@@ -103,13 +103,10 @@ TEST_F(out_of_memory, is_counted_where_something_is_lost)
     without_memory([&] { data_to_win_client(server, bridge->id, large.data(), large.size()); });
     EXPECT_EQ(lost.value(), 2U);
 
-    without_memory(
-        [&] { process_data_from_pub_sub_proxy(server, upload_order.data(), upload_order.size()); });
-    EXPECT_EQ(not_taken(), 1U);
     without_memory([&] { fetch_for_store(*server, "file:///nowhere", 1, 2); });
-    EXPECT_EQ(not_taken(), 2U);
+    EXPECT_EQ(not_taken(), 1U);
     without_memory([&] { fetch_announced(*server, "file:///nowhere", 1, 2); });
-    EXPECT_EQ(not_taken(), 3U);
+    EXPECT_EQ(not_taken(), 2U);
 
     const uint64_t before = failed.value();
     without_memory(
@@ -153,7 +150,7 @@ TEST_F(out_of_memory, refuses_a_node_as_a_full_registry_does)
     bridge->pending_data.reset(static_cast<uint8_t*>(malloc(message.size())));
     bridge->pending_data_size = bridge->pending_buffsize = message.size();
     memcpy(bridge->pending_data, message.data(), message.size());
-    fail_next_allocations(1);
+    fail_next_allocations(1, sizeof(NODE_t)); // its lines in the log are shorter
     (void)process_data_from_win_client(server, bridge);
     EXPECT_EQ(failures_left(), 0U);
     const auto& heartbeats = server->counts.messages[static_cast<size_t>(message_type::heartbeat)];

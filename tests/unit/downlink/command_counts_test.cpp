@@ -1,7 +1,9 @@
 // Every command ends in one outcome of one type.
 #include "downlink/win_server_pub_sub_proxy.h"
+#include "firmware/image_download.h"
 #include "link/sending.h"
 #include "support/proxy_fixture.h"
+#include "support/win_link.h"
 
 #include <map>
 #include <utility>
@@ -76,6 +78,39 @@ TEST_F(command_counts, each_type_is_counted_by_what_becomes_of_it)
     EXPECT_EQ(counted(digits("0800 01") + mac), seen(t::nwk_data_req, o::malformed));
     EXPECT_EQ(counted(digits("0012 01") + mac), seen(t::ota_upload_fw, o::malformed));
     EXPECT_EQ(counted(digits("080D 01") + mac), seen(t::fw_image_avail_ind, o::malformed));
+}
+
+TEST_F(command_counts, what_the_bridge_has_no_room_for_is_lost)
+{
+    WIN_CLIENT_t* bridge = add_bridge("0000000001");
+    fresh_node({.bridge = bridge});
+    bridge->unsent_messages.append(bytes_t(unsent_messages_limit, 1));
+    EXPECT_EQ(counted(digits("0810 01") + mac), seen(command_type::rest_ack, command_outcome::lost));
+}
+
+TEST_F(command_counts, an_order_of_an_image_is_no_more_than_ordered)
+{
+    image_download_only_from({"nowhere:"});
+    EXPECT_EQ(counted(digits("0012 01020304 00000000 0001 61")),
+              seen(command_type::ota_upload_fw, command_outcome::ordered));
+    EXPECT_EQ(counted(digits("080D 01020304 00000000 0002 6162")),
+              seen(command_type::fw_image_avail_ind, command_outcome::ordered));
+    image_download_only_from({});
+}
+
+TEST(command_counts_of_a_link, what_the_connection_takes_is_sent)
+{
+    const win_link link;
+    auto bridge = link.connect();
+    const bytes_t mac = hex("01 02 03 04 05 06 07 08");
+    link.server().clients.set_mac_addr(*bridge.client, mac.data());
+    link.make_wanted(*bridge.client);
+    bytes_t command = hex("08 10 01") + mac;
+    process_data_from_pub_sub_proxy(&link.server(), command.data(), command.size());
+    const auto& of_type = link.server().counts.commands[static_cast<size_t>(command_type::rest_ack)];
+    EXPECT_EQ(of_type[command_outcome::sent].value(), 1U);
+    EXPECT_EQ(of_type.sum(), 1U);
+    EXPECT_FALSE(bridge.peer.receive(1).empty());
 }
 
 TEST_F(command_counts, a_repeat_is_counted_as_one)

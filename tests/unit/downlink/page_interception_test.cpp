@@ -55,11 +55,16 @@ TEST_F(page_interception, a_whole_page_is_stored)
         {"an empty page", 0, 15, true},
         {"a size that 16 bits cannot add to", 65535, 78, false},
     };
+    const auto& seen = server->counts.pages_seen;
+    uint64_t stored = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.given);
         EXPECT_EQ(intercepts(page_request_of(c.page_size, c.total_len, c.total_len)), c.then);
+        stored += c.then ? 1 : 0;
+        EXPECT_EQ(seen[page_seen_outcome::stored].value(), stored);
         EXPECT_EQ(errors(), texts_t{});
     }
+    EXPECT_EQ(seen[page_seen_outcome::refused].value(), 1U); // the others carry no page
 }
 
 TEST_F(page_interception, only_page_commands_are_looked_at)

@@ -50,6 +50,40 @@ std::string text_of(const std::optional<downloaded_image>& image)
                  : std::string{"(none)"};
 }
 
+// What has been counted since it was made.
+class counted {
+public:
+    uint64_t of(transfer_outcome what) const { return now(what) - m_before[static_cast<size_t>(what)]; }
+    uint64_t all() const
+    {
+        uint64_t sum = 0;
+        for (size_t i = 0; i < m_before.size(); ++i)
+            sum += of(static_cast<transfer_outcome>(i));
+        return sum;
+    }
+    uint64_t bytes() const { return image_download_counters().bytes.value() - m_bytes; }
+    std::chrono::microseconds time() const
+    {
+        return std::chrono::microseconds{image_download_counters().microseconds.value() - m_microseconds};
+    }
+
+private:
+    static constexpr size_t kinds = static_cast<size_t>(transfer_outcome::kinds);
+    static uint64_t now(transfer_outcome what)
+    {
+        return image_download_counters().transfers[static_cast<size_t>(what)].value();
+    }
+
+    const std::array<uint64_t, kinds> m_before = [] {
+        std::array<uint64_t, kinds> before{};
+        for (size_t i = 0; i < kinds; ++i)
+            before[i] = now(static_cast<transfer_outcome>(i));
+        return before;
+    }();
+    const uint64_t m_bytes = image_download_counters().bytes.value();
+    const uint64_t m_microseconds = image_download_counters().microseconds.value();
+};
+
 struct stop_for_one_test { // puts CZMQ's flag back at the end
     stop_for_one_test() { request_stop(); }
     ~stop_for_one_test() { clear_stop(); }
@@ -296,8 +330,11 @@ TEST(image_download, a_failure_has_a_reason)
     std::string reason;
     image_download_options options = lenient;
     options.reason = &reason;
+    const counted since;
     EXPECT_FALSE(image_download("http://127.0.0.1:1/x", options));
     EXPECT_EQ(reason, "Couldn't connect to server");
+    EXPECT_EQ(since.of(transfer_outcome::failed), 1U);
+    EXPECT_EQ(since.all(), 1U);
 }
 
 TEST(image_download, slow_server_is_given_up_after_the_time_out)
@@ -318,8 +355,14 @@ TEST(image_download, slow_server_is_given_up_after_the_time_out)
         SCOPED_TRACE(c.given);
         http_responder server{{{"/image.bin", c.answer}}};
         const auto begin = std::chrono::steady_clock::now();
+        const counted since;
         EXPECT_EQ(text_of(image_download(server.url("/image.bin").c_str(), with_timeout(300ms))), "(none)");
-        EXPECT_GE(std::chrono::steady_clock::now() - begin, 290ms);
+        const auto took = std::chrono::steady_clock::now() - begin;
+        EXPECT_GE(took, 290ms);
+        EXPECT_EQ(since.of(transfer_outcome::timed_out), 1U);
+        EXPECT_EQ(since.all(), 1U);
+        EXPECT_GE(since.time(), 290ms);
+        EXPECT_LE(since.time(), took);
         EXPECT_THAT(log.messages("main"), ElementsAre(timed_out));
     }
 }
@@ -388,11 +431,15 @@ TEST(image_download, urls_that_lead_nowhere)
 
 TEST(image_download, plain_file_is_an_image)
 {
-    for (const char* content : {"", "a", "abcde"}) {
+    for (const std::string content : {"", "a", "abcde"}) {
+        const counted since;
         const temp_file file{"plain image.bin", content};
         std::string url = file.url();
         url.replace(url.find(' '), 1, "%20");
         EXPECT_EQ(text_of(image_download(url.c_str(), strict)), content);
+        EXPECT_EQ(since.of(transfer_outcome::complete), 1U);
+        EXPECT_EQ(since.all(), 1U);
+        EXPECT_EQ(since.bytes(), content.size());
     }
 }
 
@@ -493,11 +540,14 @@ TEST(image_download, end_of_the_daemon_ends_a_transfer_and_the_wait_for_one)
     auto running = std::async(std::launch::async, download);
     ASSERT_TRUE(server.wait_for_requests(1));
     auto waiting = std::async(std::launch::async, download);
+    const counted since;
     const stop_for_one_test stop;
     EXPECT_EQ(text_of(running.get()), "(none)");
     EXPECT_EQ(text_of(waiting.get()), "(none)");
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 10s); // far below the time-out
     EXPECT_THAT(log.messages("main"), ElementsAre(aborted, aborted));
+    EXPECT_EQ(since.of(transfer_outcome::stopped), 2U);
+    EXPECT_EQ(since.all(), 2U);
 }
 
 TEST(image_download, nothing_is_fetched_any_more_once_the_daemon_ends)

@@ -118,6 +118,8 @@ TEST(bridge_counts, connections_and_what_they_end_with)
     EXPECT_EQ(counts.bridges_closed[bridge_end::peer].value(), 2U);
     EXPECT_EQ(counts.events[bridge_event::connected].value(), 2U);
     EXPECT_EQ(counts.events[bridge_event::disconnected].value(), 2U);
+    EXPECT_EQ(counts.events[bridge_event::data].value(), 1U);
+    EXPECT_EQ(counts.events.sum(), 5U);
     EXPECT_EQ(counts.decoder.lost[frame_loss::unfinished].value(), 1U);
 }
 

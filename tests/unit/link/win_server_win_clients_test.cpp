@@ -233,6 +233,8 @@ TEST(win_connection, data_of_an_unknown_client_is_reported_and_dropped)
     ASSERT_TRUE(link.pump_until([&] { return log.wait_for(then, std::chrono::milliseconds(1)); }));
     EXPECT_THAT(log.messages("win"), ElementsAre(then));
     EXPECT_EQ(link.clients(), 0U);
+    EXPECT_EQ(link.server().counts.events[bridge_event::data_of_nobody].value(), 1U);
+    EXPECT_EQ(link.server().counts.bytes_in.value(), 0U);
 }
 
 TEST(win_connection, the_late_notice_of_one_that_we_closed_makes_no_client)
@@ -251,6 +253,10 @@ TEST(win_connection, the_late_notice_of_one_that_we_closed_makes_no_client)
     ASSERT_TRUE(link.pump_until([&] { return link.server().closed_ids.empty(); }));
     EXPECT_EQ(link.clients(), 0U);
     EXPECT_THAT(log.messages("win"), IsEmpty());
+    const auto& events = link.server().counts.events;
+    EXPECT_EQ(events[bridge_event::late_end].value(), 1U);
+    EXPECT_EQ(events[bridge_event::connected].value(), 1U);
+    EXPECT_EQ(events[bridge_event::disconnected].value(), 0U);
 
     const auto next = link.connect(); // connections after it are as welcome as ever
     EXPECT_EQ(link.clients(), 1U);

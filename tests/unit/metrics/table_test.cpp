@@ -1,11 +1,15 @@
 // The table of figures: its rules, its page in docs, and what is read by it.
 #include "metrics/metrics.h"
 
+#include "base/prefix_list.h"
+#include "firmware/image_download.h"
+#include "link/win_server_private.h"
 #include "metrics/process_figures.h"
 #include "services.h"
 #include "support/log_capture.h"
 #include "support/ota_store.h"
 #include "support/test_gateway.h"
+#include "terminal/terminal_server_private.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,11 +19,15 @@
 
 #include <fcntl.h>
 
+#include <climits>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <regex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace rtls {
@@ -54,10 +62,15 @@ public:
         EXPECT_TRUE(std::ranges::is_sorted(sample.bounds));
         EXPECT_TRUE(std::ranges::is_sorted(sample.buckets));
         samples.emplace(key(of), static_cast<double>(sample.buckets.back()));
+        sums.emplace(key(of), sample.sum);
+        for (size_t i = 0; i < sample.bounds.size(); ++i)
+            up_to.emplace(std::pair{key(of), sample.bounds[i]}, sample.buckets[i]);
     }
 
     std::set<std::string> metrics;
-    sample_map samples;
+    sample_map samples;                                       // of histograms: how many
+    sample_map sums;                                          // of histograms, in seconds
+    std::map<std::pair<std::string, double>, uint64_t> up_to; // of histograms: how many up to a bound
 
 private:
     std::string key(labels of) const
@@ -240,6 +253,255 @@ TEST(metrics_collect, counters_come_by_type_and_by_outcome)
                                         {"rtls_gateway_message_outcomes_total{outcome=duplicate}", 1},
                                         {"rtls_gateway_commands_total{type=rest_ack,outcome=repeat}", 1},
                                         {"rtls_gateway_bridge_frames_total{direction=out}", 5}}));
+}
+
+// --- each figure by its name
+
+namespace {
+
+// Counted by the actors and by nobody else while they do not run.
+template <typename Counters>
+Counters& writable(const Counters& counts)
+{
+    return const_cast<Counters&>(counts); // NOLINT(cppcoreguidelines-pro-type-const-cast)
+}
+
+// A counter, and the samples that it moves.
+struct wiring {
+    std::function<void()> count;
+    std::vector<std::string> moves;
+};
+
+// One for each value of an enumeration: the samples of `name`, whose labels are written out here, in its order.
+template <typename Kind>
+void add_kinds(std::vector<wiring>& all, counters<Kind>& counts, const std::string& name,
+               const std::vector<std::string>& labels)
+{
+    ASSERT_EQ(labels.size(), counters<Kind>::size) << name;
+    for (size_t i = 0; i < labels.size(); ++i)
+        all.push_back({[&counts, i] { counts[static_cast<Kind>(i)].add(); },
+                       {"rtls_gateway_" + name + "{" + labels[i] + "}"}});
+}
+
+void add_one(std::vector<wiring>& all, counter& counts, const std::string& name)
+{
+    all.push_back({[&counts] { counts.add(); }, {"rtls_gateway_" + name}});
+}
+
+const std::vector<std::string> message_types = {
+    "none",      "ping",          "panid_req",          "announce_root",
+    "heartbeat", "node_announce", "generic_server_req", "sensor",
+    "wrap_ts",   "nwk_data_ind",  "trf2srv_via_client", "other"};
+const std::vector<std::string> message_outcomes = {
+    "report",       "line",      "answered",      "unknown_type", "too_short",    "wrong_size",
+    "unknown_node", "duplicate", "registry_full", "foreign_node", "out_of_memory"};
+const std::vector<std::string> command_types = {
+    "undecodable",        "ota_upload_fw",       "nwk_data_req", "conf_node_req",
+    "fw_image_avail_ind", "generic_req",         "rest_ack",     "sensor_req",
+    "conf_sensor_req",    "tdoa_sched_conf_req", "other",        "of_operator"};
+const std::vector<std::string> command_outcomes = {
+    "sent",   "cached",    "lost",         "no_bridge", "node_not_found",
+    "repeat", "malformed", "unknown_type", "ordered",   "out_of_memory"};
+
+void add_messages(std::vector<wiring>& all, win_counters& counts)
+{
+    ASSERT_EQ(message_types.size(), counts.messages.size());
+    ASSERT_EQ(message_outcomes.size(), counters<message_outcome>::size);
+    for (size_t type = 0; type < message_types.size(); ++type)
+        for (size_t outcome = 0; outcome < message_outcomes.size(); ++outcome)
+            all.push_back({[&counts, type, outcome] {
+                               counts.note(static_cast<message_type>(type),
+                                           static_cast<message_outcome>(outcome));
+                           },
+                           {"rtls_gateway_message_outcomes_total{outcome=" + message_outcomes[outcome] + "}",
+                            "rtls_gateway_messages_total{type=" + message_types[type] + "}"}});
+}
+
+void add_commands(std::vector<wiring>& all, win_counters& counts)
+{
+    ASSERT_EQ(command_types.size(), counts.commands.size());
+    ASSERT_EQ(command_outcomes.size(), counters<command_outcome>::size);
+    for (size_t type = 0; type < command_types.size(); ++type)
+        for (size_t outcome = 0; outcome < command_outcomes.size(); ++outcome)
+            all.push_back({[&counts, type, outcome] {
+                               counts.note(static_cast<command_type>(type),
+                                           static_cast<command_outcome>(outcome));
+                           },
+                           {"rtls_gateway_commands_total{type=" + command_types[type] +
+                            ",outcome=" + command_outcomes[outcome] + "}"}});
+}
+
+void add_link(std::vector<wiring>& all, win_counters& counts)
+{
+    add_kinds(
+        all, counts.events, "bridge_events_total",
+        {"event=connected", "event=data", "event=disconnected", "event=data_of_nobody", "event=late_end"});
+    add_kinds(all, counts.decoder.lost, "bridge_frames_lost_total",
+              {"reason=restarted", "reason=empty", "reason=too_long", "reason=out_of_memory",
+               "reason=given_up", "reason=unfinished"});
+    add_kinds(all, counts.bridges_closed, "bridges_closed_total", {"cause=peer", "cause=unwanted"});
+    add_kinds(all, counts.bridge_messages_lost, "bridge_messages_lost_total",
+              {"cause=queue_full", "cause=out_of_memory", "cause=given_up", "cause=bridge_closed"});
+    add_one(all, counts.decoder.noise, "bridge_noise_bytes_total");
+    add_one(all, counts.bytes_in, "bridge_bytes_total{direction=in}");
+    add_one(all, counts.bytes_out, "bridge_bytes_total{direction=out}");
+    add_one(all, counts.frames_in, "bridge_frames_total{direction=in}");
+    add_one(all, counts.acknowledgements, "acknowledgements_total");
+    add_one(all, counts.bridges_accepted, "bridges_accepted_total");
+    add_one(all, counts.bridges_not_made, "bridges_refused_total{reason=out_of_memory}");
+    add_one(all, counts.bridge_messages_cached, "bridge_messages_cached_total");
+    const std::string frames = "rtls_gateway_bridge_frames_total{direction=out}";
+    all.push_back(
+        {[&] { counts.bridge_messages_sent.add(); }, {frames, "rtls_gateway_bridge_messages_sent_total"}});
+    all.push_back({[&] { counts.bridge_messages_flushed.add(); },
+                   {frames, "rtls_gateway_bridge_messages_flushed_total"}});
+}
+
+void add_others(std::vector<wiring>& all, win_counters& counts)
+{
+    add_kinds(all, counts.page_requests, "page_requests_total",
+              {"outcome=served", "outcome=not_found", "outcome=refused"});
+    add_kinds(all, counts.pages_seen, "pages_intercepted_total", {"outcome=stored", "outcome=refused"});
+    add_kinds(all, counts.discovery, "discovery_requests_total",
+              {"outcome=answered", "outcome=not_sent", "outcome=malformed", "outcome=own", "outcome=flood"});
+    auto& transfers = writable(image_download_counters());
+    const char* const outcomes[] = {"complete", "failed", "timed_out", "stopped", "forbidden"};
+    ASSERT_EQ(std::size(outcomes), transfers.transfers.size());
+    for (size_t i = 0; i < transfers.transfers.size(); ++i)
+        all.push_back({[&transfers, i] { transfers.transfers[i].add(); },
+                       {std::string{"rtls_gateway_downloads_total{outcome="} + outcomes[i] + "}"}});
+    all.push_back({[&] { transfers.bytes.add(); }, {"rtls_gateway_download_bytes_total"}});
+    all.push_back({[&] { transfers.microseconds.add(); }, {"rtls_gateway_download_seconds_total"}});
+}
+
+void add_queue(std::vector<wiring>& all, const upstream_queue& queue, const std::string& name)
+{
+    upstream_counters& counts = writable(queue.counts());
+    const std::string of = "queue=" + name;
+    add_kinds(all, counts.lost, "reports_lost_total",
+              {of + ",cause=overflow", of + ",cause=waited_in_vain", of + ",cause=error",
+               of + ",cause=out_of_memory"});
+    const std::string handed_over = "rtls_gateway_reports_handed_over_total{" + of + "}";
+    all.push_back({[&counts] { counts.at_once.add(); }, {handed_over}});
+    all.push_back({[&counts] { counts.after_wait.add(1); },
+                   {"rtls_gateway_report_hand_over_seconds", handed_over,
+                    "rtls_gateway_reports_waited_total{" + of + "}"}});
+    all.push_back({[&counts] { counts.waiting.set(3); }, {"rtls_gateway_reports_waiting{" + of + "}"}});
+}
+
+void add_terminal(std::vector<wiring>& all, terminal_counters& counts)
+{
+    add_one(all, counts.chunks, "operator_events_total");
+    add_one(all, counts.bytes_in, "operator_bytes_total");
+    add_one(all, counts.lines_taken, "debug_lines_total");
+    ASSERT_EQ(counters<line_outcome>::size, 3U); // which two metrics share
+    add_one(all, counts.lines[line_outcome::streamed], "debug_lines_delivered_total{outcome=streamed}");
+    add_one(all, counts.lines[line_outcome::filtered], "debug_lines_delivered_total{outcome=filtered}");
+    add_one(all, counts.lines[line_outcome::lost], "debug_lines_lost_total{cause=operator}");
+    add_one(all, counts.operators_not_made, "operators_refused_total{reason=out_of_memory}");
+    add_one(all, counts.requests_lost, "commands_total{type=of_operator,outcome=lost}");
+    all.push_back({[&] { counts.operators_accepted.add(2); },
+                   {"rtls_gateway_operators", "rtls_gateway_operators_accepted_total"}});
+    all.push_back({[&] { counts.operators_gone.add(); }, {"rtls_gateway_operators"}});
+}
+
+std::vector<wiring> all_wirings(services& gateway)
+{
+    std::vector<wiring> all;
+    win_counters& counts = gateway.win_server->counts;
+    add_messages(all, counts);
+    add_commands(all, counts);
+    add_link(all, counts);
+    add_others(all, counts);
+    all.push_back({[&counts] { counts.hand_over.add(1); }, {"rtls_gateway_report_hand_over_seconds"}});
+    add_queue(all, gateway.win_server->to_handler, "message_handler");
+    add_queue(all, gateway.win_server->to_proxy_input, "proxy_input");
+    add_terminal(all, gateway.terminal_server->counts);
+    add_kinds(all, writable(gateway.http.counts()), "http_refused_total",
+              {"reason=descriptors", "reason=full", "reason=busy", "reason=malformed", "reason=method",
+               "reason=too_long", "reason=token", "reason=timed_out", "reason=out_of_memory"});
+    return all;
+}
+
+// The samples of which the value is another one now, but for those that move by themselves.
+std::vector<std::string> moved(const sample_map& before, const sample_map& now)
+{
+    std::vector<std::string> names;
+    for (const auto& [name, value] : now)
+        if (!name.starts_with("process_") && !name.starts_with("rtls_gateway_log_") &&
+            value != before.at(name))
+            names.push_back(name);
+    return names;
+}
+
+} // namespace
+
+TEST(metrics_collect, each_counter_moves_its_own_sample_and_no_other)
+{
+    test_gateway gateway;
+    auto& handed_out = *static_cast<services*>(gateway.handle());
+    sample_map before = collected{gateway.handle()}.samples;
+    for (const wiring& one : all_wirings(handed_out)) {
+        one.count();
+        const sample_map now = collected{gateway.handle()}.samples;
+        EXPECT_THAT(moved(before, now), testing::UnorderedElementsAreArray(one.moves));
+        before = now;
+    }
+}
+
+TEST(metrics_collect, refusals_at_the_doors_come_by_their_reason)
+{
+    const log_capture log;
+    test_gateway gateway;
+    auto& handed_out = *static_cast<services*>(gateway.handle());
+    const in_addr stranger{htonl(0xC0000201)};
+    const auto refuse_all = [&](door& entrance, full_house& house) {
+        entrance.rules.networks = parse_networks("10.0.0.0/8");
+        EXPECT_FALSE(entrance.admits(stranger, 0, 0, 1));
+        entrance.rules = {};
+        entrance.rules.most = 5;
+        for (int i = 0; i < 2; ++i)
+            EXPECT_FALSE(entrance.admits(stranger, 5, 0, 1));
+        entrance.rules = {};
+        entrance.rules.most_of_one_address = 2;
+        for (int i = 0; i < 3; ++i)
+            EXPECT_FALSE(entrance.admits(stranger, 2, 2, 1));
+        for (int i = 0; i < 4; ++i)
+            EXPECT_TRUE(house.refuses(INT_MAX - 1, 1));
+    };
+    refuse_all(handed_out.win_server->win_door, handed_out.win_server->house);
+    refuse_all(handed_out.terminal_server->entrance, handed_out.terminal_server->house);
+    const collected now{gateway.handle()};
+    for (const std::string who : {"bridges", "operators"})
+        EXPECT_THAT(now.samples, IsSupersetOf(sample_map{
+                                     {"rtls_gateway_" + who + "_refused_total{reason=network}", 1},
+                                     {"rtls_gateway_" + who + "_refused_total{reason=full}", 2},
+                                     {"rtls_gateway_" + who + "_refused_total{reason=address}", 3},
+                                     {"rtls_gateway_" + who + "_refused_total{reason=descriptors}", 4}}));
+}
+
+TEST(metrics_collect, times_are_in_seconds_and_fall_into_their_ranges)
+{
+    test_gateway gateway;
+    auto& handed_out = *static_cast<services*>(gateway.handle());
+    handed_out.win_server->counts.hand_over.add(2'000'000, 3);
+    writable(handed_out.win_server->to_handler.counts()).after_wait.add(50'000);
+    writable(handed_out.win_server->to_proxy_input.counts()).after_wait.add(50);
+    writable(image_download_counters()).microseconds.add(1'500'000);
+    const sample_map before = collected{gateway.handle()}.samples;
+    writable(image_download_counters()).microseconds.add(2'500'000);
+    const collected now{gateway.handle()};
+    const std::string name = "rtls_gateway_report_hand_over_seconds";
+    EXPECT_NEAR(now.sums.at(name), 6.05005, 1e-9);
+    EXPECT_EQ(now.samples.at(name), 5);
+    const auto up_to = [&](double bound) { return now.up_to.at({name, bound}); };
+    EXPECT_EQ(up_to(0.00005), 1U);
+    EXPECT_EQ(up_to(0.025), 1U);
+    EXPECT_EQ(up_to(0.05), 2U);
+    EXPECT_EQ(up_to(1), 2U);
+    EXPECT_EQ(up_to(5), 5U);
+    const std::string seconds = "rtls_gateway_download_seconds_total";
+    EXPECT_NEAR(now.samples.at(seconds) - before.at(seconds), 2.5, 1e-9);
 }
 
 // In a process of its own, which has one thread: the library's may be about to close what tests before this one used.

@@ -171,6 +171,8 @@ TEST(check_client_connection, closes_all_unwanted_bridges_in_one_tick_in_table_o
     log.take();
     clock_of_checks{link}.tick();
     EXPECT_EQ(link.clients(), 10U);
+    EXPECT_EQ(link.server().counts.bridges_closed[bridge_end::unwanted].value(), 50U);
+    EXPECT_EQ(link.server().counts.bridges_closed.sum(), 50U);
     EXPECT_THAT(log.messages("win"), ElementsAreArray(then));
 }
 

@@ -294,6 +294,12 @@ TEST_F(terminal_server_test, every_request_beyond_the_queue_is_refused_and_logge
     EXPECT_LE(sent, 2000);
     EXPECT_EQ(peer.ask("reboot 1a2b\n", "\n"), "Failed to send command!\n");
     EXPECT_EQ(m_log.messages("main"), texts_t(2, "Overflow winserw queue!"));
+    const terminal_counters& counts =
+        terminal_server_figures(*static_cast<TERMINAL_SERVER_t*>(server())).counts;
+    EXPECT_EQ(counts.requests_lost.value(), 2U);
+    EXPECT_EQ(counts.chunks.value(), static_cast<uint64_t>(sent) + 3); // his coming, too
+    EXPECT_EQ(counts.bytes_in.value(),
+              (static_cast<uint64_t>(sent) + 2) * std::string_view{"reboot 1a2b\n"}.size());
     const zmsg_ptr first{zmsg_recv(win_server.get())};
     EXPECT_EQ(zmsg_size(first.get()), 3u);
     expect_served(peer);

@@ -4,6 +4,7 @@
 #include "support/tcp_state.h"
 #include "support/terminal_server_fixture.h"
 #include "support/wait.h"
+#include "terminal/terminal_server.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,6 +19,11 @@ namespace rtls {
 
 using terminal_stream_test = terminal_server_fixture;
 using testing::HasSubstr;
+
+static const terminal_counters& counts_of(const void* server)
+{
+    return terminal_server_figures(*static_cast<const TERMINAL_SERVER_t*>(server)).counts;
+}
 
 TEST_F(terminal_stream_test, lines_go_to_subscribers_through_their_filters)
 {
@@ -39,6 +45,11 @@ TEST_F(terminal_stream_test, lines_go_to_subscribers_through_their_filters)
     EXPECT_EQ(std::count(matching.begin(), matching.end(), '\n'), 2);
     EXPECT_THAT(matching, HasSubstr("TEST:\033[0m wanted1\n"));
     debug_mask = 0;
+    const auto& delivered = counts_of(server()).lines;
+    EXPECT_TRUE(wait_until([&] { return delivered.sum() == 8; }));
+    EXPECT_EQ(counts_of(server()).lines_taken.value(), 4U);
+    EXPECT_EQ(delivered[line_outcome::streamed].value(), 6U);
+    EXPECT_EQ(delivered[line_outcome::filtered].value(), 2U);
     EXPECT_EQ(filtered.ask("sub-\n", "\n"), "unsubscribed * ok.\n");
     EXPECT_EQ(none.ask("sub-\n", "\n"), "unsubscribed * ok.\n") << "lines without a subscription";
 }
@@ -136,8 +147,14 @@ TEST_F(terminal_stream_test, a_subscriber_who_never_reads_does_not_stop_the_othe
     operator_peer other{port()};
     stall(stalled, other, m_log);
     enable_stream();
-    for (int line = 0; line < 3; ++line)
+    const terminal_counters& counts = counts_of(server());
+    const auto stream_one = [&] {
+        const uint64_t before = counts.lines_taken.value();
         stream("a line");
+        EXPECT_TRUE(wait_until([&] { return counts.lines_taken.value() > before; }));
+    };
+    // There may be room for some lines in the library's queue still.
+    EXPECT_TRUE(repeat_until([&] { return counts.lines[line_outcome::lost].value() > 0; }, stream_one));
     EXPECT_EQ(terminals_seen_by(other).size(), 2u);
     other.ask("sub\n", "\n");
     stream("the last");
