@@ -2,7 +2,8 @@
 that supervision has no reason to close it.
 
 Says "connected" once all connections stand, then nothing. KIND: "small", pings as short as they can be; "large", pings
-of 1 MiB; "open", one message of nearly 1 MiB that does not end; "silent", nothing."""
+of 1 MiB; "open", one message of nearly 1 MiB that does not end; "reports", those of the first one's node; "silent",
+nothing."""
 import pathlib
 import select
 import socket
@@ -18,13 +19,14 @@ KINDS = {
     "large": b"\xf5\x00\x00\x01" + b"\x11" * (MIB - 8) + b"\xf7",
     "open": b"\xf5" + b"\x11" * (MIB - 8),
     "silent": b"",
+    "reports": wire.frame(wire.sensor(1, bytes(24), wire.ip(0x100000))) * 1000,
 }
 
 
 class Flood:
     def __init__(self, port: int, connections: int, kind: str, reads: bool):
         self.data = memoryview(KINDS[kind])
-        self.goes_on = kind in ("small", "large")
+        self.goes_on = kind in ("small", "large", "reports")
         self.reads = select.EPOLLIN if reads else 0
         self.epoll = select.epoll()
         self.epoll.register(sys.stdin, select.EPOLLIN)
