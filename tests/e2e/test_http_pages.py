@@ -1,8 +1,11 @@
 """The pages of the HTTP port: health, and what the gateway knows of bridges, nodes, operators and firmware."""
+import time
+
 import pytest
 
 from harness import wire
 from harness.daemon import free_port
+from harness.figures import Figures
 from harness.http_client import get, with_http
 from harness.peers import wait_until
 from harness.stopped_thread import StoppedThread, thread_id
@@ -76,6 +79,10 @@ def test_a_server_that_goes_is_missed(daemon, http_port):
     wait_until(lambda: get(http_port, "/readyz").status == 503, "the handler to be missed")
     missing = check_of(get(http_port, "/readyz"), "message handler")
     assert missing["last_reason"] and missing["since"].endswith("Z")
+    now = Figures(http_port)
+    assert now["upstream_link_failures_total", {"link": "message_handler", "reason": "lost"}] == 1
+    assert now.sum("upstream_link_failures_total") == 1
+    assert time.time() - 60 < now["upstream_link_since_timestamp_seconds", {"link": "message_handler"}] <= time.time()
 
 
 @pytest.mark.threads
