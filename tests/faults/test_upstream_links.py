@@ -15,6 +15,7 @@ from harness.daemon import free_port
 from harness.figures import Figures
 from harness.http_client import with_http
 from harness.peers import wait_until
+from counting_server import small_listener
 
 GROUP = "Names and servers"
 
@@ -83,6 +84,11 @@ FIRST = {
 }
 
 
+# The library takes "HTTP/1.1 4" for the greeting of a socket of its first versions.
+REASONS = {"an HTTP error": "other_socket", "no protocol at all": "other_protocol", "REP": "other_socket",
+           "PUB": "other_socket"}
+
+
 @pytest.mark.parametrize("first", FIRST)
 @pytest.mark.parametrize("name", ["handler", "proxy_input", "proxy", "broker"])
 def test_the_right_server_is_served_after_a_wrong_one(start_gateway, name, first, figure):
@@ -121,11 +127,78 @@ def test_the_right_server_is_served_after_a_wrong_one(start_gateway, name, first
     assert took < 6
 
 
+def deaf_server(gateway) -> zmq.Socket:
+    """A message handler that never reads; it and TCP hold little."""
+    sock = gateway.context.socket(zmq.PULL)
+    sock.setsockopt(zmq.RCVHWM, 1)
+    sock.setsockopt(zmq.USE_FD, small_listener(gateway._endpoint("handler")).detach())
+    sock.bind(gateway._endpoint("handler"))
+    return sock
+
+
+QUEUE = 1000    # the library's, towards one server
+HANDLER = {"queue": "message_handler"}
+
+
+def test_what_a_full_queue_held_is_lost_with_it_and_counted(start_gateway, figure):
+    """A server stops reading, until the queue towards it is full, and is killed; a wrong one takes its place. The library
+    drops the queue, and nobody has got any of it."""
+    port = free_port()
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"), change=with_http(port))
+    deaf = deaf_server(gateway)
+    wait_until(lambda: Figures(port)["upstream_link_up", {"link": "message_handler"}], "the link")
+    bridge = gateway.bridge(BRIDGE)
+    bridge.introduce()
+    sequence = itertools.cycle(range(1, 256))
+
+    def is_full() -> bool:
+        for _ in range(250):
+            bridge.send_message(wire.root_announce(BRIDGE, next(sequence)))
+        bridge.barrier()
+        return Figures(port)["reports_lost_total", {**HANDLER, "cause": "overflow"}] > 0
+    wait_until(is_full, "the queue to be full")
+    full = Figures(port)["reports_handed_over_total", HANDLER]
+    under_way = full - QUEUE     # in TCP, and in the library of a server that never read it
+    assert under_way >= 0
+
+    deaf.close(0)
+
+    def takes_its_place():     # the library closes in its own time
+        try:
+            return FIRST["no protocol at all"](gateway, "handler")
+        except OSError:
+            return None
+    wrong = wait_until(takes_its_place, "the port to be free")
+    wait_until(lambda: wrong.asked, "the daemon's greeting")
+    wait_until(lambda: any("connecting again" in line for line in gateway.syslog()), "the link to be given up")
+    wrong.close()
+    gateway.start_handler()
+    received = []
+
+    def served() -> bool:
+        bridge.send_message(wire.root_announce(BRIDGE, next(sequence)))
+        bridge.barrier()
+        received.extend(gateway.handler.drain())
+        return bool(received)
+    wait_until(served, "the right server to be served", 7)
+
+    def missing() -> int:
+        received.extend(gateway.handler.drain())
+        now = Figures(port)
+        return (now["reports_handed_over_total", HANDLER] - len(received) -
+                now["reports_lost_total", {**HANDLER, "cause": "dropped"}])
+    wait_until(lambda: missing() <= under_way, "every report to be accounted for", 5)
+    dropped = Figures(port)["reports_lost_total", {**HANDLER, "cause": "dropped"}]
+    figure("reports of a full queue that are in no figure, of 1,000", "1,000", f"{max(0, QUEUE - dropped):,}")
+    assert dropped >= QUEUE
+
+
 @pytest.mark.parametrize("first", FIRST)
 def test_what_a_wrong_server_costs_is_said(start_gateway, first, figure):
     """The library mostly drops what waits for a server when that turns out to be none: each report has come, or
     is in what is said to be lost, in the log and in the figures."""
     port = free_port()
+    began = time.time()
     gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"), change=with_http(port))
     bridge = gateway.bridge(BRIDGE)
     bridge.introduce()
@@ -170,4 +243,9 @@ def test_what_a_wrong_server_costs_is_said(start_gateway, first, figure):
     handed_over = now["reports_handed_over_total", {"queue": "message_handler"}]
     dropped = now["reports_lost_total", {"queue": "message_handler", "cause": "dropped"}]
     assert dropped == handed_over - len(received)
+    failures = {reason: now["upstream_link_failures_total", {"link": "message_handler", "reason": reason}]
+                for reason in ("broken_off", "other_protocol", "refused", "other_socket", "lost")}
+    assert [reason for reason, number in failures.items() if number] == [REASONS[first]]
+    since = now["upstream_link_since_timestamp_seconds", {"link": "message_handler"}]
+    assert began - 1 <= since <= time.time()
     assert now.sum("reports_lost_total", queue="message_handler") == lost()
