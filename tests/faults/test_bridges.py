@@ -48,8 +48,8 @@ class Honest:
     of processor time, which a busy host does not lengthen. `waits`: what each ping took, but for the time in which the
     host kept those at work (the bridges' thread, the library's, and us) waiting for a processor."""
 
-    def __init__(self, gateway):
-        self.bridge = gateway.bridge(HONEST)
+    def __init__(self, gateway, mac: bytes = HONEST):
+        self.bridge = gateway.bridge(mac)
         self.number = 0
         self.work, self.waits = [], []
         self.tasks = pathlib.Path(f"/proc/{gateway.process.pid}/task")
