@@ -5,7 +5,7 @@ import pathlib
 import pytest
 from conftest import ROOT, cache_of, run
 
-ALONE = ["RTLS_TESTS", "RTLS_SIMULATOR", "RTLS_BENCHMARKS", "RTLS_FUZZERS"]
+ALONE = ["RTLS_TESTS", "RTLS_SIMULATOR", "RTLS_TOOLS", "RTLS_BENCHMARKS", "RTLS_FUZZERS"]
 NOT_THE_DAEMONS = ["GTest", "benchmark", "CLI11", "fmt"]
 # An attempt to find one of these ends the configuration.
 HIDDEN = [f"-DCMAKE_DISABLE_FIND_PACKAGE_{package}=ON" for package in NOT_THE_DAEMONS]

@@ -2,7 +2,7 @@
 import pytest
 from conftest import run
 
-PROGRAMS = ["rtls-gateway", "rtls-sim"]
+PROGRAMS = ["rtls-gateway", "rtls-sim", "rtls-gateway-check"]
 
 
 @pytest.fixture(autouse=True)

@@ -16,7 +16,7 @@ def test_programs_and_configuration_have_their_places(prefix):
     libraries = (prefix / "lib", prefix / "include", prefix / "share")
     files = {str(path.relative_to(prefix)) for path in prefix.rglob("*")
              if path.is_file() and not any(path.is_relative_to(folder) for folder in libraries)}
-    assert files == {"sbin/rtls-gateway", "bin/rtls-sim", "etc/rtls-gateway/rtls-gateway.conf"}
+    assert files == {"sbin/rtls-gateway", "bin/rtls-sim", "bin/rtls-gateway-check", "etc/rtls-gateway/rtls-gateway.conf"}
 
 
 def test_the_logging_library_is_installed_for_other_programs(prefix):
@@ -38,7 +38,8 @@ def test_the_configuration_is_the_one_that_explains_itself(prefix):
 
 
 @pytest.mark.parametrize("program,arguments,says", [
-    ("bin/rtls-sim", ["--help"], "Usage"), ("sbin/rtls-gateway", ["-x"], "invalid option")])
+    ("bin/rtls-sim", ["--help"], "Usage"), ("bin/rtls-gateway-check", ["--help"], "Usage"),
+    ("sbin/rtls-gateway", ["-x"], "invalid option")])
 def test_installed_programs_run(prefix, program, arguments, says):
     environment = {"PATH": "/usr/bin:/bin"}
     done = subprocess.run([prefix / program, *arguments], env=environment, text=True, stdout=subprocess.PIPE,
