@@ -16,7 +16,8 @@ def test_programs_and_configuration_have_their_places(prefix):
     libraries = (prefix / "lib", prefix / "include", prefix / "share")
     files = {str(path.relative_to(prefix)) for path in prefix.rglob("*")
              if path.is_file() and not any(path.is_relative_to(folder) for folder in libraries)}
-    assert files == {"sbin/rtls-gateway", "bin/rtls-sim", "bin/rtls-gateway-check", "etc/rtls-gateway/rtls-gateway.conf"}
+    assert files == {"sbin/rtls-gateway", "bin/rtls-sim", "bin/rtls-gateway-check", "bin/rtls-ctl",
+                     "etc/rtls-gateway/rtls-gateway.conf"}
 
 
 def test_the_logging_library_is_installed_for_other_programs(prefix):
@@ -31,6 +32,11 @@ def test_headers_are_those_of_its_c_interface(prefix):
     assert installed == {"core/clogger.h", "core/ctimestamp.h"}
 
 
+def test_shells_find_the_completion(prefix):
+    for place in ("bash-completion/completions/rtls-ctl", "zsh/site-functions/_rtls-ctl"):
+        assert "_rtls_ctl() {" in (prefix / "share" / place).read_text()
+
+
 def test_the_configuration_is_the_one_that_explains_itself(prefix):
     installed = prefix / "etc/rtls-gateway/rtls-gateway.conf"
     assert installed.read_bytes() == (ROOT / "config/rtls-gateway.conf").read_bytes()
@@ -39,7 +45,7 @@ def test_the_configuration_is_the_one_that_explains_itself(prefix):
 
 @pytest.mark.parametrize("program,arguments,says", [
     ("bin/rtls-sim", ["--help"], "Usage"), ("bin/rtls-gateway-check", ["--help"], "Usage"),
-    ("sbin/rtls-gateway", ["-x"], "invalid option")])
+    ("bin/rtls-ctl", ["--help"], "Usage"), ("sbin/rtls-gateway", ["-x"], "invalid option")])
 def test_installed_programs_run(prefix, program, arguments, says):
     environment = {"PATH": "/usr/bin:/bin"}
     done = subprocess.run([prefix / program, *arguments], env=environment, text=True, stdout=subprocess.PIPE,

@@ -1,0 +1,169 @@
+#include "completion.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+namespace ctl {
+
+namespace {
+
+struct offered_word {
+    std::string text;
+    std::string meaning;
+};
+
+// What may stand behind the subcommands of `path`, as in "firmware get".
+struct place {
+    std::string path;
+    std::vector<offered_word> words;
+};
+
+// An option that wants a value: what may be one; none when that is free.
+struct valued_option {
+    std::string names; // for a shell's case: "-g|--gateway"
+    std::vector<std::string> values;
+    bool is_file = false;
+};
+
+struct description {
+    std::vector<place> places;
+    std::vector<valued_option> options;
+};
+
+} // namespace
+
+static void offer(place& here, const std::string& word, const std::string& meaning)
+{
+    if (std::ranges::find(here.words, word, &offered_word::text) == here.words.end())
+        here.words.push_back({word, meaning});
+}
+
+static void add_option(description& all, place& here, const described_option& option)
+{
+    for (const std::string& word : option.names.empty() ? option.choices : option.names)
+        offer(here, word, option.meaning);
+    if (option.names.empty() || !option.has_value)
+        return;
+    const std::string names = fmt::format("{}", fmt::join(option.names, "|"));
+    if (std::ranges::find(all.options, names, &valued_option::names) == all.options.end())
+        all.options.push_back({names, option.choices, option.is_file});
+}
+
+// `way`: the program, and the commands that lead here.
+static void describe(description& all, std::vector<const described_command*> way, const std::string& path)
+{
+    place here{path, {}};
+    const described_command& command = *way.back();
+    for (const described_command& sub : command.commands)
+        offer(here, sub.name, sub.meaning);
+    for (auto it = way.rbegin(); it != way.rend(); ++it)
+        for (const described_option& option : (*it)->options)
+            add_option(all, here, option);
+    all.places.push_back(std::move(here));
+    for (const described_command& sub : command.commands) {
+        way.push_back(&sub);
+        describe(all, way, path.empty() ? sub.name : path + " " + sub.name);
+        way.pop_back();
+    }
+}
+
+static description describe(const described_command& program)
+{
+    description all;
+    describe(all, {&program}, "");
+    return all;
+}
+
+// Between single quotes.
+static std::string quoted(std::string text)
+{
+    for (size_t at = text.find('\''); at != std::string::npos; at = text.find('\'', at + 4))
+        text.replace(at, 1, "'\\''");
+    return "'" + text + "'";
+}
+
+// The paths as patterns of a case.
+static std::string paths_of(const description& all)
+{
+    std::vector<std::string> paths;
+    for (const place& it : all.places)
+        if (!it.path.empty())
+            paths.push_back(quoted(it.path));
+    return fmt::format("{}", fmt::join(paths, "|"));
+}
+
+static std::string names_with_values(const description& all)
+{
+    std::vector<std::string> names;
+    for (const valued_option& it : all.options)
+        names.push_back(it.names);
+    return fmt::format("{}", fmt::join(names, "|"));
+}
+
+// Walks over the words before the one that is typed, in either shell: `place` gets the subcommands among them.
+static std::string path_loop(const description& all, const char* first, const char* words,
+                             const char* current)
+{
+    return fmt::format(R"(    local place='' skip='' i word
+    for ((i = {}; i < {}; i++)); do
+        word=${{{}[i]}}
+        if [[ -n $skip ]]; then skip=''; continue; fi
+        case "$word" in {}) skip=1; continue ;; esac
+        case "${{place:+$place }}$word" in {}) place="${{place:+$place }}$word" ;; esac
+    done
+)",
+                       first, current, words, names_with_values(all), paths_of(all));
+}
+
+std::string bash_completion(const described_command& program)
+{
+    const description all = describe(program);
+    std::string text = "# Completion for bash, by: rtls-ctl completion bash\n_rtls_ctl() {\n"
+                       "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} words=''\n" +
+                       path_loop(all, "1", "COMP_WORDS", "COMP_CWORD") + "    case \"$prev\" in\n";
+    for (const valued_option& it : all.options)
+        text += fmt::format("    {}) COMPREPLY=($(compgen {} -- \"$cur\")); return ;;\n", it.names,
+                            it.is_file ? "-f" : "-W " + quoted(fmt::format("{}", fmt::join(it.values, " "))));
+    text += "    esac\n    case \"$place\" in\n";
+    for (const place& it : all.places) {
+        std::string words;
+        for (const offered_word& word : it.words)
+            words += (words.empty() ? "" : " ") + word.text;
+        text += fmt::format("    {}) words={} ;;\n", quoted(it.path), quoted(words));
+    }
+    return text + "    esac\n    COMPREPLY=($(compgen -W \"$words\" -- \"$cur\"))\n}\n"
+                  "complete -F _rtls_ctl rtls-ctl\n";
+}
+
+// What _describe takes: "word:meaning", in which a colon of the word would be escaped.
+static std::string zsh_words(const place& it)
+{
+    std::string text;
+    for (const offered_word& word : it.words)
+        text += " " + quoted(word.text + ":" + word.meaning);
+    return text;
+}
+
+std::string zsh_completion(const described_command& program)
+{
+    const description all = describe(program);
+    std::string text = "#compdef rtls-ctl\n# Completion for zsh, by: rtls-ctl completion zsh\n_rtls_ctl() {\n"
+                       "    local -a offered\n" +
+                       path_loop(all, "2", "words", "CURRENT") + "    case \"${words[CURRENT-1]}\" in\n";
+    for (const valued_option& it : all.options)
+        text += fmt::format("    {}) {}; return ;;\n", it.names,
+                            it.is_file          ? "_files"
+                            : it.values.empty() ? ":"
+                                                : fmt::format("compadd -- {}", fmt::join(it.values, " ")));
+    text += "    esac\n    case \"$place\" in\n";
+    for (const place& it : all.places)
+        text += fmt::format("    {}) offered=({} ) ;;\n", quoted(it.path), zsh_words(it));
+    return text + "    esac\n    _describe 'rtls-ctl' offered\n}\n"
+                  "if [[ ${funcstack[1]} == _rtls_ctl ]]; then _rtls_ctl \"$@\"; else compdef _rtls_ctl "
+                  "rtls-ctl; fi\n";
+}
+
+} // namespace ctl

@@ -1,0 +1,31 @@
+// failure - why a command could not be done, and the exit status that tells it to scripts.
+//
+// Ownership  A value.
+// Threads    Any; one that is thrown on a gateway's thread is caught there, and told by the main thread.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace ctl {
+
+// Scripts depend on the numbers. Of several gateways the largest is the program's.
+enum class exit_status : int {
+    done = 0,
+    refused = 1,     // by the gateway, or there is no such thing
+    usage = 2,       // the command line or the configuration file is wrong: nothing was done
+    unreachable = 3, // nobody answers where the gateway should be, or it hangs up
+    timed_out = 4,   // it is there, but what was waited for did not come
+};
+
+// `what` is one sentence without an end, as in "no node is called 1a2b".
+class failure : public std::runtime_error {
+public:
+    failure(exit_status status, const std::string& why) : std::runtime_error(why), m_status(status) {}
+    exit_status status() const { return m_status; }
+
+private:
+    exit_status m_status;
+};
+
+} // namespace ctl
