@@ -1,0 +1,170 @@
+// instruction_counts - a fixed number of operations of each kind, for bench/instructions to count the instructions
+// of: each kind of message up, the reading of the WIN port, each kind of command down.
+//
+// Counts are those of this thread within counted_part. Each kind is counted several times: what another thread does
+// meanwhile (the library asks for its attention, or need not be woken) only ever adds to one of them.
+// Prints a line for each count, in order: the number of operations, and their name.
+//   instruction_counts [KIND]
+#include "base/logger.h"
+#include "command_world.h"
+#include "dispatch_world.h"
+#include "wire/slip.h"
+
+#include <sys/ioctl.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+
+using namespace rtls;
+
+namespace {
+
+constexpr int rounds = 5;
+
+const char* only_kind = nullptr; // null: all of them
+
+bool is_wanted(const std::string& kind)
+{
+    return !only_kind || kind == only_kind;
+}
+
+struct counted_kind {
+    std::string name;
+    size_t operations;
+    std::function<void()> prepare;
+    std::function<bool()> work; // what is counted
+    std::function<bool()> finish;
+};
+
+void require(bool condition, const std::string& what)
+{
+    if (condition)
+        return;
+    std::fprintf(stderr, "instruction_counts: %s\n", what.c_str());
+    std::exit(1);
+}
+
+} // namespace
+
+// Takes the place of libc's: the time of day stands still. A turn of commands has a millisecond, in which the counted
+// program gets nowhere near as far as the daemon does: turns would be short, and as long as the machine is fast.
+extern "C" int gettimeofday(timeval* time, void* /*zone*/) noexcept
+{
+    *time = {.tv_sec = 1'000'000'000, .tv_usec = 0};
+    return 0;
+}
+
+// Whom callgrind is told to count. Not a tail call: it is to end with the work.
+extern "C" [[gnu::noinline]] bool counted_part(const std::function<bool()>& work);
+
+extern "C" bool counted_part(const std::function<bool()>& work)
+{
+    const bool is_done = work();
+    asm volatile("" ::: "memory");
+    return is_done;
+}
+
+namespace {
+
+void count(const counted_kind& kind)
+{
+    for (int round = 0; round < rounds; ++round) {
+        kind.prepare();
+        require(counted_part(kind.work), kind.name + ": not done");
+        std::printf("%zu %s\n", kind.operations, kind.name.c_str());
+        require(kind.finish(), kind.name + ": not everything went its way");
+    }
+}
+
+// From the decoder's hand-over to all that the message causes.
+void count_message(const frame_case& c)
+{
+    const std::string kind = std::string{"up: "} + c.name;
+    if (!is_wanted(kind))
+        return;
+    dispatch_world world;
+    world.introduce(1);
+    world.keep_page();
+    bytes_t frame = c.frame;
+    const auto work = [&] {
+        for (size_t i = 0; i < dispatch_world::batch; ++i) {
+            ++frame[c.seq_at];
+            world.receive(frame);
+        }
+        return true;
+    };
+    count({kind, dispatch_world::batch, [] {}, work,
+           [&] { return world.take(c.sent * dispatch_world::batch); }});
+}
+
+void write_to_port(dispatch_world& world, const bytes_t& bytes)
+{
+    for (size_t bridge = 0; bridge < world.bridges(); ++bridge)
+        require(write(world.connection(bridge), bytes.data(), bytes.size()) ==
+                    static_cast<ssize_t>(bytes.size()),
+                "write");
+    const auto is_read = [&](size_t bridge) {
+        int left = 0;
+        return ioctl(world.record(bridge).fd, FIONREAD, &left) == 0 && left == 0;
+    };
+    for (size_t bridge = 0; bridge < world.bridges(); ++bridge)
+        while (!is_read(bridge))
+            std::this_thread::yield();
+    // The library has read it, and is about to hand it over.
+    std::this_thread::sleep_for(std::chrono::milliseconds{5});
+    world.server().last_win_event = 0; // else the port waits for more, by the clock
+}
+
+// From the bridges' connections to the servers.
+void count_port(size_t messages_a_write)
+{
+    const std::string kind = "port: sensor, direct, " + std::to_string(messages_a_write) + " a write";
+    if (!is_wanted(kind))
+        return;
+    constexpr size_t bridges = 16;
+    dispatch_world world{bridges};
+    world.introduce(1);
+    const bytes_t message = direct_sensor_report();
+    bytes_t frame(slip_encoded_limit(message.size()));
+    frame.resize(slip_encode(message, frame.data()));
+    bytes_t bytes;
+    for (size_t i = 0; i < messages_a_write; ++i)
+        bytes = bytes + frame;
+    const size_t messages = bridges * messages_a_write;
+    const counter& frames = world.server().counts.frames_in;
+    count({kind, messages, [&] { write_to_port(world, bytes); },
+           [&] { return world.run_until(frames, frames.value() + messages); },
+           [&] { return world.take(messages); }});
+}
+
+// From the proxy's socket to those of the bridges.
+void count_command(const command_case& command)
+{
+    const std::string kind = std::string{"down: "} + command.name;
+    if (!is_wanted(kind))
+        return;
+    command_world world{16};
+    count({kind, command_world::batch, [&] { world.publish(command); }, [&] { return world.carry_out(); },
+           [&] { return world.take(); }});
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    only_kind = argc > 1 ? argv[1] : nullptr;
+    require(logger_init("instruction_counts"), "no log"); // which is asked for each line whether it takes it
+    std::ranges::for_each(frame_cases(), count_message);
+    for (const size_t messages_a_write : {size_t{1}, size_t{32}})
+        count_port(messages_a_write);
+    std::ranges::for_each(command_cases(), count_command);
+    logger_cleanup();
+    return 0;
+}
