@@ -101,12 +101,17 @@ bool data_to_win_client(WIN_SERVER_t* server, zframe_t* client_id, const uint8_t
 static bool send_bytes(WIN_SERVER_t& server, bytes_view identity, bytes_view bytes)
 {
     constexpr char function[] = "esc_data_to_win_client"; // as log filters know it
-    message_part frame{bytes};
-    if (!frame.is_made()) {
-        log_call_error(function, "zframe_new");
-        return false;
+    bool sent = false;
+    if (bytes.size() <= inline_part_size)
+        sent = stream_send_small(server.win_sock, identity, bytes);
+    else {
+        message_part frame{bytes};
+        if (!frame.is_made()) {
+            log_call_error(function, "zframe_new");
+            return false;
+        }
+        sent = stream_send(server.win_sock, identity, frame);
     }
-    const bool sent = stream_send(server.win_sock, identity, frame);
     if (sent)
         server.counts.bytes_out.add(bytes.size());
     else if (errno != EAGAIN) {

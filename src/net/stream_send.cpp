@@ -1,11 +1,12 @@
 #include "net/stream_send.h"
 
+#include <cassert>
+
 namespace rtls {
 
 bool stream_send_identity(zsock_t* sock, bytes_view identity, when_full choice) noexcept
 {
-    message_part id{identity};
-    return id.is_made() && id.send(zsock_resolve(sock), true, choice == when_full::wait);
+    return send_copy(zsock_resolve(sock), identity, true, choice == when_full::wait);
 }
 
 bool stream_send_bytes(zsock_t* sock, message_part& bytes) noexcept
@@ -16,7 +17,15 @@ bool stream_send_bytes(zsock_t* sock, message_part& bytes) noexcept
 
 bool stream_send(zsock_t* sock, bytes_view identity, message_part& bytes) noexcept
 {
-    return stream_send_identity(sock, identity, when_full::give_up) && stream_send_bytes(sock, bytes);
+    void* const socket = zsock_resolve(sock);
+    return send_copy(socket, identity, true) && bytes.send(socket, true);
+}
+
+bool stream_send_small(zsock_t* sock, bytes_view identity, bytes_view bytes) noexcept
+{
+    assert(bytes.size() <= inline_part_size);
+    void* const socket = zsock_resolve(sock);
+    return send_copy(socket, identity, true) && send_copy(socket, bytes, true);
 }
 
 bool has_events(void* socket) noexcept

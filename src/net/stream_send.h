@@ -29,6 +29,9 @@ bool stream_send_bytes(zsock_t* sock, message_part& bytes) noexcept;
 // identity is refused.
 bool stream_send(zsock_t* sock, bytes_view identity, message_part& bytes) noexcept;
 
+// The same for so few bytes that a part has room for them: nothing can fail between identity and bytes.
+bool stream_send_small(zsock_t* sock, bytes_view identity, bytes_view bytes) noexcept;
+
 // Whether something waits to be received, by libzmq's handle of any socket. Unknown counts as something.
 bool has_events(void* socket) noexcept;
 

@@ -29,6 +29,19 @@ protected:
 
 } // namespace
 
+TEST(message_part, a_small_content_stands_in_the_part_itself)
+{
+    const auto stands_within = [](message_part& part) {
+        const auto begin = reinterpret_cast<uintptr_t>(&part);
+        const auto data = reinterpret_cast<uintptr_t>(part.data());
+        return data >= begin && data < begin + sizeof part;
+    };
+    message_part small{inline_part_size};
+    message_part larger{inline_part_size + 1};
+    EXPECT_TRUE(stands_within(small));
+    EXPECT_FALSE(stands_within(larger));
+}
+
 TEST(message_part, is_empty_or_a_copy_or_has_room)
 {
     message_part empty;
@@ -83,6 +96,27 @@ TEST_F(message_part_test, waits_neither_for_something_to_receive_nor_for_room)
     const int64_t start = zclock_mono();
     EXPECT_FALSE(part.send(zsock_resolve(unconnected.get()), false, true));
     EXPECT_GE(zclock_mono() - start, 9) << "told to wait, it does";
+}
+
+TEST_F(message_part_test, a_copy_is_sent_as_a_part_is)
+{
+    const bytes_t content = ramp(inline_part_size);
+    ASSERT_TRUE(send_copy(m_out, content, true));
+    ASSERT_TRUE(send_copy(m_out, {}));
+    message_part part;
+    ASSERT_TRUE(part.receive(m_in, true));
+    EXPECT_EQ(content_of(part), content);
+    EXPECT_TRUE(zsock_rcvmore(m_pull.get()));
+    ASSERT_TRUE(part.receive(m_in));
+    EXPECT_EQ(part.size(), 0U);
+    EXPECT_FALSE(zsock_rcvmore(m_pull.get()));
+}
+
+TEST_F(message_part_test, a_copy_that_finds_no_room_is_refused_at_once)
+{
+    const zsock_ptr nobody{zsock_new(ZMQ_PUSH)};
+    EXPECT_FALSE(send_copy(zsock_resolve(nobody.get()), ramp(3)));
+    EXPECT_EQ(errno, EAGAIN);
 }
 
 } // namespace rtls

@@ -51,6 +51,24 @@ TEST_F(stream_sending, bytes_follow_their_identity)
     EXPECT_EQ(m_peer.receive(3), "abc");
 }
 
+TEST_F(stream_sending, small_bytes_follow_their_identity)
+{
+    const std::string longest(inline_part_size, 'b');
+    for (const std::string text : {std::string{"a"}, longest, std::string{"c"}}) {
+        EXPECT_TRUE(stream_send_small(m_sock.get(), m_identity,
+                                      {reinterpret_cast<const uint8_t*>(text.data()), text.size()}));
+        EXPECT_EQ(m_peer.receive(text.size()), text);
+    }
+}
+
+TEST_F(stream_sending, small_bytes_for_an_unknown_identity_leave_the_socket_in_step)
+{
+    EXPECT_FALSE(stream_send_small(m_sock.get(), hex("00 11 22 33 44"), hex("7A")));
+    EXPECT_EQ(errno, EHOSTUNREACH);
+    EXPECT_TRUE(stream_send_small(m_sock.get(), m_identity, hex("61")));
+    EXPECT_EQ(m_peer.receive(1), "a");
+}
+
 // What is refused leaves neither part behind: the next message reaches its peer.
 TEST_F(stream_sending, an_unknown_identity_leaves_the_socket_in_step)
 {
