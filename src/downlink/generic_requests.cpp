@@ -18,12 +18,19 @@ static constexpr size_t generic_frame_max = generic_request_max - mac_size + nod
 static command_outcome forward_to_node(WIN_SERVER_t& server, const node_route& route, bytes_view message,
                                        bytes_view mac, WIN_CLIENT_t* asking)
 {
-    std::array<uint8_t, generic_frame_max> frame{};
+    std::array<uint8_t, generic_frame_max> frame; // not cleared: the builder writes every byte that is sent
     const size_t size = node_request_frame(frame, route, message, mac);
     return send_to_node(&server, route, bytes_view{frame}.first(size), asking);
 }
 
 command_outcome forward_generic(WIN_SERVER_t& server, bytes_view request, WIN_CLIENT_t* asking)
+{
+    looked_up_node node;
+    return forward_generic(server, request, node, asking);
+}
+
+command_outcome forward_generic(WIN_SERVER_t& server, bytes_view request, looked_up_node& node,
+                                WIN_CLIENT_t* asking)
 {
     zsock_t* dbg = server.dbg_client_sock;
     const size_t parsedlen = request.size();
@@ -44,7 +51,7 @@ command_outcome forward_generic(WIN_SERVER_t& server, bytes_view request, WIN_CL
     const bytes_view message = request.first(payload_len);
     const bytes_view mac = request.last(mac_size);
     dbg_print(dbg, DBG_PARSING, "GENERIC", "INFO(GENERIC): dst %02X%02X", mac[6], mac[7]);
-    if (const auto route = find_route(&server, mac))
+    if (const node_route* route = find_route(&server, mac, node))
         return forward_to_node(server, *route, message, mac, asking);
     dbg_print(dbg, DBG_PARSING, "GENERIC", "ERROR(GENERIC): dst %02X%02X%02X%02X%02X%02X%02X%02X not found",
               mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], mac[6], mac[7]);

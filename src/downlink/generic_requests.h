@@ -9,6 +9,7 @@
 //            null argument is logged.
 #pragma once
 
+#include "downlink/node_delivery.h"
 #include "link/win_server_private.h"
 
 namespace rtls {
@@ -17,6 +18,9 @@ namespace rtls {
 // `asking`: the client that the request answers, which gets it
 // when its node has no route of its own; without one every client does.
 command_outcome forward_generic(WIN_SERVER_t& server, bytes_view request, WIN_CLIENT_t* asking = nullptr);
+// The same for a node of which something has been found already.
+command_outcome forward_generic(WIN_SERVER_t& server, bytes_view request, looked_up_node& node,
+                                WIN_CLIENT_t* asking = nullptr);
 
 // Whether a request with this outcome was on its way, whatever became of it then.
 bool was_forwarded(command_outcome outcome) noexcept;

@@ -26,10 +26,17 @@ std::optional<node_route> find_route(WIN_SERVER_t* server, bytes_view mac)
     return find_route_locked(*nodes, mac);
 }
 
+const node_route* find_route(WIN_SERVER_t* server, bytes_view mac, looked_up_node& found)
+{
+    if (!found.stands)
+        found = {.stands = true, .route = find_route(server, mac)};
+    return found.route ? &*found.route : nullptr;
+}
+
 static delivery deliver(WIN_SERVER_t& server, const node_route& route, bytes_view frame, WIN_CLIENT_t* asking)
 {
     if (route.client)
-        return data_to_bridge(server, bytes_view{route.client->bytes}.first(route.client->size), frame);
+        return data_to_bridge(server, route.client->view(), frame);
     return asking ? data_to_bridge(server, frame_bytes(asking->id), frame)
                   : data_to_all_bridges(server, frame);
 }

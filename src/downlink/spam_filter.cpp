@@ -95,21 +95,33 @@ enum class verdict { passes, repeats, out_of_memory };
 
 } // namespace
 
-// What there is to say of a command for the node with this MAC. Takes the lock, and logs nothing.
-static verdict judge(NODES_CONTAINER_t& nodes, bytes_view command, const uint8_t* mac, timeval now)
+static verdict judge_locked(NODE_t& node, bytes_view command, timeval now)
 {
-    const nodes_guard guard{nodes};
-    NODE_t* node = nodes.find_by_mac(mac);
-    if (!node)
-        return verdict::passes;
     // The time moves on with repeats, too: a steady stream of them stays suppressed.
-    const timeval last = std::exchange(node->last_data_time, now);
-    if (is_within_repeat_interval(last, now) && is_last_command(*node, command))
+    const timeval last = std::exchange(node.last_data_time, now);
+    if (is_within_repeat_interval(last, now) && is_last_command(node, command))
         return verdict::repeats;
-    return remember_command(*node, command) ? verdict::passes : verdict::out_of_memory;
+    return remember_command(node, command) ? verdict::passes : verdict::out_of_memory;
 }
 
-bool spam_filter(NODES_CONTAINER_t& nodes, bytes_view data, timeval now)
+// What there is to say of a command for the node with this MAC, and how the node is reached. Takes the lock, and
+// logs nothing.
+static verdict judge(NODES_CONTAINER_t& nodes, bytes_view command, const uint8_t* mac, timeval now,
+                     looked_up_node& found)
+{
+    const nodes_guard guard{nodes};
+    const uint8_t growth = nodes.growth();
+    NODE_t* node = nodes.find_by_mac(mac);
+    found.stands = nodes.growth() == growth;
+    if (!node)
+        return verdict::passes;
+    const verdict judged = judge_locked(*node, command, now);
+    if (judged != verdict::repeats && found.stands)
+        found.route.emplace(route_of(*node));
+    return judged;
+}
+
+bool spam_filter(NODES_CONTAINER_t& nodes, bytes_view data, timeval now, looked_up_node& node)
 {
     if (data.size() < proxy_command_min)
         return false;
@@ -119,7 +131,7 @@ bool spam_filter(NODES_CONTAINER_t& nodes, bytes_view data, timeval now)
     if (is_large)
         of_large = digest_of(command);
     const verdict found =
-        judge(nodes, is_large ? bytes_view{of_large} : command, data.last(mac_size).data(), now);
+        judge(nodes, is_large ? bytes_view{of_large} : command, data.last(mac_size).data(), now, node);
     if (found == verdict::out_of_memory)
         logger_error(g_logger, str_out_of_memory, __func__);
     return found == verdict::repeats;
@@ -127,8 +139,9 @@ bool spam_filter(NODES_CONTAINER_t& nodes, bytes_view data, timeval now)
 
 bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now)
 {
+    looked_up_node node;
     return !any_null(__func__, p_nodes, data) &&
-           spam_filter(*static_cast<NODES_CONTAINER_t*>(p_nodes), {data, data_size}, now);
+           spam_filter(*static_cast<NODES_CONTAINER_t*>(p_nodes), {data, data_size}, now, node);
 }
 
 } // namespace rtls

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "downlink/node_delivery.h"
 #include "registry/addresses.h"
 #include "wire/messaging.h"
 
@@ -26,7 +27,8 @@ constexpr size_t proxy_command_min = msgGeneric_t::size + mac_size;
 
 // Whether `data`, a command that ends in its node's MAC, came to that node less than 50 ms ago already.
 // Nothing shorter than proxy_command_min, and nothing for an unknown node, ever did. `now` is the time of day.
-bool spam_filter(NODES_CONTAINER_t& nodes, bytes_view data, timeval now);
+// What the look-up has found of the node is left in `node`, for who goes on with the command.
+bool spam_filter(NODES_CONTAINER_t& nodes, bytes_view data, timeval now, looked_up_node& node);
 
 // The same by handle, for those outside. `p_nodes` is the registry.
 bool spam_filter(void* p_nodes, const uint8_t* data, size_t data_size, timeval now);

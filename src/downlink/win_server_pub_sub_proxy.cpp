@@ -39,10 +39,21 @@ static std::unique_ptr<char[]> copy_text(bytes_view text)
     return copy;
 }
 
+namespace {
+
+// One command, its type in a bridge's byte order already.
+struct command_at_hand {
+    bytes_view data;
+    looked_up_node node; // whose MAC is at its end, as the spam filter has found it
+};
+
+} // namespace
+
 // --- one step for each type
 
-static command_outcome ota_upload_fw(WIN_SERVER_t* server, bytes_view data)
+static command_outcome ota_upload_fw(WIN_SERVER_t* server, command_at_hand& command)
 {
+    const bytes_view data = command.data;
     if (data.size() <= ota_upload::size) {
         logger_error(g_logger, "%s (MSG_OTA_UPLOAD_FW): msg too short %lu", dispatcher, data.size());
         return command_outcome::malformed;
@@ -74,8 +85,9 @@ static command_outcome forward_network_data(WIN_SERVER_t* server, const node_rou
     return send_to_node(server, route, bytes_view{frame}.first(size));
 }
 
-static command_outcome nwk_data_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome nwk_data_req(WIN_SERVER_t* server, command_at_hand& command)
 {
+    const bytes_view data = command.data;
     if (data.size() < network_data::size) {
         logger_error(g_logger, "%s (MSG_NWK_DATA_15_4_REQ): wrong size %lu", dispatcher, data.size());
         return command_outcome::malformed;
@@ -87,7 +99,7 @@ static command_outcome nwk_data_req(WIN_SERVER_t* server, bytes_view data)
     }
     const bytes_view mac = data.last(mac_size);
     zsock_t* dbg = server->dbg_client_sock;
-    const auto route = find_route(server, mac);
+    const node_route* route = find_route(server, mac, command.node);
     if (!route) {
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_NWK_DATA_15_4_REQ dst %02X%02X not found", mac[6], mac[7]);
         return command_outcome::node_not_found;
@@ -124,14 +136,15 @@ static std::array<uint8_t, srvMsgConfigNode_t::long_addr> node_configuration(byt
     return out;
 }
 
-static command_outcome conf_node_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome conf_node_req(WIN_SERVER_t* server, command_at_hand& command)
 {
+    const bytes_view data = command.data;
     if (data.size() != srvMsgConfigNode_t::size) {
         logger_error(g_logger, "%s (MSG_CONF_NODE_REQ): wrong size %lu", dispatcher, data.size());
         return command_outcome::malformed;
     }
     const bytes_view mac = data.subspan(srvMsgConfigNode_t::long_addr);
-    const auto route = find_route(server, mac);
+    const node_route* route = find_route(server, mac, command.node);
     if (!route) {
         dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_CONF_NODE_REQ dst %02X%02X not found",
                   mac[6], mac[7]);
@@ -143,8 +156,9 @@ static command_outcome conf_node_req(WIN_SERVER_t* server, bytes_view data)
     return send_to_node(server, *route, bytes_view{frame}.first(size));
 }
 
-static command_outcome fw_image_avail_ind(WIN_SERVER_t* server, bytes_view data)
+static command_outcome fw_image_avail_ind(WIN_SERVER_t* server, command_at_hand& command)
 {
+    const bytes_view data = command.data;
     using msg = gwMsgFwImageAvailInd_t;
     if (data.size() < msg::size + 2) {
         logger_error(g_logger, "%s (MSG_FW_IMAGE_AVAIL_IND): msg too short %lu", dispatcher, data.size());
@@ -166,42 +180,43 @@ static command_outcome fw_image_avail_ind(WIN_SERVER_t* server, bytes_view data)
     return command_outcome::ordered;
 }
 
-static command_outcome generic_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome generic_req(WIN_SERVER_t* server, command_at_hand& command)
 {
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_GENERIC_REQ");
-    const command_outcome outcome = forward_generic(*server, data);
+    const command_outcome outcome = forward_generic(*server, command.data, command.node);
     if (was_forwarded(outcome))
-        firmware_interception(server, data.data(), data.size());
+        firmware_interception(server, command.data.data(), command.data.size());
     return outcome;
 }
 
-static command_outcome sensor_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome sensor_req(WIN_SERVER_t* server, command_at_hand& command)
 {
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_SENSOR_REQ");
-    return forward_generic(*server, data);
+    return forward_generic(*server, command.data, command.node);
 }
 
-static command_outcome conf_sensor_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome conf_sensor_req(WIN_SERVER_t* server, command_at_hand& command)
 {
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_CONF_SENSOR_REQ");
-    return forward_generic(*server, data);
+    return forward_generic(*server, command.data, command.node);
 }
 
-static command_outcome tdoa_sched_conf_req(WIN_SERVER_t* server, bytes_view data)
+static command_outcome tdoa_sched_conf_req(WIN_SERVER_t* server, command_at_hand& command)
 {
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "MSG_TDOA_SCHED_CONF_REQ");
-    return forward_generic(*server, data);
+    return forward_generic(*server, command.data, command.node);
 }
 
-static command_outcome rest_ack(WIN_SERVER_t* server, bytes_view data)
+static command_outcome rest_ack(WIN_SERVER_t* server, command_at_hand& command)
 {
+    const bytes_view data = command.data;
     if (data.size() != srvMsgAck_t::size) {
         logger_error(g_logger, "%s (MSG_REST_ACK): wrong size %lu", dispatcher, data.size());
         return command_outcome::malformed;
     }
     const bytes_view mac = data.subspan(srvMsgAck_t::long_addr);
     zsock_t* dbg = server->dbg_client_sock;
-    const auto route = find_route(server, mac);
+    const node_route* route = find_route(server, mac, command.node);
     if (!route) {
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_REST_ACK node: %02X%02X not found", mac[6], mac[7]);
         return command_outcome::node_not_found;
@@ -220,7 +235,7 @@ namespace {
 struct proxy_command {
     gwCmdID_t type;
     command_type kind;
-    command_outcome (*run)(WIN_SERVER_t* server, bytes_view data); // checks the size itself
+    command_outcome (*run)(WIN_SERVER_t* server, command_at_hand& command); // checks the size itself
 };
 
 } // namespace
@@ -237,50 +252,55 @@ static constexpr proxy_command proxy_commands[] = {
     {MSG_TDOA_SCHED_CONF_REQ, command_type::tdoa_sched_conf_req, tdoa_sched_conf_req},
 };
 
-static const proxy_command* find_command(gwCmdID_t type)
+static const proxy_command* find_row(gwCmdID_t type)
 {
-    for (const proxy_command& command : proxy_commands)
-        if (command.type == type)
-            return &command;
+    for (const proxy_command& row : proxy_commands)
+        if (row.type == type)
+            return &row;
     return nullptr;
 }
 
 // Runs the step of the command's type; its type is swapped already. What no row names is printed.
-static command_outcome dispatch(WIN_SERVER_t* server, const proxy_command* command, bytes_view data)
+static command_outcome dispatch(WIN_SERVER_t* server, const proxy_command* row, command_at_hand& command)
 {
-    if (command)
-        return command->run(server, data);
+    if (row)
+        return row->run(server, command);
     dbg_print(server->dbg_client_sock, DBG_PARSING, "PROXY", "Received unknown type: %04X",
-              load_le16(data, msgGeneric_t::msgType));
+              load_le16(command.data, msgGeneric_t::msgType));
     return command_outcome::unknown_type;
 }
 
 // The one place where commands that could be read are counted: each once.
-bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t data_size)
+bool process_command(WIN_SERVER_t& server, bytes_span data, timeval now)
 {
-    if (any_null(__func__, server, data))
-        return false;
-    NODES_CONTAINER_t* nodes = server->nodes();
+    NODES_CONTAINER_t* nodes = server.nodes();
     if (!nodes) {
-        logger_error(g_logger, str_no_nodes_container, __func__);
+        logger_error(g_logger, str_no_nodes_container, dispatcher);
         return false;
     }
-    if (data_size < proxy_command_min) {
-        server->counts.note(command_type::undecodable, command_outcome::malformed);
-        logger_error(g_logger, "%s: invalid input data!", __func__);
+    if (data.size() < proxy_command_min) {
+        server.counts.note(command_type::undecodable, command_outcome::malformed);
+        logger_error(g_logger, "%s: invalid input data!", dispatcher);
         return false;
     }
     // The one field that changes its byte order: what goes on to a bridge starts little-endian.
     std::swap(data[0], data[1]);
-    const bytes_view bytes{data, data_size};
-    const proxy_command* command = find_command(load_le16(bytes, msgGeneric_t::msgType));
-    const command_type kind = command ? command->kind : command_type::other;
+    command_at_hand command{.data = data, .node = {}};
+    const proxy_command* row = find_row(load_le16(data, msgGeneric_t::msgType));
+    const command_type kind = row ? row->kind : command_type::other;
 
+    const bool is_repeat = spam_filter(*nodes, data, now, command.node);
+    server.counts.note(kind, is_repeat ? command_outcome::repeat : dispatch(&server, row, command));
+    return !is_repeat;
+}
+
+bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t data_size)
+{
+    if (any_null(__func__, server, data))
+        return false;
     timeval now{};
     gettimeofday(&now, nullptr);
-    const bool is_repeat = spam_filter(*nodes, bytes, now);
-    server->counts.note(kind, is_repeat ? command_outcome::repeat : dispatch(server, command, bytes));
-    return !is_repeat;
+    return process_command(*server, {data, data_size}, now);
 }
 
 } // namespace rtls

@@ -10,12 +10,18 @@
 // Failures   A command that is refused is logged or printed, and nothing is sent.
 #pragma once
 
+#include "base/bytes.h"
 #include "link/win_server_private.h"
+
+#include <sys/time.h>
 
 namespace rtls {
 
-// Runs one command; its type (the first two bytes, big-endian) is swapped in place. False when it is too
+// Runs one command, which has come at this time of day; its type (the first two bytes, big-endian) is swapped in place. False when it is too
 // short or a repeat, or when there is no registry; true says nothing of what the command itself found.
+bool process_command(WIN_SERVER_t& server, bytes_span data, timeval now);
+
+// The same by handle, for one that comes now. A null argument is logged.
 bool process_data_from_pub_sub_proxy(WIN_SERVER_t* server, uint8_t* data, size_t data_size);
 
 } // namespace rtls

@@ -65,6 +65,10 @@ public:
         return m_nodes.visit_part(walk, most, [&](stored_node& node) { visit(*settled(&node)); });
     }
 
+    // How often the table has grown, which a look-up may have it do: one that did not leaves nothing for another
+    // look-up right behind it to find or to move.
+    uint8_t growth() const RTLS_REQUIRES(this) { return m_nodes.growth(); }
+
     // The node with exactly this MAC, or nullptr.
     NODE_t* find_by_mac(const uint8_t* mac) RTLS_REQUIRES(this) { return settled(m_nodes.find(mac)); }
 

@@ -1,25 +1,33 @@
 #include "wire/node_request.h"
 
+#include "base/peer.h"
+
 #include <algorithm>
+#include <cstring>
 
 namespace rtls {
 
 // Set in the high byte of the wrapper's type for a node that is reached directly.
 static constexpr gwCmdID_t wrapper_direct = msg_flag_direct_mask;
 
-static client_identity copy_identity(zframe_t* id)
+client_identity::client_identity(bytes_view identity) noexcept
+    : size(static_cast<uint8_t>(std::min(identity.size(), bytes.size())))
 {
-    client_identity copy{};
-    copy.size = static_cast<uint8_t>(std::min(zframe_size(id), copy.bytes.size()));
-    store_bytes(copy.bytes, 0, {zframe_data(id), copy.size});
-    return copy;
+    store_bytes(bytes, 0, identity.first(size));
+}
+
+client_identity& client_identity::operator=(const client_identity& other) noexcept
+{
+    size = other.size;
+    std::memmove(bytes.data(), other.bytes.data(), size); // it may be this one
+    return *this;
 }
 
 node_route route_of(const NODE_t& node)
 {
     node_route route{};
     if (node.win_client_id)
-        route.client = copy_identity(node.win_client_id.get());
+        route.client.emplace(frame_bytes(node.win_client_id.get()));
     store_bytes(route.ip_addr, 0, {node.ip_addr, ip_addr_size});
     route.forwarded_ip = node.forwarded_ip;
     route.direct_mask = node.direct_mask;

@@ -18,9 +18,17 @@
 
 namespace rtls {
 
-// A WIN client's routing identity. 255 bytes are ZeroMQ's own limit; a stream's identity has 5.
+// A WIN client's routing identity. 255 bytes are ZeroMQ's own limit; a stream's identity has 5, and no more
+// than it has are copied.
 struct client_identity {
-    std::array<uint8_t, 255> bytes;
+    // What is beyond the limit is cut off.
+    explicit client_identity(bytes_view identity) noexcept;
+    ~client_identity() = default;
+    client_identity(const client_identity& other) noexcept : client_identity(other.view()) {}
+    client_identity& operator=(const client_identity& other) noexcept;
+    bytes_view view() const noexcept { return bytes_view{bytes}.first(size); }
+
+    std::array<uint8_t, 255> bytes; // the first `size` of them
     uint8_t size;
 };
 

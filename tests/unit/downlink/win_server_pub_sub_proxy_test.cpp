@@ -8,11 +8,45 @@
 #include "registry/nodes_container.h"
 #include "support/proxy_fixture.h"
 
+#include <map>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace rtls {
 
 using win_server_pub_sub_proxy = proxy_fixture;
+
+namespace {
+
+// So many MACs that the registry keeps in one place, whatever its size.
+std::vector<std::string> macs_of_one_hash(size_t number)
+{
+    std::map<uint64_t, std::vector<std::string>> by_hash;
+    bytes_t mac = hex("E4 00 00 00 00 00 00 00");
+    for (unsigned last = 0; last < 0x10000; ++last) {
+        store_be16(mac, 6, static_cast<uint16_t>(last));
+        uint64_t hash = 0; // as node_table has it
+        for (const uint8_t byte : mac)
+            hash = hash * 33 ^ byte;
+        auto& macs = by_hash[hash];
+        macs.push_back(to_hex(mac));
+        if (macs.size() == number)
+            return macs;
+    }
+    return {};
+}
+
+texts_t order_of(void* nodes)
+{
+    texts_t macs;
+    const nodes_guard guard{nodes};
+    for (const NODE_t* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
+        macs.push_back(to_hex({node->mac_addr, mac_size}));
+    return macs;
+}
+
+} // namespace
 
 // --- the dispatcher
 
@@ -86,6 +120,29 @@ TEST_F(win_server_pub_sub_proxy, no_command_makes_a_node)
 }
 
 // Each size just above the general check, in a buffer of its own: a step that reads further is caught.
+// Operators see the registry's order, and a look-up that meets many nodes in one place changes it: the filter's is
+// one look-up, the way to the node another.
+TEST_F(win_server_pub_sub_proxy, a_command_leaves_the_registry_in_the_order_of_two_look_ups)
+{
+    const std::vector<std::string> macs = macs_of_one_hash(6);
+    nodes_container_ptr once{static_cast<NODES_CONTAINER_t*>(nodes_container_new())};
+    nodes_container_ptr twice{static_cast<NODES_CONTAINER_t*>(nodes_container_new())};
+    for (const std::string& one : macs)
+        for (void* container : {nodes, static_cast<void*>(once.get()), static_cast<void*>(twice.get())})
+            nodes_container_find_or_create_by_mac(container, hex(one).data(), nullptr, 0);
+    ASSERT_EQ(order_of(nodes), order_of(twice.get()));
+    bool differs = false;
+    for (const std::string& addressee : macs) {
+        EXPECT_TRUE(process("081001" + addressee));
+        nodes_container_find_by_mac(once.get(), hex(addressee).data());
+        nodes_container_find_by_mac(twice.get(), hex(addressee).data());
+        nodes_container_find_by_mac(twice.get(), hex(addressee).data());
+        EXPECT_EQ(order_of(nodes), order_of(twice.get())) << addressee;
+        differs = differs || order_of(nodes) != order_of(once.get());
+    }
+    EXPECT_TRUE(differs);
+}
+
 TEST_F(win_server_pub_sub_proxy, no_type_reads_past_a_short_command)
 {
     add_node(mac, {add_bridge("0000000001"), true, true});

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <iterator>
 #include <numeric>
 #include <vector>
@@ -83,6 +84,24 @@ TEST(node_request, the_route_is_a_copy_of_the_nodes_record)
         EXPECT_EQ(route.direct_mask, !flag);
     }
     EXPECT_FALSE(route_of(NODE_t{}).client);
+}
+
+TEST(node_request, a_copied_route_has_an_identity_of_its_own)
+{
+    for (const size_t size : {size_t{0}, size_t{5}, size_t{255}, size_t{300}}) {
+        SCOPED_TRACE(size);
+        const bytes_t id = ramp(size);
+        const bytes_t kept(id.begin(), id.begin() + static_cast<long>(std::min<size_t>(size, 255)));
+        node_route route{};
+        route.client.emplace(id);
+        node_route copy = route;
+        route.client.emplace(hex("AA BB"));
+        EXPECT_EQ(to_hex(copy.client->view()), to_hex(kept));
+        copy = route;
+        EXPECT_EQ(to_hex(copy.client->view()), "AABB");
+        copy.client = *&copy.client;
+        EXPECT_EQ(to_hex(copy.client->view()), "AABB");
+    }
 }
 
 TEST(node_request, the_wrapper_counts_the_message_in_network_order)
