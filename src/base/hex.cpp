@@ -2,6 +2,7 @@
 
 #include "base/null_check.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -52,6 +53,18 @@ char* write_hex(std::span<const uint8_t> bytes, char* out)
     return out;
 }
 
+static uint8_t digit_value(char character)
+{
+    return digit_values[static_cast<uint8_t>(character)];
+}
+
+// As a signed char, whatever the platform's char is: a byte above 0x7F prints eight digits.
+static void log_no_digit(char character)
+{
+    logger_error(g_logger, "%s: Invalid input data: [%02X]", "string_to_uint8_arr",
+                 static_cast<unsigned>(static_cast<signed char>(character)));
+}
+
 ssize_t string_to_uint8_arr(const char* hex_string, uint8_t* pret, ssize_t max_size)
 {
     if (any_null(__func__, hex_string, pret))
@@ -59,11 +72,9 @@ ssize_t string_to_uint8_arr(const char* hex_string, uint8_t* pret, ssize_t max_s
     ssize_t size = 0;
     int high = -1; // the first digit of a pair; -1 between pairs
     for (const char* p = hex_string; *p != '\0' && size <= max_size; ++p) {
-        const uint8_t digit = digit_values[static_cast<uint8_t>(*p)];
+        const uint8_t digit = digit_value(*p);
         if (digit == no_digit) {
-            // As a signed char, whatever the platform's char is: a byte above 0x7F prints eight digits.
-            logger_error(g_logger, "%s: Invalid input data: [%02X]", __func__,
-                         static_cast<unsigned>(static_cast<signed char>(*p)));
+            log_no_digit(*p);
             return 0;
         }
         if (high < 0) {
@@ -74,6 +85,22 @@ ssize_t string_to_uint8_arr(const char* hex_string, uint8_t* pret, ssize_t max_s
         }
     }
     return size;
+}
+
+bool hex_to_bytes(std::string_view text, uint8_t* out)
+{
+    const auto refuse = [&text] {
+        log_no_digit(*std::ranges::find(text, no_digit, digit_value));
+        return false;
+    };
+    for (const char* pair = text.data(); pair + 1 < text.data() + text.size(); pair += 2) {
+        const uint8_t high = digit_value(pair[0]);
+        const uint8_t low = digit_value(pair[1]);
+        if ((high | low) == no_digit)
+            return refuse();
+        *out++ = static_cast<uint8_t>(high << 4 | low);
+    }
+    return text.size() % 2 == 0 || digit_value(text.back()) != no_digit || refuse();
 }
 
 } // namespace rtls

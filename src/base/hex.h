@@ -12,6 +12,7 @@
 #include <new>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace rtls {
 
@@ -42,5 +43,9 @@ private:
 // Writes up to max_size + 1 bytes: callers that size their buffers by a count of pairs rely on the
 // text's own end, and peers on trailing garbage being noticed.
 ssize_t string_to_uint8_arr(const char* hex_string, uint8_t* pret, ssize_t max_size);
+
+// Decodes the whole text into `out`, which has room for text.size() / 2 bytes. False, with the log line of the
+// above, at the first character that is no hex digit: a trailing odd digit, which is dropped, has to be one too.
+bool hex_to_bytes(std::string_view text, uint8_t* out);
 
 } // namespace rtls

@@ -118,4 +118,55 @@ TEST(string_to_uint8_arr, knows_every_character)
     }
 }
 
+TEST(hex_to_bytes, reads_the_whole_text_or_none)
+{
+    using bytes = std::vector<uint8_t>;
+    const struct {
+        const char* given;
+        std::string text;
+        bytes then; // as far as it was read
+        std::vector<std::string> logged;
+    } cases[] = {
+        {"nothing", "", {}, {}},
+        {"both cases of letters", "0A1bFfeE", {0x0A, 0x1B, 0xFF, 0xEE}, {}},
+        {"an odd digit at the end", "0A1", {0x0A}, {}},
+        {"a single digit", "7", {}, {}},
+        {"no digit in front", "G0", {}, {"string_to_uint8_arr: Invalid input data: [47]"}},
+        {"no digit behind one", "0A1G", {0x0A}, {"string_to_uint8_arr: Invalid input data: [47]"}},
+        {"two that are none: the first is told", "xy", {}, {"string_to_uint8_arr: Invalid input data: [78]"}},
+        {"none alone at the end", "0A\n", {0x0A}, {"string_to_uint8_arr: Invalid input data: [0A]"}},
+        {"a byte above 7F", "\xC3\xA4", {}, {"string_to_uint8_arr: Invalid input data: [FFFFFFC3]"}},
+    };
+    log_capture log;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        bytes buffer(16, 0xEE);
+        EXPECT_EQ(hex_to_bytes(c.text, buffer.data()), c.logged.empty());
+        bytes expected = c.then;
+        expected.resize(buffer.size(), 0xEE);
+        EXPECT_EQ(buffer, expected);
+        EXPECT_EQ(log.messages("main"), c.logged);
+    }
+}
+
+TEST(hex_to_bytes, does_not_look_behind_the_text)
+{
+    uint8_t decoded = 0xEE;
+    EXPECT_TRUE(hex_to_bytes(std::string_view{"0A!"}.substr(0, 2), &decoded));
+    EXPECT_EQ(decoded, 0x0A);
+}
+
+TEST(hex_to_bytes, knows_every_character)
+{
+    for (int c = 0; c < 256; ++c)
+        for (const bool first : {false, true}) {
+            const char text[] = {first ? static_cast<char>(c) : '0', first ? '0' : static_cast<char>(c)};
+            uint8_t decoded = 0xEE;
+            const bool digit = isxdigit(c) != 0;
+            EXPECT_EQ(hex_to_bytes({text, 2}, &decoded), digit) << c;
+            const char digits[] = {text[0], text[1], '\0'};
+            EXPECT_EQ(decoded, digit ? strtol(digits, nullptr, 16) : 0xEE) << c;
+        }
+}
+
 } // namespace rtls

@@ -13,7 +13,7 @@ protected:
     proxy_reader()
     {
         zsock_set_rcvtimeo(reader.get(), 1000);
-        zsock_set_sndhwm(proxy.get(), 10);
+        zsock_set_sndhwm(proxy.get(), 200);
         const std::string endpoint = new_endpoint();
         EXPECT_EQ(zsock_bind(reader.get(), "%s", endpoint.c_str()), 0);
         EXPECT_EQ(zsock_connect(proxy.get(), "%s", endpoint.c_str()), 0);
@@ -22,7 +22,13 @@ protected:
     void handle(const std::string& text)
     {
         zstr_send(proxy.get(), text.c_str());
-        EXPECT_EQ(handle_pub_sub_proxy(nullptr, reader.get(), server), 0);
+        handle();
+    }
+    void handle() { EXPECT_EQ(handle_pub_sub_proxy(nullptr, reader.get(), server), 0); }
+    void send(const texts_t& texts)
+    {
+        for (const std::string& text : texts)
+            zstr_send(proxy.get(), text.c_str());
     }
 
     zsock_ptr reader{zsock_new(ZMQ_PULL)};
@@ -160,6 +166,55 @@ TEST_F(proxy_reader, a_failed_receive_is_reported_and_is_a_sign_of_life_too_and_
     EXPECT_LT(zclock_mono() - began, patience_ms / 2);
     EXPECT_FALSE(server->proxy_is_silent);
     EXPECT_EQ(errors(), texts_t{"handle_pub_sub_proxy: zstr_recv return NULL!"});
+}
+
+// --- several texts in one call
+
+// How many: a call has a millisecond, which is short where the machine is slow.
+TEST_F(proxy_reader, one_call_takes_several_texts_but_no_more_than_64)
+{
+    constexpr size_t texts = 200;
+    texts_t expected;
+    for (size_t i = 0; i < texts; ++i)
+        expected.push_back("PROXY_RAW_INPUT: " + hex16(i));
+    for (size_t i = 0; i < texts; ++i)
+        send({hex16(i)});
+    texts_t taken;
+    size_t calls = 0;
+    for (; taken.size() < texts; ++calls) {
+        handle();
+        const texts_t now = lines("raw");
+        EXPECT_GE(now.size(), 1U);
+        EXPECT_LE(now.size(), 64U);
+        taken.insert(taken.end(), now.begin(), now.end());
+    }
+    EXPECT_EQ(taken, expected);
+    EXPECT_LT(calls, texts);
+}
+
+TEST_F(proxy_reader, one_call_takes_little_more_than_64_kib)
+{
+    send(texts_t(8, std::string(size_t{40} * 1024, 'G')));
+    for (size_t taken = 0; taken < 8;) {
+        handle();
+        const size_t now = lines("raw").size();
+        EXPECT_GE(now, 1U);
+        EXPECT_LE(now, 2U);
+        taken += now;
+    }
+}
+
+// What follows for the same bridge would wait behind it in any case, and the library sees no room before the loop
+// has asked it.
+TEST_F(proxy_reader, a_call_ends_when_a_bridge_takes_no_more)
+{
+    WIN_CLIENT_t* bridge = add_bridge("0000000001"); // which nobody is connected for
+    add_node(mac, {bridge});
+    send({digits("0816010000000000000001"), digits("0810 01") + mac, digits("080E 01 0000") + mac});
+    handle();
+    EXPECT_EQ(sent_to(bridge), texts_t{"100801" + ip});
+    handle();
+    EXPECT_EQ(sent_to(bridge), texts_t{"0E08010000" + ip});
 }
 
 } // namespace rtls
