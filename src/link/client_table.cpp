@@ -10,28 +10,71 @@
 
 namespace rtls {
 
+// What the library gives a connection: a zero and a number, one more each time.
+static constexpr size_t stream_identity_size = 5;
+
+static constexpr size_t least_found = 64;
+
+static thread_local uint64_t hashed_keys = 0;
+
+// CZMQ's own hash of a text, which the order of the records is made by.
+static size_t hash_of_key(const void* key)
+{
+    ++hashed_keys;
+    size_t hash = 0;
+    for (const char* at = static_cast<const char*>(key); *at != '\0'; ++at)
+        hash = 33 * hash ^ static_cast<size_t>(*at);
+    return hash;
+}
+
 client_table::client_table() : m_records(zhashx_new())
 {
-    if (m_records)
-        zhashx_set_destructor(m_records.get(), win_client_destroy);
+    if (!m_records)
+        return;
+    zhashx_set_destructor(m_records.get(), win_client_destroy);
+    zhashx_set_key_hasher(m_records.get(), hash_of_key);
 }
 
 WIN_CLIENT_t* client_table::find(const char* key) noexcept
 {
-    // A look-up that meets a long chain moves the whole table to new buckets.
+    // A look-up that meets a long chain moves the whole table to new buckets, by the hash of every key.
     const mutex_guard guard{m_mutex};
-    return static_cast<WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key));
+    const uint64_t hashed_before = hashed_keys;
+    auto* client = static_cast<WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key));
+    if (hashed_keys - hashed_before > 1)
+        ++m_shape;
+    return client;
+}
+
+WIN_CLIENT_t* client_table::find(bytes_view identity) noexcept
+{
+    if (m_found.empty() || identity.size() != stream_identity_size || identity[0] != 0)
+        return find(identity_key{identity}.c_str());
+    const uint32_t number = load_be32(identity, 1);
+    found_client& found = m_found[number & (m_found.size() - 1)];
+    if (found.shape == m_shape && found.number == number)
+        return found.client;
+    WIN_CLIENT_t* client = find(identity_key{identity}.c_str());
+    if (client)
+        found = {m_shape, number, client};
+    return client;
+}
+
+// For one record more. Throws std::bad_alloc.
+void client_table::make_room_locked()
+{
+    if (m_walk.capacity() <= zhashx_size(m_records.get()))
+        m_walk.reserve(2 * m_walk.capacity() + 8);
+    if (m_found.size() <= 2 * zhashx_size(m_records.get()))
+        m_found.assign(std::max(least_found, 2 * m_found.size()), {});
 }
 
 WIN_CLIENT_t* client_table::insert(const char* key, win_client_ptr client) noexcept
 {
+    ++m_shape;
     const mutex_guard guard{m_mutex};
     try {
-        if (m_walk.capacity() <= zhashx_size(m_records.get()))
-            m_walk.reserve(2 * m_walk.capacity() + 8);
-        if (m_free_places.empty() && m_places.size() == m_places.capacity())
-            m_places.reserve(2 * m_places.capacity() + 8);
-        m_free_places.reserve(m_places.capacity());
+        make_room_locked();
         m_of_address.add(client->addr.sin_addr);
     } catch (const std::bad_alloc&) {
         return nullptr;
@@ -65,6 +108,7 @@ size_t client_table::size_of_address(in_addr address) noexcept
 
 void client_table::erase(const char* key) noexcept
 {
+    ++m_shape;
     const mutex_guard guard{m_mutex};
     if (const auto* client = static_cast<const WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key))) {
         m_of_address.remove(client->addr.sin_addr);

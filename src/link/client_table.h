@@ -56,6 +56,8 @@ public:
 
     // The client with this identity (upper-case hex), or nullptr.
     WIN_CLIENT_t* find(const char* key) noexcept;
+    // The same by the identity itself; without key and lock where the last look-up of this client still stands.
+    WIN_CLIENT_t* find(bytes_view identity) noexcept;
     // Takes the record over, and lends it. Null, and the record is gone, when the key is taken or memory
     // short.
     WIN_CLIENT_t* insert(const char* key, win_client_ptr client) noexcept;
@@ -117,7 +119,16 @@ public:
 private:
     static constexpr size_t clients_of_slice = 1024;
 
+    // What a look-up has found, which stands for the next one until the table has changed: the order is what
+    // look-ups make of it, but one that has moved nothing moves nothing the next time.
+    struct found_client {
+        uint64_t shape = 0; // of the table
+        uint32_t number = 0;
+        WIN_CLIENT_t* client = nullptr;
+    };
+
     void collect() noexcept;
+    void make_room_locked() RTLS_REQUIRES(m_mutex);
     static void let_others_in();
     void give_place(WIN_CLIENT_t& client) noexcept RTLS_REQUIRES(m_mutex);
     // The next clients from the place `at` on. False when these were the last.
@@ -142,6 +153,8 @@ private:
     zhashx_ptr m_records RTLS_GUARDED_BY(m_mutex);
     // The walk's own list; has room for all records, so that a walk needs no memory.
     std::vector<WIN_CLIENT_t*> m_walk;
+    std::vector<found_client> m_found; // by the last bits of the number; a power of two
+    uint64_t m_shape = 1;              // another one with each change of the table
     address_counts m_of_address RTLS_GUARDED_BY(m_mutex);
     // The same records, each where it stays as long as it lives, so that a visit may be interrupted; and the
     // places in between that are free, for which there is always room.

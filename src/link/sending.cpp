@@ -62,9 +62,8 @@ static bool can_send(WIN_SERVER_t& server, const encoded_message& message)
 static WIN_CLIENT_t* find_client(WIN_SERVER_t& server, bytes_view identity)
 {
     WIN_CLIENT_t* asking = server.answers.client();
-    return asking && std::ranges::equal(frame_bytes(asking->id), identity)
-               ? asking
-               : server.clients.find(identity_key{identity}.c_str());
+    return asking && std::ranges::equal(frame_bytes(asking->id), identity) ? asking
+                                                                           : server.clients.find(identity);
 }
 
 delivery data_to_bridge(WIN_SERVER_t& server, bytes_view identity, bytes_view data)

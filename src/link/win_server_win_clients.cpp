@@ -96,14 +96,14 @@ static void on_connect(WIN_SERVER_t& server, message_part& identity, const ident
     bytes_to_bridge(server, identity.bytes(), greeting);
 }
 
-static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, const identity_key& key, bytes_view data)
+static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view data)
 {
     client.heard_at_check = server.end_checks;
     server.counts.bytes_in.add(data.size());
     if (dbg_is_wanted(DBG_RAW))
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_INPUT", "%s [%zu] %s:%d [%s]",
                   hex_text{data}.c_str(), data.size(), ipv4_text{client.addr}.c_str(),
-                  ntohs(client.addr.sin_port), key.c_str());
+                  ntohs(client.addr.sin_port), identity_key{client.id}.c_str());
     begin_answers(server, client);
     parse_data_from_win_client(&server, &client, data.data(), data.size());
     end_answers(server);
@@ -121,22 +121,21 @@ static void on_unknown(WIN_SERVER_t& server, message_part& identity, const ident
 
 static void handle_event(WIN_SERVER_t& server, message_part& identity, message_part& data)
 {
-    const identity_key key{identity.bytes()};
-    WIN_CLIENT_t* client = server.clients.find(key.c_str());
+    WIN_CLIENT_t* client = server.clients.find(identity.bytes());
     const bytes_view bytes = data.bytes();
     auto& events = server.counts.events;
     if (client && !bytes.empty()) {
         events[bridge_event::data].add();
-        on_data(server, *client, key, bytes);
+        on_data(server, *client, bytes);
     } else if (client) {
         events[bridge_event::disconnected].add();
         end_by_peer(server, *client);
     } else if (!bytes.empty()) {
         events[bridge_event::data_of_nobody].add();
         dbg_print(server.dbg_client_sock, DBG_WIN, "SLIP", "(E) rsvd from non existed client %s",
-                  key.c_str());
+                  identity_key{identity.bytes()}.c_str());
     } else
-        on_unknown(server, identity, key);
+        on_unknown(server, identity, identity_key{identity.bytes()});
 }
 
 static uint64_t handed_over(const WIN_SERVER_t& server)

@@ -24,6 +24,8 @@ void NODES_CONTAINER_t::lock()
 
 void NODES_CONTAINER_t::unlock()
 {
+    if (!m_failures.has_any())
+        return m_mutex.unlock();
     const failures failed = take_failures();
     m_mutex.unlock();
     failed.log();

@@ -126,6 +126,7 @@ public:
         std::optional<std::array<uint8_t, mac_size>>
             foreign;                // a new node's MAC that is not admitted; as above
         std::optional<int> no_copy; // of an identity; errno
+        bool has_any() const { return no_room || foreign || no_copy; }
         void log() const;
     };
     failures take_failures() RTLS_REQUIRES(this) { return std::exchange(m_failures, {}); }

@@ -1,10 +1,12 @@
 #include "link/client_table.h"
 
 #include "base/czmq_ptr.h"
+#include "base/hex.h"
 #include "base/peer.h"
 #include "link/sending.h"
 #include "link/win_server_win_clients.h"
 #include "server/win_server.h"
+#include "support/hex_bytes.h"
 #include "support/link_clients.h"
 #include "support/processor_time.h"
 #include "support/sanitizers.h"
@@ -20,6 +22,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -28,6 +31,28 @@
 namespace rtls {
 
 namespace {
+
+// As the library numbers its connections.
+bytes_t identity_of(uint32_t number)
+{
+    bytes_t identity(5);
+    store_be32(identity, 1, number);
+    return identity;
+}
+
+win_client_ptr record_of(const bytes_t& identity)
+{
+    const zframe_ptr id{zframe_new(identity.data(), identity.size())};
+    return win_client_ptr{win_client_new(id.get())};
+}
+
+std::vector<std::string> order_of(zhashx_t* records)
+{
+    std::vector<std::string> keys;
+    for (void* item = zhashx_first(records); item; item = zhashx_next(records))
+        keys.emplace_back(static_cast<const char*>(zhashx_cursor(records)));
+    return keys;
+}
 
 win_client_ptr record(const char* address = "0.0.0.0")
 {
@@ -78,6 +103,72 @@ TEST(client_table, counts_the_connections_of_an_address)
     EXPECT_EQ(table.size_of_address(address_of("10.0.0.3")), 0U);
     table.erase("01");
     EXPECT_EQ(table.size_of_address(address_of("10.0.0.1")), 1U);
+}
+
+TEST(client_table, has_one_record_an_identity)
+{
+    client_table table;
+    EXPECT_EQ(table.find(identity_of(1)), nullptr);
+    WIN_CLIENT_t* const first = table.insert("0000000001", record_of(identity_of(1)));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(table.find(identity_of(1)), first);
+    EXPECT_EQ(table.find(identity_of(0x01000001)), nullptr) << "the same last bits";
+    WIN_CLIENT_t* const second = table.insert("0001000001", record_of(identity_of(0x01000001)));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(table.find(identity_of(1)), first);
+        EXPECT_EQ(table.find(identity_of(0x01000001)), second);
+    }
+    table.erase("0000000001");
+    EXPECT_EQ(table.find(identity_of(1)), nullptr);
+    EXPECT_EQ(table.find(identity_of(0x01000001)), second);
+}
+
+TEST(client_table, knows_identities_that_are_no_number)
+{
+    client_table table;
+    for (const char* identity : {"11", "0011223344556677", "FF00000001"}) {
+        SCOPED_TRACE(identity);
+        WIN_CLIENT_t* const stored = table.insert(identity, record_of(hex(identity)));
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(table.find(hex(identity)), stored);
+    }
+    EXPECT_EQ(table.find(identity_of(1)), nullptr);
+    EXPECT_EQ(table.find(bytes_view{}), nullptr);
+}
+
+// Operators see the order. Look-ups make it, too: also those that are answered by what an earlier one has found.
+TEST(client_table, is_in_the_order_of_a_zhashx_after_any_operations)
+{
+    for (unsigned seed = 0; seed < 20; ++seed) {
+        SCOPED_TRACE(seed);
+        std::mt19937 random{seed};
+        client_table table;
+        const zhashx_ptr reference{zhashx_new()};
+        const auto first = static_cast<uint32_t>(random());
+        std::set<uint32_t> present;
+        for (int i = 0; i < 6000; ++i) {
+            const uint32_t number = first + static_cast<uint32_t>(random() % (8U << seed / 3));
+            const std::string key = to_hex(identity_of(number));
+            switch (random() % 100) { // mostly look-ups: what one has moved, the next may move again
+            case 0:
+            case 1:
+                EXPECT_EQ(table.insert(key.c_str(), record_of(identity_of(number))) != nullptr,
+                          zhashx_insert(reference.get(), key.c_str(), &present) == 0);
+                present.insert(number);
+                break;
+            case 2:
+                table.erase(key.c_str());
+                (void)zhashx_lookup(reference.get(), key.c_str()); // as erase does
+                zhashx_delete(reference.get(), key.c_str());
+                present.erase(number);
+                break;
+            default:
+                EXPECT_EQ(table.find(identity_of(number)) != nullptr, present.contains(number));
+                zhashx_lookup(reference.get(), key.c_str());
+            }
+            ASSERT_EQ(order_of(table.unguarded()), order_of(reference.get())) << i;
+        }
+    }
 }
 
 TEST(client_table, is_walked_in_its_own_order_and_unlocked)
