@@ -34,6 +34,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -111,6 +112,9 @@ struct WIN_SERVER_t {
     loop_pulse pulse;
     int64_t hand_overs_noted_at = 0; // zclock_usecs of the last look for what has been handed over upstream
     uint64_t hand_overs_noted = 0;   // and how much had been
+
+    // When the bytes came that are being read: that of all their messages. None: nothing is being read.
+    std::optional<tav_timestamp_t> event_time;
 
     // What becomes of a complete frame, which stands in client->pending_data; the server wires it.
     bool (*process_frame)(WIN_SERVER_t* server, WIN_CLIENT_t* client) = nullptr;

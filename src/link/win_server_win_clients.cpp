@@ -104,9 +104,11 @@ static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view data)
         dbg_print(server.dbg_client_sock, DBG_RAW, "SLIP_RAW_INPUT", "%s [%zu] %s:%d [%s]",
                   hex_text{data}.c_str(), data.size(), ipv4_text{client.addr}.c_str(),
                   ntohs(client.addr.sin_port), identity_key{client.id}.c_str());
+    server.event_time = get_current_time();
     begin_answers(server, client);
     parse_data_from_win_client(&server, &client, data.data(), data.size());
     end_answers(server);
+    server.event_time.reset();
 }
 
 // An empty frame of somebody unknown: a new connection, or the late notice of one that we have closed.

@@ -356,7 +356,7 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
         server->counts.note(message_type::none, message_outcome::too_short);
         return false;
     }
-    const tav_timestamp_t now = get_current_time();
+    const tav_timestamp_t now = server->event_time ? *server->event_time : get_current_time();
     link_frame frame{
         .server = *server,
         .client = *client,

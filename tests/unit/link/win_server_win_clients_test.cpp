@@ -2,6 +2,7 @@
 
 #include "link/sending.h"
 #include "link/win_server_private.h"
+#include "registry/nodes_container.h"
 #include "support/hex_bytes.h"
 #include "support/link_clients.h"
 #include "support/log_capture.h"
@@ -17,6 +18,7 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -39,6 +41,44 @@ extern "C" int getpeername(int fd, sockaddr* addr, socklen_t* length) noexcept
     static const auto next =
         reinterpret_cast<int (*)(int, sockaddr*, socklen_t*)>(dlsym(RTLD_NEXT, "getpeername"));
     return next(fd, addr, length);
+}
+
+// What the time of day is to the test's own thread, if it is set: a second later each time it is read.
+static thread_local std::optional<time_t> time_of_day;
+
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    if (clock == CLOCK_REALTIME && time_of_day) {
+        *time = {.tv_sec = ++*time_of_day, .tv_nsec = 0};
+        return 0;
+    }
+    static const auto next =
+        reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    return next(clock, time);
+}
+
+TEST(win_clients_reader, messages_that_came_together_came_at_one_time)
+{
+    const win_link link;
+    auto [peer, client] = link.connect();
+    const auto heard_at = [&](const char* mac) {
+        const nodes_guard guard{link.nodes()};
+        const NODE_t* node = nodes_container_find_by_mac(link.nodes(), hex(mac).data());
+        return node ? node->last_activity.tv_sec : 0;
+    };
+    const auto ask_for_prefix = [&](const char* mac) { return hex("F5 01 01 00") + hex(mac) + hex("F7"); };
+    const char* const first = "E400000000000001";
+    const char* const second = "E400000000000002";
+    const char* const third = "E400000000000003";
+    time_of_day = 1'000'000'000;
+    peer.send(ask_for_prefix(first) + ask_for_prefix(second));
+    EXPECT_TRUE(link.pump_until([&] { return heard_at(second) != 0; }));
+    EXPECT_GE(heard_at(first), 1'000'000'000);
+    EXPECT_EQ(heard_at(first), heard_at(second));
+    peer.send(ask_for_prefix(third));
+    EXPECT_TRUE(link.pump_until([&] { return heard_at(third) != 0; }));
+    EXPECT_GT(heard_at(third), heard_at(second));
+    time_of_day.reset();
 }
 
 TEST(win_clients_reader, a_missing_frame_does_not_end_the_loop)
