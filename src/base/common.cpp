@@ -95,9 +95,39 @@ void dbg_hold(bool is_held) noexcept
     dbg_is_held = is_held;
 }
 
+namespace {
+
+// What is known, in a turn, of whether the logger wants debug records: of all sections', which are parts of one.
+enum class log_wants : uint8_t { unasked, records, none };
+
+} // namespace
+
+static thread_local unsigned dbg_turns = 0;
+static thread_local log_wants log_in_turn = log_wants::unasked;
+
+dbg_turn::dbg_turn() noexcept
+{
+    if (dbg_turns++ == 0)
+        log_in_turn = log_wants::unasked;
+}
+
+dbg_turn::~dbg_turn()
+{
+    --dbg_turns;
+}
+
+static bool has_log(dbg_section_t section)
+{
+    if (dbg_turns == 0)
+        return logger_debug_is_wanted(section_logger(section));
+    if (log_in_turn == log_wants::unasked)
+        log_in_turn = logger_debug_is_wanted(section_logger(section)) ? log_wants::records : log_wants::none;
+    return log_in_turn == log_wants::records;
+}
+
 static bool has_listener(dbg_section_t section)
 {
-    return is_streamed(section) || logger_debug_is_wanted(section_logger(section));
+    return is_streamed(section) || has_log(section);
 }
 
 bool dbg_is_heard(dbg_section_t section)

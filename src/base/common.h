@@ -47,6 +47,18 @@ bool dbg_is_heard(dbg_section_t section);
 // wait for. The debug stream is lossy anyway.
 void dbg_hold(bool is_held) noexcept;
 
+// For as long as it lives, the calling thread asks its logger once whether debug records are wanted, and goes by
+// the answer. The question costs libc's lock, and a message or a command has several lines. For one turn of a loop,
+// which is short: what is switched on meanwhile shows from the next turn on. The stream's sections are asked for each
+// line, as ever.
+class dbg_turn {
+public:
+    dbg_turn() noexcept;
+    ~dbg_turn();
+    dbg_turn(const dbg_turn&) = delete;
+    dbg_turn& operator=(const dbg_turn&) = delete;
+};
+
 // The real-time clock, cut to milliseconds.
 tav_timestamp_t get_current_time(void);
 

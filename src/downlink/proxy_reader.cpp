@@ -149,6 +149,7 @@ int handle_pub_sub_proxy(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noe
         logger_error(g_logger, "%s: zstr_recv return NULL!", __func__);
         return 0;
     }
+    const dbg_turn turn;
     reader_call call{*server};
     do {
         timeval now{};

@@ -251,6 +251,7 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (any_null(__func__, loop, reader, server))
         return 1;
+    const dbg_turn turn;
     void* socket = zsock_resolve(reader);
     const int64_t call_began = zclock_usecs();
     server->hand_overs_noted_at = call_began;

@@ -330,6 +330,33 @@ TEST_F(debug_stream, of_a_thread_that_holds_it_is_wanted_by_nobody)
     debug_mask = 0;
 }
 
+TEST(debug_turn, goes_by_what_the_log_has_said_first)
+{
+    ASSERT_FALSE(dbg_is_heard(DBG_WIN));
+    {
+        const dbg_turn turn;
+        EXPECT_FALSE(dbg_is_heard(DBG_WIN));
+        const log_capture log;
+        EXPECT_FALSE(dbg_is_heard(DBG_WIN));
+        EXPECT_FALSE(dbg_is_heard(DBG_RAW)) << "the sections have one log";
+        bool is_heard_elsewhere = false;
+        std::thread{[&] { is_heard_elsewhere = dbg_is_heard(DBG_WIN); }}.join();
+        EXPECT_TRUE(is_heard_elsewhere);
+        debug_mask = 1U << DBG_WIN;
+        EXPECT_TRUE(dbg_is_heard(DBG_WIN)) << "the stream is asked each time";
+        debug_mask = 0;
+        {
+            const dbg_turn within;
+            EXPECT_FALSE(dbg_is_heard(DBG_WIN));
+        }
+        EXPECT_FALSE(dbg_is_heard(DBG_WIN));
+    }
+    const log_capture log;
+    EXPECT_TRUE(dbg_is_heard(DBG_WIN));
+    const dbg_turn next;
+    EXPECT_TRUE(dbg_is_heard(DBG_WIN));
+}
+
 TEST(debug_stream_without_loggers, is_wanted_by_the_mask_alone)
 {
     ASSERT_EQ(g_logger_section, nullptr);
