@@ -75,6 +75,12 @@ def test_a_dump_is_read(instructions, tmp_path):
     assert instructions.total_of(dump) == 12345
 
 
+def test_a_profile_has_what_each_function_took_alone(instructions):
+    dump = ("fn=(1) main\n10 5\n+2 7\ncfn=(2) work\ncalls=3 20\n-1 600\n* 1\n"
+            "\nfn=(2)\n20 590\ncfi=(4) other.c\ncfn=(3) helper\ncalls=1 +3\n21 10\n\nfn=(3)\n5 10\n")
+    assert instructions.own_costs(dump) == {"main": 13, "work": 590, "helper": 10}
+
+
 def test_the_dumps_come_in_the_order_of_their_numbers(instructions, tmp_path):
     for number in (10, 9, 1):
         (tmp_path / f"out.{number}").touch()
