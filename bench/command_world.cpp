@@ -47,7 +47,7 @@ command_world::~command_world()
 
 void command_world::introduce()
 {
-    const nodes_guard guard{nodes()};
+    const nodes_guard guard{*nodes()};
     bytes_t ip = hex("FE 80 00 00 00 00 00 00 00 A2 A3 A4 00 00 00 00");
     for (size_t i = 0; i < batch; ++i) {
         store_be32(ip, 12, static_cast<uint32_t>(i));
@@ -60,7 +60,7 @@ void command_world::introduce()
 // Without a memory of earlier commands.
 void command_world::make_nodes_ready(bool is_forwarded)
 {
-    const nodes_guard guard{nodes()};
+    const nodes_guard guard{*nodes()};
     for (size_t i = 0; i < batch; ++i) {
         NODE_t* node = nodes_container_find_by_mac(nodes(), mac_of(i).data());
         node->last_data_time = {};

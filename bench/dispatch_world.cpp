@@ -37,7 +37,7 @@ dispatch_world::~dispatch_world()
 
 void dispatch_world::introduce(size_t count)
 {
-    const nodes_guard guard{nodes()};
+    const nodes_guard guard{*nodes()};
     bytes_t mac = sender_mac;
     bytes_t ip = sender_ip;
     for (uint32_t i = 0; i < count; i++) {
@@ -58,7 +58,7 @@ void dispatch_world::keep_page()
 bool dispatch_world::receive(const bytes_t& frame)
 {
     WIN_CLIENT_t& bridge = record(0);
-    memcpy(bridge.pending_data, frame.data(), frame.size());
+    std::memcpy(bridge.pending_data, frame.data(), frame.size());
     bridge.pending_data_size = frame.size();
     return process_data_from_win_client(&server(), &bridge);
 }
