@@ -168,11 +168,15 @@ std::vector<win_client_info> client_table::copy_in_slices()
     return copies;
 }
 
-std::optional<win_client_info> client_table::find_info(const char* key) noexcept
+// By a walk: the look-ups of the table may move it, and are its thread's.
+std::optional<win_client_info> client_table::find_info(bytes_view identity) noexcept
 {
-    const mutex_guard guard{m_mutex};
-    const auto* client = static_cast<const WIN_CLIENT_t*>(zhashx_lookup(m_records.get(), key));
-    return client ? std::optional{info_of(*client)} : std::nullopt;
+    std::optional<win_client_info> found;
+    visit_in_slices([&](const WIN_CLIENT_t& client) {
+        if (std::ranges::equal(frame_bytes(client.id), identity))
+            found = info_of(client);
+    });
+    return found;
 }
 
 } // namespace rtls

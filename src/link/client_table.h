@@ -107,8 +107,8 @@ public:
     std::vector<win_client_info> copy();
     // The same in slices, in no order.
     std::vector<win_client_info> copy_in_slices();
-    // Of the client with this identity (upper-case hex); nothing when there is none.
-    std::optional<win_client_info> find_info(const char* key) noexcept;
+    // Of the client with this identity; nothing when there is none. Any thread.
+    std::optional<win_client_info> find_info(bytes_view identity) noexcept;
 
     // The table itself, for who must have it and knows that nobody else is there.
     zhashx_t* unguarded() RTLS_NO_THREAD_SAFETY_ANALYSIS { return m_records.get(); }

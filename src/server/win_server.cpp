@@ -148,7 +148,7 @@ std::vector<win_client_info> win_server_copy_clients_in_slices(WIN_SERVER_t& ser
 
 std::optional<win_client_info> win_server_find_client(WIN_SERVER_t& server, bytes_view identity) noexcept
 {
-    return server.clients.find_info(identity_key{identity}.c_str());
+    return server.clients.find_info(identity);
 }
 
 const loop_pulse& win_server_pulse(const WIN_SERVER_t& server) noexcept

@@ -272,12 +272,15 @@ TEST(client_table, knows_one_client_by_its_identity)
 {
     client_table table;
     fill(table, 0, 10);
-    ASSERT_TRUE(table.insert("here", record("10.0.0.9")));
-    const auto info = table.find_info("here");
+    WIN_CLIENT_t* client = table.insert("here", record("10.0.0.9"));
+    ASSERT_TRUE(client);
+    const bytes_t identity = hex("00 61 62 63 65");
+    zframe_reset(client->id, identity.data(), identity.size());
+    const auto info = table.find_info(identity);
     ASSERT_TRUE(info);
     EXPECT_EQ(info->addr.sin_addr.s_addr, address_of("10.0.0.9").s_addr);
-    EXPECT_EQ(bytes_t(info->id.view().begin(), info->id.view().end()), hex("00 61 62 63 64"));
-    EXPECT_FALSE(table.find_info("nowhere"));
+    EXPECT_EQ(bytes_t(info->id.view().begin(), info->id.view().end()), identity);
+    EXPECT_FALSE(table.find_info(hex("00 61 62 63 66")));
 }
 
 TEST(win_server_copy_clients, gives_what_other_threads_may_know)
