@@ -37,10 +37,10 @@ std::vector<std::string> macs_of_one_hash(size_t number)
     return {};
 }
 
-texts_t order_of(void* nodes)
+texts_t order_of(NODES_CONTAINER_t* nodes)
 {
     texts_t macs;
-    const nodes_guard guard{nodes};
+    const nodes_guard guard{*nodes};
     for (const NODE_t* node = nodes_container_get_first(nodes); node; node = nodes_container_get_next(nodes))
         macs.push_back(to_hex({node->mac_addr, mac_size}));
     return macs;
@@ -119,7 +119,6 @@ TEST_F(win_server_pub_sub_proxy, no_command_makes_a_node)
     EXPECT_EQ(nodes_container_get_size(nodes), 0u);
 }
 
-// Each size just above the general check, in a buffer of its own: a step that reads further is caught.
 // Operators see the registry's order, and a look-up that meets many nodes in one place changes it: the filter's is
 // one look-up, the way to the node another.
 TEST_F(win_server_pub_sub_proxy, a_command_leaves_the_registry_in_the_order_of_two_look_ups)
@@ -128,7 +127,7 @@ TEST_F(win_server_pub_sub_proxy, a_command_leaves_the_registry_in_the_order_of_t
     nodes_container_ptr once{static_cast<NODES_CONTAINER_t*>(nodes_container_new())};
     nodes_container_ptr twice{static_cast<NODES_CONTAINER_t*>(nodes_container_new())};
     for (const std::string& one : macs)
-        for (void* container : {nodes, static_cast<void*>(once.get()), static_cast<void*>(twice.get())})
+        for (NODES_CONTAINER_t* container : {nodes, once.get(), twice.get()})
             nodes_container_find_or_create_by_mac(container, hex(one).data(), nullptr, 0);
     ASSERT_EQ(order_of(nodes), order_of(twice.get()));
     bool differs = false;
@@ -143,6 +142,7 @@ TEST_F(win_server_pub_sub_proxy, a_command_leaves_the_registry_in_the_order_of_t
     EXPECT_TRUE(differs);
 }
 
+// Each size just above the general check, in a buffer of its own: a step that reads further is caught.
 TEST_F(win_server_pub_sub_proxy, no_type_reads_past_a_short_command)
 {
     add_node(mac, {add_bridge("0000000001"), true, true});

@@ -62,7 +62,7 @@ TEST(win_clients_reader, messages_that_came_together_came_at_one_time)
     const win_link link;
     auto [peer, client] = link.connect();
     const auto heard_at = [&](const char* mac) {
-        const nodes_guard guard{link.nodes()};
+        const nodes_guard guard{*link.nodes()};
         const NODE_t* node = nodes_container_find_by_mac(link.nodes(), hex(mac).data());
         return node ? node->last_activity.tv_sec : 0;
     };

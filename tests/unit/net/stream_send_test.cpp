@@ -54,7 +54,7 @@ TEST_F(stream_sending, bytes_follow_their_identity)
 TEST_F(stream_sending, small_bytes_follow_their_identity)
 {
     const std::string longest(inline_part_size, 'b');
-    for (const std::string text : {std::string{"a"}, longest, std::string{"c"}}) {
+    for (const std::string& text : {std::string{"a"}, longest, std::string{"c"}}) {
         EXPECT_TRUE(stream_send_small(m_sock.get(), m_identity,
                                       {reinterpret_cast<const uint8_t*>(text.data()), text.size()}));
         EXPECT_EQ(m_peer.receive(text.size()), text);
