@@ -49,7 +49,7 @@ std::string refusal_bytes(int status, std::string_view reason)
 static constexpr size_t requests_of_connection = 1'000'000; // what clients are told: there is no bound
 
 // Takes the same time whatever differs.
-static bool is_same(std::string_view given, std::string_view wanted)
+static bool is_the_token(std::string_view given, std::string_view wanted)
 {
     unsigned difference = given.size() == wanted.size() ? 0 : 1;
     for (size_t i = 0; i < given.size() && !wanted.empty(); ++i)
@@ -165,7 +165,8 @@ private:
 
     bool is_admitted(const httplib::Request& request) const
     {
-        return m_token.empty() || is_same(token_of(request.get_header_value(authorization_header)), m_token);
+        return m_token.empty() ||
+               is_the_token(token_of(request.get_header_value(authorization_header)), m_token);
     }
 
     page page_for(const httplib::Request& request, httplib::Response& answer) const

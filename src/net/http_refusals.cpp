@@ -5,7 +5,7 @@
 
 namespace rtls {
 
-static constexpr std::array<const char*, counters<http_refusal>::size> refusal_texts = {
+static constexpr std::array<const char*, counters<http_refusal>::size> http_refusal_texts = {
     "the last descriptors are kept for other things",
     "all connections are taken, and it has been silent for longest",
     "too many requests wait",
@@ -23,7 +23,7 @@ void http_refusals::note(http_refusal why, in_addr who, int64_t now_ms) noexcept
     m_counts[why].add();
     if (m_episodes[which].begins(now_ms))
         logger_warning(g_logger, "http port: %s is refused, %s", ipv4_text{who}.c_str(),
-                       refusal_texts[which]);
+                       http_refusal_texts[which]);
 }
 
 } // namespace rtls

@@ -100,6 +100,7 @@ static table_view fields_view(std::vector<std::string> first)
                     if (std::ranges::find(first, name) == first.end())
                         names.push_back(name);
                 std::vector<table_row> rows;
+                rows.reserve(names.size());
                 for (const std::string& name : names)
                     rows.push_back({name, cell(answer, name.c_str())});
                 return rows;

@@ -59,9 +59,10 @@ static void describe(description& all, std::vector<const described_command*> way
     const described_command& command = *way.back();
     for (const described_command& sub : command.commands)
         offer(here, sub.name, sub.meaning);
-    for (auto it = way.rbegin(); it != way.rend(); ++it)
-        for (const described_option& option : (*it)->options)
+    std::for_each(way.rbegin(), way.rend(), [&](const described_command* from) {
+        for (const described_option& option : from->options)
             add_option(all, here, option);
+    });
     all.places.push_back(std::move(here));
     for (const described_command& sub : command.commands) {
         way.push_back(&sub);

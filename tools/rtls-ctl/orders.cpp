@@ -28,7 +28,7 @@ static constexpr char sent[] = "Command sent successfully!\n";
 // The whole MAC of the one node that the terminal can mean by the last four digits.
 static std::string only_node(gateway& g, const std::string& digits)
 {
-    const auto mac = node_with_mac(g, digits).at("mac").get<std::string>();
+    auto mac = node_with_mac(g, digits).at("mac").get<std::string>();
     const size_t twins = nodes_with_mac(g, short_mac(mac)).size();
     if (twins > 1)
         throw failure(

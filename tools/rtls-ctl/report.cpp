@@ -29,6 +29,7 @@ static outcome ask(gateway& g, const action& act)
 std::vector<outcome> ask_all(std::vector<gateway>& gateways, const action& act)
 {
     std::vector<std::future<outcome>> asked;
+    asked.reserve(gateways.size());
     for (gateway& g : gateways)
         asked.push_back(std::async(std::launch::async, [&g, &act] { return ask(g, act); }));
     std::vector<outcome> outcomes;
