@@ -85,8 +85,9 @@ FIRST = {
 
 
 # The library takes "HTTP/1.1 4" for the greeting of a socket of its first versions.
-REASONS = {"an HTTP error": "other_socket", "no protocol at all": "other_protocol", "REP": "other_socket",
-           "PUB": "other_socket"}
+# Of two that do not fit each other, each ends it as soon as it sees what the other is.
+REASONS = {"an HTTP error": {"other_socket"}, "no protocol at all": {"other_protocol"},
+           "REP": {"other_socket", "broken_off"}, "PUB": {"other_socket", "broken_off"}}
 
 
 @pytest.mark.parametrize("first", FIRST)
@@ -245,7 +246,8 @@ def test_what_a_wrong_server_costs_is_said(start_gateway, first, figure):
     assert dropped == handed_over - len(received)
     failures = {reason: now["upstream_link_failures_total", {"link": "message_handler", "reason": reason}]
                 for reason in ("broken_off", "other_protocol", "refused", "other_socket", "lost")}
-    assert [reason for reason, number in failures.items() if number] == [REASONS[first]]
+    met = {reason for reason, number in failures.items() if number}
+    assert met and met <= REASONS[first]
     since = now["upstream_link_since_timestamp_seconds", {"link": "message_handler"}]
     assert began - 1 <= since <= time.time()
     assert now.sum("reports_lost_total", queue="message_handler") == lost()
