@@ -1,6 +1,7 @@
 // Whatever a client sends to the HTTP port: one whole answer with the length that it states, JSON by the letter
 // where it says so, nothing of the request in its head, and no page without the token where there is one. And
 // however it is cut, and however many requests come in a row, each of them is taken whole and in its turn.
+#include "base/unique_fd.h"
 #include "fuzzing.h"
 #include "http/connection.h"
 #include "http/json_text.h"
@@ -8,7 +9,6 @@
 #include "http/node_query.h"
 #include "http/request_head.h"
 #include "http/responder.h"
-#include "http/unique_fd.h"
 #include "strict_json.h"
 
 #include <poll.h>
