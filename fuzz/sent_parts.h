@@ -1,5 +1,5 @@
 // sent_parts - takes what the program's own code hands to libzmq, in place of any socket. For targets that catch
-// zmq_msg_send.
+// zmq_msg_send and zmq_send.
 //
 // Ownership  Keeps copies until they are cleared.
 // Threads    One: the fuzzer's.

@@ -18,6 +18,8 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -25,6 +27,7 @@
 
 #include <pthread.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace rtls {
 
@@ -415,9 +418,24 @@ TEST(terminal_server_start_test, a_debug_stream_that_somebody_else_collects_stop
     EXPECT_FALSE(terminal_server_is_ready(server));
 }
 
+// Whether all threads but the main one have come as far as to block this signal.
+static bool other_threads_block(int signal)
+{
+    for (const auto& thread : std::filesystem::directory_iterator{"/proc/self/task"}) {
+        std::ifstream status{thread.path() / "status"};
+        for (std::string line; std::getline(status, line);)
+            if (line.starts_with("SigBlk:\t") && thread.path().filename() != std::to_string(getpid()) &&
+                (std::stoull(line.substr(8), nullptr, 16) >> (signal - 1) & 1) == 0)
+                return false;
+    }
+    return true;
+}
+
 // A signal that reaches the actor's thread would end its loop.
 TEST_F(terminal_server_test, takes_no_signals)
 {
+    ASSERT_TRUE(wait_until(
+        [] { return other_threads_block(SIGUSR1); })); // one of the library's that starts may not yet
     static std::atomic<int> taken{0};
     struct sigaction action {};
     struct sigaction before {};
