@@ -334,7 +334,10 @@ def test_the_reason_goes_there_when_too_many_wait(gateway, web):
     terminal = listening(gateway)
     hung = web.serve("/hung", b"", hangs=True)
     asking = [gateway.terminal() for _ in range(103)]    # two are fetched, a hundred wait
-    for operator in asking:
+    for operator in asking[:2]:
+        operator.send(f"fw get {hung}\n".encode())
+    wait_until(lambda: len(web.asked) == 2, "the first two to be fetched")
+    for operator in asking[2:]:
         operator.send(f"fw get {hung}\n".encode())
     terminal.read_until("/hung: too many downloads wait, or there is no memory for one more\n")
     answers = wait_until(lambda: [text for operator in asking if (text := operator.pull(0))], "the refusal")
