@@ -21,6 +21,7 @@ WORDS = {"help": "passive mode\n", "info": "\n\n", "pcl": "##\n", "pn": "##\n", 
 
 class Worker(threading.Thread):
     """Calls `turn` every `period` seconds, until it is told to stop; at the end `leave`."""
+    failed = threading.Event()    # any of them
 
     def __init__(self, period: float):
         super().__init__(daemon=True)
@@ -34,6 +35,7 @@ class Worker(threading.Thread):
                 self.turn()
         except Exception as error:   # noqa: BLE001: whatever it is, the soak has failed
             self.failure = f"{type(self).__name__}: {type(error).__name__}: {error}"
+            Worker.failed.set()
         finally:
             self.leave()
 

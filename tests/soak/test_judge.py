@@ -125,3 +125,16 @@ def test_a_simulator_that_ended_with_a_command_unread_is_waited_for(monkeypatch)
     simulator.process.stdin.write("sensor 0101 00\n")    # in the buffer until the pipe is closed
     os.waitid(os.P_PID, simulator.process.pid, os.WEXITED | os.WNOWAIT)
     assert simulator.wait(10) == 0
+
+
+def test_a_worker_that_fails_is_told_at_once(monkeypatch):
+    monkeypatch.setattr(surroundings.Worker, "failed", threading.Event())
+
+    class Failing(surroundings.Worker):
+        def turn(self):
+            raise ValueError("no answer")
+    worker = Failing(0)
+    worker.start()
+    assert surroundings.Worker.failed.wait(20)
+    worker.join()
+    assert worker.failure == "Failing: ValueError: no answer"
