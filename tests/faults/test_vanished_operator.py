@@ -7,20 +7,13 @@ import pytest
 from harness import wire
 from harness.daemon import Daemon
 from harness.peers import Stream, wait_until
-from network import Namespaces, available
+from network import available
 
 GROUP = "Operators"
 pytestmark = [pytest.mark.measured, pytest.mark.slow,
               pytest.mark.skipif(not available(), reason="needs the rights to make network namespaces")]
 
 BRIDGE = wire.mac(0xB001)
-
-
-@pytest.fixture
-def namespaces():
-    spaces = Namespaces()
-    yield spaces
-    spaces.close()
 
 
 def sessions(operator) -> set:

@@ -11,19 +11,12 @@ import zmq
 from harness import wire
 from harness.daemon import Daemon, free_port
 from harness.peers import wait_until
-from network import Namespaces, available
+from network import available
 
 GROUP = "Names and servers"
 pytestmark = pytest.mark.measured
 
 BRIDGE = wire.mac(0xB001)
-
-
-@pytest.fixture
-def namespaces():
-    spaces = Namespaces()
-    yield spaces
-    spaces.close()
 
 
 @contextlib.contextmanager
