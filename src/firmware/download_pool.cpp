@@ -6,6 +6,8 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <iterator>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -14,7 +16,7 @@ namespace rtls {
 
 download_pool::~download_pool()
 {
-    std::deque<job> dropped;
+    job_list dropped;
     {
         const mutex_guard lock(m_mutex);
         m_is_ending = true;
@@ -65,6 +67,7 @@ download_pool::load download_pool::current_load()
 {
     const mutex_guard lock(m_mutex);
     load now = m_load;
+    now.running = m_running.size();
     now.waiting = m_waiting.size();
     return now;
 }
@@ -83,43 +86,41 @@ bool download_pool::may_begin(const job& waiting) const
 {
     if (waiting.ordered_by == customer::operators && m_running_of_operators >= most_threads_for_operators)
         return false;
-    return !m_busy_lanes.contains(waiting.lane);
+    return waiting.lane.empty() ||
+           std::none_of(m_running.begin(), m_running.end(),
+                        [&](const job& running) { return running.lane == waiting.lane; });
 }
 
-// The first order that may begin.
-bool download_pool::take(job& next)
+// The first order that may begin becomes the last of those that run. Throws nothing: an order that was taken
+// is carried out.
+bool download_pool::begin_next()
 {
     auto found = m_waiting.begin();
     while (found != m_waiting.end() && !may_begin(*found))
         ++found;
     if (found == m_waiting.end())
         return false;
-    if (!found->lane.empty())
-        m_busy_lanes.insert(found->lane); // the only step that may throw comes first
-    next = std::move(*found);
-    m_waiting.erase(found);
-    ++m_load.running;
-    if (next.ordered_by == customer::operators) {
+    m_running.splice(m_running.end(), m_waiting, found);
+    if (found->ordered_by == customer::operators) {
         --m_waiting_of_operators;
         ++m_running_of_operators;
     }
     return true;
 }
 
-void download_pool::carry_out(job& now)
+void download_pool::carry_out(job_list::iterator now)
 {
     try {
-        now.work();
+        now->work();
     } catch (const std::bad_alloc&) {
         logger_error(g_logger, str_out_of_memory, "download_pool");
         note_not_taken();
     }
-    now.work = nullptr; // frees what it owns before others hear of its end
+    now->work = nullptr; // frees what it owns before others hear of its end
     const mutex_guard lock(m_mutex);
-    --m_load.running;
-    m_busy_lanes.erase(now.lane);
-    if (now.ordered_by == customer::operators)
+    if (now->ordered_by == customer::operators)
         --m_running_of_operators;
+    m_running.erase(now);
 }
 
 // A thread that ends an order looks for the next by itself, so that those behind it in its lane are found.
@@ -128,15 +129,16 @@ void download_pool::run()
     block_all_signals();
     pthread_setname_np(pthread_self(), "rtls-download");
     for (;;) {
-        job now;
+        job_list::iterator now;
         {
             const mutex_guard lock(m_mutex);
             ++m_idle;
-            while (!m_is_ending && !take(now))
+            while (!m_is_ending && !begin_next())
                 m_changed.wait(m_mutex);
             --m_idle;
             if (m_is_ending)
                 return;
+            now = std::prev(m_running.end());
         }
         carry_out(now);
     }

@@ -15,9 +15,8 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <set>
+#include <list>
 #include <string>
 #include <thread>
 #include <vector>
@@ -64,20 +63,21 @@ private:
         std::string lane;
         customer ordered_by = customer::servers;
     };
+    using job_list = std::list<job>; // a job moves from one to the other without asking for memory
 
     void run();
-    void carry_out(job& now);
+    void carry_out(job_list::iterator now);
     bool has_room(customer ordered_by) const RTLS_REQUIRES(m_mutex);
     bool may_begin(const job& waiting) const RTLS_REQUIRES(m_mutex);
     bool add_thread() RTLS_REQUIRES(m_mutex);
-    bool take(job& next) RTLS_REQUIRES(m_mutex);
+    bool begin_next() RTLS_REQUIRES(m_mutex);
 
     annotated_mutex m_mutex;
     std::condition_variable_any m_changed;
-    std::deque<job> m_waiting RTLS_GUARDED_BY(m_mutex);
-    std::set<std::string> m_busy_lanes RTLS_GUARDED_BY(m_mutex);
+    job_list m_waiting RTLS_GUARDED_BY(m_mutex);
+    job_list m_running RTLS_GUARDED_BY(m_mutex); // one a thread at most
     size_t m_idle RTLS_GUARDED_BY(m_mutex) = 0; // threads
-    load m_load RTLS_GUARDED_BY(m_mutex);       // but for what waits
+    load m_load RTLS_GUARDED_BY(m_mutex);       // but for what waits and runs
     size_t m_waiting_of_operators RTLS_GUARDED_BY(m_mutex) = 0;
     size_t m_running_of_operators RTLS_GUARDED_BY(m_mutex) = 0;
     bool m_is_ending RTLS_GUARDED_BY(m_mutex) = false;

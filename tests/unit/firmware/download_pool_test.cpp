@@ -111,6 +111,34 @@ TEST_F(pool_of_downloads, an_order_that_memory_is_too_short_to_take_is_counted)
     EXPECT_EQ(pool.current_load().not_taken, 1U);
 }
 
+// The name of a lane is longer than what a string keeps within itself: a copy of it would ask for memory.
+TEST_F(pool_of_downloads, an_order_that_is_taken_begins_without_memory)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    const std::string lane(100, 'n');
+    std::promise<void> memory_is_out;
+    std::atomic<unsigned> left = 0;
+    download_pool pool;
+    for (size_t i = 1; i < download_pool::most_threads; ++i)
+        ASSERT_TRUE(pool.order(held()));
+    ASSERT_TRUE(pool.order([&] {
+        memory_is_out.get_future().wait();
+        fail_next_allocations(1);
+    }));
+    ASSERT_TRUE(pool.order(
+        [&] {
+            left = failures_left();
+            fail_next_allocations(0);
+            ++m_done;
+        },
+        lane));
+    memory_is_out.set_value();
+    EXPECT_TRUE(wait_until([&] { return m_done == 1; }));
+    EXPECT_EQ(left, 1U) << "nothing was asked for in between";
+    release();
+}
+
 TEST_F(pool_of_downloads, does_four_at_once_and_the_others_after_them)
 {
     download_pool pool;
