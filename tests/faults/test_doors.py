@@ -69,7 +69,7 @@ def test_networks_that_may_connect(start_gateway):
     with socket.create_connection(("127.0.0.1", gateway.ports["terminal"]), source_address=("127.0.0.9", 0),
                                   timeout=10) as stranger:
         assert stranger.recv(100) == b""
-    assert len(refusals(gateway, "Terminal")) == 1
+    wait_until(lambda: len(refusals(gateway, "Terminal")) == 1, "the line, which follows the close")
 
 
 def test_operators_are_bounded(start_gateway):
