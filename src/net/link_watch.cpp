@@ -5,9 +5,12 @@
 #include "base/logger.h"
 #include "base/message_part.h"
 
+#include <arpa/inet.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace rtls {
 
@@ -20,6 +23,16 @@ void make_io_threads()
         (void)setenv(variable, std::to_string(io_threads_number).c_str(), 1);
 }
 
+bool is_by_number(const std::string& endpoint)
+{
+    static constexpr std::string_view transport = "tcp://";
+    const size_t colon = endpoint.rfind(':');
+    in_addr parsed{};
+    return endpoint.starts_with(transport) && colon >= transport.size() &&
+           inet_pton(AF_INET, endpoint.substr(transport.size(), colon - transport.size()).c_str(), &parsed) ==
+               1;
+}
+
 void serve_by(zsock_t* sock, io_thread thread)
 {
     // A thread that is not there would make the socket useless.
@@ -27,11 +40,11 @@ void serve_by(zsock_t* sock, io_thread thread)
         zsock_set_affinity(sock, 1 << thread);
 }
 
-void link_watch::open(zsock_t* sock, const std::string& endpoint, io_thread thread)
+void link_watch::open(zsock_t* sock, const std::string& endpoint, io_thread thread_for_names)
 {
     m_sock = sock;
     m_endpoint = endpoint;
-    serve_by(sock, thread);
+    serve_by(sock, is_by_number(endpoint) ? io_thread_of_ports : thread_for_names);
     notice_silence(zsock_resolve(sock));
     if (m_unsent)
         m_unsent->library_holds(static_cast<uint64_t>(zsock_sndhwm(sock)));

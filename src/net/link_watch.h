@@ -21,13 +21,16 @@
 namespace rtls {
 
 // Which of the library's threads serves a socket. Names are resolved on the link's thread, and a name server
-// that is silent stops it for many seconds: nobody else may live there.
+// that is silent stops it for many seconds: nobody else may live there. A link to an address has nothing to
+// resolve. The thread of the ports serves it too: that spares a wake-up for each report.
 enum io_thread { io_thread_of_ports, io_thread_of_handler, io_thread_of_proxy, io_thread_of_proxy_input };
 inline constexpr size_t io_threads_number = 4;
 
 // Gives the library that many threads, if the environment has not given it more. Before zsys_init, while
 // there is one thread only.
 void make_io_threads();
+// Whether the library connects to `endpoint` without asking for a name: "tcp://", an IPv4 address, a port.
+bool is_by_number(const std::string& endpoint);
 // Before the socket is bound or connected. Without make_io_threads() any thread serves it.
 void serve_by(zsock_t* sock, io_thread thread);
 
@@ -40,8 +43,8 @@ public:
     link_watch& operator=(const link_watch&) = delete;
 
     // Sets the options of `sock`, which is not connected yet, and begins to watch it. It is going to be
-    // connected with `endpoint`.
-    void open(zsock_t* sock, const std::string& endpoint, io_thread thread);
+    // connected with `endpoint`, and served by `thread_for_names` unless that is by number.
+    void open(zsock_t* sock, const std::string& endpoint, io_thread thread_for_names);
     // Who sends by this link counts there; both outlive the watch. Messages that are lost by connecting again
     // belong to the overflow at hand, or are said.
     void count(unsent_count& unsent, overflow_watch& losses) noexcept

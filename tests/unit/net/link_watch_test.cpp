@@ -20,6 +20,19 @@ namespace rtls {
 
 using testing::ElementsAre;
 
+// --- the endpoint
+
+TEST(link_watch, tells_addresses_from_names)
+{
+    for (const char* endpoint : {"tcp://127.0.0.1:5555", "tcp://10.255.0.1:1", "tcp://0.0.0.0:65535"})
+        EXPECT_TRUE(is_by_number(endpoint)) << endpoint;
+    for (const char* endpoint :
+         {"", "tcp://", "tcp://:5555", "tcp://localhost:5555", "tcp://10.0.0.1.site:5555",
+          "tcp://10.0.0:5555", "tcp://10.0.0.1", "tcp://[::1]:5555", "tcp://eth0;10.0.0.1:5555",
+          "ipc:///10.0.0.1:5555", "10.0.0.1:1"})
+        EXPECT_FALSE(is_by_number(endpoint)) << endpoint;
+}
+
 // --- the record
 
 namespace {
