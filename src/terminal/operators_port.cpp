@@ -226,6 +226,25 @@ static void handle_text(TERMINAL_SERVER_t* server, TERMINAL_CLIENT_t* client, co
                   text.data());
 }
 
+// What memory is too short for is left out; what follows it is still done.
+template <typename Step>
+static void take_step(const char* function, Step&& step) noexcept
+{
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        logger_error(g_logger, str_out_of_memory, function);
+    }
+}
+
+static void handle_typed_ahead(TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client, const char* id_str)
+{
+    std::string text = std::move(client.typed_ahead.front());
+    client.typed_ahead.pop_front();
+    client.typed_ahead_bytes -= text.size();
+    handle_text(&server, &client, id_str, std::move(text));
+}
+
 // Each command may be the operator's last.
 void answer_fetch(TERMINAL_SERVER_t& server, const std::string& id_str, int index)
 {
@@ -235,16 +254,13 @@ void answer_fetch(TERMINAL_SERVER_t& server, const std::string& id_str, int inde
         return;
     client->is_fetching = false;
     zsock_t* sock = server.terminal_sock.get();
-    terminal_send(*client, sock, fetch_answer(index).c_str());
+    take_step("answer_fetch", [&] { terminal_send(*client, sock, fetch_answer(index).c_str()); });
     for (; client && !client->is_fetching; client = find()) {
         if (client->typed_ahead.empty() || client->typed_ahead.front().empty())
-            say_refused(*client, sock);
+            take_step("answer_fetch", [&] { say_refused(*client, sock); });
         if (client->typed_ahead.empty())
             return;
-        std::string text = std::move(client->typed_ahead.front());
-        client->typed_ahead.pop_front();
-        client->typed_ahead_bytes -= text.size();
-        handle_text(&server, client, id_str.c_str(), std::move(text));
+        take_step("answer_fetch", [&] { handle_typed_ahead(server, *client, id_str.c_str()); });
     }
 }
 
@@ -272,11 +288,7 @@ static bool handle_event(TERMINAL_SERVER_t* server, void* socket) noexcept
     message_part chunk;
     if (!identity.receive(socket) || !chunk.receive(socket))
         return false; // never between the two: they come together
-    try {
-        handle_chunk(server, identity, chunk);
-    } catch (const std::bad_alloc&) {
-        logger_error(g_logger, str_out_of_memory, "handle_terminal_clients");
-    }
+    take_step("handle_terminal_clients", [&] { handle_chunk(server, identity, chunk); });
     return true;
 }
 

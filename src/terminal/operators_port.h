@@ -20,8 +20,8 @@ void prepare_operators_port(zsock_t* sock) noexcept;
 int handle_terminal_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept;
 
 // An image has been fetched for the operator with this identity (upper-case hex), or could not be (index -1):
-// answers, and does what was typed meanwhile, up to the next image. Nothing for somebody unknown. Throws
-// std::bad_alloc.
+// answers, and does what was typed meanwhile, up to the next image. Nothing for somebody unknown. What memory
+// is too short for is logged and left out.
 void answer_fetch(TERMINAL_SERVER_t& server, const std::string& id_str, int index);
 
 } // namespace rtls

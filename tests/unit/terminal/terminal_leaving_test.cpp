@@ -9,6 +9,7 @@
 #include "support/tcp_peer.h"
 #include "support/terminal_command_fixture.h"
 #include "support/wait.h"
+#include "terminal/operators_port.h"
 #include "terminal/terminal_server_private.h"
 
 #include <gmock/gmock.h>
@@ -19,6 +20,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace rtls {
@@ -179,6 +181,26 @@ TEST_F(terminal_leaving_test, the_end_of_an_image_is_told_even_where_memory_is_s
     EXPECT_TRUE(repeat_until([] { return !ended.empty(); }, [&] { server.calls->make_calls(); }));
     EXPECT_THAT(ended, testing::ElementsAre(-1));
     server.calls.reset();
+}
+
+TEST_F(terminal_leaving_test, what_was_typed_behind_an_image_is_done_where_memory_is_short)
+{
+    if (!allocations_can_fail())
+        GTEST_SKIP() << "the sanitizer owns the operators";
+    m_gateway.add_node(hex("00 01 02 03 04 05 1A 2B"));
+    m_gateway.add_node(hex("00 01 02 03 04 05 1A 2C"));
+    m_client->is_fetching = true;
+    m_client->typed_ahead = {"del 1a2b", "del 1a2c"};
+    m_client->typed_ahead_bytes = 16;
+    TERMINAL_SERVER_t& server = *static_cast<services*>(m_gateway.handle())->terminal_server;
+    server.terminal_sock = std::move(m_terminal);
+    const std::string id_str = "6F70657261746F72";
+    fail_next_allocations(1); // the text of the answer
+    answer_fetch(server, id_str, -1);
+    EXPECT_EQ(failures_left(), 0U);
+    EXPECT_EQ(nodes_container_get_size(m_gateway.nodes()), 0u);
+    EXPECT_EQ(m_client->typed_ahead_bytes, 0u);
+    EXPECT_THAT(m_log.messages("main"), testing::Contains("answer_fetch: out of memory!"));
 }
 
 } // namespace rtls
