@@ -34,9 +34,20 @@ QUEUES = {"report": "message_handler", "line": "proxy_input"}
 IS_LONG = MESSAGES >= 1_000_000
 SMALLEST = {"message_handler": 30, "proxy_input": 90}      # bytes of a message on its way
 # What a server takes with it that is killed, at most, beside what TCP held: its library's queue, and a batch of 8 KiB on
-# either side; and what came between our look at TCP and its end.
+# either side.
 QUEUE_HOLDS = 1000 if IS_LONG else 100
-BETWEEN = 2 * 8192 + 32 * 1024
+BATCHES = 2 * 8192
+
+
+@contextlib.contextmanager
+def stopped(process: subprocess.Popen):
+    """It stands inside: nothing more comes from it."""
+    process.send_signal(signal.SIGSTOP)
+    os.waitid(os.P_PID, process.pid, os.WSTOPPED)
+    try:
+        yield
+    finally:
+        process.send_signal(signal.SIGCONT)
 
 
 def bytes_in_tcp(port: int) -> int:
@@ -65,10 +76,16 @@ class Server:
         self.process = subprocess.Popen([sys.executable, HERE / "counting_server.py", self.endpoint, self.path, *small])
 
     def kill(self):
-        self.signal(signal.SIGSTOP)
-        self.held += bytes_in_tcp(int(self.endpoint.rsplit(":", 1)[1]))
         self.process.kill()
         self.process.wait()
+
+    def kill_while_served_by(self, gateway: subprocess.Popen):
+        """Both stand while we look at what TCP holds, so that it is all that TCP takes with it."""
+        with stopped(gateway):
+            with stopped(self.process):
+                self.held += bytes_in_tcp(int(self.endpoint.rsplit(":", 1)[1]))
+                self.process.kill()
+            self.process.wait()
 
     def signal(self, number):
         self.process.send_signal(number)
@@ -325,7 +342,7 @@ class Books:
             handed_over = self.figures()["reports_handed_over_total", {"queue": queue}]
             dropped = self.figures()["reports_lost_total", {"queue": queue, "cause": "dropped"}]
             gone = handed_over - dropped - server.received
-            bound = kills * (QUEUE_HOLDS + BETWEEN // SMALLEST[queue]) + server.held // SMALLEST[queue]
+            bound = kills * (QUEUE_HOLDS + BATCHES // SMALLEST[queue]) + server.held // SMALLEST[queue]
             print(f"{queue}: {gone:,} were under way to a server that was killed, of {bound:,} that could be")
             assert 0 <= gone - self.under_way_with_the_killed[queue] <= bound
             self.under_way_with_the_killed[queue] = gone
@@ -389,7 +406,7 @@ def kill_at_full_speed(books, chunks: int) -> int:
                 at = server.received
                 wait_until(lambda: server.received > at + 500 or flood.done(), "the server to be served", PATIENCE)
                 in_full_speed += not flood.done()
-                server.kill()
+                server.kill_while_served_by(books.gateway.process)
                 server.start()
         flood.result()
     assert in_full_speed > 0
