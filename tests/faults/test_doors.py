@@ -4,6 +4,7 @@ import socket
 import pytest
 import zmq
 import zmq.auth
+import zmq.auth.thread
 
 from harness import wire
 from harness.daemon import free_port
@@ -153,6 +154,23 @@ def test_a_server_without_the_certificate_gets_nothing(start_gateway, tmp_path):
     bridge.barrier()
     wait_until(lambda: [line for line in gateway.syslog() if "connecting again" in line], "the refusal")
     assert gateway.proxy_input.nothing_arrives(within=1) and gateway.handler.nothing_arrives(within=0)
+
+
+def test_a_server_that_refuses_the_certificate_is_told_apart(start_gateway, tmp_path):
+    closed, port = Closed(tmp_path), free_port()
+    gateway = start_gateway(upstream=(), change=lambda config: with_http(port)(closed.change(config)))
+    (tmp_path / "known").mkdir()     # nobody is
+    guard = zmq.auth.thread.ThreadAuthenticator(gateway.context)
+    guard.start()
+    guard.configure_curve(domain="*", location=str(tmp_path / "known"))
+    handler = closed.server(gateway, zmq.PULL, "handler")
+    try:
+        failures = "upstream_link_failures_total", {"link": "message_handler", "reason": "refused"}
+        wait_until(lambda: Figures(port)[failures] > 0, "the refusal")
+        assert Figures(port)["upstream_link_up", {"link": "message_handler"}] == 0
+    finally:
+        handler.close(0)
+        guard.stop()
 
 
 @pytest.mark.parametrize("missing", ["gateway", "servers"])

@@ -2,6 +2,7 @@
 #include "metrics/metrics.h"
 
 #include "base/prefix_list.h"
+#include "firmware/download_pool.h"
 #include "firmware/image_download.h"
 #include "link/win_server_private.h"
 #include "metrics/process_figures.h"
@@ -22,6 +23,7 @@
 #include <climits>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <map>
 #include <regex>
@@ -233,6 +235,23 @@ TEST(metrics_collect, images_without_a_slot_beside_ordered_ones_are_counted)
     EXPECT_EQ(collected{&gateway}.samples.at("rtls_gateway_firmware_images_refused_total"), 0);
     EXPECT_EQ(download(store, image_of(2)), -1);
     EXPECT_EQ(collected{&gateway}.samples.at("rtls_gateway_firmware_images_refused_total"), 1);
+}
+
+TEST(metrics_collect, downloads_that_find_no_place_to_wait_are_counted)
+{
+    log_capture log;
+    std::promise<void> end;
+    const std::shared_future<void> until = end.get_future().share();
+    test_gateway gateway;
+    download_pool& pool = *static_cast<services*>(gateway.handle())->downloads;
+    size_t taken = 0;
+    while (pool.order([until] { until.wait(); }, "a lane"))
+        ++taken;
+    const collected now{gateway.handle()};
+    EXPECT_GE(taken, download_pool::most_waiting);
+    EXPECT_EQ(now.samples.at("rtls_gateway_downloads_total{outcome=queue_full}"), 1);
+    EXPECT_EQ(now.samples.at("rtls_gateway_downloads_total{outcome=not_taken}"), 0);
+    end.set_value();
 }
 
 TEST(metrics_collect, counters_come_by_type_and_by_outcome)
