@@ -123,12 +123,13 @@ def test_pn_and_pnf_show_connected_floating_and_expired_nodes(gateway, terminal)
     assert re.fullmatch(rf"04001 brg 10 par:00000 sw:01020304 rgf:  5 {ttl} sl:03    dtx: no\n", floating)
     assert re.fullmatch(r"03001 brg 10 par:00000 sw:01020304 rgf:  5 ttl:  0 sl:03    \(00:00:\d\d\) dtx: no\n##\n", expired)
 
+    before = time.strftime("%m-%d", time.gmtime(time.time() - 60))
     text = terminal.command("pnf", "##\n")
     assert re.search(
         rf"^02ab34cd560:01a2b fix 30 par:00d0e sw:01020304 rgf:   5 {ttl} sl:03 xyz:      -5,       6,       7:-80  "
         rf"ip:   fd00::11:2233:4400:1a2b IP address is duplicated! dtx: no$", text, re.M), text
     date = time.strftime("%m-%d", time.gmtime())
-    assert re.search(rf"^02ab34cd560:03001 .* ip:   fd00::11:2233:4400:3 act:{date} \d\d:\d\d:\d\d \(00:00:\d\d\) dtx: no$",
+    assert re.search(rf"^02ab34cd560:03001 .* ip:   fd00::11:2233:4400:3 act:({before}|{date}) \d\d:\d\d:\d\d \(00:00:\d\d\) dtx: no$",
                      text, re.M), text
 
 
@@ -245,7 +246,8 @@ def test_quit_says_goodbye_and_closes(gateway, terminal):
 def test_quit_while_lines_are_streaming(gateway):
     witness = gateway.terminal()
     witness.command("dbg parsing y", "ul_tdoa n\n")
-    bridge = gateway.bridge()
+    bridge = gateway.bridge(BRIDGE)
+    bridge.introduce()      # so that it stays, however long this takes
     for _ in range(20):
         operator = gateway.terminal()
         operator.command("sub", "\n")
@@ -308,15 +310,16 @@ def test_a_subscriber_that_never_reads_stalls_no_bridge(gateway):
     operator.command("dbg raw y", "ul_tdoa n\n")
     bridge = gateway.bridge(BRIDGE)
     payload = bytes(900)
-    slowest = 0.0
+    waits = []
     for seq in range(6000):
         if seq % 500 == 0:
             bridge.introduce(seq // 500 + 1)  # a bridge that nobody speaks through is let go
         begin = time.monotonic()
         bridge.send_message(wire.ping(seq % 200, payload))
         assert bridge.receive() == wire.ping(seq % 200, payload)
-        slowest = max(slowest, time.monotonic() - begin)
-    assert slowest < 3, "a bridge waited for an operator"
+        waits.append(time.monotonic() - begin)
+    # A busy machine delays a few; beside an operator who is waited for, it is many, or one for good.
+    assert sorted(waits)[-10] < 1 and max(waits) < 10, "a bridge waited for an operator"
     operator.command("dbg raw n", "ul_tdoa n\n")
 
 
@@ -324,20 +327,22 @@ def test_a_subscriber_that_never_reads_stalls_no_bridge(gateway):
 def test_listing_many_nodes_does_not_hold_up_reports(gateway):
     bridge, loader = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
     count = 10_000
+    bridge.introduce()      # so that both stay, however long this takes
+    loader.introduce()
     for i in range(count):
         loader.send(wire.frame(wire.heartbeat(b"\x02\xab" + struct.pack(">HI", 0x77, i), 1, bridge=loader.mac, addr=wire.ip(i))))
     loader.barrier()
     operator = gateway.terminal()
     begin = time.monotonic()
     operator.send(b"pnf\n")
-    slowest = 0.0
+    waits = []
     text = ""
     while "##\n" not in text[-10:]:
         sent = time.monotonic()
         bridge.send_message(wire.ping(1))
         bridge.receive()
-        slowest = max(slowest, time.monotonic() - sent)
+        waits.append(time.monotonic() - sent)
         text += operator.pull(0.01).decode()
-        assert time.monotonic() - begin < 20
+        assert time.monotonic() - begin < 60
     assert len(text.splitlines()) >= count + 5
-    assert slowest < 1
+    assert max(waits) < 3, "a bridge waited for a listing"      # which takes far longer to be read
