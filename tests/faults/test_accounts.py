@@ -245,7 +245,9 @@ class Books:
 
         def done():
             now = self.figures()
+            # A frame is counted before what becomes of it is.
             is_settled = (now["bridge_frames_total", {"direction": "in"}] == wanted and not now.sum("reports_waiting") and
+                          now.sum("message_outcomes_total") >= wanted and
                           now["bridges", {}] == BRIDGES and
                           now.sum("bridges_closed_total") >= self.strangers.read.connections and
                           now.sum("report_hand_over_seconds_count") == now.sum("reports_handed_over_total"))
@@ -410,6 +412,9 @@ def kill_at_full_speed(books, chunks: int) -> int:
                 server.start()
         flood.result()
     assert in_full_speed > 0
+    started = {server: server.received for server in books.servers.values()}
+    books.bridges.flood(1)      # which takes a server some time to begin with: until then it gets nothing
+    wait_until(lambda: all(server.received > count for server, count in started.items()), "the servers to be back", PATIENCE)
     return kills
 
 
