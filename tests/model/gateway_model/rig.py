@@ -210,13 +210,17 @@ class Rig:
         self.fences += 1
         messages = [b"\x01\x01" + bytes((self.fences % 255 + 1,)) + own]
         end = time.monotonic() + DEADLINE
+        moment = None
         while True:
-            moment = self._now()            # before the waiting below: what ends it may be the broadcast
+            # Not later than the fence before, behind which it came, nor than the waiting below.
+            earliest, moment = moment, self._now()
             if not messages:
                 select.select([peer.stream.sock], [], [], 0.005)
             self._fenced(peer, *messages)
             moment.end(time.time(), time.monotonic())
             if peer.received.count(VERSION) > before:
+                if earliest:
+                    moment.lo, moment.mono_lo = earliest.lo, earliest.mono_lo
                 return moment
             if time.monotonic() > end:
                 raise Difference("a request for the RPL version was not answered")
