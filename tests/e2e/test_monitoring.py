@@ -104,10 +104,11 @@ def test_every_query_of_the_dashboard_is_answered(daemon, prometheus):
         return not missing
 
     try:
-        wait_until(all_answered, "answers", deadline=40)
+        wait_until(all_answered, "answers", deadline=90)
     except AssertionError:
         raise AssertionError(f"no answer to {missing}") from None
-    assert [(target["health"], target["lastError"]) for target in prometheus.targets()] == [("up", "")]
+    # A scrape that a busy machine makes late has failed; the one after it has not.
+    wait_until(lambda: [(target["health"], target["lastError"]) for target in prometheus.targets()] == [("up", "")], "a scrape")
     assert prometheus.query('rtls_gateway_build_info{job="rtls-gateway"}')
     # What Prometheus itself says of a scrape, with all that it does.
     assert float(prometheus.query("scrape_samples_scraped")[0]["value"][1]) > 100
