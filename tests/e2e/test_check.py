@@ -58,6 +58,7 @@ def test_a_daemon_that_runs_does_what_the_check_says(start_gateway):
     first.command("dbg", "ul_tdoa n\n")
     listing = second.command("dbg", "ul_tdoa n\n")
     assert "\twin n\n" in listing and "\traw y\n" in listing
+    daemon.stop()    # which writes, too
     before = {path.name: path.read_bytes() for path in daemon.folder.iterdir()}
     assert run(daemon.config_file, "--print").returncode == 1
     assert {path.name: path.read_bytes() for path in daemon.folder.iterdir()} == before, "it writes nothing"
