@@ -4,8 +4,10 @@ import struct
 
 import pytest
 
+from harness.peers import DEADLINE
 
-def ask(gateway, request: bytes, address="127.0.0.1", source="127.0.0.1", timeout=5.0):
+
+def ask(gateway, request: bytes, address="127.0.0.1", source="127.0.0.1", timeout=DEADLINE):
     """The answer, who sent it, and our own port; no answer: (b"", None, port)."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
         sock.bind((source, 0))
@@ -42,7 +44,7 @@ def test_nine_bytes_are_answered_with_the_address_that_was_asked(gateway, addres
 def test_other_requests_are_named_and_not_answered(gateway, request_bytes, text):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
         sock.bind(("127.0.0.1", 0))
-        sock.settimeout(10)
+        sock.settimeout(DEADLINE)
         sock.sendto(request_bytes, ("127.0.0.1", gateway.ports["discovery"]))
         gateway.broker.wait_for("DISC: " + text)
         sock.sendto(bytes(6), ("127.0.0.1", gateway.ports["discovery"]))

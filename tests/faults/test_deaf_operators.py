@@ -7,7 +7,7 @@ import pytest
 
 from frozen import frozen
 from harness import wire
-from harness.peers import wait_until
+from harness.peers import DEADLINE, wait_until
 from test_downloads import image
 
 GROUP = "Operators"
@@ -148,7 +148,7 @@ def test_sessions_are_limited_on_demand(start_gateway):
         terminal.command("sub-", "\n")
     for _ in range(3):
         refused = gateway.terminal()
-        assert refused.pull(5) == b"" and refused.closed
+        assert refused.pull(DEADLINE) == b"" and refused.closed
     for terminal in admitted:
         assert terminal.command("pcl", "\n##\n").count("sub:") == 3
     said = wait_until(lambda: [line for line in gateway.syslog() if "Terminal port" in line], "the line")
