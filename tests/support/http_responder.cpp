@@ -1,5 +1,7 @@
 #include "support/http_responder.h"
 
+#include "support/wait.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -73,7 +75,7 @@ void http_responder::release()
 bool http_responder::wait_for_requests(size_t number)
 {
     std::unique_lock lock{m_mutex};
-    return m_changed.wait_for(lock, std::chrono::seconds{10}, [&] { return m_requests.size() >= number; });
+    return m_changed.wait_for(lock, patience, [&] { return m_requests.size() >= number; });
 }
 
 std::vector<std::string> http_responder::requests()

@@ -313,7 +313,7 @@ TEST(win_server_copy_clients, keeps_look_ups_out_of_the_table)
     auto [peer, client] = link.connect();
     peer.send(hex("F5 00 00 05 AA F7"));
     zmq_pollitem_t item{zsock_resolve(link.server().win_sock), 0, ZMQ_POLLIN, 0};
-    ASSERT_EQ(zmq_poll(&item, 1, 5000), 1);
+    ASSERT_EQ(zmq_poll(&item, 1, static_cast<long>(patience.count())), 1);
     const zframe_ptr stranger{zframe_new("\0abcd", 5)};
     const uint8_t message = 1;
     const struct {

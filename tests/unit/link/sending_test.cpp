@@ -6,6 +6,7 @@
 #include "support/failing_new.h"
 #include "support/link_clients.h"
 #include "support/sanitizers.h"
+#include "support/wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -255,7 +256,7 @@ TEST(delete_win_client, cuts_only_when_no_event_waits)
     (void)link.fill(*client);
     const tcp_peer another{link.port()};
     zmq_pollitem_t item{zsock_resolve(link.server().win_sock), 0, ZMQ_POLLIN, 0};
-    ASSERT_EQ(zmq_poll(&item, 1, 5000), 1);
+    ASSERT_EQ(zmq_poll(&item, 1, static_cast<long>(patience.count())), 1);
     delete_win_client(&link.server(), client->id);
     EXPECT_FALSE(link.server().cuts.empty());
     EXPECT_FALSE(peer.is_closed(std::chrono::milliseconds(50)));

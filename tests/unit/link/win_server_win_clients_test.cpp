@@ -286,7 +286,7 @@ TEST(win_connection, the_late_notice_of_one_that_we_closed_makes_no_client)
     peer.close();
     // The poll fetches the notice of the peer's closing before we close the connection ourselves.
     zmq_pollitem_t item{zsock_resolve(link.server().win_sock), 0, ZMQ_POLLIN, 0};
-    ASSERT_EQ(zmq_poll(&item, 1, 5000), 1);
+    ASSERT_EQ(zmq_poll(&item, 1, static_cast<long>(patience.count())), 1);
     delete_win_client(&link.server(), client->id);
     EXPECT_EQ(link.server().closed_ids.size(), 1U);
     log.take();
@@ -309,7 +309,7 @@ TEST(win_connection, whose_queue_is_just_full_is_cut_without_waiting_for_room)
     auto [peer, client] = link.connect(4096);
     (void)link.fill(*client);
     ASSERT_THAT(unsent(*client), IsEmpty()); // full, and nothing shows yet that it does not read
-    constexpr milliseconds time_out{2000};
+    constexpr milliseconds time_out{20'000};
     zsock_set_sndtimeo(link.server().win_sock, static_cast<int>(time_out.count()));
     log.take();
     const auto begin = std::chrono::steady_clock::now();

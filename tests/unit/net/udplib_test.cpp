@@ -1,6 +1,7 @@
 #include "net/udplib.h"
 
 #include "support/log_capture.h"
+#include "support/wait.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -58,7 +59,7 @@ public:
     bool is_readable() const
     {
         pollfd poller{handle, POLLIN, 0};
-        return poll(&poller, 1, 5000) == 1;
+        return poll(&poller, 1, static_cast<int>(patience.count())) == 1;
     }
 
     int handle = -1;

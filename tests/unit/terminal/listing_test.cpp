@@ -4,6 +4,7 @@
 #include "server/win_server.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
+#include "support/processor_time.h"
 #include "support/test_gateway.h"
 
 #include <gtest/gtest.h>
@@ -237,9 +238,9 @@ TEST(duplicate_addresses, take_little_time_among_ten_thousand)
         std::memcpy(rows[i].ip_addr, &i, sizeof i);
     }
     std::memcpy(rows[9'999].ip_addr, rows[0].ip_addr, sizeof rows[0].ip_addr);
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = processor_time();
     mark_duplicate_addresses(rows);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_LT(processor_time() - start, std::chrono::milliseconds(500));
     EXPECT_TRUE(rows[0].address_duplicated);
     EXPECT_TRUE(rows[9'999].address_duplicated);
     EXPECT_FALSE(rows[1].address_duplicated);
