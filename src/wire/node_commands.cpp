@@ -4,9 +4,6 @@
 
 namespace rtls {
 
-// What the node firmware expects in front of an image's description, without a meaning to us.
-static constexpr std::array<uint8_t, 3> set_request_body_head{0x00, 0x0E, 0x20};
-
 // What all of them begin with. The type is little-endian as everywhere on the WIN link, the length and
 // all that follows big-endian: the nodes' own order.
 static void store_header(bytes_span request, size_t body_size)

@@ -25,6 +25,10 @@ std::array<uint8_t, reboot_request::size> make_reboot_request(const mac_array& m
 // "Run the firmware that you have fetched."
 std::array<uint8_t, apply_request::size> make_apply_request(const mac_array& mac);
 
+// What the node firmware expects in front of an image's description: a sub-command, and a byte without a meaning
+// to us.
+constexpr std::array<uint8_t, 3> set_request_body_head{0x00, 0x0E, 0x20};
+
 // An image as a node is told of it.
 struct offered_image {
     uint32_t git_ver;
