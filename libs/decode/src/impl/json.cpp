@@ -74,25 +74,25 @@ static bool read_list(const ordered_json& array, unsigned depth, std::vector<gro
     return true;
 }
 
-static bool read_value(const ordered_json& json, unsigned depth, value& is)
+static bool read_value(const ordered_json& from, unsigned depth, value& is)
 {
-    switch (json.type()) {
+    switch (from.type()) {
     case ordered_json::value_t::number_integer:
-        is = json.get<int64_t>();
+        is = from.get<int64_t>();
         return true;
     case ordered_json::value_t::number_unsigned:
-        is = static_cast<int64_t>(json.get<uint64_t>());
-        return json.get<uint64_t>() <= INT64_MAX;
+        is = static_cast<int64_t>(from.get<uint64_t>());
+        return from.get<uint64_t>() <= INT64_MAX;
     case ordered_json::value_t::boolean:
-        is = json.get<bool>();
+        is = from.get<bool>();
         return true;
     case ordered_json::value_t::string:
-        is = json.get<std::string>();
+        is = from.get<std::string>();
         return true;
     case ordered_json::value_t::object:
-        return read_group(json, depth + 1, is.emplace<group>());
+        return read_group(from, depth + 1, is.emplace<group>());
     case ordered_json::value_t::array:
-        return read_list(json, depth + 1, is.emplace<std::vector<group>>());
+        return read_list(from, depth + 1, is.emplace<std::vector<group>>());
     default:
         return false;
     }
@@ -102,8 +102,8 @@ static bool read_group(const ordered_json& object, unsigned depth, group& fields
 {
     if (!object.is_object() || depth > depth_limit)
         return false;
-    for (const auto& [name, json] : object.items())
-        if (!read_value(json, depth, fields.emplace_back(field{name, int64_t{0}}).is))
+    for (const auto& [name, is] : object.items())
+        if (!read_value(is, depth, fields.emplace_back(field{name, int64_t{0}}).is))
             return false;
     return true;
 }

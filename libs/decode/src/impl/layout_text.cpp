@@ -69,7 +69,7 @@ static std::string parts_text(std::string first, std::span<const part> parts)
     return text;
 }
 
-static constexpr char head[] =
+static constexpr char table_head[] =
     "| message | field | offset | bytes | order | unit | as |\n|---|---|---|---|---|---|---|\n";
 
 static std::string type_text(const message_set& set, const message_layout& row)
@@ -102,7 +102,7 @@ static void add_inner_sets(const message_set& set, std::string& text)
 
 static void add_set(std::string title, const message_set& set, std::string& text)
 {
-    text += title + (title.empty() ? "" : "\n\n") + head;
+    text += title + (title.empty() ? "" : "\n\n") + table_head;
     text += parts_text("in front of each", set.head);
     for (const message_layout& row : set.rows)
         text += parts_text(type_text(set, row), row.parts);
@@ -119,7 +119,7 @@ std::string layout_text(direction way)
 
 std::string body_text(direction way)
 {
-    std::string text = head;
+    std::string text = table_head;
     for (const body_layout& row : bodies_of(way)) {
         const std::string first = "`" + std::string{row.name} + "` " + std::to_string(row.code);
         text += row.parts.empty() ? "| " + first + " | | | | | | |\n" : parts_text(first, row.parts);

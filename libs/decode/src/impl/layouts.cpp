@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <array>
 
-namespace rtls::decode {
+namespace rtls::decode::table {
 
 // --- how a part is written down
 
@@ -24,9 +24,10 @@ static constexpr part u8(std::string_view name, size_t at, std::string_view unit
     return number(name, at, 1, byte_order::none, unit);
 }
 
-static constexpr part position(std::string_view name, size_t at, byte_order order)
+static constexpr part signed_word(std::string_view name, size_t at, byte_order order,
+                                  std::string_view unit = {})
 {
-    return {.as = form::signed_number, .name = name, .at = at, .width = 4, .order = order, .unit = mm};
+    return {.as = form::signed_number, .name = name, .at = at, .width = 4, .order = order, .unit = unit};
 }
 
 static constexpr part identifier(std::string_view name, size_t at, size_t width, byte_order order)
@@ -165,7 +166,7 @@ static constexpr std::array ul_tdoa_parts = {
     number("pe_seq_no", ul_tdoa::pe_seq_no, 2, byte_order::big),
     short_address("responder_mac", ul_tdoa::responder_mac),
     short_address("reporter_mac", ul_tdoa::reporter_mac),
-    position("range_mm", ul_tdoa::range_mm, byte_order::big),
+    signed_word("range_mm", ul_tdoa::range_mm, byte_order::big, mm),
     u8("tag_lqi", ul_tdoa::tag_lqi),
     u8("resp_anchor_lqi", ul_tdoa::resp_anchor_lqi),
     from_here_if(ul_tdoa::board_len - ul_tdoa::least_len),
@@ -233,13 +234,13 @@ using heartbeat = gwMsgHeartbeat_t;
 static constexpr auto heartbeat_parts(byte_order order)
 {
     return std::to_array<part>(
-        {seq_no_of_record, u8("reporting_freq", heartbeat::reporting_freq),
+        {seq_no_of_record, u8("reporting_freq", heartbeat::reporting_freq, seconds_unit),
          u8("ranging_freq", heartbeat::ranging_freq), role(heartbeat::node_role),
          u8("sublocation_id", heartbeat::sublocation_id), mac("long_addr", heartbeat::long_addr),
          mac("parent_addr", heartbeat::parent_addr),
          identifier("sw_version", heartbeat::sw_version, 4, order),
-         position("pos_X", heartbeat::pos_X, order), position("pos_Y", heartbeat::pos_Y, order),
-         position("pos_Z", heartbeat::pos_Z, order)});
+         signed_word("pos_X", heartbeat::pos_X, order), signed_word("pos_Y", heartbeat::pos_Y, order),
+         signed_word("pos_Z", heartbeat::pos_Z, order)});
 }
 
 template <size_t One, size_t Other>
@@ -343,10 +344,10 @@ using config = gwMsgConfigNode_t;
 static constexpr auto config_parts(byte_order order)
 {
     return std::to_array<part>(
-        {u8("reporting_freq", config::reporting_freq), u8("ranging_freq", config::ranging_freq),
+        {u8("reporting_freq", config::reporting_freq, seconds_unit), u8("ranging_freq", config::ranging_freq),
          role(config::node_role), u8("sublocation_id", config::sublocation_id),
-         position("pos_X", config::pos_X, order), position("pos_Y", config::pos_Y, order),
-         position("pos_Z", config::pos_Z, order)});
+         signed_word("pos_X", config::pos_X, order), signed_word("pos_Y", config::pos_Y, order),
+         signed_word("pos_Z", config::pos_Z, order)});
 }
 
 static constexpr auto wrapped_config = config_parts(byte_order::by_role);
@@ -521,30 +522,35 @@ static constexpr message_layout discovery_answer_rows[] = {{"discovery_echo", 0,
 static constexpr message_set discovery_requests = {{}, byte_order::none, false, discovery_request_rows};
 static constexpr message_set discovery_answers = {{}, byte_order::none, false, discovery_answer_rows};
 
+} // namespace rtls::decode::table
+
 // --- look-up
+
+namespace rtls::decode {
 
 const message_set& messages_of(direction way)
 {
     switch (way) {
     case direction::down:
-        return down_messages;
+        return table::down_messages;
     case direction::command:
-        return command_messages;
+        return table::command_messages;
     case direction::report:
-        return report_messages;
+        return table::report_messages;
     case direction::discovery_request:
-        return discovery_requests;
+        return table::discovery_requests;
     case direction::discovery_answer:
-        return discovery_answers;
+        return table::discovery_answers;
     default:
-        return up_messages;
+        return table::up_messages;
     }
 }
 
 std::span<const body_layout> bodies_of(direction way)
 {
     using rows = std::span<const body_layout>;
-    return way == direction::down || way == direction::command ? rows{bodies_down} : rows{bodies_up};
+    return way == direction::down || way == direction::command ? rows{table::bodies_down}
+                                                               : rows{table::bodies_up};
 }
 
 static const body_layout* find_body(auto matches)

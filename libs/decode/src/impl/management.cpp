@@ -65,6 +65,9 @@ static std::optional<int64_t> number_in(const group& fields, std::string_view na
 // The request that the line says, behind a header as on the link, and with what the line leaves out.
 static encoded request_of(const decoded& line)
 {
+    for (const char* unsaid : {"data", "payload_rest"})
+        if (find(line.fields, unsaid))
+            return {{}, "a line has no field " + std::string{unsaid}};
     group fields;
     fields.push_back({"sub_command", line.kind});
     for (const field& f : line.fields)

@@ -71,13 +71,13 @@ static std::vector<uint8_t> in_network_order(bytes_view bytes, byte_order order)
 
 static int64_t number_of(bytes_view bytes, byte_order order, bool is_signed)
 {
-    uint64_t value = 0;
+    uint64_t bits = 0;
     for (const uint8_t byte : in_network_order(bytes, order))
-        value = value << 8 | byte;
+        bits = bits << 8 | byte;
     const unsigned unused_bits = 64 - 8 * static_cast<unsigned>(bytes.size());
     if (is_signed)
-        return static_cast<int64_t>(value << unused_bits) >> unused_bits;
-    return static_cast<int64_t>(value);
+        return static_cast<int64_t>(bits << unused_bits) >> unused_bits;
+    return static_cast<int64_t>(bits);
 }
 
 static std::string ip_text(bytes_view bytes)
@@ -268,7 +268,7 @@ static bool read_row(const message_set& set, const message_layout& row, bytes_vi
         std::ranges::move(found, std::back_inserter(fields));
         return true;
     }
-    if (reason.empty())
+    if (reason.empty()) // of several rows the first has the say
         reason = std::string{row.kind} + ": " +
                  (is_long_enough ? in.reason()
                                  : std::to_string(bytes.size()) + " bytes, " +
@@ -284,8 +284,10 @@ static bool read_rows(const message_set& set, bytes_view bytes, std::string& kin
         if ((type & ~row.flags) != row.type)
             continue;
         kind = row.kind;
-        if (read_row(set, row, bytes, fields, reason))
-            return true;
+        if (!read_row(set, row, bytes, fields, reason))
+            continue;
+        reason.clear(); // of rows before
+        return true;
     }
     return false;
 }
