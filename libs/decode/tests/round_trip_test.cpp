@@ -1,6 +1,8 @@
 // Whatever decodes encodes to the same bytes, also by way of JSON; whatever does not is kept with the reason. Messages
 // are those of the simulator, whose codec is another reading of the protocol, and the page's, bent in every way.
+#include "command.h"
 #include "decode/json.h"
+#include "downlink.h"
 #include "examples.h"
 #include "uplink.h"
 
@@ -263,6 +265,68 @@ TEST(simulator, means_what_is_decoded_of_its_payloads)
         EXPECT_EQ(number(timed, "seconds"), time.seconds);
         EXPECT_EQ(number(timed, "fraction"), time.fraction);
         EXPECT_EQ(text(timed, "message.ieee_addr"), lower_hex(node));
+    }
+}
+
+TEST(simulator, means_what_is_decoded_of_its_commands)
+{
+    const struct {
+        const char* words;
+        const char* kind;
+        const char* json;
+    } cases[] = {
+        {"reboot e45e510000010202", "generic_req",
+         R"("sub_command":"reboot","parameter_len":2,"parameter":"0000")"},
+        {"conf 0102 role=5 x=-1000 z=5", "conf_node_req",
+         R"("node_role":"tdoa-mobile","node_state":0,"sublocation_id":1,"pos_X":-1000,"pos_Y":0,"pos_Z":5)"},
+        {"ack 0102 7", "rest_ack", R"("seqNo":7,"long_addr":"e45e510000000102")"},
+        {"ota-set 0102 a0b0c0d:11223344:65536 203", "generic_req",
+         R"("sub_command":"ota_set","body_head":"20","description_size":14,"git_ver":"0a0b0c0d",)"
+         R"("crc32":"11223344","image_size":65536,"source":"0203")"},
+        {"ota-apply 0102", "generic_req", R"("total_len":2,"sub_command":"ota_apply","mac":)"},
+        {"sensor 0102 a1a2 3", "sensor_req",
+         R"("seqNo":3,"total_len":2,"data":"a1a2","mac":"e45e510000000102")"},
+        {"conf-sensor 0102 a1", "conf_sensor_req", R"("data":"a1")"},
+        {"tdoa 0102 a1", "tdoa_sched_conf_req", R"("data":"a1")"},
+        {"data 0102 a1a2", "nwk_data_req",
+         R"("p_len":2,"opaque":"a1a2e45e510000000102","mac":"e45e510000000102")"},
+        {"upload 1 2 http://a/b", "ota_upload_fw",
+         R"("git_ver":"00000001","crc32":"00000002","len":10,"url":"http://a/b")"},
+        {"fw-avail 1 2 http://a/b", "fw_image_avail_ind", R"("sh1":"00000001","crc32":"00000002")"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.words);
+        const auto command = sim::parse_command(sim::split_words(c.words));
+        ASSERT_EQ(command.error, "");
+        tally seen;
+        check(direction::command, command.message, seen);
+        const decoded message = decode(direction::command, command.message);
+        EXPECT_EQ(message.kind, c.kind);
+        EXPECT_NE(to_json_text(message).find(c.json), std::string::npos) << to_json_text(message);
+    }
+}
+
+TEST(simulator, reads_what_goes_down_the_same_way)
+{
+    for (const example& e : examples()) {
+        if (e.way != direction::down)
+            continue;
+        SCOPED_TRACE(e.json);
+        const auto read = sim::read_downlink(e.bytes);
+        const decoded message = decode(e.way, e.bytes);
+        EXPECT_TRUE(read.valid);
+        if (find(message.fields, "ipaddr")) {
+            EXPECT_EQ(text(message, "ipaddr"), sim::ip_text(read.ip));
+        }
+        if (find(message.fields, "mac")) {
+            EXPECT_EQ(text(message, "mac"), lower_hex(read.mac));
+        }
+        const auto config = sim::read_config(read.payload);
+        const std::string path = find(message.fields, "message") ? "message." : "";
+        if (config && find(message.fields, path + "pos_X")) {
+            EXPECT_EQ(number(message, path + "pos_X"), config->x);
+            EXPECT_EQ(number(message, path + "pos_Z"), config->z);
+        }
     }
 }
 
