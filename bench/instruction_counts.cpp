@@ -1,10 +1,12 @@
 // instruction_counts - a fixed number of operations of each kind, for bench/instructions to count the instructions
-// of: each kind of message up, the reading of the WIN port, each kind of command down.
+// of: each kind of message up, the reading of the WIN port, each kind of command down, a debug record.
 //
 // Counts are those of this thread within counted_part. Each kind is counted several times: what another thread does
 // meanwhile (the library asks for its attention, or need not be woken) only ever adds to one of them.
 // Prints a line for each count, in order: the number of operations, and their name.
 //   instruction_counts [KIND]
+#include "base/common.h"
+#include "base/czmq_ptr.h"
 #include "base/logger.h"
 #include "command_world.h"
 #include "dispatch_world.h"
@@ -155,6 +157,69 @@ void count_command(const command_case& command)
            [&] { return world.take(); }});
 }
 
+// The line of a heartbeat, the one that there is most of.
+void print_record(zsock_t* stream, size_t number)
+{
+    const tav_timestamp_t time{1'000'000'000, static_cast<uint32_t>(number % 1000)};
+    dbg_print_ts(stream, time, DBG_PARSING, "SLIP",
+                 "%s %04X src:%02X%02X seq:%02X rf:%d rngf:%d role:%02X sl:%02x par:%02X%02X sw:%08x "
+                 "xyz:%d;%d;%d zoff:%d",
+                 "MSG_HEARTBEAT_IND", 0x0104, 0x12, 0x34, static_cast<unsigned>(number & 0xFF), 20, 5, 0x82,
+                 0x01, 0xAB, 0xCD, 0x04030201, 1234, -2, 4660, -3);
+}
+
+// Takes as many lines as that from whoever reads them; others' do not count.
+bool take_records(zsock_t* reader, size_t records)
+{
+    while (records > 0) {
+        const zframe_ptr record{zframe_recv(reader)};
+        if (!record)
+            return false;
+        const std::string text{reinterpret_cast<const char*>(zframe_data(record.get())),
+                               zframe_size(record.get())};
+        records -= text.find("MSG_HEARTBEAT_IND") != std::string::npos ? 1 : 0;
+    }
+    return true;
+}
+
+void count_records(const char* kind, zsock_t* stream, zsock_t* reader)
+{
+    constexpr size_t batch = 250; // below the depth of every queue
+    zsock_set_rcvtimeo(reader, 60'000);
+    const auto work = [&] {
+        for (size_t number = 0; number < batch; ++number)
+            print_record(stream, number);
+        return true;
+    };
+    count({kind, batch, [] {}, work, [&] { return take_records(reader, batch); }});
+}
+
+// From a debug line's arguments to the operators' stream.
+void count_stream_record()
+{
+    const char kind[] = "record: heartbeat, for the stream";
+    if (!is_wanted(kind))
+        return;
+    const std::string endpoint = unused_endpoint();
+    const zsock_ptr reader{zsock_new_pull(("@" + endpoint).c_str())};
+    const zsock_ptr stream{zsock_new_push((">" + endpoint).c_str())};
+    debug_mask = 1U << DBG_PARSING;
+    count_records(kind, stream.get(), reader.get());
+    debug_mask = 0;
+}
+
+// The same to the debug broker, which gets all records from then on.
+void count_broker_record()
+{
+    const char kind[] = "record: heartbeat, for the broker";
+    if (!is_wanted(kind))
+        return;
+    const zsock_ptr reader{zsock_new(ZMQ_PULL)};
+    const int port = zsock_bind(reader.get(), "tcp://127.0.0.1:*");
+    logger_connect(g_logger_ctx, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
+    count_records(kind, nullptr, reader.get());
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -165,6 +230,8 @@ int main(int argc, char** argv)
     for (const size_t messages_a_write : {size_t{1}, size_t{32}})
         count_port(messages_a_write);
     std::ranges::for_each(command_cases(), count_command);
+    count_stream_record();
+    count_broker_record();
     logger_cleanup();
     return 0;
 }

@@ -1,16 +1,23 @@
 #include "base/common.h"
 
+#include "base/bytes.h"
 #include "base/counter.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/overflow_watch.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
+#include <new>
+#include <string_view>
 
 namespace rtls {
 
@@ -36,18 +43,117 @@ static bool is_streamed(dbg_section_t section)
     return (debug_mask.load(std::memory_order_relaxed) >> section & 1) != 0;
 }
 
-// Renders the coloured line into `line` and returns its length.
-static size_t render_line(char (&line)[stream_line_size], tav_timestamp_t timestamp, const char* channel,
-                          const char* message)
+namespace {
+
+// A second's date and time of day as the stream shows it, in UTC.
+struct second_text {
+    explicit second_text(time_t seconds) : of(seconds)
+    {
+        tm utc{};
+        gmtime_r(&seconds, &utc);
+        strftime(text, sizeof text, "%m-%d %H:%M:%S", &utc);
+    }
+
+    time_t of;
+    char text[20];
+};
+
+// A line of the stream in the making.
+class stream_line {
+public:
+    stream_line& add(std::string_view part)
+    {
+        const size_t fit = std::min(part.size(), m_text.size() - m_size);
+        std::memcpy(m_text.data() + m_size, part.data(), fit);
+        m_size += fit;
+        return *this;
+    }
+    // With zeros in front, up to three digits.
+    stream_line& add_milliseconds(uint32_t value)
+    {
+        char digits[10];
+        const char* end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+        const std::string_view shown{digits, static_cast<size_t>(end - digits)};
+        return add(std::string_view{"00"}.substr(std::min(shown.size() - 1, size_t{2}))).add(shown);
+    }
+    bytes_view bytes() const { return {reinterpret_cast<const uint8_t*>(m_text.data()), m_size}; }
+
+private:
+    std::array<char, stream_line_size - 1> m_text; // not cleared: what is read is written
+    size_t m_size = 0;
+};
+
+// "channel: message", composed once for the logger and for the stream. Nearly all find room on the stack.
+class debug_text {
+public:
+    __attribute__((format(printf, 3, 0)))
+    debug_text(std::string_view channel, const char* format, va_list args)
+        : m_head(channel.size() + separator.size())
+    {
+        va_list again;
+        va_copy(again, args);
+        if (!compose(m_usual.data(), m_usual.size(), channel, format, args)) {
+            m_long.reset(new (std::nothrow) char[m_size]);
+            if (m_long)
+                (void)compose(m_long.get(), m_size, channel, format, again);
+        }
+        va_end(again);
+    }
+    debug_text(const debug_text&) = delete;
+    debug_text& operator=(const debug_text&) = delete;
+
+    // False when memory was short.
+    bool is_made() const { return m_text != nullptr; }
+    const char* c_str() const { return m_text; }
+    const char* message() const { return m_text + m_head; }
+
+private:
+    static constexpr std::string_view separator = ": ";
+
+    // False when there is no room; m_size is what is needed then, with the terminating zero.
+    __attribute__((format(printf, 5, 0))) bool compose(char* to, size_t room, std::string_view channel,
+                                                       const char* format, va_list args)
+    {
+        const bool has_head = m_head < room;
+        char* message = has_head ? to + m_head : to;
+        const int size = vsnprintf(has_head ? message : nullptr, has_head ? room - m_head : 0, format, args);
+        m_size = m_head + static_cast<size_t>(std::max(size, 0)) + 1;
+        if (m_size > room)
+            return false;
+        if (size < 0)
+            *message = '\0';
+        std::memcpy(to, channel.data(), channel.size());
+        std::memcpy(to + channel.size(), separator.data(), separator.size());
+        m_text = to;
+        return true;
+    }
+
+    std::array<char, 1024> m_usual; // not cleared: what is read is written
+    std::unique_ptr<char[]> m_long;
+    size_t m_head;
+    size_t m_size = 0;
+    const char* m_text = nullptr;
+};
+
+} // namespace
+
+// A thread's lines come many to a second, and taking a time apart costs more than all the rest of one, with a lock
+// of libc's.
+static std::string_view text_of_second(time_t seconds)
 {
-    const auto seconds = static_cast<time_t>(timestamp.seconds);
-    tm utc{};
-    gmtime_r(&seconds, &utc);
-    char date[20];
-    strftime(date, sizeof date, "%m-%d %H:%M:%S", &utc);
-    snprintf(line, sizeof line, "%s%s.%03d%s %s%s:%s %s\n", "\033[36m", date,
-             static_cast<int>(timestamp.milliseconds), "\033[0m", "\033[35m", channel, "\033[0m", message);
-    return strlen(line); // what snprintf returns is the length before the cut
+    static thread_local second_text last{seconds};
+    if (last.of != seconds)
+        last = second_text{seconds};
+    return last.text;
+}
+
+// Renders the coloured line.
+static void render_line(stream_line& line, tav_timestamp_t timestamp, std::string_view channel,
+                        std::string_view message)
+{
+    line.add("\033[36m").add(text_of_second(static_cast<time_t>(timestamp.seconds)));
+    line.add(".").add_milliseconds(timestamp.milliseconds);
+    line.add("\033[0m \033[35m").add(channel).add(":\033[0m ").add(message).add("\n");
 }
 
 static shared_counter failed_lines;
@@ -58,9 +164,9 @@ uint64_t dbg_lines_failed() noexcept
 }
 
 // The log lines name CZMQ's calls, by which operators know these failures.
-static void send_line(zsock_t* dbg_sock, const char* function, const char* line, size_t length)
+static void send_line(zsock_t* dbg_sock, const char* function, bytes_view line)
 {
-    message_part part{bytes_view{reinterpret_cast<const uint8_t*>(line), length}};
+    message_part part{line};
     if (part.is_made() && part.send(zsock_resolve(dbg_sock)))
         return stream_watch.accepted();
     if (!part.is_made() || errno != EAGAIN)
@@ -75,16 +181,16 @@ static __attribute__((format(printf, 5, 0))) void
 dbg_print_ts_impl(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t section, const char* channel,
                   const char* format, va_list args)
 {
-    char* message = zsys_vprintf(format, args);
-    if (!message)
+    static constexpr char as_it_is[] = "%s"; // whose address stands for debug lines in the system log's rate
+    const debug_text text{channel, format, args};
+    if (!text.is_made())
         return;
-    logger_debug_ts(section_logger(section), timestamp, "%s: %s", channel, message);
+    logger_debug_ts(section_logger(section), timestamp, as_it_is, text.c_str());
     if (dbg_sock && is_streamed(section)) {
-        char line[stream_line_size];
-        const size_t length = render_line(line, timestamp, channel, message);
-        send_line(dbg_sock, __func__, line, length);
+        stream_line line;
+        render_line(line, timestamp, channel, text.message());
+        send_line(dbg_sock, __func__, line.bytes());
     }
-    zstr_free(&message);
 }
 
 static thread_local bool dbg_is_held = false;

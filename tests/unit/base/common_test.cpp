@@ -108,6 +108,23 @@ TEST_F(debug_stream, a_line_is_coloured_and_stamped_in_utc)
     tzset();
 }
 
+TEST_F(debug_stream, each_line_has_its_own_time)
+{
+    debug_mask = 1U << DBG_WIN;
+    const struct {
+        tav_timestamp_t time;
+        const char* shown;
+    } cases[] = {
+        {{1714568822, 0}, "05-01 13:07:02.000"},   {{1714568822, 9}, "05-01 13:07:02.009"},
+        {{1714568822, 999}, "05-01 13:07:02.999"}, {{1714568823, 10}, "05-01 13:07:03.010"},
+        {{1714568822, 100}, "05-01 13:07:02.100"}, {{0, 99}, "01-01 00:00:00.099"},
+    };
+    for (const auto& c : cases) {
+        dbg_print_ts(push.get(), c.time, DBG_WIN, "CONS", "now");
+        EXPECT_EQ(receive_frame(pull.get()).substr(5, 18), c.shown);
+    }
+}
+
 TEST_F(debug_stream, without_a_time_a_line_is_stamped_now)
 {
     debug_mask = 1U << DBG_WIN;
@@ -158,6 +175,8 @@ TEST_F(debug_stream, long_lines_are_cut_and_lose_their_end)
         size_t frame;
         bool ends;
     } cases[] = {
+        {"the longest on the stack", 1023 - 7, 1016 + frame_of_nothing, true}, // with "PROXY: " before it
+        {"one too long for the stack", 1024 - 7, 1017 + frame_of_nothing, true},
         {"one short of the limit", 2046 - frame_of_nothing, 2046, true},
         {"just within the limit", 2047 - frame_of_nothing, 2047, true},
         {"one too long", 2048 - frame_of_nothing, 2047, false},

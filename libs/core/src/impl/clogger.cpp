@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -12,6 +13,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
 
 using tav::libs::core::component_logger;
 using tav::libs::core::timestamp;
@@ -32,20 +34,36 @@ private:
 
 } // namespace
 
-// The text that printf would print; empty if the arguments cannot be converted.
-static __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
-{
-    va_list measured;
-    va_copy(measured, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    if (length < 0)
-        return {};
-    std::string text(static_cast<size_t>(length), '\0');
-    // The terminating zero goes where the string keeps its own.
-    (void)std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    return text;
-}
+namespace {
+
+// The text that printf would print; empty if the arguments cannot be converted. Nearly all find room on the stack.
+class formatted_text {
+public:
+    __attribute__((format(printf, 2, 0))) formatted_text(const char* format, va_list arguments)
+    {
+        va_list again;
+        va_copy(again, arguments);
+        const int length = std::vsnprintf(m_usual.data(), m_usual.size(), format, arguments);
+        if (length >= static_cast<int>(m_usual.size())) {
+            m_long.resize(static_cast<size_t>(length));
+            // The terminating zero goes where the string keeps its own.
+            (void)std::vsnprintf(m_long.data(), m_long.size() + 1, format, again);
+            m_text = m_long;
+        } else if (length > 0)
+            m_text = {m_usual.data(), static_cast<size_t>(length)};
+        va_end(again);
+    }
+    formatted_text(const formatted_text&) = delete;
+    formatted_text& operator=(const formatted_text&) = delete;
+    std::string_view view() const { return m_text; }
+
+private:
+    std::array<char, 1024> m_usual; // not cleared: what is read is written
+    std::string m_long;
+    std::string_view m_text;
+};
+
+} // namespace
 
 // When there is no memory for the record, it is lost, and the system log says so: whoever has to report just
 // that must not end the process with it.
@@ -64,8 +82,9 @@ static __attribute__((format(printf, 3, 0))) void
 write_record(const component_logger& component, int log_level, const char* format, va_list arguments,
              const std::optional<timestamp>& time = {}) noexcept
 {
-    write_or_lose(component, log_level,
-                  [&] { component.write(log_level, formatted(format, arguments), format, time); });
+    write_or_lose(component, log_level, [&] {
+        component.write(log_level, formatted_text{format, arguments}.view(), format, time);
+    });
 }
 
 static void report_failed_connect(const component_logger& component, const zmq::error_t& failure) noexcept

@@ -4,8 +4,6 @@
 
 #include <syslog.h>
 
-#include <utility>
-
 namespace tav::libs::core {
 
 static constexpr size_t blanks_per_level = 4;
@@ -44,20 +42,31 @@ bool component_logger::is_debug_wanted() const
 
 // All output happens here. The broker always sees date and indentation; the system log dates its
 // lines by itself and gets them only while it is used for debugging.
-void component_logger::write(int log_level, std::string text, const char* kind,
+void component_logger::write(int log_level, std::string_view text, const char* kind,
                              const std::optional<timestamp>& time) const
 {
     const bool is_debug = m_logger.is_debug();
     const bool is_publishing = m_logger.is_publishing();
-    std::string line;
-    if (is_debug || is_publishing) {
-        const timestamp at = time ? *time : timestamp::current_time();
-        line = at.to_iso_8601(true, ' ', false) + " " + indent() + text;
-    }
-    const std::string record = is_publishing ? m_zmq_prefix + line : std::string();
-    m_logger.write_to_system_log(log_level, std::move(is_debug ? line : text), kind);
+    std::string record;
+    if (is_debug || is_publishing)
+        record = dated_record(text, time ? *time : timestamp::current_time());
+    const std::string_view line = is_debug ? std::string_view(record).substr(m_zmq_prefix.size()) : text;
+    m_logger.write_to_system_log(log_level, line, kind);
     if (is_publishing)
         m_logger.publish(record);
+}
+
+// As the broker gets it, composed in one piece of memory; behind the prefix it is a line of the system log.
+std::string component_logger::dated_record(std::string_view text, const timestamp& time) const
+{
+    std::string record;
+    record.reserve(m_zmq_prefix.size() + timestamp::usual_size + 1 + text.size());
+    record += m_zmq_prefix;
+    time.append_iso_8601(record, true, ' ', false);
+    record += ' ';
+    if (m_indent.load(std::memory_order_relaxed) != 0)
+        record += indent();
+    return record += text;
 }
 
 void component_logger::lose(int log_level) const

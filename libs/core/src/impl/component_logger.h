@@ -44,7 +44,7 @@ public:
 
     // Writes one record, dated now unless told otherwise. Records of one kind share that pointer (see
     // rate_limit). Throws std::bad_alloc, and then nothing of it is written.
-    void write(int log_level, std::string text, const char* kind,
+    void write(int log_level, std::string_view text, const char* kind,
                const std::optional<timestamp>& time = {}) const;
 
     // Counts one record as lost for want of memory; the system log will say so, if it is a line of it.
@@ -68,6 +68,7 @@ public:
     void log_error(const boost::system::error_code& error, const source_location& location) const;
 
 private:
+    std::string dated_record(std::string_view text, const timestamp& time) const;
     std::string indent() const;
     [[nodiscard]] scope_guard_ptr deepen() const;
 

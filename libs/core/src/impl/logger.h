@@ -22,7 +22,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace tav::libs::core {
 
@@ -65,9 +64,9 @@ public:
     bool is_wanted(int log_level) const { return log_level != LOG_DEBUG || is_debug_wanted(); }
 
     // One line to the system log, of this kind (see rate_limit). Never waits.
-    void write_to_system_log(int log_level, std::string line, const char* kind)
+    void write_to_system_log(int log_level, std::string_view line, const char* kind)
     {
-        m_system_log.write(log_level, std::move(line), kind);
+        m_system_log.write(log_level, line, kind);
     }
 
     // Counts a record of this level that there is no memory for. Needs none itself.

@@ -157,10 +157,11 @@ void system_log::lose(int priority)
     m_state->work.notify_one();
 }
 
-void system_log::write(int priority, std::string line, const void* kind)
+void system_log::write(int priority, std::string_view text, const void* kind)
 {
     if (!takes(priority))
         return;
+    std::string line(text); // not under the lock
     const auto now = steady_clock::now();
     const rtls::mutex_guard lock(m_state->mutex);
     if (!m_state->rate.admits(kind, now)) {

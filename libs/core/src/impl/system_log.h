@@ -21,7 +21,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <string_view>
 
 namespace tav::libs::core {
@@ -56,7 +55,7 @@ public:
 
     // One line. Debug lines that the mask would not let pass do not count as lines.
     // kind: see rate_limit.
-    void write(int priority, std::string line, const void* kind);
+    void write(int priority, std::string_view text, const void* kind);
 
     // Counts a line for which there is no memory, as write() would have taken it. Needs none itself.
     void lose(int priority);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <ctime>
 #include <limits>
 
@@ -39,23 +38,58 @@ unsigned int timestamp::get_ms() const
     return static_cast<unsigned int>((m_time_point - std::chrono::floor<seconds>(m_time_point)).count());
 }
 
+namespace {
+
+// A second's date and time of day.
+struct second_text {
+    explicit second_text(std::time_t second) : of(second)
+    {
+        std::tm utc{};
+        gmtime_r(&second, &utc);
+        size = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &utc);
+    }
+
+    std::time_t of;
+    std::array<char, 25> text{};
+    size_t size;
+};
+
+} // namespace
+
+// A thread's records come many to a second, and taking a time apart costs more than all the rest of one, with a
+// lock of libc's.
+static const second_text& text_of_second(std::time_t second)
+{
+    static thread_local second_text last(second);
+    if (last.of != second)
+        last = second_text(second);
+    return last;
+}
+
 std::string timestamp::to_iso_8601(bool with_milliseconds, char separator, bool with_zone_mark) const
 {
-    const std::time_t whole_seconds = get_ts();
-    std::tm utc{};
-    gmtime_r(&whole_seconds, &utc);
-    std::array<char, 25> date{};
-    std::string text(date.data(), std::strftime(date.data(), date.size(), "%Y-%m-%d %H:%M:%S", &utc));
-    if (text.size() > separator_index)
-        text[separator_index] = separator;
+    std::string text;
+    append_iso_8601(text, with_milliseconds, separator, with_zone_mark);
+    return text;
+}
+
+void timestamp::append_iso_8601(std::string& text, bool with_milliseconds, char separator,
+                                bool with_zone_mark) const
+{
+    const second_text& date = text_of_second(get_ts());
+    const size_t begin = text.size();
+    text.append(date.text.data(), date.size);
+    if (date.size > separator_index)
+        text[begin + separator_index] = separator;
     if (with_milliseconds) {
-        std::array<char, sizeof ".000"> fraction{};
-        (void)std::snprintf(fraction.data(), fraction.size(), ".%03u", get_ms());
-        text += fraction.data();
+        const unsigned after_second = get_ms();
+        const auto digit = [](unsigned value) { return static_cast<char>('0' + value % 10); };
+        const char fraction[] = {'.', digit(after_second / 100), digit(after_second / 10),
+                                 digit(after_second)};
+        text.append(fraction, sizeof fraction);
     }
     if (with_zone_mark)
         text += 'Z';
-    return text;
 }
 
 } // namespace tav::libs::core

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 namespace tav::libs::core {
@@ -27,6 +28,12 @@ public:
     // "2024-05-01 13:07:02" in UTC with `separator` between date and time; optionally followed by
     // ".045" and by "Z".
     std::string to_iso_8601(bool with_milliseconds, char separator, bool with_zone_mark) const;
+    // The same behind what is in `text` already.
+    void append_iso_8601(std::string& text, bool with_milliseconds, char separator,
+                         bool with_zone_mark) const;
+
+    // Of the text without the zone mark, in years of four digits.
+    static constexpr size_t usual_size = sizeof "2024-05-01 13:07:02.045" - 1;
 
 private:
     std::chrono::time_point<std::chrono::system_clock, duration> m_time_point;
