@@ -193,7 +193,7 @@ dbg_print_ts_impl(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t se
     }
 }
 
-static thread_local bool dbg_is_held = false;
+static constinit thread_local bool dbg_is_held = false;
 static shared_counter held_lines;
 
 void dbg_hold(bool is_held) noexcept
@@ -208,44 +208,53 @@ enum class log_wants : uint8_t { unasked, records, none };
 
 } // namespace
 
-static thread_local unsigned dbg_turns = 0;
-static thread_local log_wants log_in_turn = log_wants::unasked;
+static constinit thread_local unsigned dbg_turns = 0;
+static constinit thread_local log_wants log_in_turn = log_wants::unasked; // as it always is outside of turns
 
 dbg_turn::dbg_turn() noexcept
 {
-    if (dbg_turns++ == 0)
-        log_in_turn = log_wants::unasked;
+    ++dbg_turns;
 }
 
 dbg_turn::~dbg_turn()
 {
-    --dbg_turns;
+    if (--dbg_turns == 0)
+        log_in_turn = log_wants::unasked;
 }
 
-static bool has_log(dbg_section_t section)
+// Not inlined: the question below is asked for each line, and nearly always answered already.
+[[gnu::noinline]] static bool ask_log(dbg_section_t section)
 {
-    if (dbg_turns == 0)
-        return logger_debug_is_wanted(section_logger(section));
-    if (log_in_turn == log_wants::unasked)
-        log_in_turn = logger_debug_is_wanted(section_logger(section)) ? log_wants::records : log_wants::none;
-    return log_in_turn == log_wants::records;
+    const bool wants = logger_debug_is_wanted(section_logger(section));
+    if (dbg_turns > 0)
+        log_in_turn = wants ? log_wants::records : log_wants::none;
+    return wants;
 }
 
-static bool has_listener(dbg_section_t section)
+static inline bool has_listener(dbg_section_t section)
 {
-    return is_streamed(section) || has_log(section);
+    if (is_streamed(section) || log_in_turn == log_wants::records)
+        return true;
+    return log_in_turn == log_wants::unasked && ask_log(section);
 }
 
 bool dbg_is_heard(dbg_section_t section)
 {
-    return !dbg_is_held && has_listener(section);
+    return has_listener(section) && !dbg_is_held;
+}
+
+static inline bool is_wanted(dbg_section_t section)
+{
+    if (!has_listener(section))
+        return false;
+    if (dbg_is_held)
+        held_lines.add();
+    return !dbg_is_held;
 }
 
 bool dbg_is_wanted(dbg_section_t section)
 {
-    if (dbg_is_held && has_listener(section))
-        held_lines.add();
-    return dbg_is_heard(section);
+    return is_wanted(section);
 }
 
 tav_timestamp_t get_current_time(void)
@@ -257,7 +266,7 @@ tav_timestamp_t get_current_time(void)
 
 void dbg_print(zsock_t* dbg_sock, dbg_section_t section, const char* channel, const char* format, ...)
 {
-    if (!dbg_is_wanted(section))
+    if (!is_wanted(section))
         return;
     va_list args;
     va_start(args, format);
@@ -268,7 +277,7 @@ void dbg_print(zsock_t* dbg_sock, dbg_section_t section, const char* channel, co
 void dbg_print_ts(zsock_t* dbg_sock, tav_timestamp_t timestamp, dbg_section_t section, const char* channel,
                   const char* format, ...)
 {
-    if (!dbg_is_wanted(section))
+    if (!is_wanted(section))
         return;
     va_list args;
     va_start(args, format);
