@@ -1,8 +1,8 @@
 #include "wire/report_texts.h"
 
-#include <algorithm>
 #include <cassert>
 #include <charconv>
+#include <cstring>
 #include <string_view>
 
 namespace rtls {
@@ -24,13 +24,24 @@ public:
     text_writer& text(std::string_view part)
     {
         assert(m_size + part.size() <= m_out.size());
-        std::copy(part.begin(), part.end(), m_out.data() + m_size);
+        std::memcpy(m_out.data() + m_size, part.data(), part.size());
         m_size += part.size();
         return *this;
     }
 
     template <typename Number>
-    text_writer& number(Number value, size_t width = 0)
+    text_writer& number(Number value)
+    {
+        char* const begin = m_out.data() + m_size;
+        [[maybe_unused]] const auto [end, error] = std::to_chars(begin, m_out.data() + m_out.size(), value);
+        assert(error == std::errc{});
+        m_size += static_cast<size_t>(end - begin);
+        return *this;
+    }
+
+    // Behind blanks up to the width.
+    template <typename Number>
+    text_writer& number(Number value, size_t width)
     {
         char digits[24];
         const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
@@ -55,12 +66,14 @@ public:
     // Lower case, two digits a byte: how the servers write MACs.
     text_writer& mac(const uint8_t* six_bytes)
     {
-        char digits[2 * six_byte_mac];
+        assert(m_size + 2 * six_byte_mac <= m_out.size());
+        char* digits = m_out.data() + m_size;
         for (size_t i = 0; i < six_byte_mac; i++) {
-            digits[2 * i] = "0123456789abcdef"[six_bytes[i] >> 4];
-            digits[2 * i + 1] = "0123456789abcdef"[six_bytes[i] & 0x0F];
+            *digits++ = "0123456789abcdef"[six_bytes[i] >> 4];
+            *digits++ = "0123456789abcdef"[six_bytes[i] & 0x0F];
         }
-        return text({digits, sizeof digits});
+        m_size += 2 * six_byte_mac;
+        return *this;
     }
 
     size_t size() const { return m_size; }
