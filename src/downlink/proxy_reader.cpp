@@ -114,20 +114,20 @@ static void process_text(WIN_SERVER_t& server, std::string_view text, timeval no
 }
 
 // Of a text, what is before its first zero, if it has any.
-static std::string_view text_of(message_part& part)
+static std::string_view text_of(bytes_view message)
 {
-    const char* text = reinterpret_cast<const char*>(part.data());
-    return {text, strnlen(text, part.size())};
+    const char* text = reinterpret_cast<const char*>(message.data());
+    return {text, strnlen(text, message.size())};
 }
 
-static void handle_message(WIN_SERVER_t& server, message_part& part, timeval now)
+static void handle_message(WIN_SERVER_t& server, bytes_view message, timeval now)
 {
-    if (part.size() > text_limit) {
+    if (message.size() > text_limit) {
         refuse(server, command_outcome::malformed);
-        logger_error(g_logger, "%s: a text of %zu bytes is too long!", reader_name, part.size());
+        logger_error(g_logger, "%s: a text of %zu bytes is too long!", reader_name, message.size());
         return;
     }
-    const std::string_view text = text_of(part);
+    const std::string_view text = text_of(message);
     dbg_print(server.dbg_client_sock, DBG_RAW, "PROXY_RAW_INPUT", "%.*s", static_cast<int>(text.size()),
               text.data());
     process_text(server, text, now);
@@ -154,8 +154,9 @@ int handle_pub_sub_proxy(zloop_t* /*loop*/, zsock_t* reader, void* p_server) noe
     do {
         timeval now{};
         gettimeofday(&now, nullptr);
-        call.note(part.size(), now);
-        handle_message(*server, part, now);
+        const bytes_view message = part.bytes(); // asked of the library once
+        call.note(message.size(), now);
+        handle_message(*server, message, now);
     } while (!call.is_over() && part.receive(socket));
     return 0;
 }
