@@ -155,10 +155,11 @@ static delivery send_or_cache(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_
         offer_unsent(server, client);
         return done;
     }
-    const size_t sent = send_in_pieces(server, frame_bytes(client.id), encoded);
+    const bytes_view identity = frame_bytes(client.id); // asked of the frame once
+    const size_t sent = send_in_pieces(server, identity, encoded);
     if (sent == encoded.size()) {
         server.counts.bridge_messages_sent.add();
-        print_output(server, frame_bytes(client.id), encoded);
+        print_output(server, identity, encoded);
         return delivery::sent;
     }
     const delivery done = cache(server, client, encoded);
