@@ -59,8 +59,9 @@ static void learn_bridge_mac(link_frame& frame, const char* source, const uint8_
 static message_outcome handle_panid_req(link_frame& frame)
 {
     const uint8_t* mac = &frame.msg[gwMsgPrefixRequest_t::ieee_addr];
-    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
-                 "MSG_PANID_REQ %02x MAC : %s", *frame.seq_no(), octets_mac_text{mac}.c_str());
+    if (dbg_is_wanted(DBG_PARSING))
+        dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                     "MSG_PANID_REQ %02x MAC : %s", *frame.seq_no(), octets_mac_text{mac}.c_str());
     learn_bridge_mac(frame, "PANID_REQ", mac);
     if (const auto refusal = refresh_node(frame, mac))
         return *refusal;
@@ -76,9 +77,10 @@ static message_outcome handle_announce_root(link_frame& frame)
 {
     const uint8_t* mac = &frame.msg[gwMsgRootAnnounce_t::ieee_addr];
     const uint16_t prefix = load_le16(frame.msg, gwMsgRootAnnounce_t::rplPrefix);
-    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
-                 "MSG_ANNOUNCE_ROOT_IND: %02x PREF: %04X VER: %d MAC : %s", *frame.seq_no(), prefix,
-                 frame.msg[gwMsgRootAnnounce_t::rpl_version], octets_mac_text{mac}.c_str());
+    if (dbg_is_wanted(DBG_PARSING))
+        dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                     "MSG_ANNOUNCE_ROOT_IND: %02x PREF: %04X VER: %d MAC : %s", *frame.seq_no(), prefix,
+                     frame.msg[gwMsgRootAnnounce_t::rpl_version], octets_mac_text{mac}.c_str());
     if (const auto refusal = refresh_node(frame, mac))
         return *refusal;
     store_be16(frame.msg, gwMsgGeneric_t::msgType, frame.type);
@@ -244,8 +246,9 @@ static_assert(wrap_ts::least_frame >= wrap_ts::size + msgGeneric_t::size);
 static void echo_ping(link_frame& frame)
 {
     const uint8_t* mac = frame.client.mac_addr;
-    dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
-                 "MSG_PING %02x MAC : %s", *frame.seq_no(), octets_mac_text{mac}.c_str());
+    if (dbg_is_wanted(DBG_PARSING))
+        dbg_print_ts(frame.server.dbg_client_sock, frame.input_time, DBG_PARSING, "SLIP",
+                     "MSG_PING %02x MAC : %s", *frame.seq_no(), octets_mac_text{mac}.c_str());
     data_to_win_client(&frame.server, frame.client.id, frame.client.pending_data,
                        frame.client.pending_data_size);
 }
