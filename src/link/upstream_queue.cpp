@@ -60,6 +60,21 @@ void upstream_queue::lose_torn()
     m_watch.refused(m_function, m_call);
 }
 
+void upstream_queue::handed_whole()
+{
+    m_counts.at_once.add();
+    accepted();
+}
+
+// What is refused is offered again, with the usual looks at the queue.
+void upstream_queue::send(void* socket, bytes_view first, message_part& second, bool may_wait)
+{
+    if (!is_waiting() && !m_watch.is_overflowing() && send_copy(socket, first, true))
+        return second.send(socket) ? handed_whole() : lose_torn();
+    message_part made{first};
+    send(socket, made, &second, may_wait);
+}
+
 void upstream_queue::send(void* socket, message_part& first, message_part* second, bool may_wait)
 {
     if (is_waiting() && keep(first, second)) // in order
@@ -69,10 +84,8 @@ void upstream_queue::send(void* socket, message_part& first, message_part* secon
         return lose(upstream_loss::overflow);
     }
     const handed done = send_whole(first, second, socket);
-    if (done == handed::whole) {
-        m_counts.at_once.add();
-        return accepted();
-    }
+    if (done == handed::whole)
+        return handed_whole();
     if (done == handed::a_part)
         return lose_torn();
     if (errno == EAGAIN && may_wait && !m_watch.is_overflowing() && m_allowance.has_any(now_ms()) &&

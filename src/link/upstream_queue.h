@@ -79,6 +79,9 @@ public:
     // what a full queue refuses waits; ask is_waiting().
     void send(void* socket, message_part& first, message_part* second, bool may_wait);
 
+    // The same with a first part of a few bytes (inline_part_size), for which no part is made unless they wait.
+    void send(void* socket, bytes_view first, message_part& second, bool may_wait);
+
     // A message could not even be made.
     void lose_unmade() { m_counts.lost[upstream_loss::out_of_memory].add(); }
 
@@ -110,6 +113,7 @@ private:
     enum class handed : uint8_t { whole, nothing, a_part };
 
     handed send_whole(message_part& first, message_part* second, void* socket);
+    void handed_whole();
     uint64_t drain(void* socket);
     void note_late(uint64_t number);
     void accepted();

@@ -11,10 +11,13 @@
 namespace rtls {
 
 // Nothing waits for a server that is not there, or where there is no loop to end the wait.
-static void hand_over(WIN_SERVER_t& server, upstream_queue& queue, const link_watch& link, zsock_t* sock,
-                      message_part& first, message_part* second)
+static bool may_wait(const WIN_SERVER_t& server, const link_watch& link)
 {
-    queue.send(zsock_resolve(sock), first, second, server.actor_loop && link.is_reached());
+    return server.actor_loop && link.is_reached();
+}
+
+static void pause_if_waiting(WIN_SERVER_t& server, const upstream_queue& queue)
+{
     if (queue.is_waiting())
         intake_pause(server);
 }
@@ -36,18 +39,16 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
     print_raw_output(server, {data, size});
 
     const timestamp_bytes time = timestamp_frame(seconds, milliseconds);
-    message_part time_part{time.size()};
-    message_part data_part{size};
-    if (!time_part.is_made() || !data_part.is_made()) {
+    static_assert(time.size() <= inline_part_size); // its part cannot fail
+    message_part data_part{bytes_view{data, size}};
+    if (!data_part.is_made()) {
         server->to_handler.lose_unmade();
         log_call_error(__func__, "zframe_new");
         return;
     }
-    std::memcpy(time_part.data(), time.data(), time.size());
-    std::memcpy(data_part.data(), data, size);
-
-    hand_over(*server, server->to_handler, server->msg_handler_link, server->msg_handler_sock, time_part,
-              &data_part);
+    server->to_handler.send(zsock_resolve(server->msg_handler_sock), time, data_part,
+                            may_wait(*server, server->msg_handler_link));
+    pause_if_waiting(*server, server->to_handler);
 }
 
 void win_management_to_server(WIN_SERVER_t* server, const char* text)
@@ -73,8 +74,9 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text)
                  reinterpret_cast<const char*>(line.data()));
 
     // Peers take the line's end from the frame's: there is no terminating zero.
-    hand_over(*server, server->to_proxy_input, server->proxy_input_link, server->proxy_input_sock, line,
-              nullptr);
+    server->to_proxy_input.send(zsock_resolve(server->proxy_input_sock), line, nullptr,
+                                may_wait(*server, server->proxy_input_link));
+    pause_if_waiting(*server, server->to_proxy_input);
 }
 
 // At the start, too, when a socket could not be opened.

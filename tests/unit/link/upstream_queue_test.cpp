@@ -27,13 +27,23 @@ thread_local const char* goes_away_after_a_part = nullptr;
 
 } // namespace rtls
 
-extern "C" int zmq_msg_send(zmq_msg_t* message, void* socket, int flags)
+static int noted(int sent, void* socket, int flags)
 {
-    const auto send = reinterpret_cast<decltype(zmq_msg_send)*>(dlsym(RTLD_NEXT, "zmq_msg_send"));
-    const int sent = send(message, socket, flags);
     if (sent >= 0 && (flags & ZMQ_SNDMORE) != 0 && rtls::goes_away_after_a_part)
         zmq_disconnect(socket, std::exchange(rtls::goes_away_after_a_part, nullptr));
     return sent;
+}
+
+extern "C" int zmq_send(void* socket, const void* bytes, size_t size, int flags)
+{
+    const auto send = reinterpret_cast<decltype(zmq_send)*>(dlsym(RTLD_NEXT, "zmq_send"));
+    return noted(send(socket, bytes, size, flags), socket, flags);
+}
+
+extern "C" int zmq_msg_send(zmq_msg_t* message, void* socket, int flags)
+{
+    const auto send = reinterpret_cast<decltype(zmq_msg_send)*>(dlsym(RTLD_NEXT, "zmq_msg_send"));
+    return noted(send(message, socket, flags), socket, flags);
 }
 
 namespace rtls {
@@ -81,9 +91,8 @@ public:
     void send(uint8_t number, bool waits)
     {
         const uint8_t bytes[] = {number};
-        message_part first{bytes_view{bytes}};
         message_part second{bytes_view{bytes}};
-        queue.send(socket(), first, &second, waits);
+        queue.send(socket(), bytes_view{bytes}, second, waits);
     }
 
     // Fills the library's queue, and says how many messages that takes.

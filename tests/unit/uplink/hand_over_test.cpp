@@ -42,7 +42,7 @@ bool is_free(NODES_CONTAINER_t* nodes)
 
 } // namespace rtls
 
-extern "C" int zmq_msg_send(zmq_msg_t* message, void* socket, int flags)
+static void note_send()
 {
     using namespace rtls;
     if (NODES_CONTAINER_t* nodes = sending().nodes) {
@@ -50,6 +50,17 @@ extern "C" int zmq_msg_send(zmq_msg_t* message, void* socket, int flags)
         if (!is_free(nodes))
             ++sending().under_the_lock;
     }
+}
+
+extern "C" int zmq_send(void* socket, const void* bytes, size_t size, int flags)
+{
+    note_send();
+    return reinterpret_cast<decltype(zmq_send)*>(dlsym(RTLD_NEXT, "zmq_send"))(socket, bytes, size, flags);
+}
+
+extern "C" int zmq_msg_send(zmq_msg_t* message, void* socket, int flags)
+{
+    note_send();
     return reinterpret_cast<decltype(zmq_msg_send)*>(dlsym(RTLD_NEXT, "zmq_msg_send"))(message, socket,
                                                                                        flags);
 }
