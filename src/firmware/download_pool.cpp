@@ -86,9 +86,9 @@ bool download_pool::may_begin(const job& waiting) const
 {
     if (waiting.ordered_by == customer::operators && m_running_of_operators >= most_threads_for_operators)
         return false;
-    return waiting.lane.empty() ||
-           std::none_of(m_running.begin(), m_running.end(),
-                        [&](const job& running) { return running.lane == waiting.lane; });
+    return waiting.lane.empty() || std::none_of(m_running.begin(), m_running.end(), [&](const job& running) {
+               return running.lane == waiting.lane;
+           });
 }
 
 // The first order that may begin becomes the last of those that run. Throws nothing: an order that was taken

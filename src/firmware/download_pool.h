@@ -76,8 +76,8 @@ private:
     std::condition_variable_any m_changed;
     job_list m_waiting RTLS_GUARDED_BY(m_mutex);
     job_list m_running RTLS_GUARDED_BY(m_mutex); // one a thread at most
-    size_t m_idle RTLS_GUARDED_BY(m_mutex) = 0; // threads
-    load m_load RTLS_GUARDED_BY(m_mutex);       // but for what waits and runs
+    size_t m_idle RTLS_GUARDED_BY(m_mutex) = 0;  // threads
+    load m_load RTLS_GUARDED_BY(m_mutex);        // but for what waits and runs
     size_t m_waiting_of_operators RTLS_GUARDED_BY(m_mutex) = 0;
     size_t m_running_of_operators RTLS_GUARDED_BY(m_mutex) = 0;
     bool m_is_ending RTLS_GUARDED_BY(m_mutex) = false;
