@@ -86,7 +86,7 @@ static std::string type_text(const message_set& set, const message_layout& row)
     return text;
 }
 
-static void add_set(std::string title, const message_set& set, std::string& text);
+static void add_set(const std::string& title, const message_set& set, std::string& text);
 
 // The messages within that are not this set itself.
 static void add_inner_sets(const message_set& set, std::string& text)
@@ -100,7 +100,7 @@ static void add_inner_sets(const message_set& set, std::string& text)
             }
 }
 
-static void add_set(std::string title, const message_set& set, std::string& text)
+static void add_set(const std::string& title, const message_set& set, std::string& text)
 {
     text += title + (title.empty() ? "" : "\n\n") + table_head;
     text += parts_text("in front of each", set.head);

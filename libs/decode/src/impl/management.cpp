@@ -114,7 +114,7 @@ encoded encode_line(const decoded& message)
         return {{}, "the fields seconds and milliseconds are no time"};
     if (message.kind != "route_request" && message.kind != "ul_tdoa")
         return {{}, "no management line is called " + message.kind};
-    const encoded request = request_of(message);
+    encoded request = request_of(message);
     if (!request.is_valid())
         return request;
     std::array<char, management_head_limit> head{};
