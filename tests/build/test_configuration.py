@@ -1,6 +1,7 @@
 """What the build does with its options, seen in trees of its own that are configured for it."""
 import json
 import pathlib
+import re
 
 import pytest
 from conftest import ROOT, cache_of, run
@@ -72,6 +73,8 @@ def test_is_fortified_where_it_is_optimized(tmp_path, build_type, is_fortified):
 
 def test_every_source_is_built(build):
     compiled = {entry["file"] for entry in json.loads((build.folder / "compile_commands.json").read_text())}
+    for united in [path for path in compiled if "/Unity/" in path]:
+        compiled |= set(re.findall('^#include "(.*)"', pathlib.Path(united).read_text(), re.M))
     folders = ["src", "libs/core/src", "libs/decode", "tests/unit", "tests/support", "tools"]
     sources = {str(path) for folder in folders for path in (ROOT / folder).rglob("*.cpp")}
     assert len(sources) > 100
