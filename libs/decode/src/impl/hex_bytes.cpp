@@ -1,5 +1,7 @@
 #include "impl/hex_bytes.h"
 
+#include <charconv>
+
 namespace rtls::decode {
 
 std::string hex_of(bytes_view bytes)
@@ -14,15 +16,6 @@ std::string hex_of(bytes_view bytes)
     return text;
 }
 
-static int digit_of(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
 std::optional<std::vector<uint8_t>> bytes_of_hex(std::string_view text)
 {
     std::vector<uint8_t> bytes;
@@ -30,9 +23,12 @@ std::optional<std::vector<uint8_t>> bytes_of_hex(std::string_view text)
     while (!text.empty()) {
         if (text.front() == ':' && !bytes.empty())
             text.remove_prefix(1);
-        if (text.size() < 2 || digit_of(text[0]) < 0 || digit_of(text[1]) < 0)
+        if (text.size() < 2)
             return std::nullopt;
-        bytes.push_back(static_cast<uint8_t>(digit_of(text[0]) << 4 | digit_of(text[1])));
+        uint8_t& byte = bytes.emplace_back();
+        const char* const end = text.data() + 2;
+        if (std::from_chars(text.data(), end, byte, 16).ptr != end)
+            return std::nullopt;
         text.remove_prefix(2);
     }
     return bytes;
