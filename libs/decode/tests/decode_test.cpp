@@ -183,7 +183,8 @@ TEST(decode_command_text, is_hex_whose_odd_digit_is_dropped)
 {
     EXPECT_EQ(bytes_of_command("0aFf1"), (std::vector<uint8_t>{0x0A, 0xFF}));
     EXPECT_TRUE(bytes_of_command("0aF:ff").empty());
-    EXPECT_TRUE(bytes_of_command("0g").empty());
+    for (const char* text : {"0g", "g0", "-1", "+1", " 1", "0x", ":00", "00 01"})
+        EXPECT_TRUE(bytes_of_command(text).empty()) << text;
     EXPECT_EQ(text_of_command(std::vector<uint8_t>{0x0A, 0xFF, 0x19}), "0AFF19");
 }
 
