@@ -3,12 +3,15 @@ import contextlib
 import ctypes
 import os
 import pathlib
+import time
 
 _libc = ctypes.CDLL(None, use_errno=True)
 _libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
 _libc.ptrace.restype = ctypes.c_long
-DETACH, SEIZE, INTERRUPT = 17, 0x4206, 0x4207
+CONTINUE, DETACH, SEIZE, INTERRUPT = 7, 17, 0x4206, 0x4207
 WALL = 0x40000000
+WAITS = {7, 219, 232, 271, 281}     # poll, restart_syscall, epoll_wait, ppoll, epoll_pwait on x86-64
+DEADLINE = 20.0
 
 
 def thread_of(pid: int, name: str) -> int:
@@ -24,14 +27,27 @@ def _ptrace(request: int, thread: int):
         raise OSError(error, os.strerror(error))
 
 
+def _stop_where_it_waits(pid: int, thread: int):
+    """Stops the thread in its loop's wait; elsewhere it may hold a lock, of the allocator too, that the others need."""
+    end = time.monotonic() + DEADLINE
+    while True:
+        _ptrace(INTERRUPT, thread)
+        os.waitpid(thread, WALL)
+        call = pathlib.Path(f"/proc/{pid}/task/{thread}/syscall").read_text().split()[0]
+        if call.isdigit() and int(call) in WAITS:
+            return
+        assert time.monotonic() < end, f"the thread is never at rest, but in call {call}"
+        _ptrace(CONTINUE, thread)
+        time.sleep(0.001)    # nothing tells of a thread that begins to wait
+
+
 @contextlib.contextmanager
 def frozen(pid: int, name: str):
     """Stops the thread as a debugger does; its libraries' own threads still accept, read and close."""
     thread = thread_of(pid, name)
     _ptrace(SEIZE, thread)
     try:
-        _ptrace(INTERRUPT, thread)
-        os.waitpid(thread, WALL)
+        _stop_where_it_waits(pid, thread)
         yield
     finally:
         _ptrace(DETACH, thread)
