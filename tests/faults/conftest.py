@@ -9,7 +9,7 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "e2e"))
 
 from figure_groups import FIGURE_GROUPS  # noqa: E402
-from harness.fixtures import gateway, start_gateway  # noqa: E402, F401
+from harness.fixtures import gateway, http_port, start_gateway  # noqa: E402, F401
 from network import Namespaces  # noqa: E402
 
 

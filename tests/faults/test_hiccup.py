@@ -8,6 +8,8 @@ import pytest
 import zmq
 
 from harness import wire
+from harness.figures import Figures
+from harness.http_client import with_http
 from harness.peers import wait_until
 from test_bridges import Honest
 
@@ -22,9 +24,9 @@ def overflows(gateway) -> list:
     return [line for line in gateway.syslog() if "Overflow" in line or "Exemption" in line]
 
 
-def flooded(start_gateway) -> tuple:
+def flooded(start_gateway, **more) -> tuple:
     """A gateway, a handler that is connected and takes as little as it can, a bridge that floods, an honest one."""
-    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"))
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"), **more)
     handler = gateway.context.socket(zmq.PULL)
     handler.setsockopt(zmq.RCVHWM, 1)
     handler.setsockopt(zmq.RCVBUF, 4096)
@@ -57,13 +59,18 @@ def test_what_waits_in_tcp_during_a_pause_reaches_the_handler(gateway, pauses, r
     assert overflows(gateway) == []
 
 
-def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, figure):
-    gateway, handler, flooding, honest = flooded(start_gateway)
+def waited_in_vain(port: int) -> int:
+    return Figures(port)["reports_lost_total", {"queue": "message_handler", "cause": "waited_in_vain"}]
+
+
+def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, http_port, figure):
+    gateway, handler, flooding, honest = flooded(start_gateway, change=with_http(http_port))
     deadline = time.monotonic() + 20
     while not overflows(gateway):   # fills what TCP holds, then the queue
         assert time.monotonic() < deadline, "the queue is never full"
         flooding.send(CHUNK)
         flooding.barrier()
+    in_vain = waited_in_vain(http_port)
     waits = []
     for _ in range(100):
         flooding.send(CHUNK)
@@ -73,6 +80,7 @@ def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, figure):
     handler.close(0)
     figure("a ping beside a handler that reads nothing, median (worst)", "-",
            f"{sorted(waits)[50] * 1000:.1f} ms ({max(waits) * 1000:.0f} ms)")
+    assert waited_in_vain(http_port) == in_vain, "an overflow is waited for once, at its begin"
     assert sorted(waits)[90] < 0.05 and max(waits) < 0.5, f"a ping waited {max(waits) * 1000:.0f} ms"
 
 
