@@ -9,7 +9,7 @@ import zmq
 
 from harness import wire
 from harness.figures import Figures
-from harness.http_client import with_http
+from harness.http_client import get, with_http
 from harness.peers import wait_until
 from test_bridges import Honest
 
@@ -24,13 +24,14 @@ def overflows(gateway) -> list:
     return [line for line in gateway.syslog() if "Overflow" in line or "Exemption" in line]
 
 
-def flooded(start_gateway, **more) -> tuple:
+def flooded(start_gateway, port: int) -> tuple:
     """A gateway, a handler that is connected and takes as little as it can, a bridge that floods, an honest one."""
-    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"), **more)
+    gateway = start_gateway(upstream=("broker", "proxy", "proxy_input"), change=with_http(port))
     handler = gateway.context.socket(zmq.PULL)
     handler.setsockopt(zmq.RCVHWM, 1)
     handler.setsockopt(zmq.RCVBUF, 4096)
     handler.bind(gateway._endpoint("handler"))
+    wait_until(lambda: get(port, "/readyz").status == 200, "the links")    # else the queue is full of what nobody takes
     flooding, honest = gateway.bridge(BRIDGE), gateway.bridge(wire.mac(0xB002))
     flooding.introduce()
     honest.introduce()
@@ -64,7 +65,7 @@ def waited_in_vain(port: int) -> int:
 
 
 def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, http_port, figure):
-    gateway, handler, flooding, honest = flooded(start_gateway, change=with_http(http_port))
+    gateway, handler, flooding, honest = flooded(start_gateway, http_port)
     deadline = time.monotonic() + 20
     while not overflows(gateway):   # fills what TCP holds, then the queue
         assert time.monotonic() < deadline, "the queue is never full"
@@ -84,8 +85,8 @@ def test_a_handler_that_takes_nothing_holds_up_nobody(start_gateway, http_port, 
     assert sorted(waits)[90] < 0.05 and max(waits) < 0.5, f"a ping waited {max(waits) * 1000:.0f} ms"
 
 
-def test_a_handler_that_is_slow_delays_pings_for_a_moment_only(start_gateway, figure):
-    gateway, handler, flooding, _ = flooded(start_gateway)
+def test_a_handler_that_is_slow_delays_pings_for_a_moment_only(start_gateway, http_port, figure):
+    gateway, handler, flooding, _ = flooded(start_gateway, http_port)
     honest = Honest(gateway, wire.mac(0xB003))
     flooding.sock.setblocking(False)
     rest = b""
