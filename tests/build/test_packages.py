@@ -146,11 +146,11 @@ def test_the_user_of_the_unit_is_made(installed):
 
 # ---- configuration
 
-def test_the_configuration_is_the_sample_for_a_service_without_a_broker(installed):
+def test_the_configuration_is_the_sample_for_a_service(installed):
     differ = lines_that_differ((ROOT / "config/rtls-gateway.conf").read_text(),
                                (installed / "etc/rtls-gateway/rtls-gateway.conf").read_text())
     keys = [after for before, after in differ if not before.lstrip().startswith("#")]
-    assert keys == ["pidfile = /run/rtls-gateway/rtls-gateway.pid", "#   debug_broker_address = tcp://127.0.0.1:5558"]
+    assert keys == ["pidfile = /run/rtls-gateway/rtls-gateway.pid"]
 
 
 def test_the_check_finds_bridges_door_open_and_nothing_else(installed):

@@ -4,6 +4,7 @@ import os
 import signal
 import socket
 import subprocess
+import time
 
 import pytest
 
@@ -202,11 +203,13 @@ def test_an_occupied_discovery_port_ends_the_daemon(start_gateway):
     assert any("udp_new_connection: bind: 98" in line for line in daemon.syslog())
 
 
-def test_without_a_broker_address_it_runs_and_says_so_twice(start_gateway):
+def test_without_a_broker_address_it_runs_says_so_twice_and_stops_at_once(start_gateway):
     daemon = start_gateway(change=lambda tree: without(tree, "debug_broker_address"), upstream=())
     assert wait_until(lambda: errors_of(daemon, 2), "both errors") == [
         '3 rtls-gateway: Parameter "debug_broker_address" is not found in the configuration file!',
         "3 rtls-gateway: 'debug_broker_address' is not defined in the config file"]
+    began = time.monotonic()
+    assert daemon.stop() == 0 and time.monotonic() - began < 2.5, "there is no broker that records wait for"
 
 
 def test_debug_records_reach_the_broker_but_not_the_system_log(gateway):

@@ -221,7 +221,7 @@ TEST_F(config, the_sample_has_every_key)
         const char* then;
     } cases[] = {
         {"pidfile", "/tmp/rtls-gateway.pid"},
-        {"debug_broker_address", "tcp://127.0.0.1:5558"},
+        {"debug_broker_address", "missing"}, // shown only: one that is not there would hold up each stop
         {"firmware_files", "5"},
         {"ports/terminal", "4000"},
         {"ports/win", "4001"},
