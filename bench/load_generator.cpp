@@ -1,23 +1,20 @@
-// load_generator - bridges that report at a chosen rate, and the message handler that counts and times
-// what comes out at the other end.
+// load_generator - bridges that report, or get commands, at a chosen rate, and the servers at the other end that count,
+// time and compare what comes out.
 //
-//   load_generator --win-port P --handler-port P --pid PID [--bridges N] [--rate R] [--window W]
-//                  [--seconds S] [--size BYTES]
+//   load_generator --win-port P --handler-port P --pid PID [--bridges N] [--per-write N] [--rate R] [--window W]
+//                  [--seconds S] [--size BYTES] [--mixed] [--relay]
+//   ... --commands --proxy-port P
+//   ... --broker-port P            takes what the debug broker gets
+//   ... --reconnect                connects until the subject is there; times its first reports
 //
-// Sends direct sensor reports. With --rate 0 it keeps `window` reports under way and so finds the
-// highest throughput at which none is lost. Prints one JSON object; the processor time is that of all
-// threads of PID during the measured time.
-#include "base/bytes.h"
-#include "wire/messaging.h"
-#include "wire/slip.h"
+// With --rate 0 it keeps `window` messages under way and so finds the highest throughput at which none is lost. Prints
+// one JSON object; the processor time is that of all threads of PID during the measured time.
+#include "load_bridges.h"
+#include "load_messages.h"
 
 #include <CLI/CLI.hpp>
 #include <zmq.h>
 
-#include <arpa/inet.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,119 +28,38 @@
 #include <vector>
 
 using namespace rtls;
+using namespace rtls::load;
 
 namespace {
 
-using clock_type = std::chrono::steady_clock;
 using namespace std::chrono_literals;
+
+constexpr uint32_t compared_every = 16;
+
+uint64_t now_ns()
+{
+    return static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+}
 
 struct load_options {
     uint16_t win_port = 0;
     uint16_t handler_port = 0;
+    uint16_t proxy_port = 0;
+    uint16_t broker_port = 0;
     int pid = 0;
     size_t bridges = 50;
+    size_t per_write = 0; // 0: what is due, dealt out among the bridges
     double rate = 20000;
     size_t window = 300; // queues of 1,000 free up by halves: beyond 500 a report may be lost
     double seconds = 5;
-    uint16_t payload_size = 24;
+    size_t payload_size = 24;
+    bool is_mixed = false;
+    bool is_relay = false;
+    bool are_commands = false;
+    bool is_reconnect = false;
+
+    [[nodiscard]] subject by() const { return is_relay ? subject::relay : subject::gateway; }
 };
-
-constexpr std::array<uint8_t, 8> bridge_mac(size_t bridge)
-{
-    return {
-        0x02, 0xAB, 0x34, 0xCD, 0x57, 0x00, static_cast<uint8_t>(bridge >> 8), static_cast<uint8_t>(bridge)};
-}
-
-constexpr std::array<uint8_t, 16> bridge_ip(size_t bridge)
-{
-    return {0xFD,
-            0,
-            0,
-            0,
-            0,
-            0,
-            0,
-            0,
-            0x11,
-            0x22,
-            0x33,
-            0x44,
-            0x55,
-            0,
-            static_cast<uint8_t>(bridge >> 8),
-            static_cast<uint8_t>(bridge)};
-}
-
-uint64_t now_ns()
-{
-    return static_cast<uint64_t>(clock_type::now().time_since_epoch().count());
-}
-
-std::vector<uint8_t> framed(bytes_view message)
-{
-    std::vector<uint8_t> out(slip_encoded_limit(message.size()));
-    out.resize(slip_encode(message, out.data()));
-    return out;
-}
-
-std::vector<uint8_t> heartbeat(size_t bridge)
-{
-    using hb = gwMsgHeartbeat_t;
-    std::vector<uint8_t> m(hb::size);
-    store_le16(m, hb::header, MSG_HEARTBEAT_IND);
-    m[2] = 1;
-    m[hb::reporting_freq] = 255;
-    m[hb::node_role] = NR_BRIDGE;
-    store_bytes(m, hb::long_addr, bridge_mac(bridge));
-    store_bytes(m, hb::bridge_mac, bridge_mac(bridge));
-    store_bytes(m, hb::ipaddr, bridge_ip(bridge));
-    return framed(m);
-}
-
-// A sensor report whose payload opens with the time of sending.
-void append_report(std::vector<uint8_t>& out, size_t bridge, uint8_t seq, const load_options& options)
-{
-    std::vector<uint8_t> m(msgHeader_t::size + options.payload_size + 16U, 0x5A);
-    store_le16(m, msgHeader_t::msgType, MSG_SENSOR_IND_NEW);
-    m[msgHeader_t::seqNo] = seq;
-    store_le16(m, msgHeader_t::total_len, options.payload_size);
-    const uint64_t stamp = now_ns();
-    store_be32(m, 5, static_cast<uint32_t>(stamp >> 32));
-    store_be32(m, 9, static_cast<uint32_t>(stamp));
-    store_bytes(m, msgHeader_t::size + options.payload_size, bridge_ip(bridge));
-    const size_t at = out.size();
-    out.resize(at + slip_encoded_limit(m.size()));
-    out.resize(at + slip_encode(m, out.data() + at));
-}
-
-int connect_bridge(uint16_t port)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets interface
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        std::perror("connect");
-        std::exit(1);
-    }
-    const int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    return fd;
-}
-
-void write_all(int fd, const std::vector<uint8_t>& bytes)
-{
-    for (size_t done = 0; done < bytes.size();) {
-        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-        if (n <= 0) {
-            std::perror("write");
-            std::exit(1);
-        }
-        done += static_cast<size_t>(n);
-    }
-}
 
 // Nanoseconds of processor time of all threads of a process.
 uint64_t cpu_ns(int pid)
@@ -157,162 +73,324 @@ uint64_t cpu_ns(int pid)
     return total;
 }
 
-struct frame_receiver {
-    void* socket = nullptr;
-    size_t received = 0; // sensor reports
-    std::vector<uint32_t> latencies_us;
-
-    // Takes what has arrived; waits at most `timeout_ms` for the first.
-    void take(int timeout_ms)
-    {
-        zmq_pollitem_t item{socket, 0, ZMQ_POLLIN, 0};
-        if (zmq_poll(&item, 1, timeout_ms) <= 0)
-            return;
-        std::array<uint8_t, 512> bytes{};
-        while (zmq_recv(socket, bytes.data(), bytes.size(), ZMQ_DONTWAIT) >= 0) {
-            const int size = zmq_recv(socket, bytes.data(), bytes.size(), 0);
-            if (size >= 13 && (bytes[0] == 0x16 || bytes[1] == 0x16)) { // little-endian from the relay
-                const uint64_t sent = uint64_t{load_be32(bytes, 5)} << 32 | load_be32(bytes, 9);
-                latencies_us.push_back(static_cast<uint32_t>((now_ns() - sent) / 1000));
-                ++received;
-            }
-        }
-    }
-};
-
-double percentile(std::vector<uint32_t>& sorted, double p)
+double resident_kb(int pid)
 {
-    return sorted.empty() ? 0
-                          : sorted[std::min(sorted.size() - 1,
-                                            static_cast<size_t>(p * static_cast<double>(sorted.size())))];
+    size_t all = 0;
+    size_t resident = 0;
+    std::ifstream("/proc/" + std::to_string(pid) + "/statm") >> all >> resident;
+    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1024;
 }
 
-class bridge_load {
+void* bound_socket(void* context, int type, uint16_t port)
+{
+    void* socket = zmq_socket(context, type);
+    const int unlimited = 0;
+    zmq_setsockopt(socket, ZMQ_RCVHWM, &unlimited, sizeof unlimited);
+    zmq_setsockopt(socket, ZMQ_SNDHWM, &unlimited, sizeof unlimited);
+    if (zmq_bind(socket, ("tcp://127.0.0.1:" + std::to_string(port)).c_str()) != 0) {
+        std::perror("bind");
+        std::exit(1);
+    }
+    return socket;
+}
+
+// What has arrived, by whichever way.
+class arrivals {
 public:
-    bridge_load(const load_options& options, frame_receiver& receiver)
-        : m_options(options), m_receiver(receiver)
+    explicit arrivals(const load_options& options) : m_options(options) {}
+
+    // Of every sixteenth, what has to arrive.
+    void expect(uint32_t number, message what)
     {
-        for (size_t i = 0; i < options.bridges; ++i)
-            m_bridges.push_back(connect_bridge(options.win_port));
-        wait_for_sync();
-        for (size_t i = 0; i < m_bridges.size(); ++i)
-            write_all(m_bridges[i], heartbeat(i));
+        if (number % compared_every == 0)
+            m_expected[number / compared_every % m_expected.size()] = std::move(what);
     }
 
-    ~bridge_load()
+    void take_report(std::span<const uint8_t> handed)
     {
-        for (int fd : m_bridges)
-            close(fd);
+        if (const auto mark = mark_of(m_options.by(), handed))
+            take(*mark, handed);
     }
-    bridge_load(const bridge_load&) = delete;
-    bridge_load& operator=(const bridge_load&) = delete;
+
+    void take(mark what, std::span<const uint8_t> bytes)
+    {
+        m_latencies_us.push_back(static_cast<uint32_t>((now_ns() - what.sent_ns) / 1000));
+        ++m_received;
+        if (what.number % compared_every != 0)
+            return;
+        const message& expected = m_expected[what.number / compared_every % m_expected.size()];
+        m_different +=
+            !expected.empty() && !std::equal(expected.begin(), expected.end(), bytes.begin(), bytes.end());
+        ++m_compared;
+    }
+
+    void forget_times()
+    {
+        m_latencies_us.clear();
+        m_compared = 0;
+    }
+
+    double percentile(double p)
+    {
+        auto& l = m_latencies_us;
+        if (l.empty())
+            return 0;
+        const auto at = std::min(l.size() - 1, static_cast<size_t>(p * static_cast<double>(l.size())));
+        std::nth_element(l.begin(), l.begin() + static_cast<ptrdiff_t>(at), l.end());
+        return l[at];
+    }
+
+    [[nodiscard]] size_t received() const { return m_received; }
+    [[nodiscard]] size_t compared() const { return m_compared; }
+    [[nodiscard]] size_t different() const { return m_different; }
+
+private:
+    const load_options& m_options;
+    size_t m_received = 0;
+    size_t m_compared = 0;
+    size_t m_different = 0;
+    std::vector<uint32_t> m_latencies_us;
+    std::array<message, 4096> m_expected; // far more than are under way
+};
+
+void drain(void* socket, auto&& take)
+{
+    std::array<uint8_t, 1024> bytes{};
+    for (int size = 0; (size = zmq_recv(socket, bytes.data(), bytes.size(), ZMQ_DONTWAIT)) >= 0;)
+        take(std::span{bytes}.first(std::min(bytes.size(), static_cast<size_t>(size))));
+}
+
+// The message handler's end: two parts, of which the second is the message.
+void take_reports(void* handler, arrivals& to, int timeout_ms)
+{
+    zmq_pollitem_t item{handler, 0, ZMQ_POLLIN, 0};
+    if (zmq_poll(&item, 1, timeout_ms) <= 0)
+        return;
+    bool is_second = false;
+    drain(handler, [&](std::span<const uint8_t> part) {
+        if (is_second)
+            to.take_report(part);
+        is_second = !is_second;
+    });
+}
+
+class load_run {
+public:
+    load_run(const load_options& options, void* context)
+        : m_options(options), m_arrivals(options),
+          m_handler(bound_socket(context, ZMQ_PULL, options.handler_port))
+    {
+        if (options.are_commands)
+            m_proxy = bound_socket(context, ZMQ_XPUB, options.proxy_port);
+        if (options.broker_port)
+            m_broker = bound_socket(context, ZMQ_PULL, options.broker_port);
+    }
+
+    // How long it takes from `begin_ns` until each bridge is connected and its first report has come out, in seconds:
+    // the first bridge's, the last one's.
+    std::pair<double, double> reconnect(uint64_t begin_ns)
+    {
+        m_bridges.connect_until_there(m_options.win_port, m_options.bridges);
+        for (size_t i = 0; i < m_options.bridges; ++i)
+            send_one(i);
+        double first = 0;
+        while (m_arrivals.received() < m_options.bridges) {
+            take_reports(m_handler, m_arrivals, 1);
+            if (first == 0 && m_arrivals.received() > 0)
+                first = static_cast<double>(now_ns() - begin_ns) / 1e9;
+        }
+        return {first, static_cast<double>(now_ns() - begin_ns) / 1e9};
+    }
+
+    void connect()
+    {
+        m_resident_before = resident_kb(m_options.pid);
+        m_bridges.connect(m_options.win_port, m_options.bridges);
+        for (size_t i = 0; i < m_options.bridges; ++i) {
+            m_bridges.write(i, framed(heartbeat(i, 0, {})));
+            if (m_options.is_mixed)
+                m_bridges.write(i, framed(heartbeat_behind(i)));
+        }
+        const size_t nodes = m_options.bridges * (m_options.is_mixed ? 2 : 1);
+        for (size_t named = 0; named < nodes;) // they reach the handler, too
+            drain(m_handler, [&, second = false](std::span<const uint8_t>) mutable {
+                named += second;
+                second = !second;
+            });
+        if (m_proxy)
+            wait_for_subscription();
+        m_resident_after = resident_kb(m_options.pid);
+    }
 
     // Sends and receives for `seconds`, then waits for the stragglers.
     void run(double seconds)
     {
-        const auto begin = clock_type::now();
+        const uint64_t begin = now_ns();
         const size_t base = m_sent;
         for (;;) {
-            const double elapsed = std::chrono::duration<double>(clock_type::now() - begin).count();
+            const double elapsed = static_cast<double>(now_ns() - begin) / 1e9;
             if (elapsed >= seconds)
                 break;
-            const size_t due = m_options.rate > 0 ? base + static_cast<size_t>(elapsed * m_options.rate)
-                                                  : m_receiver.received + m_options.window;
-            send_until(std::min(due, m_receiver.received + m_options.window));
-            m_receiver.take(1);
+            const size_t most = m_arrivals.received() + m_options.window;
+            const size_t due =
+                m_options.rate > 0 ? base + static_cast<size_t>(elapsed * m_options.rate) : most;
+            send_until(std::min(due, most));
+            take(1);
         }
-        for (const auto end = clock_type::now() + 2s;
-             m_receiver.received < m_sent && clock_type::now() < end;)
-            m_receiver.take(10);
+        for (const uint64_t end = now_ns() + 2'000'000'000; m_arrivals.received() < m_sent && now_ns() < end;)
+            take(10);
     }
 
-    [[nodiscard]] size_t sent() const { return m_sent; }
+    void measure()
+    {
+        run(0.5); // warm up: connections settle, the registry knows the nodes
+        m_arrivals.forget_times();
+        const size_t sent_before = m_sent;
+        const size_t received_before = m_arrivals.received();
+        const uint64_t cpu_before = cpu_ns(m_options.pid);
+        const uint64_t begin = now_ns();
+        run(m_options.seconds);
+        print(m_sent - sent_before, m_arrivals.received() - received_before,
+              static_cast<double>(now_ns() - begin) / 1e9, cpu_ns(m_options.pid) - cpu_before);
+    }
 
 private:
-    // The bare relay says nothing on connect; the gateway says "sync\n". Either way, be connected.
-    void wait_for_sync()
+    message next_message(size_t bridge, mark what)
     {
-        std::array<char, 16> buffer{};
-        for (int fd : m_bridges) {
-            pollfd item{fd, POLLIN, 0};
-            if (poll(&item, 1, 50) == 1 && read(fd, buffer.data(), buffer.size()) < 0)
-                std::perror("read");
+        const auto seq = static_cast<uint8_t>(++m_seq[bridge]);
+        return m_options.is_mixed ? mixed(bridge, seq, what, m_options.payload_size)
+                                  : sensor(bridge, seq, what, m_options.payload_size);
+    }
+
+    void send_one(size_t bridge)
+    {
+        m_seq.resize(m_options.bridges);
+        m_bridges.write(bridge, framed(heartbeat(bridge, 0, {now_ns(), 1})));
+    }
+
+    // Deals what is due out among the bridges.
+    void send_until(size_t due)
+    {
+        m_seq.resize(m_options.bridges);
+        while (m_sent < due) {
+            const size_t share = std::max<size_t>(1, (due - m_sent) / m_options.bridges);
+            if (m_options.are_commands)
+                publish();
+            else if (due - m_sent < m_options.per_write)
+                return; // no write of less
+            else
+                write(m_options.per_write ? m_options.per_write : share);
+            m_next = (m_next + 1) % m_options.bridges;
         }
     }
 
-    // Deals the reports that are due out among the bridges, each bridge's in one write.
-    void send_until(size_t due)
+    void write(size_t count)
     {
-        while (m_sent < due) {
-            const size_t share = std::max<size_t>(1, (due - m_sent) / m_bridges.size());
-            m_buffer.clear();
-            for (size_t i = 0; i < share; ++i)
-                append_report(m_buffer, m_next, static_cast<uint8_t>(++m_sent), m_options);
-            write_all(m_bridges[m_next], m_buffer);
-            m_next = (m_next + 1) % m_bridges.size();
+        m_buffer.clear();
+        for (size_t i = 0; i < count; ++i) {
+            const mark what{now_ns(), static_cast<uint32_t>(++m_sent)};
+            const message m = next_message(m_next, what);
+            m_arrivals.expect(what.number, handed_on(m_options.by(), m));
+            const message bytes = framed(m);
+            m_buffer.insert(m_buffer.end(), bytes.begin(), bytes.end());
         }
+        m_bridges.write(m_next, m_buffer);
+        if (m_options.is_mixed)
+            m_bridges.overlook_answers(m_next);
+    }
+
+    void publish()
+    {
+        const mark what{now_ns(), static_cast<uint32_t>(++m_sent)};
+        const std::string text = command(m_next, what);
+        zmq_send(m_proxy, text.data(), text.size(), 0);
+    }
+
+    void take(int timeout_ms)
+    {
+        if (m_options.are_commands)
+            m_bridges.take(timeout_ms, [this](std::span<const uint8_t> m) {
+                if (const auto mark = mark_of_command(m))
+                    m_arrivals.take(*mark, m);
+            });
+        else
+            take_reports(m_handler, m_arrivals, timeout_ms);
+        if (m_broker)
+            drain(m_broker, [this](std::span<const uint8_t>) { ++m_records; });
+    }
+
+    void wait_for_subscription()
+    {
+        std::array<char, 64> what{};
+        zmq_recv(m_proxy, what.data(), what.size(), 0);
+        std::this_thread::sleep_for(200ms); // nothing tells when the subject's own table knows every bridge
+    }
+
+    void print(size_t sent, size_t received, double seconds, uint64_t cpu)
+    {
+        const auto n = static_cast<double>(std::max<size_t>(received, 1));
+        std::printf(
+            "{\"bridges\": %zu, \"sent\": %zu, \"received\": %zu, \"lost\": %zu, \"compared\": %zu, "
+            "\"different\": %zu, \"reports_per_s\": %.0f, \"cpu_us_per_report\": %.3f, \"p50_us\": %.0f, "
+            "\"p99_us\": %.0f, \"p99_9_us\": %.0f, \"records\": %zu, \"kb_per_bridge\": %.1f}\n",
+            m_options.bridges, sent, received, sent - received, m_arrivals.compared(), m_arrivals.different(),
+            n / seconds, static_cast<double>(cpu) / 1000 / n, m_arrivals.percentile(0.5),
+            m_arrivals.percentile(0.99), m_arrivals.percentile(0.999), m_records,
+            (m_resident_after - m_resident_before) / static_cast<double>(m_options.bridges));
     }
 
     const load_options& m_options;
-    frame_receiver& m_receiver;
-    std::vector<int> m_bridges;
-    std::vector<uint8_t> m_buffer;
+    arrivals m_arrivals;
+    void* m_handler;
+    void* m_proxy = nullptr;
+    void* m_broker = nullptr;
+    bridges m_bridges;
+    std::vector<uint32_t> m_seq;
+    message m_buffer;
     size_t m_next = 0;
     size_t m_sent = 0;
+    size_t m_records = 0;
+    double m_resident_before = 0;
+    double m_resident_after = 0;
 };
-
-void report(const load_options& options, frame_receiver& receiver, size_t sent, double seconds, uint64_t cpu)
-{
-    auto& l = receiver.latencies_us;
-    std::sort(l.begin(), l.end());
-    const auto n = static_cast<double>(std::max<size_t>(receiver.received, 1));
-    std::printf(
-        "{\"bridges\": %zu, \"sent\": %zu, \"received\": %zu, \"lost\": %zu, \"reports_per_s\": %.0f, "
-        "\"cpu_us_per_report\": %.3f, \"p50_us\": %.0f, \"p99_us\": %.0f, \"p99_9_us\": %.0f}\n",
-        options.bridges, sent, receiver.received, sent - receiver.received, n / seconds,
-        static_cast<double>(cpu) / 1000 / n, percentile(l, 0.5), percentile(l, 0.99), percentile(l, 0.999));
-}
 
 } // namespace
 
 int main(int argc, char** argv)
 {
     load_options options;
-    CLI::App app{"Bridges in, message handler out: load for the end-to-end benchmark"};
+    CLI::App app{"Bridges at one end and servers at the other: load for the end-to-end benchmark"};
     app.add_option("--win-port", options.win_port)->required();
     app.add_option("--handler-port", options.handler_port)->required();
-    app.add_option("--pid", options.pid, "process whose processor time counts")->required();
+    app.add_option("--proxy-port", options.proxy_port, "where commands are published");
+    app.add_option("--broker-port", options.broker_port, "where log records are taken");
+    app.add_option("--pid", options.pid, "process whose processor time counts");
     app.add_option("--bridges", options.bridges)->capture_default_str();
-    app.add_option("--rate", options.rate, "reports a second over all bridges; 0: as many as get through")
+    app.add_option("--per-write", options.per_write, "messages in a write; 0: those that are due")
         ->capture_default_str();
-    app.add_option("--window", options.window, "reports under way at most")->capture_default_str();
+    app.add_option("--rate", options.rate, "messages a second over all bridges; 0: as many as get through")
+        ->capture_default_str();
+    app.add_option("--window", options.window, "messages under way at most")->capture_default_str();
     app.add_option("--seconds", options.seconds)->capture_default_str();
     app.add_option("--size", options.payload_size, "payload bytes of a report")
-        ->check(CLI::Range(8, 280))
+        ->check(CLI::Range(14, 280))
         ->capture_default_str();
+    app.add_flag("--mixed", options.is_mixed, "reports of several kinds, in envelopes and acknowledged, too");
+    app.add_flag("--relay", options.is_relay, "the subject is the bare relay");
+    app.add_flag("--commands", options.are_commands, "commands down instead of reports up");
+    app.add_flag("--reconnect", options.is_reconnect,
+                 "time the first reports of a subject that is being started");
     CLI11_PARSE(app, argc, argv);
 
-    void* context = zmq_ctx_new();
-    frame_receiver receiver;
-    receiver.socket = zmq_socket(context, ZMQ_PULL);
-    const int unlimited = 0;
-    zmq_setsockopt(receiver.socket, ZMQ_RCVHWM, &unlimited, sizeof unlimited);
-    if (zmq_bind(receiver.socket, ("tcp://127.0.0.1:" + std::to_string(options.handler_port)).c_str()) != 0) {
-        std::perror("bind");
-        return 1;
+    load_run run(options, zmq_ctx_new());
+    if (options.is_reconnect) {
+        std::puts("ready");
+        std::fflush(stdout);
+        const auto [first, all] = run.reconnect(now_ns());
+        std::printf("{\"first_s\": %.3f, \"all_s\": %.3f}\n", first, all);
+        return 0;
     }
-    bridge_load load(options, receiver);
-    load.run(0.5); // warm up: connections settle, the registry knows the nodes
-    receiver.latencies_us.clear();
-    const size_t sent_before = load.sent();
-    receiver.received = sent_before;
-
-    const uint64_t cpu_before = cpu_ns(options.pid);
-    const auto begin = clock_type::now();
-    load.run(options.seconds);
-    const double seconds = std::chrono::duration<double>(clock_type::now() - begin).count();
-    const uint64_t cpu = cpu_ns(options.pid) - cpu_before;
-    receiver.received -= sent_before;
-    report(options, receiver, load.sent() - sent_before, seconds, cpu);
+    run.connect();
+    run.measure();
     return 0;
 }
