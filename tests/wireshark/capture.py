@@ -1,0 +1,94 @@
+"""Captures composed by hand, and what tshark reads in them."""
+import json
+import pathlib
+import struct
+import subprocess
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+PLUGINS = ROOT / "tools/wireshark"
+PERSONAL = ".local/lib/wireshark/plugins"  # where Wireshark looks for what a user has put there
+
+WIN, DISCOVERY = 4001, 4002
+ETHERNET, UPPER_PDU = 1, 252
+FIN, SYN, PSH, ACK = 1, 2, 8, 16
+
+
+class Capture:
+    """A pcap file that grows packet by packet, one a millisecond."""
+
+    def __init__(self, path: pathlib.Path):
+        self.path, self.clock = path, 1_700_000_000_000
+        self.file = open(path, "wb")
+        self.file.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 0x40000, ETHERNET))
+
+    def packet(self, protocol: int, source: str, target: str, rest: bytes):
+        header = struct.pack(">BBHHHBBH", 0x45, 0, 20 + len(rest), 0, 0x4000, 64, protocol, 0) + address(source) + address(target)
+        frame = bytes(12) + b"\x08\x00" + header + rest
+        self.clock += 1
+        self.file.write(struct.pack("<IIII", self.clock // 1000, self.clock % 1000 * 1000, len(frame), len(frame)) + frame)
+
+    def datagram(self, source: tuple, target: tuple, payload: bytes):
+        self.packet(17, source[0], target[0], struct.pack(">HHHH", source[1], target[1], 8 + len(payload), 0) + payload)
+
+    def close(self) -> pathlib.Path:
+        self.file.close()
+        return self.path
+
+
+class Connection:
+    """A TCP connection from a bridge to the gateway."""
+
+    def __init__(self, capture: Capture, number: int, port: int = WIN):
+        self.capture, self.sent = capture, {"up": 1000, "down": 5000}
+        self.ends = {"up": ("10.0.0.2", 20000 + number), "down": ("10.0.0.1", port)}
+        self.segment("up", b"", SYN)
+        self.segment("down", b"", SYN | ACK)
+        self.segment("up", b"", ACK)
+
+    def segment(self, way: str, payload: bytes, flags: int = PSH | ACK):
+        back = "down" if way == "up" else "up"
+        (source, source_port), (target, target_port) = self.ends[way], self.ends[back]
+        header = struct.pack(">HHIIBBHHH", source_port, target_port, self.sent[way], self.sent[back], 0x50, flags, 0xFFFF, 0, 0)
+        self.capture.packet(6, source, target, header + payload)
+        self.sent[way] += len(payload) + (1 if flags & SYN else 0)
+
+
+def address(text: str) -> bytes:
+    return bytes(int(part) for part in text.split("."))
+
+
+def tshark(capture: pathlib.Path, *options, preferences=()) -> str:
+    """What tshark prints with the dissectors as they are in the sources, and nothing else of this machine's."""
+    home = capture.parent / "home"
+    if not (home / PERSONAL).exists():
+        (home / PERSONAL).mkdir(parents=True)
+        (home / PERSONAL / "rtls").symlink_to(PLUGINS)
+    environment = {"PATH": "/usr/bin:/bin", "LC_ALL": "C.UTF-8", "TZ": "UTC", "HOME": str(home)}
+    given = [word for preference in preferences for word in ("-o", preference)]
+    done = subprocess.run(["tshark", "-n", *given, "-r", capture, *options], env=environment, text=True, check=False,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    told = [line for line in done.stderr.splitlines() if not line.startswith("Running as user")]
+    assert done.returncode == 0 and not told, told[:20]
+    return done.stdout
+
+
+def layers_of(capture: pathlib.Path, *options, **more) -> list:
+    """The packets' protocols and fields, one dictionary a packet."""
+    text = tshark(capture, "-T", "json", "--no-duplicate-keys", *options, **more)
+    return [packet["_source"]["layers"] for packet in json.loads(text)]
+
+
+def as_list(value) -> list:
+    return value if isinstance(value, list) else [] if value is None else [value]
+
+
+def messages_of(layers: list) -> list:
+    """Every decoded message, in the order of the packets."""
+    return [message for packet in layers for message in as_list(packet.get("rtlsgw"))]
+
+
+def fields_of(capture: pathlib.Path, *names, options=(), **more) -> list:
+    """The fields of each packet, as texts."""
+    wanted = [word for name in names for word in ("-e", name)]
+    text = tshark(capture, "-T", "fields", "-E", "separator=;", *wanted, *options, **more)
+    return [line.split(";") for line in text.splitlines()]

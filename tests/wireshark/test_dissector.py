@@ -1,0 +1,373 @@
+"""tshark reads with the dissectors of tools/wireshark what was composed here, byte by byte, without any code of theirs."""
+import ipaddress
+import json
+import os
+import re
+import struct
+import subprocess
+import sys
+
+from capture import DISCOVERY, PLUGINS, ROOT, Capture, Connection, as_list, fields_of, layers_of, messages_of
+from messages import ROLES, Composer
+
+sys.path.insert(0, str(ROOT / "tests/e2e"))
+from harness import wire  # noqa: E402
+
+PREFIX = "rtlsgw."
+GENERATED = {"direction", "msgType", "request_in", "response_in", "response_time"}
+
+
+def shown(message: dict) -> dict:
+    """A message as tshark has it, by names without the prefix; children stand where their parent does."""
+    own = {}
+    for name, value in message.items():
+        if name.startswith("_ws"):
+            continue
+        name = name.removeprefix(PREFIX)
+        if name.endswith("_tree"):
+            own |= {key: one for key, one in shown(value).items() if not key.startswith("_ws")}
+        elif isinstance(value, dict):
+            own[name] = shown(value)
+        else:
+            own[name] = value
+    return own
+
+
+def same(expected, found) -> bool:
+    """Whether the text that tshark has for a value is that value."""
+    if isinstance(expected, bool):
+        return found == str(int(expected))
+    if isinstance(expected, int):
+        return int(found, 0) == expected
+    if isinstance(expected, ipaddress.IPv6Address | ipaddress.IPv4Address):
+        return ipaddress.ip_address(found) == expected
+    return expected in (found, found.replace(":", ""), found.removeprefix("0x"))
+
+
+def entries_of(found: dict, name: str) -> list:
+    (inner,) = found.values() if isinstance(found, dict) else [found]
+    return [{key.removeprefix(f"{name}."): value for key, value in shown(entry).items()} for entry in as_list(inner)]
+
+
+def compare(expected: dict, found: dict, where: str = ""):
+    assert set(found) - GENERATED == set(expected), f"{where}: {expected} {found}"
+    for name, value in expected.items():
+        if isinstance(value, dict):
+            compare(value, found[name], f"{where}{name}.")
+        elif isinstance(value, list):
+            entries = entries_of(found[name], name)
+            assert len(entries) == len(value), f"{where}{name}"
+            for one, other in zip(value, entries):
+                compare(one, other, f"{where}{name}[].")
+        else:
+            assert same(value, found[name]), f"{where}{name}: {value} is shown as {found[name]}"
+
+
+def cut(data: bytes, random) -> list:
+    """The bytes in segments of random sizes, some of one byte."""
+    segments = []
+    while data:
+        size = random.choice([1, 2, 7, 50, 200, 1000, 1400])
+        size = random.randrange(1, size + 1)
+        segments.append(data[:size])
+        data = data[size:]
+    return segments
+
+
+def send_mixed(connection, streams: dict, random):
+    """The segments of both directions, in turns."""
+    while any(streams.values()):
+        way = random.choice([way for way, segments in streams.items() if segments])
+        connection.segment(way, streams[way].pop(0))
+
+
+def composed(folder, count: int, seed: int) -> tuple:
+    """A capture of `count` messages on several connections, and what they are by connection and direction."""
+    composer, capture = Composer(seed), Capture(folder / f"composed-{seed}.pcap")
+    sent = {}
+    for number in range(4):
+        connection, streams = Connection(capture, number), {}
+        for way, share in (("up", 2), ("down", 1)):
+            made = [getattr(composer, way)() for _ in range(count * share // 12)]
+            sent[(str(number), way)] = [fields for _, fields in made]
+            greeting = b"sync\n" if way == "down" else b""
+            streams[way] = [greeting] * bool(greeting) + cut(b"".join(wire.frame(data) for data, _ in made), composer.random)
+        send_mixed(connection, streams, composer.random)
+    return capture.close(), sent
+
+
+def read_by_connection(capture) -> dict:
+    found = {}
+    for packet in layers_of(capture, "-J", "tcp rtlsgw", "-Y", "rtlsgw"):
+        for message in as_list(packet["rtlsgw"]):
+            if PREFIX + "kind" in message:
+                key = (packet["tcp"]["tcp.stream"], message[PREFIX + "direction"])
+                found.setdefault(key, []).append(message)
+    return found
+
+
+def check_all(capture, sent: dict) -> int:
+    found, count = read_by_connection(capture), 0
+    assert set(found) == set(sent)
+    for key, expected in sent.items():
+        assert len(found[key]) == len(expected), key
+        for number, (one, other) in enumerate(zip(expected, found[key])):
+            compare(one, shown(other), f"{key} {number}: ")
+            count += 1
+    return count
+
+
+def malformed(capture) -> list:
+    return fields_of(capture, "frame.number", "_ws.expert.message", options=["-Y", '_ws.expert.group == "Malformed"'])
+
+
+def test_every_value_of_frames_cut_at_random_is_what_was_composed(tmp_path):
+    """WIRESHARK_FRAMES and WIRESHARK_SEED: how many, and which."""
+    frames, seed = int(os.environ.get("WIRESHARK_FRAMES", "3000")), int(os.environ.get("WIRESHARK_SEED", "20261122"))
+    count = 0
+    while count < frames:
+        capture, sent = composed(tmp_path, min(12_000, frames - count + 11), seed + count)
+        count += check_all(capture, sent)
+        assert malformed(capture) == []
+        capture.unlink()
+
+
+# ---- the layouts are those of the library
+
+def test_the_layouts_are_what_the_tables_of_the_library_say():
+    made = subprocess.run([PLUGINS / "make-layouts"], check=True, text=True, stdout=subprocess.PIPE).stdout
+    assert (PLUGINS / "rtls_layouts.lua").read_text() == made, "tools/wireshark/make-layouts > tools/wireshark/rtls_layouts.lua"
+
+
+def examples(*ways) -> list:
+    """The bytes in docs/decode.md, and what they are decoded to there."""
+    text = (ROOT / "docs/decode.md").read_text()
+    found = re.findall(r"^    (\w+) ([0-9a-f]+)\n    (\{.*\})$", text, re.M)
+    return [(way, bytes.fromhex(data), json.loads(decoded)) for way, data, decoded in found if way in ways]
+
+
+def sub_command_code(name) -> int:
+    text = (ROOT / "docs/decode.md").read_text()
+    return name if isinstance(name, int) else int(re.search(rf"^\| `{name}` (\d+) \|", text, re.M)[1])
+
+
+def as_shown(decoded: dict) -> dict:
+    """What differs between JSON and Wireshark: names of numbers are only shown, and positions are shown twice."""
+    own = {name: as_shown(value) if isinstance(value, dict) else value for name, value in decoded.items()
+           if name not in ("direction", "msgType")}
+    if "node_role" in own:
+        own["node_role"] = ROLES.index(own["node_role"]) if isinstance(own["node_role"], str) else own["node_role"]
+    if "sub_command" in own:
+        own["sub_command"] = sub_command_code(own["sub_command"])
+    if "pos_Z" in own:
+        own["z_val"], own["z_offset"] = struct.unpack("<hh", struct.pack("<i", own["pos_Z"]))
+    return own | {name: ipaddress.ip_address(own[name]) for name in ("ipaddr", "address") if name in own}
+
+
+def test_examples_of_the_documentation_are_shown_as_they_are_there(tmp_path):
+    wanted = examples("up", "down")
+    capture = Capture(tmp_path / "examples.pcap")
+    connection = Connection(capture, 1)
+    for way, data, _ in wanted:
+        connection.segment(way, wire.frame(data))
+    found = messages_of(layers_of(capture.close(), "-J", "rtlsgw", "-Y", "rtlsgw"))
+    assert len(found) == len(wanted) > 50
+    for (way, _, decoded), message in zip(wanted, found):
+        assert message["rtlsgw.direction"] == way
+        compare(as_shown(decoded), shown(message))
+
+
+# ---- discovery
+
+GATEWAY, DEVICE = ("10.0.0.1", DISCOVERY), ("10.0.0.9", 40000)
+
+
+def send_datagrams(folder, datagrams) -> list:
+    capture = Capture(folder / "discovery.pcap")
+    for way, data in datagrams:
+        capture.datagram(*((DEVICE, GATEWAY) if way == "discovery_request" else (GATEWAY, DEVICE)), data)
+    return capture.close()
+
+
+def test_discovery_is_shown_as_in_the_documentation(tmp_path):
+    wanted = examples("discovery_request", "discovery_answer")
+    found = messages_of(layers_of(send_datagrams(tmp_path, [(way, data) for way, data, _ in wanted]), "-J", "rtlsgw"))
+    assert [message["rtlsgw.direction"] for message in found] == [way for way, _, _ in wanted]
+    for (_, _, decoded), message in zip(wanted, found, strict=True):
+        compare(as_shown(decoded), shown(message))
+
+
+def test_a_request_that_gateways_do_not_answer_is_malformed(tmp_path):
+    wanted = [b"\x02" + bytes(8), b"\x01" + bytes(9), bytes(5), b"\x01" + bytes(40)]
+    capture = send_datagrams(tmp_path, [("discovery_request", data) for data in wanted])
+    assert [number for number, _ in malformed(capture)] == [str(number + 1) for number in range(len(wanted))]
+    for data, message in zip(wanted, messages_of(layers_of(capture, "-J", "rtlsgw")), strict=True):
+        assert message["rtlsgw.kind"] == "invalid" and same(data.hex(), message["rtlsgw.bytes"])
+
+
+# ---- what is malformed
+
+def heartbeat() -> bytes:
+    return wire.heartbeat(wire.mac(1), bridge=wire.mac(2), addr=wire.ip(3))
+
+
+def envelope() -> bytes:
+    return wire.envelope(wire.forwarded_heartbeat(wire.mac(1)), wire.mac(1), wire.ip(1))
+
+
+INVALID_UP = {
+    "too short a heartbeat": heartbeat()[:-1],
+    "too long a heartbeat": heartbeat() + b"\0",
+    "a request without its last byte": wire.panid_req(wire.mac(1))[:-1],
+    "an announcement with one too many": wire.root_announce(wire.mac(1)) + b"\0",
+    "an envelope that counts too much": envelope()[:3] + b"\x28\0" + envelope()[5:],
+    "an envelope that counts too little": envelope()[:3] + b"\x26\0" + envelope()[5:],
+    "an envelope around nothing": wire.envelope(b"", wire.mac(1), wire.ip(1)),
+    "an envelope around what is none": wire.envelope(wire.forwarded_heartbeat(wire.mac(1))[:-1], wire.mac(1), wire.ip(1)),
+    "a time around too little": wire.wrap_ts(b"\x01\x01\x01\x00\x00", 1, 1),
+    "a payload that is not there": wire.payload_message(wire.SENSOR_NEW, 1, bytes(3) + wire.ip(1), total_len=4),
+    "half a type": b"\x01",
+}
+INVALID_DOWN = {
+    "a type that goes up": heartbeat(),
+    "an acknowledgement without its last byte": bytes.fromhex("100807") + wire.ip(1)[:-1],
+    "a length in the other order": bytes.fromhex("0e080706000001000200 00".replace(" ", "")) + wire.ip(1),
+}
+
+
+def on_own_connections(folder, named: list) -> dict:
+    """Each of the (way, bytes) on a connection of its own between two pings; what is shown of them, and the reason."""
+    capture = Capture(folder / "own.pcap")
+    for number, (way, data) in enumerate(named):
+        Connection(capture, number).segment(way, wire.frame(wire.ping(1)) + data + wire.frame(wire.ping(2)))
+    packets = layers_of(capture.close(), "-J", "tcp rtlsgw", "-Y", "rtlsgw")
+    reasons = fields_of(capture.path, "tcp.stream", "_ws.expert.message", options=["-Y", '_ws.expert.group == "Malformed"'])
+    shown_of = {packet["tcp"]["tcp.stream"]: [shown(one) for one in as_list(packet["rtlsgw"])] for packet in packets}
+    return [(shown_of[str(number)], [reason for stream, reason in reasons if stream == str(number)])
+            for number in range(len(named))]
+
+
+def test_a_frame_that_is_no_message_is_malformed_and_its_neighbours_are_not(tmp_path):
+    cases = [("up", name, data) for name, data in INVALID_UP.items()] + [("down", name, data) for name, data in INVALID_DOWN.items()]
+    found = on_own_connections(tmp_path, [(way, wire.frame(data)) for way, _, data in cases])
+    for (_, name, data), ((before, invalid, behind), reasons) in zip(cases, found, strict=True):
+        assert (before["seqNo"], behind["seqNo"]) == ("1", "2"), name
+        assert set(invalid) == {"direction", "kind", "reason", "bytes"} and same(data.hex(), invalid["bytes"]), name
+        assert reasons == [invalid["reason"]], name
+
+
+ODD = {"outside": b"\xF6\xF7no frame", "broken": b"\xF5\x01\x02", "empty": b"\xF5\xF7", "repeated": b"\xF5"}
+
+
+def test_what_is_odd_between_frames_is_flagged(tmp_path):
+    found = on_own_connections(tmp_path, [("up", data) for data in ODD.values()])
+    for (name, data), (messages, reasons) in zip(ODD.items(), found, strict=True):
+        assert [one.get("kind") for one in messages] == ["ping", None, "ping"], name
+        assert same(data.hex(), messages[1]["outside"]) and len(reasons) == 1, name
+
+
+def test_odd_bytes_among_many_frames_cut_at_random_are_all_flagged_and_nothing_else_is(tmp_path):
+    composer, capture = Composer(7), Capture(tmp_path / "mixed.pcap")
+    wanted, stream = {name: 0 for name in [*ODD, "invalid"]}, b""
+    made = [composer.up() for _ in range(500)]
+    odd = ODD | {"outside": b"\xF6"}  # one byte: more of them may be in two segments
+    for data, _ in made:
+        name = composer.random.choice([*wanted, *[None] * 10])
+        if name:
+            wanted[name] += 1
+            stream += wire.frame(composer.random.choice(list(INVALID_UP.values()))) if name == "invalid" else odd[name]
+        stream += wire.frame(data)
+    connection = Connection(capture, 1)
+    for segment in cut(stream, composer.random):
+        connection.segment("up", segment)
+    names = [f"rtlsgw.expert.{name}" for name in wanted]
+    rows = fields_of(capture.close(), *names, options=["-Y", "rtlsgw"])
+    assert {name: sum(len(row[place].split(",")) for row in rows if row[place]) for place, name in enumerate(wanted)} == wanted
+    messages = [shown(one) for one in messages_of(layers_of(capture.path, "-J", "rtlsgw", "-Y", "rtlsgw"))]
+    valid = [one for one in messages if one.get("kind", "invalid") != "invalid"]
+    for (_, fields), message in zip(made, valid, strict=True):
+        compare(fields, message)
+
+
+IN_DOUBT = {
+    "nothing is known of the type 7abc": bytes.fromhex("bc7a01"),
+    "ota_page: it ends before page_number does": wire.generic_server_req(1, 16, bytes(11), wire.ip(1)),
+    "nobody reads these bytes": wire.sensor(1, b"abc", wire.ip(1) + b"x")}
+
+
+def test_what_the_gateway_passes_on_unread_is_in_doubt_and_not_malformed(tmp_path):
+    capture = Capture(tmp_path / "doubt.pcap")
+    connection = Connection(capture, 1)
+    for data in IN_DOUBT.values():
+        connection.segment("up", wire.frame(data))
+    rows = fields_of(capture.close(), "_ws.expert.message", options=["-Y", "rtlsgw.expert.doubt"])
+    assert [text for (text,) in rows] == list(IN_DOUBT) and malformed(capture.path) == []
+
+
+# ---- requests and answers
+
+def ack(seq: int, address: bytes) -> bytes:
+    return bytes.fromhex("1008") + bytes([seq]) + address
+
+
+class Pairs:
+    """Requests on two connections, and their answers in another order."""
+
+    def __init__(self, folder):
+        self.capture = Capture(folder / "pairs.pcap")
+        self.connections = [Connection(self.capture, number) for number in range(2)]
+        self.packets = 6  # of the two handshakes
+
+    def send(self, connection: int, way: str, data: bytes) -> int:
+        self.connections[connection].segment(way, wire.frame(data))
+        self.packets += 1
+        return self.packets
+
+    def found(self) -> dict:
+        """By packet: the packet of its request, that of its answer, the time between them."""
+        names = ["rtlsgw.request_in", "rtlsgw.response_in", "rtlsgw.response_time"]
+        rows = fields_of(self.capture.close(), "frame.number", *names, options=["-2", "-R", "frame"])
+        return {int(number): tuple(values) for number, *values in rows if any(values)}
+
+
+def acknowledged() -> dict:
+    """Messages that are acknowledged, and with which address."""
+    mac, ip = wire.mac(1), wire.ip(9)
+    payload = wire.sensor(5, b"abc", b"")
+    return {
+        "heartbeat": (wire.heartbeat(mac, 7, bridge=wire.mac(2), addr=ip, flags=wire.ACK), ip),
+        "sensor": (wire.sensor(7, b"abc", ip, flags=wire.ACK), ip),
+        "heartbeat in an envelope": (wire.envelope(wire.forwarded_heartbeat(mac, 5), mac, ip, 7, flags=wire.ACK), ip),
+        "sensor in an envelope": (wire.envelope(payload, mac, ip, 7, flags=wire.ACK), mac + ip[:8]),
+        "with a time": (wire.wrap_ts(wire.envelope(payload, mac, ip, 7, flags=wire.ACK), 1, 1), mac + ip[:8]),
+    }
+
+
+def test_an_acknowledgement_belongs_to_its_message(tmp_path):
+    pairs, wanted = Pairs(tmp_path), {}
+    for message, address in acknowledged().values():
+        elsewhere = pairs.send(1, "up", message)
+        first, second = pairs.send(0, "up", message), pairs.send(0, "up", message)
+        pairs.send(0, "down", ack(8, address))
+        pairs.send(0, "down", ack(7, wire.ip(77)))
+        of_first, of_second = pairs.send(0, "down", ack(7, address)), pairs.send(0, "down", ack(7, address))
+        of_elsewhere = pairs.send(1, "down", ack(7, address))
+        wanted |= {
+            first: ("", str(of_first), ""), second: ("", str(of_second), ""), elsewhere: ("", str(of_elsewhere), ""),
+            of_first: (str(first), "", "0.004000000"), of_second: (str(second), "", "0.004000000"),
+            of_elsewhere: (str(elsewhere), "", "0.007000000")}
+    assert pairs.found() == wanted
+
+
+def test_an_echo_belongs_to_its_ping_and_a_page_to_its_request(tmp_path):
+    pairs, ip = Pairs(tmp_path), wire.ip(9)
+    ping, timed = wire.ping(3, b"abc"), wire.wrap_ts(wire.ping(3, b"abcd"), 1, 2)
+    wanted = bytes.fromhex("0a0b0c0d 11223344 0004 0003")
+    sent = [pairs.send(0, "up", data) for data in (
+        ping, timed, wire.envelope(wire.generic_server_req(1, 16, wanted, b""), wire.mac(1), ip))]
+    page = bytes.fromhex("0e08 00 0012 0010") + wanted + b"page"
+    answers = [pairs.send(0, "down", data) for data in (
+        timed, bytes.fromhex("0008 00 0017") + page + wire.mac(1) + ip, ping)]
+    found = pairs.found()
+    assert [found[number][1] for number in sent] == [str(answers[2]), str(answers[0]), str(answers[1])]
+    assert [found[number][0] for number in answers] == [str(sent[1]), str(sent[2]), str(sent[0])]

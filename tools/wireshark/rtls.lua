@@ -1,0 +1,74 @@
+-- Wireshark's dissectors for the links of an RTLS gateway: bridges (TCP), discovery (UDP).
+-- docs/wireshark.md tells how to install and use them.
+
+local tree_of = require("rtls_tree")
+local conversation = require("rtls_conversation")
+
+local link = Proto("rtlsgw", "RTLS gateway link")
+local discovery = Proto("rtlsgw_discovery", "RTLS gateway discovery")
+tree_of.make(link)
+
+link.prefs.win_ports = Pref.range("WIN ports", "4001", "TCP ports at which gateways serve bridges", 65535)
+link.prefs.discovery_ports = Pref.range("Discovery ports", "4002", "UDP ports at which gateways answer devices", 65535)
+
+local tcp_stream = Field.new("tcp.stream")
+
+-- Whether "4001,5000-5010" has the port.
+local function has(ports, port)
+    for first, last in tostring(ports):gmatch("(%d+)%-?(%d*)") do
+        if port >= tonumber(first) and port <= tonumber(last ~= "" and last or first) then return true end
+    end
+    return false
+end
+
+-- To the gateway or from it; where neither port is known ("Decode As"), the one that brought the packet here is.
+local function is_request(ports, pinfo)
+    if has(ports, pinfo.dst_port) then return true end
+    return not has(ports, pinfo.src_port) and pinfo.dst_port == pinfo.match_uint
+end
+
+local function set_columns(pinfo, protocol, text)
+    pinfo.cols.protocol = protocol
+    pinfo.cols.info:set(text .. " ")
+    pinfo.cols.info:fence()
+end
+
+-- TCP's own reassembly brings the begin of a frame again, with more behind it.
+function link.dissector(tvb, pinfo, tree)
+    local direction = is_request(link.prefs.win_ports, pinfo) and "up" or "down"
+    local titles, pending = tree_of.add_stream(tree, tvb, direction, pinfo, tcp_stream().value)
+    if titles ~= "" then set_columns(pinfo, "RTLS", direction .. ": " .. titles) end
+    if pending > 0 then
+        pinfo.desegment_offset = tvb:len() - pending
+        pinfo.desegment_len = DESEGMENT_ONE_MORE_SEGMENT
+    end
+    return tvb:len()
+end
+
+function discovery.dissector(tvb, pinfo, tree)
+    local direction = is_request(link.prefs.discovery_ports, pinfo) and "discovery_request" or "discovery_answer"
+    local title = tree_of.add_message(tree, tvb, direction, pinfo)
+    set_columns(pinfo, "RTLS", direction .. ": " .. title)
+    return tvb:len()
+end
+
+function link.init()
+    conversation.reset()
+end
+
+local registered = {}
+
+local function register(table_name, ports, dissector)
+    local ports_table = DissectorTable.get(table_name)
+    if registered[table_name] then ports_table:remove(registered[table_name], dissector) end
+    registered[table_name] = tostring(ports)
+    if registered[table_name] ~= "" then ports_table:add(registered[table_name], dissector) end
+end
+
+local function register_all()
+    register("tcp.port", link.prefs.win_ports, link)
+    register("udp.port", link.prefs.discovery_ports, discovery)
+end
+
+link.prefs_changed = register_all
+register_all()
