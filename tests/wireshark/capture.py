@@ -35,6 +35,39 @@ class Capture:
         return self.path
 
 
+class Recording:
+    """A pcapng file as a recorder writes it: messages of a gateway's tap."""
+
+    UP, DOWN, NEITHER = 0, 1, 2
+
+    def __init__(self, path: pathlib.Path):
+        self.path, self.clock, self.numbers = path, 1_700_000_000_000_000_000, {}
+        self.file = open(path, "wb")
+        self.block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1))
+        self.block(1, struct.pack("<HHI", UPPER_PDU, 0, 0) + struct.pack("<HHBxxx", 9, 1, 9) + bytes(4))  # if_tsresol: 10^-9 s
+
+    def block(self, kind: int, body: bytes):
+        body += bytes(-len(body) % 4)
+        self.file.write(struct.pack("<II", kind, len(body) + 12) + body + struct.pack("<I", len(body) + 12))
+
+    def packet(self, data: bytes):
+        data = struct.pack(">HH", 12, 8) + b"rtls_tap" + bytes(4) + data
+        self.block(6, struct.pack("<IIIII", 0, self.clock >> 32, self.clock & 0xFFFFFFFF, len(data), len(data)) + data)
+
+    def message(self, topic: str, *frames: bytes, direction: int = NEITHER, connection: int = 0):
+        """A millisecond and a nanosecond behind the one before."""
+        self.clock += 1_000_001
+        of_class = topic.rpartition("/")[0] or topic
+        number = self.numbers[of_class] = self.numbers.get(of_class, 0) + 1
+        head = struct.pack(">BBHIQQ", 1, direction, 0, connection, number, self.clock)
+        self.packet(struct.pack(">H", len(topic)) + topic.encode() + head +
+                    b"".join(struct.pack(">I", len(frame)) + frame for frame in frames))
+
+    def close(self) -> pathlib.Path:
+        self.file.close()
+        return self.path
+
+
 class Connection:
     """A TCP connection from a bridge to the gateway."""
 
@@ -69,6 +102,7 @@ def tshark(capture: pathlib.Path, *options, preferences=()) -> str:
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     told = [line for line in done.stderr.splitlines() if not line.startswith("Running as user")]
     assert done.returncode == 0 and not told, told[:20]
+    assert "Lua Error" not in done.stdout
     return done.stdout
 
 

@@ -7,14 +7,15 @@ import struct
 import subprocess
 import sys
 
-from capture import DISCOVERY, PLUGINS, ROOT, Capture, Connection, as_list, fields_of, layers_of, messages_of
+from capture import DISCOVERY, PLUGINS, ROOT, Capture, Connection, Recording, as_list, fields_of, layers_of, messages_of
 from messages import ROLES, Composer
 
 sys.path.insert(0, str(ROOT / "tests/e2e"))
 from harness import wire  # noqa: E402
 
 PREFIX = "rtlsgw."
-GENERATED = {"direction", "msgType", "request_in", "response_in", "response_time"}
+MALFORMED = '_ws.expert.group == "Malformed" || _ws.expert.message contains "Lua Error"'
+GENERATED = {"direction", "msgType", "request_in", "response_in", "response_time", "line"}
 
 
 def shown(message: dict) -> dict:
@@ -118,7 +119,7 @@ def check_all(capture, sent: dict) -> int:
 
 
 def malformed(capture) -> list:
-    return fields_of(capture, "frame.number", "_ws.expert.message", options=["-Y", '_ws.expert.group == "Malformed"'])
+    return fields_of(capture, "frame.number", "_ws.expert.message", options=["-Y", MALFORMED])
 
 
 def test_every_value_of_frames_cut_at_random_is_what_was_composed(tmp_path):
@@ -241,7 +242,7 @@ def on_own_connections(folder, named: list) -> dict:
     for number, (way, data) in enumerate(named):
         Connection(capture, number).segment(way, wire.frame(wire.ping(1)) + data + wire.frame(wire.ping(2)))
     packets = layers_of(capture.close(), "-J", "tcp rtlsgw", "-Y", "rtlsgw")
-    reasons = fields_of(capture.path, "tcp.stream", "_ws.expert.message", options=["-Y", '_ws.expert.group == "Malformed"'])
+    reasons = fields_of(capture.path, "tcp.stream", "_ws.expert.message", options=["-Y", MALFORMED])
     shown_of = {packet["tcp"]["tcp.stream"]: [shown(one) for one in as_list(packet["rtlsgw"])] for packet in packets}
     return [(shown_of[str(number)], [reason for stream, reason in reasons if stream == str(number)])
             for number in range(len(named))]
@@ -371,3 +372,99 @@ def test_an_echo_belongs_to_its_ping_and_a_page_to_its_request(tmp_path):
     found = pairs.found()
     assert [found[number][1] for number in sent] == [str(answers[2]), str(answers[0]), str(answers[1])]
     assert [found[number][0] for number in answers] == [str(sent[1]), str(sent[2]), str(sent[0])]
+
+
+# ---- recordings of the tap
+
+def test_reports_commands_and_lines_of_a_recording_are_shown_as_in_the_documentation(tmp_path):
+    recording, wanted = Recording(tmp_path / "tap.pcapng"), []
+    text = (ROOT / "docs/decode.md").read_text()
+    for line, decoded in re.findall(r"^    management (@.*)\n    (\{.*\})$", text, re.M):
+        recording.message("management", line.encode(), direction=Recording.UP)
+        wanted.append(("management", json.loads(decoded)))
+    for way, data, decoded in examples("report", "command"):
+        if way == "report":
+            recording.message("report/0012AB0000000001", data[:6], data[6:], direction=Recording.UP)
+        else:
+            recording.message("command", data.hex().upper().encode() + b"0", direction=Recording.DOWN)
+        wanted.append((way, decoded))
+    found = messages_of(layers_of(recording.close(), "-J", "rtlsgw"))
+    assert len(wanted) > 15
+    for (way, decoded), message in zip(wanted, found, strict=True):
+        assert message["rtlsgw.direction"] == way
+        compare(as_shown(decoded), shown(message))
+    assert malformed(recording.path) == []
+
+
+def test_the_head_of_a_recorded_message_is_shown(tmp_path):
+    recording = Recording(tmp_path / "tap.pcapng")
+    event = '{"event":"bridge_connected","bridge":"id-00000007","address":"10.0.0.2","port":4711}'
+    recording.message("event", event.encode(), connection=7)
+    names = ["topic", "version", "direction", "connection", "number", "event", "event.member"]
+    (row,) = fields_of(recording.close(), *(f"rtls_tap.{name}" for name in names), "frame.time_epoch", "rtls_tap.clock")
+    assert row[:6] == ["event", "1", "2", "7", "1", "bridge_connected"]
+    assert row[6] == "event: bridge_connected,bridge: id-00000007,address: 10.0.0.2,port: 4711"
+    assert row[7] == "1700000000.001000001" and "22:13:20.001000001" in row[8]
+
+
+def recorded_streams(folder, count: int) -> tuple:
+    """A recording of `count` messages on several connections, in reads of random sizes, and what they are."""
+    composer, recording = Composer(3), Recording(folder / "links.pcapng")
+    sent, waiting = {}, []
+    for number in range(1, 4):
+        for way, topic in (("up", "link/in"), ("down", "link/out")):
+            made = [getattr(composer, way)() for _ in range(count // 6)]
+            sent[(str(number), way)] = [fields for _, fields in made]
+            reads = cut(b"".join(wire.frame(data) for data, _ in made), composer.random)
+            waiting.append((f"{topic}/id-{number:08X}", number, ([b"sync\n"] if way == "down" else []) + reads))
+    while waiting := [entry for entry in waiting if entry[2]]:
+        greetings = [entry for entry in waiting if entry[2][0] == b"sync\n"]
+        topic, number, reads = composer.random.choice(greetings or waiting)
+        recording.message(topic, reads.pop(0), direction=topic.startswith("link/out"), connection=number)
+    return recording.close(), sent
+
+
+def test_links_of_a_recording_are_joined_as_those_of_a_capture(tmp_path):
+    recording, sent = recorded_streams(tmp_path, 600)
+    found = {}
+    for packet in layers_of(recording, "-J", "rtls_tap rtlsgw", "-Y", "rtlsgw.kind"):
+        for message in as_list(packet["rtlsgw"]):
+            if PREFIX + "kind" in message:
+                key = (packet["rtls_tap"]["rtls_tap.connection"], message[PREFIX + "direction"])
+                found.setdefault(key, []).append(shown(message))
+    assert set(found) == set(sent) and malformed(recording) == []
+    for key, expected in sent.items():
+        for one, other in zip(expected, found[key], strict=True):
+            compare(one, other)
+
+
+def test_a_connection_that_begins_anew_has_nothing_left_over(tmp_path):
+    recording = Recording(tmp_path / "anew.pcapng")
+    for way, data in (("out", b"sync\n"), ("in", b"\xF5half a fra"), ("out", b"sync\n"), ("in", wire.frame(wire.ping(1)))):
+        recording.message(f"link/{way}/id-00000001", data, connection=1)
+    assert malformed(recording.close()) == []
+    rows = fields_of(recording.path, "rtlsgw.kind", options=["-Y", "rtlsgw.kind"])
+    assert rows == [["ping"]]
+
+
+def test_what_is_wrong_in_a_recording_is_malformed(tmp_path):
+    recording = Recording(tmp_path / "wrong.pcapng")
+    wrong = [("command", b"0800zz"), ("command", b""), ("command", b"08:00"), ("report/0012AB0000000001", b"", b""),
+             ("report/0012AB0000000001", bytes(5)), ("management", b"@win_management {}"), ("management", b"")]
+    for topic, *frames in wrong:
+        recording.message(topic, *frames)
+    recording.packet(b"\x00\x07command" + bytes(23))
+    recording.packet(b"\x00\x07command" + bytes(24) + b"\0\0\0\x05abcd")
+    recording.packet(b"\0")
+    numbers = [number for number, _ in malformed(recording.close())]
+    assert numbers == [str(number + 1) for number in range(len(wrong) + 3)]
+
+
+def test_an_acknowledgement_in_a_recording_belongs_to_its_message(tmp_path):
+    recording = Recording(tmp_path / "pairs.pcapng")
+    message, address = acknowledged()["sensor in an envelope"]
+    recording.message("link/in/id-00000001", wire.frame(message), connection=1)
+    recording.message("link/out/id-00000002", wire.frame(ack(7, address)), connection=2)
+    recording.message("link/out/E45E510000000100", wire.frame(ack(7, address)), connection=1)
+    rows = fields_of(recording.close(), "rtlsgw.response_in", "rtlsgw.request_in", options=["-2", "-R", "frame"])
+    assert rows == [["3", ""], ["", ""], ["", "1"]]

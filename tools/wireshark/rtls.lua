@@ -1,12 +1,15 @@
--- Wireshark's dissectors for the links of an RTLS gateway: bridges (TCP), discovery (UDP).
+-- Wireshark's dissectors for the links of an RTLS gateway: bridges (TCP), discovery (UDP), recordings of its tap.
 -- docs/wireshark.md tells how to install and use them.
 
 local tree_of = require("rtls_tree")
 local conversation = require("rtls_conversation")
+local tap_of = require("rtls_tap")
 
 local link = Proto("rtlsgw", "RTLS gateway link")
 local discovery = Proto("rtlsgw_discovery", "RTLS gateway discovery")
+local tap = Proto("rtls_tap", "RTLS gateway tap") -- recordings name it
 tree_of.make(link)
+tap_of.make(tap)
 
 link.prefs.win_ports = Pref.range("WIN ports", "4001", "TCP ports at which gateways serve bridges", 65535)
 link.prefs.discovery_ports = Pref.range("Discovery ports", "4002", "UDP ports at which gateways answer devices", 65535)
@@ -52,8 +55,14 @@ function discovery.dissector(tvb, pinfo, tree)
     return tvb:len()
 end
 
+function tap.dissector(tvb, pinfo, tree)
+    set_columns(pinfo, "RTLS tap", tap_of.add(tree, tvb, pinfo))
+    return tvb:len()
+end
+
 function link.init()
     conversation.reset()
+    tap_of.reset()
 end
 
 local registered = {}

@@ -82,24 +82,35 @@ local function add_invalid(tree, range, reason)
     tree:add_proto_expert_info(experts.invalid, reason)
 end
 
--- Decodes all of `tvb` as one message; the return is what the column says of it. `where` is nothing where messages
--- have no answers.
-function M.add_message(tree, tvb, direction, pinfo, where)
-    local range = tvb:len() > 0 and tvb() or tvb:range(0, 0)
+-- What was read of all of `tvb`, or why it was nothing; the return is what the column says of it, and the new line.
+local function add_read(tree, tvb, direction, message, reason)
+    local range = tvb:range(0, tvb:len())
     local line = tree:add(proto, range)
     add_generated(line, "direction", direction)
-    local message, reason = reader.read(direction, tvb)
-    if not message then
-        line:set_text("RTLS " .. direction .. ": invalid")
-        add_invalid(line, range, reason)
-        return "invalid"
-    end
-    local title = title_of(message)
+    local title = message and title_of(message) or "invalid"
     line:set_text("RTLS " .. direction .. ": " .. title)
-    add_items(line, message.head)
-    add_items(line, message.items)
-    local pair = where and conversation.pair_of(direction, message, range:raw(), where, pinfo)
+    if message then
+        add_items(line, message.head)
+        add_items(line, message.items)
+    else
+        add_invalid(line, range, reason)
+    end
+    return title, line
+end
+
+-- Decodes all of `tvb` as one message. `where` is nothing where messages have no answers.
+function M.add_message(tree, tvb, direction, pinfo, where)
+    local message, reason = reader.read(direction, tvb)
+    local title, line = add_read(tree, tvb, direction, message, reason)
+    local pair = message and where and conversation.pair_of(direction, message, tvb:raw(), where, pinfo)
     if pair then add_pair(line, direction, pair) end
+    return title
+end
+
+-- A text and what has been read of it.
+function M.add_line(tree, tvb, direction, message, reason)
+    local title, line = add_read(tree, tvb, direction, message, reason)
+    line:add(fields.line, tvb:range(0, tvb:len()))
     return title
 end
 
