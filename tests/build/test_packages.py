@@ -69,7 +69,9 @@ def test_each_file_has_its_package_and_its_place(made):
         "/lib/systemd/system/rtls-gateway.service", "/lib/systemd/system/rtls-gateway@.service",
         "/usr/share/man/man1/rtls-gateway-check.1.gz", "/usr/share/man/man5/rtls-gateway.conf.5.gz",
         "/usr/share/man/man8/rtls-gateway.8.gz"}
-    assert files_of(made, "rtls-gateway-tools") == {
+    scripts = [path.name for path in (ROOT / "tools/wireshark").iterdir() if path.suffix in (".lua", ".module")]
+    assert {re.sub("/lib/[^/]+-linux-gnu/", "/lib/", file) for file in files_of(made, "rtls-gateway-tools")} == {
+        *(f"/usr/lib/wireshark/plugins/rtls/{name}" for name in scripts),
         "/usr/bin/rtls-ctl", "/usr/bin/rtls-sim", "/usr/share/bash-completion/completions/rtls-ctl",
         "/usr/share/zsh/vendor-completions/_rtls-ctl", "/usr/share/man/man1/rtls-ctl.1.gz",
         "/usr/share/man/man1/rtls-sim.1.gz"}

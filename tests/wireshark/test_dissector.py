@@ -7,7 +7,7 @@ import struct
 import subprocess
 import sys
 
-from capture import DISCOVERY, PLUGINS, ROOT, Capture, Connection, Recording, as_list, fields_of, layers_of, messages_of
+from capture import DISCOVERY, PLUGINS, ROOT, Capture, Connection, Recording, as_list, fields_of, layers_of, messages_of, tshark
 from messages import ROLES, Composer
 
 sys.path.insert(0, str(ROOT / "tests/e2e"))
@@ -137,7 +137,7 @@ def test_every_value_of_frames_cut_at_random_is_what_was_composed(tmp_path):
 
 def test_the_layouts_are_what_the_tables_of_the_library_say():
     made = subprocess.run([PLUGINS / "make-layouts"], check=True, text=True, stdout=subprocess.PIPE).stdout
-    assert (PLUGINS / "rtls_layouts.lua").read_text() == made, "tools/wireshark/make-layouts > tools/wireshark/rtls_layouts.lua"
+    assert (PLUGINS / "rtls_layouts.module").read_text() == made, "tools/wireshark/make-layouts > tools/wireshark/rtls_layouts.module"
 
 
 def examples(*ways) -> list:
@@ -468,3 +468,74 @@ def test_an_acknowledgement_in_a_recording_belongs_to_its_message(tmp_path):
     recording.message("link/out/E45E510000000100", wire.frame(ack(7, address)), connection=1)
     rows = fields_of(recording.close(), "rtlsgw.response_in", "rtlsgw.request_in", options=["-2", "-R", "frame"])
     assert rows == [["3", ""], ["", ""], ["", "1"]]
+
+
+# ---- what docs/wireshark.md says
+
+def documented_filters() -> list:
+    """The filters for captures, and those for recordings."""
+    section = re.search(r"^## Filters$(.*?)^## ", (ROOT / "docs/wireshark.md").read_text(), re.M | re.S)[1]
+    return [re.findall(r"^    (.*)$", part, re.M) for part in section.split("In a recording also:")]
+
+
+def count_packets(capture, *filters) -> dict:
+    """How many packets each filter finds."""
+    text = tshark(capture, "-2", "-R", "frame", "-q", "-z", ",".join(["io,stat,0", *filters]))
+    (row,) = re.findall(r"<> *[\d.]+ *\|(.*)\|$", text, re.M)
+    return dict(zip(filters, (int(cell) for cell in row.split("|")[::2]), strict=True))
+
+
+def test_filters_of_the_documentation_find_what_they_say(tmp_path):
+    capture, ip = Capture(tmp_path / "filters.pcap"), wire.ip(9)
+    connection = Connection(capture, 1)
+    for way, data in [
+            ("up", wire.frame(wire.heartbeat(wire.mac(1), 7, bridge=wire.mac(2), addr=ip, flags=wire.ACK))),
+            ("up", wire.frame(wire.heartbeat(wire.mac(2), 8, bridge=wire.mac(2), addr=ip, flags=wire.ACK, role=1))),
+            ("up", wire.frame(wire.envelope(wire.sensor(3, b"\0\xF5\xF6\xF7", b""), wire.mac(7), ip))),
+            ("up", wire.frame(wire.generic_server_req(1, 48, bytes.fromhex("0102000030000001"), ip))),
+            ("down", wire.frame(ack(7, ip))), ("up", wire.frame(b"\x01")), ("up", wire.frame(bytes.fromhex("bc7a01"))), ("up", b"?")]:
+        connection.segment(way, data)
+    capture.datagram(DEVICE, GATEWAY, b"\x01" + bytes(8))
+    filters, _ = documented_filters()
+    assert count_packets(capture.close(), *filters) == {
+        'rtlsgw.kind == "heartbeat"': 2, 'rtlsgw.direction == "down"': 1, "rtlsgw.long_addr == 02:ab:34:cd:56:00:00:01": 1,
+        "rtlsgw.mac == 02:ab:34:cd:56:00:00:07": 1, "rtlsgw.node_role == 4": 1, "rtlsgw.sub_command == 48": 1,
+        "rtlsgw.ranges.distance > 10000": 1, "rtlsgw.data contains f5:f6:f7": 1,
+        "rtlsgw.ack_requested == 1 && !rtlsgw.response_in": 1, "rtlsgw.response_time > 0.003": 1, "rtlsgw.expert.invalid": 1,
+        "rtlsgw.expert.doubt": 1, '_ws.expert.group == "Malformed"': 2, 'rtlsgw.kind == "discovery_address"': 1}
+
+
+def test_filters_for_recordings_find_what_they_say(tmp_path):
+    recording = Recording(tmp_path / "filters.pcapng")
+    recording.message("event", b'{"event":"bridge_closed","bridge":"E45E510000000100"}')
+    recording.message("link/in/E45E510000000100", wire.frame(wire.ping(1)), connection=1)
+    recording.message("link/in/E45E510000000200", wire.frame(wire.ping(1)), connection=2)
+    line = re.search(r"^    management (.*route_request.*)$", (ROOT / "docs/decode.md").read_text(), re.M)[1]
+    recording.message("management", line.encode())
+    _, filters = documented_filters()
+    assert count_packets(recording.close(), *filters) == {name: 1 for name in filters} and len(filters) == 3
+
+
+def test_expert_infos_of_the_documentation_are_those_there_are():
+    named = set(re.findall(r"expert\.(\w+)`|`\.(\w+)`", (ROOT / "docs/wireshark.md").read_text().split("## What is flagged")[1]))
+    code = "".join((PLUGINS / f"rtls_{name}.module").read_text() for name in ("tree", "tap"))
+    assert {one or other for one, other in named} == set(re.findall(r"(\w+) = (?:new\(|ProtoExpert)", code))
+
+
+def test_other_ports_are_told_by_preferences_or_for_one_connection(tmp_path):
+    capture = Capture(tmp_path / "ports.pcap")
+    for number, port in enumerate((5001, 5003, 4001)):
+        connection = Connection(capture, number, port)
+        connection.segment("up", wire.frame(wire.ping(1)))
+        connection.segment("down", wire.frame(wire.ping(1)))
+    capture.datagram(DEVICE, ("10.0.0.1", 6002), bytes(6))
+    capture.close()
+
+    def shown_by(*options) -> list:
+        return fields_of(capture.path, "rtlsgw.direction", "tcp.port", options=["-Y", "rtlsgw.kind", *options])
+    both = [["up", "20002,4001"], ["down", "4001,20002"]]
+    assert shown_by() == both
+    ports = [["up", "20000,5001"], ["down", "5001,20000"], ["up", "20001,5003"], ["down", "5003,20001"]]
+    assert shown_by("-o", "rtlsgw.win_ports:5001,5003-5004", "-o", "rtlsgw.discovery_ports:6002") == [
+        *ports, ["discovery_request", ""]]
+    assert shown_by("-d", "tcp.port==5003,rtlsgw") == [*ports[2:], *both]

@@ -1,6 +1,11 @@
 -- Wireshark's dissectors for the links of an RTLS gateway: bridges (TCP), discovery (UDP), recordings of its tap.
 -- docs/wireshark.md tells how to install and use them.
 
+-- Wireshark runs each *.lua that it finds, in any order and from folders that are on no path: what this is made of has
+-- another ending.
+local here = debug.getinfo(1, "S").source:match("^@?(.*[/\\])") or ""
+package.path = here .. "?.module;" .. package.path
+
 local tree_of = require("rtls_tree")
 local conversation = require("rtls_conversation")
 local tap_of = require("rtls_tap")
