@@ -90,25 +90,28 @@ def address(text: str) -> bytes:
     return bytes(int(part) for part in text.split("."))
 
 
-def tshark(capture: pathlib.Path, *options, preferences=()) -> str:
+def run_tshark(folder: pathlib.Path, *arguments) -> str:
     """What tshark prints with the dissectors as they are in the sources, and nothing else of this machine's."""
-    home = capture.parent / "home"
-    if not (home / PERSONAL).exists():
-        (home / PERSONAL).mkdir(parents=True)
-        (home / PERSONAL / "rtls").symlink_to(PLUGINS)
-    environment = {"PATH": "/usr/bin:/bin", "LC_ALL": "C.UTF-8", "TZ": "UTC", "HOME": str(home)}
-    given = [word for preference in preferences for word in ("-o", preference)]
-    done = subprocess.run(["tshark", "-n", *given, "-r", capture, *options], env=environment, text=True, check=False,
-                          stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    plugins = folder / "home" / PERSONAL
+    if not plugins.exists():
+        plugins.mkdir(parents=True)
+        (plugins / "rtls").symlink_to(PLUGINS)
+    environment = {"PATH": "/usr/bin:/bin", "LC_ALL": "C.UTF-8", "TZ": "UTC", "HOME": str(folder / "home")}
+    done = subprocess.run(["tshark", *arguments], env=environment, text=True, check=False, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE)
     told = [line for line in done.stderr.splitlines() if not line.startswith("Running as user")]
     assert done.returncode == 0 and not told, told[:20]
     assert "Lua Error" not in done.stdout
     return done.stdout
 
 
-def layers_of(capture: pathlib.Path, *options, **more) -> list:
+def tshark(capture: pathlib.Path, *options) -> str:
+    return run_tshark(capture.parent, "-n", "-r", capture, *options)
+
+
+def layers_of(capture: pathlib.Path, *options) -> list:
     """The packets' protocols and fields, one dictionary a packet."""
-    text = tshark(capture, "-T", "json", "--no-duplicate-keys", *options, **more)
+    text = tshark(capture, "-T", "json", "--no-duplicate-keys", *options)
     return [packet["_source"]["layers"] for packet in json.loads(text)]
 
 
@@ -121,8 +124,8 @@ def messages_of(layers: list) -> list:
     return [message for packet in layers for message in as_list(packet.get("rtlsgw"))]
 
 
-def fields_of(capture: pathlib.Path, *names, options=(), **more) -> list:
+def fields_of(capture: pathlib.Path, *names, options=()) -> list:
     """The fields of each packet, as texts."""
     wanted = [word for name in names for word in ("-e", name)]
-    text = tshark(capture, "-T", "fields", "-E", "separator=;", *wanted, *options, **more)
+    text = tshark(capture, "-T", "fields", "-E", "separator=;", *wanted, *options)
     return [line.split(";") for line in text.splitlines()]

@@ -7,7 +7,8 @@ import struct
 import subprocess
 import sys
 
-from capture import DISCOVERY, PLUGINS, ROOT, Capture, Connection, Recording, as_list, fields_of, layers_of, messages_of, tshark
+from capture import (DISCOVERY, PLUGINS, ROOT, Capture, Connection, Recording, as_list, fields_of, layers_of, messages_of,
+                     run_tshark, tshark)
 from messages import ROLES, Composer
 
 sys.path.insert(0, str(ROOT / "tests/e2e"))
@@ -516,10 +517,23 @@ def test_filters_for_recordings_find_what_they_say(tmp_path):
     assert count_packets(recording.close(), *filters) == {name: 1 for name in filters} and len(filters) == 3
 
 
+def either(pairs) -> set:
+    return {one or other for one, other in pairs}
+
+
 def test_expert_infos_of_the_documentation_are_those_there_are():
-    named = set(re.findall(r"expert\.(\w+)`|`\.(\w+)`", (ROOT / "docs/wireshark.md").read_text().split("## What is flagged")[1]))
-    code = "".join((PLUGINS / f"rtls_{name}.module").read_text() for name in ("tree", "tap"))
-    assert {one or other for one, other in named} == set(re.findall(r"(\w+) = (?:new\(|ProtoExpert)", code))
+    section = (ROOT / "docs/wireshark.md").read_text().split("## What is flagged")[1]
+    code = "".join((PLUGINS / f"rtls_{name}.module").read_text() for name in ("tree", "tap", "zmtp"))
+    named = either(re.findall(r"expert\.(\w+)`|`\.(\w+)`", section))
+    assert named == either(re.findall(r'ProtoExpert.*expert\.(\w+)"|new\("(\w+)"', code)) and len(named) == 8
+
+
+def test_ports_of_the_documentation_are_those_of_the_preferences_and_of_the_sample(tmp_path):
+    named = re.findall(r"^\| `(rtlsgw\w*\.\w+_ports)` \| (\d+) \|$", (ROOT / "docs/wireshark.md").read_text(), re.M)
+    prefs = run_tshark(tmp_path, "-G", "currentprefs")
+    assert dict(re.findall(r"^#(rtlsgw\w*\.\w+_ports): (\S*)$", prefs, re.M)) == dict(named) and len(named) == 5
+    sample = (ROOT / "config/rtls-gateway.conf").read_text()
+    assert [name for name, port in named if not re.search(rf"^    \w+ = {port}$", sample, re.M)] == []
 
 
 def test_other_ports_are_told_by_preferences_or_for_one_connection(tmp_path):
@@ -539,3 +553,55 @@ def test_other_ports_are_told_by_preferences_or_for_one_connection(tmp_path):
     assert shown_by("-o", "rtlsgw.win_ports:5001,5003-5004", "-o", "rtlsgw.discovery_ports:6002") == [
         *ports, ["discovery_request", ""]]
     assert shown_by("-d", "tcp.port==5003,rtlsgw") == [*ports[2:], *both]
+
+
+# ---- the links to the servers
+
+PROXY, PROXY_INPUT, HANDLER = 5555, 5556, 5557
+
+
+def greeting(mechanism: bytes = b"NULL") -> bytes:
+    return b"\xFF" + bytes(8) + b"\x7F\x03\x01" + mechanism.ljust(20, b"\0") + bytes(32)
+
+
+def zmtp(*frames: bytes, command: bool = False) -> bytes:
+    """A message, its frames of up to 255 bytes with the short length."""
+    data = b""
+    for place, frame in enumerate(frames):
+        flags = (place < len(frames) - 1) | (len(frame) > 255) << 1 | command << 2
+        data += struct.pack(">BQ" if len(frame) > 255 else ">BB", flags, len(frame)) + frame
+    return data
+
+
+def test_links_to_servers_are_shown_as_in_the_documentation(tmp_path):
+    composer, capture, wanted, sent = Composer(5), Capture(tmp_path / "upstream.pcap"), [], {}
+    ready = greeting() + zmtp(b"\x05READY", command=True)
+    text = (ROOT / "docs/decode.md").read_text()
+    sent[HANDLER] = ("up", ready + b"".join(zmtp(data[:6], data[6:]) for _, data, _ in examples("report")))
+    lines = re.findall(r"^    management (@.*)\n    (\{.*\})$", text, re.M)
+    sent[PROXY_INPUT] = ("up", ready + b"".join(zmtp(line.encode()) for line, _ in lines))
+    sent[PROXY] = ("down", ready + b"".join(zmtp(data.hex().encode()) for _, data, _ in examples("command")))
+    wanted = [decoded for _, _, decoded in examples("report")] + [json.loads(decoded) for _, decoded in lines] + [
+        decoded for _, _, decoded in examples("command")]
+    for number, (port, (way, data)) in enumerate(sent.items()):
+        connection = Connection(capture, number, port)
+        for segment in cut(data, composer.random):
+            connection.segment(way, segment)
+    found = messages_of(layers_of(capture.close(), "-J", "rtlsgw", "-Y", "rtlsgw"))
+    for decoded, message in zip(wanted, found, strict=True):
+        compare(as_shown(decoded), shown(message))
+    assert malformed(capture.path) == []
+    rows = fields_of(capture.path, "rtlsgw_upstream.mechanism", "rtlsgw_upstream.command", options=["-Y", "rtlsgw_upstream"])
+    assert ["".join(row[place] for row in rows) for place in (0, 1)] == ["NULL" * 3, "READY" * 3]
+
+
+def test_what_is_no_report_or_no_zmtp_is_malformed_and_what_is_encrypted_is_not(tmp_path):
+    capture = Capture(tmp_path / "upstream.pcap")
+    for number, data in enumerate([zmtp(b"\x07MESSAGE" + bytes(40)), zmtp(b"12345", b"report"), b"GET / HTTP/1.1\r\n\r\n"]):
+        Connection(capture, number, HANDLER).segment("up", greeting() + data)
+    Connection(capture, 3, PROXY).segment("up", greeting() + zmtp(b"\x01topic"))
+    rows = fields_of(capture.close(), "tcp.stream", "rtlsgw_upstream.encrypted", "rtlsgw_upstream.unknown",
+                     "rtlsgw_upstream.subscription", options=["-Y", "rtlsgw_upstream"])
+    assert [(row[0], row[1] != "", row[2] != "", row[3]) for row in rows] == [
+        ("0", True, False, ""), ("1", False, False, ""), ("2", False, True, ""), ("3", False, False, "subscribe topic")]
+    assert len(malformed(capture.path)) == 2
