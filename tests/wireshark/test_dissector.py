@@ -448,10 +448,25 @@ def test_a_connection_that_begins_anew_has_nothing_left_over(tmp_path):
     assert rows == [["ping"]]
 
 
+def wrong_lines() -> list:
+    """Those of the documentation with one change each, after which no gateway writes them so."""
+    text = (ROOT / "docs/decode.md").read_text().encode()
+    route, ul_tdoa = re.findall(rb"^    management (@.*)$", text, re.M)
+    changes = [(route, b'"lqi":100', b'"lqi":256'), (route, b'"lqi":  7', b'"lqi":7'), (route, b"510000000102", b"51000000010A"),
+               (route, b"1700000000", b"170000000"), (ul_tdoa, b'"flags":"A1"', b'"flags":"a1"'),
+               (ul_tdoa, b'"pe_seq_no":258', b'"pe_seq_no":0258'), (ul_tdoa, b'"tag":{"mac":"51', b'"tag":{"mac":"5'),
+               (ul_tdoa, b'"batt_voltage":3700', b'"batt_voltage":65536'), (ul_tdoa, b"-1500", b"-2147483649"),
+               (ul_tdoa, b'"percent_of_charge":80', b'"percent_of_charge":80,')]
+    assert all(before in line for line, before, _ in changes)
+    return [line.replace(before, after, 1) for line, before, after in changes]
+
+
 def test_what_is_wrong_in_a_recording_is_malformed(tmp_path):
     recording = Recording(tmp_path / "wrong.pcapng")
     wrong = [("command", b"0800zz"), ("command", b""), ("command", b"08:00"), ("report/0012AB0000000001", b"", b""),
-             ("report/0012AB0000000001", bytes(5)), ("management", b"@win_management {}"), ("management", b"")]
+             ("report/0012AB0000000001", bytes(5)), ("report/0012AB0000000001", bytes(4) + b"\x03\xE8", b"\x01\x06"),
+             ("command", b"0012" + b"00" * 10), ("command", b"080d" + b"00" * 8 + b"000178"),
+             ("management", b"@win_management {}"), ("management", b""), *(("management", line) for line in wrong_lines())]
     for topic, *frames in wrong:
         recording.message(topic, *frames)
     recording.packet(b"\x00\x07command" + bytes(23))
