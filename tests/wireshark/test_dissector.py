@@ -620,3 +620,44 @@ def test_what_is_no_report_or_no_zmtp_is_malformed_and_what_is_encrypted_is_not(
     assert [(row[0], row[1] != "", row[2] != "", row[3]) for row in rows] == [
         ("0", True, False, ""), ("1", False, False, ""), ("2", False, True, ""), ("3", False, False, "subscribe topic")]
     assert len(malformed(capture.path)) == 2
+
+
+# ---- garbage
+
+def damaged(data: bytes, random) -> bytes:
+    """With some bytes changed, or without its end."""
+    data = bytearray(data)
+    for _ in range(random.randrange(4)):
+        if data:
+            data[random.randrange(len(data))] = random.choice([0, 1, 0x28, 0x30, 0x7F, 0x80, 0xFF, random.randrange(256)])
+    return bytes(data[:random.randrange(len(data) + 1)] if random.random() < 0.3 else data)
+
+
+def script_errors(capture) -> list:
+    return fields_of(capture, "frame.number", "_ws.expert.message", options=["-Y", '_ws.expert.message contains "Lua Error"'])
+
+
+def test_damaged_messages_and_garbage_are_no_error_of_the_scripts(tmp_path):
+    composer, capture = Composer(11), Capture(tmp_path / "damaged.pcap")
+    random = composer.random
+    for number, port in enumerate((4001, HANDLER, PROXY, PROXY_INPUT)):
+        connection = Connection(capture, number, port)
+        for _ in range(200):
+            way = random.choice(["up", "down"])
+            data = damaged(getattr(composer, way)()[0], random)
+            connection.segment(way, random.choice([wire.frame(data), zmtp(data), zmtp(data[:6], data[6:]), composer.some()]))
+    for _ in range(50):
+        capture.datagram(DEVICE, GATEWAY, random.choice([b"", b"\x01"]) + composer.some())
+    assert script_errors(capture.close()) == []
+
+
+def test_damaged_recordings_are_no_error_of_the_scripts(tmp_path):
+    composer, recording = Composer(12), Recording(tmp_path / "damaged.pcapng")
+    random, lines = composer.random, re.findall(r"^    management (@.*)$", (ROOT / "docs/decode.md").read_text(), re.M)
+    for _ in range(400):
+        text = random.choice([*lines, '{"event":"node_new","mac":"0012AB0000000001","last":null}'])
+        data = random.choice([composer.up()[0], composer.down()[0], text.encode(), b"0800".join(4 * [b"F5"])])
+        topic = random.choice(["management", "command", "report/0012AB0000000001", "link/in/id-1", "link/out/id-1", "event", "", "new"])
+        recording.message(topic, *[damaged(data, random) for _ in range(random.randrange(3))], connection=random.randrange(3))
+        recording.packet(composer.some())
+    assert script_errors(recording.close()) == []
