@@ -54,12 +54,12 @@ class Recording:
         data = struct.pack(">HH", 12, 8) + b"rtls_tap" + bytes(4) + data
         self.block(6, struct.pack("<IIIII", 0, self.clock >> 32, self.clock & 0xFFFFFFFF, len(data), len(data)) + data)
 
-    def message(self, topic: str, *frames: bytes, direction: int = NEITHER, connection: int = 0):
+    def message(self, topic: str, *frames: bytes, direction: int = NEITHER, connection: int = 0, version: int = 1):
         """A millisecond and a nanosecond behind the one before."""
         self.clock += 1_000_001
         of_class = topic.rpartition("/")[0] or topic
         number = self.numbers[of_class] = self.numbers.get(of_class, 0) + 1
-        head = struct.pack(">BBHIQQ", 1, direction, 0, connection, number, self.clock)
+        head = struct.pack(">BBHIQQ", version, direction, 0, connection, number, self.clock)
         self.packet(struct.pack(">H", len(topic)) + topic.encode() + head +
                     b"".join(struct.pack(">I", len(frame)) + frame for frame in frames))
 

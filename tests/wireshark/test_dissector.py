@@ -92,8 +92,8 @@ def composed(folder, count: int, seed: int) -> tuple:
         for way, share in (("up", 2), ("down", 1)):
             made = [getattr(composer, way)() for _ in range(count * share // 12)]
             sent[(str(number), way)] = [fields for _, fields in made]
-            greeting = b"sync\n" if way == "down" else b""
-            streams[way] = [greeting] * bool(greeting) + cut(b"".join(wire.frame(data) for data, _ in made), composer.random)
+            begin = b"sync\n" if way == "down" else b""
+            streams[way] = cut(begin + b"".join(wire.frame(data) for data, _ in made), composer.random)
         send_mixed(connection, streams, composer.random)
     return capture.close(), sent
 
@@ -399,13 +399,29 @@ def test_reports_commands_and_lines_of_a_recording_are_shown_as_in_the_documenta
 
 def test_the_head_of_a_recorded_message_is_shown(tmp_path):
     recording = Recording(tmp_path / "tap.pcapng")
-    event = '{"event":"bridge_connected","bridge":"id-00000007","address":"10.0.0.2","port":4711}'
+    event = '{"event":"bridge_closed","reason":"its end, says it","bridge":"id-00000007","port":4711,"last":null}'
     recording.message("event", event.encode(), connection=7)
     names = ["topic", "version", "direction", "connection", "number", "event", "event.member"]
     (row,) = fields_of(recording.close(), *(f"rtls_tap.{name}" for name in names), "frame.time_epoch", "rtls_tap.clock")
-    assert row[:6] == ["event", "1", "2", "7", "1", "bridge_connected"]
-    assert row[6] == "event: bridge_connected,bridge: id-00000007,address: 10.0.0.2,port: 4711"
+    assert row[:6] == ["event", "1", "2", "7", "1", "bridge_closed"]
+    assert row[6] == "event: bridge_closed,reason: its end, says it,bridge: id-00000007,port: 4711,last: null"
     assert row[7] == "1700000000.001000001" and "22:13:20.001000001" in row[8]
+
+
+def test_a_greeting_in_pieces_is_one(tmp_path):
+    capture = Capture(tmp_path / "greeting.pcap")
+    connection = Connection(capture, 1)
+    for data in (b"s", b"yn", b"c\n" + wire.frame(wire.ping(1))):
+        connection.segment("down", data)
+    assert malformed(capture.close()) == []
+    assert fields_of(capture.path, "rtlsgw.sync", "rtlsgw.kind", options=["-Y", "rtlsgw"]) == [["sync", "ping"]]
+
+
+def test_another_version_of_the_head_is_flagged(tmp_path):
+    recording = Recording(tmp_path / "version.pcapng")
+    recording.message("command", b"0801", version=2)
+    recording.message("command", b"0801")
+    assert fields_of(recording.close(), "frame.number", options=["-Y", "rtls_tap.expert.version"]) == [["1"]]
 
 
 def recorded_streams(folder, count: int) -> tuple:
@@ -540,7 +556,7 @@ def test_expert_infos_of_the_documentation_are_those_there_are():
     section = (ROOT / "docs/wireshark.md").read_text().split("## What is flagged")[1]
     code = "".join((PLUGINS / f"rtls_{name}.module").read_text() for name in ("tree", "tap", "zmtp"))
     named = either(re.findall(r"expert\.(\w+)`|`\.(\w+)`", section))
-    assert named == either(re.findall(r'ProtoExpert.*expert\.(\w+)"|new\("(\w+)"', code)) and len(named) == 8
+    assert named == either(re.findall(r'ProtoExpert.*expert\.(\w+)"|new\("(\w+)"', code)) and len(named) == 9
 
 
 def test_ports_of_the_documentation_are_those_of_the_preferences_and_of_the_sample(tmp_path):
