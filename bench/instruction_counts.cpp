@@ -8,8 +8,10 @@
 #include "base/common.h"
 #include "base/czmq_ptr.h"
 #include "base/logger.h"
+#include "base/message_part.h"
 #include "command_world.h"
 #include "dispatch_world.h"
+#include "support/temp_file.h"
 #include "wire/slip.h"
 
 #include <sys/ioctl.h>
@@ -104,6 +106,52 @@ void count_message(const frame_case& c)
     };
     count({kind, dispatch_world::batch, [] {}, work,
            [&] { return world.take(c.sent * dispatch_world::batch); }});
+}
+
+// Takes as many of the tap's messages as that.
+bool take_from_tap(zsock_t* subscriber, size_t messages)
+{
+    message_part part;
+    while (messages > 0) {
+        if (!part.receive(zsock_resolve(subscriber), true))
+            return false;
+        messages -= zsock_rcvmore(subscriber) ? 0 : 1;
+    }
+    return true;
+}
+
+// Heartbeats of a gateway with a tap, to which somebody has subscribed or nobody.
+void count_tapped(const char* kind, const char* topic)
+{
+    if (!is_wanted(kind))
+        return;
+    const temp_file place{"tap"};
+    dispatch_world world;
+    world.introduce(1);
+    const zconfig_ptr config{zconfig_new("root", nullptr)};
+    zconfig_put(config.get(), "tap/address", (std::string{"ipc://"} + place.path()).c_str());
+    tap_socket& tap = world.server().tap;
+    require(tap.read(config.get()) && tap.open(), "tap");
+    const zsock_ptr subscriber{zsock_new_sub((std::string{">ipc://"} + place.path()).c_str(), topic)};
+    zsock_set_rcvtimeo(subscriber.get(), 60'000);
+    while (topic && !tap.takes_any())
+        tap.look();
+    world.server().event_time = get_current_time(); // as while the bytes of a read are handled
+    tap.begin_read(1);
+    frame_case heartbeat = frame_cases().front();
+    const auto work = [&] {
+        for (size_t i = 0; i < dispatch_world::batch; ++i) {
+            ++heartbeat.frame[heartbeat.seq_at];
+            world.receive(heartbeat.frame);
+        }
+        return true;
+    };
+    count({kind, dispatch_world::batch, [] {}, work,
+           [&] {
+               return world.take(dispatch_world::batch) &&
+                      (!topic || take_from_tap(subscriber.get(), dispatch_world::batch));
+           }});
+    tap.close();
 }
 
 void write_to_port(dispatch_world& world, const bytes_t& bytes)
@@ -227,6 +275,8 @@ int main(int argc, char** argv)
     only_kind = argc > 1 ? argv[1] : nullptr;
     require(logger_init("instruction_counts"), "no log"); // which is asked for each line whether it takes it
     std::ranges::for_each(frame_cases(), count_message);
+    count_tapped("tap: heartbeat, nobody subscribed", nullptr);
+    count_tapped("tap: heartbeat, subscribed", "report/");
     for (const size_t messages_a_write : {size_t{1}, size_t{32}})
         count_port(messages_a_write);
     std::ranges::for_each(command_cases(), count_command);

@@ -179,6 +179,9 @@ static constexpr config_key all_keys[] = {
                                  "/etc/rtls-gateway/http.token",
                                  "A file with the token that every request must bring along.")),
 
+    optional_key("tap/address", key_type::endpoint, "no tap", "tcp://127.0.0.1:5559",
+                 "The endpoint at which the tap publishes what passes: tcp or ipc, bound by the daemon."),
+
     text_key("pub_sub_proxy/address", key_type::host, "127.0.0.1",
              "The host of the publish/subscribe proxy."),
     port_key("pub_sub_proxy/port", "5555", "TCP: where commands come from."),

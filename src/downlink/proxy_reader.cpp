@@ -120,8 +120,18 @@ static std::string_view text_of(bytes_view message)
     return {text, strnlen(text, message.size())};
 }
 
+static void tap_command(WIN_SERVER_t& server, bytes_view message, timeval now)
+{
+    const uint64_t now_us =
+        uint64_t{1'000'000} * static_cast<uint64_t>(now.tv_sec) + static_cast<uint64_t>(now.tv_usec);
+    server.tap.publish({tap_class::command, tap_direction::down, {0, now_us * 1000}},
+                       tap_topic{tap_class::command}, message);
+}
+
 static void handle_message(WIN_SERVER_t& server, bytes_view message, timeval now)
 {
+    if (server.tap.takes(tap_class::command)) [[unlikely]]
+        tap_command(server, message, now);
     if (message.size() > text_limit) {
         refuse(server, command_outcome::malformed);
         logger_error(g_logger, "%s: a text of %zu bytes is too long!", reader_name, message.size());

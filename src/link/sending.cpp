@@ -5,6 +5,7 @@
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "link/silent_ends.h"
+#include "link/tapped.h"
 #include "link/unsent_messages.h"
 #include "net/stream_send.h"
 #include "wire/slip.h"
@@ -111,9 +112,11 @@ static bool send_bytes(WIN_SERVER_t& server, bytes_view identity, bytes_view byt
         }
         sent = stream_send(server.win_sock, identity, frame);
     }
-    if (sent)
+    if (sent) {
         server.counts.bytes_out.add(bytes.size());
-    else if (errno != EAGAIN) {
+        if (server.tap.takes(tap_class::link_out)) [[unlikely]]
+            tap_written(server, find_client(server, identity), identity, bytes);
+    } else if (errno != EAGAIN) {
         log_call_error(function, "zframe_send");
         if (WIN_CLIENT_t* client = errno == EHOSTUNREACH ? find_client(server, identity) : nullptr)
             note_unreachable(server, *client);

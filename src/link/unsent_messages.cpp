@@ -5,6 +5,7 @@
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "link/silent_ends.h"
+#include "link/tapped.h"
 #include "link/win_server_private.h"
 #include "net/stream_send.h"
 
@@ -220,6 +221,8 @@ static bool send_piece(WIN_SERVER_t& server, WIN_CLIENT_t& client)
     if (!data.is_made() || !stream_send(server.win_sock, frame_bytes(client.id), data))
         return false;
     server.counts.bytes_out.add(size);
+    if (server.tap.takes(tap_class::link_out)) [[unlikely]]
+        tap_written(server, &client, frame_bytes(client.id), {room.data(), size});
     queue.advance(size, [&](bytes_view message, size_t left) {
         server.counts.bridge_messages_flushed.add();
         if (dbg_is_wanted(DBG_RAW))

@@ -27,6 +27,7 @@
 #include "net/link_watch.h"
 #include "net/own_addresses.h"
 #include "services.h"
+#include "tap/tap_socket.h"
 
 #include <czmq.h>
 #include <netinet/in.h>
@@ -110,6 +111,7 @@ struct WIN_SERVER_t {
 
     win_counters counts; // read by any thread, like the pulse
     loop_pulse pulse;
+    tap_socket tap;
     int64_t hand_overs_noted_at = 0; // zclock_usecs of the last look for what has been handed over upstream
     uint64_t hand_overs_noted = 0;   // and how much had been
 

@@ -7,6 +7,7 @@
 #include "base/peer.h"
 #include "link/sending.h"
 #include "link/silent_ends.h"
+#include "link/tapped.h"
 #include "net/stream_send.h"
 
 #include <sys/socket.h>
@@ -105,6 +106,8 @@ static void on_data(WIN_SERVER_t& server, WIN_CLIENT_t& client, bytes_view data)
                   hex_text{data}.c_str(), data.size(), ipv4_text{client.addr}.c_str(),
                   ntohs(client.addr.sin_port), identity_key{client.id}.c_str());
     server.event_time = get_current_time();
+    if (server.tap.takes_any()) [[unlikely]]
+        tap_read(server, client, data);
     begin_answers(server, client);
     parse_data_from_win_client(&server, &client, data.data(), data.size());
     end_answers(server);

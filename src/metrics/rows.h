@@ -29,6 +29,7 @@ metric_rows bridge_rows() noexcept;
 metric_rows command_rows() noexcept; // pages, discovery and downloads, too
 metric_rows inside_rows() noexcept;  // nodes, operators, debug lines, the log
 metric_rows link_rows() noexcept;
+metric_rows tap_rows() noexcept;
 metric_rows process_rows() noexcept; // the actors, too
 
 // --- for the rows

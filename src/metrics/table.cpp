@@ -21,7 +21,7 @@ template <typename Visitor>
 static void each_row(Visitor visit)
 {
     for (const metric_rows group : {bridge_input_rows(), report_rows(), bridge_rows(), command_rows(),
-                                    inside_rows(), link_rows(), process_rows()})
+                                    inside_rows(), link_rows(), tap_rows(), process_rows()})
         for (const metric_row& row : group)
             visit(row);
 }

@@ -59,7 +59,7 @@ static bool read_config(zconfig_t* config, WIN_SERVER_t& server)
     read_backlog(config, server);
     if (!read_door_rules(config, "win", server.win_door.rules) ||
         !read_door_address(config, "discovery", server.discovery_address) ||
-        !server.certificates.read(config))
+        !server.certificates.read(config) || !server.tap.read(config))
         return false;
     server.proxy_full_address = make_endpoint(proxy_address, proxy_port);
     server.proxy_full_input_address = make_endpoint(proxy_address, proxy_input_port);

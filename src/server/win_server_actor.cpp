@@ -142,6 +142,11 @@ static bool open_message_handler(WIN_SERVER_t& server)
     return server.msg_handler_sock;
 }
 
+static bool open_tap(WIN_SERVER_t& server)
+{
+    return !server.tap.is_configured() || made(server.tap.open(), "zmq_bind (tap)");
+}
+
 static bool make_loop(WIN_SERVER_t& server)
 {
     server.actor_loop.reset(zloop_new());
@@ -159,8 +164,9 @@ try {
 }
 
 static constexpr bool (*open_steps[])(WIN_SERVER_t&) = {
-    open_debug_stream, open_win_port,        open_discovery, open_interthread_channel, open_proxy,
-    open_proxy_input,  open_message_handler, make_loop,      open_call_queue,
+    open_debug_stream, open_win_port,    open_discovery,       open_interthread_channel,
+    open_proxy,        open_proxy_input, open_message_handler, open_tap,
+    make_loop,         open_call_queue,
 };
 
 static bool open_all(WIN_SERVER_t& server)
@@ -221,6 +227,19 @@ static bool register_timers(WIN_SERVER_t& server)
     return true;
 }
 
+static int look_at_tap(zloop_t* /*loop*/, int /*timer_id*/, void* p_server) noexcept
+{
+    static_cast<WIN_SERVER_t*>(p_server)->tap.look();
+    return 0;
+}
+
+static bool register_tap(WIN_SERVER_t& server)
+{
+    return !server.tap.is_configured() ||
+           made(zloop_timer(server.actor_loop, tap_socket::look_every_ms, 0, look_at_tap, &server) != -1,
+                "zloop_timer");
+}
+
 static bool make_unsent_messages(WIN_SERVER_t& server)
 {
     server.unsent_messages.reset(zlist_new());
@@ -230,7 +249,7 @@ static bool make_unsent_messages(WIN_SERVER_t& server)
 static bool prepare(WIN_SERVER_t& server, zsock_t* pipe)
 {
     return open_all(server) && register_discovery(server) && register_readers(server, pipe) &&
-           register_timers(server) && make_unsent_messages(server);
+           register_timers(server) && register_tap(server) && make_unsent_messages(server);
 }
 
 void win_server_actor(zsock_t* pipe, void* p_server) noexcept
@@ -280,6 +299,7 @@ void destroy_actor_context(WIN_SERVER_t* server)
     server->proxy_input_sock.reset();
     server->proxy_sock.reset();
     server->msg_handler_sock.reset();
+    server->tap.close();
     server->dbg_client_sock.reset();
     server->interthread_sever_sock.reset();
 }

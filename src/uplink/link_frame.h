@@ -75,8 +75,11 @@ struct link_frame {
     // Hands a report on, stamped with the time of its generation.
     message_outcome to_msg_handler(bytes_view data)
     {
-        data_to_msg_handler(&server, data.data(), data.size(), static_cast<uint32_t>(generation_time.seconds),
-                            static_cast<uint16_t>(generation_time.milliseconds));
+        const auto seconds = static_cast<uint32_t>(generation_time.seconds);
+        const auto milliseconds = static_cast<uint16_t>(generation_time.milliseconds);
+        data_to_msg_handler(&server, data.data(), data.size(), seconds, milliseconds);
+        if (server.tap.takes(tap_class::report)) [[unlikely]]
+            tap_report(server, data, seconds, milliseconds);
         return message_outcome::report;
     }
 };

@@ -51,6 +51,25 @@ void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size,
     pause_if_waiting(*server, server->to_handler);
 }
 
+// What is caused by bytes that are being read has their origin.
+static tap_origin origin_of(const WIN_SERVER_t& server)
+{
+    return server.event_time ? server.tap.read_origin() : tap_origin{};
+}
+
+void tap_report(WIN_SERVER_t& server, bytes_view data, uint32_t seconds, uint16_t milliseconds)
+{
+    server.tap.publish({tap_class::report, tap_direction::up, origin_of(server)},
+                       tap_topic{tap_class::report, report_sender(data)},
+                       timestamp_frame(seconds, milliseconds), data);
+}
+
+static void tap_line(WIN_SERVER_t& server, bytes_view line)
+{
+    server.tap.publish({tap_class::management, tap_direction::up, origin_of(server)},
+                       tap_topic{tap_class::management}, line);
+}
+
 void win_management_to_server(WIN_SERVER_t* server, const char* text)
 {
     if (any_null(__func__, server, text))
@@ -73,6 +92,8 @@ void win_management_to_server(WIN_SERVER_t* server, const char* text)
     dbg_print_ts(server->dbg_client_sock, now, DBG_RAW, "JSON_OUTPUT", "%.*s", static_cast<int>(size),
                  reinterpret_cast<const char*>(line.data()));
 
+    if (server->tap.takes(tap_class::management))
+        tap_line(*server, line.bytes());
     // Peers take the line's end from the frame's: there is no terminating zero.
     server->to_proxy_input.send(zsock_resolve(server->proxy_input_sock), line, nullptr,
                                 may_wait(*server, server->proxy_input_link));

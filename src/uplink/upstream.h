@@ -18,6 +18,9 @@ namespace rtls {
 void data_to_msg_handler(WIN_SERVER_t* server, const uint8_t* data, size_t size, uint32_t seconds,
                          uint16_t milliseconds);
 
+// The same for the tap, whose subscribers want it.
+void tap_report(WIN_SERVER_t& server, bytes_view data, uint32_t seconds, uint16_t milliseconds);
+
 // One management line with this text, stamped with the present time.
 void win_management_to_server(WIN_SERVER_t* server, const char* text);
 

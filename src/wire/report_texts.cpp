@@ -1,5 +1,6 @@
 #include "wire/report_texts.h"
 
+#include <algorithm>
 #include <cassert>
 #include <charconv>
 #include <cstring>
@@ -99,6 +100,25 @@ timestamp_bytes timestamp_frame(uint32_t seconds, uint16_t milliseconds)
     store_be32(frame, report_timestamp::seconds, seconds);
     store_be16(frame, report_timestamp::milliseconds, milliseconds);
     return frame;
+}
+
+static size_t sender_at(bytes_view report)
+{
+    switch (report.size() < msgGeneric_t::size ? 0 : load_be16(report, msgGeneric_t::msgType)) {
+    case MSG_ANNOUNCE_ROOT_IND:
+        return gwMsgRootAnnounce_t::ieee_addr;
+    case MSG_HEARTBEAT_IND:
+    case MSG_NODE_ANNOUNCE_IND:
+        return gwMsgHeartbeat_t::long_addr;
+    default: // behind its payload
+        return report.size() - std::min(report.size(), mac_size);
+    }
+}
+
+bytes_view report_sender(bytes_view report)
+{
+    const bytes_view rest = report.subspan(std::min(report.size(), sender_at(report)));
+    return rest.first(std::min(rest.size(), mac_size));
 }
 
 size_t write_management_head(tav_timestamp_t time, std::span<char, management_head_limit> out)

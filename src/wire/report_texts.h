@@ -26,6 +26,10 @@ namespace rtls {
 using timestamp_bytes = std::array<uint8_t, report_timestamp::size>;
 timestamp_bytes timestamp_frame(uint32_t seconds, uint16_t milliseconds);
 
+// The MAC of the node that a report to the message handler is from: its place depends on the report's type. Of less
+// than a MAC, all there is.
+bytes_view report_sender(bytes_view report);
+
 // --- the management line: "@win_management {" time "," text "}"
 
 // Room for the part before the text, with the widest numbers.

@@ -7,7 +7,7 @@ import subprocess
 import pytest
 from conftest import ROOT, run
 
-LAYERS = ["base", "registry", "wire", "firmware", "net", "link", "downlink", "uplink", "server", "terminal",  # from the ground up
+LAYERS = ["base", "registry", "wire", "firmware", "net", "tap", "link", "downlink", "uplink", "server", "terminal",  # from the ground up
           "metrics", "watch", "http"]
 
 

@@ -129,9 +129,25 @@ static void check_resolution(inspection& at, const std::vector<server>& servers)
     }
 }
 
+// --- the tap
+
+static bool check_tap(inspection& at)
+{
+    static constexpr std::string_view key = "tap/address";
+    const std::string& text = at.effective.at(key).item->value;
+    const auto parts = parse_endpoint(text);
+    const bool is_tcp = parts && parts->transport == "tcp";
+    if (at.effective.at(key).is_taken() && (!is_tcp || (parts->port && *parts->port != 0)))
+        return is_tcp;
+    at.add(at.effective.at(key).is_taken() ? severity::ends : severity::refused, "endpoint", key,
+           fmt::format("\"{}\" is no endpoint that the tap can be bound to", text),
+           "write tcp://, an address of this host, : and a port, or ipc:// and the path of a local socket");
+    return false;
+}
+
 // --- ports that two want
 
-static std::vector<listener> find_listeners(const inspection& at)
+static std::vector<listener> find_listeners(inspection& at)
 {
     static constexpr std::array<std::array<std::string_view, 2>, 3> doors{
         {{"ports/terminal", "ports/terminal_address"},
@@ -141,6 +157,10 @@ static std::vector<listener> find_listeners(const inspection& at)
     for (const auto& [port, address] : doors)
         if (has_item(at, port) && at.effective.at(port).is_taken() && at.effective.number(port) != 0)
             listeners.push_back({port, at.effective.text(address), at.effective.number(port)});
+    if (has_item(at, "tap/address") && check_tap(at)) {
+        const auto parts = parse_endpoint(at.effective.text("tap/address"));
+        listeners.push_back({"tap/address", std::string{parts->host}, *parts->port});
+    }
     return listeners;
 }
 

@@ -4,6 +4,7 @@
 #include "base/prefix_list.h"
 #include "http/http_rules.h"
 #include "net/door.h"
+#include "tap/tap_socket.h"
 
 #include <cassert>
 #include <cerrno>
@@ -119,6 +120,13 @@ static key_reading read_address_key(const config_key& key, const std::string& te
     return key.door == "discovery" ? read_discovery_address(key, text) : read_door_key(key, text);
 }
 
+// Of the tap, which the daemon binds; it only connects to others, and takes whatever is written.
+static key_reading read_endpoint(const config_key& key, const std::string& text)
+{
+    const zconfig_ptr tree = tree_of(key, text);
+    return tap_socket{}.read(tree.get()) ? taken(text) : refused();
+}
+
 key_reading read_key(const config_key& key, const std::string& text)
 {
     switch (key.type) {
@@ -135,10 +143,11 @@ key_reading read_key(const config_key& key, const std::string& text)
         return parse_macs(text) ? taken(in_words(text)) : refused();
     case key_type::url_prefixes:
         return words_of(text).empty() ? refused() : taken(in_words(text));
+    case key_type::endpoint:
+        return read_endpoint(key, text);
     case key_type::path:
     case key_type::file:
     case key_type::host:
-    case key_type::endpoint:
         break;
     }
     return taken(text);

@@ -9,6 +9,7 @@
 #include "services.h"
 #include "support/log_capture.h"
 #include "support/ota_store.h"
+#include "support/temp_file.h"
 #include "support/test_gateway.h"
 #include "terminal/terminal_server_private.h"
 
@@ -97,6 +98,11 @@ const char* text_of(metric_type type)
     return type == metric_type::counter ? "counter" : type == metric_type::gauge ? "gauge" : "histogram";
 }
 
+gateway_config with_tap(const temp_file& place)
+{
+    return gateway_config{}.set("tap/address", std::string{"ipc://"} + place.path());
+}
+
 // As docs/metrics.md begins a row.
 std::string row_of(const metric& m)
 {
@@ -146,7 +152,8 @@ TEST(metrics_table, each_row_is_explained_and_nothing_else)
 
 TEST(metrics_collect, a_gateway_that_serves_has_samples_of_every_metric)
 {
-    test_gateway gateway;
+    const temp_file tap{"tap"};
+    test_gateway gateway{with_tap(tap)};
     gateway.run_terminal_server();
     gateway.run_win_server();
     const collected now{gateway.handle()};
@@ -154,6 +161,13 @@ TEST(metrics_collect, a_gateway_that_serves_has_samples_of_every_metric)
         EXPECT_THAT(now.metrics, Contains(m.name));
     EXPECT_EQ(now.samples.at("rtls_gateway_upstream_link_up{link=message_handler}"), 0);
     EXPECT_GE(now.samples.at("rtls_gateway_loop_age_seconds{actor=win}"), 0);
+}
+
+TEST(metrics_collect, without_a_tap_there_are_no_samples_of_it)
+{
+    const test_gateway gateway;
+    const collected now{gateway.handle()};
+    EXPECT_THAT(now.metrics, testing::Not(Contains(testing::StartsWith("rtls_gateway_tap_"))));
 }
 
 TEST(metrics_collect, a_gateway_that_does_not_run_shows_no_loop)
@@ -424,6 +438,16 @@ void add_terminal(std::vector<wiring>& all, terminal_counters& counts)
     all.push_back({[&] { counts.operators_gone.add(); }, {"rtls_gateway_operators"}});
 }
 
+void add_tap(std::vector<wiring>& all, tap_counters& counts)
+{
+    const std::vector<std::string> classes = {"class=report",  "class=management", "class=command",
+                                              "class=link_in", "class=link_out",   "class=event"};
+    add_kinds(all, counts.published, "tap_messages_total", classes);
+    add_kinds(all, counts.overflows, "tap_overflows_total", classes);
+    add_kinds(all, counts.lost, "tap_lost_total", classes);
+    all.push_back({[&counts] { counts.topics.set(2); }, {"rtls_gateway_tap_topics"}});
+}
+
 std::vector<wiring> all_wirings(services& gateway)
 {
     std::vector<wiring> all;
@@ -436,6 +460,7 @@ std::vector<wiring> all_wirings(services& gateway)
     add_queue(all, gateway.win_server->to_handler, "message_handler");
     add_queue(all, gateway.win_server->to_proxy_input, "proxy_input");
     add_terminal(all, gateway.terminal_server->counts);
+    add_tap(all, writable(gateway.win_server->tap.counts()));
     add_kinds(all, writable(gateway.http.counts()), "http_refused_total",
               {"reason=descriptors", "reason=full", "reason=busy", "reason=malformed", "reason=method",
                "reason=too_long", "reason=token", "reason=timed_out", "reason=out_of_memory"});
@@ -457,7 +482,8 @@ std::vector<std::string> moved(const sample_map& before, const sample_map& now)
 
 TEST(metrics_collect, each_counter_moves_its_own_sample_and_no_other)
 {
-    test_gateway gateway;
+    const temp_file tap{"tap"};
+    test_gateway gateway{with_tap(tap)};
     auto& handed_out = *static_cast<services*>(gateway.handle());
     sample_map before = collected{gateway.handle()}.samples;
     for (const wiring& one : all_wirings(handed_out)) {

@@ -30,6 +30,33 @@ TEST(timestamp_frame, is_big_endian)
     }
 }
 
+TEST(report_sender, stands_where_the_type_has_it)
+{
+    const bytes_t mac = hex("02 AB 34 CD 56 00 1A 2B");
+    const bytes_t other = hex("11 11 11 11 11 11 11 11");
+    const struct {
+        const char* given;
+        bytes_t report;
+        bytes_t then;
+    } cases[] = {
+        {"a heartbeat", hex("01 04 07 3C 05 14 03") + mac + other + bytes_t(16, 9) + other, mac},
+        {"a node's announcement", hex("01 0F 07 3C 05 14 03") + mac + other + bytes_t(16, 9) + other, mac},
+        {"a root's announcement", hex("01 03 07") + mac + hex("12 34"), mac},
+        {"sensor data", hex("01 16 07 00 01 FF") + mac, mac},
+        {"a generic request", hex("01 0E 07 00 02 77 77") + mac, mac},
+        {"a type that is not known", hex("7F 7F 07") + mac, mac},
+        {"less than a MAC", hex("01 16 07"), hex("01 16 07")},
+        {"a short heartbeat", hex("01 04 07 3C 05 14 03 02 AB"), hex("02 AB")},
+        {"a shorter one", hex("01 04 07"), {}},
+        {"less than a type", hex("01"), hex("01")},
+        {"nothing", {}, {}},
+    };
+    for (const auto& c : cases) {
+        const bytes_view found = report_sender(c.report);
+        EXPECT_EQ(bytes_t(found.begin(), found.end()), c.then) << c.given;
+    }
+}
+
 TEST(management_head, pads_its_numbers_with_blanks)
 {
     const struct {

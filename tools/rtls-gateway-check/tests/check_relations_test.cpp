@@ -133,6 +133,35 @@ TEST_F(check_relations, hosts_and_endpoints)
         EXPECT_EQ(said(some_file{}.line(c.line, c.text)), c.then) << c.text;
 }
 
+TEST_F(check_relations, the_tap)
+{
+    static const std::string endpoint =
+        " is no endpoint that the tap can be bound to / write tcp://, an address of "
+        "this host, : and a port, or ipc:// and the path of a local socket";
+    const struct {
+        const char* address;
+        said_texts then;
+    } cases[] = {
+        {"tcp://127.0.0.1:5559", {}},
+        {"tcp://*:5559", {}},
+        {"ipc:///run/rtls-gateway/tap", {}},
+        {"127.0.0.1:5559", {"21 refused endpoint tap/address: \"127.0.0.1:5559\"" + endpoint}},
+        {"udp://127.0.0.1:5559", {"21 refused endpoint tap/address: \"udp://127.0.0.1:5559\"" + endpoint}},
+        {"tcp://127.0.0.1", {"21 ends endpoint tap/address: \"tcp://127.0.0.1\"" + endpoint}},
+        {"tcp://127.0.0.1:4000",
+         {"21 ends clash tap/address: port 4000 is ports/terminal's as well: the second to be opened finds "
+          "it in "
+          "use / give each its own port"}},
+        {"tcp://127.0.0.1:5557",
+         {"17 harm clash message_handler/port: port 5557 of this host is the daemon's own, by tap/address: "
+          "it would "
+          "connect to itself / give each its own port"}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(said(some_file{}.add("tap").add(std::string{"    address = "} + c.address)), c.then)
+            << c.address;
+}
+
 TEST_F(check_relations, names_that_do_not_resolve)
 {
     m_machine.unresolved["handler.example"] = "Name or service not known";

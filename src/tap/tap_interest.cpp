@@ -1,0 +1,58 @@
+#include "tap/tap_interest.h"
+
+#include <new>
+
+namespace rtls {
+
+// Whether the subscription brings messages of the class with topics of this form.
+static bool concerns(std::string_view subscribed, std::string_view topic)
+{
+    return topic.starts_with(subscribed) || (topic.ends_with('/') && subscribed.starts_with(topic));
+}
+
+void tap_interest::count(std::string_view topic, int change) noexcept
+{
+    for (size_t i = 0; i < tap_classes; ++i)
+        if (concerns(topic, tap_topics[i])) {
+            m_of_class[i] += static_cast<size_t>(change);
+            const uint8_t bit = bit_of(static_cast<tap_class>(i));
+            m_taken = static_cast<uint8_t>(m_of_class[i] > 0 ? m_taken | bit : m_taken & ~bit);
+        }
+}
+
+void tap_interest::begin(std::string_view topic)
+try {
+    if (m_topics.emplace(topic).second)
+        count(topic, 1);
+} catch (const std::bad_alloc&) {
+    count(topic, 1);
+}
+
+void tap_interest::end(std::string_view topic)
+{
+    const auto found = m_topics.find(topic);
+    if (found == m_topics.end())
+        return;
+    m_topics.erase(found);
+    count(topic, -1);
+}
+
+void tap_interest::note(std::span<const uint8_t> message) noexcept
+{
+    if (message.empty())
+        return;
+    const std::string_view topic{reinterpret_cast<const char*>(message.data()) + 1, message.size() - 1};
+    if (message[0] == 1)
+        begin(topic);
+    else if (message[0] == 0)
+        end(topic);
+}
+
+void tap_interest::clear() noexcept
+{
+    m_topics.clear();
+    m_of_class.fill(0);
+    m_taken = 0;
+}
+
+} // namespace rtls

@@ -1,0 +1,256 @@
+#include "tap/tap_socket.h"
+
+#include "base/message_part.h"
+#include "support/hex_bytes.h"
+#include "support/log_capture.h"
+#include "support/temp_file.h"
+#include "support/wait.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+namespace rtls {
+
+using testing::ElementsAre;
+
+namespace {
+
+zconfig_ptr config_with(const std::string& address)
+{
+    zconfig_ptr config{zconfig_new("root", nullptr)};
+    zconfig_put(config.get(), "tap/address", address.c_str());
+    return config;
+}
+
+uint64_t load_be64(const bytes_t& bytes, size_t at)
+{
+    return uint64_t{load_be32(bytes, at)} << 32 | load_be32(bytes, at + 4);
+}
+
+// A tap at a local socket, and its subscribers.
+class opened_tap : public testing::Test {
+protected:
+    opened_tap()
+    {
+        EXPECT_TRUE(m_tap.read(config_with(endpoint()).get()));
+        EXPECT_TRUE(m_tap.is_configured());
+        EXPECT_TRUE(m_tap.open());
+    }
+
+    std::string endpoint() const { return std::string{"ipc://"} + m_place.path(); }
+
+    // Connected, and taken notice of.
+    zsock_ptr subscriber(const std::string& topic, int queue = 0)
+    {
+        const uint64_t before = m_tap.counts().topics.value();
+        zsock_ptr sock{zsock_new(ZMQ_SUB)};
+        zsock_set_rcvhwm(sock.get(), queue);
+        if (queue > 0)
+            zsock_set_rcvbuf(sock.get(), 4096);
+        zsock_set_subscribe(sock.get(), topic.c_str());
+        EXPECT_EQ(zsock_connect(sock.get(), "%s", endpoint().c_str()), 0);
+        EXPECT_TRUE(
+            repeat_until([&] { return m_tap.counts().topics.value() > before; }, [&] { m_tap.look(); }));
+        return sock;
+    }
+
+    // The frames of the next message, which comes in time, or none.
+    static std::vector<bytes_t> receive(const zsock_ptr& sock)
+    {
+        std::vector<bytes_t> frames;
+        if (!wait_until([&] { return (zsock_events(sock.get()) & ZMQ_POLLIN) != 0; }))
+            return frames;
+        message_part part;
+        do {
+            EXPECT_TRUE(part.receive(zsock_resolve(sock.get())));
+            frames.emplace_back(part.bytes().begin(), part.bytes().end());
+        } while (zsock_rcvmore(sock.get()));
+        return frames;
+    }
+
+    static uint64_t next_number(const zsock_ptr& sock)
+    {
+        const auto frames = receive(sock);
+        return frames.size() > 2 ? load_be64(frames[1], tap_head::number) : 0;
+    }
+
+    static bool has_more(const zsock_ptr& sock) { return (zsock_events(sock.get()) & ZMQ_POLLIN) != 0; }
+
+    temp_file m_place{"tap"};
+    tap_socket m_tap;
+};
+
+bytes_t text(const char* characters)
+{
+    return {characters, characters + std::strlen(characters)};
+}
+
+} // namespace
+
+TEST(tap_socket, without_its_key_there_is_none)
+{
+    tap_socket tap;
+    const zconfig_ptr config{zconfig_new("root", nullptr)};
+    EXPECT_TRUE(tap.read(config.get()));
+    EXPECT_FALSE(tap.is_configured());
+    EXPECT_FALSE(tap.takes_any());
+    tap.close();
+}
+
+TEST(tap_socket, an_address_that_is_no_endpoint_is_an_error)
+{
+    log_capture log;
+    for (const char* address :
+         {"", "tcp://", "ipc://", "127.0.0.1:5559", "udp://127.0.0.1:5559", "inproc://tap"}) {
+        tap_socket tap;
+        EXPECT_FALSE(tap.read(config_with(address).get())) << address;
+        EXPECT_THAT(log.messages("main"),
+                    ElementsAre("The parameter \"tap/address\" is no endpoint of tcp or ipc!"));
+    }
+}
+
+TEST(tap_socket, one_that_cannot_be_bound_is_told_by_errno)
+{
+    const struct {
+        const char* address;
+        int error;
+    } cases[] = {
+        {"ipc:///no/such/folder/tap", ENOENT},
+        {"tcp://192.0.2.1:5559", EADDRNOTAVAIL},
+        {"tcp://127.0.0.1:99999", EINVAL},
+    };
+    for (const auto& [address, error] : cases) {
+        tap_socket tap;
+        ASSERT_TRUE(tap.read(config_with(address).get()));
+        EXPECT_FALSE(tap.open()) << address;
+        EXPECT_EQ(errno, error) << address;
+        EXPECT_FALSE(tap.takes_any());
+    }
+}
+
+TEST_F(opened_tap, a_message_is_topic_head_and_payload)
+{
+    const zsock_ptr all = subscriber("");
+    const bytes_t mac = hex("02 AB 34 CD 56 00 1A 2B");
+    const bytes_t large(100, 0xF5);
+    m_tap.publish({tap_class::report, tap_direction::up, {0x01020304, 0x1122334455667788}},
+                  tap_topic{tap_class::report, mac}, hex("00 01"), large);
+    EXPECT_THAT(receive(all), ElementsAre(text("report/02AB34CD56001A2B"),
+                                          hex("01 00 0000 01020304 0000000000000001 1122334455667788"),
+                                          hex("00 01"), large));
+    m_tap.publish({tap_class::command, tap_direction::down, {0, 1}}, tap_topic{tap_class::command}, {});
+    EXPECT_THAT(receive(all),
+                ElementsAre(text("command"), hex("01 01 0000 00000000 0000000000000001 0000000000000001"),
+                            bytes_t{}));
+    EXPECT_EQ(m_tap.counts().published[tap_class::report].value(), 1U);
+    EXPECT_EQ(m_tap.counts().published[tap_class::command].value(), 1U);
+    EXPECT_EQ(m_tap.counts().overflows.sum() + m_tap.counts().lost.sum(), 0U);
+}
+
+TEST_F(opened_tap, each_class_has_numbers_of_its_own)
+{
+    const zsock_ptr links = subscriber("link/");
+    for (const auto of : {tap_class::link_in, tap_class::link_out, tap_class::link_in, tap_class::link_in})
+        m_tap.publish({of, tap_direction::up}, tap_topic{of}, hex("00"));
+    for (const uint64_t number : {1, 1, 2, 3})
+        EXPECT_EQ(next_number(links), number);
+}
+
+TEST_F(opened_tap, without_a_clock_a_message_has_the_present_time)
+{
+    const zsock_ptr events = subscriber("event");
+    timespec before{};
+    clock_gettime(CLOCK_REALTIME, &before);
+    m_tap.publish({tap_class::event, tap_direction::neither}, tap_topic{tap_class::event}, text("{}"));
+    const auto frames = receive(events);
+    ASSERT_EQ(frames.size(), 3U);
+    const uint64_t clock = load_be64(frames[1], tap_head::clock);
+    const uint64_t from = static_cast<uint64_t>(before.tv_sec) * 1'000'000'000;
+    EXPECT_TRUE(clock >= from && clock < from + 60'000'000'000) << clock;
+    EXPECT_EQ(frames[1][tap_head::direction], 2);
+}
+
+TEST_F(opened_tap, what_a_read_brings_has_its_clock)
+{
+    m_tap.begin_read(7);
+    const tap_origin first = m_tap.read_origin();
+    EXPECT_EQ(first.connection, 7U);
+    EXPECT_GT(first.clock_ns, 1'700'000'000'000'000'000U);
+    m_tap.begin_read(8);
+    EXPECT_EQ(m_tap.read_origin().connection, 8U);
+    EXPECT_GE(m_tap.read_origin().clock_ns, first.clock_ns);
+}
+
+TEST_F(opened_tap, takes_what_somebody_has_subscribed_to_until_he_leaves)
+{
+    EXPECT_FALSE(m_tap.takes_any());
+    zsock_ptr one = subscriber("report/02");
+    EXPECT_TRUE(m_tap.takes(tap_class::report));
+    EXPECT_FALSE(m_tap.takes(tap_class::event));
+    one.reset();
+    EXPECT_TRUE(repeat_until([&] { return !m_tap.takes_any(); }, [&] { m_tap.look(); }));
+    EXPECT_EQ(m_tap.counts().topics.value(), 0U);
+}
+
+TEST_F(opened_tap, nobody_takes_anything_when_it_is_closed)
+{
+    const zsock_ptr one = subscriber("");
+    m_tap.close();
+    EXPECT_FALSE(m_tap.takes_any());
+    EXPECT_EQ(m_tap.counts().topics.value(), 0U);
+    EXPECT_TRUE(m_tap.open()) << "and it can be opened again";
+}
+
+// The library refuses a message as the first queue becomes full, and leaves that subscriber out from then on.
+TEST_F(opened_tap, who_does_not_read_loses_his_own_and_is_counted_once)
+{
+    const zsock_ptr good = subscriber("report/");
+    const zsock_ptr slow = subscriber("report/0", 1);
+    const bytes_t payload(500, 1);
+    const uint8_t mac[] = {0, 1, 2, 3, 4, 5, 6, 7};
+    const counter& overflows = m_tap.counts().overflows[tap_class::report];
+    constexpr uint64_t after = 1000; // messages behind the first that the slow one loses
+    uint64_t last = 0;
+    for (uint64_t lost_at = 0; lost_at == 0 || last < lost_at + after;) {
+        m_tap.publish({tap_class::report, tap_direction::up}, tap_topic{tap_class::report, mac}, hex("00"),
+                      payload);
+        ASSERT_EQ(next_number(good), ++last);
+        if (lost_at == 0 && overflows.value() > 0)
+            lost_at = last;
+        ASSERT_LT(last, 100'000U);
+    }
+    EXPECT_EQ(overflows.value(), 1U);
+    EXPECT_EQ(m_tap.counts().lost.sum(), 0U);
+    uint64_t had = 0;
+    while (had < last - after - 1)
+        ASSERT_EQ(next_number(slow), ++had);
+    EXPECT_GT(had, 10'000U);
+    EXPECT_FALSE(has_more(slow));
+    m_tap.look();
+    m_tap.publish({tap_class::report, tap_direction::up}, tap_topic{tap_class::report, mac}, hex("00"),
+                  payload);
+    EXPECT_EQ(next_number(slow), last + 1) << "there is room again";
+    EXPECT_EQ(next_number(good), last + 1);
+}
+
+TEST_F(opened_tap, a_subscriber_who_sends_more_than_a_topic_is_cut_off)
+{
+    const zsock_ptr loud{zsock_new(ZMQ_XSUB)};
+    zsock_connect(loud.get(), "%s", endpoint().c_str());
+    const auto look = [&] { m_tap.look(); };
+    const auto has = [&](uint64_t topics) {
+        return [&, topics] { return m_tap.counts().topics.value() == topics; };
+    };
+    zstr_send(loud.get(), "\1event");
+    EXPECT_TRUE(repeat_until(has(1), look));
+    zstr_send(loud.get(), ('\1' + std::string(5000, 'r')).c_str());
+    EXPECT_TRUE(repeat_until(has(0), look));
+}
+
+} // namespace rtls
