@@ -13,6 +13,9 @@
 
 namespace rtls {
 
+static constexpr char of_store[] = "store";
+static constexpr char of_announcement[] = "announcement";
+
 namespace {
 
 // What has been fetched, or why there is nothing, on its way between the threads.
@@ -65,6 +68,31 @@ static void print_reason(WIN_SERVER_t& server, const char* url, const char* reas
         dbg_print(server.dbg_client_sock, DBG_DEVELOP, "PROXY", "%s: %s", url, reason);
 }
 
+// A server's order for the tap: it begins, and ends.
+static void tap_begun(WIN_SERVER_t& server, const char* url, const char* purpose) noexcept
+{
+    if (server.tap.takes(tap_class::event))
+        server.tap.publish(tap_event{"download_begun"}.text("url", url).text("purpose", purpose));
+}
+
+static void tap_ended(WIN_SERVER_t& server, const char* url, const char* purpose,
+                      const char* outcome) noexcept
+{
+    if (server.tap.takes(tap_class::event))
+        server.tap.publish(
+            tap_event{"download_ended"}.text("url", url).text("purpose", purpose).text("outcome", outcome));
+}
+
+static void tap_store_ended(WIN_SERVER_t& server, const char* url, int index) noexcept
+{
+    tap_ended(server, url, of_store, index >= 0 ? "stored" : "failed");
+    if (index >= 0 && server.tap.takes(tap_class::event))
+        server.tap.publish(tap_event{"image_stored"}
+                               .number("index", static_cast<uint64_t>(index))
+                               .text("url", url)
+                               .text("purpose", of_store));
+}
+
 static void print_stored(WIN_SERVER_t& server, int index)
 {
     if (index == -1)
@@ -75,6 +103,7 @@ static void print_stored(WIN_SERVER_t& server, int index)
 
 void fetch_for_store(WIN_SERVER_t& server, const char* url, uint32_t git_ver, uint32_t crc32)
 try {
+    tap_begun(server, url, of_store);
     auto outcome = std::make_shared<store_outcome>();
     outcome->url = url;
     fetch_elsewhere(
@@ -87,15 +116,18 @@ try {
         [=, &server] {
             print_reason(server, outcome->url.c_str(), outcome->reason.c_str());
             print_stored(server, outcome->index);
+            tap_store_ended(server, outcome->url.c_str(), outcome->index);
         },
         [&] {
             print_reason(server, url, str_not_ordered);
             print_stored(server, -1);
+            tap_store_ended(server, url, -1);
         });
 } catch (const std::bad_alloc&) {
     logger_error(g_logger, str_out_of_memory, __func__);
     note_not_taken(server);
     print_stored(server, -1);
+    tap_store_ended(server, url, -1);
 }
 
 static void adopt(WIN_SERVER_t& server, const char* url, firmware_ptr firmware, uint32_t announced_crc,
@@ -104,7 +136,7 @@ static void adopt(WIN_SERVER_t& server, const char* url, firmware_ptr firmware, 
     zsock_t* dbg = server.dbg_client_sock;
     if (!firmware) {
         dbg_print(dbg, DBG_PARSING, "PROXY", "MSG_FW_IMAGE_AVAIL_IND cannot get firmware from: %s", url);
-        return;
+        return tap_ended(server, url, of_announcement, "failed");
     }
     const uint32_t computed = firmware->crc32;
     server.rtls_gateway->firmware.set(firmware.release());
@@ -113,13 +145,15 @@ static void adopt(WIN_SERVER_t& server, const char* url, firmware_ptr firmware, 
         dbg_print(dbg, DBG_PARSING, "PROXY",
                   "MSG_FW_IMAGE_AVAIL_IND bad crc32 sum: s:%08X d:%08X, firmware removed", printed_crc,
                   computed);
-        return;
+        return tap_ended(server, url, of_announcement, "wrong_crc");
     }
     update_command_to_all(server);
+    tap_ended(server, url, of_announcement, "current");
 }
 
 void fetch_announced(WIN_SERVER_t& server, const char* url, uint32_t announced_crc, uint32_t printed_crc)
 try {
+    tap_begun(server, url, of_announcement);
     auto outcome = std::make_shared<announced_outcome>();
     auto text = std::make_shared<const std::string>(url);
     fetch_elsewhere(

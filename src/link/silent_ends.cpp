@@ -3,6 +3,7 @@
 #include "base/common.h"
 #include "base/logger.h"
 #include "base/peer.h"
+#include "link/tapped.h"
 #include "link/unsent_messages.h"
 #include "net/stream_send.h"
 
@@ -28,6 +29,8 @@ void end_by_peer(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
               ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
               colon_mac_text{client.mac_addr}.c_str(), key.c_str());
     server.counts.bridges_closed[bridge_end::peer].add();
+    if (server.tap.takes(tap_class::event))
+        tap_closed(server, client, "peer");
     lose_with_bridge(server, client);
     server.clients.erase(key.c_str());
 }

@@ -20,4 +20,14 @@ void tap_read(WIN_SERVER_t& server, const WIN_CLIENT_t& client, bytes_view bytes
 void tap_written(WIN_SERVER_t& server, const WIN_CLIENT_t* client, bytes_view identity,
                  bytes_view bytes) noexcept;
 
+// What has happened to this client. Somebody takes events.
+void tap_connected(WIN_SERVER_t& server, const WIN_CLIENT_t& client) noexcept;
+// It has told its MAC, which was another one or none before.
+void tap_named(WIN_SERVER_t& server, const WIN_CLIENT_t& client) noexcept;
+// "peer", or "unwanted" by the gateway.
+void tap_closed(WIN_SERVER_t& server, const WIN_CLIENT_t& client, const char* cause) noexcept;
+
+// The number of the connection with this identity, as the tap's messages have it.
+uint32_t connection_number(bytes_view identity) noexcept;
+
 } // namespace rtls

@@ -112,6 +112,10 @@ struct WIN_SERVER_t {
     win_counters counts; // read by any thread, like the pulse
     loop_pulse pulse;
     tap_socket tap;
+    bool tap_knows_start =
+        false; // what the subscribers of its events have been told, of what they are told once
+    bool tap_knows_handler_overflow = false;
+    bool tap_knows_proxy_input_overflow = false;
     int64_t hand_overs_noted_at = 0; // zclock_usecs of the last look for what has been handed over upstream
     uint64_t hand_overs_noted = 0;   // and how much had been
 

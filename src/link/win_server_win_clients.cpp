@@ -92,6 +92,8 @@ static void on_connect(WIN_SERVER_t& server, message_part& identity, const ident
     client->heard_at_check = server.end_checks;
     note_number(server, *client);
     server.counts.bridges_accepted.add();
+    if (server.tap.takes(tap_class::event))
+        tap_connected(server, *client);
     // Bridges wait for this before they speak; it stands outside of any frame on purpose.
     static constexpr uint8_t greeting[] = {'s', 'y', 'n', 'c', '\n'};
     bytes_to_bridge(server, identity.bytes(), greeting);

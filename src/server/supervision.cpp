@@ -7,6 +7,7 @@
 #include "base/signals.h"
 #include "link/sending.h"
 #include "link/silent_ends.h"
+#include "link/tapped.h"
 #include "link/unsent_messages.h"
 #include "registry/nodes_container.h"
 #include "server/win_server.h"
@@ -61,6 +62,8 @@ static void close_unwanted(WIN_SERVER_t& server, const WIN_CLIENT_t& client)
               ipv4_text{client.addr}.c_str(), ntohs(client.addr.sin_port),
               colon_mac_text{client.mac_addr}.c_str(), identity_key{client.id}.c_str());
     server.counts.bridges_closed[bridge_end::unwanted].add();
+    if (server.tap.takes(tap_class::event))
+        tap_closed(server, client, "unwanted");
     delete_win_client(&server, client.id);
 }
 

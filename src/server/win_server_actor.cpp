@@ -10,6 +10,7 @@
 #include "net/udplib.h"
 #include "server/discovery.h"
 #include "server/supervision.h"
+#include "server/tap_watch.h"
 #include "uplink/upstream.h"
 
 #include <arpa/inet.h>
@@ -227,16 +228,10 @@ static bool register_timers(WIN_SERVER_t& server)
     return true;
 }
 
-static int look_at_tap(zloop_t* /*loop*/, int /*timer_id*/, void* p_server) noexcept
-{
-    static_cast<WIN_SERVER_t*>(p_server)->tap.look();
-    return 0;
-}
-
 static bool register_tap(WIN_SERVER_t& server)
 {
     return !server.tap.is_configured() ||
-           made(zloop_timer(server.actor_loop, tap_socket::look_every_ms, 0, look_at_tap, &server) != -1,
+           made(zloop_timer(server.actor_loop, tap_socket::look_every_ms, 0, watch_tap, &server) != -1,
                 "zloop_timer");
 }
 
@@ -285,6 +280,7 @@ void destroy_actor_context(WIN_SERVER_t* server)
     if (any_null(__func__, server))
         return;
     upstream_stopping(*server);
+    tap_stopping(*server);
     server->actor_loop.reset();
     server->calls_of_strangers.set(nullptr);
     if (server->calls)

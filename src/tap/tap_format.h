@@ -55,6 +55,11 @@ public:
     {
         m_size = static_cast<size_t>(write_hex(bytes, m_text.data() + m_size) - m_text.data());
     }
+    // What stands behind the beginning that all topics of the class have.
+    std::string_view rest(tap_class of) const noexcept
+    {
+        return std::string_view{m_text.data(), m_size}.substr(tap_topics[static_cast<size_t>(of)].size());
+    }
     std::span<const uint8_t> bytes() const noexcept
     {
         return {reinterpret_cast<const uint8_t*>(m_text.data()), m_size};

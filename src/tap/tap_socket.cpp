@@ -53,8 +53,16 @@ static bool prepare(void* socket)
            zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &longest_topic, sizeof longest_topic) == 0;
 }
 
+static uint64_t now_ns() noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
 bool tap_socket::open()
 {
+    m_opened_at_ns = now_ns();
     m_sock.reset(zsock_new(ZMQ_XPUB));
     if (!m_sock)
         return false;
@@ -81,13 +89,6 @@ void tap_socket::look() noexcept
     for (int i = 0; i < most_in_a_look && message.receive(m_socket); ++i)
         m_interest.note(message.bytes());
     m_counts.topics.set(m_interest.size());
-}
-
-static uint64_t now_ns() noexcept
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
 void tap_socket::begin_read(uint32_t connection) noexcept
@@ -164,6 +165,12 @@ void tap_socket::publish(const subject& what, const tap_topic& topic, bytes_view
 {
     assert(before.size() <= inline_part_size);
     send(what, topic, &before, payload);
+}
+
+void tap_socket::publish(const tap_event& event, uint32_t connection) noexcept
+{
+    publish({tap_class::event, tap_direction::neither, {connection, 0}}, tap_topic{tap_class::event},
+            event.bytes());
 }
 
 } // namespace rtls

@@ -20,6 +20,7 @@
 #include "base/bytes.h"
 #include "base/counter.h"
 #include "base/czmq_ptr.h"
+#include "tap/tap_event.h"
 #include "tap/tap_format.h"
 #include "tap/tap_interest.h"
 
@@ -57,6 +58,7 @@ public:
     // What follows is the actor's. To be configured.
     bool open();
     void close() noexcept;
+    uint64_t opened_at_ns() const noexcept { return m_opened_at_ns; } // since 1970
 
     // Takes notice of who has come and gone: to be called every look_every_ms. Not a reader of the loop: that would
     // have every turn of it look at one more socket, and cost a report more than all of the rest.
@@ -79,6 +81,9 @@ public:
     void publish(const subject& what, const tap_topic& topic, bytes_view payload) noexcept;
     void publish(const subject& what, const tap_topic& topic, bytes_view before, bytes_view payload) noexcept;
 
+    // Something has happened, to a bridge's connection or to none.
+    void publish(const tap_event& event, uint32_t connection = 0) noexcept;
+
     const tap_counters& counts() const noexcept { return m_counts; }
 
 private:
@@ -90,6 +95,7 @@ private:
     std::string m_endpoint;
     zsock_ptr m_sock;
     void* m_socket = nullptr; // libzmq's handle of it
+    uint64_t m_opened_at_ns = 0;
     tap_interest m_interest;
     tap_origin m_read;
     std::array<uint64_t, tap_classes> m_numbers{}; // the last of each class

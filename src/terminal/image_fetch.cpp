@@ -3,6 +3,7 @@
 #include "base/common.h"
 #include "base/logger.h"
 #include "base/peer.h"
+#include "server/tap_watch.h"
 #include "terminal/client.h"
 #include "terminal/reply.h"
 #include "terminal/terminal_server_private.h"
@@ -48,8 +49,26 @@ static void print_reason(TERMINAL_SERVER_t& server, const char* url, const char*
         dbg_print(server.dbg_client_sock.get(), DBG_DEVELOP, console, "%s: %s", url, reason);
 }
 
+static void tap_download(TERMINAL_SERVER_t& server, tap_event& event, const std::string& url) noexcept
+{
+    tap_from_elsewhere(server.rtls_gateway->win_server, event.text("url", url).text("purpose", "operator"));
+}
+
+static void tap_ended(TERMINAL_SERVER_t& server, const outcome& fetched) noexcept
+{
+    if (!has_tap(server.rtls_gateway->win_server))
+        return;
+    tap_event ended{"download_ended"};
+    tap_download(server, ended.text("outcome", fetched.index >= 0 ? "stored" : "failed"), fetched.url);
+    if (fetched.index < 0)
+        return;
+    tap_event stored{"image_stored"};
+    tap_download(server, stored.number("index", static_cast<uint64_t>(fetched.index)), fetched.url);
+}
+
 static void tell(TERMINAL_SERVER_t& server, const outcome& fetched)
 {
+    tap_ended(server, fetched);
     print_reason(server, fetched.url.c_str(), fetched.reason.c_str());
     server.fetch_ended(server, fetched.operator_id, fetched.index);
 }
@@ -80,9 +99,12 @@ bool fetch_image(TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client, const cha
         return false;
     if (is_gone(server, client))
         return true; // nobody would see the outcome
+    if (tap_event begun{"download_begun"}; has_tap(server.rtls_gateway->win_server))
+        tap_download(server, begun, url);
     client.is_fetching = server.rtls_gateway->downloads->order(make_order(server, client, url), {},
                                                                download_pool::customer::operators);
     if (!client.is_fetching) {
+        tap_ended(server, {.url = url, .operator_id = {}, .index = -1, .reason = {}});
         print_reason(server, url, str_not_ordered);
         terminal_send(client, server.terminal_sock.get(), fetch_answer(-1).c_str());
     }

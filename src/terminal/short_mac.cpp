@@ -73,18 +73,18 @@ std::optional<mac_array> find_mac_by_short(NODES_CONTAINER_t* nodes, uint16_t sh
     return find_mac(*nodes, short_mac);
 }
 
-bool delete_node_by_short_mac(NODES_CONTAINER_t* nodes, uint16_t short_mac)
+std::optional<mac_array> delete_node_by_short_mac(NODES_CONTAINER_t* nodes, uint16_t short_mac)
 {
     if (!nodes) {
         logger_error(g_logger, str_null_nodes_container, __func__);
-        return false;
+        return std::nullopt;
     }
     const auto mac = find_mac(*nodes, short_mac);
     if (!mac)
-        return false;
+        return std::nullopt;
     const nodes_guard guard{*nodes};
     nodes->remove(mac->data());
-    return true;
+    return mac;
 }
 
 } // namespace rtls

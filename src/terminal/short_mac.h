@@ -18,7 +18,7 @@ namespace rtls {
 // The whole MAC of that node.
 std::optional<mac_array> find_mac_by_short(NODES_CONTAINER_t* nodes, uint16_t short_mac);
 
-// Removes that node from the registry. False when there is none.
-bool delete_node_by_short_mac(NODES_CONTAINER_t* nodes, uint16_t short_mac);
+// Removes that node from the registry, and tells its whole MAC.
+std::optional<mac_array> delete_node_by_short_mac(NODES_CONTAINER_t* nodes, uint16_t short_mac);
 
 } // namespace rtls

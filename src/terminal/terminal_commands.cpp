@@ -5,6 +5,7 @@
 #include "base/null_check.h"
 #include "base/peer.h"
 #include "base/tokenize.h"
+#include "server/tap_watch.h"
 #include "terminal/filter.h"
 #include "terminal/firmware_commands.h"
 #include "terminal/listing.h"
@@ -145,8 +146,11 @@ static std::string delete_node(const terminal_request& request)
     const auto [short_mac, refusal] = short_mac_argument(request);
     if (refusal)
         return refusal;
-    if (!delete_node_by_short_mac(request.gateway.nodes, short_mac))
+    const auto mac = delete_node_by_short_mac(request.gateway.nodes, short_mac);
+    if (!mac)
         return text_format(not_in_list, short_mac);
+    if (has_tap(request.gateway.win_server))
+        tap_from_elsewhere(request.gateway.win_server, tap_event{"node_deleted"}.hex("node", *mac));
     return "Command completed successfully!\n";
 }
 

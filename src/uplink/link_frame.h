@@ -12,6 +12,7 @@
 #include "base/bytes.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
+#include "uplink/node_news.h"
 #include "uplink/upstream.h"
 #include "wire/messaging.h"
 
@@ -38,9 +39,18 @@ struct link_frame {
     bool msg_is_forwarded = false; // it came inside a 15.4 envelope
     bool change_route = true;      // move the node's route to this client
     std::array<uint8_t, gwMsgAck_t::size> ack{};
+    node_news news_of_envelope{}; // for the tap: of the node that the envelope names,
+    node_news news{};             // and of the one that the message itself does
 
     // The message's own, in place.
     uint8_t* seq_no() { return &msg[msgGeneric_t::seqNo]; }
+
+    // Somebody has sent what is being processed: to be called before the node's record is changed.
+    void note_locked(node_news& of, const NODE_t& node) const RTLS_REQUIRES(nodes)
+    {
+        if (server.tap.takes(tap_class::event)) [[unlikely]]
+            of.note_sender(node, change_route ? frame_bytes(client.id) : bytes_view{});
+    }
 
     // When the node was heard: the time of reception.
     timeval activity() const

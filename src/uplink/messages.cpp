@@ -4,6 +4,7 @@
 #include "base/peer.h"
 #include "link/rpl_version.h"
 #include "link/sending.h"
+#include "link/tapped.h"
 #include "uplink/link_frame.h"
 #include "uplink/payloads.h"
 
@@ -33,6 +34,7 @@ static std::optional<message_outcome> refresh_node(link_frame& frame, const uint
     NODE_t* node = frame.nodes.find_or_create_by_mac(mac, frame.seq_no());
     if (!node)
         return frame.refusal_locked();
+    frame.note_locked(frame.news, *node);
     move_route_locked(frame, *node);
     frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();
@@ -52,6 +54,8 @@ static void learn_bridge_mac(link_frame& frame, const char* source, const uint8_
                  source, old[0], old[1], old[2], old[3], old[4], old[5], old[6], old[7], mac[0], mac[1],
                  mac[2], mac[3], mac[4], mac[5], mac[6], mac[7]);
     frame.server.clients.set_mac_addr(frame.client, mac);
+    if (frame.server.tap.takes(tap_class::event))
+        tap_named(frame.server, frame.client);
 }
 
 // --- handlers
@@ -119,6 +123,8 @@ static std::optional<message_outcome> update_node(link_frame& frame, const heart
     NODE_t* node = frame.nodes.find_or_create_by_mac(&msg[gwMsgHeartbeat_t::long_addr], frame.seq_no());
     if (!node)
         return frame.refusal_locked();
+    frame.note_locked(frame.news, *node);
+    frame.news.note_parent(*node, msg.subspan(gwMsgHeartbeat_t::parent_addr, mac_size));
     node->sw_version = heartbeat.sw_version;
     node->type = role & 0x0F;
     node->state = role & 0xF0; // not shifted: it is shown and compared in this place
@@ -274,6 +280,7 @@ static std::optional<message_outcome> register_forwarded_node(link_frame& frame,
     NODE_t* node = frame.nodes.find_or_create_by_mac(trailer + nwk_data_ind::trailer_mac, nullptr);
     if (!node)
         return frame.refusal_locked();
+    frame.note_locked(frame.news_of_envelope, *node);
     node->direct_mask = frame.direct_mask;
     frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();
@@ -350,6 +357,12 @@ static verdict interpret(link_frame& frame)
     return {outcome, true};
 }
 
+static void tap_node_news(const link_frame& frame)
+{
+    for (const node_news* news : {&frame.news_of_envelope, &frame.news})
+        news->publish(frame.server.tap, connection_number(frame_bytes(frame.client.id)));
+}
+
 // The one place where messages are counted: each once.
 bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
 {
@@ -371,6 +384,8 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
         .generation_time = now,
     };
     const verdict found = interpret(frame);
+    if (server->tap.takes(tap_class::event)) [[unlikely]]
+        tap_node_news(frame);
     server->counts.note(frame.kind, found.outcome);
     return found.is_accepted;
 }

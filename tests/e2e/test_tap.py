@@ -1,11 +1,15 @@
 """The tap: what it publishes is what passed, byte for byte; what nobody takes it does not publish, and nobody is
 disturbed by those who do not read."""
+import itertools
+import json
 import os
+import pathlib
 import re
 import struct
 import subprocess
 import sys
 import time
+import zlib
 
 import pytest
 import zmq
@@ -15,7 +19,7 @@ from harness.daemon import ROOT, Daemon, free_port
 from harness.figures import Figures
 from harness.http_client import with_http
 from harness.peers import wait_until
-from harness.tap import DOWN, UP, Subscriber
+from harness.tap import DOWN, NEITHER, UP, Subscriber
 
 NODE, NODE_IP = wire.mac(0x1A2B), wire.ip(0x1A2B)
 BRIDGE = wire.mac(0xB001)
@@ -71,6 +75,13 @@ def sequence(daemon):
         daemon.sequence = getattr(daemon, "sequence", 0) % 250 + 1
         return daemon.sequence
     return following
+
+
+def image_file(folder, git: int) -> pathlib.Path:
+    """An image that the gateway takes, of this version."""
+    file = folder / f"{git:08X}.bin"
+    file.write_bytes(b"code@BoardVer\0\3\4@Firmware\0" + struct.pack(">IHH", git, 128, 64) + bytes(900))
+    return file
 
 
 def published(gateway) -> dict:
@@ -160,6 +171,118 @@ def test_the_links_bytes_come_as_they_are_on_the_wire(gateway, subscribe, sequen
     assert ways[DOWN][-1].topic == b"link/out/02AB34CD5600B001"
     for way in ways.values():
         assert [m.number - way[0].number for m in way] == list(range(len(way)))
+
+
+def next_event(tap: Subscriber) -> tuple:
+    """And the connection's number in its head. That the gateway has started, the first subscriber is told."""
+    while True:
+        message = tap.receive()
+        assert (message.topic, message.direction, len(message.payload)) == (b"event", NEITHER, 1)
+        event = json.loads(message.payload[0])
+        if event["event"] != "started":
+            return event, message.connection
+
+
+def test_events_tell_of_bridges_and_nodes(gateway, subscribe, sequence):
+    tap = subscribe(b"event")
+    bridges = []
+
+    def events(number: int) -> list:
+        return [{**event, "head": head} for event, head in (next_event(tap) for _ in range(number))]
+
+    for mac in (wire.mac(0xB101), wire.mac(0xB102)):
+        bridge = gateway.bridge(mac)
+        bridges.append(bridge)
+        bridge.send_message(wire.panid_req(mac, sequence()))
+        bridge.barrier()
+    found = events(6)
+    numbers = [one["connection"] for one in found[::3]]
+    assert len(set(numbers)) == 2 and 0 not in numbers
+    for i, (bridge, number) in enumerate(zip(bridges, numbers)):
+        address = f"127.0.0.1:{bridge.port}"
+        name = bridge.mac.hex().upper()
+        assert found[3 * i:3 * i + 3] == [
+            {"event": "bridge_connected", "bridge": f"id-{number:08X}", "connection": number, "address": address, "head": number},
+            {"event": "bridge_named", "bridge": name, "connection": number, "address": address, "head": number},
+            {"event": "node_new", "node": name, "connection": number, "head": number}]
+
+    node, name = wire.mac(0x7777), wire.mac(0x7777).hex().upper()
+    for bridge, parent in ((bridges[0], 1), (bridges[1], 1), (bridges[1], 2)):
+        bridge.send_message(wire.envelope(wire.forwarded_heartbeat(node, sequence(), parent=wire.mac(parent)), node, NODE_IP))
+        bridge.barrier()
+    assert events(3) == [
+        {"event": "node_new", "node": name, "connection": numbers[0], "head": numbers[0]},
+        {"event": "node_moved", "node": name, "connection": numbers[1], "from": numbers[0], "head": numbers[1]},
+        {"event": "node_parent", "node": name, "parent": wire.mac(2).hex().upper(), "from": wire.mac(1).hex().upper(),
+         "head": numbers[1]}]
+
+    address = f"127.0.0.1:{bridges[0].port}"
+    bridges[0].close()
+    assert events(1) == [{"event": "bridge_closed", "bridge": bridges[0].mac.hex().upper(), "connection": numbers[0],
+                          "address": address, "cause": "peer", "head": numbers[0]}]
+    bridges[1].close()
+    assert events(1)[0]["connection"] == numbers[1]
+
+
+def test_events_tell_of_downloads(gateway, subscribe, tmp_path):
+    tap = subscribe(b"event")
+    image = image_file(tmp_path, 7)
+    missing = f"file://{tmp_path}/missing"
+    for url in (f"file://{image}", missing):
+        gateway.proxy.publish(struct.pack(">HIIH", wire.OTA_UPLOAD, 7, zlib.crc32(image.read_bytes()), len(url)) + url.encode())
+        events = [next_event(tap)[0] for _ in range(2 if url == missing else 3)]
+        assert events[0] == {"event": "download_begun", "url": url, "purpose": "store"}
+        assert events[1] == {"event": "download_ended", "url": url, "purpose": "store",
+                             "outcome": "failed" if url == missing else "stored"}
+        assert events[2:] == ([] if url == missing else [{"event": "image_stored", "index": 0, "url": url, "purpose": "store"}])
+
+
+def test_events_tell_what_operators_do(gateway, bridge, subscribe, sequence, tmp_path):
+    bridge.send_message(wire.heartbeat(NODE, sequence(), bridge=BRIDGE, addr=NODE_IP))
+    bridge.barrier()
+    tap = subscribe(b"event")
+    terminal = gateway.terminal()
+    terminal.command("del 1A2B", "Command completed successfully!\n")
+    assert next_event(tap)[0] == {"event": "node_deleted", "node": "02AB34CD56001A2B"}
+    image = image_file(tmp_path, 8)
+    for url, outcome in ((f"file://{image}", "stored"), (f"file://{tmp_path}/missing", "failed")):
+        terminal.send(f"fw get {url}\n".encode())
+        assert next_event(tap)[0] == {"event": "download_begun", "url": url, "purpose": "operator"}
+        assert next_event(tap)[0] == {"event": "download_ended", "outcome": outcome, "url": url, "purpose": "operator"}
+        if outcome == "stored":
+            stored = next_event(tap)[0]
+            assert stored == {"event": "image_stored", "index": stored["index"], "url": url, "purpose": "operator"}
+
+
+def test_events_tell_of_overflow_start_and_stop(start_gateway, http_port, tmp_path):
+    endpoint = f"ipc://{tmp_path}/tap"
+    daemon = start_gateway(upstream=("broker", "proxy", "proxy_input"), env={"ZSYS_SNDHWM": "10"},
+                           change=lambda tree: {**with_http(http_port)(tree), "tap": {"address": endpoint}})
+    tap = Subscriber(daemon.context, endpoint, http_port, b"event")
+    try:
+        start = json.loads(tap.receive().payload[0])
+        assert start["event"] == "started" and 0 < time.time_ns() - start["at"] < 3600e9
+        assert re.fullmatch(r"\d+\.\d+\.\d+", start["version"])
+        bridge = daemon.bridge(BRIDGE)
+        bridge.introduce()
+        bridge.send_message(*(wire.heartbeat(NODE, seq, bridge=BRIDGE, addr=NODE_IP) for seq in range(1, 101)))
+        bridge.barrier()
+        while (event := next_event(tap)[0])["event"] != "overflow":
+            assert re.match("bridge_|node_", event["event"]), event
+        assert event["queue"] == "message_handler" and 0 < event["lost"] <= 91
+        daemon.start_handler()
+        sequence = itertools.cycle(range(101, 250))
+
+        def is_exempted() -> bool:
+            bridge.send_message(wire.heartbeat(NODE, next(sequence), bridge=BRIDGE, addr=NODE_IP))
+            bridge.barrier()
+            return tap.sock.poll(100) and next_event(tap)[0]["event"] == "exemption"
+
+        wait_until(is_exempted, "the end of the overflow")
+        daemon.interrupt()
+        assert next_event(tap)[0] == {"event": "stopped"}
+    finally:
+        tap.close()
 
 
 def test_what_nobody_takes_is_not_published(gateway, bridge, subscribe, sequence):

@@ -123,7 +123,7 @@ TEST(tap_socket, one_that_cannot_be_bound_is_told_by_errno)
     } cases[] = {
         {"ipc:///no/such/folder/tap", ENOENT},
         {"tcp://192.0.2.1:5559", EADDRNOTAVAIL},
-        {"tcp://127.0.0.1:99999", EINVAL},
+        {"tcp://127.0.0.1", EINVAL},
     };
     for (const auto& [address, error] : cases) {
         tap_socket tap;
@@ -230,7 +230,7 @@ TEST_F(opened_tap, who_does_not_read_loses_his_own_and_is_counted_once)
     uint64_t had = 0;
     while (had < last - after - 1)
         ASSERT_EQ(next_number(slow), ++had);
-    EXPECT_GT(had, 10'000U);
+    EXPECT_GE(had, 10'000U);
     EXPECT_FALSE(has_more(slow));
     m_tap.look();
     m_tap.publish({tap_class::report, tap_direction::up}, tap_topic{tap_class::report, mac}, hex("00"),

@@ -1,0 +1,49 @@
+// node_news - what a message tells of its sender that the registry did not know: that there is such a node, that
+// another connection hears it, that it has another parent. For the tap's subscribers.
+//
+// Ownership  Copies.
+// Threads    WIN server thread: gathered under the registry's lock, published behind it.
+// Blocking   Nothing waits.
+// Failures   Nothing throws.
+#pragma once
+
+#include "base/bytes.h"
+#include "registry/node.h"
+#include "tap/tap_socket.h"
+
+#include <array>
+#include <cstdint>
+
+namespace rtls {
+
+class node_news {
+public:
+    // The message's sender as it was before; the identity of the connection that it came by, or none if the node's
+    // route stays.
+    void note_sender(const NODE_t& node, bytes_view connection) noexcept;
+    // The same node is about to get this parent. Nothing without the above.
+    void note_parent(const NODE_t& node, bytes_view parent) noexcept
+    {
+        if (m_is_noted) [[unlikely]]
+            compare_parent(node, parent);
+    }
+
+    // Behind the lock. What is no news is not published.
+    void publish(tap_socket& tap, uint32_t connection) const noexcept;
+
+private:
+    using mac = std::array<uint8_t, mac_size>;
+
+    void compare_parent(const NODE_t& node, bytes_view parent) noexcept;
+
+    bool m_is_noted = false;
+    bool m_is_new; // these are there when it is noted,
+    bool m_has_new_route;
+    bool m_has_new_parent;
+    uint32_t m_last_connection; // and these when there is such news
+    mac m_node;
+    mac m_last_parent;
+    mac m_parent;
+};
+
+} // namespace rtls
