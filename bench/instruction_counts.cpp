@@ -131,7 +131,7 @@ void count_tapped(const char* kind, const char* topic)
     const zconfig_ptr config{zconfig_new("root", nullptr)};
     zconfig_put(config.get(), "tap/address", (std::string{"ipc://"} + place.path()).c_str());
     tap_socket& tap = world.server().tap;
-    require(tap.read(config.get()) && tap.open(), "tap");
+    require(tap.read(config.get()) && tap.open({}), "tap");
     const zsock_ptr subscriber{zsock_new_sub((std::string{">ipc://"} + place.path()).c_str(), topic)};
     zsock_set_rcvtimeo(subscriber.get(), 60'000);
     while (topic && !tap.takes_any())

@@ -171,6 +171,8 @@ static constexpr config_key all_keys[] = {
     link_key("curve/pub_sub_proxy", "The public certificate of the proxy: encrypts that link."),
     link_key("curve/pub_sub_proxy_input", "The public certificate of the proxy's input: encrypts that link."),
     link_key("curve/debug_broker", "The public certificate of the debug broker: encrypts that link."),
+    optional_key("curve/tap", key_type::file, "not encrypted", "/etc/rtls-gateway/subscribers.key",
+                 "The public certificate of the tap's subscribers: encrypts the tap, for them alone."),
 
     http_port_key(),
     address_key("http/address", "127.0.0.1", "http", "127.0.0.1",

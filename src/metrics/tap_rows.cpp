@@ -37,6 +37,15 @@ static constexpr metric_row tap_rows_table[] = {
          if (const tap_counters* tap = tap_of(r))
              by_name(r, class_names, tap->lost);
      }},
+    {{"rtls_gateway_tap_refused_total",
+      "Connections to the tap with another key than the subscribers'.",
+      "",
+      counter_type,
+      {}},
+     [](reading& r) {
+         if (const tap_counters* tap = tap_of(r))
+             r.sample(number(tap->refused.value()));
+     }},
     {{"rtls_gateway_tap_topics", "Topics of the tap that are subscribed to.", "", gauge, {}},
      [](reading& r) {
          if (const tap_counters* tap = tap_of(r))

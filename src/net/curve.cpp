@@ -2,6 +2,7 @@
 
 #include "base/logger.h"
 
+#include <algorithm>
 #include <memory>
 
 namespace rtls {
@@ -13,6 +14,7 @@ static constexpr const char* link_keys[server_links] = {
     "curve/debug_broker",
 };
 static constexpr char own_key[] = "curve/certificate";
+static constexpr char tap_key[] = "curve/tap";
 
 namespace {
 struct destroy_cert {
@@ -40,9 +42,26 @@ static bool has_secret(zcert_t* cert)
     return false;
 }
 
+// The optional key of the tap.
+bool curve_certificates::read_tap(zconfig_t* config)
+{
+    const char* file_name = zconfig_get(config, tap_key, nullptr);
+    if (!file_name)
+        return true;
+    const cert_ptr subscribers = load(tap_key, file_name);
+    if (!subscribers)
+        return false;
+    const uint8_t* key = zcert_public_key(subscribers.get());
+    std::copy_n(key, m_tap_subscribers.size(), m_tap_subscribers.begin());
+    m_closes_tap = true;
+    return true;
+}
+
 bool curve_certificates::read(zconfig_t* config)
 {
-    bool any = false;
+    if (!read_tap(config))
+        return false;
+    bool any = m_closes_tap;
     for (size_t link = 0; link < server_links; ++link) {
         const char* file_name = zconfig_get(config, link_keys[link], nullptr);
         if (!file_name)
@@ -78,6 +97,13 @@ bool curve_certificates::protect(zsock_t* socket, server_link link) const noexce
     };
     return set(ZMQ_CURVE_SERVERKEY, m_servers[static_cast<size_t>(link)]) &&
            set(ZMQ_CURVE_PUBLICKEY, m_own_public) && set(ZMQ_CURVE_SECRETKEY, m_own_secret);
+}
+
+bool curve_certificates::serve(void* socket) const noexcept
+{
+    const int is_server = 1;
+    return zmq_setsockopt(socket, ZMQ_CURVE_SERVER, &is_server, sizeof is_server) == 0 &&
+           zmq_setsockopt(socket, ZMQ_CURVE_SECRETKEY, m_own_secret.c_str(), m_own_secret.size() + 1) == 0;
 }
 
 curve_keys curve_certificates::keys(server_link link) const

@@ -145,7 +145,7 @@ static bool open_message_handler(WIN_SERVER_t& server)
 
 static bool open_tap(WIN_SERVER_t& server)
 {
-    return !server.tap.is_configured() || made(server.tap.open(), "zmq_bind (tap)");
+    return !server.tap.is_configured() || made(server.tap.open(server.certificates), "zmq_bind (tap)");
 }
 
 static bool make_loop(WIN_SERVER_t& server)

@@ -60,14 +60,22 @@ static uint64_t now_ns() noexcept
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
-bool tap_socket::open()
+// Before it is bound.
+bool tap_socket::protect(const curve_certificates& certificates) noexcept
+{
+    if (!certificates.closes_tap())
+        return true;
+    return m_guard.open(certificates.tap_subscribers()) && certificates.serve(m_socket);
+}
+
+bool tap_socket::open(const curve_certificates& certificates)
 {
     m_opened_at_ns = now_ns();
     m_sock.reset(zsock_new(ZMQ_XPUB));
     if (!m_sock)
         return false;
     m_socket = zsock_resolve(m_sock.get());
-    if (prepare(m_socket) && zmq_bind(m_socket, m_endpoint.c_str()) == 0)
+    if (prepare(m_socket) && protect(certificates) && zmq_bind(m_socket, m_endpoint.c_str()) == 0)
         return true;
     const int error = errno;
     close();
@@ -80,11 +88,17 @@ void tap_socket::close() noexcept
     m_interest.clear();
     m_socket = nullptr;
     m_sock.reset();
+    m_guard.close();
     m_counts.topics.set(0);
 }
 
 void tap_socket::look() noexcept
 {
+    if (const uint64_t refused = m_guard.answer()) {
+        m_counts.refused.add(refused);
+        if (m_refusals.begins(zclock_mono()))
+            logger_warning(g_logger, "tap: somebody with another key than the subscribers' is refused");
+    }
     message_part message;
     for (int i = 0; i < most_in_a_look && message.receive(m_socket); ++i)
         m_interest.note(message.bytes());

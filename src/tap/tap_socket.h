@@ -20,8 +20,11 @@
 #include "base/bytes.h"
 #include "base/counter.h"
 #include "base/czmq_ptr.h"
+#include "base/rate_bound.h"
+#include "net/curve.h"
 #include "tap/tap_event.h"
 #include "tap/tap_format.h"
+#include "tap/tap_guard.h"
 #include "tap/tap_interest.h"
 
 #include <czmq.h>
@@ -44,6 +47,7 @@ struct tap_counters {
         overflows;            // messages of which the queue of a subscriber was full; the others had them
     counters<tap_class> lost; // messages that nobody had, as memory was short
     level topics;             // subscribed to
+    counter refused;          // connections, with another key than the subscribers'
 };
 
 class tap_socket {
@@ -55,8 +59,8 @@ public:
     bool read(zconfig_t* config);
     bool is_configured() const noexcept { return !m_endpoint.empty(); }
 
-    // What follows is the actor's. To be configured.
-    bool open();
+    // What follows is the actor's. To be configured. Encrypted if the certificates say so.
+    bool open(const curve_certificates& certificates);
     void close() noexcept;
     uint64_t opened_at_ns() const noexcept { return m_opened_at_ns; } // since 1970
 
@@ -89,11 +93,14 @@ public:
 private:
     void send(const subject& what, const tap_topic& topic, const bytes_view* before,
               bytes_view payload) noexcept;
+    bool protect(const curve_certificates& certificates) noexcept;
     bool send_topic(tap_class of, bytes_view topic) noexcept;
     bool has_room_now() noexcept;
 
     std::string m_endpoint;
     zsock_ptr m_sock;
+    tap_guard m_guard;
+    refusal_episode m_refusals;
     void* m_socket = nullptr; // libzmq's handle of it
     uint64_t m_opened_at_ns = 0;
     tap_interest m_interest;

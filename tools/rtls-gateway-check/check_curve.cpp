@@ -12,8 +12,9 @@
 namespace rtls::check {
 
 static constexpr std::string_view own_certificate = "curve/certificate";
-static constexpr std::array<std::string_view, server_links> certificates_of_servers{
-    "curve/message_handler", "curve/pub_sub_proxy", "curve/pub_sub_proxy_input", "curve/debug_broker"};
+static constexpr std::array<std::string_view, server_links + 1> certificates_of_peers{
+    "curve/message_handler", "curve/pub_sub_proxy", "curve/pub_sub_proxy_input", "curve/debug_broker",
+    "curve/tap"};
 static constexpr size_t longest_certificate = 65536; // read so far; one has some hundred characters
 
 // Whether the library can read the file without a word on the standard output, where it complains of faults.
@@ -48,7 +49,7 @@ static bool is_own_certificate(const std::string& name)
 
 static bool has_link(const inspection& at)
 {
-    for (const std::string_view key : certificates_of_servers)
+    for (const std::string_view key : certificates_of_peers)
         if (at.effective.at(key).item)
             return true;
     return false;
@@ -83,11 +84,12 @@ void check_curve(inspection& at)
     if (!has_link(at))
         at.add(severity::warning, "certificate", own_certificate, "no link uses it: all of them stay open",
                "name the certificates of the servers below \"curve\"");
-    for (const std::string_view key : certificates_of_servers)
+    for (const std::string_view key : certificates_of_peers)
         if (at.options.machine && at.effective.at(key).item && !is_certificate(at.effective.text(key)))
             at.add(severity::refused, "certificate", key,
                    fmt::format("\"{}\" is no certificate, or cannot be read", at.effective.text(key)),
-                   "name the server's public certificate, readable for the daemon's user");
+                   fmt::format("name the {} public certificate, readable for the daemon's user",
+                               key == "curve/tap" ? "subscribers'" : "server's"));
 }
 
 } // namespace rtls::check

@@ -445,6 +445,7 @@ void add_tap(std::vector<wiring>& all, tap_counters& counts)
     add_kinds(all, counts.published, "tap_messages_total", classes);
     add_kinds(all, counts.overflows, "tap_overflows_total", classes);
     add_kinds(all, counts.lost, "tap_lost_total", classes);
+    add_one(all, counts.refused, "tap_refused_total");
     all.push_back({[&counts] { counts.topics.set(2); }, {"rtls_gateway_tap_topics"}});
 }
 

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 namespace rtls {
@@ -55,6 +56,31 @@ TEST_F(curve_test, a_link_with_a_certificate_is_closed_and_the_others_are_not)
     EXPECT_TRUE(m_certificates.protect(sock.get(), server_link::message_handler));
     EXPECT_EQ(zsock_mechanism(sock.get()), ZMQ_CURVE);
     EXPECT_THAT(m_log.messages("main"), IsEmpty());
+}
+
+TEST_F(curve_test, the_tap_has_its_subscribers_key_and_needs_the_gateways)
+{
+    const temp_file own{"own.cert"};
+    const temp_file subscribers{"subscribers.cert"};
+    zcert_t* gateway_cert = zcert_new();
+    zcert_save_secret(gateway_cert, own.path());
+    zcert_destroy(&gateway_cert);
+    zcert_t* cert = zcert_new();
+    zcert_save_public(cert, subscribers.path());
+    const std::string tap = "curve\n    tap = \"" + std::string{subscribers.path()} + "\"\n";
+    EXPECT_FALSE(read(tap));
+    EXPECT_THAT(m_log.messages("main"),
+                ElementsAre("The parameter \"curve/certificate\" names no certificate with a secret key!"));
+    m_certificates = {};
+    EXPECT_FALSE(m_certificates.closes_tap());
+    EXPECT_TRUE(read(tap + "    certificate = \"" + own.path() + "\"\n"));
+    EXPECT_TRUE(m_certificates.closes_tap());
+    EXPECT_FALSE(m_certificates.closes(server_link::message_handler));
+    EXPECT_EQ(std::memcmp(m_certificates.tap_subscribers().data(), zcert_public_key(cert), 32), 0);
+    zcert_destroy(&cert);
+    m_certificates = {};
+    EXPECT_FALSE(read("curve\n    tap = /no/such/file\n"));
+    EXPECT_THAT(m_log.messages("main"), ElementsAre("The parameter \"curve/tap\" names no certificate!"));
 }
 
 TEST_F(curve_test, a_file_that_is_no_certificate_is_an_error)

@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -40,7 +42,7 @@ protected:
     {
         EXPECT_TRUE(m_tap.read(config_with(endpoint()).get()));
         EXPECT_TRUE(m_tap.is_configured());
-        EXPECT_TRUE(m_tap.open());
+        EXPECT_TRUE(m_tap.open({}));
     }
 
     std::string endpoint() const { return std::string{"ipc://"} + m_place.path(); }
@@ -128,7 +130,7 @@ TEST(tap_socket, one_that_cannot_be_bound_is_told_by_errno)
     for (const auto& [address, error] : cases) {
         tap_socket tap;
         ASSERT_TRUE(tap.read(config_with(address).get()));
-        EXPECT_FALSE(tap.open()) << address;
+        EXPECT_FALSE(tap.open({})) << address;
         EXPECT_EQ(errno, error) << address;
         EXPECT_FALSE(tap.takes_any());
     }
@@ -204,7 +206,7 @@ TEST_F(opened_tap, nobody_takes_anything_when_it_is_closed)
     m_tap.close();
     EXPECT_FALSE(m_tap.takes_any());
     EXPECT_EQ(m_tap.counts().topics.value(), 0U);
-    EXPECT_TRUE(m_tap.open()) << "and it can be opened again";
+    EXPECT_TRUE(m_tap.open({})) << "and it can be opened again";
 }
 
 // The library refuses a message as the first queue becomes full, and leaves that subscriber out from then on.
@@ -251,6 +253,97 @@ TEST_F(opened_tap, a_subscriber_who_sends_more_than_a_topic_is_cut_off)
     EXPECT_TRUE(repeat_until(has(1), look));
     zstr_send(loud.get(), ('\1' + std::string(5000, 'r')).c_str());
     EXPECT_TRUE(repeat_until(has(0), look));
+}
+
+// --- encrypted
+
+namespace {
+
+struct destroy_cert {
+    void operator()(zcert_t* cert) const noexcept { zcert_destroy(&cert); }
+};
+using cert_ptr = std::unique_ptr<zcert_t, destroy_cert>;
+
+class encrypted_tap : public testing::Test {
+protected:
+    encrypted_tap()
+    {
+        zcert_save_secret(m_gateway.get(), m_gateway_file.path());
+        zcert_save_public(m_subscribers.get(), m_subscribers_file.path());
+        const zconfig_ptr config = config_with(endpoint());
+        zconfig_put(config.get(), "curve/certificate", m_gateway_file.path());
+        zconfig_put(config.get(), "curve/tap", m_subscribers_file.path());
+        curve_certificates certificates;
+        EXPECT_TRUE(certificates.read(config.get()));
+        EXPECT_TRUE(certificates.closes_tap());
+        EXPECT_TRUE(m_tap.read(config.get()));
+        EXPECT_TRUE(m_tap.open(certificates));
+    }
+
+    std::string endpoint() const { return std::string{"ipc://"} + m_place.path(); }
+
+    zsock_ptr subscriber(zcert_t* own) const
+    {
+        zsock_ptr sock{zsock_new(ZMQ_SUB)};
+        zsock_set_subscribe(sock.get(), "event");
+        if (own) {
+            zcert_apply(own, sock.get());
+            zsock_set_curve_serverkey(sock.get(), zcert_public_txt(m_gateway.get()));
+        }
+        EXPECT_EQ(zsock_connect(sock.get(), "%s", endpoint().c_str()), 0);
+        return sock;
+    }
+
+    bool look_until(const std::function<bool()>& done)
+    {
+        return repeat_until(done, [this] { m_tap.look(); });
+    }
+
+    log_capture m_log;
+    const cert_ptr m_gateway{zcert_new()};
+    const cert_ptr m_subscribers{zcert_new()};
+    const temp_file m_gateway_file{"gateway.cert"};
+    const temp_file m_subscribers_file{"subscribers.cert"};
+    const temp_file m_place{"tap"};
+    tap_socket m_tap;
+};
+
+} // namespace
+
+TEST_F(encrypted_tap, serves_who_has_the_subscribers_key)
+{
+    const zsock_ptr sock = subscriber(m_subscribers.get());
+    ASSERT_TRUE(look_until([&] { return m_tap.takes(tap_class::event); }));
+    m_tap.publish(tap_event{"started"}, 7);
+    zsock_set_rcvtimeo(sock.get(), 20'000);
+    message_part part;
+    for (const char* frame : {"event", "", "{\"event\":\"started\"}"}) {
+        ASSERT_TRUE(part.receive(zsock_resolve(sock.get()), true));
+        if (*frame)
+            EXPECT_EQ(bytes_t(part.bytes().begin(), part.bytes().end()), text(frame));
+        else
+            EXPECT_EQ(load_be32(part.bytes(), tap_head::connection), 7U);
+    }
+    EXPECT_EQ(m_tap.counts().refused.value(), 0U);
+}
+
+TEST_F(encrypted_tap, refuses_another_key_and_says_so)
+{
+    const cert_ptr stranger{zcert_new()};
+    const zsock_ptr sock = subscriber(stranger.get());
+    EXPECT_TRUE(look_until([&] { return m_tap.counts().refused.value() > 0; }));
+    EXPECT_FALSE(m_tap.takes_any());
+    EXPECT_TRUE(m_log.wait_for("tap: somebody with another key than the subscribers' is refused"));
+}
+
+TEST_F(encrypted_tap, does_not_speak_to_who_speaks_openly)
+{
+    const zsock_ptr open = subscriber(nullptr);
+    const zsock_ptr closed = subscriber(m_subscribers.get());
+    EXPECT_TRUE(look_until([&] { return m_tap.takes(tap_class::event); }));
+    m_tap.publish(tap_event{"stopped"});
+    EXPECT_TRUE(wait_until([&] { return (zsock_events(closed.get()) & ZMQ_POLLIN) != 0; }));
+    EXPECT_EQ(zsock_events(open.get()) & ZMQ_POLLIN, 0);
 }
 
 } // namespace rtls
