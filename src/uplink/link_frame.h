@@ -10,6 +10,7 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "base/peer.h"
 #include "link/win_server_private.h"
 #include "registry/nodes_container.h"
 #include "uplink/node_news.h"
