@@ -150,7 +150,7 @@ endfunction()
 
 # For RTLS_UNITY: a library whose sources can stand in one. What they all include is then read once.
 function(rtls_unite library)
-  if(RTLS_UNITY OR (RTLS_UNITY_TOOLS AND CMAKE_CURRENT_SOURCE_DIR MATCHES "/(tools|libs/decode)(/|$)"))
+  if(RTLS_UNITY OR (RTLS_UNITY_TOOLS AND CMAKE_CURRENT_SOURCE_DIR MATCHES "/(tools|libs/decode|libs/recording)(/|$)"))
     set_target_properties(${library} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
   endif()
 endfunction()

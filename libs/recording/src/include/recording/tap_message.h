@@ -1,0 +1,61 @@
+// tap_message - one message of a gateway's tap: its topic, the head, and the payload as it passed.
+//
+// Frame 0 is the topic, frame 1 the head of 24 bytes, the rest the payload (docs/recordings.md has the layout).
+// Ownership  Values: a message owns its bytes.
+// Threads    Any: pure functions.
+// Bytes      The head is in network byte order.
+// Failures   False for what is no head. Of memory: std::bad_alloc.
+#pragma once
+
+#include "base/bytes.h"
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace rtls::recording {
+
+// What has a running number of its own.
+enum class message_class : uint8_t { report, management, command, link_in, link_out, event, other };
+constexpr size_t class_count = 7;
+
+namespace way {
+constexpr uint8_t up = 0; // from the network to the servers
+constexpr uint8_t down = 1;
+constexpr uint8_t neither = 2;
+} // namespace way
+
+struct tap_head {
+    uint8_t way = recording::way::neither;
+    uint16_t reserved = 0;   // 0, so far
+    uint32_t connection = 0; // the number of the bridge's connection; 0 where there is none
+    uint64_t number = 0;     // the running number within the class, from 1
+    uint64_t clock_ns = 0;   // of the gateway, since 1970
+
+    bool operator==(const tap_head&) const = default;
+};
+
+struct tap_message {
+    std::string topic;
+    tap_head head;
+    std::vector<std::vector<uint8_t>> payload;
+
+    bool operator==(const tap_message&) const = default;
+};
+
+constexpr size_t tap_head_size = 24;
+std::array<uint8_t, tap_head_size> compose_head(const tap_head& head);
+// False when the size or the version is another one; `head` is untouched then.
+bool parse_head(bytes_view bytes, tap_head& head);
+
+message_class class_of(std::string_view topic);
+// As topics begin: "link/in"; "other" for what no class is called.
+std::string_view class_name(message_class of);
+// The MAC or the bridge at the topic's end; empty where topics have none.
+std::string_view subject_of(std::string_view topic);
+
+std::string_view way_name(uint8_t way);
+
+} // namespace rtls::recording
