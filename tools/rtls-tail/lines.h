@@ -1,0 +1,21 @@
+// lines - messages as lines: for people, or as JSON.
+//
+// Ownership  Values.
+// Threads    Any; pure.
+// Bytes      UTF-8; what would move a terminal's cursor is shown as "?".
+#pragma once
+
+#include "rtls-tail/viewer.h"
+
+#include <string>
+
+namespace tail {
+
+// Each with its end.
+std::string readable_line(const sight& it);
+std::string json_line(const sight& it);
+
+// "2026-11-22T15:10:27.123456Z"
+std::string time_text(uint64_t clock_ns);
+
+} // namespace tail

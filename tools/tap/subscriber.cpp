@@ -1,0 +1,205 @@
+#include "tap/subscriber.h"
+
+#include "tap/failure.h"
+
+#include <fmt/format.h>
+#include <zmq.h>
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace tap {
+
+using namespace rtls::recording;
+
+static constexpr char watch_endpoint[] = "inproc://tap-link";
+// Messages that wait while we write; those beyond are lost, and their numbers tell it.
+static constexpr int queue_limit = 100'000;
+// Until it is said that nobody answers.
+static constexpr std::chrono::milliseconds notice_after{2000};
+
+struct end_context {
+    void operator()(void* context) const { zmq_ctx_term(context); }
+};
+struct close_socket {
+    void operator()(void* socket) const
+    {
+        const int no_linger = 0;
+        zmq_setsockopt(socket, ZMQ_LINGER, &no_linger, sizeof no_linger);
+        zmq_close(socket);
+    }
+};
+struct subscriber::sockets {
+    using context_ptr = std::unique_ptr<void, end_context>;
+    using socket_ptr = std::unique_ptr<void, close_socket>;
+
+    context_ptr context{zmq_ctx_new()};
+    socket_ptr tap;
+    socket_ptr watch; // what happens to the connection
+};
+
+// Blocked before ZeroMQ starts its threads, so that no thread takes them another way.
+static int block_signals()
+{
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGINT);
+    sigaddset(&ends, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    return ::signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+static std::unique_ptr<void, close_socket> new_socket(void* context, int type)
+{
+    std::unique_ptr<void, close_socket> socket{zmq_socket(context, type)};
+    if (!socket)
+        throw std::bad_alloc();
+    return socket;
+}
+
+static void subscribe(void* socket, const subscription& wanted)
+{
+    zmq_setsockopt(socket, ZMQ_RCVHWM, &queue_limit, sizeof queue_limit);
+    if (wanted.topics.empty())
+        zmq_setsockopt(socket, ZMQ_SUBSCRIBE, "", 0);
+    for (const std::string& topic : wanted.topics)
+        zmq_setsockopt(socket, ZMQ_SUBSCRIBE, topic.data(), topic.size());
+    if (zmq_connect(socket, wanted.endpoint.c_str()) != 0)
+        throw failure(exit_status::usage, fmt::format("\"{}\" is no endpoint, as tcp://127.0.0.1:5590 is: {}",
+                                                      wanted.endpoint, zmq_strerror(zmq_errno())));
+}
+
+subscriber::subscriber(const subscription& wanted, note_function note)
+    : m_wanted(wanted), m_note(std::move(note)), m_signals(block_signals()),
+      m_sockets(std::make_unique<sockets>())
+{
+    void* const context = m_sockets->context.get();
+    m_sockets->tap = new_socket(context, ZMQ_SUB);
+    m_sockets->watch = new_socket(context, ZMQ_PAIR);
+    zmq_socket_monitor(m_sockets->tap.get(), watch_endpoint,
+                       ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED);
+    zmq_connect(m_sockets->watch.get(), watch_endpoint);
+    subscribe(m_sockets->tap.get(), m_wanted);
+}
+
+subscriber::~subscriber()
+{
+    if (m_sockets->tap)
+        zmq_socket_monitor(m_sockets->tap.get(), nullptr, 0);
+    m_sockets.reset();
+    ::close(m_signals);
+}
+
+// --- One message
+
+// The next frame that is there; false: none.
+static bool receive(void* socket, std::vector<uint8_t>& frame, bool& has_more)
+{
+    zmq_msg_t part;
+    zmq_msg_init(&part);
+    const bool is_there = zmq_msg_recv(&part, socket, ZMQ_DONTWAIT) >= 0;
+    if (is_there) {
+        const auto* data = static_cast<const uint8_t*>(zmq_msg_data(&part));
+        frame.assign(data, data + zmq_msg_size(&part));
+        has_more = zmq_msg_more(&part) != 0;
+    }
+    zmq_msg_close(&part);
+    return is_there;
+}
+
+// All frames, which arrive together. Empty: there is no message.
+static std::vector<std::vector<uint8_t>> receive_all(void* socket)
+{
+    std::vector<std::vector<uint8_t>> frames;
+    bool has_more = true;
+    for (std::vector<uint8_t> frame; has_more && receive(socket, frame, has_more);)
+        frames.push_back(std::move(frame));
+    return frames;
+}
+
+bool subscriber::take(tap_message& message)
+{
+    for (;;) {
+        auto frames = receive_all(m_sockets->tap.get());
+        if (frames.empty())
+            return false;
+        if (frames.size() >= 2 && parse_head(frames[1], message.head)) {
+            message.topic.assign(frames[0].begin(), frames[0].end());
+            message.payload.assign(std::make_move_iterator(frames.begin() + 2),
+                                   std::make_move_iterator(frames.end()));
+            return true;
+        }
+        ++m_not_understood;
+    }
+}
+
+// --- The connection
+
+void subscriber::watch_link()
+{
+    for (auto frames = receive_all(m_sockets->watch.get()); !frames.empty();
+         frames = receive_all(m_sockets->watch.get())) {
+        uint16_t what = 0; // in this machine's order
+        if (frames[0].size() < sizeof what)
+            continue;
+        std::memcpy(&what, frames[0].data(), sizeof what);
+        if (what == ZMQ_EVENT_DISCONNECTED && m_was_linked)
+            m_note("the tap is gone; waiting for it");
+        else if (what == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+            if (m_was_linked || m_said_nobody)
+                m_note("connected to the tap");
+            m_was_linked = true;
+        }
+    }
+}
+
+bool subscriber::was_stopped() const
+{
+    signalfd_siginfo which{};
+    return ::read(m_signals, &which, sizeof which) == sizeof which;
+}
+
+// No longer than to the time when it is to be said that nobody answers.
+std::chrono::milliseconds subscriber::until_notice(std::chrono::milliseconds within) const
+{
+    if (m_was_linked)
+        return within;
+    return std::min(within, std::chrono::milliseconds{100});
+}
+
+bool subscriber::has_given_up()
+{
+    const std::chrono::duration<double> waited = clock::now() - m_began;
+    if (m_was_linked)
+        return false;
+    if (m_wanted.patience > 0 && waited.count() >= m_wanted.patience)
+        return true;
+    if (!m_said_nobody && waited >= notice_after) {
+        m_note(fmt::format("nobody answers at {} yet", m_wanted.endpoint));
+        m_said_nobody = true;
+    }
+    return false;
+}
+
+arrival subscriber::next(tap_message& message, std::chrono::milliseconds within)
+{
+    zmq_pollitem_t items[] = {{m_sockets->tap.get(), 0, ZMQ_POLLIN, 0},
+                              {m_sockets->watch.get(), 0, ZMQ_POLLIN, 0},
+                              {nullptr, m_signals, ZMQ_POLLIN, 0}};
+    zmq_poll(items, 3, until_notice(within).count());
+    if (items[2].revents != 0 && was_stopped())
+        return arrival::stopped;
+    if (items[1].revents != 0)
+        watch_link();
+    if (items[0].revents != 0 && take(message))
+        return arrival::message;
+    return has_given_up() ? arrival::nobody : arrival::nothing;
+}
+
+} // namespace tap

@@ -1,0 +1,61 @@
+// subscriber - a gateway's tap, message by message, until somebody ends the program.
+//
+// Ownership  Owns its socket, and SIGINT and SIGTERM: they no longer end the process, but are told by next().
+// Threads    The main thread makes it before there are others, and uses it.
+// Blocking   next(), as long as it is told.
+// Failures   An endpoint that is none: failure, usage. A tap that is not there, or goes, is waited for; notes say so.
+#pragma once
+
+#include "recording/tap_message.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tap {
+
+struct subscription {
+    std::string endpoint;            // "tcp://127.0.0.1:5590"
+    std::vector<std::string> topics; // prefixes; none: everything
+    double patience = 0;             // seconds to wait for somebody to answer; 0: for ever
+};
+
+enum class arrival { message, nothing, stopped, nobody };
+
+class subscriber {
+public:
+    using note_function = std::function<void(const std::string&)>;
+    subscriber(const subscription& wanted, note_function note);
+    ~subscriber();
+    subscriber(const subscriber&) = delete;
+    subscriber& operator=(const subscriber&) = delete;
+
+    // The next message; `nothing` within the time; `stopped` once a signal has come; `nobody` when patience has ended
+    // before anybody answered.
+    arrival next(rtls::recording::tap_message& message, std::chrono::milliseconds within);
+    // Messages that were none of a tap.
+    uint64_t not_understood() const { return m_not_understood; }
+
+private:
+    using clock = std::chrono::steady_clock;
+    struct sockets;
+
+    bool take(rtls::recording::tap_message& message);
+    void watch_link();
+    bool was_stopped() const;
+    std::chrono::milliseconds until_notice(std::chrono::milliseconds within) const;
+    bool has_given_up();
+
+    subscription m_wanted;
+    note_function m_note;
+    int m_signals = -1;
+    std::unique_ptr<sockets> m_sockets;
+    clock::time_point m_began = clock::now();
+    bool m_was_linked = false;
+    bool m_said_nobody = false;
+    uint64_t m_not_understood = 0;
+};
+
+} // namespace tap
