@@ -11,7 +11,9 @@ import pytest
 from conftest import ROOT, run
 
 PACKAGES = ["rtls-gateway", "rtls-gateway-tools", "librtls-core-dev"]
-PAGES = ["rtls-ctl.1", "rtls-gateway-check.1", "rtls-gateway.8", "rtls-gateway.conf.5", "rtls-sim.1"]
+PAGES = ["rtls-ctl.1", "rtls-gateway-check.1", "rtls-gateway.8", "rtls-gateway.conf.5", "rtls-record.1",
+         "rtls-sim.1", "rtls-tail.1"]
+COMPLETED = ["rtls-ctl", "rtls-record", "rtls-tail"]
 UNITS = ["rtls-gateway.service", "rtls-gateway@north.service"]
 MOST_EXPOSED = 1.5
 
@@ -72,9 +74,10 @@ def test_each_file_has_its_package_and_its_place(made):
     scripts = [path.name for path in (ROOT / "tools/wireshark").iterdir() if path.suffix in (".lua", ".module")]
     assert {re.sub("/lib/[^/]+-linux-gnu/", "/lib/", file) for file in files_of(made, "rtls-gateway-tools")} == {
         *(f"/usr/lib/wireshark/plugins/rtls/{name}" for name in scripts),
-        "/usr/bin/rtls-ctl", "/usr/bin/rtls-sim", "/usr/share/bash-completion/completions/rtls-ctl",
-        "/usr/share/zsh/vendor-completions/_rtls-ctl", "/usr/share/man/man1/rtls-ctl.1.gz",
-        "/usr/share/man/man1/rtls-sim.1.gz"}
+        "/usr/bin/rtls-sim", "/usr/share/man/man1/rtls-sim.1.gz",
+        *(place.format(name) for name in COMPLETED for place in (
+            "/usr/bin/{}", "/usr/share/bash-completion/completions/{}", "/usr/share/zsh/vendor-completions/_{}",
+            "/usr/share/man/man1/{}.1.gz"))}
     assert {re.sub("/lib/[^/]+-linux-gnu/", "/lib/", file) for file in files_of(made, "librtls-core-dev")} == {
         "/usr/include/core/clogger.h", "/usr/include/core/ctimestamp.h", "/usr/lib/librtls-core.a",
         *(f"/usr/lib/cmake/rtls-core/rtls-core-{part}.cmake"
@@ -199,7 +202,7 @@ def test_the_page_is_clean_and_has_what_each_has(installed, page):
 
 
 @pytest.mark.parametrize("page,commands", [
-    ("rtls-gateway-check.1", [[]]), ("rtls-ctl.1", [[]]),
+    ("rtls-gateway-check.1", [[]]), ("rtls-ctl.1", [[]]), ("rtls-record.1", [[]]), ("rtls-tail.1", [[]]),
     ("rtls-sim.1", [["all"], ["bridges"], ["upstream"], ["send"], ["image", "make"], ["discover"], ["config"]])])
 def test_the_page_has_each_option_of_its_program(installed, page, commands):
     text = rendered(installed, page)
