@@ -20,8 +20,8 @@ static const char* const footer =
     R"(With --max-size or --max-seconds the files are numbered: site-00001.pcapng.zst and so on.
 Ctrl-C or SIGTERM end the file properly. Messages that are missing by their numbers are told on the error output.
 Examples:
-  rtls-record --tap tcp://127.0.0.1:5590 fault.pcapng
-  rtls-record --tap tcp://127.0.0.1:5590 --topic link/in --topic report --seconds 60 minute.pcapng
+  rtls-record --tap tcp://127.0.0.1:5559 fault.pcapng
+  rtls-record --tap tcp://127.0.0.1:5559 --topic link/in --topic report --seconds 60 minute.pcapng
   rtls-record --tap ipc:///run/rtls-gateway/tap --max-size 100M --keep 20 --zstd site.pcapng.zst
 Exit status:
   0  done

@@ -23,11 +23,11 @@ static const char* const footer =
     R"(The bytes of the bridges' connections are looked at with --link or --topic link/ alone: each report would be
 there twice. MACs are whole, or how they end (4 digits at least).
 Examples:
-  rtls-tail --tap tcp://127.0.0.1:5590
-  rtls-tail --tap tcp://127.0.0.1:5590 --mac 1A2B --kind heartbeat --json
-  rtls-tail --tap tcp://127.0.0.1:5590 --link --bridge E45E510000000100 --direction down
+  rtls-tail --tap tcp://127.0.0.1:5559
+  rtls-tail --tap tcp://127.0.0.1:5559 --mac 1A2B --kind heartbeat --json
+  rtls-tail --tap tcp://127.0.0.1:5559 --link --bridge E45E510000000100 --direction down
   rtls-tail --read fault.pcapng --stats
-  rtls-tail --tap tcp://127.0.0.1:5590 --stats --every 10
+  rtls-tail --tap tcp://127.0.0.1:5559 --stats --every 10
 Exit status:
   0  done
   1  the recording cannot be read, or is damaged: what was before is shown

@@ -94,6 +94,13 @@ static const std::string* text_in(const ordered_json& object, const char* name)
     return found == object.end() ? nullptr : found->get_ptr<const std::string*>();
 }
 
+void viewer::forget(uint32_t connection)
+{
+    m_in.erase(connection);
+    m_out.erase(connection);
+    m_bridges.erase(connection);
+}
+
 sight viewer::event_sight(const tap_message& message)
 {
     const std::string text = text_of(all_frames(message));
@@ -108,6 +115,8 @@ sight viewer::event_sight(const tap_message& message)
         learn(message.head.connection, *bridge);
         it.bridge = *bridge;
     }
+    if (it.kind == "bridge_closed")
+        forget(message.head.connection);
     return it;
 }
 

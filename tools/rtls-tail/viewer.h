@@ -36,6 +36,7 @@ private:
     sight event_sight(const rtls::recording::tap_message& message);
     std::vector<sight> link_sights(const rtls::recording::tap_message& message, rtls::decode::direction way);
     void learn(uint32_t connection, const std::string& bridge);
+    void forget(uint32_t connection);
     std::string bridge_of(const sight& it) const;
 
     std::unordered_map<uint32_t, link_stream> m_in; // by connection

@@ -1,9 +1,9 @@
 #include "tap/subscriber.h"
 
 #include "tap/failure.h"
+#include "tap/zmq_handles.h"
 
 #include <fmt/format.h>
-#include <zmq.h>
 
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
-#include <new>
 #include <utility>
 
 namespace tap {
@@ -24,21 +23,7 @@ static constexpr int queue_limit = 100'000;
 // Until it is said that nobody answers.
 static constexpr std::chrono::milliseconds notice_after{2000};
 
-struct end_context {
-    void operator()(void* context) const { zmq_ctx_term(context); }
-};
-struct close_socket {
-    void operator()(void* socket) const
-    {
-        const int no_linger = 0;
-        zmq_setsockopt(socket, ZMQ_LINGER, &no_linger, sizeof no_linger);
-        zmq_close(socket);
-    }
-};
 struct subscriber::sockets {
-    using context_ptr = std::unique_ptr<void, end_context>;
-    using socket_ptr = std::unique_ptr<void, close_socket>;
-
     context_ptr context{zmq_ctx_new()};
     socket_ptr tap;
     socket_ptr watch; // what happens to the connection
@@ -55,14 +40,6 @@ static int block_signals()
     return ::signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
-static std::unique_ptr<void, close_socket> new_socket(void* context, int type)
-{
-    std::unique_ptr<void, close_socket> socket{zmq_socket(context, type)};
-    if (!socket)
-        throw std::bad_alloc();
-    return socket;
-}
-
 static void subscribe(void* socket, const subscription& wanted)
 {
     zmq_setsockopt(socket, ZMQ_RCVHWM, &queue_limit, sizeof queue_limit);
@@ -71,7 +48,7 @@ static void subscribe(void* socket, const subscription& wanted)
     for (const std::string& topic : wanted.topics)
         zmq_setsockopt(socket, ZMQ_SUBSCRIBE, topic.data(), topic.size());
     if (zmq_connect(socket, wanted.endpoint.c_str()) != 0)
-        throw failure(exit_status::usage, fmt::format("\"{}\" is no endpoint, as tcp://127.0.0.1:5590 is: {}",
+        throw failure(exit_status::usage, fmt::format("\"{}\" is no endpoint, as tcp://127.0.0.1:5559 is: {}",
                                                       wanted.endpoint, zmq_strerror(zmq_errno())));
 }
 
@@ -79,7 +56,7 @@ subscriber::subscriber(const subscription& wanted, note_function note)
     : m_wanted(wanted), m_note(std::move(note)), m_signals(block_signals()),
       m_sockets(std::make_unique<sockets>())
 {
-    void* const context = m_sockets->context.get();
+    const context_ptr& context = m_sockets->context;
     m_sockets->tap = new_socket(context, ZMQ_SUB);
     m_sockets->watch = new_socket(context, ZMQ_PAIR);
     zmq_socket_monitor(m_sockets->tap.get(), watch_endpoint,
@@ -98,35 +75,10 @@ subscriber::~subscriber()
 
 // --- One message
 
-// The next frame that is there; false: none.
-static bool receive(void* socket, std::vector<uint8_t>& frame, bool& has_more)
-{
-    zmq_msg_t part;
-    zmq_msg_init(&part);
-    const bool is_there = zmq_msg_recv(&part, socket, ZMQ_DONTWAIT) >= 0;
-    if (is_there) {
-        const auto* data = static_cast<const uint8_t*>(zmq_msg_data(&part));
-        frame.assign(data, data + zmq_msg_size(&part));
-        has_more = zmq_msg_more(&part) != 0;
-    }
-    zmq_msg_close(&part);
-    return is_there;
-}
-
-// All frames, which arrive together. Empty: there is no message.
-static std::vector<std::vector<uint8_t>> receive_all(void* socket)
-{
-    std::vector<std::vector<uint8_t>> frames;
-    bool has_more = true;
-    for (std::vector<uint8_t> frame; has_more && receive(socket, frame, has_more);)
-        frames.push_back(std::move(frame));
-    return frames;
-}
-
 bool subscriber::take(tap_message& message)
 {
     for (;;) {
-        auto frames = receive_all(m_sockets->tap.get());
+        auto frames = receive_frames(m_sockets->tap.get());
         if (frames.empty())
             return false;
         if (frames.size() >= 2 && parse_head(frames[1], message.head)) {
@@ -143,8 +95,8 @@ bool subscriber::take(tap_message& message)
 
 void subscriber::watch_link()
 {
-    for (auto frames = receive_all(m_sockets->watch.get()); !frames.empty();
-         frames = receive_all(m_sockets->watch.get())) {
+    for (auto frames = receive_frames(m_sockets->watch.get()); !frames.empty();
+         frames = receive_frames(m_sockets->watch.get())) {
         uint16_t what = 0; // in this machine's order
         if (frames[0].size() < sizeof what)
             continue;

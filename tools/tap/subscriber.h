@@ -17,7 +17,7 @@
 namespace tap {
 
 struct subscription {
-    std::string endpoint;            // "tcp://127.0.0.1:5590"
+    std::string endpoint;            // "tcp://127.0.0.1:5559"
     std::vector<std::string> topics; // prefixes; none: everything
     double patience = 0;             // seconds to wait for somebody to answer; 0: for ever
 };
