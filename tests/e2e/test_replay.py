@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 
-from harness import tap as taps
+from harness import tap_publisher as taps
 from harness import wire
 from harness.daemon import BUILD, Daemon, environment, free_port
 from harness.peers import DEADLINE

@@ -97,10 +97,10 @@ def recording_of(messages: list) -> bytes:
         length = struct.pack(">I", 12 + len(body))
         return struct.pack(">I", kind) + length + body + length
 
-    out = block(0x0A0D0D0A, struct.pack(">IHHq", 0x1A2B3C4D, 1, 0, -1)) + block(1, struct.pack(">HHI", 252, 0, 0))
+    out = [block(0x0A0D0D0A, struct.pack(">IHHq", 0x1A2B3C4D, 1, 0, -1)), block(1, struct.pack(">HHI", 252, 0, 0))]
     for topic, head_bytes, *payload in messages:
         packet = b"\x00\x0c\x00\x08rtls_tap\x00\x00\x00\x00" + struct.pack(">H", len(topic)) + topic + head_bytes
         packet += b"".join(struct.pack(">I", len(part)) + part for part in payload)
         padded = packet + bytes(-len(packet) % 4)
-        out += block(6, struct.pack(">III", 0, 0, 0) + struct.pack(">II", len(packet), len(packet)) + padded)
-    return out
+        out.append(block(6, struct.pack(">III", 0, 0, 0) + struct.pack(">II", len(packet), len(packet)) + padded))
+    return b"".join(out)
