@@ -28,7 +28,7 @@ port are the endpoint's. Reports are compared node by node; the time in front of
 Examples:
   rtls-replay --to 127.0.0.1:4001 fault.pcapng
   rtls-replay --to 127.0.0.1:4001 --speed 10 fault.pcapng
-  rtls-replay --to 127.0.0.1:4001 --fast --shuffle 7 --check 'tcp://127.0.0.1:5555' fault.pcapng
+  rtls-replay --to 127.0.0.1:4001 --fast --shuffle 7 --check 'tcp://127.0.0.1:5557' fault.pcapng
 Exit status:
   0  done; with --check: the same reports came
   1  the recording cannot be read, or is damaged: what was before is played
