@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace CLI {
+namespace CLI { // NOLINT(readability-identifier-naming): the library is called so
 class App;
 }
 
