@@ -88,6 +88,10 @@ struct WIN_SERVER_t {
     std::shared_ptr<call_queue> calls;  // by other threads; null while no actor runs
     call_queue_slot calls_of_strangers; // the same, for threads that the actor does not know
     bool intake_is_paused = false;      // the WIN port is not read, while one of these waits
+    bool tap_knows_start =
+        false; // what the subscribers of its events have been told, of what they are told once
+    bool tap_knows_handler_overflow = false;
+    bool tap_knows_proxy_input_overflow = false;
 
     own_addresses own;            // these five guard the discovery port
     rate_bound discovery_answers; // by requester
@@ -112,10 +116,6 @@ struct WIN_SERVER_t {
     win_counters counts; // read by any thread, like the pulse
     loop_pulse pulse;
     tap_socket tap;
-    bool tap_knows_start =
-        false; // what the subscribers of its events have been told, of what they are told once
-    bool tap_knows_handler_overflow = false;
-    bool tap_knows_proxy_input_overflow = false;
     int64_t hand_overs_noted_at = 0; // zclock_usecs of the last look for what has been handed over upstream
     uint64_t hand_overs_noted = 0;   // and how much had been
 

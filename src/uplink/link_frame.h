@@ -37,8 +37,10 @@ struct link_frame {
     bool ack_requested = false;
     bool ack_dst_known = false; // a handler has filled in the ack's ipaddr
     bool direct_mask = false;
-    bool msg_is_forwarded = false; // it came inside a 15.4 envelope
-    bool change_route = true;      // move the node's route to this client
+    bool msg_is_forwarded = false;  // it came inside a 15.4 envelope
+    bool change_route = true;       // move the node's route to this client
+    bool has_envelope_news = false; // there is something in news_of_envelope,
+    bool has_news = false;          // and in news
     std::array<uint8_t, gwMsgAck_t::size> ack{};
     node_news news_of_envelope{}; // for the tap: of the node that the envelope names,
     node_news news{};             // and of the one that the message itself does
@@ -47,10 +49,12 @@ struct link_frame {
     uint8_t* seq_no() { return &msg[msgGeneric_t::seqNo]; }
 
     // Somebody has sent what is being processed: to be called before the node's record is changed.
-    void note_locked(node_news& of, const NODE_t& node) const RTLS_REQUIRES(nodes)
+    void note_locked(node_news& of, bool& has, const NODE_t& node) RTLS_REQUIRES(nodes)
     {
-        if (server.tap.takes(tap_class::event)) [[unlikely]]
-            of.note_sender(node, change_route ? frame_bytes(client.id) : bytes_view{});
+        if (!server.tap.takes(tap_class::event)) [[likely]]
+            return;
+        of.note_sender(node, change_route ? frame_bytes(client.id) : bytes_view{});
+        has = true;
     }
 
     // When the node was heard: the time of reception.

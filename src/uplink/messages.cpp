@@ -34,7 +34,7 @@ static std::optional<message_outcome> refresh_node(link_frame& frame, const uint
     NODE_t* node = frame.nodes.find_or_create_by_mac(mac, frame.seq_no());
     if (!node)
         return frame.refusal_locked();
-    frame.note_locked(frame.news, *node);
+    frame.note_locked(frame.news, frame.has_news, *node);
     move_route_locked(frame, *node);
     frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();
@@ -123,8 +123,9 @@ static std::optional<message_outcome> update_node(link_frame& frame, const heart
     NODE_t* node = frame.nodes.find_or_create_by_mac(&msg[gwMsgHeartbeat_t::long_addr], frame.seq_no());
     if (!node)
         return frame.refusal_locked();
-    frame.note_locked(frame.news, *node);
-    frame.news.note_parent(*node, msg.subspan(gwMsgHeartbeat_t::parent_addr, mac_size));
+    frame.note_locked(frame.news, frame.has_news, *node);
+    if (frame.has_news) [[unlikely]]
+        frame.news.note_parent(*node, msg.subspan(gwMsgHeartbeat_t::parent_addr, mac_size));
     node->sw_version = heartbeat.sw_version;
     node->type = role & 0x0F;
     node->state = role & 0xF0; // not shifted: it is shown and compared in this place
@@ -280,7 +281,7 @@ static std::optional<message_outcome> register_forwarded_node(link_frame& frame,
     NODE_t* node = frame.nodes.find_or_create_by_mac(trailer + nwk_data_ind::trailer_mac, nullptr);
     if (!node)
         return frame.refusal_locked();
-    frame.note_locked(frame.news_of_envelope, *node);
+    frame.note_locked(frame.news_of_envelope, frame.has_envelope_news, *node);
     node->direct_mask = frame.direct_mask;
     frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();
@@ -357,10 +358,14 @@ static verdict interpret(link_frame& frame)
     return {outcome, true};
 }
 
-static void tap_node_news(const link_frame& frame)
+// Out of the way of what every message runs through.
+[[gnu::noinline, gnu::cold]] static void tap_node_news(const link_frame& frame)
 {
-    for (const node_news* news : {&frame.news_of_envelope, &frame.news})
-        news->publish(frame.server.tap, connection_number(frame_bytes(frame.client.id)));
+    const uint32_t connection = connection_number(frame_bytes(frame.client.id));
+    if (frame.has_envelope_news)
+        frame.news_of_envelope.publish(frame.server.tap, connection);
+    if (frame.has_news)
+        frame.news.publish(frame.server.tap, connection);
 }
 
 // The one place where messages are counted: each once.
@@ -384,7 +389,7 @@ bool process_data_from_win_client(WIN_SERVER_t* server, WIN_CLIENT_t* client)
         .generation_time = now,
     };
     const verdict found = interpret(frame);
-    if (server->tap.takes(tap_class::event)) [[unlikely]]
+    if (frame.has_envelope_news || frame.has_news) [[unlikely]]
         tap_node_news(frame);
     server->counts.note(frame.kind, found.outcome);
     return found.is_accepted;

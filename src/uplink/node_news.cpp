@@ -10,7 +10,6 @@ namespace rtls {
 // A node has been active since it was made, unless this is its first message.
 void node_news::note_sender(const NODE_t& node, bytes_view connection) noexcept
 {
-    m_is_noted = true;
     m_is_new = node.last_activity.tv_sec == 0 && node.last_activity.tv_usec == 0;
     m_has_new_parent = false;
     std::ranges::copy(node.mac_addr, m_node.begin());
@@ -19,7 +18,7 @@ void node_news::note_sender(const NODE_t& node, bytes_view connection) noexcept
     m_last_connection = connection_number(last);
 }
 
-void node_news::compare_parent(const NODE_t& node, bytes_view parent) noexcept
+void node_news::note_parent(const NODE_t& node, bytes_view parent) noexcept
 {
     std::ranges::copy(node.parent_addr, m_last_parent.begin());
     std::ranges::copy(parent, m_parent.begin());
@@ -28,8 +27,6 @@ void node_news::compare_parent(const NODE_t& node, bytes_view parent) noexcept
 
 void node_news::publish(tap_socket& tap, uint32_t connection) const noexcept
 {
-    if (!m_is_noted)
-        return;
     if (m_is_new)
         tap.publish(tap_event{"node_new"}.hex("node", m_node).number("connection", connection), connection);
     if (m_has_new_route)

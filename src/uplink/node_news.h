@@ -18,25 +18,21 @@ namespace rtls {
 
 class node_news {
 public:
+    // Not cleared: each message has two of them, and hardly ever somebody to tell.
+    node_news() noexcept {} // NOLINT(modernize-use-equals-default,cppcoreguidelines-pro-type-member-init)
+
     // The message's sender as it was before; the identity of the connection that it came by, or none if the node's
     // route stays.
     void note_sender(const NODE_t& node, bytes_view connection) noexcept;
-    // The same node is about to get this parent. Nothing without the above.
-    void note_parent(const NODE_t& node, bytes_view parent) noexcept
-    {
-        if (m_is_noted) [[unlikely]]
-            compare_parent(node, parent);
-    }
+    // Behind the above: the same node is about to get this parent.
+    void note_parent(const NODE_t& node, bytes_view parent) noexcept;
 
-    // Behind the lock. What is no news is not published.
+    // Behind the lock, if it has been noted. What is no news is not published.
     void publish(tap_socket& tap, uint32_t connection) const noexcept;
 
 private:
     using mac = std::array<uint8_t, mac_size>;
 
-    void compare_parent(const NODE_t& node, bytes_view parent) noexcept;
-
-    bool m_is_noted = false;
     bool m_is_new; // these are there when it is noted,
     bool m_has_new_route;
     bool m_has_new_parent;
