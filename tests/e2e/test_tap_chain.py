@@ -1,0 +1,82 @@
+"""From one end to the other: what passes a gateway is recorded by its tap, shown, read by tshark, and played against
+another gateway, which hands on the same reports."""
+import json
+import pathlib
+import signal
+import subprocess
+
+import pytest
+
+from harness import tap_publisher as taps
+from harness import wire
+from harness.daemon import BUILD, ROOT, Daemon, environment, free_port
+from harness.peers import DEADLINE, wait_until
+
+BRIDGE, NODES = wire.mac(0xB001), [wire.mac(0x1A00 + i) for i in range(3)]
+SEQUENCES = (1, 2, 3)
+
+
+def run(*command) -> str:
+    done = subprocess.run([str(part) for part in command], env=environment(), text=True, check=False,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL, timeout=2 * DEADLINE)
+    assert done.returncode == 0, (done.stdout, done.stderr)
+    return done.stdout
+
+
+def talk(gateway: Daemon):
+    """A bridge that introduces itself, three heartbeats of each of its nodes, and its end."""
+    bridge = gateway.bridge(BRIDGE)
+    bridge.send_message(wire.panid_req(BRIDGE, 1))
+    for seq in SEQUENCES:
+        bridge.send_message(*(wire.heartbeat(node, seq, bridge=BRIDGE, addr=wire.ip(0x1A00 + i))
+                              for i, node in enumerate(NODES)))
+    bridge.barrier()
+    bridge.close()
+
+
+def payloads_of(file: pathlib.Path) -> list:
+    return [message[-1] for message in taps.recorded(file.read_bytes())] if file.exists() else []
+
+
+@pytest.fixture(scope="module")
+def recording(tmp_path_factory) -> pathlib.Path:
+    folder = tmp_path_factory.mktemp("recorded")
+    endpoint, file = f"tcp://127.0.0.1:{free_port()}", folder / "r.pcapng"
+    gateway = Daemon(folder, change=lambda tree: {**tree, "tap": {"address": endpoint}})
+    recorder = subprocess.Popen([BUILD / "rtls-record", "--tap", endpoint, file], env=environment())
+    try:
+        wait_until(lambda: payloads_of(file), "the event that the gateway has started")
+        talk(gateway)
+        wait_until(lambda: any(b"bridge_closed" in payload for payload in payloads_of(file)), "the bridge's end")
+    finally:
+        recorder.send_signal(signal.SIGINT)
+        assert recorder.wait(DEADLINE) == 0
+        gateway.close()
+    return file
+
+
+def test_the_recording_shows_each_report_once(recording):
+    shown = [json.loads(line) for line in run(BUILD / "rtls-tail", "--read", recording, "--json").splitlines()]
+    reports = [(one["topic"], one["message"]["seqNo"]) for one in shown if one["topic"].startswith("report/")]
+    assert reports == [("report/" + node.hex().upper(), seq) for seq in SEQUENCES for node in NODES]
+    events = [one["message"]["event"] for one in shown if one["topic"] == "event"]
+    assert events[0] == "started" and events.count("bridge_connected") == events.count("bridge_closed") == 1
+    assert events.count("node_new") == len(NODES) + 1, "the bridge's own, too"
+
+
+def test_tshark_reads_it(recording):
+    lua = ROOT / "tools" / "wireshark" / "rtls.lua"
+    topics = run("tshark", "-X", f"lua_script:{lua}", "-r", recording, "-T", "fields", "-e", "rtls_tap.topic").split()
+    assert topics == [message[0].decode() for message in taps.recorded(recording.read_bytes())]
+    assert run("tshark", "-X", f"lua_script:{lua}", "-r", recording, "-Y", "_ws.malformed || _ws.expert.severity >= 0x00600000") == ""
+
+
+def test_another_gateway_hands_on_the_same(recording, tmp_path):
+    gateway = Daemon(tmp_path, upstream=("broker", "proxy", "proxy_input"))
+    try:
+        outcome = json.loads(run(BUILD / "rtls-replay", "--json", "--to", f"127.0.0.1:{gateway.ports['win']}",
+                                 "--check", f"tcp://127.0.0.1:{gateway.ports['handler']}", recording))
+    finally:
+        gateway.close()
+    reports = len(SEQUENCES) * len(NODES)
+    assert (outcome["reports"], outcome["equal"], outcome["first_difference"]) == (reports, reports, None)
