@@ -59,7 +59,7 @@ def test_the_recording_shows_each_report_once(recording):
     shown = [json.loads(line) for line in run(BUILD / "rtls-tail", "--read", recording, "--json").splitlines()]
     reports = [(one["topic"], one["message"]["seqNo"]) for one in shown if one["topic"].startswith("report/")]
     assert reports == [("report/" + node.hex().upper(), seq) for seq in SEQUENCES for node in NODES]
-    events = [one["message"]["event"] for one in shown if one["topic"] == "event"]
+    events = [one["event"]["event"] for one in shown if one["topic"] == "event"]
     assert events[0] == "started" and events.count("bridge_connected") == events.count("bridge_closed") == 1
     assert events.count("node_new") == len(NODES) + 1, "the bridge's own, too"
 

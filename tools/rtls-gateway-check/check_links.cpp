@@ -137,7 +137,8 @@ static bool check_tap(inspection& at)
     const std::string& text = at.effective.at(key).item->value;
     const auto parts = parse_endpoint(text);
     const bool is_tcp = parts && parts->transport == "tcp";
-    if (at.effective.at(key).is_taken() && (!is_tcp || (parts->port && *parts->port != 0)))
+    const bool is_local = parts && parts->transport == "ipc";
+    if (at.effective.at(key).is_taken() && (is_local || (is_tcp && parts->port && *parts->port != 0)))
         return is_tcp;
     at.add(at.effective.at(key).is_taken() ? severity::ends : severity::refused, "endpoint", key,
            fmt::format("\"{}\" is no endpoint that the tap can be bound to", text),
