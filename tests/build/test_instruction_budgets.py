@@ -93,4 +93,4 @@ def test_the_record_names_what_it_was_made_by(instructions):
 
 def test_the_record_in_the_repository_has_every_kind_of_way(instructions):
     record = json.loads((ROOT / "bench" / "instructions.json").read_text())
-    assert {kind.split(":")[0] for kind in record["instructions"]} == {"up", "port", "down", "record"}
+    assert {kind.split(":")[0] for kind in record["instructions"]} == {"up", "tap", "port", "down", "record"}
