@@ -160,7 +160,7 @@ TEST_F(opened_tap, each_class_has_numbers_of_its_own)
     const zsock_ptr links = subscriber("link/");
     for (const auto of : {tap_class::link_in, tap_class::link_out, tap_class::link_in, tap_class::link_in})
         m_tap.publish({of, tap_direction::up}, tap_topic{of}, hex("00"));
-    for (const uint64_t number : {1, 1, 2, 3})
+    for (const uint64_t number : {1U, 1U, 2U, 3U})
         EXPECT_EQ(next_number(links), number);
 }
 
