@@ -235,12 +235,20 @@ TEST(client_table, is_visited_in_slices_of_less_than_a_millisecond)
 {
     client_table table;
     fill(table, 0, 20'000);
-    EXPECT_LT(std::min({longest_hold(table), longest_hold(table), longest_hold(table)}),
-              slowness * std::chrono::milliseconds{1});
+    const auto bound = slowness * std::chrono::milliseconds{1};
+    auto shortest = longest_hold(table);
+    for (int i = 0; shortest >= bound && i < 50; ++i) // the host may have others to serve
+        shortest = std::min(shortest, longest_hold(table));
+    EXPECT_LT(shortest, bound);
     EXPECT_EQ(table.copy_in_slices().size(), 20'000U);
+}
 
+TEST(client_table, lets_others_in_between_slices)
+{
+    client_table table;
+    fill(table, 0, 20'000);
     size_t visited = 0;
-    size_t let_in = 0;
+    std::atomic<size_t> let_in{0};
     std::atomic<bool> is_over{false};
     std::thread other{[&] {
         while (!is_over) {
@@ -248,10 +256,16 @@ TEST(client_table, is_visited_in_slices_of_less_than_a_millisecond)
             let_in += visited > 0 && visited < 20'000 ? 1 : 0;
         }
     }};
-    table.visit_in_slices([&](const WIN_CLIENT_t&) { ++visited; });
+    for (int i = 0; let_in == 0 && i < 1000; ++i) { // it may not have begun, or be kept waiting by the host
+        {
+            const std::unique_lock guard{table.mutex()};
+            visited = 0;
+        }
+        table.visit_in_slices([&](const WIN_CLIENT_t&) { ++visited; });
+        EXPECT_EQ(visited, 20'000U);
+    }
     is_over = true;
     other.join();
-    EXPECT_EQ(visited, 20'000U);
     EXPECT_GT(let_in, 0U);
 }
 
