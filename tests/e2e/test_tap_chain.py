@@ -35,7 +35,8 @@ def talk(gateway: Daemon):
 
 
 def payloads_of(file: pathlib.Path) -> list:
-    return [message[-1] for message in taps.recorded(file.read_bytes())] if file.exists() else []
+    """Those of a file that is being written, as far as it is."""
+    return [message[-1] for message in taps.recorded(file.read_bytes(), is_growing=True)] if file.exists() else []
 
 
 @pytest.fixture(scope="module")

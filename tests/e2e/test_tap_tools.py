@@ -87,7 +87,7 @@ def test_a_recording_has_each_message_as_it_was_published(tap, tmp_path, ends):
     for message in messages:
         tap.publish(message)
     tap.publish([b"event", b"no head", b"{}"])
-    wait_until(lambda: len(taps.recorded(file.read_bytes())) == len(messages), "it to be flushed")
+    wait_until(lambda: len(taps.recorded(file.read_bytes(), is_growing=True)) == len(messages), "it to be flushed")
     recorder.process.send_signal(ends)
     _, err = recorder.ended()
     assert taps.recorded(file.read_bytes()) == messages

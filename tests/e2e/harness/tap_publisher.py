@@ -57,19 +57,24 @@ def report(node: bytes, seq: int, seconds: int, ms: int, bridge: bytes) -> tuple
 
 # --- Recordings
 
-def blocks(data: bytes):
-    """(type, body) of each block."""
+def blocks(data: bytes, is_growing: bool):
+    """(type, body) of each block; of a file that is being written, the last one may be there in part."""
     at = 0
     while at < len(data):
-        kind, length = struct.unpack_from("<II", data, at)
+        kind, length = struct.unpack_from("<II", data.ljust(at + 8, b"\0"), at)
+        if is_growing and (len(data) < at + 8 or len(data) < at + length):
+            return
         assert length % 4 == 0 and struct.unpack_from("<I", data, at + length - 4) == (length,)
         yield kind, data[at + 8:at + length - 4]
         at += length
 
 
-def recorded(data: bytes) -> list:
+def recorded(data: bytes, is_growing: bool = False) -> list:
     """The messages of a recording, as lists of frames."""
-    (first, section), (second, interface), *packets = blocks(data)
+    found = list(blocks(data, is_growing))
+    if is_growing and len(found) < 2:
+        return []
+    (first, section), (second, interface), *packets = found
     assert (first, second) == (0x0A0D0D0A, 1)
     assert struct.unpack_from("<IHHq", section) == (0x1A2B3C4D, 1, 0, -1)
     assert struct.unpack_from("<HHIHHB", interface) == (252, 0, 0, 9, 1, 9)
