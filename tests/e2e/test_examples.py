@@ -58,6 +58,8 @@ class Servers:
         self.gateway = start_gateway(upstream=("broker",), ports=ports)
         self.proxy.wait_for("a gateway is here")
         self.bridge = self.gateway.bridge(BRIDGE)
+        self.bridge.send_message(wire.panid_req(BRIDGE, 1))  # so that it is not closed after six seconds
+        self.bridge.receive()
         self.bridge.send_message(wire.heartbeat(NODE, 9, bridge=BRIDGE, addr=NODE_IP, role=0x11, parent=wire.mac(0xC0D)))
 
     def stop(self):

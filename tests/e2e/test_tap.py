@@ -61,8 +61,9 @@ def subscribe(gateway):
 
 
 @pytest.fixture
-def bridge(gateway):
+def bridge(gateway, sequence):
     bridge = gateway.bridge(BRIDGE)
+    bridge.introduce(sequence())
     gateway.reports(bridge)  # those of the case before have come, too
     yield bridge
     bridge.close()
