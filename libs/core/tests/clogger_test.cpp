@@ -405,7 +405,18 @@ TEST_F(clogger, destroying_closes_the_system_log_and_delivers_the_last_records)
 
 TEST_F(clogger, the_last_records_have_five_seconds_to_leave)
 {
-    EXPECT_EQ(socket_options::last_linger_ms(), 5000);
+    EXPECT_EQ(socket_options::last_value(ZMQ_LINGER), 5000);
+}
+
+// And one that does not answer is asked again soon: the system's own patience is two minutes.
+TEST_F(clogger, a_broker_that_vanishes_is_noticed)
+{
+    EXPECT_EQ(socket_options::last_value(ZMQ_TCP_KEEPALIVE), 1);
+    EXPECT_EQ(socket_options::last_value(ZMQ_TCP_KEEPALIVE_IDLE), 5);
+    EXPECT_EQ(socket_options::last_value(ZMQ_TCP_KEEPALIVE_INTVL), 2);
+    EXPECT_EQ(socket_options::last_value(ZMQ_TCP_KEEPALIVE_CNT), 4);
+    EXPECT_EQ(socket_options::last_value(ZMQ_CONNECT_TIMEOUT), 2000);
+    EXPECT_EQ(socket_options::last_value(ZMQ_TCP_MAXRT), std::nullopt) << "who stands is not cut off";
 }
 
 // Short memory while a logger is made: no logger, and a system log that keeps no pointer into it.

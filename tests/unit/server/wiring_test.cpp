@@ -19,6 +19,7 @@
 #include "support/wait.h"
 #include "support/win_link.h"
 #include "terminal/terminal_server.h"
+#include "terminal/terminal_server_private.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -292,6 +293,44 @@ TEST_F(wiring, the_sockets_have_no_options_beside_the_known_ones)
             ASSERT_EQ(zmq_getsockopt(zsock_resolve(plain.get()), option, &usual, &size), 0);
             EXPECT_EQ(value, usual) << c.name << ", option " << option;
         }
+    }
+}
+
+// A server that vanished without a word is noticed while it is idle, and found again soon after its return; one
+// that stands is not cut off, which ZMQ_TCP_MAXRT would do. Operators who vanished are not kept for ever.
+TEST_F(wiring, the_sockets_notice_who_has_vanished)
+{
+    test_gateway gateway;
+    gateway.run_win_server();
+    gateway.run_terminal_server();
+    const WIN_SERVER_t& server = gateway.win_server();
+    const auto* terminal =
+        static_cast<const TERMINAL_SERVER_t*>(rtls_gateway_get_terminal_server(gateway.handle()));
+    const struct {
+        const char* name;
+        zsock_t* sock;
+        int idle_s, interval_s, probes;
+        int connect_timeout_ms; // 0: the system's
+    } cases[] = {
+        {"proxy", server.proxy_sock, 5, 2, 4, 2000},
+        {"proxy input", server.proxy_input_sock, 5, 2, 4, 2000},
+        {"message handler", server.msg_handler_sock, 5, 2, 4, 2000},
+        {"terminal port", terminal->terminal_sock.get(), 60, 10, 3, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto option = [&](int name) {
+            int value = -2;
+            size_t size = sizeof value;
+            EXPECT_EQ(zmq_getsockopt(zsock_resolve(c.sock), name, &value, &size), 0);
+            return value;
+        };
+        EXPECT_EQ(option(ZMQ_TCP_KEEPALIVE), 1);
+        EXPECT_EQ(option(ZMQ_TCP_KEEPALIVE_IDLE), c.idle_s);
+        EXPECT_EQ(option(ZMQ_TCP_KEEPALIVE_INTVL), c.interval_s);
+        EXPECT_EQ(option(ZMQ_TCP_KEEPALIVE_CNT), c.probes);
+        EXPECT_EQ(option(ZMQ_CONNECT_TIMEOUT), c.connect_timeout_ms);
+        EXPECT_EQ(option(ZMQ_TCP_MAXRT), 0);
     }
 }
 

@@ -3,10 +3,10 @@
 #include <dlfcn.h>
 #include <zmq.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <utility>
 
@@ -14,18 +14,22 @@ namespace {
 
 constexpr auto patience = std::chrono::seconds(10);
 
-std::atomic<int> last_linger{-2};
+std::mutex values_mutex;
+std::map<int, int> last_values;
 std::mutex closed_mutex;
 std::condition_variable closed_changed;
 int closed = 0;
 std::mutex action_mutex;
 std::function<void()> action_on_linger;
 
-void note_linger(const void* value)
+void note(int option, const void* value)
 {
-    int linger = 0;
-    std::memcpy(&linger, value, sizeof linger);
-    last_linger = linger;
+    const std::lock_guard lock(values_mutex);
+    std::memcpy(&last_values[option], value, sizeof(int));
+}
+
+void act_on_linger()
+{
     std::function<void()> action;
     {
         const std::lock_guard lock(action_mutex);
@@ -42,8 +46,10 @@ extern "C" int zmq_setsockopt(void* socket, int option, const void* value, size_
     using real_function = int (*)(void*, int, const void*, size_t);
     static const auto real = reinterpret_cast<real_function>(dlsym(RTLD_NEXT, "zmq_setsockopt"));
     const int rc = real(socket, option, value, size);
-    if (option == ZMQ_LINGER && size == sizeof(int))
-        note_linger(value);
+    if (size == sizeof(int))
+        note(option, value);
+    if (option == ZMQ_LINGER)
+        act_on_linger();
     return rc;
 }
 
@@ -70,9 +76,11 @@ bool socket_options::wait_for_closing(int more_than)
     return closed_changed.wait_for(lock, patience, [&] { return closed > more_than; });
 }
 
-int socket_options::last_linger_ms()
+std::optional<int> socket_options::last_value(int option)
 {
-    return last_linger;
+    const std::lock_guard lock(values_mutex);
+    const auto found = last_values.find(option);
+    return found == last_values.end() ? std::nullopt : std::optional{found->second};
 }
 
 void socket_options::on_next_linger(std::function<void()> action)

@@ -3,11 +3,12 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 
 namespace socket_options {
 
-// The linger time that was set last, in milliseconds; -2 when none was.
-int last_linger_ms();
+// What this option, a number, was set to last; nothing when it never was.
+std::optional<int> last_value(int option);
 
 // Called by whoever sets a linger time, on its thread, once.
 void on_next_linger(std::function<void()> action);
