@@ -23,14 +23,20 @@ def name_server(tmp_path):
 def with_names(*sections):
     def change(config):
         for section in sections:
-            config[section]["address"] = section.replace("_", "-") + ".example"
+            name = section.replace("_", "-") + ".example"
+            if section == "debug_broker":
+                config["debug_broker_address"] = f"tcp://{name}:5000"
+            else:
+                config[section]["address"] = name
         return config
     return change
 
 
-@pytest.mark.parametrize("sections", [("message_handler",), ("pub_sub_proxy",), ("message_handler", "pub_sub_proxy")])
+@pytest.mark.parametrize("sections", [("message_handler",), ("pub_sub_proxy",), ("message_handler", "pub_sub_proxy"),
+                                      ("debug_broker",), ("message_handler", "pub_sub_proxy", "debug_broker")])
 def test_bridges_and_operators_do_not_wait_for_names_and_a_stop_takes_five_seconds(start_gateway, name_server, sections, figure):
-    gateway = start_gateway(upstream=("broker",), change=with_names(*sections), wrap=name_server.wrap)
+    upstream = () if "debug_broker" in sections else ("broker",)
+    gateway = start_gateway(upstream=upstream, change=with_names(*sections), wrap=name_server.wrap)
     name_server.wait_asked()
     bridge, terminal = gateway.bridge(BRIDGE), gateway.terminal()
     bridge.introduce()
