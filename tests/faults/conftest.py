@@ -13,6 +13,18 @@ from harness.fixtures import gateway, http_port, start_gateway  # noqa: E402, F4
 from network import Namespaces  # noqa: E402
 
 
+def pytest_addoption(parser):
+    parser.addoption("--quick", action="store_true", help="without the cases that measure, or take minutes")
+
+
+def pytest_collection_modifyitems(config, items):
+    """The quick subset: `./test` has it with FAULTS_QUICK=1 and with all presets but release, and so has CI."""
+    if config.getoption("--quick", False):
+        left_out = [item for item in items if item.get_closest_marker("measured") or item.get_closest_marker("slow")]
+        config.hook.pytest_deselected(items=left_out)
+        items[:] = [item for item in items if item not in left_out]
+
+
 @pytest.fixture
 def namespaces():
     spaces = Namespaces()
