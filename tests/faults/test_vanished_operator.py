@@ -1,4 +1,5 @@
-"""An operator who vanishes behind a router, with lines on their way to him, does not stay for a quarter of an hour."""
+"""An operator who vanishes behind a router does not stay: not for a quarter of an hour with lines on their way to him,
+and not for ever with none."""
 import re
 import time
 
@@ -48,5 +49,32 @@ def test_an_operator_who_vanished_among_lines_is_gone_and_one_who_does_not_read_
         assert sessions(here) == {"127.0.0.1", "10.77.1.2"}, "who does not read is not cut off"
     finally:
         for stream in (deaf, vanishing, bridge, here):
+            stream.close()
+        gateway.close()
+
+
+def test_an_operator_who_vanished_and_is_owed_nothing_is_gone(tmp_path, namespaces, figure):
+    """TCP asks for him: after a minute without a word, three times in half a minute."""
+    with namespaces.enter("ours"):
+        gateway = Daemon(tmp_path, upstream=())
+        here = gateway.terminal()
+    with namespaces.enter("router"):
+        idle = Stream(gateway.ports["terminal"], host="10.77.1.1")
+    with namespaces.enter("server"):
+        vanishing = Stream(gateway.ports["terminal"], host="10.77.1.1")
+    try:
+        for guest in (idle, vanishing):
+            guest.send(b"sub-\n")
+            wait_until(lambda: guest.pull(0.2), "the answer")
+        assert sessions(here) == {"127.0.0.1", "10.77.1.2", "10.77.2.2"}
+        namespaces.route(False)
+        gone = time.monotonic()
+        wait_until(lambda: "10.77.2.2" not in sessions(here), "the end of the session", 180)
+        noticed = time.monotonic() - gone
+        figure("until a session that is owed nothing is gone", "never", f"{noticed:.0f} s")
+        assert 60 < noticed < 120
+        assert sessions(here) == {"127.0.0.1", "10.77.1.2"}, "who is there and says nothing stays"
+    finally:
+        for stream in (idle, vanishing, here):
             stream.close()
         gateway.close()
