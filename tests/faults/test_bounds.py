@@ -225,6 +225,30 @@ def test_a_huge_text_from_the_proxy_is_refused_by_its_length(gateway, figure):
     assert refusal in gateway.syslog() and max(waits) < 0.5 and peak < 512
 
 
+@pytest.mark.measured
+def test_huge_texts_in_a_row_are_refused_one_by_one(gateway, figure):
+    """The library's queue would take a thousand of them: they must be gone as quickly as they come."""
+    bridge = gateway.bridge(BRIDGE)
+    bridge.introduce()
+    number, text = 20, b"08" * (50 << 20)
+    refusal = f"3 rtls-gateway: handle_pub_sub_proxy: a text of {len(text)} bytes is too long!"
+    for _ in range(number):
+        gateway.proxy.sock.send(text, copy=False)
+    gateway.proxy.publish(wire.generic_req(b"behind", BRIDGE))
+    behind, waits = [], []
+    while not behind and sum(waits) < 60:
+        begin = time.monotonic()
+        behind = bridge.barrier()
+        waits.append(time.monotonic() - begin)
+    assert behind and b"behind" in behind[0], "what comes behind them is not lost"
+    wait_until(lambda: gateway.syslog().count(refusal) == number, "a line about each")
+    status = pathlib.Path(f"/proc/{gateway.process.pid}/status").read_text()
+    peak = int(re.search(r"VmHWM:\s+(\d+)", status)[1]) // 1024
+    figure(f"the longest ping beside {number} texts of 100 MiB", "-", f"{max(waits) * 1000:.0f} ms")
+    figure("memory that they take for that moment", "-", f"{peak} MiB")
+    assert max(waits) < 0.5 and peak < 512
+
+
 def resident_kib(gateway) -> int:
     status = pathlib.Path(f"/proc/{gateway.process.pid}/status").read_text()
     return int(re.search(r"VmRSS:\s+(\d+)", status)[1])
