@@ -62,3 +62,24 @@ def test_no_filter_takes_long_for_a_line(gateway, pattern, figure):
     took = time.monotonic() - begin
     figure("300 lines past a filter", "6.9 to 9.2 s", f"{took:.2f} s", worst=took)
     assert took < 1.5, f"300 lines took {took:.1f} s"
+
+
+def test_an_honest_filter_passes_lines_quickly(gateway, figure):
+    """Lines as long as they get, each typed and answered before the next: what that takes is in the figure."""
+    filtered, other = gateway.terminal(), gateway.terminal()
+    filtered.command("sub", "\n")
+    filtered.command("grep SENSOR|(RAW_(IN|OUT)PUT.*[0-9A-F]{16}$)|the end", "\n")
+    other.command("dbg terminal y", "ul_tdoa n\n")
+
+    def rate() -> float:
+        lines, word = 1000, "0123456789ABCDEF RAW " * 90
+        begin = time.monotonic()
+        for _ in range(lines):
+            other.command(word, "\n")
+        other.command("the end", "\n")
+        filtered.read_until("the end")
+        return lines * len(word) / 1e6 / (time.monotonic() - begin)
+
+    best = max(rate() for _ in range(3))
+    figure("lines through an honest filter", "1 MB/s", f"{best:.0f} MB/s")
+    assert best > 3
