@@ -32,9 +32,10 @@ constexpr size_t unsent_messages_number_limit = size_t{256} * 1024;
 constexpr size_t unsent_messages_total_limit = size_t{256} * 1024 * 1024;
 
 // The most bytes that are handed to the socket at once. It counts pieces, not bytes: with pieces of this size
-// and few of them, what it holds for a client that does not read is bounded, too. The stream's pieces need
+// and few of them, what it holds for a client that does not read is bounded, too. That is in no total, so it is
+// little; there are several pieces rather than few large ones, since each short command is a piece as well. The stream's pieces need
 // not be messages: small ones share a piece, and a large one is cut.
-constexpr size_t stream_piece_limit = 8192;
+constexpr size_t stream_piece_limit = 2048;
 
 // Messages in the order in which they were appended. They lie one behind the other in a few large blocks, so
 // that many small ones take little more than their bytes, and a full queue is freed at once.

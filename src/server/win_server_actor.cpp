@@ -22,10 +22,12 @@ namespace rtls {
 
 static constexpr char reporter[] = "win_server_actor";
 static constexpr int win_send_timeout_ms = 100;
-// What the WIN socket holds of one bridge, in each direction: so many pieces of 8 KiB at most. Beyond that,
-// what a bridge sends waits in its TCP connection, and what it does not take waits among its unsent messages,
-// where it is counted.
-static constexpr int win_queue_length = 16;
+// What the WIN socket holds of one bridge: so many reads of 8 KiB at most, each of which takes 12 KiB to 18 KiB
+// however little was read, and so many pieces (stream_piece_limit). Beyond that, what a bridge sends waits in
+// its TCP connection, and what it does not take waits among its unsent messages, where it is counted. Nothing
+// counts what is here, so it is little: thousands who flood and read nothing fill it.
+static constexpr int win_receive_length = 4;
+static constexpr int win_send_length = 16;
 static constexpr int interthread_receive_timeout_ms = 100;
 
 static bool made(bool ok, const char* call)
@@ -47,8 +49,8 @@ static bool open_win_port(WIN_SERVER_t& server)
         return false;
     serve_by(server.win_sock, io_thread_of_ports);
     zsock_set_sndtimeo(server.win_sock, win_send_timeout_ms);
-    zsock_set_sndhwm(server.win_sock, win_queue_length);
-    zsock_set_rcvhwm(server.win_sock, win_queue_length);
+    zsock_set_sndhwm(server.win_sock, win_send_length);
+    zsock_set_rcvhwm(server.win_sock, win_receive_length);
     if (server.win_backlog > 0)
         zsock_set_backlog(server.win_sock, server.win_backlog);
     return made(zsock_bind(server.win_sock, "tcp://%s:%d", server.win_door.rules.address.c_str(),

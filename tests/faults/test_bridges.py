@@ -136,7 +136,7 @@ def pings_of(port: int) -> int:
 
 
 def test_a_connection_that_reads_nothing_takes_little_beside_what_is_counted(start_gateway, figure):
-    """What the library holds of each is in no total: sixteen pieces of 8 KiB in each direction, and its own records."""
+    """What the library holds of each is in no total: sixteen pieces of 2 KiB, four reads of 8 KiB, and its own records."""
     port = free_port()
     gateway = start_gateway(change=with_http(port))
     number, honest = 100, Honest(gateway)
@@ -160,8 +160,31 @@ def test_a_connection_that_reads_nothing_takes_little_beside_what_is_counted(sta
         small = resident_kib(gateway) - at_rest
     figure("memory for 1.5 MB of pings of 5 bytes that are not read", "100 MiB", f"{small / 1024:.1f} MiB")
     figure("memory of a connection that says nothing", "-", f"{silent:.0f} KiB")
-    figure("memory of one that reads nothing, beside what waits for it", "-", f"{unread:.0f} KiB")
-    assert silent < 40 and unread < 400
+    figure("memory of one that reads nothing, beside what waits for it", "250 KiB", f"{unread:.0f} KiB")
+    assert silent < 40 and unread < 160
+
+
+def test_three_thousand_who_flood_and_read_nothing_stay_under_a_gibibyte(start_gateway, figure):
+    """So many that what the library holds of each makes most of it, with no key that bounds their number."""
+    number, port = 3000, free_port()
+    gateway = start_gateway(change=with_http(port))
+    honest = Honest(gateway)
+    with flood(gateway, number, "usual", "shut"):
+        assert open_files(gateway) > number, "all are let in"
+
+        def is_full():
+            honest.ping()
+            return Figures(port)["bridges_waiting_memory_bytes", {}] > 200 << 20
+        wait_until(is_full, "all that may wait for them", 60)
+        times, peak = honest.pings(3), 0
+        while peak_mib(gateway) > peak + 8:    # until hardly more is taken in
+            peak = peak_mib(gateway)
+            times += honest.pings(1)
+        peak = peak_mib(gateway)
+    figure("memory under 3,000 bridges that flood", "906 MiB", f"{peak} MiB")
+    figure("a ping among them, median", "493 ms", ms(statistics.median(times)))
+    assert peak < 768, "so that twice as many fit as well"
+    assert statistics.median(times) < 5, "an honest bridge is served"
 
 
 def test_pages_go_to_who_asks_for_them(gateway, figure):
