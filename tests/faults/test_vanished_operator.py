@@ -54,7 +54,7 @@ def test_an_operator_who_vanished_among_lines_is_gone_and_one_who_does_not_read_
 
 
 def test_an_operator_who_vanished_and_is_owed_nothing_is_gone(tmp_path, namespaces, figure):
-    """TCP asks for him: after a minute without a word, three times in half a minute."""
+    """TCP asks for him after a minute without a word; the first question that stays unanswered is enough."""
     with namespaces.enter("ours"):
         gateway = Daemon(tmp_path, upstream=())
         here = gateway.terminal()
