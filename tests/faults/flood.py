@@ -1,9 +1,9 @@
 """flood.py PORT CONNECTIONS KIND read|deaf|shut: hostile bridges, until the input is closed. Each names itself first,
 so that supervision has no reason to close it. "shut": deaf, and TCP holds next to nothing for it.
 
-Says "connected" once all connections stand ("usual": and are greeted), then nothing. KIND: "small", pings as short as they can be; "usual", pings
-of 100 bytes; "large", pings of 1 MiB; "open", one message of nearly 1 MiB that does not end; "reports", those of the first one's node; "silent",
-nothing."""
+Says "connected" once all connections stand ("usual": and are greeted), then nothing. KIND: "small", pings as short as
+they can be; "usual", pings of 100 bytes; "large", pings of 1 MiB; "open", one message of nearly 1 MiB that does not
+end; "reports", those of the first one's node; "silent", nothing."""
 import pathlib
 import select
 import socket
