@@ -48,12 +48,13 @@ struct link_frame {
     // The message's own, in place.
     uint8_t* seq_no() { return &msg[msgGeneric_t::seqNo]; }
 
-    // Somebody has sent what is being processed: to be called before the node's record is changed.
-    void note_locked(node_news& of, bool& has, const NODE_t& node) RTLS_REQUIRES(nodes)
+    // Somebody has sent what is being processed: to be called before the node's record is changed. `moves_route`:
+    // whether his route is about to be this client.
+    void note_locked(node_news& of, bool& has, const NODE_t& node, bool moves_route) RTLS_REQUIRES(nodes)
     {
         if (!server.tap.takes(tap_class::event)) [[likely]]
             return;
-        of.note_sender(node, change_route ? frame_bytes(client.id) : bytes_view{});
+        of.note_sender(node, moves_route ? frame_bytes(client.id) : bytes_view{});
         has = true;
     }
 

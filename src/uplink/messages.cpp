@@ -34,7 +34,7 @@ static std::optional<message_outcome> refresh_node(link_frame& frame, const uint
     NODE_t* node = frame.nodes.find_or_create_by_mac(mac, frame.seq_no());
     if (!node)
         return frame.refusal_locked();
-    frame.note_locked(frame.news, frame.has_news, *node);
+    frame.note_locked(frame.news, frame.has_news, *node, frame.change_route);
     move_route_locked(frame, *node);
     frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();
@@ -123,7 +123,7 @@ static std::optional<message_outcome> update_node(link_frame& frame, const heart
     NODE_t* node = frame.nodes.find_or_create_by_mac(&msg[gwMsgHeartbeat_t::long_addr], frame.seq_no());
     if (!node)
         return frame.refusal_locked();
-    frame.note_locked(frame.news, frame.has_news, *node);
+    frame.note_locked(frame.news, frame.has_news, *node, frame.change_route);
     if (frame.has_news) [[unlikely]]
         frame.news.note_parent(*node, msg.subspan(gwMsgHeartbeat_t::parent_addr, mac_size));
     node->sw_version = heartbeat.sw_version;
@@ -281,7 +281,7 @@ static std::optional<message_outcome> register_forwarded_node(link_frame& frame,
     NODE_t* node = frame.nodes.find_or_create_by_mac(trailer + nwk_data_ind::trailer_mac, nullptr);
     if (!node)
         return frame.refusal_locked();
-    frame.note_locked(frame.news_of_envelope, frame.has_envelope_news, *node);
+    frame.note_locked(frame.news_of_envelope, frame.has_envelope_news, *node, frame.change_route);
     node->direct_mask = frame.direct_mask;
     frame.nodes.set_lifetime(*node, node_lifetime);
     node->last_activity = frame.activity();

@@ -21,8 +21,8 @@ public:
     // Not cleared: each message has two of them, and hardly ever somebody to tell.
     node_news() noexcept {} // NOLINT(modernize-use-equals-default,cppcoreguidelines-pro-type-member-init)
 
-    // The message's sender as it was before; the identity of the connection that it came by, or none if the node's
-    // route stays.
+    // The message's sender as it was before; the identity of the connection that is about to be its route, or none if
+    // the route stays as it is.
     void note_sender(const NODE_t& node, bytes_view connection) noexcept;
     // Behind the above: the same node is about to get this parent.
     void note_parent(const NODE_t& node, bytes_view parent) noexcept;
@@ -33,12 +33,13 @@ public:
 private:
     using mac = std::array<uint8_t, mac_size>;
 
-    bool m_is_new; // these are there when it is noted,
-    bool m_has_new_route;
-    bool m_has_new_parent;
-    uint32_t m_last_connection; // and these when there is such news
+    // Which news it is, as soon as a sender is noted; any of them, or none.
+    bool m_is_new;         // node_new
+    bool m_has_new_route;  // node_moved
+    bool m_has_new_parent; // node_parent
     mac m_node;
-    mac m_last_parent;
+    uint32_t m_last_connection; // of node_moved
+    mac m_last_parent;          // of node_parent, like the next
     mac m_parent;
 };
 

@@ -73,7 +73,7 @@ static std::optional<message_outcome> find_sender(link_frame& frame, payload_mes
                                           : frame.nodes.find_by_ip(trailer);
     if (!node)
         return frame.msg_is_forwarded ? frame.refusal_locked() : message_outcome::unknown_node;
-    frame.note_locked(frame.news, frame.has_news, *node);
+    frame.note_locked(frame.news, frame.has_news, *node, false); // a report leaves the route where it is
     node->last_activity = frame.activity();
     std::memcpy(message.short_mac, node->mac_addr + mac_size - 2, sizeof message.short_mac);
     if (!frame.msg_is_forwarded)
