@@ -130,13 +130,13 @@ static void tap_command(WIN_SERVER_t& server, bytes_view message, timeval now)
 
 static void handle_message(WIN_SERVER_t& server, bytes_view message, timeval now)
 {
-    if (server.tap.takes(tap_class::command)) [[unlikely]]
-        tap_command(server, message, now);
     if (message.size() > text_limit) {
         refuse(server, command_outcome::malformed);
         logger_error(g_logger, "%s: a text of %zu bytes is too long!", reader_name, message.size());
         return;
     }
+    if (server.tap.takes(tap_class::command)) [[unlikely]]
+        tap_command(server, message, now);
     const std::string_view text = text_of(message);
     dbg_print(server.dbg_client_sock, DBG_RAW, "PROXY_RAW_INPUT", "%.*s", static_cast<int>(text.size()),
               text.data());
