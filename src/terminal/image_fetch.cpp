@@ -54,6 +54,14 @@ static void tap_download(TERMINAL_SERVER_t& server, tap_event& event, const std:
     tap_from_elsewhere(server.rtls_gateway->win_server, event.text("url", url).text("purpose", "operator"));
 }
 
+static void tap_begun(TERMINAL_SERVER_t& server, const char* url)
+{
+    if (!has_tap(server.rtls_gateway->win_server))
+        return;
+    tap_event begun{"download_begun"};
+    tap_download(server, begun, url);
+}
+
 static void tap_ended(TERMINAL_SERVER_t& server, const outcome& fetched) noexcept
 {
     if (!has_tap(server.rtls_gateway->win_server))
@@ -99,8 +107,7 @@ bool fetch_image(TERMINAL_SERVER_t& server, TERMINAL_CLIENT_t& client, const cha
         return false;
     if (is_gone(server, client))
         return true; // nobody would see the outcome
-    if (tap_event begun{"download_begun"}; has_tap(server.rtls_gateway->win_server))
-        tap_download(server, begun, url);
+    tap_begun(server, url);
     client.is_fetching = server.rtls_gateway->downloads->order(make_order(server, client, url), {},
                                                                download_pool::customer::operators);
     if (!client.is_fetching) {
