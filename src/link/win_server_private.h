@@ -92,6 +92,7 @@ struct WIN_SERVER_t {
         false; // what the subscribers of its events have been told, of what they are told once
     bool tap_knows_handler_overflow = false;
     bool tap_knows_proxy_input_overflow = false;
+    bool tap_follows_expiry = false; // somebody is told of nodes that expire
 
     own_addresses own;            // these five guard the discovery port
     rate_bound discovery_answers; // by requester

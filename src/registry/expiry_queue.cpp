@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <utility>
 
 namespace rtls {
 
@@ -47,6 +48,7 @@ expiry_queue::expiry_queue()
     for (auto& slot : m_slots)
         make_empty(slot);
     make_empty(m_expired);
+    append(m_expired, m_told);
 }
 
 void expiry_queue::add(stored_node& node)
@@ -119,17 +121,46 @@ void expiry_queue::tick()
     m_sizes[m_now % slot_count] = 0;
 }
 
+// A node in the list of those that have. False when it was moved there too early: it waits in a slot again.
+bool expiry_queue::has_expired(stored_node& node)
+{
+    settle(node);
+    if (node.lifetime == 0)
+        return true;
+    unlink(node);
+    wait_in_slot(node);
+    return false;
+}
+
 stored_node* expiry_queue::longest_expired()
 {
-    while (!is_empty(m_expired)) {
-        auto& node = static_cast<stored_node&>(*m_expired.next);
-        settle(node);
-        if (node.lifetime == 0)
+    for (expiry_link* link = m_expired.next; link != &m_expired;) {
+        expiry_link& present = *std::exchange(link, link->next);
+        if (&present == &m_told)
+            continue;
+        auto& node = static_cast<stored_node&>(present);
+        if (has_expired(node))
             return &node;
-        unlink(node);
-        wait_in_slot(node);
     }
     return nullptr;
+}
+
+stored_node* expiry_queue::next_newly_expired()
+{
+    while (m_told.next != &m_expired) {
+        auto& node = static_cast<stored_node&>(*m_told.next);
+        unlink(m_told);
+        append(*node.next, m_told); // right behind the node
+        if (has_expired(node))
+            return &node;
+    }
+    return nullptr;
+}
+
+void expiry_queue::pass_over_expired()
+{
+    unlink(m_told);
+    append(m_expired, m_told);
 }
 
 } // namespace rtls

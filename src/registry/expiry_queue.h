@@ -41,17 +41,25 @@ public:
     // The node whose lifetime has been 0 for longest, or nullptr if all nodes live.
     stored_node* longest_expired();
 
+    // For whoever wants to be told of each node that expires: the next one that has since the last call of either, in
+    // their order, or nullptr. A node that is renewed or goes before its turn is none.
+    stored_node* next_newly_expired();
+    // Those that have expired until now are told nobody.
+    void pass_over_expired();
+
 private:
     // More than the longest lifetime that a node can name. A node with a longer one (nothing but tests gives
     // any) is moved too early, and put back when it comes up.
     static constexpr size_t slot_count = 2048;
 
+    bool has_expired(stored_node& node);
     void wait_in_slot(stored_node& node);
     bool waits_in_slot(const stored_node& node) const;
     void leave(stored_node& node);
 
     std::array<expiry_link, slot_count> m_slots; // the heads of circular lists: who expires at which tick
     expiry_link m_expired;                       // the head of the list of those that have, longest first
+    expiry_link m_told;                          // in that list, no node: behind those that have been told
     std::array<uint32_t, slot_count> m_sizes{};  // of the slots
     uint32_t m_now = 0;                          // in ticks
 };

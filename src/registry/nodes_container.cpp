@@ -5,6 +5,7 @@
 #include "base/null_check.h"
 #include "base/peer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -179,6 +180,25 @@ void NODES_CONTAINER_t::update_lifetime()
 {
     const nodes_guard guard{*this};
     m_expiry.tick();
+}
+
+size_t NODES_CONTAINER_t::take_expired(std::span<mac_array> room)
+{
+    const nodes_guard guard{*this};
+    size_t taken = 0;
+    while (taken < room.size()) {
+        const stored_node* node = m_expiry.next_newly_expired();
+        if (!node)
+            break;
+        std::ranges::copy(node->mac_addr, room[taken++].begin());
+    }
+    return taken;
+}
+
+void NODES_CONTAINER_t::pass_over_expired()
+{
+    const nodes_guard guard{*this};
+    m_expiry.pass_over_expired();
 }
 
 void NODES_CONTAINER_t::remove(const uint8_t* mac)

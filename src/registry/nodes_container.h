@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -116,6 +117,12 @@ public:
 
     // Ages every node by one second. Takes the lock itself.
     void update_lifetime() RTLS_EXCLUDES(this);
+
+    // Copies the MACs of nodes that have expired since the last call of either, in their order, as many as there is
+    // room for: the next call has the others. Returns how many. Takes the lock itself.
+    size_t take_expired(std::span<mac_array> room) RTLS_EXCLUDES(this);
+    // Nobody wants to hear of those that have expired until now. The same.
+    void pass_over_expired() RTLS_EXCLUDES(this);
 
     // Removes and destroys the node with this MAC, if there is one.
     void remove(const uint8_t* mac) RTLS_REQUIRES(this);

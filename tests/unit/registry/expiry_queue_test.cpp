@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
 #include <random>
 #include <vector>
@@ -47,6 +48,67 @@ TEST(expiry_queue, knows_who_expired_first)
     queue.remove(nodes[1]);
     EXPECT_EQ(queue.longest_expired(), &nodes[0]);
     EXPECT_EQ(nodes[0].lifetime, 0);
+}
+
+TEST(expiry_queue, tells_each_node_that_expires_once_and_in_order)
+{
+    stored_node nodes[4]{};
+    expiry_queue queue;
+    EXPECT_EQ(queue.next_newly_expired(), nullptr);
+    for (auto& node : nodes)
+        queue.add(node);
+    queue.pass_over_expired();
+    EXPECT_EQ(queue.next_newly_expired(), nullptr);
+    queue.set_lifetime(nodes[2], 1);
+    queue.set_lifetime(nodes[1], 1);
+    queue.set_lifetime(nodes[3], 1);
+    queue.tick();
+    EXPECT_EQ(queue.longest_expired(), &nodes[0]) << "it has been for longest, told or not";
+    EXPECT_EQ(queue.next_newly_expired(), &nodes[2]);
+    queue.set_lifetime(nodes[1], 1); // renewed before its turn
+    EXPECT_EQ(queue.next_newly_expired(), &nodes[3]);
+    EXPECT_EQ(queue.next_newly_expired(), nullptr);
+    queue.tick();
+    EXPECT_EQ(queue.next_newly_expired(), &nodes[1]);
+    queue.set_lifetime(nodes[3], 1);
+    queue.tick();
+    EXPECT_EQ(queue.next_newly_expired(), &nodes[3]) << "once more";
+    queue.remove(nodes[0]);
+    queue.remove(nodes[2]);
+    EXPECT_EQ(queue.longest_expired(), &nodes[1]);
+    EXPECT_EQ(queue.next_newly_expired(), nullptr);
+}
+
+TEST(expiry_queue, tells_no_node_that_was_moved_too_early)
+{
+    stored_node node{};
+    expiry_queue queue;
+    queue.add(node);
+    queue.set_lifetime(node, 3000); // longer than the slots reach
+    for (int i = 0; i < 2999; ++i) {
+        queue.tick();
+        ASSERT_EQ(queue.next_newly_expired(), nullptr) << i;
+    }
+    queue.tick();
+    EXPECT_EQ(queue.next_newly_expired(), &node);
+}
+
+TEST_F(expiry_queue_test, as_many_as_there_is_room_for_are_taken_in_a_turn)
+{
+    for (uint64_t i = 1; i <= 5; ++i)
+        set_lifetime(create(mac_of(i)), 1);
+    container().pass_over_expired();
+    age(1);
+    std::array<mac_array, 3> room{};
+    EXPECT_EQ(container().take_expired(room), 3U);
+    EXPECT_EQ(room, (std::array{mac_of(1), mac_of(2), mac_of(3)}));
+    EXPECT_EQ(container().take_expired(room), 2U);
+    EXPECT_EQ(room[1], mac_of(5));
+    EXPECT_EQ(container().take_expired(room), 0U);
+    set_lifetime(find(mac_of(1)), 1);
+    age(1);
+    container().pass_over_expired();
+    EXPECT_EQ(container().take_expired(room), 0U);
 }
 
 TEST_F(expiry_queue_test, ageing_stops_at_0_and_removes_nothing)
