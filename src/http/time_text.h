@@ -1,4 +1,8 @@
-// time_text - a time of the wall clock as it stands in JSON: "2026-11-22T01:08:26.123Z". Pure.
+// time_text - a time of the wall clock as it stands in JSON: "2026-11-22T01:08:26.123Z".
+//
+// Ownership  Values.
+// Threads    Any: pure.
+// Failures   std::bad_alloc.
 #pragma once
 
 #include <cstdint>
