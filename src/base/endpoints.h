@@ -17,4 +17,12 @@ inline constexpr char request_channel_endpoint[] = "inproc://winserw_channel";
 // A connection's events: PAIR, bound by libzmq for the watch (net/link_watch) that the address is of.
 inline constexpr char link_events_endpoint[] = "inproc://link-%p";
 
+// Who may connect to an encrypted tap: REP, bound by the tap's guard (tap/tap_guard); the library asks. The name is the
+// library's (RFC 27/ZAP).
+inline constexpr char admission_endpoint[] = "inproc://zeromq.zap.01";
+
+// Whether anybody still takes a topic: XPUB, bound by the tap (tap/tap_socket); its own XSUB asks. Within the tap's own
+// context of the library, like the one before.
+inline constexpr char tap_question_endpoint[] = "inproc://tap-question";
+
 } // namespace rtls

@@ -36,6 +36,17 @@ public:
         if (m_is_made)
             store_bytes({data(), content.size()}, 0, content);
     }
+    // Of `memory`, which `let_go` is called for with `hint` when nobody needs it any more, on any thread: at once when
+    // it is not made. Check is_made().
+    message_part(bytes_span memory, zmq_free_fn* let_go, void* hint) noexcept
+        : m_is_made(zmq_msg_init_data(&m_message, memory.data(), memory.size(), let_go, hint) == 0)
+    {
+        if (!m_is_made)
+            let_go(memory.data(), hint);
+    }
+    // One that could not be made, for those who find out before.
+    struct not_made {};
+    explicit message_part(not_made /*reason*/) noexcept : m_is_made(false) {}
     ~message_part()
     {
         if (m_is_made)

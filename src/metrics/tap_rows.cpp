@@ -29,7 +29,7 @@ static constexpr metric_row tap_rows_table[] = {
              by_name(r, class_names, tap->overflows);
      }},
     {{"rtls_gateway_tap_lost_total",
-      "Messages that no subscriber got, as memory was short.",
+      "Messages that no subscriber got, for want of memory.",
       "",
       counter_type,
       {"class"}},
@@ -45,6 +45,15 @@ static constexpr metric_row tap_rows_table[] = {
      [](reading& r) {
          if (const tap_counters* tap = tap_of(r))
              r.sample(number(tap->refused.value()));
+     }},
+    {{"rtls_gateway_tap_cut_total",
+      "Connections to the tap that sent more than topics within bounds, and were cut off.",
+      "",
+      counter_type,
+      {}},
+     [](reading& r) {
+         if (const tap_counters* tap = tap_of(r))
+             r.sample(number(tap->cut.value()));
      }},
     {{"rtls_gateway_tap_topics", "Topics of the tap that are subscribed to.", "", gauge, {}},
      [](reading& r) {

@@ -1,5 +1,6 @@
 #include "tap/tap_guard.h"
 
+#include "base/endpoints.h"
 #include "base/message_part.h"
 
 #include <algorithm>
@@ -7,10 +8,9 @@
 
 namespace rtls {
 
-static constexpr char channel[] = "inproc://zeromq.zap.01"; // the library's name for it
 static constexpr int most_at_once = 100;
 
-// The parts of a question; those that are not named here do not count.
+// The parts of a question. All of them must be there; what stands in those without a name makes no difference.
 static constexpr size_t version_part = 0;
 static constexpr size_t id_part = 1;
 static constexpr size_t mechanism_part = 5;
@@ -20,11 +20,13 @@ static constexpr size_t parts = 7;
 static constexpr std::string_view zap_version = "1.0";
 static constexpr std::string_view curve_mechanism = "CURVE";
 
-bool tap_guard::open(const key& admitted)
+bool tap_guard::open(void* context, const key& admitted)
 {
     m_admitted = admitted;
-    m_sock.reset(zsock_new(ZMQ_REP));
-    return m_sock && zmq_bind(zsock_resolve(m_sock.get()), channel) == 0;
+    m_sock.reset(zmq_socket(context, ZMQ_REP));
+    const int linger_ms = 0;
+    return m_sock && zmq_setsockopt(m_sock.get(), ZMQ_LINGER, &linger_ms, sizeof linger_ms) == 0 &&
+           zmq_bind(m_sock.get(), admission_endpoint) == 0;
 }
 
 namespace {
@@ -36,7 +38,7 @@ struct question {
 
 } // namespace
 
-// False when there is none.
+// The question with all its parts, however many there are. False when nothing has been asked.
 static bool receive(void* socket, question& asked) noexcept
 {
     size_t number = 0;
@@ -66,7 +68,7 @@ static bool send_text(void* socket, std::string_view text, bool more = true) noe
 // False when nothing has been asked.
 bool tap_guard::answer_next(bool& is_refused) noexcept
 {
-    void* const socket = zsock_resolve(m_sock.get());
+    void* const socket = m_sock.get();
     question asked;
     if (!receive(socket, asked))
         return false;

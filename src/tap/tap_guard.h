@@ -1,7 +1,7 @@
 // tap_guard - who may connect to an encrypted tap: who has the secret key of one certificate.
 //
-// The library asks by a channel within the process (RFC 27/ZAP) for each connection to a socket that serves CURVE, of
-// which the tap is the only one. Without an answer nobody is let in.
+// The library asks by a channel within the tap's context (RFC 27/ZAP) for each connection to a socket of that context
+// that serves CURVE, of which the tap is the only one. Who connects is let in when he has been answered for, not before.
 // Ownership  Owns its end of the channel.
 // Threads    WIN server thread.
 // Blocking   Nothing waits: who connects waits for the next answer().
@@ -9,9 +9,7 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "base/czmq_ptr.h"
-
-#include <czmq.h>
+#include "tap/tap_context.h"
 
 #include <array>
 #include <cstddef>
@@ -24,8 +22,8 @@ public:
     static constexpr size_t key_size = 32;
     using key = std::array<uint8_t, key_size>;
 
-    // Before the tap is bound. `admitted`: the certificate's public key.
-    bool open(const key& admitted);
+    // In the tap's context, before the tap is bound. `admitted`: the public key of the one certificate.
+    bool open(void* context, const key& admitted);
     void close() noexcept { m_sock.reset(); }
 
     // Answers what the library has asked meanwhile; how many have been refused.
@@ -34,7 +32,7 @@ public:
 private:
     bool answer_next(bool& is_refused) noexcept;
 
-    zsock_ptr m_sock;
+    zmq_socket_ptr m_sock;
     key m_admitted{};
 };
 

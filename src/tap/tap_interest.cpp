@@ -28,24 +28,27 @@ try {
     count(topic, 1);
 }
 
-void tap_interest::end(std::string_view topic)
+tap_note tap_interest::end(std::string_view topic, bool is_from_peer) noexcept
 {
     const auto found = m_topics.find(topic);
-    if (found == m_topics.end())
-        return;
-    m_topics.erase(found);
-    count(topic, -1);
+    if (is_from_peer)
+        return found == m_topics.end() ? tap_note::foul : tap_note::doubtful_end;
+    if (found != m_topics.end()) {
+        m_topics.erase(found);
+        count(topic, -1);
+    }
+    return tap_note::fine;
 }
 
-void tap_interest::note(std::span<const uint8_t> message) noexcept
+tap_note tap_interest::note(std::span<const uint8_t> message, bool is_from_peer) noexcept
 {
-    if (message.empty())
-        return;
+    if (message.empty() || message[0] > 1)
+        return tap_note::foul;
     const std::string_view topic{reinterpret_cast<const char*>(message.data()) + 1, message.size() - 1};
-    if (message[0] == 1)
-        begin(topic);
-    else if (message[0] == 0)
-        end(topic);
+    if (message[0] == 0)
+        return end(topic, is_from_peer);
+    begin(topic);
+    return topic.size() <= longest_topic && m_topics.size() <= most_topics ? tap_note::fine : tap_note::foul;
 }
 
 void tap_interest::clear() noexcept

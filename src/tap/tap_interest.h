@@ -1,8 +1,12 @@
 // tap_interest - what the tap's subscribers take, by class: what nobody takes is not composed.
 //
 // The library tells the first subscription to a topic and the end of the last one, so that each stands here once.
-// The end of one that was never begun, which only a peer without the library sends, changes nothing unless somebody
-// else has subscribed to the very same topic.
+// It tells of an end, too, when a peer ends what it never began, which only one without the library does: whether
+// others have that very topic does not show. So what a peer ends is in doubt until the library itself says that it is
+// over. That it does when a connection with the last subscription has ended, and when it is asked (tap/tap_socket).
+//
+// Nobody honest takes topics that are longer than any of ours, or thousands of them. They are noted all the same, for
+// as long as the library has them: somebody else who takes one is not told once more.
 // Ownership  Copies of the topics.
 // Threads    None of its own: the WIN server's thread.
 // Blocking   Nothing waits.
@@ -21,11 +25,21 @@
 
 namespace rtls {
 
+// What a message of a subscriber's is.
+enum class tap_note : uint8_t {
+    fine,
+    doubtful_end, // somebody has ended his subscription to a topic, which is still taken as far as is known here
+    foul,         // a topic too long, one too many, the end of what nobody has, or no subscription at all
+};
+
 class tap_interest {
 public:
-    // A message of the library's: 1 and a topic that is subscribed to from now on, or 0 and one that is no longer.
-    // Others, which any peer may send, are left out.
-    void note(std::span<const uint8_t> message) noexcept;
+    static constexpr size_t longest_topic = 64;
+    static constexpr size_t most_topics = 4096; // of all subscribers together
+
+    // A message of the library's: 1 and a topic that is subscribed to from now on, or 0 and one that is no longer; or
+    // whatever else a peer has sent. `is_from_peer`: whether one has caused it, or the library says it by itself.
+    tap_note note(std::span<const uint8_t> message, bool is_from_peer) noexcept;
     // Nobody has subscribed.
     void clear() noexcept;
 
@@ -41,7 +55,7 @@ private:
         return static_cast<uint8_t>(1U << static_cast<unsigned>(of));
     }
     void begin(std::string_view topic);
-    void end(std::string_view topic);
+    tap_note end(std::string_view topic, bool is_from_peer) noexcept;
     void count(std::string_view topic, int change) noexcept;
 
     std::set<std::string, std::less<>> m_topics;

@@ -1,5 +1,6 @@
 #include "tap/tap_socket.h"
 
+#include "base/endpoints.h"
 #include "base/logger.h"
 #include "base/message_part.h"
 
@@ -13,12 +14,16 @@ namespace rtls {
 
 // Of each subscriber, in messages: two seconds of 5,000 reports a second, and 5 MiB of them.
 static constexpr int queue_length = 10'000;
-// What a subscriber may send: topics.
-static constexpr int64_t longest_topic = 4096;
+// What the library reads of one ahead of us. More waits in his connection.
+static constexpr int topics_ahead = 100;
+// A frame of a subscriber's, with all that the protocol puts around a topic, or that a handshake consists of. Who sends
+// a longer one is cut off by the library, which takes in no byte of it.
+static constexpr int64_t longest_frame = 128;
+static constexpr int64_t longest_encrypted_frame = 512;
 // How long the last messages may take to leave: the stop is among them.
 static constexpr int linger_ms = 200;
 // Taken notice of in one look. Who sends more has the others wait for the next one.
-static constexpr int most_in_a_look = 1000;
+static constexpr int most_in_a_look = 10'000;
 
 static constexpr char key[] = "tap/address";
 
@@ -43,14 +48,19 @@ static bool set(void* socket, int option, int value)
     return zmq_setsockopt(socket, option, &value, sizeof value) == 0;
 }
 
+static bool limit_frames(void* socket, int64_t longest)
+{
+    return zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &longest, sizeof longest) == 0;
+}
+
 static bool prepare(void* socket)
 {
     // A full queue is told, so that it can be counted; and what it does not take goes to the others all the same.
     return set(socket, ZMQ_XPUB_NODROP, 1) && set(socket, ZMQ_SNDHWM, queue_length) &&
-           set(socket, ZMQ_LINGER, linger_ms) && set(socket, ZMQ_TCP_KEEPALIVE, 1) &&
-           set(socket, ZMQ_TCP_KEEPALIVE_IDLE, 30) && set(socket, ZMQ_TCP_KEEPALIVE_INTVL, 10) &&
-           set(socket, ZMQ_TCP_KEEPALIVE_CNT, 3) &&
-           zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &longest_topic, sizeof longest_topic) == 0;
+           set(socket, ZMQ_RCVHWM, topics_ahead) && set(socket, ZMQ_LINGER, linger_ms) &&
+           set(socket, ZMQ_TCP_KEEPALIVE, 1) && set(socket, ZMQ_TCP_KEEPALIVE_IDLE, 30) &&
+           set(socket, ZMQ_TCP_KEEPALIVE_INTVL, 10) && set(socket, ZMQ_TCP_KEEPALIVE_CNT, 3) &&
+           limit_frames(socket, longest_frame);
 }
 
 static uint64_t now_ns() noexcept
@@ -65,17 +75,39 @@ bool tap_socket::protect(const curve_certificates& certificates) noexcept
 {
     if (!certificates.closes_tap())
         return true;
-    return m_guard.open(certificates.tap_subscribers()) && certificates.serve(m_socket);
+    return m_guard.open(m_context.get(), certificates.tap_subscribers()) &&
+           certificates.serve(m_socket.get()) && limit_frames(m_socket.get(), longest_encrypted_frame);
+}
+
+// To the subscribers' endpoint, and to our own.
+bool tap_socket::bind() noexcept
+{
+    std::array<char, 256> bound{};
+    size_t size = bound.size();
+    if (zmq_bind(m_socket.get(), m_endpoint.c_str()) != 0 ||
+        zmq_getsockopt(m_socket.get(), ZMQ_LAST_ENDPOINT, bound.data(), &size) != 0)
+        return false;
+    m_place.set(bound.data());
+    return zmq_bind(m_socket.get(), tap_question_endpoint) == 0 &&
+           zmq_connect(m_asker.get(), tap_question_endpoint) == 0;
+}
+
+bool tap_socket::open_sockets(const curve_certificates& certificates) noexcept
+{
+    m_context.reset(zmq_ctx_new());
+    if (!m_context)
+        return false;
+    m_socket.reset(zmq_socket(m_context.get(), ZMQ_XPUB));
+    m_asker.reset(zmq_socket(m_context.get(), ZMQ_XSUB));
+    // A question is two messages: none of them may be dropped for a full queue.
+    return m_socket && m_asker && prepare(m_socket.get()) && set(m_asker.get(), ZMQ_LINGER, 0) &&
+           set(m_asker.get(), ZMQ_SNDHWM, 0) && protect(certificates) && bind();
 }
 
 bool tap_socket::open(const curve_certificates& certificates)
 {
     m_opened_at_ns = now_ns();
-    m_sock.reset(zsock_new(ZMQ_XPUB));
-    if (!m_sock)
-        return false;
-    m_socket = zsock_resolve(m_sock.get());
-    if (prepare(m_socket) && protect(certificates) && zmq_bind(m_socket, m_endpoint.c_str()) == 0)
+    if (open_sockets(certificates))
         return true;
     const int error = errno;
     close();
@@ -86,22 +118,66 @@ bool tap_socket::open(const curve_certificates& certificates)
 void tap_socket::close() noexcept
 {
     m_interest.clear();
-    m_socket = nullptr;
-    m_sock.reset();
+    m_asker.reset();
+    m_socket.reset();
     m_guard.close();
+    m_context.reset();
     m_counts.topics.set(0);
+}
+
+void tap_socket::answer_newcomers() noexcept
+{
+    const uint64_t refused = m_guard.answer();
+    if (refused == 0)
+        return;
+    m_counts.refused.add(refused);
+    if (m_refusals.begins(zclock_mono()))
+        logger_warning(g_logger, "tap: somebody with another key than the subscribers' is refused");
+}
+
+// We subscribe to the topic of this message, and end it: if nobody else has it, the library tells both, and by
+// itself; and nothing if somebody has.
+void tap_socket::ask_whether_taken(message_part& message) noexcept
+{
+    for (const uint8_t word : {uint8_t{1}, uint8_t{0}}) {
+        message.data()[0] = word;
+        send_copy(m_asker.get(), message.bytes());
+    }
+}
+
+void tap_socket::cut_off(int fd) noexcept
+{
+    if (!m_place.cut(fd))
+        return;
+    m_counts.cut.add();
+    if (m_cuts.begins(zclock_mono()))
+        logger_warning(g_logger, "tap: a subscriber that sends more than topics within bounds is cut off");
+}
+
+void tap_socket::heed(message_part& message) noexcept
+{
+    const int fd = message.source_fd(); // none: it is the library's own word
+    switch (m_interest.note(message.bytes(), fd >= 0)) {
+    case tap_note::fine:
+        return;
+    case tap_note::doubtful_end:
+        return ask_whether_taken(message);
+    case tap_note::foul:
+        return cut_off(fd);
+    }
 }
 
 void tap_socket::look() noexcept
 {
-    if (const uint64_t refused = m_guard.answer()) {
-        m_counts.refused.add(refused);
-        if (m_refusals.begins(zclock_mono()))
-            logger_warning(g_logger, "tap: somebody with another key than the subscribers' is refused");
-    }
+    answer_newcomers();
     message_part message;
-    for (int i = 0; i < most_in_a_look && message.receive(m_socket); ++i)
-        m_interest.note(message.bytes());
+    for (int i = 0; i < most_in_a_look; ++i) {
+        if (!message.receive(m_socket.get())) {
+            m_place.all_is_read();
+            break;
+        }
+        heed(message);
+    }
     m_counts.topics.set(m_interest.size());
 }
 
@@ -110,28 +186,29 @@ void tap_socket::begin_read(uint32_t connection) noexcept
     m_read = {connection, now_ns()};
 }
 
-// What subscribers have read is noticed now and then only; asking for events has it noticed.
-bool tap_socket::has_room_now() noexcept
+// The library sees only now and then that subscribers have read, and there is room in their queues again; asking it
+// for events has it look. False when it cannot.
+bool tap_socket::notice_what_was_read() noexcept
 {
     int events = 0;
     size_t size = sizeof events;
-    return zmq_getsockopt(m_socket, ZMQ_EVENTS, &events, &size) == 0;
+    return zmq_getsockopt(m_socket.get(), ZMQ_EVENTS, &events, &size) == 0;
 }
 
 // The queue of one that takes it is full: it is dropped there, and goes to the others. Until that subscriber has read
 // half of what waits for it, the library offers it nothing, and does not refuse a message because of it any more.
 bool tap_socket::send_topic(tap_class of, bytes_view topic) noexcept
 {
-    if (send_copy(m_socket, topic, true))
+    if (send_copy(m_socket.get(), topic, true))
         return true;
     if (errno != EAGAIN)
         return false;
-    if (has_room_now() && send_copy(m_socket, topic, true))
+    if (notice_what_was_read() && send_copy(m_socket.get(), topic, true))
         return true;
     m_counts.overflows[of].add();
-    set(m_socket, ZMQ_XPUB_NODROP, 0);
-    const bool is_sent = send_copy(m_socket, topic, true);
-    set(m_socket, ZMQ_XPUB_NODROP, 1);
+    set(m_socket.get(), ZMQ_XPUB_NODROP, 0);
+    const bool is_sent = send_copy(m_socket.get(), topic, true);
+    set(m_socket.get(), ZMQ_XPUB_NODROP, 1);
     return is_sent;
 }
 
@@ -156,16 +233,16 @@ void tap_socket::send(const subject& what, const tap_topic& topic, const bytes_v
                       bytes_view payload) noexcept
 {
     const uint64_t number = ++m_numbers[static_cast<size_t>(what.of)];
-    message_part last{payload};
+    message_part last = m_payloads.copy(payload);
     if (!last.is_made() || !send_topic(what.of, topic.bytes()))
         return m_counts.lost[what.of].add();
     std::array<uint8_t, tap_head::size> head; // not cleared: write_head writes all of it
     static_assert(head.size() <= inline_part_size);
     write_head(head, what, number);
-    send_copy(m_socket, head, true);
+    send_copy(m_socket.get(), head, true);
     if (before)
-        send_copy(m_socket, *before, true);
-    last.send(m_socket);
+        send_copy(m_socket.get(), *before, true);
+    last.send(m_socket.get());
     m_counts.published[what.of].add();
 }
 

@@ -2,7 +2,8 @@
 // connections, events. For whoever wants to see or keep traffic without standing in a server's place (docs/tap.md).
 //
 // Without its key "tap/address" there is no socket, and takes() is false. With it, takes() is what one asks before
-// anything is composed:
+// anything is composed. It goes by the class: who subscribes to the reports of one node has those of all nodes
+// composed, and the library picks his.
 //
 //     if (server.tap.takes(tap_class::command))
 //         server.tap.publish({tap_class::command, tap_direction::down}, tap_topic{tap_class::command}, text);
@@ -10,22 +11,27 @@
 // A subscriber that does not read has a queue of its own, of which the library drops what comes when it is full.
 // Nobody else misses anything by that. The library tells only which message was the first to be dropped for somebody:
 // these are counted. How many have followed, until he had read half of his queue, he sees by the running numbers.
-// Ownership  Owns its socket.
+//
+// A subscriber may send nothing but topics, in bounds: what he asks for stays in the daemon's memory. Who asks for more
+// is cut off.
+// Ownership  Owns its sockets, and their context.
 // Threads    WIN server thread, between open() and close(); the counters are read by any.
-// Blocking   Nothing waits.
+// Blocking   Nothing waits, but close() for the last messages: 0.2 s.
 // Failures   A socket that cannot be opened is false, with errno. A message that cannot be composed or sent is
 //            counted as lost, and its number is missing. Nothing throws but read().
 #pragma once
 
 #include "base/bytes.h"
 #include "base/counter.h"
-#include "base/czmq_ptr.h"
 #include "base/rate_bound.h"
 #include "net/curve.h"
+#include "tap/tap_context.h"
 #include "tap/tap_event.h"
 #include "tap/tap_format.h"
 #include "tap/tap_guard.h"
 #include "tap/tap_interest.h"
+#include "tap/tap_payloads.h"
+#include "tap/tap_place.h"
 
 #include <czmq.h>
 
@@ -44,10 +50,12 @@ struct tap_origin {
 struct tap_counters {
     counters<tap_class> published;
     counters<tap_class>
-        overflows;            // messages of which the queue of a subscriber was full; the others had them
-    counters<tap_class> lost; // messages that nobody had, as memory was short
-    level topics;             // subscribed to
-    counter refused;          // connections, with another key than the subscribers'
+        overflows; // messages of which the queue of a subscriber was full; the others had them
+    counters<tap_class>
+        lost;        // messages that nobody had, as memory was short, or large ones held too much of it
+    level topics;    // subscribed to
+    counter refused; // connections, with another key than the subscribers'
+    counter cut;     // connections by which more came than topics within bounds
 };
 
 class tap_socket {
@@ -93,15 +101,25 @@ public:
 private:
     void send(const subject& what, const tap_topic& topic, const bytes_view* before,
               bytes_view payload) noexcept;
+    bool open_sockets(const curve_certificates& certificates) noexcept;
     bool protect(const curve_certificates& certificates) noexcept;
+    bool bind() noexcept;
     bool send_topic(tap_class of, bytes_view topic) noexcept;
-    bool has_room_now() noexcept;
+    bool notice_what_was_read() noexcept;
+    void answer_newcomers() noexcept;
+    void heed(message_part& message) noexcept;
+    void ask_whether_taken(message_part& message) noexcept;
+    void cut_off(int fd) noexcept;
 
     std::string m_endpoint;
-    zsock_ptr m_sock;
+    tap_payloads m_payloads;
+    zmq_context_ptr m_context;
+    zmq_socket_ptr m_socket; // XPUB
+    zmq_socket_ptr m_asker;  // XSUB, by which we subscribe ourselves for a moment
     tap_guard m_guard;
+    tap_place m_place;
     refusal_episode m_refusals;
-    void* m_socket = nullptr; // libzmq's handle of it
+    refusal_episode m_cuts;
     uint64_t m_opened_at_ns = 0;
     tap_interest m_interest;
     tap_origin m_read;

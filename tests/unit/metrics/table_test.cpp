@@ -446,6 +446,7 @@ void add_tap(std::vector<wiring>& all, tap_counters& counts)
     add_kinds(all, counts.overflows, "tap_overflows_total", classes);
     add_kinds(all, counts.lost, "tap_lost_total", classes);
     add_one(all, counts.refused, "tap_refused_total");
+    add_one(all, counts.cut, "tap_cut_total");
     all.push_back({[&counts] { counts.topics.set(2); }, {"rtls_gateway_tap_topics"}});
 }
 

@@ -11,12 +11,15 @@ namespace {
 
 class interest : public testing::Test {
 protected:
-    void note(const std::string& message)
+    tap_note note(const std::string& message, bool is_from_peer = true)
     {
-        m_interest.note({reinterpret_cast<const uint8_t*>(message.data()), message.size()});
+        return m_interest.note({reinterpret_cast<const uint8_t*>(message.data()), message.size()},
+                               is_from_peer);
     }
-    void begin(const std::string& topic) { note('\1' + topic); }
-    void end(const std::string& topic) { note('\0' + topic); }
+    void begin(const std::string& topic) { EXPECT_EQ(note('\1' + topic), tap_note::fine); }
+    // The library's own word, and a peer's.
+    void end(const std::string& topic) { EXPECT_EQ(note('\0' + topic, false), tap_note::fine); }
+    tap_note asked_to_end(const std::string& topic) { return note('\0' + topic); }
 
     // "report link/in": the classes that somebody takes, by the beginnings of their topics.
     std::string taken() const
@@ -98,13 +101,53 @@ TEST_F(interest, the_end_of_what_was_never_begun_ends_nothing)
     EXPECT_EQ(taken(), "report/");
 }
 
-TEST_F(interest, what_is_no_subscription_is_left_out)
+TEST_F(interest, what_is_no_subscription_is_foul)
 {
-    for (const char* message : {"", "\2report/", "report/", "hello"})
-        note(message);
+    for (const char* message : {"", "\2report/", "report/", "hello", "\xFF"})
+        EXPECT_EQ(note(message), tap_note::foul) << message;
     EXPECT_EQ(taken(), "");
-    m_interest.note({});
     EXPECT_EQ(m_interest.size(), 0U);
+}
+
+TEST_F(interest, what_a_peer_ends_is_taken_until_the_library_says_that_it_is_over)
+{
+    begin("event");
+    EXPECT_EQ(asked_to_end("event"), tap_note::doubtful_end);
+    EXPECT_EQ(taken(), "event");
+    EXPECT_EQ(asked_to_end("report/"), tap_note::foul) << "nobody has it";
+    end("event");
+    EXPECT_EQ(taken(), "");
+    EXPECT_EQ(asked_to_end("event"), tap_note::foul);
+}
+
+TEST_F(interest, a_topic_that_is_too_long_is_foul_but_taken)
+{
+    const std::string longest = "report/" + std::string(tap_interest::longest_topic - 7, '0');
+    EXPECT_EQ(note('\1' + longest), tap_note::fine);
+    EXPECT_EQ(note('\1' + longest + '0'), tap_note::foul);
+    end(longest);
+    EXPECT_EQ(taken(), "report/") << "as long as the library has it";
+    end(longest + '0');
+    EXPECT_EQ(taken(), "");
+}
+
+TEST_F(interest, one_topic_too_many_is_foul_but_taken)
+{
+    for (size_t i = 0; i < tap_interest::most_topics; ++i)
+        begin(std::to_string(i));
+    EXPECT_EQ(taken(), "");
+    EXPECT_EQ(note("\1"
+                   "event"),
+              tap_note::foul);
+    EXPECT_EQ(taken(), "event");
+    end("0");
+    EXPECT_EQ(note("\1"
+                   "event"),
+              tap_note::fine)
+        << "known";
+    EXPECT_EQ(note("\1"
+                   "more"),
+              tap_note::foul);
 }
 
 TEST_F(interest, nothing_is_left_of_it_when_it_is_cleared)

@@ -1,6 +1,7 @@
 #include "tap/tap_socket.h"
 
 #include "base/message_part.h"
+#include "base/unique_fd.h"
 #include "support/hex_bytes.h"
 #include "support/log_capture.h"
 #include "support/temp_file.h"
@@ -8,6 +9,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cerrno>
 #include <cstring>
@@ -255,6 +259,144 @@ TEST_F(opened_tap, a_subscriber_who_sends_more_than_a_topic_is_cut_off)
     EXPECT_TRUE(repeat_until(has(0), look));
 }
 
+namespace {
+
+// Speaks as it likes.
+class raw_subscriber {
+public:
+    explicit raw_subscriber(const std::string& endpoint)
+    {
+        zsock_set_sndhwm(m_sock.get(), 0);
+        zsock_connect(m_sock.get(), "%s", endpoint.c_str());
+    }
+    void send(const std::string& message)
+    {
+        EXPECT_TRUE(send_copy(zsock_resolve(m_sock.get()),
+                              {reinterpret_cast<const uint8_t*>(message.data()), message.size()}, false,
+                              true));
+    }
+    void begin(const std::string& topic) { send('\1' + topic); }
+
+protected:
+    // The library leaves out the end of what this very socket never began, unless it has.
+    zsock_ptr m_sock{zsock_new(ZMQ_XSUB)};
+};
+
+// As the one above, but nothing knows what it has subscribed to: it speaks the protocol itself, over a local socket.
+class bare_subscriber {
+public:
+    explicit bare_subscriber(const std::string& path)
+    {
+        sockaddr_un place{};
+        place.sun_family = AF_UNIX;
+        path.copy(place.sun_path, sizeof place.sun_path - 1);
+        EXPECT_EQ(connect(m_fd.get(), reinterpret_cast<sockaddr*>(&place), sizeof place), 0);
+        // ZMTP 3.0: signature, version, NULL, no server; READY, of a SUB.
+        write(hex("FF 00 00 00 00 00 00 00 01 7F 03 00 4E 55 4C 4C") + bytes_t(48, 0));
+        write(hex("04 19 05 52 45 41 44 59") +
+              hex("0B 53 6F 63 6B 65 74 2D 54 79 70 65 00 00 00 03 53 55 42"));
+        // Its own READY is the last of its handshake: what comes sooner is no message to it.
+        std::string heard;
+        for (char byte = 0; !heard.ends_with("XPUB") && recv(m_fd.get(), &byte, 1, 0) == 1;)
+            heard += byte;
+    }
+    void send(const std::string& message)
+    {
+        const auto size = static_cast<uint8_t>(message.size());
+        write(bytes_t{0, size} + bytes_t(message.begin(), message.end()));
+    }
+
+private:
+    void write(const bytes_t& bytes)
+    {
+        EXPECT_EQ(::send(m_fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
+    }
+    unique_fd m_fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+};
+
+} // namespace
+
+TEST_F(opened_tap, who_ends_what_others_have_silences_nobody)
+{
+    const zsock_ptr good = subscriber("event");
+    const log_capture log;
+    bare_subscriber bad{m_place.path()};
+    bad.send(std::string("\0event", 6));
+    bad.send("\1report/");
+    ASSERT_TRUE(repeat_until([&] { return m_tap.takes(tap_class::report); }, [&] { m_tap.look(); }));
+    EXPECT_TRUE(m_tap.takes(tap_class::event));
+    m_tap.publish(tap_event{"stopped"});
+    EXPECT_EQ(next_number(good), 1U);
+}
+
+TEST_F(opened_tap, who_ends_his_own_has_ended_it)
+{
+    const zsock_ptr one = subscriber("event");
+    const zsock_ptr two = subscriber("report/");
+    zsock_set_subscribe(two.get(), "event"); // no news: the topic is taken
+    zsock_set_unsubscribe(one.get(), "event");
+    zsock_set_unsubscribe(two.get(), "report/");
+    const auto look = [&] { m_tap.look(); };
+    ASSERT_TRUE(repeat_until([&] { return !m_tap.takes(tap_class::report); }, look));
+    EXPECT_TRUE(m_tap.takes(tap_class::event));
+    zsock_set_unsubscribe(two.get(), "event");
+    EXPECT_TRUE(repeat_until([&] { return !m_tap.takes_any(); }, look));
+    EXPECT_EQ(m_tap.counts().topics.value(), 0U);
+    EXPECT_EQ(m_tap.counts().cut.value(), 0U);
+}
+
+TEST_F(opened_tap, who_sends_anything_else_is_cut_off_and_nobody_else_is)
+{
+    const std::string fouls[] = {"hello", "", "\2event", std::string("\0of nobody", 10),
+                                 '\1' + std::string(tap_interest::longest_topic + 1, 'r')};
+    log_capture log;
+    const zsock_ptr good = subscriber("event");
+    uint64_t cut = 0;
+    for (const std::string& foul : fouls) {
+        bare_subscriber bad{m_place.path()};
+        bad.send("\1command");
+        bad.send(foul);
+        ++cut;
+        EXPECT_TRUE(repeat_until([&] { return m_tap.counts().cut.value() == cut; }, [&] { m_tap.look(); }))
+            << foul;
+        EXPECT_TRUE(repeat_until([&] { return m_tap.counts().topics.value() == 1; }, [&] { m_tap.look(); }))
+            << foul;
+    }
+    m_tap.publish(tap_event{"stopped"});
+    EXPECT_EQ(next_number(good), 1U);
+    EXPECT_THAT(log.messages("main"),
+                ElementsAre("tap: a subscriber that sends more than topics within bounds is cut off"));
+}
+
+TEST_F(opened_tap, who_takes_too_many_topics_is_cut_off)
+{
+    const log_capture log;
+    raw_subscriber bad{endpoint()};
+    for (size_t i = 0; i <= tap_interest::most_topics; ++i)
+        bad.begin("report/" + std::to_string(i));
+    EXPECT_TRUE(repeat_until([&] { return m_tap.counts().cut.value() > 0; }, [&] { m_tap.look(); }));
+}
+
+TEST_F(opened_tap, what_is_large_and_waits_for_those_who_do_not_read_is_bounded)
+{
+    const zsock_ptr slow = subscriber("command", 1);
+    const bytes_t payload(size_t{256} * 1024, 1);
+    const counter& lost = m_tap.counts().lost[tap_class::command];
+    const auto publish = [&] {
+        m_tap.publish({tap_class::command, tap_direction::down}, tap_topic{tap_class::command}, payload);
+    };
+    for (size_t i = 0; i < 700 && lost.value() == 0; ++i)
+        publish();
+    EXPECT_EQ(lost.value(), 1U);
+    const uint64_t published = m_tap.counts().published[tap_class::command].value();
+    EXPECT_GE(published, tap_payloads::large_bound / payload.size());
+    EXPECT_LE(published, tap_payloads::large_bound / payload.size() + 100) << "but for what TCP holds";
+    for (uint64_t had = 0; had < published;)
+        ASSERT_EQ(next_number(slow), ++had);
+    publish();
+    EXPECT_EQ(next_number(slow), published + 2) << "there is room again, and the gap shows";
+}
+
 // --- encrypted
 
 namespace {
@@ -327,13 +469,57 @@ TEST_F(encrypted_tap, serves_who_has_the_subscribers_key)
     EXPECT_EQ(m_tap.counts().refused.value(), 0U);
 }
 
+namespace {
+
+// What becomes of the handshakes of a socket.
+class handshakes {
+public:
+    explicit handshakes(zsock_t* watched)
+    {
+        static constexpr char channel[] = "inproc://handshakes-of-the-test";
+        EXPECT_EQ(zmq_socket_monitor(zsock_resolve(watched), channel,
+                                     ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_HANDSHAKE_FAILED_AUTH),
+                  0);
+        zsock_connect(m_events.get(), "%s", channel);
+    }
+    // Takes in what has happened.
+    void look()
+    {
+        message_part event;
+        message_part endpoint;
+        while (event.receive(zsock_resolve(m_events.get())) &&
+               endpoint.receive(zsock_resolve(m_events.get()), true)) {
+            uint16_t number = 0;
+            std::memcpy(&number, event.data(), sizeof number);
+            ++(number == ZMQ_EVENT_HANDSHAKE_SUCCEEDED ? succeeded : refused);
+        }
+    }
+    int succeeded = 0;
+    int refused = 0;
+
+private:
+    zsock_ptr m_events{zsock_new(ZMQ_PAIR)};
+};
+
+} // namespace
+
+// The refusal is what the stranger gets to see; and he who has the key is served beside him.
 TEST_F(encrypted_tap, refuses_another_key_and_says_so)
 {
     const cert_ptr stranger{zcert_new()};
     const zsock_ptr sock = subscriber(stranger.get());
-    EXPECT_TRUE(look_until([&] { return m_tap.counts().refused.value() > 0; }));
+    handshakes of_stranger{sock.get()};
+    EXPECT_TRUE(look_until([&] { return of_stranger.look(), of_stranger.refused > 0; }));
+    EXPECT_GT(m_tap.counts().refused.value(), 0U);
     EXPECT_FALSE(m_tap.takes_any());
     EXPECT_TRUE(m_log.wait_for("tap: somebody with another key than the subscribers' is refused"));
+    const zsock_ptr admitted = subscriber(m_subscribers.get());
+    ASSERT_TRUE(look_until([&] { return m_tap.takes(tap_class::event); }));
+    m_tap.publish(tap_event{"stopped"});
+    EXPECT_TRUE(wait_until([&] { return (zsock_events(admitted.get()) & ZMQ_POLLIN) != 0; }));
+    of_stranger.look();
+    EXPECT_EQ(of_stranger.succeeded, 0);
+    EXPECT_EQ(zsock_events(sock.get()) & ZMQ_POLLIN, 0);
 }
 
 TEST_F(encrypted_tap, does_not_speak_to_who_speaks_openly)
