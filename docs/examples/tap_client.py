@@ -1,5 +1,6 @@
 #!/usr/bin/python3
 """Prints what a gateway's tap publishes, a line each: tap_client.py ENDPOINT [TOPIC...]
+Tells what it missed of a class, which shows only if it takes all of it: "report/", not "report/0012AB0000000001".
 
     tap_client.py tcp://127.0.0.1:5559 report/ event
 """
