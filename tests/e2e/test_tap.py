@@ -5,6 +5,7 @@ import json
 import os
 import pathlib
 import re
+import socket
 import struct
 import subprocess
 import sys
@@ -146,6 +147,14 @@ def test_commands_come_as_the_proxy_publishes_them(gateway, subscribe):
     assert [m.number - messages[0].number for m in messages] == [0, 1, 2, 3]
 
 
+def test_a_command_that_is_too_long_is_not_copied(gateway, subscribe):
+    tap = subscribe(b"command")
+    longest = "0" * 256 * 1024
+    for command in (longest + "0", longest, "00"):
+        gateway.proxy.publish(command)
+    assert [m.payload[0] for m in tap.take(2)] == [longest.encode(), b"00"]
+
+
 def test_the_links_bytes_come_as_they_are_on_the_wire(gateway, subscribe, sequence):
     tap = subscribe(b"link/")
     bridge = gateway.bridge(BRIDGE)
@@ -223,6 +232,61 @@ def test_events_tell_of_bridges_and_nodes(gateway, subscribe, sequence):
                           "address": address, "cause": "peer", "head": numbers[0]}]
     bridges[1].close()
     assert events(1)[0]["connection"] == numbers[1]
+
+
+def events_until(tap: Subscriber, last: str) -> list:
+    """Their names, up to this one."""
+    names = []
+    while not names or names[-1] != last:
+        names.append(next_event(tap)[0]["event"])
+    return names
+
+
+def test_a_report_by_another_connection_moves_no_node(gateway, subscribe, sequence):
+    old, new = (gateway.bridge(wire.mac(0xB201 + i)) for i in range(2))
+    for bridge in (old, new):
+        bridge.introduce(sequence())
+    old.send_message(wire.heartbeat(wire.mac(0x7801), sequence(), bridge=old.mac, addr=wire.ip(0x7801)))
+    old.barrier()
+    tap = subscribe(b"event")
+    gateway.handler.drain()
+    for _ in range(3):
+        new.send_message(wire.sensor(sequence(), b"abc", wire.ip(0x7801)),
+                         wire.generic_server_req(sequence(), 0x7777, b"abc", wire.ip(0x7801)))
+    assert len([gateway.handler.receive() for _ in range(6)]) == 6
+    new.send_message(wire.heartbeat(wire.mac(0x7801), sequence(), bridge=new.mac, addr=wire.ip(0x7801)),
+                     wire.sensor(sequence(), b"abc", wire.ip(0x7801)))
+    new.barrier()
+    old.close()
+    assert [name for name in events_until(tap, "bridge_closed") if name != "started"] == ["node_moved", "bridge_closed"]
+    new.close()
+
+
+def expired(tap: Subscriber, last: bytes) -> list:
+    """The nodes that have, up to this one."""
+    found = []
+    while not found or found[-1] != last:
+        event = next_event(tap)[0]
+        if event["event"] == "node_expired":
+            found.append(bytes.fromhex(event["node"]))
+    return found
+
+
+def test_events_tell_of_nodes_that_expire(gateway, bridge, subscribe, sequence):
+    before, late = wire.mac(0x7901), wire.mac(0x7902)
+    bridge.send_message(wire.heartbeat(before, sequence(), bridge=BRIDGE, addr=bytes(16), reporting=0))
+    bridge.barrier()
+    tap = subscribe(b"event")
+    bridge.send_message(wire.heartbeat(late, sequence(), bridge=BRIDGE, addr=bytes(16), reporting=1))
+    assert before not in expired(tap, late), "five seconds after its heartbeat; the other was nobody's news"
+
+
+def test_thousands_of_nodes_may_expire_at_once(gateway, bridge, subscribe, sequence):
+    tap = subscribe(b"event")
+    nodes = [wire.mac(0x8000 + i) for i in range(1200)]
+    for node in nodes:
+        bridge.send_message(wire.heartbeat(node, sequence(), bridge=BRIDGE, addr=bytes(16), reporting=0))
+    assert [node for node in expired(tap, nodes[-1]) if node in nodes] == nodes, "each once, in their order"
 
 
 def test_events_tell_of_downloads(gateway, subscribe, tmp_path):
@@ -339,6 +403,68 @@ def test_who_does_not_read_loses_his_own_and_nobody_elses(gateway, bridge, subsc
     assert had == numbers[:len(had)] and 10_000 <= len(had) < reports, "up to where its queue was full, in order"
     bridge.send_message(wire.heartbeat(NODE, sequence(), bridge=BRIDGE, addr=NODE_IP))
     assert slow.receive().number == good.receive().number == numbers[-1] + 1, "the numbers show what it has missed"
+
+
+class Hostile:
+    """Speaks the protocol (ZMTP 3.0, RFC 23) by itself, and connects again when it is cut off."""
+    GREETING = b"\xff" + bytes(7) + b"\x01\x7f\x03\0NULL" + bytes(48)
+    READY = b"\x04\x19\x05READY\x0bSocket-Type\0\0\0\x03SUB"
+
+    def __init__(self, endpoint: str):
+        self.path, self.sock, self.connections = endpoint.removeprefix("ipc://"), None, 0
+
+    def connect(self):
+        self.close()
+        self.sock = socket.socket(socket.AF_UNIX)
+        self.sock.settimeout(10)
+        self.sock.connect(self.path)
+        self.connections += 1
+        self.sock.sendall(self.GREETING + self.READY)
+        heard = b""
+        while not heard.endswith(b"XPUB"):
+            heard += self.sock.recv(1) or b"XPUB"
+
+    def send(self, *messages: bytes):
+        data = b"".join(bytes([0, len(message)]) + message for message in messages)
+        while True:
+            try:
+                if not self.sock:
+                    self.connect()
+                return self.sock.sendall(data)
+            except (BrokenPipeError, ConnectionResetError):
+                self.sock = None
+
+    def close(self):
+        if self.sock:
+            self.sock.close()
+        self.sock = None
+
+
+def resident_kib(pid: int) -> int:
+    return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1])
+
+
+@pytest.mark.parametrize("kind", ["topics", "junk", "ends"])
+def test_a_hostile_subscriber_costs_no_memory_and_silences_nobody(gateway, bridge, subscribe, sequence, kind):
+    bridge.introduce(sequence())
+    good = subscribe(b"event")
+    before, cut = resident_kib(gateway.process.pid), Figures(gateway.http)["tap_cut_total", {}]
+    hostile = Hostile(gateway.tap)
+    made = {"topics": lambda i: b"\1report/" + b"%057d" % i, "junk": lambda i: b"%064d" % i,
+            "ends": lambda i: b"\0event" if i % 2 else b"\0report/" + b"%057d" % i}[kind]
+    largest = 0
+    for first in range(0, 100_000, 500):
+        hostile.send(*(made(i) for i in range(first, first + 500)))
+        largest = max(largest, resident_kib(gateway.process.pid) - before)
+    bridge.barrier()
+    wait_until(lambda: Figures(gateway.http)["tap_cut_total", {}] > cut, "the cut")
+    hostile.close()
+    wait_until(lambda: good.topics() == 1, "the end of the topics")
+    print(kind, largest, "KiB", hostile.connections, "connections")
+    assert largest < 64 * 1024
+    bridge.send_message(wire.heartbeat(wire.mac(0x9000 + ord(kind[0])), sequence(), bridge=BRIDGE, addr=bytes(16)))
+    while next_event(good)[0]["event"] != "node_new":
+        pass
 
 
 def test_the_client_of_the_documentation_prints_what_comes(gateway, bridge, sequence):
