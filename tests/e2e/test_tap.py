@@ -460,7 +460,6 @@ def test_a_hostile_subscriber_costs_no_memory_and_silences_nobody(gateway, bridg
     wait_until(lambda: Figures(gateway.http)["tap_cut_total", {}] > cut, "the cut")
     hostile.close()
     wait_until(lambda: good.topics() == 1, "the end of the topics")
-    print(kind, largest, "KiB", hostile.connections, "connections")
     assert largest < 64 * 1024
     bridge.send_message(wire.heartbeat(wire.mac(0x9000 + ord(kind[0])), sequence(), bridge=BRIDGE, addr=bytes(16)))
     while next_event(good)[0]["event"] != "node_new":
