@@ -43,6 +43,11 @@ constexpr uint32_t load_be32(bytes_view b, size_t at)
            static_cast<uint32_t>(b[at + 2]) << 8 | static_cast<uint32_t>(b[at + 3]);
 }
 
+constexpr uint64_t load_be64(bytes_view b, size_t at)
+{
+    return uint64_t{load_be32(b, at)} << 32 | load_be32(b, at + 4);
+}
+
 constexpr void store_le16(bytes_span b, size_t at, uint16_t value)
 {
     assert(at + 2 <= b.size());
@@ -64,6 +69,12 @@ constexpr void store_be32(bytes_span b, size_t at, uint32_t value)
     b[at + 1] = static_cast<uint8_t>(value >> 16);
     b[at + 2] = static_cast<uint8_t>(value >> 8);
     b[at + 3] = static_cast<uint8_t>(value);
+}
+
+constexpr void store_be64(bytes_span b, size_t at, uint64_t value)
+{
+    store_be32(b, at, static_cast<uint32_t>(value >> 32));
+    store_be32(b, at + 4, static_cast<uint32_t>(value));
 }
 
 // Copies all of `from` into `to` at offset `at`.

@@ -212,12 +212,6 @@ bool tap_socket::send_topic(tap_class of, bytes_view topic) noexcept
     return is_sent;
 }
 
-static void store_be64(bytes_span b, size_t at, uint64_t value)
-{
-    store_be32(b, at, static_cast<uint32_t>(value >> 32));
-    store_be32(b, at + 4, static_cast<uint32_t>(value));
-}
-
 static void write_head(bytes_span head, const tap_socket::subject& what, uint64_t number)
 {
     head[tap_head::version] = tap_head::present_version;

@@ -11,6 +11,7 @@ namespace rtls {
 // The verbs work at compile time, too.
 static constexpr std::array<uint8_t, 6> stream{0x00, 0x12, 0x34, 0x56, 0x78, 0xFF};
 static_assert(load_le16(stream, 1) == 0x3412 && load_be16(stream, 1) == 0x1234);
+static_assert(load_be64(std::array<uint8_t, 9>{9, 1, 2, 3, 4, 5, 6, 7, 0x88}, 1) == 0x0102030405060788);
 static_assert(load_le32(stream, 1) == 0x78563412 && load_be32(stream, 1) == 0x12345678);
 
 TEST(bytes, loads_name_their_byte_order)
@@ -37,6 +38,9 @@ TEST(bytes, stores_name_their_byte_order_and_touch_only_their_bytes)
         {"be32", [](bytes_span b) { store_be32(b, 1, 0x8001FE7F); }, {0xEE, 0x80, 0x01, 0xFE, 0x7F, 0xEE}},
         {"at the end", [](bytes_span b) { store_be16(b, 4, 0x0102); }, {0xEE, 0xEE, 0xEE, 0xEE, 0x01, 0x02}},
     };
+    bytes eight(10, 0xEE);
+    store_be64(eight, 1, 0x8001FE7F00112233);
+    EXPECT_EQ(eight, (bytes{0xEE, 0x80, 0x01, 0xFE, 0x7F, 0x00, 0x11, 0x22, 0x33, 0xEE}));
     for (const auto& c : cases) {
         bytes buffer(6, 0xEE);
         c.store(buffer);
