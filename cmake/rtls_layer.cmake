@@ -32,8 +32,26 @@ function(rtls_add_layer folder)
   target_include_directories(${layer} PUBLIC ${root})
   target_link_libraries(${layer} PUBLIC ${arg_DEPENDS} PRIVATE rtls_options ${arg_PRIVATE})
   rtls_unite(${layer})
+  rtls_links_alone(${layer})
+endfunction()
+
+# rtls_links_alone(<library>): with the tests, a program that links all of the library and nothing but what it depends
+# on.
+function(rtls_links_alone library)
   if(RTLS_TESTS AND NOT RTLS_SANITIZE) # once is enough
-    add_executable(${layer}_links_alone ${PROJECT_SOURCE_DIR}/cmake/empty_program.cpp)
-    target_link_libraries(${layer}_links_alone PRIVATE rtls_options $<LINK_LIBRARY:WHOLE_ARCHIVE,${layer}>)
+    add_executable(${library}_links_alone ${PROJECT_SOURCE_DIR}/cmake/empty_program.cpp)
+    target_link_libraries(${library}_links_alone PRIVATE rtls_options $<LINK_LIBRARY:WHOLE_ARCHIVE,${library}>)
   endif()
+endfunction()
+
+# rtls_add_headers(<library> <folder>/<header>...): these headers of src/, for those who need nothing that is compiled.
+function(rtls_add_headers library)
+  set(root ${PROJECT_BINARY_DIR}/src/headers/${library})
+  add_library(${library} INTERFACE)
+  target_include_directories(${library} INTERFACE ${root})
+  foreach(header IN LISTS ARGN)
+    cmake_path(GET header PARENT_PATH folder)
+    file(MAKE_DIRECTORY ${root}/${folder})
+    file(CREATE_LINK ${PROJECT_SOURCE_DIR}/src/${header} ${root}/${header} SYMBOLIC)
+  endforeach()
 endfunction()

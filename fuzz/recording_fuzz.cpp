@@ -1,6 +1,7 @@
 // Recordings: whatever a file is, reading it ends, and takes no more memory than it has bytes; what is read from it is
 // read again when it is written.
 #include "fuzzing.h"
+#include "memory_files.h"
 #include "recording/pcapng.h"
 
 namespace rtls::recording {
@@ -8,33 +9,6 @@ namespace rtls::recording {
 using fuzzing::require;
 
 namespace {
-
-class memory_source final : public byte_source {
-public:
-    explicit memory_source(bytes_view bytes) : m_rest(bytes) {}
-    size_t read(bytes_span room) override
-    {
-        const size_t size = std::min(room.size(), m_rest.size());
-        store_bytes(room, 0, m_rest.first(size));
-        m_rest = m_rest.subspan(size);
-        return size;
-    }
-
-private:
-    bytes_view m_rest;
-};
-
-class memory_sink final : public byte_sink {
-public:
-    void write(bytes_view bytes) override { m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end()); }
-    void flush() override {}
-    void close() override {}
-    uint64_t size() const override { return m_bytes.size(); }
-    const fuzzing::bytes_t& bytes() const { return m_bytes; }
-
-private:
-    fuzzing::bytes_t m_bytes;
-};
 
 reading read_all(bytes_view bytes, std::vector<tap_message>& messages)
 {

@@ -1,3 +1,4 @@
+#include "memory_files.h"
 #include "recording/files.h"
 #include "recording/packet.h"
 #include "recording/pcapng.h"
@@ -8,39 +9,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
 namespace rtls::recording {
 
 namespace {
 
 using bytes_t = std::vector<uint8_t>;
-
-class memory_sink final : public byte_sink {
-public:
-    void write(bytes_view bytes) override { m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end()); }
-    void flush() override {}
-    void close() override {}
-    uint64_t size() const override { return m_bytes.size(); }
-    const bytes_t& bytes() const { return m_bytes; }
-
-private:
-    bytes_t m_bytes;
-};
-
-class memory_source final : public byte_source {
-public:
-    explicit memory_source(bytes_view bytes) : m_rest(bytes) {}
-    size_t read(bytes_span room) override
-    {
-        const size_t size = std::min(room.size(), m_rest.size());
-        store_bytes(room, 0, m_rest.first(size));
-        m_rest = m_rest.subspan(size);
-        return size;
-    }
-
-private:
-    bytes_view m_rest;
-};
 
 struct outcome {
     std::vector<tap_message> messages;
@@ -163,6 +139,8 @@ TEST(tap_message, topic_tells_class_and_subject)
     EXPECT_EQ(subject_of("link/out/id-0000002A"), "id-0000002A");
     EXPECT_EQ(class_of("event"), message_class::event);
     EXPECT_EQ(subject_of("event"), "");
+    EXPECT_EQ(class_name(message_class::link_in), "link/in");
+    EXPECT_EQ(class_name(message_class::other), "other");
     EXPECT_EQ(class_of("events"), message_class::other);
     EXPECT_EQ(class_of("link/inner"), message_class::other);
     EXPECT_EQ(class_of(""), message_class::other);
@@ -282,6 +260,45 @@ TEST(files, keep_what_is_flushed_compressed_or_not)
         EXPECT_EQ(all.messages, samples);
         EXPECT_EQ(all.state, reading::end);
     }
+}
+
+TEST(files, a_damaged_frame_is_told_with_its_place)
+{
+    const temp_name name;
+    const auto sink = create_recording(name.str(), {true, false});
+    pcapng_writer writer{*sink, "a test"};
+    for (uint64_t number = 1; number <= 2000; ++number) {
+        writer.write(report(number * number * number));
+        if (number == 1000)
+            sink->flush();
+    }
+    sink->close();
+    const auto size = std::filesystem::file_size(name.str());
+    std::fstream{name.str(), std::ios::in | std::ios::out | std::ios::binary}
+        .seekp(static_cast<std::streamoff>(size - 100))
+        .write("\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", 8);
+    const auto source = open_recording(name.str());
+    try {
+        std::vector<uint8_t> room(
+            1 << 20); // the whole of it: damage may also give other bytes before it is seen
+        while (source->read(room) > 0) {
+        }
+        FAIL() << "it was read";
+    } catch (const file_error& why) {
+        const std::string text = why.what();
+        const size_t at = text.find(" behind byte ");
+        ASSERT_NE(at, std::string::npos) << text;
+        EXPECT_GT(std::stoul(text.substr(at + 13)), size / 4) << text;
+        EXPECT_LE(std::stoul(text.substr(at + 13)), size) << text;
+    }
+}
+
+TEST(files, a_replaced_one_has_nothing_of_the_old)
+{
+    const temp_name name;
+    std::ofstream{name.str()} << std::string(10'000, 'x');
+    create_recording(name.str(), {false, true})->close();
+    EXPECT_EQ(std::filesystem::file_size(name.str()), 0u);
 }
 
 TEST(files, none_is_replaced_unasked)

@@ -1,6 +1,6 @@
 #include "decode/decode.h"
 
-#include "impl/hex_bytes.h"
+#include "decode/hex_bytes.h"
 #include "impl/management.h"
 #include "impl/reading.h"
 #include "impl/writing.h"

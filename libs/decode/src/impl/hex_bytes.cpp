@@ -1,4 +1,4 @@
-#include "impl/hex_bytes.h"
+#include "decode/hex_bytes.h"
 
 #include <charconv>
 

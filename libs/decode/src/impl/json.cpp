@@ -1,6 +1,6 @@
 #include "decode/json.h"
 
-#include "impl/hex_bytes.h"
+#include "decode/hex_bytes.h"
 
 #include <nlohmann/json.hpp>
 

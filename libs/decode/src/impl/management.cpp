@@ -1,6 +1,6 @@
 #include "impl/management.h"
 
-#include "impl/hex_bytes.h"
+#include "decode/hex_bytes.h"
 #include "impl/writing.h"
 #include "wire/report_texts.h"
 

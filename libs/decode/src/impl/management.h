@@ -1,6 +1,7 @@
 // management - the lines to the proxy input, taken apart.
 //
 // Their wording is wire/report_texts': a line is right when that would write it so, to the letter.
+// Ownership  Values.
 // Threads    Any: pure functions. Nothing waits.
 // Failures   A reason; std::bad_alloc.
 #pragma once

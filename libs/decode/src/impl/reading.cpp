@@ -1,6 +1,6 @@
 #include "impl/reading.h"
 
-#include "impl/hex_bytes.h"
+#include "decode/hex_bytes.h"
 
 #include <arpa/inet.h>
 

@@ -1,5 +1,6 @@
 // reading - bytes along the table of layouts, to fields.
 //
+// Ownership  What is read is a value; nothing points into the bytes, which are the caller's.
 // Threads    Any: pure functions. Nothing waits.
 // Failures   A reason; std::bad_alloc.
 #pragma once

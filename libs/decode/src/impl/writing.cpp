@@ -1,6 +1,6 @@
 #include "impl/writing.h"
 
-#include "impl/hex_bytes.h"
+#include "decode/hex_bytes.h"
 
 #include <arpa/inet.h>
 

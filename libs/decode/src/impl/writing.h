@@ -1,5 +1,6 @@
 // writing - fields along the table of layouts, to bytes.
 //
+// Ownership  Values; the layouts are constants.
 // Threads    Any: pure functions. Nothing waits.
 // Failures   A reason; std::bad_alloc.
 #pragma once

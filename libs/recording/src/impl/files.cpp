@@ -3,6 +3,7 @@
 #include "impl/zstd_files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -76,6 +77,14 @@ public:
             fail("write", m_path);
     }
     uint64_t size() const override { return m_size; }
+    // What a file had before goes; a pipe or a device has nothing.
+    void empty()
+    {
+        struct stat is {};
+        if (::fstat(::fileno(m_file.get()), &is) != 0 ||
+            (S_ISREG(is.st_mode) && ::ftruncate(::fileno(m_file.get()), 0) != 0))
+            fail("write", m_path);
+    }
 
 private:
     file_ptr m_file;
@@ -113,11 +122,14 @@ std::unique_ptr<byte_source> open_recording(const std::string& path)
 
 std::unique_ptr<byte_sink> create_recording(const std::string& path, const sink_options& options)
 {
-    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (options.may_replace ? O_TRUNC : O_EXCL);
+    if (options.is_compressed)
+        require_compression();
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (options.may_replace ? 0 : O_EXCL);
     const int descriptor = path == "-" ? ::dup(STDOUT_FILENO) : ::open(path.c_str(), flags, 0666);
-    std::unique_ptr<byte_sink> sink =
-        std::make_unique<file_sink>(opened(descriptor, "wb", "write", path), path);
-    return options.is_compressed ? compressed(std::move(sink)) : std::move(sink);
+    auto file = std::make_unique<file_sink>(opened(descriptor, "wb", "write", path), path);
+    if (path != "-")
+        file->empty();
+    return options.is_compressed ? compressed(std::move(file)) : std::move(file);
 }
 
 } // namespace rtls::recording

@@ -2,54 +2,46 @@
 
 namespace rtls::recording {
 
-namespace head_at {
-constexpr size_t version = 0; // u8
-constexpr size_t way = 1;     // u8
-constexpr size_t reserved = 2;
-constexpr size_t connection = 4; // u32
-constexpr size_t number = 8;     // u64
-constexpr size_t clock_ns = 16;  // u64
-constexpr size_t size = 24;
-static_assert(size == tap_head_size);
-} // namespace head_at
+namespace head_at = rtls::tap_head; // what the gateway writes, as the gateway has it
 
-static constexpr uint8_t head_version = 1;
+static_assert(class_count == tap_classes + 1);
+static_assert(static_cast<size_t>(message_class::report) == static_cast<size_t>(tap_class::report) &&
+              static_cast<size_t>(message_class::management) == static_cast<size_t>(tap_class::management) &&
+              static_cast<size_t>(message_class::command) == static_cast<size_t>(tap_class::command) &&
+              static_cast<size_t>(message_class::link_in) == static_cast<size_t>(tap_class::link_in) &&
+              static_cast<size_t>(message_class::link_out) == static_cast<size_t>(tap_class::link_out) &&
+              static_cast<size_t>(message_class::event) == static_cast<size_t>(tap_class::event));
 
-static constexpr std::array<std::string_view, class_count> class_names{
-    "report", "management", "command", "link/in", "link/out", "event", "other"};
-
-static uint64_t load_be64(bytes_view b, size_t at)
-{
-    return uint64_t{load_be32(b, at)} << 32 | load_be32(b, at + 4);
-}
-
-static void store_be64(bytes_span b, size_t at, uint64_t value)
-{
-    store_be32(b, at, static_cast<uint32_t>(value >> 32));
-    store_be32(b, at + 4, static_cast<uint32_t>(value));
-}
+// What topics begin with, without the slash in front of a name.
+static constexpr std::array<std::string_view, class_count> class_names = [] {
+    std::array<std::string_view, class_count> names{};
+    for (size_t i = 0; i < tap_classes; ++i)
+        names[i] = tap_topics[i].substr(0, tap_topics[i].size() - (tap_topics[i].ends_with('/') ? 1 : 0));
+    names.back() = "other";
+    return names;
+}();
 
 std::array<uint8_t, tap_head_size> compose_head(const tap_head& head)
 {
     std::array<uint8_t, tap_head_size> bytes{};
-    bytes[head_at::version] = head_version;
-    bytes[head_at::way] = head.way;
+    bytes[head_at::version] = head_at::present_version;
+    bytes[head_at::direction] = head.way;
     store_be16(bytes, head_at::reserved, head.reserved);
     store_be32(bytes, head_at::connection, head.connection);
     store_be64(bytes, head_at::number, head.number);
-    store_be64(bytes, head_at::clock_ns, head.clock_ns);
+    store_be64(bytes, head_at::clock, head.clock_ns);
     return bytes;
 }
 
 bool parse_head(bytes_view bytes, tap_head& head)
 {
-    if (bytes.size() != tap_head_size || bytes[head_at::version] != head_version)
+    if (bytes.size() != tap_head_size || bytes[head_at::version] != head_at::present_version)
         return false;
-    head.way = bytes[head_at::way];
+    head.way = bytes[head_at::direction];
     head.reserved = load_be16(bytes, head_at::reserved);
     head.connection = load_be32(bytes, head_at::connection);
     head.number = load_be64(bytes, head_at::number);
-    head.clock_ns = load_be64(bytes, head_at::clock_ns);
+    head.clock_ns = load_be64(bytes, head_at::clock);
     return true;
 }
 

@@ -7,6 +7,11 @@ namespace rtls::recording {
 
 static constexpr char why[] = "compressed recordings are not built in (libzstd)";
 
+void require_compression()
+{
+    throw file_error(why);
+}
+
 std::unique_ptr<byte_source> decompressed(std::unique_ptr<byte_source>, const std::string&)
 {
     throw file_error(why);

@@ -1,5 +1,6 @@
 // layout_text - the table of layouts for people, as docs/decode.md has it.
 //
+// Ownership  Values.
 // Threads    Any: a pure function.
 // Failures   Of memory: std::bad_alloc.
 #pragma once

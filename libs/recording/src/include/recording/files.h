@@ -3,7 +3,7 @@
 // Ownership  The caller's, by unique_ptr. A sink that is not closed leaves what has been flushed.
 // Threads    One at a time.
 // Blocking   As files and pipes do.
-// Failures   file_error.
+// Failures   file_error. Of memory: std::bad_alloc.
 #pragma once
 
 #include "recording/pcapng.h"
@@ -27,7 +27,7 @@ struct sink_options {
     bool is_compressed = false;
     bool may_replace = false; // a file that is there
 };
-// "-" is the standard output.
+// "-" is the standard output. A file that is there is emptied when nothing can refuse the new one any more.
 std::unique_ptr<byte_sink> create_recording(const std::string& path, const sink_options& options);
 
 } // namespace rtls::recording

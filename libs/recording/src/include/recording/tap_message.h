@@ -1,6 +1,6 @@
 // tap_message - one message of a gateway's tap: its topic, the head, and the payload as it passed.
 //
-// Frame 0 is the topic, frame 1 the head of 24 bytes, the rest the payload (docs/recordings.md has the layout).
+// Frame 0 is the topic, frame 1 the head of 24 bytes, the rest the payload (tap/tap_format.h has its layout, docs/tap.md its meaning).
 // Ownership  Values: a message owns its bytes.
 // Threads    Any: pure functions.
 // Bytes      The head is in network byte order.
@@ -8,6 +8,7 @@
 #pragma once
 
 #include "base/bytes.h"
+#include "tap/tap_format.h"
 
 #include <array>
 #include <cstdint>
@@ -22,9 +23,9 @@ enum class message_class : uint8_t { report, management, command, link_in, link_
 constexpr size_t class_count = 7;
 
 namespace way {
-constexpr uint8_t up = 0; // from the network to the servers
-constexpr uint8_t down = 1;
-constexpr uint8_t neither = 2;
+constexpr auto up = static_cast<uint8_t>(tap_direction::up); // from the network to the servers
+constexpr auto down = static_cast<uint8_t>(tap_direction::down);
+constexpr auto neither = static_cast<uint8_t>(tap_direction::neither);
 } // namespace way
 
 struct tap_head {
@@ -45,7 +46,7 @@ struct tap_message {
     bool operator==(const tap_message&) const = default;
 };
 
-constexpr size_t tap_head_size = 24;
+constexpr size_t tap_head_size = rtls::tap_head::size;
 std::array<uint8_t, tap_head_size> compose_head(const tap_head& head);
 // False when the size or the version is another one; `head` is untouched then.
 bool parse_head(bytes_view bytes, tap_head& head);

@@ -1,6 +1,7 @@
 // hex_bytes - bytes as lower-case hex, the way of MACs in the gateway's own texts, and back.
 //
-// Threads    Any: pure functions.
+// Ownership  Values.
+// Threads    Any: pure functions. Nothing waits.
 // Failures   Text that is no hex is nothing; std::bad_alloc.
 #pragma once
 
