@@ -64,7 +64,8 @@ def checked(daemon, tmp_path, data: bytes, *arguments, **kw) -> tuple:
 def test_the_same_reports_come(daemon, tmp_path, arguments):
     told, _ = checked(daemon, tmp_path, made(), *arguments)
     stream = sum(len(wire.frame(heartbeat(node, seq))) for node in NODES for seq in (1, 2, 3))
-    assert told == {"connections": 2, "bytes": stream, "closed_early": 0, "reports": 9, "equal": 9, "first_difference": None}
+    assert told == {"connections": 2, "bytes": stream, "closed_early": 0, "pauses_shortened": 0,
+                    "clock_steps_back": 0, "reports": 9, "equal": 9, "first_difference": None}
 
 
 def test_the_first_difference_is_named(daemon, tmp_path):
@@ -83,6 +84,31 @@ def test_what_is_missing_and_what_is_too_much_are_named(daemon, tmp_path):
     assert f"node {NODES[2].hex()}: report 4 has not come" in err
     _, err = checked(daemon, tmp_path, made(lambda reports: reports[:-1]), "--fast", status=4)
     assert f"node {NODES[2].hex()}: report 3 has come and was not recorded" in err
+
+
+def pings(clocks, connections: int = 1) -> bytes:
+    tap, stream = Unbound(), wire.frame(wire.ping(1))
+    return taps.recording_of([tap.message("link/in/id-00000001", stream, connection=1 + at % connections, clock_ns=clock)
+                              for at, clock in enumerate(clocks)])
+
+
+def test_an_absurd_clock_is_not_followed(daemon, tmp_path):
+    file, year = tmp_path / "made.pcapng", 365 * 86400 * 10**9
+    file.write_bytes(pings([CLOCK, CLOCK + 30 * year, CLOCK, CLOCK + 10**8, 2**64 - 1]))
+    told, err = replay(file, "--to", f"127.0.0.1:{daemon.ports['win']}", "--max-pause", 0.2)
+    assert (told["pauses_shortened"], told["clock_steps_back"]) == (2, 1)
+    assert told["bytes"] == 5 * len(wire.frame(wire.ping(1)))
+    assert "2 pauses of up to " in err and "played as 0.2 s (--max-pause)" in err and "steps back 1 time" in err
+
+
+def test_descriptors_that_run_out_are_told(daemon, tmp_path):
+    file = tmp_path / "made.pcapng"
+    file.write_bytes(pings([CLOCK] * 40, connections=40))
+    done = subprocess.run(["prlimit", "--nofile=24:24", BUILD / "rtls-replay", "--fast", "--to", f"127.0.0.1:{daemon.ports['win']}",
+                           file], env=environment(), text=True, check=False, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          stdin=subprocess.DEVNULL, timeout=DEADLINE)
+    assert done.returncode == 1
+    assert "no descriptor is left for a connection beside " in done.stderr and "(ulimit -n)" in done.stderr
 
 
 def test_nobody_there_and_no_recording_have_their_statuses(tmp_path):

@@ -87,7 +87,8 @@ def test_a_recording_has_each_message_as_it_was_published(tap, tmp_path, ends):
     for message in messages:
         tap.publish(message)
     tap.publish([b"event", b"no head", b"{}"])
-    wait_until(lambda: len(taps.recorded(file.read_bytes(), is_growing=True)) == len(messages), "it to be flushed")
+    wait_until(lambda: file.exists() and len(taps.recorded(file.read_bytes(), is_growing=True)) == len(messages),
+               "it to be flushed")
     recorder.process.send_signal(ends)
     _, err = recorder.ended()
     assert taps.recorded(file.read_bytes()) == messages
@@ -150,6 +151,30 @@ def test_refusals_have_their_statuses(tap, tmp_path):
     assert there.read_text() == "mine"
 
 
+def test_what_cannot_begin_leaves_no_file_and_replaces_none(tmp_path):
+    nobody, file, there = f"tcp://127.0.0.1:{free_port()}", tmp_path / "a.pcapng", tmp_path / "there.pcapng"
+    for _ in range(2):
+        run("rtls-record", "--tap", nobody, "--timeout", 0.2, file, status=3)
+        assert not file.exists()
+    there.write_text("mine")
+    run("rtls-record", "--tap", nobody, "--timeout", 0.2, "--force", there, status=3)
+    assert there.read_text() == "mine"
+
+
+def test_after_a_restart_the_numbers_go_on(tap, tmp_path):
+    published = []
+    for _ in range(2):
+        recorder = Running("rtls-record", "--tap", tap.endpoint, "--max-size", 1000, "-n", 9, tmp_path / "r.pcapng")
+        tap.wait_subscribed()
+        published += everything(tap)
+        for message in published[-9:]:
+            tap.publish(message)
+        recorder.ended()
+    files = sorted(tmp_path.iterdir())
+    assert [file.name for file in files] == [f"r-{number:05}.pcapng" for number in range(1, len(files) + 1)]
+    assert [message for file in files for message in taps.recorded(file.read_bytes())] == published
+
+
 # --- rtls-tail
 
 def test_lines_have_what_was_published(tap):
@@ -191,6 +216,7 @@ def test_statistics_count_rates_repeats_and_ages(recording):
     assert told["bridges"][name(BRIDGE)] == {"messages": 4, "per_second": 4, "repeats": 1}
     assert told["age_ms"]["reports"] == 3 and abs(told["age_ms"]["median"] - 1.5) < 0.2
     assert set(told["missing"].values()) == {0}
+    assert told["sequences"] == {"gaps": 0, "missing": 0, "repeats": 1, "late": 0, "resets": 0}
     assert "report heartbeat" in run("rtls-tail", "--read", recording, "--stats")[0]
 
 
@@ -202,6 +228,30 @@ def test_a_cut_recording_is_shown_and_a_damaged_one_refused(recording):
     recording.write_bytes(whole[:-2] + b"xx")
     out, err = run("rtls-tail", "--read", recording, status=1)
     assert len(out.splitlines()) == 5 and "lengths of a block differ" in err
+
+
+def test_gaps_of_sequence_numbers_are_counted(tap, tmp_path):
+    def report(seq):
+        return tap.message("report/" + name(NODE), *taps.report(NODE, seq, SECONDS, 250, BRIDGE), clock_ns=CLOCK)
+
+    file = tmp_path / "sequences.pcapng"
+    file.write_bytes(taps.recording_of([report(seq) for seq in (254, 255, 0, 3, 3, 2, 5)]))
+    (told,) = lines_of("--read", file, "--stats")
+    assert told["sequences"] == {"gaps": 2, "missing": 3, "repeats": 1, "late": 1, "resets": 0}
+    assert "sequence numbers of nodes: gaps 2 missing 3 repeats 1 late 1 resets 0" in run("rtls-tail", "--read", file, "--stats")[0]
+
+
+@pytest.mark.skipif(not shutil.which("zstd"), reason="without zstd")
+def test_damage_of_a_compressed_recording_is_told_with_its_place(tap, tmp_path):
+    plain, packed = tmp_path / "plain", tmp_path / "packed.pcapng.zst"
+    plain.write_bytes(taps.recording_of([message for _ in range(3000) for message in everything(tap)]))
+    subprocess.run(["zstd", "-q", plain, "-o", packed], check=True)
+    data = bytearray(packed.read_bytes())
+    data[-40:-20] = bytes(byte ^ 0xFF for byte in data[-40:-20])
+    packed.write_bytes(data)
+    out, err = run("rtls-tail", "--read", packed, "--stats", "--json", status=1)
+    assert f"cannot decompress {packed} behind byte " in err
+    assert json.loads(out)["messages"] > 1000, "what was before is counted"
 
 
 def test_gaps_in_a_recording_have_status_4(tap, tmp_path):

@@ -1,8 +1,9 @@
 #include "command_line.h"
 
 #include "commands.h"
-#include "completion.h"
-#include "ctl_version.h"
+#include "common/completion.h"
+#include "common/output.h"
+#include "common/program.h"
 #include "report.h"
 
 #include <CLI/CLI.hpp>
@@ -205,41 +206,6 @@ static void add_stream(command_line& line)
     follow->footer(std::string{everybodys} + " Ctrl-C ends with status 0 and switches nothing off.");
 }
 
-// The values in "TEXT:{one,two}", which is how a check of membership describes itself.
-static std::vector<std::string> choices_of(const CLI::Option& option)
-{
-    const std::string type = option.get_type_name();
-    const size_t begin = type.find('{');
-    const size_t end = type.find('}', begin);
-    if (begin == std::string::npos || end == std::string::npos)
-        return {};
-    return CLI::detail::split(type.substr(begin + 1, end - begin - 1), ',');
-}
-
-static described_option described(const CLI::Option& option)
-{
-    described_option it;
-    for (const std::string& name : option.get_snames())
-        it.names.push_back("-" + name);
-    for (const std::string& name : option.get_lnames())
-        it.names.push_back("--" + name);
-    it.meaning = option.get_description();
-    it.choices = choices_of(option);
-    it.has_value = option.get_expected_max() > 0;
-    it.is_file = option.get_type_name().starts_with("FILE");
-    return it;
-}
-
-static described_command described(const CLI::App& app)
-{
-    described_command it{app.get_name(), app.get_description(), {}, {}};
-    for (const CLI::Option* option : app.get_options())
-        it.options.push_back(described(*option));
-    for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
-        it.commands.push_back(described(*sub));
-    return it;
-}
-
 static void add_completion(command_line& line)
 {
     CLI::App* sub = line.app.add_subcommand("completion", "Print what a shell needs to complete commands");
@@ -247,8 +213,7 @@ static void add_completion(command_line& line)
     sub->footer("  source <(rtls-ctl completion bash)\n  rtls-ctl completion zsh >~/.zfunc/_rtls-ctl");
     sub->callback([&line] {
         line.chosen = [&line] {
-            fmt::print("{}", line.shell == "bash" ? bash_completion(described(line.app))
-                                                  : zsh_completion(described(line.app)));
+            tools::print(tools::completion(tools::described(line.app), line.shell, "completion"));
             return exit_status::done;
         };
     });
@@ -267,7 +232,7 @@ static void add_everything(command_line& line)
 {
     line.app.require_subcommand(1);
     line.app.footer(footer);
-    line.app.set_version_flag("--version", std::string{"rtls-ctl "} + program_version);
+    line.app.set_version_flag("--version", fmt::format("rtls-ctl {}", tools::program_version));
     line.app.failure_message(sentence_of);
     add_whom(line);
     add_how(line);
@@ -291,7 +256,7 @@ static void settle(command_line& line)
 static exit_status run(const std::function<exit_status()>& chosen)
 try {
     const exit_status status = chosen();
-    flush_output();
+    tools::flush_output();
     return status;
 } catch (const failure& why) {
     print_failure("", why.what());
@@ -302,12 +267,8 @@ int run_command_line(const std::vector<std::string>& arguments)
 {
     command_line line;
     add_everything(line);
-    try {
-        std::vector<std::string> from_the_end{arguments.rbegin(), arguments.rend()};
-        line.app.parse(from_the_end);
-    } catch (const CLI::ParseError& why) {
-        return line.app.exit(why) == 0 ? 0 : static_cast<int>(exit_status::usage);
-    }
+    if (const auto ended = tools::parse(line.app, arguments, static_cast<int>(exit_status::usage)))
+        return *ended;
     settle(line);
     return static_cast<int>(run(line.chosen));
 }

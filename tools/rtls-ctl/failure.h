@@ -4,8 +4,7 @@
 // Threads    Any; one that is thrown on a gateway's thread is caught there, and told by the main thread.
 #pragma once
 
-#include <stdexcept>
-#include <string>
+#include "common/failure.h"
 
 namespace ctl {
 
@@ -18,14 +17,6 @@ enum class exit_status : int {
     timed_out = 4,   // it is there, but what was waited for did not come
 };
 
-// `what` is one sentence without an end, as in "no node is called 1a2b".
-class failure : public std::runtime_error {
-public:
-    failure(exit_status status, const std::string& why) : std::runtime_error(why), m_status(status) {}
-    exit_status status() const { return m_status; }
-
-private:
-    exit_status m_status;
-};
+using failure = tools::failure_with<exit_status>;
 
 } // namespace ctl

@@ -1,5 +1,7 @@
 #include "follow.h"
 
+#include "common/end_signals.h"
+#include "common/output.h"
 #include "orders.h"
 #include "report.h"
 
@@ -8,8 +10,6 @@
 
 #include <poll.h>
 #include <regex.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -116,29 +116,6 @@ private:
     regex_t m_compiled{};
 };
 
-// The signals that end it, as something to wait for.
-class end_signals {
-public:
-    end_signals()
-    {
-        sigset_t set;
-        sigemptyset(&set);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-            sigaddset(&set, signal);
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
-        m_fd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-        if (m_fd < 0)
-            throw failure(exit_status::refused, fmt::format("signalfd: {}", std::strerror(errno)));
-    }
-    ~end_signals() { close(m_fd); }
-    end_signals(const end_signals&) = delete;
-    end_signals& operator=(const end_signals&) = delete;
-    int descriptor() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
 // One gateway's stream.
 struct followed {
     gateway* from;
@@ -208,7 +185,7 @@ private:
         for (size_t i = 0; i < waiting.size(); ++i)
             if (entries[i + 1].revents != 0)
                 read(*waiting[i]);
-        return flush_output() && entries[0].revents == 0;
+        return tools::flush_output() && entries[0].revents == 0;
     }
 
     void read(followed& stream)
@@ -224,10 +201,10 @@ private:
         if (!m_pattern.is_in(plain))
             return;
         if (m_options.as_json)
-            fmt::print("{}\n", json_text({{"gateway", from.name()},
-                                          {"time", line.time},
-                                          {"channel", line.channel},
-                                          {"text", line.text}}));
+            fmt::print("{}\n", json_text(json{{"gateway", from.name()},
+                                              {"time", line.time},
+                                              {"channel", line.channel},
+                                              {"text", line.text}}));
         else
             fmt::print("{}{}\n", m_has_names ? from.name() + ": " : "",
                        m_options.out.has_colours ? coloured_text(line) : plain);
@@ -249,7 +226,7 @@ private:
     const follow_options& m_options;
     const line_pattern m_pattern;
     const bool m_has_names;
-    end_signals m_signals;
+    tools::end_signals m_signals{SIGINT, SIGTERM, SIGHUP};
     std::vector<followed> m_streams;
     std::vector<switched> m_switched_on;
     exit_status m_status = exit_status::done;

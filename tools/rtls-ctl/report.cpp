@@ -1,11 +1,11 @@
 #include "report.h"
 
+#include "common/output.h"
+#include "common/program.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <future>
 #include <utility>
 
@@ -41,11 +41,6 @@ std::vector<outcome> ask_all(std::vector<gateway>& gateways, const action& act)
 
 // --- Texts
 
-std::string json_text(const json& value, int indent)
-{
-    return value.dump(indent, ' ', false, json::error_handler_t::replace);
-}
-
 std::string cell(const json& object, const char* field)
 {
     const auto found = object.find(field);
@@ -58,16 +53,7 @@ std::string cell(const json& object, const char* field)
 
 void print_failure(const std::string& gateway, const std::string& why)
 {
-    fmt::print(stderr, "rtls-ctl: {}{}{}\n", gateway, gateway.empty() ? "" : ": ", why);
-}
-
-bool flush_output()
-{
-    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
-        return true;
-    if (errno == EPIPE)
-        return false;
-    throw failure(exit_status::refused, fmt::format("cannot write the output: {}", std::strerror(errno)));
+    tools::note("rtls-ctl", fmt::format("{}{}{}", gateway, gateway.empty() ? "" : ": ", why));
 }
 
 // --- Telling
@@ -125,8 +111,8 @@ static std::string as_table(const std::vector<outcome>& outcomes, const table_vi
 exit_status tell(const std::vector<outcome>& outcomes, const table_view& view, const report_options& options)
 {
     const std::string text = options.as_json ? as_json(outcomes) : as_table(outcomes, view, options.out);
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    flush_output(); // before what failed is told
+    tools::print(text);
+    tools::flush_output(); // before what failed is told
     for (const outcome& it : outcomes)
         for (const failure& why : it.failures)
             print_failure(outcomes.size() > 1 ? it.gateway : "", why.what());

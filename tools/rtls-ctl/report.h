@@ -4,7 +4,7 @@
 // Threads    `ask_all` gives each gateway a thread of its own, which has ended when it returns. All else: the main
 //            thread.
 // Blocking   `ask_all` as long as the slowest of them.
-// Failures   Of a gateway: in its outcome. An output that takes nothing: by the status.
+// Failures   Of a gateway: in its outcome. An output that takes nothing: tools::output_error.
 #pragma once
 
 #include "failure.h"
@@ -44,14 +44,10 @@ struct report_options {
 // Tells all outcomes: answers on the output, failures on the error output. The worst of their statuses.
 exit_status tell(const std::vector<outcome>& outcomes, const table_view& view, const report_options& options);
 
-// Writes out what is buffered. False when nobody reads any more; thrown (refused) when there is no room for it.
-bool flush_output();
-
 // A line on the error output. `gateway`: empty when there is but one.
 void print_failure(const std::string& gateway, const std::string& why);
 
-// Indented by `indent` blanks a level, or in one line (-1); bytes that are no UTF-8 are replaced.
-std::string json_text(const json& value, int indent = -1);
+using tools::json_text;
 
 // A field as a cell: its text or its number; "-" for null and what is not there.
 std::string cell(const json& object, const char* field);

@@ -1,12 +1,13 @@
-// screen - what an output can show: how wide it is, colours, and text of strangers made harmless.
+// screen - what an output can show: how wide it is, and colours.
 //
 // Threads    Any; pure but for screen_of, which asks the system and the environment.
+// Failures   What cannot be found out is as in a pipe.
 #pragma once
+
+#include "common/texts.h"
 
 #include <cstddef>
 #include <cstdio>
-#include <string>
-#include <string_view>
 
 namespace ctl {
 
@@ -19,11 +20,7 @@ struct screen {
 // `wanted_width`: instead of the window's; 0: the window's.
 screen screen_of(FILE* out, size_t wanted_width);
 
-// What may be shown: control characters and bytes that are no UTF-8 become \xNN. Devices and other operators
-// choose some of the texts that a gateway tells, and must not move somebody's cursor with them.
-std::string printable(std::string_view text);
-
-// Characters of a text that is printable: what it takes on a screen.
-size_t text_width(std::string_view text);
+using tools::printable;
+using tools::text_width;
 
 } // namespace ctl

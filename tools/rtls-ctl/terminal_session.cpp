@@ -72,24 +72,25 @@ static address_list resolve(const endpoint& where)
     return address_list{found};
 }
 
-// The descriptor, or -1 with errno.
-static int connect_to(const addrinfo& address, steady::time_point deadline)
+// The descriptor, or none with errno.
+static rtls::unique_fd connect_to(const addrinfo& address, steady::time_point deadline)
 {
-    const int fd = socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    int error = ::connect(fd, address.ai_addr, address.ai_addrlen) == 0 ? 0 : errno;
+    rtls::unique_fd fd{socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+    if (!fd)
+        return fd;
+    int error = ::connect(fd.get(), address.ai_addr, address.ai_addrlen) == 0 ? 0 : errno;
     if (error == EINPROGRESS) {
         socklen_t size = sizeof error;
         error = ETIMEDOUT;
-        if (wait_for(fd, POLLOUT, deadline) && getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+        if (wait_for(fd.get(), POLLOUT, deadline) &&
+            getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)
             error = errno;
     }
     if (error == 0)
         return fd;
-    close(fd);
+    fd = rtls::unique_fd{};
     errno = error;
-    return -1;
+    return fd;
 }
 
 terminal_session::terminal_session(const endpoint& where, seconds timeout)
@@ -97,22 +98,16 @@ terminal_session::terminal_session(const endpoint& where, seconds timeout)
 {
     connect(where, std::min(timeout, longest_connecting));
     const int on = 1; // a command leaves at once, and alone
-    setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
-terminal_session::~terminal_session()
-{
-    if (m_fd >= 0)
-        close(m_fd);
+    setsockopt(m_fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 void terminal_session::connect(const endpoint& where, seconds timeout)
 {
     const auto deadline = deadline_after(timeout);
     const auto addresses = resolve(where);
-    for (const addrinfo* it = addresses.get(); it != nullptr && m_fd < 0; it = it->ai_next)
+    for (const addrinfo* it = addresses.get(); it != nullptr && !m_fd; it = it->ai_next)
         m_fd = connect_to(*it, deadline);
-    if (m_fd < 0)
+    if (!m_fd)
         throw failure(exit_status::unreachable,
                       fmt::format("no terminal answers at {}: {}", m_where, std::strerror(errno)));
 }
@@ -126,7 +121,7 @@ void terminal_session::send(std::string_view command)
         command.find('\0') != std::string_view::npos)
         throw failure(exit_status::usage,
                       fmt::format("a command has one line of at most {} characters", longest_command - 1));
-    if (::send(m_fd, packet.data(), packet.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(packet.size()))
+    if (::send(m_fd.get(), packet.data(), packet.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(packet.size()))
         throw failure(exit_status::unreachable,
                       fmt::format("the terminal at {} takes no command: {}", m_where, std::strerror(errno)));
 }
@@ -135,7 +130,7 @@ void terminal_session::send(std::string_view command)
 void terminal_session::receive()
 {
     char buffer[65'536];
-    const ssize_t size = recv(m_fd, buffer, sizeof buffer, MSG_DONTWAIT);
+    const ssize_t size = recv(m_fd.get(), buffer, sizeof buffer, MSG_DONTWAIT);
     if (size > 0) {
         m_received.append(buffer, static_cast<size_t>(size));
         return;
@@ -152,7 +147,7 @@ std::string terminal_session::ask(std::string_view command, ending_rule end_of_a
     const auto deadline = deadline_after(m_timeout);
     size_t end = end_of_answer(m_received);
     while (end == std::string::npos) {
-        if (!wait_for(m_fd, POLLIN, deadline))
+        if (!wait_for(m_fd.get(), POLLIN, deadline))
             throw failure(exit_status::timed_out,
                           fmt::format("the terminal at {} has not answered \"{}\" within {} s", m_where,
                                       command.substr(0, command.find(' ')), m_timeout.count()));

@@ -9,6 +9,7 @@
 // Failures   Thrown: unreachable when nobody is there or the connection ends, timed_out when no whole answer comes.
 #pragma once
 
+#include "base/unique_fd.h"
 #include "gateways_file.h"
 #include "terminal_texts.h"
 
@@ -23,16 +24,13 @@ using seconds = std::chrono::duration<double>;
 class terminal_session {
 public:
     terminal_session(const endpoint& where, seconds timeout);
-    ~terminal_session();
-    terminal_session(const terminal_session&) = delete;
-    terminal_session& operator=(const terminal_session&) = delete;
 
     // The whole answer. A command that cannot be sent as one packet or would be cut at its blanks is the caller's
     // to avoid: it is refused (usage).
     std::string ask(std::string_view command, ending_rule end_of_answer);
 
     // --- The debug stream, behind the answer to "sub".
-    int descriptor() const { return m_fd; }
+    int descriptor() const { return m_fd.get(); }
     // What has come and was not taken yet. Throws `unreachable` when the connection has ended.
     std::string read_more();
 
@@ -43,7 +41,7 @@ private:
 
     std::string m_where;
     seconds m_timeout;
-    int m_fd = -1;
+    rtls::unique_fd m_fd;
     std::string m_received; // and not taken yet
 };
 

@@ -1,5 +1,8 @@
 // rtls-gateway-check - reads a configuration as the daemon would, and tells every problem at once.
 #include "check.h"
+#include "common/output.h"
+#include "common/program.h"
+#include "common/texts.h"
 #include "nearest.h"
 #include "output.h"
 
@@ -59,27 +62,24 @@ static void add_options(CLI::App& app, arguments& a)
         ->capture_default_str()
         ->check(CLI::Range(0.0, 600.0));
     app.add_flag("-q,--quiet", a.is_quiet, "Print nothing when there is no problem");
-    app.set_version_flag("--version", RTLS_VERSION);
+    app.set_version_flag("--version", tools::program_version);
     app.footer(footer);
 }
 
-// False after saying on the standard error why what was printed has not arrived.
+// False when nobody reads it.
 static bool print(const std::string& text)
 {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
-        return true;
-    fmt::print(stderr, "rtls-gateway-check: cannot write: {}\n", std::strerror(errno));
-    return false;
+    return tools::print(text) && tools::flush_output();
 }
 
 static bool print(const nlohmann::json& json)
 {
-    return print(json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    return print(tools::json_text(json, 2) + "\n");
 }
 
 static int fail(const std::string& why)
 {
-    fmt::print(stderr, "rtls-gateway-check: {}\n", why);
+    tools::note("rtls-gateway-check", why);
     return status_unread;
 }
 
@@ -166,7 +166,7 @@ struct outcome {
 static outcome unread(const arguments& a, const std::string& name, const std::string& why)
 {
     if (!a.is_json)
-        fmt::print(stderr, "rtls-gateway-check: {}: {}\n", name, why);
+        tools::note("rtls-gateway-check", fmt::format("{}: {}", name, why));
     return {"", nlohmann::json::object({{"file", name}, {"error", why}}), status_unread};
 }
 
@@ -217,7 +217,7 @@ static int check_files(const arguments& a)
     return status;
 }
 
-static int run(int argc, char** argv)
+static int run(const tools::arguments& given)
 {
     arguments a;
     CLI::App app{"Reads a configuration of rtls-gateway as the daemon would, and tells every problem at "
@@ -225,11 +225,8 @@ static int run(int argc, char** argv)
                  "writes nothing.",
                  "rtls-gateway-check"};
     add_options(app, a);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? status_clean : status_unread;
-    }
+    if (const auto ended = tools::parse(app, given, status_unread))
+        return *ended;
     if (!a.explained.empty())
         return explain(a);
     return a.lists_keys ? list_keys(a) : check_files(a);
@@ -239,10 +236,5 @@ static int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    try {
-        return rtls::check::run(argc, argv);
-    } catch (const std::exception& error) {
-        fmt::print(stderr, "rtls-gateway-check: {}\n", error.what());
-        return rtls::check::status_unread;
-    }
+    return tools::run_main(argc, argv, rtls::check::run, rtls::check::status_unread);
 }

@@ -1,5 +1,7 @@
 #include "rtls-record/command_line.h"
 
+#include "common/output.h"
+#include "common/texts.h"
 #include "rtls-record/file_series.h"
 #include "tap/program.h"
 #include "tap/running_numbers.h"
@@ -17,8 +19,8 @@ using tap::exit_status;
 using clock = std::chrono::steady_clock;
 
 static const char* const footer =
-    R"(With --max-size or --max-seconds the files are numbered: site-00001.pcapng.zst and so on.
-Ctrl-C or SIGTERM end the file properly. Messages that are missing by their numbers are told on the error output.
+    R"(The file is made when the tap answers. With --max-size or --max-seconds the files are numbered: site-00001.pcapng.zst and so on, behind those
+that are there. Ctrl-C or SIGTERM end the file properly. Messages that are missing by their numbers are told on the error output.
 Examples:
   rtls-record --tap tcp://127.0.0.1:5559 fault.pcapng
   rtls-record --tap tcp://127.0.0.1:5559 --topic link/in --topic report --seconds 60 minute.pcapng
@@ -107,7 +109,7 @@ void recorder::tell() const
             {"messages", m_messages},           {"missing", lost},
             {"too_large", m_too_large},         {"not_understood", m_source.not_understood()},
             {"files_written", m_files.count()}, {"files", m_files.paths()}};
-        tap::print(told.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+        tools::print(tools::json_text(told) + "\n");
         return;
     }
     m_program.note(fmt::format("{} messages in {} file{}, {} missing", m_messages, m_files.count(),
@@ -123,6 +125,8 @@ exit_status recorder::run()
     arrival what = arrival::nothing;
     while (!is_over() && what != arrival::stopped && what != arrival::nobody) {
         what = m_source.next(message, flush_interval);
+        if (m_source.was_linked())
+            m_files.begin();
         if (what == arrival::message)
             record(message);
         flush_in_time();
@@ -130,7 +134,7 @@ exit_status recorder::run()
     m_files.close();
     tell();
     if (what == arrival::nobody)
-        throw tap::failure(exit_status::unreachable, "nobody answers at " + m_asked.from.endpoint);
+        throw tap::failure(exit_status::unreachable, m_source.why_nobody());
     return m_numbers.missed() + m_too_large > 0 ? exit_status::incomplete : exit_status::done;
 }
 
@@ -151,7 +155,7 @@ static void add_options(CLI::App& app, request& asked)
         ->check(CLI::PositiveNumber);
     app.add_option("--keep", asked.to.keep, "Delete all files of this run but the latest N")->type_name("N");
     app.add_flag("--zstd", asked.to.is_compressed, "Compress it");
-    app.add_flag("--force", asked.to.may_replace, "Replace files that are there");
+    app.add_flag("--force", asked.to.may_replace, "Replace files that are there; numbers begin with 1");
     app.add_option("--seconds", asked.seconds, "End after so long")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber);
@@ -159,6 +163,7 @@ static void add_options(CLI::App& app, request& asked)
     app.add_option("--timeout", asked.from.patience, "Give up when nobody answers for so long; 0: never")
         ->type_name("SECONDS")
         ->check(CLI::NonNegativeNumber);
+    tap::add_certificate_options(app, asked.from.certificates, "Options");
     app.add_flag("--json", asked.as_json, "Tell how it went as JSON");
 }
 
@@ -176,7 +181,7 @@ static void check(const request& asked)
         throw tap::failure(exit_status::usage, "--keep needs --max-size or --max-seconds");
 }
 
-int run_command_line(const std::vector<std::string>& arguments)
+int run_command_line(const tools::arguments& arguments)
 {
     request asked;
     tap::program program{"rtls-record", "Records what passes a gateway, by its tap.", footer};

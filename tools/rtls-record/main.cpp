@@ -1,8 +1,8 @@
 // rtls-record - writes what a gateway's tap publishes to recordings.
+#include "common/program.h"
 #include "rtls-record/command_line.h"
-#include "tap/program.h"
 
 int main(int argc, char** argv)
 {
-    return tap::run_main(argc, argv, record::run_command_line);
+    return tools::run_main(argc, argv, record::run_command_line);
 }

@@ -1,9 +1,12 @@
 #include "rtls-replay/command_line.h"
 
-#include "recording/files.h"
+#include "common/output.h"
+#include "common/texts.h"
 #include "rtls-replay/comparison.h"
 #include "rtls-replay/connections.h"
+#include "rtls-replay/pacing.h"
 #include "tap/program.h"
+#include "tap/recorded.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -17,7 +20,6 @@ namespace replay {
 using namespace rtls::recording;
 using nlohmann::ordered_json;
 using std::chrono::milliseconds;
-using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 using tap::exit_status;
 
@@ -31,7 +33,7 @@ Examples:
   rtls-replay --to 127.0.0.1:4001 --fast --shuffle 7 --check 'tcp://127.0.0.1:5557' fault.pcapng
 Exit status:
   0  done; with --check: the same reports came
-  1  the recording cannot be read, or is damaged: what was before is played
+  1  the recording cannot be read, or is damaged: what was before is played; no descriptor is left
   2  the command line is wrong, or the endpoint is taken; nothing was done
   3  no gateway answers
   4  reports differ, or the gateway closed a connection too early)";
@@ -43,6 +45,7 @@ struct request {
     std::string gateway;
     std::string check;
     double speed = 1;
+    double longest_pause = 3600;
     double patience = 5;
     uint64_t seed = 0;
     bool is_fast = false;
@@ -52,7 +55,8 @@ struct request {
 class player {
 public:
     player(const request& asked, const tap::program& program)
-        : m_asked(asked), m_program(program), m_to(asked.gateway, asked.seed)
+        : m_asked(asked), m_program(program), m_to(asked.gateway, asked.seed),
+          m_pacing(asked.speed, pacing::seconds{asked.longest_pause})
     {
         if (!asked.check.empty())
             m_inbox.emplace(asked.check);
@@ -64,6 +68,7 @@ private:
     void play_event(const tap_message& message);
     void wait_for_turn(uint64_t clock_ns);
     void wait_for_reports();
+    void tell_jumps() const;
     bool pause(milliseconds time);
     exit_status told();
 
@@ -72,8 +77,8 @@ private:
     connections m_to;
     std::optional<report_inbox> m_inbox;
     comparison m_reports;
-    std::optional<uint64_t> m_first_ns;
-    steady_clock::time_point m_began;
+    pacing m_pacing;
+    std::optional<steady_clock::time_point> m_began;
 };
 
 } // namespace
@@ -87,12 +92,9 @@ bool player::pause(milliseconds time)
 
 void player::wait_for_turn(uint64_t clock_ns)
 {
-    if (!m_first_ns) {
-        m_first_ns = clock_ns;
+    if (!m_began)
         m_began = steady_clock::now();
-    }
-    const double passed_ns = clock_ns > *m_first_ns ? static_cast<double>(clock_ns - *m_first_ns) : 0;
-    const auto turn = m_began + nanoseconds{static_cast<int64_t>(passed_ns / m_asked.speed)};
+    const auto turn = *m_began + m_pacing.due(clock_ns);
     pause(milliseconds{0});
     while (!m_asked.is_fast && steady_clock::now() < turn)
         pause(std::min(milliseconds{20}, std::chrono::ceil<milliseconds>(turn - steady_clock::now())));
@@ -148,24 +150,42 @@ void player::wait_for_reports()
     }
 }
 
+void player::tell_jumps() const
+{
+    const pacing::jumps& found = m_pacing.found();
+    if (m_asked.is_fast)
+        return;
+    if (found.shortened > 0)
+        m_program.note(fmt::format("{} pause{} of up to {:.0f} s played as {} s (--max-pause)",
+                                   found.shortened, found.shortened == 1 ? "" : "s", found.worst.count(),
+                                   m_asked.longest_pause));
+    if (found.back > 0)
+        m_program.note(fmt::format("the recording's clock steps back {} time{}: played without a pause",
+                                   found.back, found.back == 1 ? "" : "s"));
+}
+
 exit_status player::told()
 {
     const std::string difference = m_reports.first_difference();
     if (m_asked.as_json) {
-        ordered_json all{
-            {"connections", m_to.opened()}, {"bytes", m_to.sent()}, {"closed_early", m_to.refused()}};
+        ordered_json all{{"connections", m_to.opened()},
+                         {"bytes", m_to.sent()},
+                         {"closed_early", m_to.refused()},
+                         {"pauses_shortened", m_pacing.found().shortened},
+                         {"clock_steps_back", m_pacing.found().back}};
         if (m_inbox)
             all.update(
                 {{"reports", m_reports.expected()},
                  {"equal", m_reports.equal()},
                  {"first_difference", difference.empty() ? ordered_json{} : ordered_json(difference)}});
-        tap::print(all.dump() + "\n");
+        tools::print(tools::json_text(all) + "\n");
     } else {
         m_program.note(fmt::format("{} bytes on {} connections", m_to.sent(), m_to.opened()));
         if (m_inbox)
             m_program.note(
                 fmt::format("{} of {} reports are the same", m_reports.equal(), m_reports.expected()));
     }
+    tell_jumps();
     if (!difference.empty())
         m_program.note(difference);
     if (m_to.refused() > 0)
@@ -175,20 +195,15 @@ exit_status player::told()
 
 exit_status player::run()
 {
-    const auto source = open_recording(m_asked.file);
-    pcapng_reader reader{*source};
+    tap::recorded recording{m_asked.file};
     tap_message message;
-    reading state = reading::message;
-    while ((state = reader.next(message)) == reading::message)
+    while (recording.next(message))
         play(message);
     m_to.send_rest();
     wait_for_reports();
     m_to.finish();
     const exit_status status = told();
-    if (state == reading::cut)
-        m_program.note(fmt::format("{} ends within a block", m_asked.file));
-    if (state == reading::damaged)
-        throw tap::failure(exit_status::failed, fmt::format("{}: {}", m_asked.file, reader.reason()));
+    recording.end(m_program);
     return status;
 }
 
@@ -201,6 +216,10 @@ static void add_options(CLI::App& app, request& asked)
                              ->type_name("N")
                              ->check(CLI::Range(0.001, 1e6));
     app.add_flag("--fast", asked.is_fast, "As fast as TCP takes it")->excludes(speed);
+    app.add_option("--max-pause", asked.longest_pause,
+                   "A longer pause in the recording is played as one of this length (3600)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, 1e6));
     app.add_option("--shuffle", asked.seed, "Cut each connection's bytes at other places, by this number")
         ->type_name("SEED")
         ->check(CLI::PositiveNumber);
@@ -212,7 +231,7 @@ static void add_options(CLI::App& app, request& asked)
     app.add_flag("--json", asked.as_json, "Tell how it went as JSON");
 }
 
-int run_command_line(const std::vector<std::string>& arguments)
+int run_command_line(const tools::arguments& arguments)
 {
     request asked;
     tap::program program{"rtls-replay", "Plays the bridges of a recording against a gateway.", footer};

@@ -1,6 +1,7 @@
 #include "rtls-replay/comparison.h"
 
 #include "decode/decode.h"
+#include "decode/hex_bytes.h"
 #include "tap/failure.h"
 
 #include <fmt/format.h>
@@ -10,6 +11,7 @@
 namespace replay {
 
 using rtls::bytes_view;
+using rtls::decode::hex_of;
 
 // What a report is compared by: all but its time.
 static std::vector<uint8_t> compared(const comparison::frames& report)
@@ -32,16 +34,11 @@ static std::string node_of(const comparison::frames& report)
     return "-";
 }
 
-static std::string hex(bytes_view bytes)
-{
-    return fmt::format("{:02x}", fmt::join(bytes, ""));
-}
-
 static std::string difference(bytes_view expected, bytes_view arrived)
 {
     const auto [a, b] = std::ranges::mismatch(expected, arrived);
     return fmt::format("differs at byte {}: {} was recorded, {} has come", a - expected.begin(),
-                       hex(expected), hex(arrived));
+                       hex_of(expected), hex_of(arrived));
 }
 
 void comparison::compare(const std::string& node, of_node& it)
@@ -99,10 +96,10 @@ std::string comparison::first_difference() const
     for (const auto& [node, it] : m_nodes) {
         if (!it.expected.empty())
             return fmt::format("node {}: report {} has not come: {} was recorded", node, it.equal + 1,
-                               hex(it.expected.front()));
+                               hex_of(it.expected.front()));
         if (!it.arrived.empty())
             return fmt::format("node {}: report {} has come and was not recorded: {}", node, it.equal + 1,
-                               hex(it.arrived.front()));
+                               hex_of(it.arrived.front()));
     }
     return "";
 }

@@ -4,6 +4,7 @@
 // between connections. The time in front is the gateway's own, and not compared.
 // Ownership  Owns the socket where it stands as the message handler.
 // Threads    One.
+// Blocking   Nothing waits.
 // Failures   An endpoint that cannot be bound: tap::failure.
 #pragma once
 

@@ -10,7 +10,6 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -20,6 +19,7 @@
 namespace replay {
 
 using rtls::bytes_view;
+using rtls::unique_fd;
 using tap::exit_status;
 using tap::failure;
 
@@ -35,31 +35,25 @@ connections::connections(const std::string& address, uint64_t seed)
         m_host = m_host.substr(1, m_host.size() - 2);
 }
 
-connections::~connections()
-{
-    for (auto& [number, it] : m_all)
-        end(it);
-    ::close(m_events);
-}
-
 // --- Opening and closing
 
 struct free_addresses {
     void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
 };
 
-static int connect_to(const addrinfo& to)
+// None, with errno, when nobody answers there.
+static unique_fd connect_to(const addrinfo& to)
 {
-    const int socket = ::socket(to.ai_family, to.ai_socktype | SOCK_CLOEXEC, to.ai_protocol);
-    if (socket >= 0 && ::connect(socket, to.ai_addr, to.ai_addrlen) == 0)
+    unique_fd socket{::socket(to.ai_family, to.ai_socktype | SOCK_CLOEXEC, to.ai_protocol)};
+    if (!socket || ::connect(socket.get(), to.ai_addr, to.ai_addrlen) == 0)
         return socket;
     const int why = errno;
-    ::close(socket);
+    socket = unique_fd{};
     errno = why;
-    return -1;
+    return socket;
 }
 
-int connections::connect() const
+unique_fd connections::connect() const
 {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
@@ -67,10 +61,14 @@ int connections::connect() const
     if (const int error = ::getaddrinfo(m_host.c_str(), m_port.c_str(), &hints, &found); error != 0)
         throw failure(exit_status::unreachable, fmt::format("{}: {}", m_address, ::gai_strerror(error)));
     const std::unique_ptr<addrinfo, free_addresses> list{found};
-    int socket = -1;
-    for (const addrinfo* it = found; it && socket < 0; it = it->ai_next)
+    unique_fd socket;
+    for (const addrinfo* it = found; it && !socket; it = it->ai_next)
         socket = connect_to(*it);
-    if (socket < 0)
+    if (!socket && (errno == EMFILE || errno == ENFILE))
+        throw failure(exit_status::failed,
+                      fmt::format("no descriptor is left for a connection beside {} (ulimit -n): {}", open(),
+                                  std::strerror(errno)));
+    if (!socket)
         throw failure(exit_status::unreachable,
                       fmt::format("no gateway answers at {}: {}", m_address, std::strerror(errno)));
     return socket;
@@ -84,20 +82,24 @@ connections::connection& connections::opened(uint32_t number)
         return it;
     it.socket = connect();
     const int at_once = 1; // each read that was recorded leaves alone
-    ::setsockopt(it.socket, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
+    ::setsockopt(it.socket.get(), IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.ptr = &it; // which the table does not move
-    ::epoll_ctl(m_events, EPOLL_CTL_ADD, it.socket, &event);
+    ::epoll_ctl(m_events.get(), EPOLL_CTL_ADD, it.socket.get(), &event);
     ++m_opened;
     return it;
 }
 
+size_t connections::open() const
+{
+    return static_cast<size_t>(
+        std::ranges::count_if(m_all, [](const auto& entry) { return bool{entry.second.socket}; }));
+}
+
 void connections::end(connection& it)
 {
-    if (it.socket >= 0)
-        ::close(it.socket);
-    it.socket = -1;
+    it.socket = unique_fd{};
 }
 
 // Half of it: closed at once, with bytes of the gateway unread, it would be reset, and what the gateway has not read yet
@@ -110,8 +112,8 @@ void connections::close(uint32_t number)
     connection& it = found->second;
     put(it, it.kept);
     it.kept.clear();
-    if (it.socket >= 0)
-        ::shutdown(it.socket, SHUT_WR);
+    if (it.socket)
+        ::shutdown(it.socket.get(), SHUT_WR);
 }
 
 void connections::finish()
@@ -122,8 +124,7 @@ void connections::finish()
     for (const uint32_t number : numbers)
         close(number);
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds{2};
-    const auto is_open = [](const auto& entry) { return entry.second.socket >= 0; };
-    while (std::ranges::any_of(m_all, is_open) && std::chrono::steady_clock::now() < until)
+    while (open() > 0 && std::chrono::steady_clock::now() < until)
         wait(std::chrono::milliseconds{20});
 }
 
@@ -134,10 +135,10 @@ void connections::wait(std::chrono::milliseconds time)
 {
     static char dropped[65536];
     epoll_event events[64];
-    const int ready = ::epoll_wait(m_events, events, 64, static_cast<int>(time.count()));
+    const int ready = ::epoll_wait(m_events.get(), events, 64, static_cast<int>(time.count()));
     for (int i = 0; i < ready; ++i) {
         auto& it = *static_cast<connection*>(events[i].data.ptr);
-        const ssize_t size = it.socket < 0 ? 1 : ::recv(it.socket, dropped, sizeof dropped, MSG_DONTWAIT);
+        const ssize_t size = !it.socket ? 1 : ::recv(it.socket.get(), dropped, sizeof dropped, MSG_DONTWAIT);
         if (size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR))
             end(it);
     }
@@ -145,8 +146,8 @@ void connections::wait(std::chrono::milliseconds time)
 
 void connections::put(connection& to, bytes_view bytes)
 {
-    while (!bytes.empty() && to.socket >= 0) {
-        const ssize_t sent = ::send(to.socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    while (!bytes.empty() && to.socket) {
+        const ssize_t sent = ::send(to.socket.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent > 0) {
             bytes = bytes.subspan(static_cast<size_t>(sent));
             m_sent += static_cast<uint64_t>(sent);
@@ -155,7 +156,7 @@ void connections::put(connection& to, bytes_view bytes)
         if (errno != EAGAIN && errno != EINTR)
             end(to);
         wait(std::chrono::milliseconds{0});
-        pollfd room{to.socket, POLLOUT, 0};
+        pollfd room{to.socket.get(), POLLOUT, 0};
         ::poll(&room, 1, 20);
     }
     if (!bytes.empty() && !to.is_refused) {

@@ -3,10 +3,12 @@
 // Ownership  Owns the sockets. What the gateway sends is read and dropped: it must not wait for us.
 // Threads    One.
 // Blocking   send() until TCP has taken all; wait() for the time that it is told.
-// Failures   A gateway that cannot be reached: tap::failure, unreachable. One that closes a connection: counted.
+// Failures   A gateway that cannot be reached: tap::failure, unreachable. No descriptor for one more: failed. A gateway
+//            that closes a connection: counted.
 #pragma once
 
 #include "base/bytes.h"
+#include "base/unique_fd.h"
 
 #include <chrono>
 #include <cstdint>
@@ -21,9 +23,6 @@ class connections {
 public:
     // `address`: HOST:PORT. `seed`: cut the bytes of each connection elsewhere than they were; 0: as they were.
     connections(const std::string& address, uint64_t seed);
-    ~connections();
-    connections(const connections&) = delete;
-    connections& operator=(const connections&) = delete;
 
     // On the connection with this number, which is opened when it is new.
     void send(uint32_t number, rtls::bytes_view bytes);
@@ -41,12 +40,13 @@ public:
 
 private:
     struct connection {
-        int socket = -1; // -1: the gateway has closed it
+        rtls::unique_fd socket; // none: the gateway has closed it
         bool is_refused = false;
         std::vector<uint8_t> kept;
     };
     connection& opened(uint32_t number);
-    int connect() const;
+    rtls::unique_fd connect() const;
+    size_t open() const;
     void put(connection& to, rtls::bytes_view bytes);
     void end(connection& it);
 
@@ -55,7 +55,7 @@ private:
     std::string m_address;
     uint64_t m_seed;
     std::mt19937_64 m_random;
-    int m_events = -1;
+    rtls::unique_fd m_events;
     std::unordered_map<uint32_t, connection> m_all;
     size_t m_opened = 0;
     uint64_t m_sent = 0;

@@ -16,13 +16,13 @@ static constexpr std::string_view greeting = "sync\n";
 bool bridge_link::connect(const sockaddr_in& gateway)
 {
     close();
-    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (m_fd < 0)
+    m_fd = rtls::unique_fd{::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+    if (!m_fd)
         return false;
     const int on = 1;
-    setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(m_fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     m_state = state::connecting;
-    if (::connect(m_fd, reinterpret_cast<const sockaddr*>(&gateway), sizeof gateway) == 0 ||
+    if (::connect(m_fd.get(), reinterpret_cast<const sockaddr*>(&gateway), sizeof gateway) == 0 ||
         errno == EINPROGRESS)
         return true;
     close();
@@ -31,9 +31,7 @@ bool bridge_link::connect(const sockaddr_in& gateway)
 
 void bridge_link::close()
 {
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = -1;
+    m_fd = rtls::unique_fd{};
     m_state = state::down;
     m_greeted = 0;
     m_out.clear();
@@ -54,7 +52,8 @@ void bridge_link::queue(view message)
 bool bridge_link::flush()
 {
     while (m_sent < m_out.size()) {
-        const ssize_t written = ::send(m_fd, m_out.data() + m_sent, m_out.size() - m_sent, MSG_NOSIGNAL);
+        const ssize_t written =
+            ::send(m_fd.get(), m_out.data() + m_sent, m_out.size() - m_sent, MSG_NOSIGNAL);
         if (written < 0)
             return errno == EAGAIN || errno == EINTR;
         m_sent += static_cast<size_t>(written);
@@ -69,7 +68,7 @@ bool bridge_link::finish_connecting()
 {
     int error = 0;
     socklen_t size = sizeof error;
-    if (getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0)
+    if (getsockopt(m_fd.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0)
         return false;
     m_state = state::waiting;
     return true;
@@ -91,7 +90,7 @@ bool bridge_link::read(const std::function<void(view)>& received)
 {
     std::array<uint8_t, 65'536> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
     for (;;) {
-        const ssize_t got = ::recv(m_fd, buffer.data(), buffer.size(), 0);
+        const ssize_t got = ::recv(m_fd.get(), buffer.data(), buffer.size(), 0);
         if (got == 0)
             return false;
         if (got < 0)

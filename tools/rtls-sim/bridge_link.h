@@ -1,10 +1,12 @@
 // bridge_link - the TCP connection of one bridge to the gateway's WIN port, which frames and unframes.
 //
 // Never blocks. The owner polls fd() and calls on_ready; it decides when to connect again.
+// Ownership  Owns its descriptor.
 // Threads    Its owner's. Nothing waits.
 // Failures   A connection that fails or ends is down, and the call says false.
 #pragma once
 
+#include "base/unique_fd.h"
 #include "wire.h"
 
 #include <netinet/in.h>
@@ -17,17 +19,12 @@ class bridge_link {
 public:
     enum class state { down, connecting, waiting, up }; // waiting: for the gateway's greeting
 
-    bridge_link() = default;
-    ~bridge_link() { close(); }
-    bridge_link(const bridge_link&) = delete;
-    bridge_link& operator=(const bridge_link&) = delete;
-
     // Starts to connect; false (and down) when that fails at once.
     bool connect(const sockaddr_in& gateway);
     void close();
 
     state now() const { return m_state; }
-    int fd() const { return m_fd; }
+    int fd() const { return m_fd.get(); }
     // Whether the owner should poll for writing, too.
     bool wants_write() const { return m_state == state::connecting || m_sent < m_out.size(); }
     size_t unsent() const { return m_out.size() - m_sent; }
@@ -47,7 +44,7 @@ private:
     bool read(const std::function<void(view)>& received);
     view strip_greeting(view data);
 
-    int m_fd = -1;
+    rtls::unique_fd m_fd;
     state m_state = state::down;
     size_t m_greeted = 0; // bytes of the greeting seen
     bytes m_out;

@@ -1,5 +1,6 @@
 // rtls-sim - plays everything around an rtls-gateway: bridges and nodes below it, the servers above it.
 #include "command.h"
+#include "common/program.h"
 #include "network.h"
 #include "tools.h"
 
@@ -147,7 +148,7 @@ static bool apply_config(const CLI::App& app, arguments& a)
 
 static int fail(const std::string& why)
 {
-    fmt::print(stderr, "rtls-sim: {}\n", why);
+    tools::note("rtls-sim", why);
     return 1;
 }
 
@@ -259,7 +260,7 @@ static void add_config_writer(CLI::App& app, arguments& a)
     sub->callback([&a] { a.chosen = [&a] { return run_config(a.config); }; });
 }
 
-static int run(int argc, char** argv)
+static int run(const tools::arguments& given)
 {
     arguments a;
     CLI::App app{"Plays everything around an rtls-gateway: bridges and nodes below it, the servers above it.",
@@ -275,18 +276,13 @@ static int run(int argc, char** argv)
     add_image(app, a);
     add_discover(app, a);
     add_config_writer(app, a);
-    CLI11_PARSE(app, argc, argv);
-    return a.chosen();
+    const auto ended = tools::parse(app, given, 0);
+    return ended ? *ended : a.chosen();
 }
 
 } // namespace sim
 
 int main(int argc, char** argv)
 {
-    try {
-        return sim::run(argc, argv);
-    } catch (const std::exception& error) {
-        fmt::print(stderr, "rtls-sim: {}\n", error.what());
-        return 1;
-    }
+    return tools::run_main(argc, argv, sim::run);
 }

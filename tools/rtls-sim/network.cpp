@@ -1,12 +1,12 @@
 #include "network.h"
 
 #include "command.h"
+#include "common/end_signals.h"
 #include "image.h"
 
 #include <fmt/format.h>
 
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <array>
@@ -55,12 +55,12 @@ private:
 
     const network_options& m_options;
     console m_out;
+    const tools::end_signals m_signals{SIGINT, SIGTERM};
     tracker m_tracker;
     std::unique_ptr<field> m_field;
     std::unique_ptr<servers> m_servers;
     std::unique_ptr<image_server> m_images;
     std::vector<std::jthread> m_threads;
-    int m_signals = -1;
     bool m_input_open;
     std::string m_typed;
     phase m_phase = phase::gathering;
@@ -70,21 +70,8 @@ private:
     bool m_interrupted = false;
 };
 
-// Signals arrive on a descriptor; the threads started later inherit the mask.
-static int open_signals()
-{
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-}
-
 network::network(const network_options& options)
-    : m_options(options), m_out(options.console), m_signals(open_signals()),
-      m_input_open(options.read_commands)
+    : m_options(options), m_out(options.console), m_input_open(options.read_commands)
 {
     if (!options.with_servers)
         m_tracker.count_only();
@@ -140,11 +127,11 @@ int network::run()
 
 void network::wait_and_read()
 {
-    std::array<pollfd, 2> waiting{{{m_signals, POLLIN, 0}, {m_input_open ? STDIN_FILENO : -1, POLLIN, 0}}};
+    std::array<pollfd, 2> waiting{
+        {{m_signals.descriptor(), POLLIN, 0}, {m_input_open ? STDIN_FILENO : -1, POLLIN, 0}}};
     poll(waiting.data(), waiting.size(), static_cast<int>(std::chrono::milliseconds{tick}.count()));
     if (waiting[0].revents != 0) {
-        signalfd_siginfo info{};
-        [[maybe_unused]] const ssize_t got = read(m_signals, &info, sizeof info);
+        m_signals.take();
         m_interrupted = true;
         enter(phase::over);
     }

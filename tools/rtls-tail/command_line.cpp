@@ -1,10 +1,12 @@
 #include "rtls-tail/command_line.h"
 
-#include "recording/files.h"
+#include "common/output.h"
+#include "common/texts.h"
 #include "rtls-tail/filter.h"
 #include "rtls-tail/lines.h"
 #include "rtls-tail/statistics.h"
 #include "tap/program.h"
+#include "tap/recorded.h"
 #include "tap/subscriber.h"
 
 #include <CLI/CLI.hpp>
@@ -109,7 +111,7 @@ void follower::show(const sight& it, uint64_t now_ns)
     if (m_asked.is_counting)
         m_statistics.note(it, now_ns);
     else
-        m_has_reader = tap::print(m_asked.as_json ? json_line(it) : readable_line(it));
+        m_has_reader = tools::print(m_asked.as_json ? json_line(it) : readable_line(it));
 }
 
 void follower::show(const tap_message& message, uint64_t now_ns)
@@ -121,8 +123,8 @@ void follower::show(const tap_message& message, uint64_t now_ns)
 
 void follower::tell_statistics()
 {
-    m_has_reader = tap::print(m_asked.as_json ? m_statistics.as_json(m_numbers).dump() + "\n"
-                                              : m_statistics.as_table(m_numbers));
+    m_has_reader = tools::print(m_asked.as_json ? tools::json_text(m_statistics.as_json(m_numbers)) + "\n"
+                                                : m_statistics.as_table(m_numbers));
     m_statistics.reset();
 }
 
@@ -143,18 +145,13 @@ exit_status follower::ended()
 
 exit_status follower::read_file()
 {
-    const auto source = open_recording(m_asked.file);
-    pcapng_reader reader{*source};
+    tap::recorded recording{m_asked.file};
     tap_message message;
-    reading state = reading::message;
-    while (!is_over() && (state = reader.next(message)) == reading::message)
+    while (!is_over() && recording.next(message))
         if (passes(m_asked.from.topics, message.topic))
             show(message, message.head.clock_ns);
     const exit_status status = ended();
-    if (state == reading::cut)
-        m_program.note(fmt::format("{} ends within a block", m_asked.file));
-    if (state == reading::damaged)
-        throw tap::failure(exit_status::failed, fmt::format("{}: {}", m_asked.file, reader.reason()));
+    recording.end(m_program);
     return status;
 }
 
@@ -175,11 +172,11 @@ exit_status follower::follow_tap()
         if (what == arrival::message)
             show(message, wall_clock_ns());
         else
-            m_has_reader = m_has_reader && tap::flush_output();
+            m_has_reader = m_has_reader && tools::flush_output();
         tell_in_time();
     }
     if (what == arrival::nobody)
-        throw tap::failure(exit_status::unreachable, "nobody answers at " + m_asked.from.endpoint);
+        throw tap::failure(exit_status::unreachable, source.why_nobody());
     return ended();
 }
 
@@ -194,6 +191,7 @@ static void add_whence(CLI::App& app, request& asked)
         ->type_name("SECONDS")
         ->check(CLI::NonNegativeNumber)
         ->group(group);
+    tap::add_certificate_options(app, asked.from.certificates, group);
 }
 
 static void add_filters(CLI::App& app, request& asked)
@@ -220,9 +218,10 @@ static void add_how(CLI::App& app, request& asked)
 {
     const char* const group = "How it is told";
     app.add_flag("--json", asked.as_json, "A JSON object a line")->group(group);
-    CLI::Option* stats = app.add_flag("--stats", asked.is_counting,
-                                      "Rates by kind and bridge, repeats, what is missing, age of reports")
-                             ->group(group);
+    CLI::Option* stats =
+        app.add_flag("--stats", asked.is_counting,
+                     "Rates by kind and bridge, repeats, what is missing, gaps, age of reports")
+            ->group(group);
     app.add_option("--every", asked.every, "Tell these so often, of the time since; without, in the end")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber)
@@ -247,7 +246,7 @@ static void settle(request& asked)
         asked.from.topics.emplace_back("link/");
 }
 
-int run_command_line(const std::vector<std::string>& arguments)
+int run_command_line(const tools::arguments& arguments)
 {
     request asked;
     tap::program program{"rtls-tail", "Shows what passes a gateway, from its tap or a recording.", footer};

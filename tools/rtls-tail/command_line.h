@@ -1,15 +1,15 @@
 // command_line - the options of rtls-tail, and its run.
 //
+// Ownership  None.
 // Threads    The main thread.
 // Failures   Told on the error output; the status says which kind, see tap/failure.h.
 #pragma once
 
-#include <string>
-#include <vector>
+#include "common/program.h"
 
 namespace tail {
 
 // Runs the program; its exit status. `arguments`: without its name.
-int run_command_line(const std::vector<std::string>& arguments);
+int run_command_line(const tools::arguments& arguments);
 
 } // namespace tail

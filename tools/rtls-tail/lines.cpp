@@ -1,10 +1,10 @@
 #include "rtls-tail/lines.h"
 
+#include "common/texts.h"
 #include "decode/json.h"
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <ctime>
 
 namespace tail {
@@ -21,11 +21,6 @@ std::string time_text(uint64_t clock_ns)
                        parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, clock_ns / 1000 % 1'000'000);
 }
 
-static std::string dumped(const ordered_json& object)
-{
-    return object.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
-}
-
 // "name=value" for each field; of those within others "outer.name=value".
 static void add_fields(std::string& text, const ordered_json& object, const std::string& path)
 {
@@ -34,15 +29,8 @@ static void add_fields(std::string& text, const ordered_json& object, const std:
             add_fields(text, value, path + name + ".");
         else
             text += fmt::format(" {}{}={}", path, name,
-                                value.is_string() ? value.get<std::string>() : dumped(value));
+                                value.is_string() ? value.get<std::string>() : tools::json_text(value));
     }
-}
-
-static std::string printable(std::string text)
-{
-    std::ranges::replace_if(
-        text, [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-    return text;
 }
 
 std::string readable_line(const sight& it)
@@ -53,7 +41,7 @@ std::string readable_line(const sight& it)
     for (const char* said : {"direction", "kind", "event"})
         fields.erase(said);
     add_fields(text, fields, "");
-    return printable(std::move(text)) + "\n";
+    return tools::printable(text) + "\n";
 }
 
 std::string json_line(const sight& it)
@@ -68,7 +56,7 @@ std::string json_line(const sight& it)
         line["event"] = it.event;
     else
         line["message"] = rtls::decode::to_json(it.message);
-    return dumped(line) + "\n";
+    return tools::json_text(line) + "\n";
 }
 
 } // namespace tail

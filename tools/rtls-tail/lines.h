@@ -2,7 +2,9 @@
 //
 // Ownership  Values.
 // Threads    Any; pure.
-// Bytes      UTF-8; what would move a terminal's cursor is shown as "?".
+// Bytes      UTF-8. What would move a terminal's cursor, and what is no UTF-8, is shown as \xNN, in JSON as \u00NN and
+//            as U+FFFD.
+// Failures   Of memory: std::bad_alloc.
 #pragma once
 
 #include "rtls-tail/viewer.h"

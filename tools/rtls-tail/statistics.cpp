@@ -1,5 +1,6 @@
 #include "rtls-tail/statistics.h"
 
+#include "common/texts.h"
 #include "rtls-tail/lines.h"
 
 #include <fmt/format.h>
@@ -46,6 +47,14 @@ static double number_in(const sight& it, const char* name)
     return number ? static_cast<double>(*number) : 0;
 }
 
+// Messages that are no reports have numbers, too: of a node that sends such, reports alone show gaps.
+void statistics::note_sequence(const sight& it)
+{
+    const auto* field = report_in(it) ? rtls::decode::find(it.message.fields, "seqNo") : nullptr;
+    if (const auto* number = field ? std::get_if<int64_t>(field) : nullptr)
+        m_sequences.note(it.from->topic, static_cast<uint8_t>(*number));
+}
+
 void statistics::note_age(const sight& it, uint64_t now_ns)
 {
     if (!report_in(it))
@@ -71,6 +80,7 @@ void statistics::note(const sight& it, uint64_t now_ns)
         ++of->messages;
         of->repeats += is_same ? 1 : 0;
     }
+    note_sequence(it);
     note_age(it, now_ns);
 }
 
@@ -79,6 +89,7 @@ void statistics::reset()
     m_first_ns = m_last_ns = m_messages = 0;
     m_kinds.clear();
     m_bridges.clear();
+    m_sequences.reset();
     m_ages_ms.clear();
     m_next_age = 0;
 }
@@ -124,6 +135,12 @@ ordered_json statistics::as_json(const tap::running_numbers& numbers) const
     ordered_json& missing = told["missing"] = ordered_json::object();
     for (size_t i = 0; i + 1 < class_count; ++i)
         missing[class_name(static_cast<message_class>(i))] = numbers.missed(static_cast<message_class>(i));
+    const sequence_gaps::counts& numbers_of_nodes = m_sequences.found();
+    told["sequences"] = {{"gaps", numbers_of_nodes.gaps},
+                         {"missing", numbers_of_nodes.missing},
+                         {"repeats", numbers_of_nodes.repeats},
+                         {"late", numbers_of_nodes.late},
+                         {"resets", numbers_of_nodes.resets}};
     if (!m_ages_ms.empty())
         told["age_ms"] = {{"reports", m_ages_ms.size()},
                           {"least", rounded(age_at(0))},
@@ -141,12 +158,15 @@ std::string statistics::as_table(const tap::running_numbers& numbers) const
     for (const auto& [title, all] : {std::pair{"KIND", &m_kinds}, std::pair{"BRIDGE", &m_bridges}}) {
         text += fmt::format("{:<36} {:>10} {:>10} {:>10}\n", title, "MESSAGES", "PER SECOND", "REPEATS");
         for (const auto& [name, it] : *all)
-            text += fmt::format("{:<36} {:>10} {:>10.3f} {:>10}\n", name, it.messages, rate(it.messages),
-                                it.repeats);
+            text += fmt::format("{:<36} {:>10} {:>10.3f} {:>10}\n", tools::printable(name), it.messages,
+                                rate(it.messages), it.repeats);
     }
     text += "missing by their numbers:";
     for (const auto& [name, missing] : told["missing"].items())
         text += fmt::format(" {} {}", name, missing.dump());
+    text += "\nsequence numbers of nodes:";
+    for (const auto& [name, count] : told["sequences"].items())
+        text += fmt::format(" {} {}", name, count.dump());
     if (told.contains("age_ms"))
         text += fmt::format("\nms from generation: least {}, median {}, 99 % {}, most {}",
                             told["age_ms"]["least"].dump(), told["age_ms"]["median"].dump(),

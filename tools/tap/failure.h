@@ -2,10 +2,10 @@
 //
 // Ownership  A value.
 // Threads    Any.
+// Failures   Of memory: std::bad_alloc.
 #pragma once
 
-#include <stdexcept>
-#include <string>
+#include "common/failure.h"
 
 namespace tap {
 
@@ -18,14 +18,6 @@ enum class exit_status : int {
     incomplete = 4,  // done, but messages were missed, or something differs
 };
 
-// `what` is one sentence without an end, as in "nobody answers at tcp://127.0.0.1:1".
-class failure : public std::runtime_error {
-public:
-    failure(exit_status status, const std::string& why) : std::runtime_error(why), m_status(status) {}
-    exit_status status() const { return m_status; }
-
-private:
-    exit_status m_status;
-};
+using failure = tools::failure_with<exit_status>;
 
 } // namespace tap

@@ -5,16 +5,12 @@
 // Failures   Told on the error output; the status says which kind, see failure.h.
 #pragma once
 
+#include "common/program.h"
 #include "tap/failure.h"
 
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
-
-namespace CLI { // NOLINT(readability-identifier-naming): the library is called so
-class App;
-}
 
 namespace tap {
 
@@ -28,26 +24,17 @@ public:
 
     // To add options to. --help, --version and --completion are there.
     CLI::App& options() { return *m_app; }
-    const std::string& name() const { return m_name; }
-    // Parses `arguments`, which are without the program's name, and acts; the exit status.
-    int run(const std::vector<std::string>& arguments, const std::function<exit_status()>& act);
+    // Parses what was given and acts; the exit status.
+    int run(const tools::arguments& given, const std::function<exit_status()>& act);
     // A line on the error output.
-    void note(const std::string& text) const;
+    void note(const std::string& text) const { tools::note(m_name, text); }
 
 private:
     exit_status acted(const std::function<exit_status()>& act) const;
-    void print_completion() const;
 
     std::string m_name;
     std::unique_ptr<CLI::App> m_app;
     std::string m_shell;
 };
-
-// The last thing that main does: `run` with what it was started with. Whoever reads may leave.
-int run_main(int argc, char** argv, int (*run)(const std::vector<std::string>& arguments));
-
-// On the output. False when nobody reads any more; no room for it is a failure.
-bool print(const std::string& text);
-bool flush_output();
 
 } // namespace tap

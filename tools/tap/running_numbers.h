@@ -2,6 +2,7 @@
 //
 // Ownership  A value.
 // Threads    One.
+// Failures   Of memory: std::bad_alloc. Numbers may be anything: what is missing is a difference, never a loop.
 #pragma once
 
 #include "recording/tap_message.h"

@@ -5,9 +5,6 @@
 
 #include <fmt/format.h>
 
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <csignal>
 #include <cstring>
@@ -22,6 +19,9 @@ static constexpr char watch_endpoint[] = "inproc://tap-link";
 static constexpr int queue_limit = 100'000;
 // Until it is said that nobody answers.
 static constexpr std::chrono::milliseconds notice_after{2000};
+static constexpr int handshake_failed = ZMQ_EVENT_HANDSHAKE_FAILED_AUTH |
+                                        ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL |
+                                        ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL;
 
 struct subscriber::sockets {
     context_ptr context{zmq_ctx_new()};
@@ -29,20 +29,25 @@ struct subscriber::sockets {
     socket_ptr watch; // what happens to the connection
 };
 
-// Blocked before ZeroMQ starts its threads, so that no thread takes them another way.
-static int block_signals()
+static void set_key(void* socket, int option, const std::string& key)
 {
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    return ::signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (zmq_setsockopt(socket, option, key.c_str(), key.size() + 1) != 0)
+        throw failure(exit_status::usage, fmt::format("the keys of the certificates cannot be used: {}",
+                                                      zmq_strerror(zmq_errno())));
+}
+
+static void encrypt(void* socket, const curve_keys& keys)
+{
+    set_key(socket, ZMQ_CURVE_SERVERKEY, keys.gateway);
+    set_key(socket, ZMQ_CURVE_PUBLICKEY, keys.own_public);
+    set_key(socket, ZMQ_CURVE_SECRETKEY, keys.own_secret);
 }
 
 static void subscribe(void* socket, const subscription& wanted)
 {
     zmq_setsockopt(socket, ZMQ_RCVHWM, &queue_limit, sizeof queue_limit);
+    if (wanted.certificates.are_named())
+        encrypt(socket, read_certificates(wanted.certificates));
     if (wanted.topics.empty())
         zmq_setsockopt(socket, ZMQ_SUBSCRIBE, "", 0);
     for (const std::string& topic : wanted.topics)
@@ -53,14 +58,14 @@ static void subscribe(void* socket, const subscription& wanted)
 }
 
 subscriber::subscriber(const subscription& wanted, note_function note)
-    : m_wanted(wanted), m_note(std::move(note)), m_signals(block_signals()),
+    : m_wanted(wanted), m_note(std::move(note)), m_signals{SIGINT, SIGTERM},
       m_sockets(std::make_unique<sockets>())
 {
     const context_ptr& context = m_sockets->context;
     m_sockets->tap = new_socket(context, ZMQ_SUB);
     m_sockets->watch = new_socket(context, ZMQ_PAIR);
     zmq_socket_monitor(m_sockets->tap.get(), watch_endpoint,
-                       ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED);
+                       ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED | handshake_failed);
     zmq_connect(m_sockets->watch.get(), watch_endpoint);
     subscribe(m_sockets->tap.get(), m_wanted);
 }
@@ -70,7 +75,6 @@ subscriber::~subscriber()
     if (m_sockets->tap)
         zmq_socket_monitor(m_sockets->tap.get(), nullptr, 0);
     m_sockets.reset();
-    ::close(m_signals);
 }
 
 // --- One message
@@ -93,6 +97,18 @@ bool subscriber::take(tap_message& message)
 
 // --- The connection
 
+void subscriber::note_event(int what)
+{
+    if (what == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+        if (m_was_linked || m_said_nobody)
+            m_note("connected to the tap");
+        m_was_linked = true;
+    } else if (m_was_linked && what == ZMQ_EVENT_DISCONNECTED)
+        m_note("the tap is gone; waiting for it");
+    else if (!m_was_linked)
+        m_was_refused = true;
+}
+
 void subscriber::watch_link()
 {
     for (auto frames = receive_frames(m_sockets->watch.get()); !frames.empty();
@@ -101,20 +117,18 @@ void subscriber::watch_link()
         if (frames[0].size() < sizeof what)
             continue;
         std::memcpy(&what, frames[0].data(), sizeof what);
-        if (what == ZMQ_EVENT_DISCONNECTED && m_was_linked)
-            m_note("the tap is gone; waiting for it");
-        else if (what == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
-            if (m_was_linked || m_said_nobody)
-                m_note("connected to the tap");
-            m_was_linked = true;
-        }
+        note_event(what);
     }
 }
 
-bool subscriber::was_stopped() const
+std::string subscriber::why_nobody() const
 {
-    signalfd_siginfo which{};
-    return ::read(m_signals, &which, sizeof which) == sizeof which;
+    if (!m_was_refused)
+        return fmt::format("nobody answers at {}", m_wanted.endpoint);
+    return fmt::format("{} does not let us in: {}", m_wanted.endpoint,
+                       m_wanted.certificates.are_named()
+                           ? "it is not encrypted, or knows other certificates"
+                           : "it is no tap, or an encrypted one (--certificate)");
 }
 
 // No longer than to the time when it is to be said that nobody answers.
@@ -133,7 +147,7 @@ bool subscriber::has_given_up()
     if (m_wanted.patience > 0 && waited.count() >= m_wanted.patience)
         return true;
     if (!m_said_nobody && waited >= notice_after) {
-        m_note(fmt::format("nobody answers at {} yet", m_wanted.endpoint));
+        m_note(why_nobody() + (m_was_refused ? "" : " yet"));
         m_said_nobody = true;
     }
     return false;
@@ -143,9 +157,9 @@ arrival subscriber::next(tap_message& message, std::chrono::milliseconds within)
 {
     zmq_pollitem_t items[] = {{m_sockets->tap.get(), 0, ZMQ_POLLIN, 0},
                               {m_sockets->watch.get(), 0, ZMQ_POLLIN, 0},
-                              {nullptr, m_signals, ZMQ_POLLIN, 0}};
+                              {nullptr, m_signals.descriptor(), ZMQ_POLLIN, 0}};
     zmq_poll(items, 3, until_notice(within).count());
-    if (items[2].revents != 0 && was_stopped())
+    if (items[2].revents != 0 && m_signals.take())
         return arrival::stopped;
     if (items[1].revents != 0)
         watch_link();

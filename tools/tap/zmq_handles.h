@@ -2,7 +2,8 @@
 //
 // Ownership  A context ends when its sockets are closed: declare it before them. Sockets do not linger.
 // Threads    A socket is its thread's.
-// Blocking   Nothing here waits.
+// Blocking   Nothing here waits, but for the end of a context whose sockets are open.
+// Failures   std::bad_alloc for a socket that cannot be made: no memory, or no descriptor.
 #pragma once
 
 #include <zmq.h>

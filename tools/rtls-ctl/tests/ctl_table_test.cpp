@@ -59,24 +59,4 @@ TEST(ctl_table, titles_stand_over_rows_alone)
               "\033[1mMAC                ROLE    LIVES  NOTE\033[0m");
 }
 
-TEST(ctl_screen, shows_nothing_that_moves_the_cursor)
-{
-    const struct {
-        const char* given;
-        std::string text;
-        std::string then;
-    } cases[] = {
-        {"plain text", "a ~", "a ~"},
-        {"an escape", "\033[2J", "\\x1b[2J"},
-        {"control characters", std::string{"\0\n\x7f", 3}, "\\x00\\x0a\\x7f"},
-        {"UTF-8 of any length", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80",
-         "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
-        {"a control character of two bytes", "\xc2\x9b", "\\xc2\\x9b"},
-        {"bytes that are no character", "\xff\xc3(\xe2\x82", "\\xff\\xc3(\\xe2\\x82"},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(printable(c.text), c.then) << c.given;
-    EXPECT_EQ(text_width("caf\xc3\xa9"), 4u);
-}
-
 } // namespace ctl

@@ -1,13 +1,18 @@
-// completion - what a shell needs to complete this program's command line, out of the command line's description.
+// description - a command line's options and subcommands, as they describe themselves.
 //
 // Ownership  Values.
 // Threads    Any; pure.
+// Failures   Of memory: std::bad_alloc.
 #pragma once
 
 #include <string>
 #include <vector>
 
-namespace ctl {
+namespace CLI { // NOLINT(readability-identifier-naming): the library is called so
+class App;
+}
+
+namespace tools {
 
 struct described_option {
     std::vector<std::string> names;   // "-g", "--gateway"; none: by its place
@@ -24,7 +29,6 @@ struct described_command {
     std::vector<described_command> commands;
 };
 
-std::string bash_completion(const described_command& program);
-std::string zsh_completion(const described_command& program);
+described_command described(const CLI::App& app);
 
-} // namespace ctl
+} // namespace tools

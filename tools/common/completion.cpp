@@ -1,4 +1,4 @@
-#include "completion.h"
+#include "common/completion.h"
 
 #include <fmt/format.h>
 
@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-namespace ctl {
+namespace tools {
 
 namespace {
 
@@ -19,6 +19,7 @@ struct offered_word {
 struct place {
     std::string path;
     std::vector<offered_word> words;
+    bool takes_files = false;
 };
 
 // An option that wants a value: what may be one; none when that is free.
@@ -28,7 +29,10 @@ struct valued_option {
     bool is_file = false;
 };
 
+// As a shell loads it: what is offered where, and who asks.
 struct description {
+    std::string program;
+    std::string function; // as a shell may call one
     std::vector<place> places;
     std::vector<valued_option> options;
 };
@@ -45,6 +49,7 @@ static void add_option(description& all, place& here, const described_option& op
 {
     for (const std::string& word : option.names.empty() ? option.choices : option.names)
         offer(here, word, option.meaning);
+    here.takes_files |= option.names.empty() && option.is_file;
     if (option.names.empty() || !option.has_value)
         return;
     const std::string names = fmt::format("{}", fmt::join(option.names, "|"));
@@ -55,7 +60,7 @@ static void add_option(description& all, place& here, const described_option& op
 // `way`: the program, and the commands that lead here.
 static void describe(description& all, std::vector<const described_command*> way, const std::string& path)
 {
-    place here{path, {}};
+    place here{path, {}, false};
     const described_command& command = *way.back();
     for (const described_command& sub : command.commands)
         offer(here, sub.name, sub.meaning);
@@ -73,7 +78,8 @@ static void describe(description& all, std::vector<const described_command*> way
 
 static description describe(const described_command& program)
 {
-    description all;
+    description all{program.name, "_" + program.name, {}, {}};
+    std::ranges::replace(all.function, '-', '_');
     describe(all, {&program}, "");
     return all;
 }
@@ -104,10 +110,13 @@ static std::string names_with_values(const description& all)
     return fmt::format("{}", fmt::join(names, "|"));
 }
 
-// Walks over the words before the one that is typed, in either shell: `place` gets the subcommands among them.
+// Walks over the words before the one that is typed, in either shell: `place` gets the subcommands among them. Of a
+// program without any it is empty.
 static std::string path_loop(const description& all, const char* first, const char* words,
                              const char* current)
 {
+    if (all.places.size() == 1)
+        return "    local place=''\n";
     return fmt::format(R"(    local place='' skip='' i word
     for ((i = {}; i < {}; i++)); do
         word=${{{}[i]}}
@@ -119,24 +128,36 @@ static std::string path_loop(const description& all, const char* first, const ch
                        first, current, words, names_with_values(all), paths_of(all));
 }
 
-std::string bash_completion(const described_command& program)
+static std::string head_of(const description& all, const char* shell, std::string_view asked_by)
 {
-    const description all = describe(program);
-    std::string text = "# Completion for bash, by: rtls-ctl completion bash\n_rtls_ctl() {\n"
-                       "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} words=''\n" +
-                       path_loop(all, "1", "COMP_WORDS", "COMP_CWORD") + "    case \"$prev\" in\n";
+    return fmt::format("# Completion for {0}, by: {1} {2} {0}\n{3}() {{\n", shell, all.program, asked_by,
+                       all.function);
+}
+
+static std::string words_of(const place& it)
+{
+    std::string words;
+    for (const offered_word& word : it.words)
+        words += (words.empty() ? "" : " ") + word.text;
+    return quoted(words);
+}
+
+static std::string bash_completion(const description& all, std::string_view asked_by)
+{
+    std::string text =
+        head_of(all, "bash", asked_by) +
+        "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} words='' files=''\n" +
+        path_loop(all, "1", "COMP_WORDS", "COMP_CWORD") + "    case \"$prev\" in\n";
     for (const valued_option& it : all.options)
         text += fmt::format("    {}) COMPREPLY=($(compgen {} -- \"$cur\")); return ;;\n", it.names,
                             it.is_file ? "-f" : "-W " + quoted(fmt::format("{}", fmt::join(it.values, " "))));
     text += "    esac\n    case \"$place\" in\n";
-    for (const place& it : all.places) {
-        std::string words;
-        for (const offered_word& word : it.words)
-            words += (words.empty() ? "" : " ") + word.text;
-        text += fmt::format("    {}) words={} ;;\n", quoted(it.path), quoted(words));
-    }
-    return text + "    esac\n    COMPREPLY=($(compgen -W \"$words\" -- \"$cur\"))\n}\n"
-                  "complete -F _rtls_ctl rtls-ctl\n";
+    for (const place& it : all.places)
+        text += fmt::format("    {}) words={}{} ;;\n", quoted(it.path), words_of(it),
+                            it.takes_files ? " files=-f" : "");
+    return text + fmt::format("    esac\n    COMPREPLY=($(compgen $files -W \"$words\" -- \"$cur\"))\n}}\n"
+                              "complete -o filenames -F {} {}\n",
+                              all.function, all.program);
 }
 
 // What _describe takes: "word:meaning", in which a colon of the word would be escaped.
@@ -148,11 +169,10 @@ static std::string zsh_words(const place& it)
     return text;
 }
 
-std::string zsh_completion(const described_command& program)
+static std::string zsh_completion(const description& all, std::string_view asked_by)
 {
-    const description all = describe(program);
-    std::string text = "#compdef rtls-ctl\n# Completion for zsh, by: rtls-ctl completion zsh\n_rtls_ctl() {\n"
-                       "    local -a offered\n" +
+    std::string text = fmt::format("#compdef {}\n", all.program) + head_of(all, "zsh", asked_by) +
+                       "    local -a offered\n    local files=''\n" +
                        path_loop(all, "2", "words", "CURRENT") + "    case \"${words[CURRENT-1]}\" in\n";
     for (const valued_option& it : all.options)
         text += fmt::format("    {}) {}; return ;;\n", it.names,
@@ -161,10 +181,18 @@ std::string zsh_completion(const described_command& program)
                                                 : fmt::format("compadd -- {}", fmt::join(it.values, " ")));
     text += "    esac\n    case \"$place\" in\n";
     for (const place& it : all.places)
-        text += fmt::format("    {}) offered=({} ) ;;\n", quoted(it.path), zsh_words(it));
-    return text + "    esac\n    _describe 'rtls-ctl' offered\n}\n"
-                  "if [[ ${funcstack[1]} == _rtls_ctl ]]; then _rtls_ctl \"$@\"; else compdef _rtls_ctl "
-                  "rtls-ctl; fi\n";
+        text += fmt::format("    {}) offered=({} ){} ;;\n", quoted(it.path), zsh_words(it),
+                            it.takes_files ? " files=1" : "");
+    return text +
+           fmt::format("    esac\n    _describe '{0}' offered\n    [[ -z $files ]] || _files\n}}\n"
+                       "if [[ ${{funcstack[1]}} == {1} ]]; then {1} \"$@\"; else compdef {1} {0}; fi\n",
+                       all.program, all.function);
 }
 
-} // namespace ctl
+std::string completion(const described_command& program, std::string_view shell, std::string_view asked_by)
+{
+    const description all = describe(program);
+    return shell == "bash" ? bash_completion(all, asked_by) : zsh_completion(all, asked_by);
+}
+
+} // namespace tools
