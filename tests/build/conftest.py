@@ -39,5 +39,22 @@ def pytest_collection_modifyitems(items):
 
 
 @pytest.fixture(scope="session")
+def prefix(build, tmp_path_factory) -> pathlib.Path:
+    """Where everything is installed once."""
+    prefix = tmp_path_factory.mktemp("prefix")
+    run("cmake", "--install", build.folder, "--prefix", prefix)
+    return prefix
+
+
+@pytest.fixture(scope="session")
+def programs(build, prefix) -> list:
+    """All programs that are installed, by the installation's own list."""
+    files = [pathlib.Path(line) for line in (build.folder / "install_manifest.txt").read_text().splitlines()]
+    found = sorted(file for file in files if file.parent in (prefix / "bin", prefix / "sbin"))
+    assert len(found) > 2
+    return found
+
+
+@pytest.fixture(scope="session")
 def build() -> Build:
     return Build(pathlib.Path(os.environ.get("RTLS_BUILD_DIR", ROOT / "build" / "release")))

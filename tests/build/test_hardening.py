@@ -2,9 +2,6 @@
 import pytest
 from conftest import run
 
-PROGRAMS = ["rtls-gateway", "rtls-sim", "rtls-gateway-check"]
-
-
 @pytest.fixture(autouse=True)
 def not_sanitized(build):
     if build.sanitized:
@@ -15,32 +12,32 @@ def readelf(option, file) -> str:
     return run("readelf", "--wide", option, file)
 
 
-@pytest.mark.parametrize("program", PROGRAMS)
-def test_the_program_lies_at_another_address_each_time(build, program):
-    header = readelf("--file-header", build.folder / program)
-    assert "DYN (Position-Independent Executable file)" in header
+def test_each_program_lies_at_another_address_each_time(programs):
+    for program in programs:
+        assert "DYN (Position-Independent Executable file)" in readelf("--file-header", program), program
 
 
-@pytest.mark.parametrize("program", PROGRAMS)
-def test_what_the_linker_fills_in_is_complete_and_read_only_before_main(build, program):
-    assert "GNU_RELRO" in readelf("--program-headers", build.folder / program)
-    dynamic = readelf("--dynamic", build.folder / program)
-    assert "BIND_NOW" in dynamic
-    assert "RPATH" not in dynamic and "RUNPATH" not in dynamic, "libraries come from the system's folders alone"
+def test_what_the_linker_fills_in_is_complete_and_read_only_before_main(build, programs):
+    for program in programs:
+        assert "GNU_RELRO" in readelf("--program-headers", program), program
+        assert "BIND_NOW" in readelf("--dynamic", program), program
+        for file in (program, build.folder / program.name):
+            dynamic = readelf("--dynamic", file)
+            assert "RPATH" not in dynamic and "RUNPATH" not in dynamic, f"{file}: libraries come from the system's folders alone"
 
 
-@pytest.mark.parametrize("program", PROGRAMS)
-def test_nothing_is_writable_and_executable(build, program):
-    segments = [line.split() for line in readelf("--program-headers", build.folder / program).splitlines()]
-    stack = [fields for fields in segments if fields[:1] == ["GNU_STACK"]]
-    assert [fields[6:-1] for fields in stack] == [["RW"]], "the stack is not executable"
-    loaded = ["".join(fields[6:-1]) for fields in segments if fields[:1] == ["LOAD"]]
-    assert loaded and not [flags for flags in loaded if "W" in flags and "E" in flags]
+def test_nothing_is_writable_and_executable(programs):
+    for program in programs:
+        segments = [line.split() for line in readelf("--program-headers", program).splitlines()]
+        stack = [fields for fields in segments if fields[:1] == ["GNU_STACK"]]
+        assert [fields[6:-1] for fields in stack] == [["RW"]], f"{program}: the stack is not executable"
+        loaded = ["".join(fields[6:-1]) for fields in segments if fields[:1] == ["LOAD"]]
+        assert loaded and not [flags for flags in loaded if "W" in flags and "E" in flags], program
 
 
-@pytest.mark.parametrize("program", PROGRAMS)
-def test_an_overwritten_stack_is_noticed(build, program):
-    assert "__stack_chk_fail" in readelf("--dyn-syms", build.folder / program)
+def test_an_overwritten_stack_is_noticed(programs):
+    for program in programs:
+        assert "__stack_chk_fail" in readelf("--dyn-syms", program), program
 
 
 def test_calls_of_libc_know_how_much_room_there_is(build):
