@@ -19,8 +19,9 @@ using tap::exit_status;
 using clock = std::chrono::steady_clock;
 
 static const char* const footer =
-    R"(The file is made when the tap answers. With --max-size or --max-seconds the files are numbered: site-00001.pcapng.zst and so on, behind those
-that are there. Ctrl-C or SIGTERM end the file properly. Messages that are missing by their numbers are told on the error output.
+    R"(The file is made when the tap answers. With --max-size or --max-seconds the files are numbered, behind those that
+are there: site-00001.pcapng.zst and so on.
+Ctrl-C or SIGTERM end the file properly. Messages that are missing by their numbers are told on the error output.
 Examples:
   rtls-record --tap tcp://127.0.0.1:5559 fault.pcapng
   rtls-record --tap tcp://127.0.0.1:5559 --topic link/in --topic report --seconds 60 minute.pcapng
@@ -29,7 +30,7 @@ Exit status:
   0  done
   1  a file cannot be written
   2  the command line is wrong; nothing was done
-  3  nobody answers at the endpoint (with --timeout)
+  3  nobody answers at the endpoint, or lets us in (with --timeout)
   4  done, but messages are missing)";
 
 namespace {

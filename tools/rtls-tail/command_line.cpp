@@ -34,7 +34,7 @@ Exit status:
   0  done
   1  the recording cannot be read, or is damaged: what was before is shown
   2  the command line is wrong; nothing was done
-  3  nobody answers at the endpoint (with --timeout)
+  3  nobody answers at the endpoint, or lets us in (with --timeout)
   4  done, but messages are missing by their numbers)";
 
 namespace {
