@@ -169,7 +169,6 @@ void write_to_port(dispatch_world& world, const bytes_t& bytes)
             std::this_thread::yield();
     // The library has read it, and is about to hand it over.
     std::this_thread::sleep_for(std::chrono::milliseconds{5});
-    world.server().last_win_event = 0; // else the port waits for more, by the clock
 }
 
 // From the bridges' connections to the servers.

@@ -48,6 +48,9 @@ public:
     void post(std::function<void()> call) noexcept;
     void post(prepared_call&& call) noexcept;
 
+    // Readable while there are calls; the queue's. -1: there is none.
+    int descriptor() const noexcept { return m_wake_up.get(); }
+
     // Makes the calls that are there.
     void make_calls() noexcept;
 

@@ -110,7 +110,6 @@ struct WIN_SERVER_t {
     size_t undrained_bytes = 0;      // and what has been handled since then
     int64_t undrained_cost_from = 0; // the thread's processor time, in us, at the first large event; 0: none
     refusal_episode lines_left_out;  // while it has not been drained for long
-    int64_t last_win_event = 0;      // zclock_usecs of when the WIN port was last drained
     int64_t supervised_since = 0;    // zclock_mono of when the first period of the client checks began
     int64_t last_client_check = 0;   // number of the period in which clients were last checked
 

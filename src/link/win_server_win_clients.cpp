@@ -5,6 +5,7 @@
 #include "base/message_part.h"
 #include "base/null_check.h"
 #include "base/peer.h"
+#include "link/port_stay.h"
 #include "link/sending.h"
 #include "link/silent_ends.h"
 #include "link/tapped.h"
@@ -18,20 +19,13 @@
 
 namespace rtls {
 
-// The most events and bytes that one call of the reader takes: many for the intake, few enough for the other
-// sockets. Within a call, the stream socket gives one event of each connection that has some in turn, and
+// The most events and bytes that the reader takes before it looks for the others' news: many for the intake, few
+// enough for the other sockets. Within such a turn, the stream socket gives one event of each connection that has some in turn, and
 // none of them has more than 8 KiB: nobody's flood comes before somebody else's word.
-static constexpr int events_per_call = 64;
-static constexpr size_t bytes_per_call = size_t{64} * 1024;
+static constexpr int events_per_turn = 64;
+static constexpr size_t bytes_per_turn = size_t{64} * 1024;
 
 static constexpr size_t large_event = 1024; // whose cost is asked after
-
-// While events come this close behind one another, the reader lets some more gather before it takes them,
-// for up to a millisecond a call. Waking up for each report, and having the loop ask every socket for
-// news in between, would cost several times what the report itself does.
-static constexpr int64_t busy_gap_us = 300;
-static constexpr long gather_us = 100;
-static constexpr int64_t busy_call_us = 1000;
 
 static void print_new_client(WIN_SERVER_t& server, const sockaddr_in* addr, const identity_key& key)
 {
@@ -168,20 +162,6 @@ static void note_end_of_turn(WIN_SERVER_t& server)
         note_hand_overs(server, zclock_usecs());
 }
 
-// Lets events gather on a drained stream socket, if the last ones came in quick succession. False when it
-// is the turn of the loop's other sources.
-static bool let_more_gather(WIN_SERVER_t& server, int64_t call_began)
-{
-    const int64_t now = zclock_usecs();
-    note_hand_overs(server, now);
-    const bool is_busy = call_began - server.last_win_event < busy_gap_us;
-    server.last_win_event = now;
-    if (!is_busy || now - call_began >= busy_call_us)
-        return false;
-    const timespec pause{.tv_sec = 0, .tv_nsec = gather_us * 1000};
-    return nanosleep(&pause, nullptr) == 0;
-}
-
 // Of this thread.
 static int64_t processor_usecs()
 {
@@ -223,17 +203,18 @@ static void note_drained(WIN_SERVER_t& server)
     dbg_hold(false);
 }
 
-// The identity of one more event, at hand or about to come.
-static bool receive_another(message_part& identity, WIN_SERVER_t& server, void* socket, int64_t call_began)
+// The identity of one more event.
+static bool receive_another(message_part& identity, WIN_SERVER_t& server, void* socket)
 {
     if (identity.receive(socket))
         return true;
     note_drained(server);
-    return let_more_gather(server, call_began) && identity.receive(socket);
+    note_hand_overs(server, zclock_usecs());
+    return false;
 }
 
 // Handles events from the one on, whose identity is at hand. False when its data is missing.
-static bool handle_turn(WIN_SERVER_t& server, void* socket, message_part& identity, int64_t call_began)
+static bool handle_events(WIN_SERVER_t& server, void* socket, message_part& identity)
 {
     message_part data;
     size_t bytes = 0;
@@ -245,10 +226,26 @@ static bool handle_turn(WIN_SERVER_t& server, void* socket, message_part& identi
         bytes += size;
         if (size >= large_event)
             note_backlog(server, zclock_usecs(), size);
-        if (events == events_per_call || bytes >= bytes_per_call || server.intake_is_paused ||
-            !receive_another(identity, server, socket, call_began))
+        if (events == events_per_turn || bytes >= bytes_per_turn || server.intake_is_paused ||
+            !receive_another(identity, server, socket))
             return true;
     }
+}
+
+// A turn: as handle_events.
+static bool handle_turn(WIN_SERVER_t& server, void* socket, message_part& identity, int64_t began)
+{
+    const dbg_turn turn;
+    server.hand_overs_noted_at = began;
+    note_backlog(server, began, 0);
+    const bool complete = handle_events(server, socket, identity);
+    dbg_hold(false); // what others have this thread do is shown
+    // What waits on purpose is no backlog, either.
+    if (server.undrained_since != 0 && (server.intake_is_paused || !has_events(socket)))
+        note_drained(server);
+    server.cuts.carry_out(socket, server.win_port);
+    note_end_of_turn(server);
+    return complete;
 }
 
 int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
@@ -256,26 +253,21 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (any_null(__func__, loop, reader, server))
         return 1;
-    const dbg_turn turn;
     void* socket = zsock_resolve(reader);
-    const int64_t call_began = zclock_usecs();
-    server->hand_overs_noted_at = call_began;
+    int64_t began = zclock_usecs();
+    port_stay stay{*server, began};
     message_part identity;
     if (!identity.receive(socket)) {
         logger_error(g_logger, "%s: zframe_recv returned NULL!", __func__);
         return 1;
     }
-    note_backlog(*server, call_began, 0);
-    const bool complete = handle_turn(*server, socket, identity, call_began);
-    dbg_hold(false); // what others have this thread do is shown
-    // What waits on purpose is no backlog, either.
-    if (server->undrained_since != 0 && (server->intake_is_paused || !has_events(socket)))
-        note_drained(*server);
-    if (!complete)
-        log_call_error(__func__, "zframe_recv");
-    server->cuts.carry_out(socket, server->win_port);
-    note_end_of_turn(*server);
-    return complete ? 0 : 1;
+    while (handle_turn(*server, socket, identity, began)) {
+        if (!stay.goes_on(server->hand_overs_noted_at) || !identity.receive(socket))
+            return 0;
+        began = zclock_usecs();
+    }
+    log_call_error(__func__, "zframe_recv");
+    return 1;
 }
 
 // When all frames together take too much, the largest is given up, this client's or another's.

@@ -4,8 +4,8 @@
 // of no bytes is a connection made or lost. What a complete frame means is decided by the server's
 // process_frame.
 // Threads    WIN server thread.
-// Blocking   While events follow closely, a call sleeps for less than a millisecond to let more gather; else
-//            nothing waits, but what process_frame does.
+// Blocking   The reader stays at the port for some milliseconds, unless others have news (link/port_stay.h);
+//            what process_frame does may wait as it says.
 // Failures   A null argument, memory that is short and a failed read are logged. Nothing throws.
 #pragma once
 
@@ -24,7 +24,8 @@ inline constexpr size_t behind_bytes = size_t{64} * 1024;
 inline constexpr int64_t costly_us = 15'000;
 inline constexpr size_t costly_bytes = size_t{16} * 1024;
 
-// zloop reader of the WIN port: takes many events a call, so that the loop's other sources cost little.
+// zloop reader of the WIN port: takes many events a call, and waits a little for more, so that the loop's other
+// sources cost little.
 // 0, or 1 when there was nothing to take; neither ends the loop.
 int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept;
 
