@@ -15,6 +15,7 @@
 
 #include <arpa/inet.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <new>
 
@@ -249,10 +250,20 @@ static bool prepare(WIN_SERVER_t& server, zsock_t* pipe)
            register_timers(server) && register_tap(server) && make_unsent_messages(server);
 }
 
+// While the library's thread has bytes of more bridges to read, a first one shall not have it set aside for this
+// thread at once: what they say is then worked off together. A class that the site has chosen stays.
+static void give_way_to_readers()
+{
+    const sched_param none{};
+    if (sched_getscheduler(0) == SCHED_OTHER)
+        sched_setscheduler(0, SCHED_BATCH, &none); // else it costs more, no less
+}
+
 void win_server_actor(zsock_t* pipe, void* p_server) noexcept
 {
     block_all_signals();
     pthread_setname_np(pthread_self(), "rtls-win");
+    give_way_to_readers();
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (any_null(__func__, pipe, server)) {
         request_stop();
