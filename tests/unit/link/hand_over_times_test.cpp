@@ -92,7 +92,7 @@ constexpr char no_report[] = "01";
 
 } // namespace
 
-// The call's begin, and the look whether some more should gather.
+// The call's begin, and the look when the port is drained.
 constexpr int looks_of_a_call = 2;
 
 TEST(hand_over_times, a_report_costs_no_look_at_the_clock)
