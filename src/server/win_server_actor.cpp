@@ -263,7 +263,6 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
 {
     block_all_signals();
     pthread_setname_np(pthread_self(), "rtls-win");
-    give_way_to_readers();
     auto* server = static_cast<WIN_SERVER_t*>(p_server);
     if (any_null(__func__, pipe, server)) {
         request_stop();
@@ -278,7 +277,9 @@ void win_server_actor(zsock_t* pipe, void* p_server) noexcept
         request_stop();
         return;
     }
-    if (prepare(*server, pipe)) {
+    const bool is_prepared = prepare(*server, pipe);
+    give_way_to_readers(); // the threads that have been made until now do not
+    if (is_prepared) {
         server->ready = true;
         zloop_start(server->actor_loop);
         server->pulse.end();

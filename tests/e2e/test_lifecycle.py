@@ -250,6 +250,12 @@ def test_every_thread_has_a_name_of_its_own(gateway):
     wait_until(named, f"no names but {expected}")
 
 
+def test_the_bridges_thread_leaves_the_processor_to_those_who_read_for_it(gateway):
+    wait_until(lambda: os.sched_getscheduler(thread_id(gateway, "rtls-win")) == os.SCHED_BATCH, "its class")
+    assert {os.sched_getscheduler(thread) for thread, name in thread_names(gateway).items()
+            if name != "rtls-win"} == {os.SCHED_OTHER}
+
+
 def test_the_thread_that_limits_the_stop_has_a_name_of_its_own(start_gateway):
     daemon = start_gateway()
     with StoppedThread(thread_id(daemon, "rtls-terminal")):  # a stop that takes its time
