@@ -15,6 +15,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <utility>
 
 namespace rtls {
@@ -203,49 +204,62 @@ static void note_drained(WIN_SERVER_t& server)
     dbg_hold(false);
 }
 
-// The identity of one more event.
-static bool receive_another(message_part& identity, WIN_SERVER_t& server, void* socket)
+// The identity of one more event. If there is none, `drained_at` (zclock_usecs) says since when.
+static bool receive_another(message_part& identity, WIN_SERVER_t& server, void* socket,
+                            std::optional<int64_t>& drained_at)
 {
     if (identity.receive(socket))
         return true;
     note_drained(server);
-    note_hand_overs(server, zclock_usecs());
+    drained_at = zclock_usecs();
+    note_hand_overs(server, *drained_at);
     return false;
 }
 
-// Handles events from the one on, whose identity is at hand. False when its data is missing.
-static bool handle_events(WIN_SERVER_t& server, void* socket, message_part& identity)
+namespace {
+
+struct turn_end {
+    bool is_complete;                  // false: an event without its data
+    std::optional<int64_t> drained_at; // none: events may be left
+};
+
+} // namespace
+
+// Handles events from the one on, whose identity is at hand.
+static turn_end handle_events(WIN_SERVER_t& server, void* socket, message_part& identity)
 {
     message_part data;
     size_t bytes = 0;
     for (int events = 1;; ++events) {
         if (!data.receive(socket))
-            return false;
+            return {false, {}};
         const size_t size = data.size();
         handle_event(server, identity, data);
         bytes += size;
         if (size >= large_event)
             note_backlog(server, zclock_usecs(), size);
-        if (events == events_per_turn || bytes >= bytes_per_turn || server.intake_is_paused ||
-            !receive_another(identity, server, socket))
-            return true;
+        if (events == events_per_turn || bytes >= bytes_per_turn || server.intake_is_paused)
+            return {true, {}};
+        if (std::optional<int64_t> drained_at; !receive_another(identity, server, socket, drained_at))
+            return {true, drained_at};
     }
 }
 
-// A turn: as handle_events.
-static bool handle_turn(WIN_SERVER_t& server, void* socket, message_part& identity, int64_t began)
+static turn_end handle_turn(WIN_SERVER_t& server, void* socket, message_part& identity, int64_t began)
 {
     const dbg_turn turn;
     server.hand_overs_noted_at = began;
     note_backlog(server, began, 0);
-    const bool complete = handle_events(server, socket, identity);
+    const turn_end end = handle_events(server, socket, identity);
+    if (!end.is_complete)
+        log_call_error("handle_win_clients", "zframe_recv");
     dbg_hold(false); // what others have this thread do is shown
     // What waits on purpose is no backlog, either.
     if (server.undrained_since != 0 && (server.intake_is_paused || !has_events(socket)))
         note_drained(server);
     server.cuts.carry_out(socket, server.win_port);
     note_end_of_turn(server);
-    return complete;
+    return end;
 }
 
 int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
@@ -261,13 +275,14 @@ int handle_win_clients(zloop_t* loop, zsock_t* reader, void* p_server) noexcept
         logger_error(g_logger, "%s: zframe_recv returned NULL!", __func__);
         return 1;
     }
-    while (handle_turn(*server, socket, identity, began)) {
-        if (!stay.goes_on(server->hand_overs_noted_at) || !identity.receive(socket))
+    while (true) {
+        const turn_end end = handle_turn(*server, socket, identity, began);
+        if (!end.is_complete)
+            return 1;
+        if (!stay.goes_on(end.drained_at) || !identity.receive(socket))
             return 0;
         began = zclock_usecs();
     }
-    log_call_error(__func__, "zframe_recv");
-    return 1;
 }
 
 // When all frames together take too much, the largest is given up, this client's or another's.

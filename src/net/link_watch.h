@@ -58,6 +58,8 @@ public:
     void close() noexcept;
 
     const char* name() const noexcept { return m_name; }
+    // What the loop reads for the watch, or null. The watch's.
+    zsock_t* events() const noexcept { return m_events; }
     // Whether it is, or ought to be by now, connected again: the library may not know the endpoint.
     bool is_being_mended() const noexcept { return m_record.is_given_up(); }
     // Whether a server is there, as far as TCP knows.

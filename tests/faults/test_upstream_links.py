@@ -237,6 +237,8 @@ def test_what_a_wrong_server_costs_is_said(start_gateway, first, figure):
 
     wait_until(served, "the right server to be served")
     wait_until(accounted, "every report to be accounted for")
+    since = ("upstream_link_since_timestamp_seconds", {"link": "message_handler"})
+    wait_until(lambda: Figures(port)[since], "the gateway to take note of its link")
     unsaid = sent - len(received) - lost()
     figure("reports lost and not said, of 200 that waited", "200", f"{unsaid}", worst=unsaid)
     assert len(received) + lost() == sent
@@ -248,6 +250,5 @@ def test_what_a_wrong_server_costs_is_said(start_gateway, first, figure):
                 for reason in ("broken_off", "other_protocol", "refused", "other_socket", "lost")}
     met = {reason for reason, number in failures.items() if number}
     assert met and met <= REASONS[first]
-    since = now["upstream_link_since_timestamp_seconds", {"link": "message_handler"}]
-    assert began - 1 <= since <= time.time()
+    assert began - 1 <= now[since] <= time.time()
     assert now.sum("reports_lost_total", queue="message_handler") == lost()

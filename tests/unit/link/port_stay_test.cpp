@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 
@@ -29,10 +30,15 @@ public:
         join(server().proxy_sock, m_commands, ZMQ_PULL, ZMQ_PUSH);
         if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, m_datagrams) == 0)
             server().discovery_sock_descriptor = m_datagrams[0];
+        m_handler.reset(zsock_new(ZMQ_PUSH));
+        server().msg_handler_link.open(m_handler.get(), nowhere, io_thread_of_ports);
         EXPECT_FALSE(has_events(zsock_resolve(server().win_sock)));
+        EXPECT_FALSE(
+            has_events(zsock_resolve(server().msg_handler_link.events()))); // then its descriptor tells
     }
     ~waiting_link()
     {
+        server().msg_handler_link.close();
         server().interthread_sever_sock.reset();
         server().proxy_sock.reset();
         server().calls.reset();
@@ -49,10 +55,19 @@ public:
     }
     void datagram() { EXPECT_EQ(send(m_datagrams[1], "d", 1, 0), 1); }
 
+    void link_event()
+    {
+        zsock_connect(m_handler.get(), "%s", nowhere);
+        pollfd told{zsock_fd(server().msg_handler_link.events()), POLLIN, 0};
+        EXPECT_EQ(poll(&told, 1, static_cast<int>(patience.count())), 1);
+    }
+
     // A stay that would last for longer than any test.
     port_stay stay() const { return {server(), zclock_usecs() + 3'600'000'000}; }
 
 private:
+    static constexpr char nowhere[] = "tcp://127.0.0.1:1";
+
     template <typename Sock>
     static void join(Sock& ours, zsock_ptr& theirs, int type, int peers_type)
     {
@@ -65,6 +80,7 @@ private:
 
     zsock_ptr m_requests;
     zsock_ptr m_commands;
+    zsock_ptr m_handler;
     int m_datagrams[2] = {-1, -1};
 };
 
@@ -101,18 +117,18 @@ TEST_P(port_stay_news, of_others_end_it)
 TEST_P(port_stay_news, of_others_come_before_events_that_are_left)
 {
     waiting_link link;
-    link.server().undrained_since = 1;
     port_stay stay = link.stay();
-    EXPECT_TRUE(stay.goes_on(zclock_usecs())) << "without waiting for anything";
+    EXPECT_TRUE(stay.goes_on(std::nullopt)) << "without waiting for anything";
     (link.*GetParam().come)();
-    EXPECT_FALSE(stay.goes_on(zclock_usecs()));
+    EXPECT_FALSE(stay.goes_on(std::nullopt));
 }
 
 INSTANTIATE_TEST_SUITE_P(all, port_stay_news,
                          testing::Values(news{"request", &waiting_link::request},
                                          news{"command", &waiting_link::command},
                                          news{"call", &waiting_link::call},
-                                         news{"datagram", &waiting_link::datagram}),
+                                         news{"datagram", &waiting_link::datagram},
+                                         news{"link_event", &waiting_link::link_event}),
                          [](const auto& of) { return of.param.name; });
 
 TEST(port_stay, ends_in_time)
@@ -122,22 +138,32 @@ TEST(port_stay, ends_in_time)
     port_stay stay{link.server(), began};
     EXPECT_FALSE(stay.goes_on(began)) << "nobody says anything";
     EXPECT_GE(zclock_usecs() - began, port_stay::longest_us);
-    link.server().undrained_since = 1;
-    EXPECT_FALSE(stay.goes_on(began + port_stay::longest_us)) << "somebody always says something";
+    EXPECT_FALSE(stay.goes_on(std::nullopt)) << "somebody always says something";
+}
+
+TEST(port_stay, is_short_beside_timers)
+{
+    using flag = bool WIN_SERVER_t::*;
+    waiting_link link;
+    for (const flag timer : {&WIN_SERVER_t::flush_timer_is_active, &WIN_SERVER_t::end_timer_is_active}) {
+        port_stay stay{link.server(), zclock_usecs() - port_stay::longest_beside_timers_us};
+        link.server().*timer = true;
+        EXPECT_FALSE(stay.goes_on(std::nullopt));
+        link.server().*timer = false;
+    }
 }
 
 TEST(port_stay, is_none_while_the_intake_is_paused_or_a_connection_is_to_be_cut)
 {
     waiting_link link;
-    link.server().undrained_since = 1;
     link.server().intake_is_paused = true;
-    EXPECT_FALSE(link.stay().goes_on(zclock_usecs()));
+    EXPECT_FALSE(link.stay().goes_on(std::nullopt));
     link.server().intake_is_paused = false;
-    EXPECT_TRUE(link.stay().goes_on(zclock_usecs()));
+    EXPECT_TRUE(link.stay().goes_on(std::nullopt));
     sockaddr_in peer{};
     peer.sin_port = 1;
     link.server().cuts.want("00000001", 0, peer);
-    EXPECT_FALSE(link.stay().goes_on(zclock_usecs()));
+    EXPECT_FALSE(link.stay().goes_on(std::nullopt));
     link.server().cuts.forget("00000001");
 }
 
