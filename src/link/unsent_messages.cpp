@@ -28,7 +28,7 @@ static constexpr size_t largest_block = size_t{64} * 1024;
 static constexpr size_t flush_soon_ms = 5;
 
 // The most pieces that one client gets at a time: what an empty queue of the socket takes. And all together: a
-// piece may hold thousands of messages, and the bridges that send wait meanwhile.
+// piece may hold hundreds of messages, and the bridges that send wait meanwhile.
 static constexpr size_t pieces_of_one = 16;
 static constexpr size_t pieces_of_all = 256;
 
