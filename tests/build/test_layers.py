@@ -82,9 +82,24 @@ def test_no_include_goes_around_the_layers():
     assert not around
 
 
+def told_by_the_page(title: str) -> dict:
+    """What stands in each folder, by the table below that title of the page on the house."""
+    section = (ROOT / "docs" / "architecture.md").read_text().split(f"## {title}\n")[1].split("\n## ")[0]
+    return {folder: sorted(re.findall(r"`([\w-]+)`", rest)) for folder, rest in re.findall(r"^\| `([\w/-]+)` \|(.*)$", section, re.M)}
+
+
 def test_the_page_on_the_house_names_what_stands_in_each_folder():
-    page = (ROOT / "docs" / "architecture.md").read_text()
-    section = page.split("## What stands in which folder\n")[1].split("\n## ")[0]
-    told = {folder: sorted(re.findall(r"`(\w+)`", rest)) for folder, rest in re.findall(r"^\| `(\w+)` \|(.*)$", section, re.M)}
-    there = {folder: sorted({path.stem for path in (ROOT / "src" / folder).glob("*.[ch]*")}) for folder in LAYERS}
-    assert told == there
+    assert told_by_the_page("What stands in which folder") == {
+        folder: sorted({path.stem for path in (ROOT / "src" / folder).glob("*.[ch]*")}) for folder in LAYERS}
+
+
+def sources_of(folder) -> list:
+    """By their names, without main and tests: C++ and Lua, and programs that have no suffix."""
+    files = [path for path in [*folder.glob("*"), *folder.glob("src/**/*")] if path.is_file() and not path.name.endswith((".txt", ".in"))]
+    return sorted({path.stem for path in files} - {"main"})
+
+
+def test_the_page_on_the_house_names_what_stands_in_each_library_and_program():
+    folders = [path.parent for top in ("libs", "tools") for path in (ROOT / top).glob("*/CMakeLists.txt")]
+    assert told_by_the_page("What stands in which library and program") == {
+        str(folder.relative_to(ROOT)): sources_of(folder) for folder in folders}
