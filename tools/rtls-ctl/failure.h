@@ -2,6 +2,7 @@
 //
 // Ownership  A value.
 // Threads    Any; one that is thrown on a gateway's thread is caught there, and told by the main thread.
+// Failures   Of memory: std::bad_alloc.
 #pragma once
 
 #include "common/failure.h"

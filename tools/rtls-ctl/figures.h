@@ -1,6 +1,8 @@
 // figures - the samples of a gateway's metrics page.
 //
+// Ownership  Values.
 // Threads    Any; pure.
+// Failures   A line that is no sample is left out. Of memory: std::bad_alloc.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

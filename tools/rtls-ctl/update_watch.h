@@ -2,6 +2,7 @@
 //
 // Ownership  Values.
 // Threads    One at a time; pure.
+// Failures   Nodes with fields missing throw json's exceptions, which the caller tells. Of memory: std::bad_alloc.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

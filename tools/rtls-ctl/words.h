@@ -1,6 +1,8 @@
 // words - texts cut at blanks.
 //
+// Ownership  Values.
 // Threads    Any; pure.
+// Failures   Of memory: std::bad_alloc.
 #pragma once
 
 #include <string>

@@ -102,8 +102,8 @@ void connections::end(connection& it)
     it.socket = unique_fd{};
 }
 
-// Half of it: closed at once, with bytes of the gateway unread, it would be reset, and what the gateway has not read yet
-// would be lost. wait() sees the gateway close the rest.
+// Half of it: closed at once, with bytes of the gateway unread, it would be reset, and what the gateway has not read
+// yet would be lost. wait() sees the gateway close the rest.
 void connections::close(uint32_t number)
 {
     const auto found = m_all.find(number);

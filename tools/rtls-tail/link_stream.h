@@ -2,8 +2,8 @@
 //
 // Ownership  Owns the message that has begun.
 // Threads    One.
-// Failures   Of memory: std::bad_alloc. Bytes outside of messages are passed over, and so is all of a message beyond any
-//            size (1 MiB). Without a byte between its ends it is none.
+// Failures   Of memory: std::bad_alloc. Bytes outside of messages are passed over, and so is all of a message beyond
+//            any size (1 MiB). Without a byte between its ends it is none.
 #pragma once
 
 #include "base/bytes.h"

@@ -4,6 +4,7 @@
 // Threads    The main thread makes it before there are others, and uses it.
 // Blocking   next(), as long as it is told.
 // Failures   An endpoint that is none, and certificates: failure, usage. No descriptor for signals: std::system_error.
+//            No descriptor for a socket, and no memory: std::bad_alloc.
 //            A tap that is not there, refuses our keys or goes, is waited for; notes say so.
 #pragma once
 

@@ -3,7 +3,8 @@
 // Ownership  A context ends when its sockets are closed: declare it before them. Sockets do not linger.
 // Threads    A socket is its thread's.
 // Blocking   Nothing here waits, but for the end of a context whose sockets are open.
-// Failures   std::bad_alloc for a socket that cannot be made: no memory, or no descriptor.
+// Failures   A socket that cannot be made, because there is no context, no memory or no descriptor: std::bad_alloc, as
+//            for frames without memory. A socket that is broken off reads as one without a message.
 #pragma once
 
 #include <zmq.h>

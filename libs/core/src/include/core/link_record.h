@@ -7,7 +7,7 @@
 // 5 s and starts over with the next handshake.
 // Ownership  Texts handed out live for ever.
 // Threads    One notes; any may call state() and is_reached(). No lock.
-// Blocking   Nothing waits.
+// Blocking   Nothing waits. Nothing fails: an event that it does not know is an attempt to connect again.
 #pragma once
 
 #include <zmq.h>

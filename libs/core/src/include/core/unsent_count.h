@@ -4,7 +4,7 @@
 // up. What it took while the link was up is not counted: of that, a server that takes messages has left next
 // to nothing in the queue. One that takes none, or too few, leaves a full queue, and the messages that it
 // refuses tell so: then all that fits into it counts, and the count is an upper bound.
-// Threads    One at a time. No lock.
+// Threads    One at a time. No lock. Nothing fails.
 #pragma once
 
 #include <algorithm>

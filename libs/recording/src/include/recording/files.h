@@ -25,9 +25,10 @@ std::unique_ptr<byte_source> open_recording(const std::string& path);
 
 struct sink_options {
     bool is_compressed = false;
-    bool may_replace = false; // a file that is there
+    bool may_replace = false; // a file that is there, which is refused otherwise
 };
-// "-" is the standard output. A file that is there is emptied when nothing can refuse the new one any more.
+// "-" is the standard output. A file that is there is a file_error without may_replace, and left as it is; with it, it
+// is emptied when nothing can refuse the new one any more. Compression where there is no libzstd is a file_error, too.
 std::unique_ptr<byte_sink> create_recording(const std::string& path, const sink_options& options);
 
 } // namespace rtls::recording

@@ -1,7 +1,8 @@
 // tap_message - one message of a gateway's tap: its topic, the head, and the payload as it passed.
 //
-// Frame 0 is the topic, frame 1 the head of 24 bytes, the rest the payload (tap/tap_format.h has its layout, docs/tap.md its meaning).
-// Ownership  Values: a message owns its bytes.
+// Frame 0 is the topic, frame 1 the head of 24 bytes, the rest the payload (tap/tap_format.h has its layout,
+// docs/tap.md its meaning).
+// Ownership  Values: a message owns its bytes. Names are constants; subject_of() gives a part of what it was given.
 // Threads    Any: pure functions.
 // Bytes      The head is in network byte order.
 // Failures   False for what is no head. Of memory: std::bad_alloc.
@@ -54,9 +55,10 @@ bool parse_head(bytes_view bytes, tap_head& head);
 message_class class_of(std::string_view topic);
 // As topics begin: "link/in"; "other" for what no class is called.
 std::string_view class_name(message_class of);
-// The MAC or the bridge at the topic's end; empty where topics have none.
+// The MAC or the bridge at the topic's end, as long as the topic's text lives; empty where topics have none.
 std::string_view subject_of(std::string_view topic);
 
+// "up", "down" or "neither", which every other number is, too.
 std::string_view way_name(uint8_t way);
 
 } // namespace rtls::recording
