@@ -24,13 +24,11 @@ TEST(check_names, names_that_are_not_read)
         {9,
          "    win_backlogs = 1024",
          {"9 harm misspelt ports/win_backlogs: there is no such key, it is left out; \"ports/win_backlog\" "
-          "may be meant "
-          "/ correct the name, or take the line out"}},
+          "may be meant / correct the name, or take the line out"}},
         {9,
          "    Win-Backlog = 1024",
          {"9 harm misspelt ports/Win-Backlog: there is no such key, it is left out; \"ports/win_backlog\" "
-          "may be meant "
-          "/ correct the name, or take the line out"}},
+          "may be meant / correct the name, or take the line out"}},
         {9,
          "    colour = blue",
          {"9 warning unknown ports/colour: the daemon knows no such name, and leaves it out / take it out; "
@@ -38,28 +36,24 @@ TEST(check_names, names_that_are_not_read)
         {9,
          "    firmware_urls = https://a/",
          {"9 harm misplaced ports/firmware_urls: nothing reads it here: the daemon looks for firmware_urls / "
-          "write "
-          "\"firmware_urls = https://a/\", not indented"}},
+          "write \"firmware_urls = https://a/\", not indented"}},
         {20,
          "win_backlog = 2048",
          {"20 harm misplaced win_backlog: nothing reads it here: the daemon looks for ports/win_backlog / "
-          "write "
-          "\"win_backlog = 2048\" below \"ports\", indented by four blanks"}},
+          "write \"win_backlog = 2048\" below \"ports\", indented by four blanks"}},
         {20,
          "token = /etc/token",
          {"20 harm misplaced token: nothing reads it here: the daemon looks for http/token / write \"token = "
-          "/etc/token\" "
-          "below \"http\", indented by four blanks"}},
+          "/etc/token\" below \"http\", indented by four blanks"}},
         {20,
          "win_conections = 5",
          {"20 harm misplaced win_conections: nothing reads it here: the daemon looks for "
-          "ports/win_connections / write "
-          "\"win_connections = 5\" below \"ports\", indented by four blanks"}},
+          "ports/win_connections / write \"win_connections = 5\" below \"ports\", indented by four blanks"}},
         {20,
          "ports/win_macs = 0012AB0000000000",
          {"20 harm misplaced ports/win_macs: a name with a slash is never found: the slash stands between a "
-          "section and a "
-          "key / write \"win_macs = 0012AB0000000000\" below \"ports\", indented by four blanks"}},
+          "section and a key / write \"win_macs = 0012AB0000000000\" below \"ports\", indented by four "
+          "blanks"}},
         {20,
          "some/thing = 1",
          {"20 warning unknown some/thing: the daemon knows no such name, and leaves it out / take it out; "
@@ -67,13 +61,12 @@ TEST(check_names, names_that_are_not_read)
         {9,
          "        win_macs = 0012AB0000000000",
          {"9 harm misplaced ports/win_networks/win_macs: it is indented as a part of \"ports/win_networks\", "
-          "where nothing "
-          "reads it / write \"win_macs = 0012AB0000000000\" below \"ports\", indented by four blanks"}},
+          "where nothing reads it / write \"win_macs = 0012AB0000000000\" below \"ports\", indented by four "
+          "blanks"}},
         {9,
          "        colour = blue",
          {"9 warning unknown ports/win_networks/colour: it is indented as a part of \"ports/win_networks\", "
-          "where nothing "
-          "reads it / take it out"}},
+          "where nothing reads it / take it out"}},
         {4,
          "ports = 5",
          {"4 warning unknown ports: a section has no value: \"5\" is left out / take the value out"}},
