@@ -5,7 +5,7 @@
 #include "daemon_comparison.h"
 #include "fuzzing.h"
 #include "memory_file.h"
-#include "output.h"
+#include "rtls-gateway-check/output.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,10 +1,10 @@
-#include "command_line.h"
+#include "rtls-ctl/command_line.h"
 
-#include "commands.h"
 #include "common/completion.h"
 #include "common/output.h"
 #include "common/program.h"
-#include "report.h"
+#include "rtls-ctl/commands.h"
+#include "rtls-ctl/report.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

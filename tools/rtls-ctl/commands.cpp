@@ -1,12 +1,12 @@
-#include "commands.h"
+#include "rtls-ctl/commands.h"
 
-#include "daemon_config.h"
-#include "figures.h"
-#include "follow.h"
-#include "macs.h"
-#include "orders.h"
-#include "report.h"
-#include "update.h"
+#include "rtls-ctl/daemon_config.h"
+#include "rtls-ctl/figures.h"
+#include "rtls-ctl/follow.h"
+#include "rtls-ctl/macs.h"
+#include "rtls-ctl/orders.h"
+#include "rtls-ctl/report.h"
+#include "rtls-ctl/update.h"
 
 #include <fmt/format.h>
 

@@ -1,7 +1,7 @@
-#include "daemon_config.h"
+#include "rtls-ctl/daemon_config.h"
 
-#include "failure.h"
-#include "words.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/words.h"
 
 #include <fmt/format.h>
 

@@ -1,9 +1,9 @@
-#include "facts.h"
+#include "rtls-ctl/facts.h"
 
-#include "failure.h"
-#include "macs.h"
-#include "screen.h"
-#include "terminal_texts.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/macs.h"
+#include "rtls-ctl/screen.h"
+#include "rtls-ctl/terminal_texts.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

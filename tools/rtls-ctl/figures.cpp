@@ -1,4 +1,4 @@
-#include "figures.h"
+#include "rtls-ctl/figures.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,9 +1,9 @@
-#include "follow.h"
+#include "rtls-ctl/follow.h"
 
 #include "common/end_signals.h"
 #include "common/output.h"
-#include "orders.h"
-#include "report.h"
+#include "rtls-ctl/orders.h"
+#include "rtls-ctl/report.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

@@ -1,13 +1,13 @@
 // follow - the debug stream of several gateways, line by line, until somebody ends it.
 //
 // Threads    The main thread.
-// Blocking   `follow` until it is ended. SIGINT, SIGTERM and SIGHUP end it in order; they are blocked from its begin on.
+// Blocking   `follow` until it is ended. SIGINT, SIGTERM and SIGHUP end it in order, and are blocked from its begin on.
 // Failures   Of one gateway: told at once, and the others are followed on. Told by the status in the end.
 #pragma once
 
-#include "failure.h"
-#include "gateway.h"
-#include "screen.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/gateway.h"
+#include "rtls-ctl/screen.h"
 
 #include <optional>
 #include <string>

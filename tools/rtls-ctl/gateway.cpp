@@ -1,6 +1,6 @@
-#include "gateway.h"
+#include "rtls-ctl/gateway.h"
 
-#include "failure.h"
+#include "rtls-ctl/failure.h"
 
 #include <nlohmann/json.hpp>
 

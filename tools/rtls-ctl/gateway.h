@@ -6,9 +6,9 @@
 // Failures   Thrown, see there.
 #pragma once
 
-#include "gateways_file.h"
-#include "http_session.h"
-#include "terminal_session.h"
+#include "rtls-ctl/gateways_file.h"
+#include "rtls-ctl/http_session.h"
+#include "rtls-ctl/terminal_session.h"
 
 #include <memory>
 #include <string>

@@ -1,8 +1,8 @@
-#include "gateways_file.h"
+#include "rtls-ctl/gateways_file.h"
 
-#include "daemon_config.h"
-#include "failure.h"
-#include "words.h"
+#include "rtls-ctl/daemon_config.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/words.h"
 
 #include <fmt/format.h>
 

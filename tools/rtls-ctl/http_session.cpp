@@ -1,7 +1,7 @@
-#include "http_session.h"
+#include "rtls-ctl/http_session.h"
 
-#include "failure.h"
-#include "screen.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/screen.h"
 
 #include <fmt/format.h>
 #include <httplib.h>

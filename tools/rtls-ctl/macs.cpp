@@ -1,7 +1,7 @@
-#include "macs.h"
+#include "rtls-ctl/macs.h"
 
-#include "failure.h"
-#include "screen.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/screen.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

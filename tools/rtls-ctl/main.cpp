@@ -1,6 +1,6 @@
 // rtls-ctl - one-shot operator commands for gateways, with exit statuses.
-#include "command_line.h"
 #include "common/program.h"
+#include "rtls-ctl/command_line.h"
 
 int main(int argc, char** argv)
 {

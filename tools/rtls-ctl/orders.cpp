@@ -1,9 +1,9 @@
-#include "orders.h"
+#include "rtls-ctl/orders.h"
 
-#include "facts.h"
-#include "failure.h"
-#include "macs.h"
-#include "screen.h"
+#include "rtls-ctl/facts.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/macs.h"
+#include "rtls-ctl/screen.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

@@ -1,4 +1,4 @@
-#include "report.h"
+#include "rtls-ctl/report.h"
 
 #include "common/output.h"
 #include "common/program.h"

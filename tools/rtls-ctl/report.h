@@ -7,9 +7,9 @@
 // Failures   Of a gateway: in its outcome. An output that takes nothing: tools::output_error.
 #pragma once
 
-#include "failure.h"
-#include "gateway.h"
-#include "table.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/gateway.h"
+#include "rtls-ctl/table.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,4 +1,4 @@
-#include "screen.h"
+#include "rtls-ctl/screen.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>

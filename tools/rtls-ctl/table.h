@@ -1,9 +1,11 @@
 // table - rows in columns that fit a window.
 //
+// Ownership  Values.
 // Threads    Any; pure.
+// Failures   Of memory: std::bad_alloc.
 #pragma once
 
-#include "screen.h"
+#include "rtls-ctl/screen.h"
 
 #include <cstddef>
 #include <string>

@@ -1,6 +1,6 @@
-#include "terminal_session.h"
+#include "rtls-ctl/terminal_session.h"
 
-#include "failure.h"
+#include "rtls-ctl/failure.h"
 
 #include <fmt/format.h>
 

@@ -10,8 +10,8 @@
 #pragma once
 
 #include "base/unique_fd.h"
-#include "gateways_file.h"
-#include "terminal_texts.h"
+#include "rtls-ctl/gateways_file.h"
+#include "rtls-ctl/terminal_texts.h"
 
 #include <chrono>
 #include <string>

@@ -1,7 +1,7 @@
-#include "terminal_texts.h"
+#include "rtls-ctl/terminal_texts.h"
 
-#include "failure.h"
-#include "screen.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/screen.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

@@ -1,8 +1,8 @@
-#include "update.h"
+#include "rtls-ctl/update.h"
 
-#include "failure.h"
-#include "orders.h"
-#include "update_watch.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/orders.h"
+#include "rtls-ctl/update_watch.h"
 
 #include <fmt/format.h>
 

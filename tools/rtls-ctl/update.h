@@ -5,8 +5,8 @@
 // Failures   In the outcomes. A gateway that does not answer for a while is asked again until the time is over.
 #pragma once
 
-#include "facts.h"
-#include "report.h"
+#include "rtls-ctl/facts.h"
+#include "rtls-ctl/report.h"
 
 #include <string>
 #include <vector>

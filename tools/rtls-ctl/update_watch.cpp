@@ -1,7 +1,7 @@
-#include "update_watch.h"
+#include "rtls-ctl/update_watch.h"
 
-#include "macs.h"
-#include "screen.h"
+#include "rtls-ctl/macs.h"
+#include "rtls-ctl/screen.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

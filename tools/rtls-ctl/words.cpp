@@ -1,4 +1,4 @@
-#include "words.h"
+#include "rtls-ctl/words.h"
 
 #include <algorithm>
 

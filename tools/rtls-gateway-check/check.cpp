@@ -1,4 +1,4 @@
-#include "check.h"
+#include "rtls-gateway-check/check.h"
 
 #include <algorithm>
 #include <limits>

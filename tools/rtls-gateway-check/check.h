@@ -6,10 +6,10 @@
 // Failures   Throws std::bad_alloc.
 #pragma once
 
-#include "finding.h"
-#include "key_reading.h"
-#include "surroundings.h"
-#include "zpl_file.h"
+#include "rtls-gateway-check/finding.h"
+#include "rtls-gateway-check/key_reading.h"
+#include "rtls-gateway-check/surroundings.h"
+#include "rtls-gateway-check/zpl_file.h"
 
 #include <cstdint>
 #include <map>

@@ -1,7 +1,7 @@
 // Certificates: whether the files that the section "curve" names can be what they are to be.
 #include "base/czmq_ptr.h"
-#include "check.h"
 #include "net/curve.h"
+#include "rtls-gateway-check/check.h"
 
 #include <fmt/format.h>
 

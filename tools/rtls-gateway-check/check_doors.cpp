@@ -1,8 +1,8 @@
 // The doors: where they are opened, and to whom.
 #include "base/czmq_ptr.h"
-#include "check.h"
-#include "endpoint.h"
 #include "http/http_rules.h"
+#include "rtls-gateway-check/check.h"
+#include "rtls-gateway-check/endpoint.h"
 
 #include <arpa/inet.h>
 #include <fmt/format.h>

@@ -1,6 +1,6 @@
 // Numbers that do not fit together: bridges, and what the daemon and the system let in.
-#include "check.h"
 #include "net/descriptors.h"
+#include "rtls-gateway-check/check.h"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
 // The servers upstream: whether they can be connected to, as far as one can say; and ports that two want.
-#include "check.h"
-#include "endpoint.h"
+#include "rtls-gateway-check/check.h"
+#include "rtls-gateway-check/endpoint.h"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
 // The names in the file: which the daemon asks for, which it never sees, which it misses.
-#include "check.h"
-#include "nearest.h"
+#include "rtls-gateway-check/check.h"
+#include "rtls-gateway-check/nearest.h"
 
 #include <fmt/format.h>
 

@@ -1,5 +1,5 @@
 // The pid file: the daemon follows links, and writes over the beginning of whatever stands there.
-#include "check.h"
+#include "rtls-gateway-check/check.h"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
 // Each value for itself: what the daemon makes of it that nobody would expect.
 #include "base/prefix_list.h"
-#include "check.h"
+#include "rtls-gateway-check/check.h"
 
 #include <fmt/format.h>
 

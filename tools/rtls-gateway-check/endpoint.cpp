@@ -1,4 +1,4 @@
-#include "endpoint.h"
+#include "rtls-gateway-check/endpoint.h"
 
 #include <arpa/inet.h>
 

@@ -1,4 +1,4 @@
-#include "finding.h"
+#include "rtls-gateway-check/finding.h"
 
 #include <algorithm>
 

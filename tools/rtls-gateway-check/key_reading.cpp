@@ -1,4 +1,4 @@
-#include "key_reading.h"
+#include "rtls-gateway-check/key_reading.h"
 
 #include "base/config.h"
 #include "base/prefix_list.h"

@@ -8,7 +8,7 @@
 #pragma once
 
 #include "base/config_keys.h"
-#include "zpl_file.h"
+#include "rtls-gateway-check/zpl_file.h"
 
 #include <cstdint>
 #include <optional>

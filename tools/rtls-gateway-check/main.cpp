@@ -1,10 +1,10 @@
 // rtls-gateway-check - reads a configuration as the daemon would, and tells every problem at once.
-#include "check.h"
 #include "common/output.h"
 #include "common/program.h"
 #include "common/texts.h"
-#include "nearest.h"
-#include "output.h"
+#include "rtls-gateway-check/check.h"
+#include "rtls-gateway-check/nearest.h"
+#include "rtls-gateway-check/output.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

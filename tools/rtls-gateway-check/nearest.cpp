@@ -1,4 +1,4 @@
-#include "nearest.h"
+#include "rtls-gateway-check/nearest.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,4 +1,4 @@
-#include "output.h"
+#include "rtls-gateway-check/output.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

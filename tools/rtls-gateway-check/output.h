@@ -6,8 +6,8 @@
 #pragma once
 
 #include "base/config_keys.h"
-#include "finding.h"
-#include "key_reading.h"
+#include "rtls-gateway-check/finding.h"
+#include "rtls-gateway-check/key_reading.h"
 
 #include <nlohmann/json_fwd.hpp>
 

@@ -1,4 +1,4 @@
-#include "surroundings.h"
+#include "rtls-gateway-check/surroundings.h"
 
 #include <ifaddrs.h>
 #include <netdb.h>

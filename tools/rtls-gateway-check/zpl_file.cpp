@@ -1,4 +1,4 @@
-#include "zpl_file.h"
+#include "rtls-gateway-check/zpl_file.h"
 
 #include <algorithm>
 

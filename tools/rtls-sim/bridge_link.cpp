@@ -1,4 +1,4 @@
-#include "bridge_link.h"
+#include "rtls-sim/bridge_link.h"
 
 #include <netinet/tcp.h>
 #include <sys/socket.h>

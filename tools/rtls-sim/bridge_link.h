@@ -7,7 +7,7 @@
 #pragma once
 
 #include "base/unique_fd.h"
-#include "wire.h"
+#include "rtls-sim/wire.h"
 
 #include <netinet/in.h>
 

@@ -1,6 +1,6 @@
-#include "command.h"
+#include "rtls-sim/command.h"
 
-#include "image.h"
+#include "rtls-sim/image.h"
 
 #include <fmt/format.h>
 

@@ -4,7 +4,7 @@
 // Failures   Words that make no command give nothing, or say what is wrong with them.
 #pragma once
 
-#include "downlink.h"
+#include "rtls-sim/downlink.h"
 
 #include <optional>
 #include <string>

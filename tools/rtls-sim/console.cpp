@@ -1,6 +1,6 @@
-#include "console.h"
+#include "rtls-sim/console.h"
 
-#include "wire.h"
+#include "rtls-sim/wire.h"
 
 #include <fmt/format.h>
 

@@ -1,4 +1,4 @@
-#include "device.h"
+#include "rtls-sim/device.h"
 
 #include <array>
 

@@ -3,7 +3,7 @@
 // Threads    A device and a maker belong to one thread at a time. Nothing fails.
 #pragma once
 
-#include "uplink.h"
+#include "rtls-sim/uplink.h"
 
 #include <chrono>
 #include <random>

@@ -1,4 +1,4 @@
-#include "discovery.h"
+#include "rtls-sim/discovery.h"
 
 #include <fmt/format.h>
 

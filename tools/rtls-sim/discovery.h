@@ -5,7 +5,7 @@
 // Failures   No such host, no socket and no answer are all nothing.
 #pragma once
 
-#include "wire.h"
+#include "rtls-sim/wire.h"
 
 #include <netinet/in.h>
 

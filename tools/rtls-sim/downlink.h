@@ -4,7 +4,7 @@
 // Failures   What has no known form is not valid, or nothing.
 #pragma once
 
-#include "uplink.h"
+#include "rtls-sim/uplink.h"
 
 #include <optional>
 #include <string>

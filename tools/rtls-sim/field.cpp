@@ -1,6 +1,6 @@
-#include "field.h"
+#include "rtls-sim/field.h"
 
-#include "discovery.h"
+#include "rtls-sim/discovery.h"
 
 #include <fmt/format.h>
 

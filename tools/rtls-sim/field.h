@@ -6,12 +6,12 @@
 //            console, and connects again a second later.
 #pragma once
 
-#include "bridge_link.h"
-#include "console.h"
-#include "device.h"
-#include "downlink.h"
-#include "ota_fetch.h"
-#include "tracker.h"
+#include "rtls-sim/bridge_link.h"
+#include "rtls-sim/console.h"
+#include "rtls-sim/device.h"
+#include "rtls-sim/downlink.h"
+#include "rtls-sim/ota_fetch.h"
+#include "rtls-sim/tracker.h"
 
 #include <atomic>
 #include <deque>

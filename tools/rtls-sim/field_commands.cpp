@@ -1,5 +1,5 @@
 // The field's downward half: what comes from the gateway, and how nodes obey.
-#include "field.h"
+#include "rtls-sim/field.h"
 
 #include <fmt/format.h>
 

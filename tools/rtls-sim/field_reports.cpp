@@ -1,5 +1,5 @@
 // The field's upward half: introducing nodes, and reports at the chosen rate.
-#include "field.h"
+#include "rtls-sim/field.h"
 
 #include <fmt/format.h>
 

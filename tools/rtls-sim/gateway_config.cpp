@@ -1,4 +1,4 @@
-#include "gateway_config.h"
+#include "rtls-sim/gateway_config.h"
 
 #include <czmq.h>
 #include <fmt/format.h>

@@ -1,4 +1,4 @@
-#include "image.h"
+#include "rtls-sim/image.h"
 
 #include <fmt/format.h>
 #include <httplib.h>

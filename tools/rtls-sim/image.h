@@ -4,7 +4,7 @@
 // Failures   Nothing or false.
 #pragma once
 
-#include "wire.h"
+#include "rtls-sim/wire.h"
 
 #include <filesystem>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "latency.h"
+#include "rtls-sim/latency.h"
 
 #include <fmt/format.h>
 

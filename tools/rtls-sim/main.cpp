@@ -1,8 +1,8 @@
 // rtls-sim - plays everything around an rtls-gateway: bridges and nodes below it, the servers above it.
-#include "command.h"
 #include "common/program.h"
-#include "network.h"
-#include "tools.h"
+#include "rtls-sim/command.h"
+#include "rtls-sim/network.h"
+#include "rtls-sim/tools.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

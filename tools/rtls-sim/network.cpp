@@ -1,8 +1,8 @@
-#include "network.h"
+#include "rtls-sim/network.h"
 
-#include "command.h"
 #include "common/end_signals.h"
-#include "image.h"
+#include "rtls-sim/command.h"
+#include "rtls-sim/image.h"
 
 #include <fmt/format.h>
 

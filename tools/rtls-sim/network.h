@@ -4,9 +4,9 @@
 // Failures   Printed; they show in the exit status.
 #pragma once
 
-#include "field.h"
-#include "gateway_config.h"
-#include "servers.h"
+#include "rtls-sim/field.h"
+#include "rtls-sim/gateway_config.h"
+#include "rtls-sim/servers.h"
 
 #include <string>
 

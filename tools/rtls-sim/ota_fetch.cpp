@@ -1,4 +1,4 @@
-#include "ota_fetch.h"
+#include "rtls-sim/ota_fetch.h"
 
 #include <fmt/format.h>
 

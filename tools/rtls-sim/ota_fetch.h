@@ -4,7 +4,7 @@
 // Failures   An image that is wrong or does not come ends the fetch; progress says why.
 #pragma once
 
-#include "downlink.h"
+#include "rtls-sim/downlink.h"
 
 #include <chrono>
 #include <optional>

@@ -4,7 +4,7 @@
 // Failures   What is not well-formed is not valid, and can still be described.
 #pragma once
 
-#include "uplink.h"
+#include "rtls-sim/uplink.h"
 
 #include <optional>
 #include <string>

@@ -1,6 +1,6 @@
-#include "servers.h"
+#include "rtls-sim/servers.h"
 
-#include "command.h"
+#include "rtls-sim/command.h"
 
 #include <fmt/format.h>
 

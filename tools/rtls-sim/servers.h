@@ -7,10 +7,10 @@
 // Failures   Throws std::system_error or zmq::error_t when it cannot be made.
 #pragma once
 
-#include "console.h"
-#include "latency.h"
-#include "report.h"
-#include "tracker.h"
+#include "rtls-sim/console.h"
+#include "rtls-sim/latency.h"
+#include "rtls-sim/report.h"
+#include "rtls-sim/tracker.h"
 
 #include <zmq.hpp>
 

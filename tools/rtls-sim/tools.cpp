@@ -1,8 +1,8 @@
-#include "tools.h"
+#include "rtls-sim/tools.h"
 
-#include "command.h"
-#include "discovery.h"
-#include "gateway_config.h"
+#include "rtls-sim/command.h"
+#include "rtls-sim/discovery.h"
+#include "rtls-sim/gateway_config.h"
 
 #include <fmt/format.h>
 #include <zmq.hpp>

@@ -4,7 +4,7 @@
 // Failures   Printed on the error output; the status is 1.
 #pragma once
 
-#include "image.h"
+#include "rtls-sim/image.h"
 
 #include <cstdint>
 #include <string>

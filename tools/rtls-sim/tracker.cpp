@@ -1,4 +1,4 @@
-#include "tracker.h"
+#include "rtls-sim/tracker.h"
 
 #include <fmt/format.h>
 

@@ -6,8 +6,8 @@
 // Failures   None of its own: what is lost, repeated or wrong is what it counts.
 #pragma once
 
-#include "latency.h"
-#include "report.h"
+#include "rtls-sim/latency.h"
+#include "rtls-sim/report.h"
 
 #include <chrono>
 #include <mutex>

@@ -1,4 +1,4 @@
-#include "uplink.h"
+#include "rtls-sim/uplink.h"
 
 #include <fmt/format.h>
 

@@ -5,7 +5,7 @@
 // Threads    Any; nothing is kept. Nothing fails.
 #pragma once
 
-#include "wire.h"
+#include "rtls-sim/wire.h"
 
 #include <string>
 

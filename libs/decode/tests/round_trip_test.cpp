@@ -1,10 +1,10 @@
 // Whatever decodes encodes to the same bytes, also by way of JSON; whatever does not is kept with the reason. Messages
 // are those of the simulator, whose codec is another reading of the protocol, and the page's, bent in every way.
-#include "command.h"
 #include "decode/json.h"
-#include "downlink.h"
 #include "examples.h"
-#include "uplink.h"
+#include "rtls-sim/command.h"
+#include "rtls-sim/downlink.h"
+#include "rtls-sim/uplink.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "command_line.h"
+#include "rtls-ctl/command_line.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
-#include "daemon_config.h"
-#include "failure.h"
-#include "gateways_file.h"
-#include "http_session.h"
-#include "macs.h"
+#include "rtls-ctl/daemon_config.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/gateways_file.h"
+#include "rtls-ctl/http_session.h"
+#include "rtls-ctl/macs.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,9 +1,9 @@
-#include "failure.h"
-#include "figures.h"
-#include "follow.h"
-#include "terminal_session.h"
-#include "terminal_texts.h"
-#include "update_watch.h"
+#include "rtls-ctl/failure.h"
+#include "rtls-ctl/figures.h"
+#include "rtls-ctl/follow.h"
+#include "rtls-ctl/terminal_session.h"
+#include "rtls-ctl/terminal_texts.h"
+#include "rtls-ctl/update_watch.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "table.h"
+#include "rtls-ctl/table.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 #include "checking.h"
-#include "nearest.h"
+#include "rtls-gateway-check/nearest.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

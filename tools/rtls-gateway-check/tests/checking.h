@@ -5,7 +5,7 @@
 // Failures   None.
 #pragma once
 
-#include "check.h"
+#include "rtls-gateway-check/check.h"
 
 #include <arpa/inet.h>
 #include <fmt/format.h>

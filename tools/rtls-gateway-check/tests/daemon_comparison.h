@@ -7,9 +7,9 @@
 
 #include "base/common.h"
 #include "base/czmq_ptr.h"
-#include "check.h"
 #include "firmware/image_download.h"
 #include "link/win_server_private.h"
+#include "rtls-gateway-check/check.h"
 #include "rtls-gateway.h"
 
 #include <fmt/format.h>

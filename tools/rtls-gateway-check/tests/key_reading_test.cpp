@@ -1,4 +1,4 @@
-#include "key_reading.h"
+#include "rtls-gateway-check/key_reading.h"
 
 #include "checking.h"
 #include "daemon_comparison.h"

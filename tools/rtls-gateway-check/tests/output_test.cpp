@@ -1,4 +1,4 @@
-#include "output.h"
+#include "rtls-gateway-check/output.h"
 
 #include "checking.h"
 #include "daemon_comparison.h"

@@ -1,4 +1,4 @@
-#include "console.h"
+#include "rtls-sim/console.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-#include "device.h"
-#include "report.h"
+#include "rtls-sim/device.h"
+#include "rtls-sim/report.h"
 
 #include <gtest/gtest.h>
 

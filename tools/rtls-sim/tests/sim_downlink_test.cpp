@@ -1,4 +1,4 @@
-#include "downlink.h"
+#include "rtls-sim/downlink.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include "gateway_config.h"
+#include "rtls-sim/gateway_config.h"
 
-#include "image.h"
+#include "rtls-sim/image.h"
 
 #include <gtest/gtest.h>
 

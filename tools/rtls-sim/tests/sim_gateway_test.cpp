@@ -1,7 +1,7 @@
 // The simulator against the real daemon, and against none.
-#include "gateway_config.h"
-#include "image.h"
-#include "network.h"
+#include "rtls-sim/gateway_config.h"
+#include "rtls-sim/image.h"
+#include "rtls-sim/network.h"
 #include "support/wait.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
-#include "ota_fetch.h"
+#include "rtls-sim/ota_fetch.h"
 
-#include "image.h"
+#include "rtls-sim/image.h"
 
 #include <gtest/gtest.h>
 

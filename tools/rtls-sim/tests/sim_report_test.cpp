@@ -1,4 +1,4 @@
-#include "report.h"
+#include "rtls-sim/report.h"
 
 #include <gtest/gtest.h>
 

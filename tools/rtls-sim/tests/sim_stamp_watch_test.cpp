@@ -1,4 +1,4 @@
-#include "servers.h"
+#include "rtls-sim/servers.h"
 
 #include <gtest/gtest.h>
 

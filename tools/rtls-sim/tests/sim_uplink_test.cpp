@@ -1,5 +1,5 @@
 // What the simulator sends, against the bytes on the wire written out by hand.
-#include "uplink.h"
+#include "rtls-sim/uplink.h"
 
 #include "wire/messaging.h"
 

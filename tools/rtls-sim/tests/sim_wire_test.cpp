@@ -1,4 +1,4 @@
-#include "wire.h"
+#include "rtls-sim/wire.h"
 
 #include "wire/messaging.h"
 
