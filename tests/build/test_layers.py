@@ -20,14 +20,14 @@ def compiler_command(build, layer) -> list:
     raise AssertionError(f"no source of {layer} is compiled")
 
 
-def link_command(build, layer) -> list:
-    """How the program that has nothing but the layer and those before it is linked."""
-    line = run("ninja", "-C", build.folder, "-t", "commands", f"rtls_{layer}_links_alone").splitlines()[-1]
+def link_command(build, library) -> list:
+    """How the program that has nothing but the library and what it depends on is linked."""
+    line = run("ninja", "-C", build.folder, "-t", "commands", f"{library}_links_alone").splitlines()[-1]
     return shlex.split(line.removeprefix(": && ").removesuffix(" && :"))
 
 
-def link(build, layer, output, *more) -> subprocess.CompletedProcess:
-    command = link_command(build, layer)
+def link(build, library, output, *more) -> subprocess.CompletedProcess:
+    command = link_command(build, library)
     command[command.index("-o") + 1] = str(output)
     return subprocess.run(command + [str(part) for part in more], cwd=build.folder, text=True, check=False,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
@@ -65,14 +65,14 @@ def test_a_call_that_climbs_does_not_link(build, layer, above, tmp_path):
     source, climber = tmp_path / "climber.cpp", tmp_path / "climber.o"
     source.write_text(f'int above() __asm__("{name}");\nint climb();\nint climb() {{ return above(); }}\n')
     run(*compiler_command(build, layer), "-c", source, "-o", climber, cwd=build.folder)
-    assert link(build, layer, tmp_path / "program").returncode == 0
-    failed = link(build, layer, tmp_path / "program", climber)
+    assert link(build, f"rtls_{layer}", tmp_path / "program").returncode == 0
+    failed = link(build, f"rtls_{layer}", tmp_path / "program", climber)
     assert failed.returncode != 0 and "undefined reference" in failed.stdout
 
 
 def test_the_whole_layer_is_linked(build, tmp_path):
     """Otherwise its program would leave out the very objects that call what is above them."""
-    assert link(build, "registry", tmp_path / "program").returncode == 0
+    assert link(build, "rtls_registry", tmp_path / "program").returncode == 0
     assert function_of(build, "registry") in run("nm", tmp_path / "program")
 
 

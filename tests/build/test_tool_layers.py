@@ -4,14 +4,25 @@ import shlex
 
 import pytest
 from conftest import ROOT, run
-from test_layers import function_of, link
+from test_layers import LAYERS, function_of, link
 
 TOOLS = {"common": "rtls_tools_common", "tap": "rtls_tap_lib", "rtls-record": "rtls_record_lib", "rtls-replay": "rtls_replay_lib",
          "rtls-tail": "rtls_tail_lib", "rtls-ctl": "rtls_ctl_lib", "rtls-sim": "rtls_sim_lib",
          "rtls-gateway-check": "rtls_check_lib"}
 ON_THE_TAP = ("rtls-record", "rtls-replay", "rtls-tail")
-OF_THE_DAEMON = {"rtls_recording": {"base/bytes.h", "base/hex.h", "tap/tap_format.h"}, "rtls_tools_common": {"base/unique_fd.h"},
-                 "rtls_ctl_lib": {"base/unique_fd.h"}, "rtls_sim_lib": {"base/unique_fd.h"}}
+
+
+def headers_of(*layers) -> set:
+    return {f"{layer}/{path.name}" for layer in layers for path in (ROOT / "src" / layer).glob("*.h")}
+
+
+DESCRIPTOR = {"base/unique_fd.h"}
+RECORDING = {"base/bytes.h", "base/hex.h", "tap/tap_format.h"}
+DECODED = headers_of("base", "registry", "wire")
+OF_THE_DAEMON = {"core": set(), "rtls_recording": RECORDING, "rtls_decode": DECODED, "rtls_tools_common": DESCRIPTOR,
+                 "rtls_ctl_lib": DESCRIPTOR, "rtls_sim_lib": DESCRIPTOR, "rtls_check_lib": headers_of(*LAYERS),
+                 "rtls_tap_lib": RECORDING | DESCRIPTOR, "rtls_record_lib": RECORDING | DESCRIPTOR,
+                 "rtls_replay_lib": RECORDING | DECODED, "rtls_tail_lib": RECORDING | DECODED}
 
 
 def compiler_command(build, library) -> list:
@@ -38,31 +49,30 @@ def require_seen(build, library, tmp_path, headers: dict):
 
 @pytest.mark.parametrize("folder", TOOLS)
 def test_a_tool_finds_no_file_of_another(build, folder, tmp_path):
-    seen = {folder, "common"} if folder in ("common", "tap", *ON_THE_TAP) else {"common"}
-    seen |= {"tap"} if folder in ON_THE_TAP else set()
+    seen = {folder, "common"} | ({"tap"} if folder in ON_THE_TAP else set())
     require_seen(build, TOOLS[folder], tmp_path, {f"{path.parent.name}/{path.name}": path.parent.name in seen
                                                   for path in (ROOT / "tools").glob("*/*.h")})
 
 
 @pytest.mark.parametrize("library", OF_THE_DAEMON)
 def test_of_the_daemon_a_library_finds_what_it_is_given(build, library, tmp_path):
-    require_seen(build, library, tmp_path, {f"{path.parent.name}/{path.name}": f"{path.parent.name}/{path.name}" in OF_THE_DAEMON[library]
-                                            for path in (ROOT / "src").glob("*/*.h")})
+    require_seen(build, library, tmp_path, {header: header in OF_THE_DAEMON[library] for header in headers_of(*LAYERS)})
 
 
-@pytest.mark.parametrize("library", ["recording", "tools_common"])
+@pytest.mark.parametrize("library", ["core", "rtls_recording", "rtls_tools_common"])
 def test_a_call_of_the_daemons_code_does_not_link(build, library, tmp_path):
     source, climber = tmp_path / "climber.cpp", tmp_path / "climber.o"
     source.write_text(f'int above() __asm__("{function_of(build, "base")}");\nint climb();\nint climb() {{ return above(); }}\n')
-    run(*compiler_command(build, f"rtls_{library}"), "-c", source, "-o", climber, cwd=build.folder)
+    run(*compiler_command(build, library), "-c", source, "-o", climber, cwd=build.folder)
     assert link(build, library, tmp_path / "program").returncode == 0
     failed = link(build, library, tmp_path / "program", climber)
     assert failed.returncode != 0 and "undefined reference" in failed.stdout
 
 
 def test_the_decoder_links_with_the_layers_that_it_is_said_to_see(build, tmp_path):
-    assert link(build, "decode", tmp_path / "program").returncode == 0
+    assert link(build, "rtls_decode", tmp_path / "program").returncode == 0
 
 
 def test_every_folder_of_tools_is_looked_at():
     assert {path.parent.name for path in (ROOT / "tools").glob("*/CMakeLists.txt")} == set(TOOLS) | {"wireshark"}
+    assert set(TOOLS.values()) < set(OF_THE_DAEMON)
