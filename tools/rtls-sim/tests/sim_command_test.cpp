@@ -1,10 +1,9 @@
 #include "rtls-sim/command.h"
 
 #include "rtls-sim/image.h"
+#include "support/temp_file.h"
 
 #include <gtest/gtest.h>
-
-#include <filesystem>
 
 namespace sim {
 
@@ -106,12 +105,11 @@ TEST(sim_command, a_page_comes_from_an_image_file)
     traits.size = 200;
     traits.page_size = 32;
     const bytes image = make_image(traits);
-    const auto file = std::filesystem::path{testing::TempDir()} / "sim_command_test.bin";
-    ASSERT_TRUE(write_file(file, image));
+    const rtls::temp_file file{"image.bin"};
+    ASSERT_TRUE(write_file(file.path(), image));
     const ota_page_id first{traits.git_id, crc32(image), 32, 1};
-    EXPECT_EQ(made("page 0102 " + file.string() + " 1"),
+    EXPECT_EQ(made("page 0102 " + std::string{file.path()} + " 1"),
               hex(page_command(*parse_mac("0102"), 0, first, image)));
-    std::filesystem::remove(file);
 }
 
 } // namespace sim

@@ -1,6 +1,6 @@
 #include "rtls-sim/gateway_config.h"
 
-#include "rtls-sim/image.h"
+#include "support/temp_file.h"
 
 #include <gtest/gtest.h>
 
@@ -22,24 +22,20 @@ TEST(sim_gateway_config, what_is_written_is_read_back)
 {
     const gateway_ports ports{11, 12, 13, 14, 15, 16, 17, 18};
     const std::string text = config_text(ports, "/tmp/a pid");
-    const auto file = std::filesystem::path{testing::TempDir()} / "sim_gateway_config_test.conf";
-    ASSERT_TRUE(write_file(file, {reinterpret_cast<const uint8_t*>(text.data()), text.size()}));
-    const auto read = read_ports(file.string());
+    const rtls::temp_file file{"gateway.conf", text};
+    const auto read = read_ports(file.path());
     ASSERT_TRUE(read);
     EXPECT_EQ(all(*read), all(ports));
-    std::filesystem::remove(file);
-    EXPECT_FALSE(read_ports(file.string()));
+    std::filesystem::remove(file.path());
+    EXPECT_FALSE(read_ports(file.path()));
 }
 
 TEST(sim_gateway_config, ports_that_are_not_named_stay_usual)
 {
-    const auto file = std::filesystem::path{testing::TempDir()} / "sim_gateway_config_test2.conf";
-    const std::string text = "ports\n    win = 0x100\n";
-    ASSERT_TRUE(write_file(file, {reinterpret_cast<const uint8_t*>(text.data()), text.size()}));
+    const rtls::temp_file file{"gateway.conf", "ports\n    win = 0x100\n"};
     gateway_ports expected;
     expected.win = 0x100;
-    EXPECT_EQ(all(*read_ports(file.string())), all(expected));
-    std::filesystem::remove(file);
+    EXPECT_EQ(all(*read_ports(file.path())), all(expected));
 }
 
 TEST(sim_gateway_config, a_port_that_is_taken_is_replaced)

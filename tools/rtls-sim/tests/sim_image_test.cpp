@@ -1,5 +1,7 @@
 #include "rtls-sim/image.h"
 
+#include "support/temp_file.h"
+
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -87,11 +89,11 @@ static std::string answer_to(uint16_t port, const std::string& request)
 
 TEST(sim_image, files_are_served_with_their_length)
 {
-    const auto directory = std::filesystem::path{testing::TempDir()} / "sim_image_test";
-    std::filesystem::create_directories(directory);
+    const rtls::temp_file file{"a.bin"};
+    const auto directory = std::filesystem::path{file.path()}.parent_path();
     const bytes image = make_image({});
-    ASSERT_TRUE(write_file(directory / "a.bin", image));
-    EXPECT_EQ(read_file(directory / "a.bin"), image);
+    ASSERT_TRUE(write_file(file.path(), image));
+    EXPECT_EQ(read_file(file.path()), image);
     EXPECT_FALSE(read_file(directory / "b.bin"));
     {
         const image_server server{"127.0.0.1", 0, directory, [](const std::string&) {}};
@@ -108,7 +110,6 @@ TEST(sim_image, files_are_served_with_their_length)
                                   [](const std::string&) {}};
         EXPECT_FALSE(second.is_up());
     }
-    std::filesystem::remove_all(directory);
 }
 
 } // namespace sim
