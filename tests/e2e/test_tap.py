@@ -16,7 +16,7 @@ import pytest
 import zmq
 
 from harness import wire
-from harness.daemon import ROOT, Daemon, free_port
+from harness.daemon import BUILD, ROOT, Daemon, free_port
 from harness.figures import Figures
 from harness.http_client import with_http
 from harness.peers import wait_until
@@ -440,6 +440,12 @@ class Hostile:
         self.sock = None
 
 
+def is_sanitized() -> bool:
+    """The sanitizers keep memory that was given back."""
+    cache = BUILD / "CMakeCache.txt"
+    return cache.exists() and re.search(r"^RTLS_SANITIZE:\w+=.", cache.read_text(), re.M) is not None
+
+
 def resident_kib(pid: int) -> int:
     return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1])
 
@@ -460,7 +466,7 @@ def test_a_hostile_subscriber_costs_no_memory_and_silences_nobody(gateway, bridg
     wait_until(lambda: Figures(gateway.http)["tap_cut_total", {}] > cut, "the cut")
     hostile.close()
     wait_until(lambda: good.topics() == 1, "the end of the topics")
-    assert largest < 64 * 1024
+    assert largest < 64 * 1024 or is_sanitized()
     bridge.send_message(wire.heartbeat(wire.mac(0x9000 + ord(kind[0])), sequence(), bridge=BRIDGE, addr=bytes(16)))
     while next_event(good)[0]["event"] != "node_new":
         pass
