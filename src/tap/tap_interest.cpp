@@ -1,6 +1,7 @@
 #include "tap/tap_interest.h"
 
 #include <new>
+#include <utility>
 
 namespace rtls {
 
@@ -22,31 +23,37 @@ void tap_interest::count(std::string_view topic, int change) noexcept
 
 void tap_interest::begin(std::string_view topic)
 try {
-    if (m_topics.emplace(topic).second)
+    if (m_topics.emplace(topic, false).second)
         count(topic, 1);
 } catch (const std::bad_alloc&) {
     count(topic, 1);
 }
 
-tap_note tap_interest::end(std::string_view topic, bool is_from_peer) noexcept
+tap_note tap_interest::end(std::string_view topic, tap_voice by) noexcept
 {
     const auto found = m_topics.find(topic);
-    if (is_from_peer)
-        return found == m_topics.end() ? tap_note::foul : tap_note::doubtful_end;
-    if (found != m_topics.end()) {
-        m_topics.erase(found);
-        count(topic, -1);
-    }
+    if (found == m_topics.end())
+        return by == tap_voice::peer ? tap_note::foul : tap_note::fine;
+    if (by != tap_voice::answer)
+        return std::exchange(found->second, true) ? tap_note::fine : tap_note::doubtful_end;
+    m_topics.erase(found);
+    count(topic, -1);
     return tap_note::fine;
 }
 
-tap_note tap_interest::note(std::span<const uint8_t> message, bool is_from_peer) noexcept
+void tap_interest::settle(std::string_view topic) noexcept
+{
+    if (const auto found = m_topics.find(topic); found != m_topics.end())
+        found->second = false;
+}
+
+tap_note tap_interest::note(std::span<const uint8_t> message, tap_voice by) noexcept
 {
     if (message.empty() || message[0] > 1)
         return tap_note::foul;
     const std::string_view topic{reinterpret_cast<const char*>(message.data()) + 1, message.size() - 1};
     if (message[0] == 0)
-        return end(topic, is_from_peer);
+        return end(topic, by);
     begin(topic);
     return topic.size() <= longest_topic && m_topics.size() <= most_topics ? tap_note::fine : tap_note::foul;
 }

@@ -62,18 +62,35 @@ bool tap_place::has(int fd) const noexcept
     }
 }
 
+bool tap_place::bears(int fd) noexcept
+try {
+    return fd < 0 || ++m_lately[fd].messages <= most_at_once;
+} catch (const std::bad_alloc&) {
+    return true;
+}
+
 bool tap_place::cut(int fd) noexcept
 try {
-    if (std::ranges::find(m_cut, fd) != m_cut.end())
+    if (const auto known = m_lately.find(fd); known != m_lately.end() && known->second.looks_since_cut >= 0)
         return false;
     const descriptor_duplicate held{fd};
     if (held.get() < 0 || !has(held.get()))
         return false;
-    m_cut.push_back(fd);
+    m_lately[fd].looks_since_cut = 0;
     shutdown(held.get(), SHUT_RDWR);
     return true;
 } catch (const std::bad_alloc&) {
     return false; // the next look
+}
+
+void tap_place::look_is_over(bool all_is_read) noexcept
+{
+    if (all_is_read)
+        return m_lately.clear();
+    for (auto& [fd, one] : m_lately)
+        if (one.looks_since_cut >= 0)
+            ++one.looks_since_cut;
+    std::erase_if(m_lately, [](const auto& entry) { return entry.second.looks_since_cut > looks_of_rest; });
 }
 
 } // namespace rtls

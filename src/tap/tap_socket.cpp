@@ -4,6 +4,7 @@
 #include "base/logger.h"
 #include "base/message_part.h"
 
+#include <algorithm>
 #include <array>
 #include <cassert>
 #include <cerrno>
@@ -25,6 +26,12 @@ static constexpr int linger_ms = 200;
 // Taken notice of in one look. Who sends more has the others wait for the next one.
 static constexpr int most_in_a_look = 10'000;
 
+// Ahead of a topic that we ask about, and behind the answer: a message that is longer than any that a subscriber can
+// send.
+static constexpr size_t mark_size = longest_encrypted_frame + 1;
+static constexpr uint8_t answer_begins = 'b';
+static constexpr uint8_t answer_ends = 'e';
+
 static constexpr char key[] = "tap/address";
 
 bool tap_socket::read(zconfig_t* config)
@@ -43,6 +50,11 @@ bool tap_socket::read(zconfig_t* config)
     return true;
 }
 
+static std::string_view text_of(bytes_view bytes)
+{
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
 static bool set(void* socket, int option, int value)
 {
     return zmq_setsockopt(socket, option, &value, sizeof value) == 0;
@@ -53,6 +65,15 @@ static bool limit_frames(void* socket, int64_t longest)
     return zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &longest, sizeof longest) == 0;
 }
 
+// Versions of the protocol before 3.0 tell no descriptor: whoever speaks one could not be cut off. They know nothing of
+// admission, either, so that the library refuses them where it might be asked for. Nobody answers for an open tap, and
+// the library lets in the others without.
+static bool refuse_old_greetings(void* socket)
+{
+    static constexpr char domain[] = "tap";
+    return zmq_setsockopt(socket, ZMQ_ZAP_DOMAIN, domain, sizeof domain - 1) == 0;
+}
+
 static bool prepare(void* socket)
 {
     // A full queue is told, so that it can be counted; and what it does not take goes to the others all the same.
@@ -60,7 +81,7 @@ static bool prepare(void* socket)
            set(socket, ZMQ_RCVHWM, topics_ahead) && set(socket, ZMQ_LINGER, linger_ms) &&
            set(socket, ZMQ_TCP_KEEPALIVE, 1) && set(socket, ZMQ_TCP_KEEPALIVE_IDLE, 30) &&
            set(socket, ZMQ_TCP_KEEPALIVE_INTVL, 10) && set(socket, ZMQ_TCP_KEEPALIVE_CNT, 3) &&
-           limit_frames(socket, longest_frame);
+           limit_frames(socket, longest_frame) && refuse_old_greetings(socket);
 }
 
 static uint64_t now_ns() noexcept
@@ -99,7 +120,7 @@ bool tap_socket::open_sockets(const curve_certificates& certificates) noexcept
         return false;
     m_socket.reset(zmq_socket(m_context.get(), ZMQ_XPUB));
     m_asker.reset(zmq_socket(m_context.get(), ZMQ_XSUB));
-    // A question is two messages: none of them may be dropped for a full queue.
+    // A question is four messages: none of them may be dropped for a full queue.
     return m_socket && m_asker && prepare(m_socket.get()) && set(m_asker.get(), ZMQ_LINGER, 0) &&
            set(m_asker.get(), ZMQ_SNDHWM, 0) && protect(certificates) && bind();
 }
@@ -118,6 +139,7 @@ bool tap_socket::open(const curve_certificates& certificates)
 void tap_socket::close() noexcept
 {
     m_interest.clear();
+    m_is_answer = false;
     m_asker.reset();
     m_socket.reset();
     m_guard.close();
@@ -135,14 +157,29 @@ void tap_socket::answer_newcomers() noexcept
         logger_warning(g_logger, "tap: somebody with another key than the subscribers' is refused");
 }
 
-// We subscribe to the topic of this message, and end it: if nobody else has it, the library tells both, and by
-// itself; and nothing if somebody has.
+static void write_mark(message_part& made, uint8_t what, bytes_view topic)
+{
+    std::fill_n(made.data(), mark_size, what);
+    std::ranges::copy(topic, made.data() + mark_size);
+}
+
+// We subscribe to the topic of this message, and end it: if nobody else has it, the library tells both; and nothing if
+// somebody has. The marks, which it passes on as they are, show what of that is the answer: it reads all four at once.
+// What needs memory is made before the first leaves.
 void tap_socket::ask_whether_taken(message_part& message) noexcept
 {
-    for (const uint8_t word : {uint8_t{1}, uint8_t{0}}) {
-        message.data()[0] = word;
-        send_copy(m_asker.get(), message.bytes());
-    }
+    const bytes_view topic = message.bytes().subspan(1);
+    message_part begins{mark_size + topic.size()};
+    message_part subscription{message.bytes()};
+    message_part ends{mark_size};
+    if (!begins.is_made() || !subscription.is_made() || !ends.is_made())
+        return m_interest.settle(text_of(topic)); // taken, until it is doubtful once more
+    write_mark(begins, answer_begins, topic);
+    write_mark(ends, answer_ends, {});
+    subscription.data()[0] = 1;
+    message.data()[0] = 0;
+    for (message_part* part : {&begins, &subscription, &message, &ends})
+        part->send(m_asker.get());
 }
 
 void tap_socket::cut_off(int fd) noexcept
@@ -154,30 +191,38 @@ void tap_socket::cut_off(int fd) noexcept
         logger_warning(g_logger, "tap: a subscriber that sends more than topics within bounds is cut off");
 }
 
+// False when it is a subscriber's, or the library's.
+bool tap_socket::heed_mark(bytes_view message) noexcept
+{
+    if (message.size() < mark_size)
+        return false;
+    m_is_answer = message[0] == answer_begins;
+    if (m_is_answer)
+        m_interest.settle(text_of(message.subspan(mark_size)));
+    return true;
+}
+
 void tap_socket::heed(message_part& message) noexcept
 {
-    const int fd = message.source_fd(); // none: it is the library's own word
-    switch (m_interest.note(message.bytes(), fd >= 0)) {
-    case tap_note::fine:
+    if (heed_mark(message.bytes()))
         return;
-    case tap_note::doubtful_end:
-        return ask_whether_taken(message);
-    case tap_note::foul:
-        return cut_off(fd);
-    }
+    const int fd = message.source_fd(); // none: the library's own word, or that of somebody who has gone
+    const tap_voice by = m_is_answer ? tap_voice::answer : fd >= 0 ? tap_voice::peer : tap_voice::unknown;
+    const tap_note note = m_interest.note(message.bytes(), by);
+    if (note == tap_note::foul || !m_place.bears(fd))
+        cut_off(fd);
+    if (note == tap_note::doubtful_end)
+        ask_whether_taken(message);
 }
 
 void tap_socket::look() noexcept
 {
     answer_newcomers();
     message_part message;
-    for (int i = 0; i < most_in_a_look; ++i) {
-        if (!message.receive(m_socket.get())) {
-            m_place.all_is_read();
-            break;
-        }
+    int heeded = 0;
+    for (; heeded < most_in_a_look && message.receive(m_socket.get()); ++heeded)
         heed(message);
-    }
+    m_place.look_is_over(heeded < most_in_a_look);
     m_counts.topics.set(m_interest.size());
 }
 

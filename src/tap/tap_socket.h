@@ -108,6 +108,7 @@ private:
     bool notice_what_was_read() noexcept;
     void answer_newcomers() noexcept;
     void heed(message_part& message) noexcept;
+    bool heed_mark(bytes_view message) noexcept;
     void ask_whether_taken(message_part& message) noexcept;
     void cut_off(int fd) noexcept;
 
@@ -122,6 +123,7 @@ private:
     refusal_episode m_cuts;
     uint64_t m_opened_at_ns = 0;
     tap_interest m_interest;
+    bool m_is_answer = false; // what the library tells now is what we have asked
     tap_origin m_read;
     std::array<uint64_t, tap_classes> m_numbers{}; // the last of each class
     tap_counters m_counts;

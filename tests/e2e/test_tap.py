@@ -472,6 +472,25 @@ def test_a_hostile_subscriber_costs_no_memory_and_silences_nobody(gateway, bridg
         pass
 
 
+@pytest.mark.parametrize("greeting", [b"\xff" + bytes(7) + b"\x01\x7f\x01\x02\0\0", b"\x01\0"], ids=["2.0", "1.0"])
+def test_who_speaks_an_old_version_of_the_protocol_is_refused_and_silences_nobody(gateway, bridge, subscribe, sequence, greeting):
+    bridge.introduce(sequence())
+    good = subscribe(b"event")
+    with socket.socket(socket.AF_UNIX) as old:
+        old.settimeout(10)
+        old.connect(gateway.tap.removeprefix("ipc://"))
+        old.sendall(greeting + (b"\x07\0" if len(greeting) == 2 else b"\0\x06") + b"\0event")
+        try:
+            while old.recv(100):
+                pass
+        except ConnectionResetError:
+            pass
+    subscribe(b"report/").close()  # what came before it has been heeded
+    bridge.send_message(wire.heartbeat(wire.mac(0x9100 + len(greeting)), sequence(), bridge=BRIDGE, addr=bytes(16)))
+    while next_event(good)[0]["event"] != "node_new":
+        pass
+
+
 def test_the_client_of_the_documentation_prints_what_comes(gateway, bridge, sequence):
     client = subprocess.Popen([sys.executable, ROOT / "docs" / "examples" / "tap_client.py", gateway.tap, "report/"],
                               stdout=subprocess.PIPE, text=True, env={**os.environ, "PYTHONUNBUFFERED": "1"})

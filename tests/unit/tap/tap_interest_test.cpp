@@ -11,15 +11,17 @@ namespace {
 
 class interest : public testing::Test {
 protected:
-    tap_note note(const std::string& message, bool is_from_peer = true)
+    tap_note note(const std::string& message, tap_voice by = tap_voice::peer)
     {
-        return m_interest.note({reinterpret_cast<const uint8_t*>(message.data()), message.size()},
-                               is_from_peer);
+        return m_interest.note({reinterpret_cast<const uint8_t*>(message.data()), message.size()}, by);
     }
     void begin(const std::string& topic) { EXPECT_EQ(note('\1' + topic), tap_note::fine); }
-    // The library's own word, and a peer's.
-    void end(const std::string& topic) { EXPECT_EQ(note('\0' + topic, false), tap_note::fine); }
-    tap_note asked_to_end(const std::string& topic) { return note('\0' + topic); }
+    // What the library answers, and what others say.
+    void end(const std::string& topic) { EXPECT_EQ(note('\0' + topic, tap_voice::answer), tap_note::fine); }
+    tap_note asked_to_end(const std::string& topic, tap_voice by = tap_voice::peer)
+    {
+        return note('\0' + topic, by);
+    }
 
     // "report link/in": the classes that somebody takes, by the beginnings of their topics.
     std::string taken() const
@@ -109,15 +111,29 @@ TEST_F(interest, what_is_no_subscription_is_foul)
     EXPECT_EQ(m_interest.size(), 0U);
 }
 
-TEST_F(interest, what_a_peer_ends_is_taken_until_the_library_says_that_it_is_over)
+TEST_F(interest, what_somebody_ends_is_taken_until_the_library_answers_that_it_is_over)
+{
+    for (const tap_voice by : {tap_voice::peer, tap_voice::unknown}) {
+        begin("event");
+        EXPECT_EQ(asked_to_end("event", by), tap_note::doubtful_end);
+        EXPECT_EQ(taken(), "event");
+        end("event");
+        EXPECT_EQ(taken(), "");
+    }
+    EXPECT_EQ(asked_to_end("event"), tap_note::foul) << "nobody has it";
+    EXPECT_EQ(asked_to_end("event", tap_voice::unknown), tap_note::fine) << "nobody to be cut off";
+}
+
+TEST_F(interest, the_library_is_asked_once_until_it_has_answered)
 {
     begin("event");
     EXPECT_EQ(asked_to_end("event"), tap_note::doubtful_end);
+    EXPECT_EQ(asked_to_end("event"), tap_note::fine);
+    EXPECT_EQ(asked_to_end("event", tap_voice::unknown), tap_note::fine);
+    m_interest.settle("event"); // somebody has it
+    m_interest.settle("report/");
     EXPECT_EQ(taken(), "event");
-    EXPECT_EQ(asked_to_end("report/"), tap_note::foul) << "nobody has it";
-    end("event");
-    EXPECT_EQ(taken(), "");
-    EXPECT_EQ(asked_to_end("event"), tap_note::foul);
+    EXPECT_EQ(asked_to_end("event"), tap_note::doubtful_end);
 }
 
 TEST_F(interest, a_topic_that_is_too_long_is_foul_but_taken)

@@ -93,6 +93,39 @@ TEST(tap_place, cuts_a_connection_once_until_all_is_read)
     EXPECT_TRUE(tcp.is_cut());
     EXPECT_FALSE(other.is_cut());
     EXPECT_FALSE(place.cut(tcp.accepted.get()));
+    place.look_is_over(true);
+    EXPECT_TRUE(place.cut(tcp.accepted.get())) << "the number may be another connection's";
+}
+
+TEST(tap_place, cuts_again_after_a_while_although_more_is_to_be_read)
+{
+    const listener tcp = by_tcp();
+    tap_place place;
+    place.set(tcp.endpoint);
+    EXPECT_TRUE(place.cut(tcp.accepted.get()));
+    for (int i = 0; i < tap_place::looks_of_rest; ++i) {
+        place.look_is_over(false);
+        EXPECT_FALSE(place.cut(tcp.accepted.get()));
+    }
+    place.look_is_over(false);
+    EXPECT_TRUE(place.cut(tcp.accepted.get()));
+}
+
+TEST(tap_place, bears_so_many_messages_of_a_connection_until_all_is_read)
+{
+    tap_place place;
+    const auto all_but_one_more = [&] {
+        for (size_t i = 0; i < tap_place::most_at_once; ++i)
+            ASSERT_TRUE(place.bears(7)) << i;
+        EXPECT_TRUE(place.bears(8));
+    };
+    all_but_one_more();
+    place.look_is_over(false);
+    EXPECT_FALSE(place.bears(7));
+    place.look_is_over(true);
+    all_but_one_more();
+    for (size_t i = 0; i <= tap_place::most_at_once; ++i)
+        ASSERT_TRUE(place.bears(-1)) << "nobody to be cut off";
 }
 
 } // namespace rtls

@@ -19,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace rtls {
@@ -84,6 +85,19 @@ protected:
     {
         const auto frames = receive(sock);
         return frames.size() > 2 ? load_be64(frames[1], tap_head::number) : 0;
+    }
+
+    // To the tap, speaking nothing yet; it hears for 10 s.
+    int connected() const
+    {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un place{};
+        place.sun_family = AF_UNIX;
+        std::string{m_place.path()}.copy(place.sun_path, sizeof place.sun_path - 1);
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&place), sizeof place), 0);
+        const timeval patience{10, 0};
+        EXPECT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
+        return fd;
     }
 
     static bool has_more(const zsock_ptr& sock) { return (zsock_events(sock.get()) & ZMQ_POLLIN) != 0; }
@@ -305,6 +319,12 @@ public:
         const auto size = static_cast<uint8_t>(message.size());
         write(bytes_t{0, size} + bytes_t(message.begin(), message.end()));
     }
+    // Without waiting. How many of the bytes were taken.
+    size_t try_to_send(std::string_view bytes)
+    {
+        const ssize_t taken = ::send(m_fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        return taken > 0 ? static_cast<size_t>(taken) : 0;
+    }
 
 private:
     void write(const bytes_t& bytes)
@@ -366,6 +386,49 @@ TEST_F(opened_tap, who_sends_anything_else_is_cut_off_and_nobody_else_is)
     EXPECT_EQ(next_number(good), 1U);
     EXPECT_THAT(log.messages("main"),
                 ElementsAre("tap: a subscriber that sends more than topics within bounds is cut off"));
+}
+
+// What is published has the library move all that has come into a list of its own, however long.
+TEST_F(opened_tap, who_begins_and_ends_without_end_is_cut_off)
+{
+    const log_capture log;
+    const zsock_ptr good = subscriber("event");
+    bare_subscriber bad{m_place.path()};
+    std::string pairs;
+    for (int i = 0; i < 500; ++i)
+        pairs += std::string("\0\x08\1report/\0\x08\0report/", 20);
+    size_t rest = pairs.size() * 40; // five times what is borne: most of it is not in the connection any more
+    const auto send_and_publish = [&] {
+        const size_t at = (pairs.size() - rest % pairs.size()) % pairs.size();
+        rest -= bad.try_to_send(std::string_view{pairs}.substr(at));
+        m_tap.publish(tap_event{"stopped"});
+    };
+    ASSERT_TRUE(repeat_until([&] { return rest == 0; }, send_and_publish));
+    EXPECT_EQ(m_tap.counts().cut.value(), 0U);
+    const auto look = [&] { m_tap.look(); };
+    EXPECT_TRUE(repeat_until([&] { return m_tap.counts().cut.value() > 0; }, look));
+    EXPECT_TRUE(repeat_until([&] { return !m_tap.takes(tap_class::report); }, look));
+    EXPECT_TRUE(m_tap.takes(tap_class::event));
+    EXPECT_EQ(m_tap.counts().topics.value(), 1U);
+}
+
+TEST_F(opened_tap, who_speaks_an_old_version_of_the_protocol_is_refused)
+{
+    const zsock_ptr good = subscriber("event");
+    const bytes_t of_event = bytes_t{0, 6, 0} + text("event");
+    for (const bytes_t& greeting : {hex("FF 00 00 00 00 00 00 00 01 7F 01 02 00 00"), hex("01 00")}) {
+        const unique_fd old{connected()};
+        const bytes_t said = greeting + of_event;
+        EXPECT_EQ(::send(old.get(), said.data(), said.size(), MSG_NOSIGNAL), ssize_t(said.size()));
+        ssize_t heard = 1;
+        for (char byte = 0; heard > 0;)
+            heard = recv(old.get(), &byte, 1, 0);
+        EXPECT_TRUE(heard == 0 || errno == ECONNRESET) << errno;
+        m_tap.look();
+        EXPECT_TRUE(m_tap.takes(tap_class::event));
+    }
+    m_tap.publish(tap_event{"stopped"});
+    EXPECT_EQ(next_number(good), 1U);
 }
 
 TEST_F(opened_tap, who_takes_too_many_topics_is_cut_off)
