@@ -348,13 +348,13 @@ TEST_F(snapshot_test, of_100000_nodes_holds_the_lock_for_a_moment)
     bridges.push_back(bridge("here"));
     const auto index = index_bridges(bridges);
     std::vector<node_row> rows(100'000);
-    auto shortest = std::chrono::steady_clock::duration::max();
+    auto shortest = std::chrono::nanoseconds::max();
     for (int round = 0; round < 5; ++round) {
         auto& nodes = *m_gateway.nodes();
         const nodes_guard guard{nodes};
-        const auto start = std::chrono::steady_clock::now();
+        const auto start = processor_time();
         copy_nodes_locked(nodes, index, rows);
-        shortest = std::min(shortest, std::chrono::steady_clock::now() - start);
+        shortest = std::min(shortest, processor_time() - start);
     }
     EXPECT_EQ(rows.size(), 100'000u);
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(shortest).count();
