@@ -149,11 +149,17 @@ def test_what_both_hear_comes_twice(pair):
 def test_a_command_takes_the_way_of_who_knows_the_node(pair):
     first, _ = pair
     here, there = bridges_of(pair)
+    mark = Roamer(2)
+    assert mark.mac == there.mac
+    mark.connection = there
+    mark.report()
+    there.barrier()
     here.send_message(wire.heartbeat(NODE, 5, bridge=here.mac, addr=NODE_IP))
     here.barrier()
     command = struct.pack(">HB", wire.REST_ACK, 9) + NODE
     first.proxy.publish(command)
     assert here.receive() == struct.pack("<HB", wire.REST_ACK, 9) + NODE_IP
+    reach_all(first.proxy, [mark], b"later")  # the other gateway is through with the command, too, which it refused
     assert there.barrier() == []
 
     here.close()  # its node moves to the other one; the first gateway still lists it
