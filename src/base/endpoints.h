@@ -14,8 +14,8 @@ inline constexpr char debug_stream_endpoint[] = "inproc://dbg_dump";
 // stood in logs for long.
 inline constexpr char request_channel_endpoint[] = "inproc://winserw_channel";
 
-// A connection's events: PAIR, bound by libzmq for the watch (net/link_watch) that the address is of.
-inline constexpr char link_events_endpoint[] = "inproc://link-%p";
+// A connection's events: PAIR, bound by libzmq for the watch (net/link_watch) of that number.
+inline constexpr char link_events_endpoint[] = "inproc://link-%u";
 
 // Who may connect to an encrypted tap: REP, bound by the tap's guard (tap/tap_guard); the library asks. The name is the
 // library's (RFC 27/ZAP).

@@ -7,6 +7,7 @@
 
 #include <arpa/inet.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -49,8 +50,10 @@ void link_watch::open(zsock_t* sock, const std::string& endpoint, io_thread thre
     if (m_unsent)
         m_unsent->library_holds(static_cast<uint64_t>(zsock_sndhwm(sock)));
 
+    // Each its own: the library lets go of the name of one that was closed in its own time.
+    static std::atomic<unsigned> opened{0};
     char name[64];
-    (void)snprintf(name, sizeof name, link_events_endpoint, static_cast<void*>(this));
+    (void)snprintf(name, sizeof name, link_events_endpoint, opened++);
     m_events = zsock_new(ZMQ_PAIR);
     if (m_events)
         zsock_set_rcvhwm(m_events, 0); // the library's thread waits until it is rid of an event

@@ -217,6 +217,19 @@ TEST(link_watch, counts_what_is_lost_by_connecting_again)
     }
 }
 
+TEST(link_watch, may_be_opened_again_at_once)
+{
+    log_capture log;
+    link_watch link{"some server"};
+    for (int i = 0; i < 200; ++i) {
+        const zsock_ptr sender{zsock_new(ZMQ_PUSH)};
+        link.open(sender.get(), "tcp://127.0.0.1:1", io_thread_of_handler);
+        EXPECT_NE(link.events(), nullptr);
+        link.close();
+    }
+    EXPECT_THAT(log.messages("main"), testing::IsEmpty());
+}
+
 TEST(unsent_count, knows_what_was_handed_over_while_nobody_was_there)
 {
     unsent_count unsent;
