@@ -1,16 +1,15 @@
 """Starts the real daemon on free loopback ports, and plays the servers it needs."""
-import itertools
 import os
 import pathlib
 import resource
 import signal
-import socket
 import subprocess
 
 import zmq
 
 from . import wire
 from .peers import Broker, Bridge, Inbox, Proxy, Terminal, wait_until
+from .ports import free_port
 
 ROOT = pathlib.Path(__file__).resolve().parents[3]
 BUILD = pathlib.Path(os.environ.get("RTLS_BUILD_DIR", ROOT / "build" / "release"))
@@ -22,24 +21,6 @@ SHIM = BUILD / "syslog_shim.so"
 _, _hard = resource.getrlimit(resource.RLIMIT_NOFILE)
 resource.setrlimit(resource.RLIMIT_NOFILE, (_hard, _hard))
 WITH_FEW_FILES = ["prlimit", "--nofile=512:"]
-
-# Below the ephemeral range, a range of its own for each parallel worker, so that nobody takes a port
-# between our looking and the daemon's binding.
-_worker = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0")[2:]) + int(os.environ.get("E2E_FIRST_WORKER", "0"))
-_next_port = itertools.count(10000 + 1400 * (_worker % 16))
-
-
-def free_port(candidates=_next_port) -> int:
-    for port in candidates:
-        with socket.socket() as tcp, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
-            try:
-                tcp.bind(("0.0.0.0", port))
-                udp.bind(("0.0.0.0", port))
-                return port
-            except OSError:
-                continue
-    raise RuntimeError("no free port")
-
 
 def zpl(tree: dict, indent: int = 0) -> str:
     out = []
