@@ -149,6 +149,19 @@ def test_the_user_of_the_unit_is_made(installed):
     assert "\nUser=rtls-gateway\nGroup=rtls-gateway\n" in (installed / "lib/systemd/system/rtls-gateway.service").read_text()
 
 
+def test_the_bound_of_memory_is_what_its_page_adds_up():
+    unit = (ROOT / "config/rtls-gateway.service").read_text()
+    page = (ROOT / "docs/sizing.md").read_text().split("### The unit's bound", 1)[1].split("\n## ")[0]
+    *parts, total = (int(figure.replace(",", "")) for figure in re.findall(r"^\| [^|]+ \| ([\d,]+) \|", page, re.M))
+    assert len(parts) > 5 and sum(parts) == total
+    (bound,) = re.findall(r"^MemoryMax=(\d+)G$", unit, re.M)
+    assert total <= int(bound) * 1024 <= total * 1.2, "room for the worst, and no more"
+    why = " ".join(re.findall(r"^# (.*)$", unit.split("MemoryMax=")[0].split("\n\n")[-1], re.M))
+    assert not [part for part in (*parts, total) if not re.search(rf"\b{part:,}\b", why)], "the unit says the same figures"
+    for told in (page, (ROOT / "docs/packages.md").read_text()):
+        assert f"`MemoryMax={bound}G`" in told
+
+
 # ---- configuration
 
 def test_the_configuration_is_the_sample_for_a_service(installed):
