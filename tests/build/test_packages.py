@@ -84,6 +84,13 @@ def test_each_file_has_its_package_and_its_place(made):
           for part in ("config", "config-version", "targets", "targets-relwithdebinfo"))}
 
 
+def test_nobody_elses_address_is_given_as_the_maintainers(made):
+    for name in PACKAGES:
+        address = re.search(r"<.*@(.*)>", run("dpkg-deb", "-f", package(made, name), "Maintainer"))[1]
+        assert address.endswith(".invalid"), "no domain that somebody may own"
+        assert f"@{address}>" in (ROOT / "debian/changelog").read_text().splitlines()[-1]
+
+
 def test_what_a_site_changes_is_kept_by_an_upgrade(made):
     conffiles = run("dpkg-deb", "-I", package(made, "rtls-gateway"), "conffiles").split()
     assert sorted(conffiles) == ["/etc/rtls-gateway/rtls-gateway.conf", "/etc/sysctl.d/60-rtls-gateway.conf"]
