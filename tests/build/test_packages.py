@@ -84,6 +84,18 @@ def test_each_file_has_its_package_and_its_place(made):
           for part in ("config", "config-version", "targets", "targets-relwithdebinfo"))}
 
 
+def test_the_examples_and_the_pages_that_show_them_are_there(installed):
+    folder = installed / "usr/share/doc/rtls-gateway"
+    servers = {path.name for path in (ROOT / "docs/examples").iterdir() if path.is_file()}
+    assert len(servers) > 4
+    assert {path.name for path in (folder / "examples").iterdir()} == servers | {"alerts.yml", "dashboard.json"}
+    for name in servers:
+        assert (folder / "examples" / name).read_bytes() == (ROOT / "docs/examples" / name).read_bytes()
+        assert os.access(folder / "examples" / name, os.X_OK) == name.endswith(".py"), f"{name}: run as the guide shows"
+    linked = set(re.findall(r"\]\((examples/[\w.]+)\)", "".join(page.read_text() for page in folder.glob("*.md"))))
+    assert len(linked) > 3 and not [link for link in linked if not (folder / link).exists()]
+
+
 def test_nobody_elses_address_is_given_as_the_maintainers(made):
     for name in PACKAGES:
         address = re.search(r"<.*@(.*)>", run("dpkg-deb", "-f", package(made, name), "Maintainer"))[1]
