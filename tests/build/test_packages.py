@@ -96,6 +96,16 @@ def test_the_examples_and_the_pages_that_show_them_are_there(installed):
     assert len(linked) > 3 and not [link for link in linked if not (folder / link).exists()]
 
 
+def test_the_first_install_is_one_of_these_packages(made, build):
+    page = (ROOT / "docs/first-install.md").read_text()
+    shown = {line.split()[3] for line in page.splitlines() if re.match(r"-[rwx-]{9} root root /", line)}
+    shown = {file for file in shown if not file.startswith(("/usr/share/doc/", "/usr/share/lintian/"))}
+    assert shown == files_of(made, "rtls-gateway"), "scripts/first-install makes it anew"
+    assert f"rtls-gateway_{build.cache['CMAKE_PROJECT_VERSION']}_" in page
+    for told in ("READY=1", "WATCHDOG=1", "STOPPING=1", "ended with status 0"):
+        assert told in page
+
+
 def test_nobody_elses_address_is_given_as_the_maintainers(made):
     for name in PACKAGES:
         address = re.search(r"<.*@(.*)>", run("dpkg-deb", "-f", package(made, name), "Maintainer"))[1]
