@@ -135,6 +135,20 @@ def test_building_the_packages_needs_what_building_by_hand_does():
     assert declared - for_packages_alone == by_hand - always_there
 
 
+@pytest.mark.parametrize("flags,root", [
+    ("-g -O2", "/somewhere/source"), ("-g -ffile-prefix-map=/somewhere/source=. -O2", "."),
+    ("-fmacro-prefix-map=/somewhere=/usr/src", "/usr/src/source"), ("-ffile-prefix-map=/elsewhere=.", "/somewhere/source")])
+def test_the_place_of_the_build_is_not_in_what_it_makes(tmp_path, flags, root):
+    """Its length was, in the library that cuts it from the paths in records."""
+    made = tmp_path / "version.h"
+    (call,) = re.findall(r"^rtls_mapped_path\(.*$", (ROOT / "libs/core/CMakeLists.txt").read_text(), re.M)
+    (tmp_path / "make.cmake").write_text("\n".join([
+        f"include({ROOT}/cmake/mapped_path.cmake)", "set(PROJECT_SOURCE_DIR /somewhere/source)",
+        f'set(CMAKE_CXX_FLAGS "{flags}")', call, f"configure_file({ROOT}/libs/core/src/impl/version.h.in {made} @ONLY)"]))
+    run("cmake", "-P", tmp_path / "make.cmake")
+    assert f'source_directory = "{root}"' in made.read_text()
+
+
 # ---- units
 
 @pytest.fixture(scope="module")

@@ -1,0 +1,20 @@
+# rtls_mapped_path(<variable> <path> <flags>)
+#
+# The path as a compiler with these flags writes it into __FILE__: -ffile-prefix-map and -fmacro-prefix-map put something
+# else in front of it, so that what is built does not depend on where. Of several maps the last one that fits counts.
+function(rtls_mapped_path variable path flags)
+  set(mapped "${path}")
+  string(REGEX MATCHALL "-f(file|macro)-prefix-map=[^ ]+" maps "${flags}")
+  foreach(map IN LISTS maps)
+    string(REGEX MATCH "^[^=]*=([^=]*)=(.*)$" found "${map}")
+    set(from "${CMAKE_MATCH_1}")
+    set(to "${CMAKE_MATCH_2}")
+    string(FIND "${path}" "${from}" at)
+    if(at EQUAL 0)
+      string(LENGTH "${from}" length)
+      string(SUBSTRING "${path}" ${length} -1 rest)
+      set(mapped "${to}${rest}")
+    endif()
+  endforeach()
+  set(${variable} "${mapped}" PARENT_SCOPE)
+endfunction()
