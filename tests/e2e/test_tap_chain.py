@@ -9,8 +9,9 @@ import pytest
 
 from harness import tap_publisher as taps
 from harness import wire
-from harness.daemon import BUILD, ROOT, Daemon, environment, free_port
+from harness.daemon import BUILD, Daemon, environment, free_port
 from harness.peers import DEADLINE, wait_until
+from harness.tshark import run_tshark
 
 BRIDGE, NODES = wire.mac(0xB001), [wire.mac(0x1A00 + i) for i in range(3)]
 SEQUENCES = (1, 2, 3)
@@ -65,11 +66,10 @@ def test_the_recording_shows_each_report_once(recording):
     assert events.count("node_new") == len(NODES) + 1, "the bridge's own, too"
 
 
-def test_tshark_reads_it(recording):
-    lua = ROOT / "tools" / "wireshark" / "rtls.lua"
-    topics = run("tshark", "-X", f"lua_script:{lua}", "-r", recording, "-T", "fields", "-e", "rtls_tap.topic").split()
+def test_tshark_reads_it(recording, tmp_path):
+    topics = run_tshark(tmp_path, "-r", recording, "-T", "fields", "-e", "rtls_tap.topic").split()
     assert topics == [message[0].decode() for message in taps.recorded(recording.read_bytes())]
-    assert run("tshark", "-X", f"lua_script:{lua}", "-r", recording, "-Y", "_ws.malformed || _ws.expert.severity >= 0x00600000") == ""
+    assert run_tshark(tmp_path, "-r", recording, "-Y", "_ws.malformed || _ws.expert.severity >= 0x00600000") == ""
 
 
 def test_another_gateway_hands_on_the_same(recording, tmp_path):

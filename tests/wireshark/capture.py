@@ -2,11 +2,12 @@
 import json
 import pathlib
 import struct
-import subprocess
+import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-PLUGINS = ROOT / "tools/wireshark"
-PERSONAL = ".local/lib/wireshark/plugins"  # where Wireshark looks for what a user has put there
+
+sys.path.insert(0, str(ROOT / "tests/e2e"))
+from harness.tshark import PLUGINS, run_tshark  # noqa: E402, F401
 
 WIN, DISCOVERY = 4001, 4002
 ETHERNET, UPPER_PDU = 1, 252
@@ -88,21 +89,6 @@ class Connection:
 
 def address(text: str) -> bytes:
     return bytes(int(part) for part in text.split("."))
-
-
-def run_tshark(folder: pathlib.Path, *arguments) -> str:
-    """What tshark prints with the dissectors as they are in the sources, and nothing else of this machine's."""
-    plugins = folder / "home" / PERSONAL
-    if not plugins.exists():
-        plugins.mkdir(parents=True)
-        (plugins / "rtls").symlink_to(PLUGINS)
-    environment = {"PATH": "/usr/bin:/bin", "LC_ALL": "C.UTF-8", "TZ": "UTC", "HOME": str(folder / "home")}
-    done = subprocess.run(["tshark", *arguments], env=environment, text=True, check=False, stdout=subprocess.PIPE,
-                          stderr=subprocess.PIPE)
-    told = [line for line in done.stderr.splitlines() if not line.startswith("Running as user")]
-    assert done.returncode == 0 and not told, told[:20]
-    assert "Lua Error" not in done.stdout
-    return done.stdout
 
 
 def tshark(capture: pathlib.Path, *options) -> str:

@@ -5,14 +5,13 @@ import os
 import re
 import struct
 import subprocess
-import sys
 
+import pytest
 from capture import (DISCOVERY, PLUGINS, ROOT, Capture, Connection, Recording, as_list, fields_of, layers_of, messages_of,
                      run_tshark, tshark)
+from harness import wire
+from harness.tshark import as_nobody
 from messages import ROLES, Composer
-
-sys.path.insert(0, str(ROOT / "tests/e2e"))
-from harness import wire  # noqa: E402
 
 PREFIX = "rtlsgw."
 MALFORMED = '_ws.expert.group == "Malformed" || _ws.expert.message contains "Lua Error"'
@@ -565,6 +564,12 @@ def test_ports_of_the_documentation_are_those_of_the_preferences_and_of_the_samp
     assert dict(re.findall(r"^#(rtlsgw\w*\.\w+_ports): (\S*)$", prefs, re.M)) == dict(named) and len(named) == 5
     sample = (ROOT / "config/rtls-gateway.conf").read_text()
     assert [name for name, port in named if not re.search(rf"^    \w+ = {port}$", sample, re.M)] == []
+
+
+@pytest.mark.skipif(os.getuid() == 0 and not as_nobody(), reason="root, without namespaces: tshark knows what is installed")
+def test_dissectors_that_are_installed_here_are_not_loaded_beside_those_of_the_sources(tmp_path):
+    folders = re.findall(r"^(?:Personal|Global) .*Plugins:\s+(\S+)$", run_tshark(tmp_path, "-G", "folders"), re.M)
+    assert len(folders) == 4 and all(folder.startswith(str(tmp_path)) for folder in folders), folders
 
 
 def test_other_ports_are_told_by_preferences_or_for_one_connection(tmp_path):

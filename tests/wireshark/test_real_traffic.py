@@ -3,15 +3,12 @@ import contextlib
 import selectors
 import socket
 import subprocess
-import sys
 import threading
 from collections import Counter
 
-from capture import ROOT, WIN, Capture, Connection, fields_of, layers_of, messages_of
-
-sys.path.insert(0, str(ROOT / "tests/e2e"))
-from harness import daemon, wire  # noqa: E402
-from harness.fixtures import start_gateway  # noqa: E402, F401
+from capture import WIN, Capture, Connection, fields_of, layers_of, messages_of
+from harness import daemon, wire
+from harness.fixtures import start_gateway  # noqa: F401
 
 SERVERS = {"proxy": 5555, "proxy_input": 5556, "handler": 5557}
 
