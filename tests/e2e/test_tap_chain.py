@@ -2,15 +2,15 @@
 another gateway, which hands on the same reports."""
 import json
 import pathlib
-import signal
 import subprocess
 
 import pytest
 
 from harness import tap_publisher as taps
 from harness import wire
-from harness.daemon import BUILD, Daemon, environment, free_port
-from harness.peers import DEADLINE, wait_until
+from harness.daemon import BUILD, Daemon, environment
+from harness.peers import DEADLINE
+from harness.recorder import record
 from harness.tshark import run_tshark
 
 BRIDGE, NODES = wire.mac(0xB001), [wire.mac(0x1A00 + i) for i in range(3)]
@@ -35,26 +35,10 @@ def talk(gateway: Daemon):
     bridge.close()
 
 
-def payloads_of(file: pathlib.Path) -> list:
-    """Those of a file that is being written, as far as it is."""
-    return [message[-1] for message in taps.recorded(file.read_bytes(), is_growing=True)] if file.exists() else []
-
-
 @pytest.fixture(scope="module")
 def recording(tmp_path_factory) -> pathlib.Path:
     folder = tmp_path_factory.mktemp("recorded")
-    endpoint, file = f"tcp://127.0.0.1:{free_port()}", folder / "r.pcapng"
-    gateway = Daemon(folder, change=lambda tree: {**tree, "tap": {"address": endpoint}})
-    recorder = subprocess.Popen([BUILD / "rtls-record", "--tap", endpoint, file], env=environment())
-    try:
-        wait_until(lambda: payloads_of(file), "the event that the gateway has started")
-        talk(gateway)
-        wait_until(lambda: any(b"bridge_closed" in payload for payload in payloads_of(file)), "the bridge's end")
-    finally:
-        recorder.send_signal(signal.SIGINT)
-        assert recorder.wait(DEADLINE) == 0
-        gateway.close()
-    return file
+    return record(folder, folder / "r.pcapng", talk)
 
 
 def test_the_recording_shows_each_report_once(recording):
