@@ -201,6 +201,27 @@ def test_filters_choose(recording):
     assert chosen("--bridge", "B002", "--link") == []
 
 
+def test_conditions_choose(recording):
+    def chosen(*conditions):
+        options = [word for condition in conditions for word in ("--where", condition)]
+        return [(line["topic"].split("/")[0], line["number"]) for line in lines_of("--read", recording, "--link", *options)]
+
+    assert chosen('kind == "heartbeat" and seqNo < 8') == [("report", 1), ("report", 3)]
+    assert chosen(f"long_addr == '{OTHER.hex()}' or event.event == 'bridge_named'") == [("event", 1), ("report", 2)]
+    assert chosen("not (seqNo or event) and way == 'up'") == [("management", 1)], "it is no line, and has no fields"
+    assert chosen("pos_Y <= -2500", "seqNo != 7", "clock_ns > 0") == [("report", 2)]
+    assert chosen("bridge == 'x'") == []
+    assert len(run("rtls-tail", "--read", recording, "--where", "reporting_freq == 60")[0].splitlines()) == 3
+
+
+@pytest.mark.parametrize("condition, says", [
+    ("seqNo <", "character 8: a number, a text in quotes, true or false is wanted"), ("seqNo = 8", "character 7: this means"),
+    ("(seqNo", 'character 7: "and", "or" or ")" is wanted'), ("", "character 1: the name of a field")])
+def test_a_condition_that_is_none_is_refused_with_its_place(recording, condition, says):
+    out, err = run("rtls-tail", "--read", recording, "--where", condition, status=2)
+    assert out == "" and err.startswith(f"rtls-tail: --where {condition}: {says}")
+
+
 def test_a_line_for_people_is_one_line(recording):
     out, _ = run("rtls-tail", "--read", recording, "--mac", "1A2B", "-n", 1)
     assert out == (f"2023-11-14T22:13:20.251500Z report/{name(NODE)} #1 heartbeat seconds=1700000000 milliseconds=250 seqNo=7 "

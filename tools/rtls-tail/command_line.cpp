@@ -29,6 +29,7 @@ Examples:
   rtls-tail --tap tcp://127.0.0.1:5559 --mac 1A2B --kind heartbeat --json
   rtls-tail --tap tcp://127.0.0.1:5559 --link --bridge E45E510000000100 --direction down
   rtls-tail --read fault.pcapng --stats
+  rtls-tail --read fault.pcapng --where 'pos_Z < -300 and not (seqNo == 0 or node_role == "bridge")'
   rtls-tail --tap tcp://127.0.0.1:5559 --stats --every 10
 Exit status:
   0  done
@@ -196,22 +197,27 @@ static void add_whence(CLI::App& app, request& asked)
 
 static void add_filters(CLI::App& app, request& asked)
 {
+    const char* const group = "What is shown";
     const auto add = [&](const char* name, std::vector<std::string>& values, const char* meaning,
                          const char* type) {
         return app.add_option(name, values, meaning)
             ->type_name(type)
             ->delimiter(',')
             ->allow_extra_args(false)
-            ->group("What is shown");
+            ->group(group);
     };
     add("--topic", asked.from.topics, "Topics that begin so, as report/", "PREFIX,...");
-    app.add_flag("--link", asked.has_links, "The messages on the bridges' connections, too")
-        ->group("What is shown");
+    app.add_flag("--link", asked.has_links, "The messages on the bridges' connections, too")->group(group);
     add("--mac", asked.wanted.macs, "Only of or for these nodes", "MAC,...");
     add("--bridge", asked.wanted.bridges, "Only by these bridges", "MAC,...");
     add("--kind", asked.wanted.kinds, "Only these kinds, as heartbeat, and events", "KIND,...");
     add("--direction", asked.wanted.ways, "Only this direction", "TEXT")
         ->check(CLI::IsMember({"up", "down", "neither"}));
+    app.add_option("--where", asked.wanted.where,
+                   "Only where this holds, as 'pos_Z < 0 and kind == \"heartbeat\"'")
+        ->type_name("CONDITION")
+        ->allow_extra_args(false)
+        ->group(group);
 }
 
 static void add_how(CLI::App& app, request& asked)

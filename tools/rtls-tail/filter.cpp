@@ -1,26 +1,19 @@
 #include "rtls-tail/filter.h"
 
+#include "rtls-tail/lines.h"
 #include "tap/failure.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 
 namespace tail {
 
 using namespace rtls::recording;
 using rtls::decode::group;
 
-static std::string lower(std::string_view text)
-{
-    std::string made{text};
-    std::ranges::transform(made, made.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return made;
-}
-
+// Without colons and in lower case, as they are compared.
 static void settle(std::vector<std::string>& macs)
 {
     for (std::string& mac : macs) {
@@ -38,6 +31,20 @@ void filter::settle()
 {
     tail::settle(macs);
     tail::settle(bridges);
+    for (const std::string& text : where)
+        try {
+            m_conditions.push_back(parse_condition(text));
+        } catch (const condition_error& why) {
+            throw tap::failure(tap::exit_status::usage, fmt::format("--where {}: {}", text, why.what()));
+        }
+}
+
+static bool hold(const std::vector<condition>& conditions, const sight& it)
+{
+    if (conditions.empty())
+        return true;
+    const auto line = line_object(it);
+    return std::ranges::all_of(conditions, [&](const condition& holds) { return holds(line); });
 }
 
 static bool ends_as_one(const std::vector<std::string>& ends, std::string_view text)
@@ -91,7 +98,7 @@ bool filter::passes(const sight& it) const
     return (ways.empty() || std::ranges::find(ways, way_name(it.from->head.way)) != ways.end()) &&
            (kinds.empty() || has_kind(kinds, it)) &&
            (bridges.empty() || ends_as_one(bridges, lower(it.bridge))) &&
-           (macs.empty() || is_about_node(macs, it));
+           (macs.empty() || is_about_node(macs, it)) && hold(m_conditions, it);
 }
 
 bool passes(const std::vector<std::string>& prefixes, std::string_view topic)

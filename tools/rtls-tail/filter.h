@@ -5,6 +5,7 @@
 // Failures   Of what is no filter: tap::failure, usage.
 #pragma once
 
+#include "rtls-tail/condition.h"
 #include "rtls-tail/viewer.h"
 
 #include <string>
@@ -17,11 +18,15 @@ struct filter {
     std::vector<std::string> macs;
     std::vector<std::string> bridges;
     std::vector<std::string> kinds;
-    std::vector<std::string> ways; // "up", "down", "neither"
+    std::vector<std::string> ways;  // "up", "down", "neither"
+    std::vector<std::string> where; // conditions on fields, of which all are to hold
 
-    // MACs without colons and in lower case, as all() compares them.
+    // To be called once all is there, before passes().
     void settle();
     bool passes(const sight& it) const;
+
+private:
+    std::vector<condition> m_conditions; // of `where`
 };
 
 // A topic's, by its prefix; none: every topic passes.

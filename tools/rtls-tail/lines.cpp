@@ -44,7 +44,7 @@ std::string readable_line(const sight& it)
     return tools::printable(text) + "\n";
 }
 
-std::string json_line(const sight& it)
+ordered_json line_object(const sight& it)
 {
     const tap_head& head = it.from->head;
     ordered_json line{{"clock", time_text(head.clock_ns)}, {"clock_ns", head.clock_ns},
@@ -56,7 +56,12 @@ std::string json_line(const sight& it)
         line["event"] = it.event;
     else
         line["message"] = rtls::decode::to_json(it.message);
-    return tools::json_text(line) + "\n";
+    return line;
+}
+
+std::string json_line(const sight& it)
+{
+    return tools::json_text(line_object(it)) + "\n";
 }
 
 } // namespace tail

@@ -13,6 +13,9 @@
 
 namespace tail {
 
+// What json_line() writes.
+nlohmann::ordered_json line_object(const sight& it);
+
 // Each with its end.
 std::string readable_line(const sight& it);
 std::string json_line(const sight& it);
