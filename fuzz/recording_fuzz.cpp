@@ -2,6 +2,7 @@
 // read again when it is written.
 #include "fuzzing.h"
 #include "memory_files.h"
+#include "recording/capture.h"
 #include "recording/pcapng.h"
 
 namespace rtls::recording {
@@ -21,6 +22,18 @@ reading read_all(bytes_view bytes, std::vector<tap_message>& messages)
     require(reader.next(message) == state);
     require((state == reading::damaged) != reader.reason().empty());
     return state;
+}
+
+void read_as_capture(bytes_view bytes)
+{
+    memory_source source{bytes};
+    capture_reader reader{source};
+    captured_packet packet;
+    reading state = reading::end;
+    while ((state = reader.next(packet)) == reading::message)
+        require(packet.bytes.size() <= bytes.size());
+    require(reader.next(packet) == state);
+    require((state == reading::damaged) != reader.reason().empty());
 }
 
 void written_and_read(const std::vector<tap_message>& messages)
@@ -44,8 +57,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (input.u8() % 2 == 1) { // one packet, without the blocks around it
         if (parse_packet(input.copy(size), one))
             messages.push_back(one);
-    } else
-        read_all(input.copy(size), messages);
+    } else {
+        const auto file = input.copy(size);
+        read_as_capture(file);
+        read_all(file, messages);
+    }
     written_and_read(messages);
     return 0;
 }

@@ -1,5 +1,6 @@
 """What the simulator and the gateway really say to each other: nothing of it is malformed, and all of it is shown."""
 import contextlib
+import json
 import selectors
 import socket
 import subprocess
@@ -99,6 +100,12 @@ def malformed(capture) -> list:
     return fields_of(capture, "frame.number", "_ws.expert.message", options=["-Y", "rtlsgw && _ws.expert || _ws.malformed"])
 
 
+def shown_by_tail(capture) -> Counter:
+    text = subprocess.run([daemon.BUILD / "rtls-tail", "--capture", capture, "--topic", "link/", "--json"], text=True, check=True,
+                          stdout=subprocess.PIPE, stdin=subprocess.DEVNULL).stdout
+    return Counter((line["way"], line["message"]["kind"]) for line in map(json.loads, text.splitlines()))
+
+
 def see_links(messages: list, frames: Counter):
     kinds = Counter(message["rtlsgw.kind"] for message in messages if "rtlsgw.kind" in message)
     ways = Counter(message["rtlsgw.direction"] for message in messages if "rtlsgw.direction" in message)
@@ -126,6 +133,8 @@ def test_nothing_that_the_simulator_and_the_gateway_say_is_malformed(start_gatew
         assert malformed(capture) == [], name
         found[name] = messages_of(layers_of(capture, "-2", "-R", "rtlsgw", "-J", "rtlsgw"))
     see_links(found["win"], listeners["win"].frames())
+    assert shown_by_tail(tmp_path / "win.pcap") == Counter(
+        (message["rtlsgw.direction"], message["rtlsgw.kind"]) for message in found["win"] if "rtlsgw.kind" in message)
     directions = {name: {message["rtlsgw.direction"] for message in found[name]} for name in SERVERS}
     assert directions == {"proxy": {"command"}, "proxy_input": {"management"}, "handler": {"report"}}
     assert len(found["handler"]) > 100

@@ -2,6 +2,7 @@
 
 #include "common/output.h"
 #include "common/texts.h"
+#include "rtls-tail/captured_links.h"
 #include "rtls-tail/filter.h"
 #include "rtls-tail/lines.h"
 #include "rtls-tail/statistics.h"
@@ -12,6 +13,8 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 
 namespace tail {
@@ -30,19 +33,22 @@ Examples:
   rtls-tail --tap tcp://127.0.0.1:5559 --link --bridge E45E510000000100 --direction down
   rtls-tail --read fault.pcapng --stats
   rtls-tail --read fault.pcapng --where 'pos_Z < -300 and not (seqNo == 0 or node_role == "bridge")'
+  rtls-tail --capture site.pcap --port 4001 --where 'kind == "heartbeat"'
   rtls-tail --tap tcp://127.0.0.1:5559 --stats --every 10
 Exit status:
   0  done
-  1  the recording cannot be read, or is damaged: what was before is shown
+  1  the file cannot be read, or is damaged: what was before is shown
   2  the command line is wrong; nothing was done
   3  nobody answers at the endpoint, or lets us in (with --timeout)
-  4  done, but messages are missing by their numbers)";
+  4  done, but messages are missing by their numbers, or bytes in a capture)";
 
 namespace {
 
 struct request {
     tap::subscription from;
     std::string file;
+    std::string capture;
+    uint16_t port = 4001;
     filter wanted;
     bool has_links = false;
     bool as_json = false;
@@ -59,6 +65,7 @@ public:
     {
     }
     exit_status read_file();
+    exit_status read_capture();
     exit_status follow_tap();
 
 private:
@@ -156,6 +163,21 @@ exit_status follower::read_file()
     return status;
 }
 
+exit_status follower::read_capture()
+{
+    captured_links links{m_asked.capture, m_asked.port};
+    tap_message message;
+    while (!is_over() && links.next(message)) {
+        if (links.follows_gap())
+            m_viewer.forget_beginning(message);
+        if (passes(m_asked.from.topics, message.topic))
+            show(message, message.head.clock_ns);
+    }
+    const exit_status status = ended();
+    links.end(m_program);
+    return links.missing_bytes() > 0 ? exit_status::incomplete : status;
+}
+
 static uint64_t wall_clock_ns()
 {
     using namespace std::chrono;
@@ -188,6 +210,15 @@ static void add_whence(CLI::App& app, request& asked)
         ->type_name("ENDPOINT")
         ->group(group);
     app.add_option("--read", asked.file, "A recording; - is the input")->type_name("FILE")->group(group);
+    CLI::Option* capture = app.add_option("--capture", asked.capture,
+                                          "A capture of the bridges' port, pcap or pcapng; - is the input")
+                               ->type_name("FILE")
+                               ->group(group);
+    app.add_option("--port", asked.port, "That port, the gateway's ports/win (4001)")
+        ->type_name("PORT")
+        ->check(CLI::Range(1, 65535))
+        ->needs(capture)
+        ->group(group);
     app.add_option("--timeout", asked.from.patience, "Give up when nobody answers for so long; 0: never")
         ->type_name("SECONDS")
         ->check(CLI::NonNegativeNumber)
@@ -243,26 +274,33 @@ static void add_how(CLI::App& app, request& asked)
 // What options could not write where it belongs.
 static void settle(request& asked)
 {
-    if (asked.from.endpoint.empty() == asked.file.empty())
-        throw tap::failure(exit_status::usage, "either --tap or --read is wanted (rtls-tail --help)");
+    const auto given = std::ranges::count_if(std::array{&asked.from.endpoint, &asked.file, &asked.capture},
+                                             [](const std::string* whence) { return !whence->empty(); });
+    if (given != 1)
+        throw tap::failure(exit_status::usage,
+                           "one of --tap, --read and --capture is wanted (rtls-tail --help)");
     asked.wanted.settle();
+    const bool has_nothing_else = !asked.capture.empty() && asked.from.topics.empty();
     if (asked.from.topics.empty())
         asked.from.topics = {"report/", "management", "command", "event"};
-    if (asked.has_links)
+    if (asked.has_links || has_nothing_else)
         asked.from.topics.emplace_back("link/");
 }
 
 int run_command_line(const tools::arguments& arguments)
 {
     request asked;
-    tap::program program{"rtls-tail", "Shows what passes a gateway, from its tap or a recording.", footer};
+    tap::program program{"rtls-tail", "Shows what passes a gateway, from its tap, a recording or a capture.",
+                         footer};
     add_whence(program.options(), asked);
     add_filters(program.options(), asked);
     add_how(program.options(), asked);
     return program.run(arguments, [&] {
         settle(asked);
         follower it{asked, program};
-        return asked.file.empty() ? it.follow_tap() : it.read_file();
+        return !asked.file.empty()      ? it.read_file()
+               : !asked.capture.empty() ? it.read_capture()
+                                        : it.follow_tap();
     });
 }
 

@@ -1,4 +1,4 @@
-// rtls-tail - shows what passes a gateway, from its tap or a recording.
+// rtls-tail - shows what passes a gateway, from its tap, a recording or a capture.
 #include "common/program.h"
 #include "rtls-tail/command_line.h"
 

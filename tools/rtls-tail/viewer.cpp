@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cctype>
 #include <utility>
 
 namespace tail {
@@ -88,6 +90,34 @@ void viewer::learn(uint32_t connection, const std::string& bridge)
     m_bridges[connection] = bridge;
 }
 
+static const std::string* text_at(const decoded& message, const std::string& path)
+{
+    const auto* field = rtls::decode::find(message.fields, path);
+    return field ? std::get_if<std::string>(field) : nullptr;
+}
+
+// The MAC by which a bridge names itself in what it sends; nullptr when it is not in this.
+static const std::string* own_mac(const decoded& said)
+{
+    const bool is_timed = said.kind == "wrap_ts";
+    const std::string within = is_timed ? "message." : "";
+    const std::string* inner_kind = text_at(said, "message.kind");
+    const bool asks = is_timed ? inner_kind && *inner_kind == "panid_req" : said.kind == "panid_req";
+    return text_at(said, within + (asks ? "ieee_addr" : "bridge_mac"));
+}
+
+// As the gateway does, for those whose topics do not have the name yet.
+void viewer::learn_from(const tap_message& message, const decoded& said)
+{
+    const std::string* mac = is_name(subject_of(message.topic)) ? nullptr : own_mac(said);
+    if (!mac || mac->find_first_not_of('0') == std::string::npos)
+        return;
+    std::string name = *mac;
+    std::ranges::transform(name, name.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    learn(message.head.connection, name);
+}
+
 static const std::string* text_in(const ordered_json& object, const char* name)
 {
     const auto found = object.find(name);
@@ -128,9 +158,18 @@ std::vector<sight> viewer::link_sights(const tap_message& message, direction way
     learn(message.head.connection, std::string{subject_of(message.topic)});
     std::vector<sight> sights;
     for (const auto& frame : message.payload)
-        for (const auto& bytes : streams[message.head.connection].feed(frame))
+        for (const auto& bytes : streams[message.head.connection].feed(frame)) {
             sights.push_back(sight_of(message, rtls::decode::decode(way, bytes)));
+            if (way == direction::up)
+                learn_from(message, sights.back().message);
+        }
     return sights;
+}
+
+void viewer::forget_beginning(const tap_message& message)
+{
+    auto& streams = class_of(message.topic) == message_class::link_out ? m_out : m_in;
+    streams.erase(message.head.connection);
 }
 
 void viewer::forget_beginnings(message_class of)
@@ -150,8 +189,7 @@ std::string viewer::bridge_of(const sight& it) const
         return std::string{subject};
     if (const auto known = m_bridges.find(it.from->head.connection); known != m_bridges.end())
         return known->second;
-    const auto* field = rtls::decode::find(it.message.fields, "bridge_mac");
-    const auto* text = field ? std::get_if<std::string>(field) : nullptr;
+    const std::string* text = text_at(it.message, "bridge_mac");
     return is_link ? std::string{subject} : text ? *text : "";
 }
 

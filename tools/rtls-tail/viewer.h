@@ -31,11 +31,14 @@ public:
     std::vector<sight> look(const rtls::recording::tap_message& message);
     // Of this class something is missing: what has begun will not end.
     void forget_beginnings(rtls::recording::message_class of);
+    // In front of this message of a connection something is missing.
+    void forget_beginning(const rtls::recording::tap_message& message);
 
 private:
     sight event_sight(const rtls::recording::tap_message& message);
     std::vector<sight> link_sights(const rtls::recording::tap_message& message, rtls::decode::direction way);
     void learn(uint32_t connection, const std::string& bridge);
+    void learn_from(const rtls::recording::tap_message& message, const rtls::decode::decoded& said);
     void forget(uint32_t connection);
     std::string bridge_of(const sight& it) const;
 

@@ -1,29 +1,10 @@
 #include "recording/pcapng.h"
 
+#include "impl/block_format.h"
+
 #include <algorithm>
 
 namespace rtls::recording {
-
-namespace block_type {
-constexpr uint32_t section = 0x0A0D0D0A; // reads the same in either order
-constexpr uint32_t interface = 1;
-constexpr uint32_t enhanced_packet = 6;
-} // namespace block_type
-
-namespace option {
-constexpr uint16_t end = 0;
-constexpr uint16_t application = 4; // of a section
-constexpr uint16_t resolution = 9;  // of an interface's times
-} // namespace option
-
-static constexpr uint32_t order_magic = 0x1A2B3C4D;
-static constexpr size_t block_frame = 12;       // type, length, and the length again
-static constexpr size_t section_body = 16;      // without options
-static constexpr size_t packet_block_head = 20; // up to the packet's bytes
-static constexpr size_t interface_limit = 4096; // those beyond are nobody's
-// Of a block: far above what a gateway's messages take, far below what memory has.
-static constexpr size_t block_limit = size_t{64} << 20;
-static constexpr size_t read_step = size_t{64} << 10;
 
 // --- Writing
 
@@ -72,7 +53,7 @@ static void end_block(std::vector<uint8_t>& block)
 static void compose_section(std::vector<uint8_t>& block, std::string_view application)
 {
     begin_block(block, block_type::section);
-    put_le32(block, order_magic);
+    put_le32(block, section_order_magic);
     put_le16(block, 1); // version 1.0
     put_le16(block, 0);
     put_le32(block, UINT32_MAX); // of a length that is not known
@@ -122,108 +103,41 @@ bool pcapng_writer::write(const tap_message& message)
 
 // --- Reading
 
-uint16_t pcapng_reader::load16(bytes_view bytes, size_t at) const
-{
-    return m_is_big_endian ? load_be16(bytes, at) : load_le16(bytes, at);
-}
-
-uint32_t pcapng_reader::load32(bytes_view bytes, size_t at) const
-{
-    return m_is_big_endian ? load_be32(bytes, at) : load_le32(bytes, at);
-}
-
-reading pcapng_reader::damaged(const char* why)
-{
-    m_reason = why;
-    return reading::damaged;
-}
-
-// A section's first field says in which order even its length is.
-reading pcapng_reader::read_section_order()
-{
-    m_body.resize(4);
-    if (m_source.read(m_body) < 4)
-        return reading::cut;
-    m_is_big_endian = load_be32(m_body, 0) == order_magic;
-    if (!m_is_big_endian && load_le32(m_body, 0) != order_magic)
-        return damaged("a section in no known byte order");
-    return reading::message;
-}
-
-// Up to `size` bytes of a body, of which some may be there; and the length behind it.
-reading pcapng_reader::read_body(size_t size)
-{
-    const size_t wanted = size + 4;
-    while (m_body.size() < wanted) {
-        const size_t had = m_body.size();
-        const size_t step = std::min(wanted - had, read_step);
-        m_body.resize(had + step);
-        if (m_source.read(bytes_span{m_body}.subspan(had)) < step)
-            return reading::cut;
-    }
-    if (load32(m_body, size) != size + block_frame)
-        return damaged("the two lengths of a block differ");
-    m_body.resize(size);
-    return reading::message;
-}
-
-reading pcapng_reader::read_block()
-{
-    uint8_t head[8];
-    const size_t taken = m_source.read(head);
-    if (taken < sizeof head)
-        return taken == 0 && m_has_section ? reading::end : reading::cut;
-    m_body.clear();
-    const bool is_section = load_le32(head, 0) == block_type::section;
-    if (!is_section && !m_has_section)
-        return damaged("this is no pcapng file");
-    if (is_section)
-        if (const reading state = read_section_order(); state != reading::message)
-            return state;
-    m_has_section = true;
-    m_type = load32(head, 0);
-    const uint32_t length = load32(head, 4);
-    if (length % 4 != 0 || length > block_limit || length < block_frame + (is_section ? section_body : 0))
-        return damaged("a block of an impossible length");
-    return read_body(length - block_frame);
-}
-
 void pcapng_reader::note_interface()
 {
-    const bool has_room = m_is_ours.size() < interface_limit && m_body.size() >= 8;
+    const bool has_room = m_is_ours.size() < block_reader::interface_limit && m_blocks.body().size() >= 8;
     if (has_room)
-        m_is_ours.push_back(load16(m_body, 0) == upper_pdu_link_type);
+        m_is_ours.push_back(m_blocks.load16(0) == upper_pdu_link_type);
 }
 
 bool pcapng_reader::parse_packet_block(tap_message& message)
 {
-    if (m_body.size() < packet_block_head)
+    const bytes_view body = m_blocks.body();
+    if (body.size() < packet_block_head)
         return false;
-    const uint32_t interface = load32(m_body, 0);
-    const uint32_t size = load32(m_body, 12);
+    const uint32_t interface = m_blocks.load32(0);
+    const uint32_t size = m_blocks.load32(12);
     const bool is_ours = interface < m_is_ours.size() && m_is_ours[interface];
-    if (!is_ours || size != load32(m_body, 16) || size > m_body.size() - packet_block_head)
+    if (!is_ours || size != m_blocks.load32(16) || size > body.size() - packet_block_head)
         return false;
-    return parse_packet(bytes_view{m_body}.subspan(packet_block_head, size), message);
+    return parse_packet(body.subspan(packet_block_head, size), message);
 }
 
 reading pcapng_reader::next(tap_message& message)
 {
-    while (m_state == reading::message) {
-        m_state = read_block();
-        if (m_state != reading::message)
-            break;
-        if (m_type == block_type::section)
+    reading state = reading::end;
+    while ((state = m_blocks.next()) == reading::message) {
+        if (m_blocks.type() == block_type::section)
             m_is_ours.clear();
-        else if (m_type == block_type::interface)
+        else if (m_blocks.type() == block_type::interface)
             note_interface();
-        else if (m_type == block_type::enhanced_packet) {
+        else if (m_blocks.type() == block_type::enhanced_packet) {
             if (parse_packet_block(message))
                 return reading::message;
             ++m_passed_over;
         }
     }
-    return m_state;
+    return state;
 }
 
 } // namespace rtls::recording

@@ -8,6 +8,7 @@
 //            there. Of sources and sinks: file_error. Of memory: std::bad_alloc.
 #pragma once
 
+#include "recording/blocks.h"
 #include "recording/packet.h"
 #include "recording/tap_message.h"
 
@@ -17,13 +18,6 @@
 #include <vector>
 
 namespace rtls::recording {
-
-class byte_source {
-public:
-    virtual ~byte_source() = default;
-    // Fills `room`, or as much of it as there are bytes left.
-    virtual size_t read(bytes_span room) = 0;
-};
 
 class byte_sink {
 public:
@@ -49,42 +43,23 @@ private:
     std::vector<uint8_t> m_block;
 };
 
-enum class reading : uint8_t {
-    message,
-    end,
-    cut,    // the file ends within a block, as when its writer was killed
-    damaged // see reason()
-};
-
 class pcapng_reader {
 public:
-    explicit pcapng_reader(byte_source& source) : m_source(source) {}
+    explicit pcapng_reader(byte_source& source) : m_blocks(source) {}
 
     // The next message of the tap. Packets of others are passed over. Once it is not `message` it stays what it is.
     reading next(tap_message& message);
-    const std::string& reason() const { return m_reason; }
+    const std::string& reason() const { return m_blocks.reason(); }
     // How many packets were no whole messages of the tap.
     uint64_t passed_over() const { return m_passed_over; }
 
 private:
-    reading damaged(const char* why);
-    reading read_block();
-    reading read_section_order();
-    reading read_body(size_t size);
     void note_interface();
     bool parse_packet_block(tap_message& message);
-    uint16_t load16(bytes_view bytes, size_t at) const;
-    uint32_t load32(bytes_view bytes, size_t at) const;
 
-    byte_source& m_source;
-    bool m_has_section = false;
-    bool m_is_big_endian = false;
+    block_reader m_blocks;
     std::vector<bool> m_is_ours; // by interface
-    uint32_t m_type = 0;         // of the block at hand
-    std::vector<uint8_t> m_body; // and what stands between its lengths
-    reading m_state = reading::message;
     uint64_t m_passed_over = 0;
-    std::string m_reason;
 };
 
 } // namespace rtls::recording
