@@ -6,10 +6,10 @@ import pytest
 from conftest import ROOT, run
 from test_layers import LAYERS, function_of, link
 
-TOOLS = {"common": "rtls_tools_common", "tap": "rtls_tap_lib", "rtls-record": "rtls_record_lib", "rtls-replay": "rtls_replay_lib",
-         "rtls-tail": "rtls_tail_lib", "rtls-ctl": "rtls_ctl_lib", "rtls-sim": "rtls_sim_lib",
+TOOLS = {"common": "rtls_tools_common", "tap": "rtls_tap_lib", "doors": "rtls_doors_lib", "rtls-record": "rtls_record_lib",
+         "rtls-replay": "rtls_replay_lib", "rtls-tail": "rtls_tail_lib", "rtls-ctl": "rtls_ctl_lib", "rtls-sim": "rtls_sim_lib",
          "rtls-gateway-check": "rtls_check_lib"}
-ON_THE_TAP = ("rtls-record", "rtls-replay", "rtls-tail")
+STAND_ON = {"rtls-record": {"tap"}, "rtls-replay": {"tap"}, "rtls-tail": {"tap"}, "rtls-ctl": {"doors"}}
 
 
 def headers_of(*layers) -> set:
@@ -20,7 +20,7 @@ DESCRIPTOR = {"base/unique_fd.h"}
 RECORDING = {"base/bytes.h", "base/hex.h", "tap/tap_format.h"}
 DECODED = headers_of("base", "registry", "wire")
 OF_THE_DAEMON = {"core": set(), "rtls_recording": RECORDING, "rtls_decode": DECODED, "rtls_tools_common": DESCRIPTOR,
-                 "rtls_ctl_lib": DESCRIPTOR, "rtls_sim_lib": DESCRIPTOR, "rtls_check_lib": headers_of(*LAYERS),
+                 "rtls_doors_lib": DESCRIPTOR, "rtls_ctl_lib": DESCRIPTOR, "rtls_sim_lib": DESCRIPTOR, "rtls_check_lib": headers_of(*LAYERS),
                  "rtls_tap_lib": RECORDING | DESCRIPTOR, "rtls_record_lib": RECORDING | DESCRIPTOR,
                  "rtls_replay_lib": RECORDING | DECODED, "rtls_tail_lib": RECORDING | DECODED}
 
@@ -49,7 +49,7 @@ def require_seen(build, library, tmp_path, headers: dict):
 
 @pytest.mark.parametrize("folder", TOOLS)
 def test_a_tool_finds_no_file_of_another(build, folder, tmp_path):
-    seen = {folder, "common"} | ({"tap"} if folder in ON_THE_TAP else set())
+    seen = {folder, "common"} | STAND_ON.get(folder, set())
     require_seen(build, TOOLS[folder], tmp_path, {f"{path.parent.name}/{path.name}": path.parent.name in seen
                                                   for path in (ROOT / "tools").glob("*/*.h")})
 

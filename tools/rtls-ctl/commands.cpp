@@ -1,10 +1,10 @@
 #include "rtls-ctl/commands.h"
 
-#include "rtls-ctl/daemon_config.h"
+#include "doors/daemon_config.h"
+#include "doors/macs.h"
+#include "doors/orders.h"
 #include "rtls-ctl/figures.h"
 #include "rtls-ctl/follow.h"
-#include "rtls-ctl/macs.h"
-#include "rtls-ctl/orders.h"
 #include "rtls-ctl/report.h"
 #include "rtls-ctl/update.h"
 

@@ -6,9 +6,9 @@
 // Failures   Wrong arguments are thrown (usage); what a gateway refuses is told, and the status of the program.
 #pragma once
 
-#include "rtls-ctl/facts.h"
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/gateway.h"
+#include "doors/facts.h"
+#include "doors/failure.h"
+#include "doors/gateway.h"
 
 #include <cstddef>
 #include <optional>

@@ -2,7 +2,7 @@
 
 #include "common/end_signals.h"
 #include "common/output.h"
-#include "rtls-ctl/orders.h"
+#include "doors/orders.h"
 #include "rtls-ctl/report.h"
 
 #include <fmt/format.h>

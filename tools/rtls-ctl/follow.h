@@ -5,8 +5,8 @@
 // Failures   Of one gateway: told at once, and the others are followed on. Told by the status in the end.
 #pragma once
 
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/gateway.h"
+#include "doors/failure.h"
+#include "doors/gateway.h"
 #include "rtls-ctl/screen.h"
 
 #include <optional>

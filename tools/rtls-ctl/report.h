@@ -7,8 +7,8 @@
 // Failures   Of a gateway: in its outcome. An output that takes nothing: tools::output_error.
 #pragma once
 
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/gateway.h"
+#include "doors/failure.h"
+#include "doors/gateway.h"
 #include "rtls-ctl/table.h"
 
 #include <nlohmann/json.hpp>

@@ -1,7 +1,7 @@
 #include "rtls-ctl/update.h"
 
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/orders.h"
+#include "doors/failure.h"
+#include "doors/orders.h"
 #include "rtls-ctl/update_watch.h"
 
 #include <fmt/format.h>

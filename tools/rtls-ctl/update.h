@@ -5,7 +5,7 @@
 // Failures   In the outcomes. A gateway that does not answer for a while is asked again until the time is over.
 #pragma once
 
-#include "rtls-ctl/facts.h"
+#include "doors/facts.h"
 #include "rtls-ctl/report.h"
 
 #include <string>

@@ -1,6 +1,6 @@
 #include "rtls-ctl/update_watch.h"
 
-#include "rtls-ctl/macs.h"
+#include "doors/macs.h"
 #include "rtls-ctl/screen.h"
 
 #include <fmt/format.h>

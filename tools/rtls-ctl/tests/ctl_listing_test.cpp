@@ -1,8 +1,8 @@
-#include "rtls-ctl/failure.h"
+#include "doors/failure.h"
+#include "doors/terminal_session.h"
+#include "doors/terminal_texts.h"
 #include "rtls-ctl/figures.h"
 #include "rtls-ctl/follow.h"
-#include "rtls-ctl/terminal_session.h"
-#include "rtls-ctl/terminal_texts.h"
 #include "rtls-ctl/update_watch.h"
 
 #include <gmock/gmock.h>

@@ -1,9 +1,9 @@
-#include "rtls-ctl/facts.h"
+#include "doors/facts.h"
 
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/macs.h"
-#include "rtls-ctl/screen.h"
-#include "rtls-ctl/terminal_texts.h"
+#include "common/texts.h"
+#include "doors/failure.h"
+#include "doors/macs.h"
+#include "doors/terminal_texts.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -100,7 +100,7 @@ static std::string macs_of(const json& nodes)
 {
     std::string text;
     for (const json& node : nodes)
-        text += (text.empty() ? "" : ", ") + printable(node.at("mac").get<std::string>());
+        text += (text.empty() ? "" : ", ") + tools::printable(node.at("mac").get<std::string>());
     return text;
 }
 

@@ -1,4 +1,4 @@
-#include "rtls-ctl/words.h"
+#include "doors/words.h"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
-#include "rtls-ctl/gateways_file.h"
+#include "doors/gateways_file.h"
 
-#include "rtls-ctl/daemon_config.h"
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/words.h"
+#include "doors/daemon_config.h"
+#include "doors/failure.h"
+#include "doors/words.h"
 
 #include <fmt/format.h>
 

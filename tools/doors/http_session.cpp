@@ -1,7 +1,7 @@
-#include "rtls-ctl/http_session.h"
+#include "doors/http_session.h"
 
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/screen.h"
+#include "common/texts.h"
+#include "doors/failure.h"
 
 #include <fmt/format.h>
 #include <httplib.h>
@@ -44,7 +44,7 @@ static exit_status status_of(httplib::Error error, seconds passed, seconds timeo
 {
     const json told = json::parse(response.body, nullptr, false);
     const std::string why = told.is_object() && told.contains("error") && told["error"].is_string()
-                                ? printable(told["error"].get<std::string>())
+                                ? tools::printable(told["error"].get<std::string>())
                                 : fmt::format("HTTP status {}", response.status);
     const char* const remedy = response.status == 401 ? ": the token is missing or wrong (--token FILE)" : "";
     throw failure(exit_status::refused, fmt::format("{}{}: {}{}", base, path, why, remedy));

@@ -6,9 +6,9 @@
 // Failures   Thrown, see there.
 #pragma once
 
-#include "rtls-ctl/gateways_file.h"
-#include "rtls-ctl/http_session.h"
-#include "rtls-ctl/terminal_session.h"
+#include "doors/gateways_file.h"
+#include "doors/http_session.h"
+#include "doors/terminal_session.h"
 
 #include <memory>
 #include <string>

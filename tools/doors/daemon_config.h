@@ -6,7 +6,7 @@
 // Failures   Thrown with the status `usage`.
 #pragma once
 
-#include "rtls-ctl/gateways_file.h"
+#include "doors/gateways_file.h"
 
 #include <iosfwd>
 #include <string>

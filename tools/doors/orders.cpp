@@ -1,9 +1,9 @@
-#include "rtls-ctl/orders.h"
+#include "doors/orders.h"
 
-#include "rtls-ctl/facts.h"
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/macs.h"
-#include "rtls-ctl/screen.h"
+#include "common/texts.h"
+#include "doors/facts.h"
+#include "doors/failure.h"
+#include "doors/macs.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -17,8 +17,9 @@ static void order(gateway& g, const std::string& command, std::string_view wante
 {
     const std::string answer = g.terminal().ask(command, end_of_line);
     if (!answer.starts_with(wanted))
-        throw failure(exit_status::refused, fmt::format("the terminal answers: {}",
-                                                        printable(answer.substr(0, answer.find('\n')))));
+        throw failure(
+            exit_status::refused,
+            fmt::format("the terminal answers: {}", tools::printable(answer.substr(0, answer.find('\n')))));
 }
 
 static constexpr char sent[] = "Command sent successfully!\n";
@@ -67,7 +68,7 @@ int fetch_image(gateway& g, const std::string& url)
             std::errc{})
         throw failure(exit_status::refused,
                       fmt::format("the gateway did not get {} (its debug section develop says why): {}", url,
-                                  printable(answer.substr(0, answer.find('\n')))));
+                                  tools::printable(answer.substr(0, answer.find('\n')))));
     return index;
 }
 
@@ -103,8 +104,9 @@ void subscribe(gateway& g, const std::string& pattern)
     if (!pattern.empty()) {
         const std::string answer = g.terminal().ask("grep " + pattern, end_of_filter_answer);
         if (answer != "GREP: " + pattern + "\n")
-            throw failure(exit_status::refused, fmt::format("the terminal answers: {}",
-                                                            printable(answer.substr(0, answer.find('\n')))));
+            throw failure(exit_status::refused,
+                          fmt::format("the terminal answers: {}",
+                                      tools::printable(answer.substr(0, answer.find('\n')))));
     }
     order(g, "sub", "subscribed * ok.\n");
 }

@@ -5,7 +5,7 @@
 // Failures   Thrown, see failure.h: what the terminal does not confirm is refused, in its own words.
 #pragma once
 
-#include "rtls-ctl/gateway.h"
+#include "doors/gateway.h"
 
 #include <string>
 #include <string_view>

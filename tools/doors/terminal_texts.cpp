@@ -1,7 +1,7 @@
-#include "rtls-ctl/terminal_texts.h"
+#include "doors/terminal_texts.h"
 
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/screen.h"
+#include "common/texts.h"
+#include "doors/failure.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -136,7 +136,7 @@ public:
         if (m_failed || !m_rest.empty())
             throw failure(exit_status::refused,
                           fmt::format("the terminal answers what cannot be read: \"{}\"",
-                                      printable(m_line.substr(0, 200))));
+                                      tools::printable(m_line.substr(0, 200))));
     }
 
 private:
@@ -152,7 +152,7 @@ private:
     std::string_view rest = answer;
     const std::string_view line = take_line(rest).value_or(answer);
     throw failure(exit_status::refused,
-                  fmt::format("the terminal answers: {}", printable(line.substr(0, line.find('\n')))));
+                  fmt::format("the terminal answers: {}", tools::printable(line.substr(0, line.find('\n')))));
 }
 
 // The rest behind the first line, which must be that.
@@ -302,7 +302,7 @@ static json parse_operator(std::string_view text)
     shown["subscribed"] = line.number() != 0;
     line.expect(" grep:");
     const std::string_view filter = line.take_rest();
-    shown["filter"] = filter == "--" ? json(nullptr) : json(printable(filter));
+    shown["filter"] = filter == "--" ? json(nullptr) : json(tools::printable(filter));
     line.finish();
     return shown;
 }
@@ -370,7 +370,7 @@ std::string parse_version(std::string_view answer)
     line.take_until(": ");
     std::string version{line.take_rest()};
     line.finish();
-    return printable(version);
+    return tools::printable(version);
 }
 
 } // namespace ctl

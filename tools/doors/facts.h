@@ -6,7 +6,7 @@
 // Failures   Thrown, see failure.h. Answers with fields missing throw json's exceptions, which the caller tells.
 #pragma once
 
-#include "rtls-ctl/gateway.h"
+#include "doors/gateway.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
-#include "rtls-ctl/terminal_session.h"
+#include "doors/terminal_session.h"
 
-#include "rtls-ctl/failure.h"
+#include "doors/failure.h"
 
 #include <fmt/format.h>
 

@@ -1,7 +1,7 @@
-#include "rtls-ctl/daemon_config.h"
+#include "doors/daemon_config.h"
 
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/words.h"
+#include "doors/failure.h"
+#include "doors/words.h"
 
 #include <fmt/format.h>
 

@@ -1,7 +1,7 @@
-#include "rtls-ctl/macs.h"
+#include "doors/macs.h"
 
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/screen.h"
+#include "common/texts.h"
+#include "doors/failure.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -23,9 +23,9 @@ std::string mac_digits(const std::string& text)
     std::ranges::transform(digits, digits.begin(), [](unsigned char c) { return std::tolower(c); });
     const bool is_hex = std::ranges::all_of(digits, [](unsigned char c) { return std::isxdigit(c) != 0; });
     if (!is_hex || (digits.size() != 4 && digits.size() != 5 && digits.size() != 16))
-        throw failure(
-            exit_status::usage,
-            fmt::format("\"{}\" is no MAC: all its 16 hex digits, or the last 4 or 5", printable(text)));
+        throw failure(exit_status::usage,
+                      fmt::format("\"{}\" is no MAC: all its 16 hex digits, or the last 4 or 5",
+                                  tools::printable(text)));
     return digits;
 }
 

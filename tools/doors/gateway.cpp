@@ -1,6 +1,6 @@
-#include "rtls-ctl/gateway.h"
+#include "doors/gateway.h"
 
-#include "rtls-ctl/failure.h"
+#include "doors/failure.h"
 
 #include <nlohmann/json.hpp>
 

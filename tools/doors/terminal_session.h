@@ -10,8 +10,8 @@
 #pragma once
 
 #include "base/unique_fd.h"
-#include "rtls-ctl/gateways_file.h"
-#include "rtls-ctl/terminal_texts.h"
+#include "doors/gateways_file.h"
+#include "doors/terminal_texts.h"
 
 #include <chrono>
 #include <string>

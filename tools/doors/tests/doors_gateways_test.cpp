@@ -1,8 +1,8 @@
-#include "rtls-ctl/daemon_config.h"
-#include "rtls-ctl/failure.h"
-#include "rtls-ctl/gateways_file.h"
-#include "rtls-ctl/http_session.h"
-#include "rtls-ctl/macs.h"
+#include "doors/daemon_config.h"
+#include "doors/failure.h"
+#include "doors/gateways_file.h"
+#include "doors/http_session.h"
+#include "doors/macs.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
