@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include <poll.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstring>
@@ -99,6 +101,7 @@ bool subscriber::take(tap_message& message)
 
 void subscriber::note_event(int what)
 {
+    m_is_linked = what == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
     if (what == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
         if (m_was_linked || m_said_nobody)
             m_note("connected to the tap");
@@ -153,12 +156,24 @@ bool subscriber::has_given_up()
     return false;
 }
 
-arrival subscriber::next(tap_message& message, std::chrono::milliseconds within)
+static std::vector<zmq_pollitem_t> poll_items(void* tap, void* watch, int signals,
+                                              std::span<const other_descriptor> others)
 {
-    zmq_pollitem_t items[] = {{m_sockets->tap.get(), 0, ZMQ_POLLIN, 0},
-                              {m_sockets->watch.get(), 0, ZMQ_POLLIN, 0},
-                              {nullptr, m_signals.descriptor(), ZMQ_POLLIN, 0}};
-    zmq_poll(items, 3, until_notice(within).count());
+    std::vector<zmq_pollitem_t> items{
+        {tap, 0, ZMQ_POLLIN, 0}, {watch, 0, ZMQ_POLLIN, 0}, {nullptr, signals, ZMQ_POLLIN, 0}};
+    for (const other_descriptor& it : others) {
+        const int events =
+            ((it.events & POLLIN) != 0 ? ZMQ_POLLIN : 0) | ((it.events & POLLOUT) != 0 ? ZMQ_POLLOUT : 0);
+        items.push_back({nullptr, it.fd, static_cast<short>(events), 0});
+    }
+    return items;
+}
+
+arrival subscriber::next(tap_message& message, std::chrono::milliseconds within,
+                         std::span<const other_descriptor> others)
+{
+    auto items = poll_items(m_sockets->tap.get(), m_sockets->watch.get(), m_signals.descriptor(), others);
+    zmq_poll(items.data(), static_cast<int>(items.size()), until_notice(within).count());
     if (items[2].revents != 0 && m_signals.take())
         return arrival::stopped;
     if (items[1].revents != 0)

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,12 @@ struct subscription {
 
 enum class arrival { message, nothing, stopped, nobody };
 
+// What a program waits for beside the tap, as poll(2) does.
+struct other_descriptor {
+    int fd = -1;
+    short events = 0;
+};
+
 class subscriber {
 public:
     using note_function = std::function<void(const std::string&)>;
@@ -37,11 +44,13 @@ public:
     subscriber(const subscriber&) = delete;
     subscriber& operator=(const subscriber&) = delete;
 
-    // The next message; `nothing` within the time; `stopped` once a signal has come; `nobody` when patience has ended
-    // before anybody answered.
-    arrival next(rtls::recording::tap_message& message, std::chrono::milliseconds within);
-    // Whether the tap has ever answered.
+    // The next message; `nothing` within the time, or when one of `others` is ready before; `stopped` once a signal
+    // has come; `nobody` when patience has ended before anybody answered.
+    arrival next(rtls::recording::tap_message& message, std::chrono::milliseconds within,
+                 std::span<const other_descriptor> others = {});
+    // Whether the tap has ever answered, and whether it is there.
     bool was_linked() const { return m_was_linked; }
+    bool is_linked() const { return m_is_linked; }
     // A sentence for `nobody`: who is not there, or does not let us in.
     std::string why_nobody() const;
     // Messages that were none of a tap.
@@ -63,6 +72,7 @@ private:
     std::unique_ptr<sockets> m_sockets;
     clock::time_point m_began = clock::now();
     bool m_was_linked = false;
+    bool m_is_linked = false;
     bool m_said_nobody = false;
     bool m_was_refused = false;
     uint64_t m_not_understood = 0;
