@@ -9,7 +9,7 @@ def test_programs_and_configuration_have_their_places(prefix):
     files = {str(path.relative_to(prefix)) for path in prefix.rglob("*")
              if path.is_file() and not any(path.is_relative_to(folder) for folder in libraries)}
     assert files == {"sbin/rtls-gateway", "bin/rtls-sim", "bin/rtls-gateway-check", "bin/rtls-ctl",
-                     "bin/rtls-record", "bin/rtls-replay", "bin/rtls-tail",
+                     "bin/rtls-mqtt", "bin/rtls-record", "bin/rtls-replay", "bin/rtls-tail",
                      "etc/rtls-gateway/rtls-gateway.conf"}
 
 
@@ -26,7 +26,7 @@ def test_headers_are_those_of_its_c_interface(prefix):
 
 
 def test_shells_find_the_completion(prefix):
-    for name in ("ctl", "record", "replay", "tail"):
+    for name in ("ctl", "mqtt", "record", "replay", "tail"):
         for place in (f"bash-completion/completions/rtls-{name}", f"zsh/site-functions/_rtls-{name}"):
             assert f"_rtls_{name}() {{" in (prefix / "share" / place).read_text()
 

@@ -11,9 +11,9 @@ import pytest
 from conftest import ROOT, run
 
 PACKAGES = ["rtls-gateway", "rtls-gateway-tools", "librtls-core-dev"]
-PAGES = ["rtls-ctl.1", "rtls-gateway-check.1", "rtls-gateway.8", "rtls-gateway.conf.5", "rtls-record.1",
-         "rtls-replay.1", "rtls-sim.1", "rtls-tail.1"]
-COMPLETED = ["rtls-ctl", "rtls-record", "rtls-replay", "rtls-tail"]
+PAGES = ["rtls-ctl.1", "rtls-gateway-check.1", "rtls-gateway.8", "rtls-gateway.conf.5", "rtls-mqtt.1",
+         "rtls-record.1", "rtls-replay.1", "rtls-sim.1", "rtls-tail.1"]
+COMPLETED = ["rtls-ctl", "rtls-mqtt", "rtls-record", "rtls-replay", "rtls-tail"]
 UNITS = ["rtls-gateway.service", "rtls-gateway@north.service"]
 MOST_EXPOSED = 1.5
 
@@ -258,7 +258,7 @@ def test_the_page_is_clean_and_has_what_each_has(installed, page):
 
 
 @pytest.mark.parametrize("page,commands", [
-    ("rtls-gateway-check.1", [[]]), ("rtls-ctl.1", [[]]), ("rtls-record.1", [[]]), ("rtls-replay.1", [[]]), ("rtls-tail.1", [[]]),
+    ("rtls-gateway-check.1", [[]]), ("rtls-ctl.1", [[]]), ("rtls-mqtt.1", [[]]), ("rtls-record.1", [[]]), ("rtls-replay.1", [[]]), ("rtls-tail.1", [[]]),
     ("rtls-sim.1", [["all"], ["bridges"], ["upstream"], ["send"], ["image", "make"], ["discover"], ["config"]])])
 def test_the_page_has_each_option_of_its_program(installed, page, commands):
     text = rendered(installed, page)

@@ -8,8 +8,9 @@ from test_layers import LAYERS, function_of, link
 
 TOOLS = {"common": "rtls_tools_common", "tap": "rtls_tap_lib", "doors": "rtls_doors_lib", "rtls-record": "rtls_record_lib",
          "rtls-replay": "rtls_replay_lib", "rtls-tail": "rtls_tail_lib", "rtls-ctl": "rtls_ctl_lib", "rtls-sim": "rtls_sim_lib",
-         "rtls-gateway-check": "rtls_check_lib"}
-STAND_ON = {"rtls-record": {"tap"}, "rtls-replay": {"tap"}, "rtls-tail": {"tap"}, "rtls-ctl": {"doors"}}
+         "rtls-mqtt": "rtls_mqtt_lib", "rtls-gateway-check": "rtls_check_lib"}
+STAND_ON = {"rtls-record": {"tap"}, "rtls-replay": {"tap"}, "rtls-tail": {"tap"}, "rtls-ctl": {"doors"},
+            "rtls-mqtt": {"tap", "doors"}}
 
 
 def headers_of(*layers) -> set:
@@ -22,7 +23,8 @@ DECODED = headers_of("base", "registry", "wire")
 OF_THE_DAEMON = {"core": set(), "rtls_recording": RECORDING, "rtls_decode": DECODED, "rtls_tools_common": DESCRIPTOR,
                  "rtls_doors_lib": DESCRIPTOR, "rtls_ctl_lib": DESCRIPTOR, "rtls_sim_lib": DESCRIPTOR, "rtls_check_lib": headers_of(*LAYERS),
                  "rtls_tap_lib": RECORDING | DESCRIPTOR, "rtls_record_lib": RECORDING | DESCRIPTOR,
-                 "rtls_replay_lib": RECORDING | DECODED, "rtls_tail_lib": RECORDING | DECODED}
+                 "rtls_replay_lib": RECORDING | DECODED, "rtls_tail_lib": RECORDING | DECODED,
+                 "rtls_mqtt_lib": RECORDING | DECODED}
 
 
 def compiler_command(build, library) -> list:
