@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <httplib.h>
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <fstream>
 #include <random>
@@ -109,6 +111,11 @@ image_server::image_server(const std::string& address, uint16_t port, const std:
     : m_state(std::make_unique<state>())
 {
     httplib::Server& server = m_state->server;
+    // By itself the library shares a port with whoever else asks for it: requests would go to either.
+    server.set_socket_options([](int fd) {
+        const int on = 1;
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    });
     if (!server.set_mount_point("/", directory.string()))
         return;
     server.set_logger(

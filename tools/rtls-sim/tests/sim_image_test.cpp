@@ -109,6 +109,8 @@ TEST(sim_image, files_are_served_with_their_length)
         const image_server second{"127.0.0.1", server.port(), directory / "nowhere",
                                   [](const std::string&) {}};
         EXPECT_FALSE(second.is_up());
+        const image_server beside{"127.0.0.1", server.port(), directory, [](const std::string&) {}};
+        EXPECT_FALSE(beside.is_up()) << "the port has its server";
     }
 }
 
