@@ -171,6 +171,14 @@ std::vector<std::string> tracker::missing(size_t limit) const
     return lines;
 }
 
+// What the gateway answers itself has nobody to receive it: none received is no loss.
+static std::string received_text(kind k, const kind_counts& counts)
+{
+    const bool is_for_gateway = k == kind::prefix_request || k == kind::ota_page;
+    return is_for_gateway && counts.received == 0 ? "  answered by the gateway"
+                                                  : fmt::format("  received {:>9}", counts.received);
+}
+
 std::vector<std::string> tracker::summary() const
 {
     const tally now = counts();
@@ -178,9 +186,8 @@ std::vector<std::string> tracker::summary() const
     std::vector<std::string> lines;
     for (size_t i = 0; i < kinds; ++i)
         if (const auto& counts = now.by_kind[i]; counts.sent + counts.received > 0)
-            lines.push_back(
-                fmt::format("  {:<18} sent {:>9}{}", kind_name(static_cast<kind>(i)), counts.sent,
-                            m_count_only ? "" : fmt::format("  received {:>9}", counts.received)));
+            lines.push_back(fmt::format("  {:<18} sent {:>9}{}", kind_name(static_cast<kind>(i)), counts.sent,
+                                        m_count_only ? "" : received_text(static_cast<kind>(i), counts)));
     if (!m_count_only)
         lines.push_back(fmt::format("reports: sent {}  received {}  missing {}  unexpected {}  wrong time {}",
                                     now.sent, now.received, now.in_flight + now.lost, now.unexpected,

@@ -129,6 +129,15 @@ TEST(sim_tracker, pages_that_the_gateway_lacks_are_no_surprise)
     EXPECT_EQ(t.counts().unexpected, 0U);
 }
 
+TEST(sim_tracker, what_the_gateway_answers_itself_does_not_look_lost)
+{
+    tracker reports;
+    const sent_report request{kind::prefix_request, {}, 0, outlet::none, {}, {}};
+    for (int i = 0; i < 3; ++i)
+        reports.sent(request);
+    EXPECT_EQ(reports.summary().at(0), "  prefix request     sent         3  answered by the gateway");
+}
+
 TEST(sim_tracker, acks_echoes_and_commands_are_awaited)
 {
     tracker t;
