@@ -1,5 +1,7 @@
 #include "common/program.h"
 
+#include "common/output.h"
+
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
@@ -36,6 +38,7 @@ std::optional<int> parse(CLI::App& app, const arguments& given, int usage)
         app.parse(from_the_end);
     } catch (const CLI::ParseError& why) {
         const int status = app.exit(why);
+        flush_output();
         return status == 0 || usage == 0 ? status : usage;
     }
     return std::nullopt;

@@ -26,7 +26,7 @@ using arguments = std::vector<std::string>;
 int run_main(int argc, char** argv, int (*run)(const arguments& given), int failed = 1);
 
 // Writes the options. A status when the program ends with it: 0 behind --help and --version, `usage` (the library's own
-// statuses when it is 0) behind a wrong command line, which is told.
+// statuses when it is 0) behind a wrong command line, which is told. Throws output_error when there is no room for it.
 std::optional<int> parse(CLI::App& app, const arguments& given, int usage);
 
 // A line on the error output.

@@ -1,5 +1,6 @@
 #include "rtls-sim/console.h"
 
+#include "common/output.h"
 #include "rtls-sim/wire.h"
 
 #include <fmt/format.h>
@@ -7,6 +8,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 
 namespace sim {
@@ -86,7 +89,14 @@ void console::counters(std::string_view line)
 bool console::flush()
 {
     const std::scoped_lock lock{m_mutex};
-    return std::fflush(m_out) == 0;
+    if (m_reader_left)
+        return false;
+    if (std::fflush(m_out) == 0 && std::ferror(m_out) == 0)
+        return true;
+    if (errno != EPIPE)
+        throw tools::output_error(std::string{"cannot write the output: "} + std::strerror(errno));
+    m_reader_left = true;
+    return false;
 }
 
 void console::finish()

@@ -3,7 +3,7 @@
 // Threads    Any thread may print. When standard output is no terminal, counters become a line of their own
 //            every few seconds. Lines beyond a budget per second are counted instead of printed, so that a
 //            fast run is not held up by its own output.
-// Failures   Nobody who reads any more: flush says so.
+// Failures   Nobody who reads any more: flush says so; no room for what is printed: flush throws tools::output_error.
 #pragma once
 
 #include <chrono>
@@ -51,6 +51,7 @@ private:
     console_options m_options;
     bool m_is_terminal;
     bool m_counters_drawn = false;
+    bool m_reader_left = false;
     std::string m_counters;
     std::chrono::steady_clock::time_point m_counters_printed{};
     std::chrono::steady_clock::time_point m_second{};

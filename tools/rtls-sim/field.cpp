@@ -138,9 +138,10 @@ void field::handle_events(int timeout_ms)
         const bool alive = b->link.on_ready((what & EPOLLIN) != 0 || failed, (what & EPOLLOUT) != 0,
                                             [&](view message) { received(*b, message); });
         if (!alive)
-            disconnect(*b, was_up ? "connection closed by the gateway" : "the gateway does not answer");
+            disconnect(*b, was_up ? "connection closed by the gateway" : "is not there");
         else if (b->link.now() == bridge_link::state::up && !was_up) {
             ++m_connections;
+            m_absence_told = false;
             if (!b->asked)
                 ask_prefix(*b);
         }
@@ -189,7 +190,7 @@ void field::tend_bridge(bridge& b, steady::time_point now)
     case bridge_link::state::connecting:
     case bridge_link::state::waiting:
         if (now >= b.give_up_at)
-            disconnect(b, "no greeting from the gateway");
+            disconnect(b, "does not greet");
         break;
     case bridge_link::state::up:
         if (b.leaving)
@@ -253,9 +254,21 @@ void field::connect(bridge& b)
         watch(b);
 }
 
+// Once for all bridges and attempts: the first one says whom they all miss.
+void field::tell_absence(const char* why)
+{
+    if (!m_absence_told)
+        m_out.notice(
+            fmt::format("the gateway at {} {}: tried again every second", endpoint_text(m_gateway), why));
+    m_absence_told = true;
+}
+
 void field::disconnect(bridge& b, const char* why)
 {
-    m_out.notice(fmt::format("bridge {}: {}", short_mac(b.self.signs.mac), why));
+    if (b.link.now() == bridge_link::state::up)
+        m_out.notice(fmt::format("bridge {}: {}", short_mac(b.self.signs.mac), why));
+    else
+        tell_absence(why);
     b.link.close();
     b.watched = 0;
     b.asked = false;

@@ -119,6 +119,7 @@ private:
     void send_one_away(steady::time_point now);
     void leave(bridge& b);
     void connect(bridge& b);
+    void tell_absence(const char* why);
     void disconnect(bridge& b, const char* why);
     void watch(bridge& b);
     void ask_prefix(bridge& b);
@@ -155,6 +156,7 @@ private:
     console& m_out;
     report_maker m_maker;
     sockaddr_in m_gateway{};
+    bool m_absence_told = false;
     bool m_gateway_known = false;
     steady::time_point m_discover_at{};
     int m_poll = -1;

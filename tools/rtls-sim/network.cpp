@@ -3,6 +3,7 @@
 #include "common/end_signals.h"
 #include "rtls-sim/command.h"
 #include "rtls-sim/image.h"
+#include "rtls-sim/status.h"
 
 #include <fmt/format.h>
 
@@ -41,6 +42,9 @@ private:
     void obey_ota_start(const std::vector<std::string>& words);
     void advance();
     bool has_gathered();
+    void watch_for_gateway();
+    std::string absence() const;
+    int status() const;
     void begin_reporting();
     void begin_ota();
     void end_reporting();
@@ -66,6 +70,8 @@ private:
     phase m_phase = phase::gathering;
     steady::time_point m_entered = steady::now();
     steady::time_point m_started = steady::now();
+    bool m_has_met = false; // the gateway, in this run
+    bool m_absence_told = false;
     bool m_timed_out = false;
     bool m_interrupted = false;
 };
@@ -105,7 +111,8 @@ void network::stop_threads()
 int network::run()
 {
     if (m_images && !m_images->is_up()) {
-        m_out.notice(fmt::format("cannot serve {} on port {}", m_options.images, m_options.http_port));
+        m_out.notice(
+            fmt::format("cannot serve {} on port {}: it is taken", m_options.images, m_options.http_port));
         return 1;
     }
     if (m_images)
@@ -116,13 +123,50 @@ int network::run()
     while (m_phase != phase::over) {
         wait_and_read();
         advance();
+        watch_for_gateway();
         m_out.counters(counters());
         if (!m_out.flush())
             m_phase = phase::over; // nobody reads what we say
     }
     stop_threads();
     summarize();
-    return m_options.check && !is_good() ? 1 : 0;
+    return status();
+}
+
+// A run that has an end failed when it met nobody; one that is ended by hand may have been waiting.
+int network::status() const
+{
+    const bool had_to_meet = m_options.check || m_options.duration > 0;
+    if (!m_has_met && had_to_meet && !m_interrupted)
+        return static_cast<int>(exit_status::unreachable);
+    return static_cast<int>(m_options.check && !is_good() ? exit_status::failed : exit_status::done);
+}
+
+// Who runs on without a gateway is told once whom we wait for.
+void network::watch_for_gateway()
+{
+    m_has_met = m_has_met || (m_field ? m_field->state().connections > 0 : m_servers->gateway_is_here());
+    const std::chrono::duration<double> waited = steady::now() - m_started;
+    const bool is_late = m_phase == phase::over || waited.count() > m_options.deadline;
+    if (m_has_met || m_absence_told || !is_late || m_interrupted)
+        return;
+    m_out.notice(absence());
+    m_absence_told = true;
+}
+
+std::string network::absence() const
+{
+    const field_options& below = m_options.field;
+    const servers_options& above = m_options.servers;
+    std::string text = "no gateway";
+    if (m_field && below.discover)
+        text += fmt::format(" answers at {}:{}", below.discovery_address, below.discovery_port);
+    else if (m_field)
+        text += fmt::format(" at {}:{}", below.host, below.win_port);
+    if (m_servers)
+        text += fmt::format(" has connected to {}, ports {}, {} and {}", above.address, above.handler_port,
+                            above.proxy_input_port, above.proxy_port);
+    return text;
 }
 
 void network::wait_and_read()
@@ -211,7 +255,7 @@ void network::advance()
     case phase::gathering:
         if (has_gathered())
             begin_reporting();
-        else if (m_options.check && here.count() > m_options.deadline)
+        else if ((m_options.check || m_options.duration > 0) && here.count() > m_options.deadline)
             give_up();
         break;
     case phase::reporting:

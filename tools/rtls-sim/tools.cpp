@@ -1,8 +1,11 @@
 #include "rtls-sim/tools.h"
 
+#include "common/output.h"
+#include "common/program.h"
 #include "rtls-sim/command.h"
 #include "rtls-sim/discovery.h"
 #include "rtls-sim/gateway_config.h"
+#include "rtls-sim/status.h"
 
 #include <fmt/format.h>
 #include <zmq.hpp>
@@ -16,10 +19,16 @@ namespace sim {
 
 using steady = std::chrono::steady_clock;
 
-static int fail(const std::string& why)
+static int fail(const std::string& why, exit_status status = exit_status::failed)
 {
-    fmt::print(stderr, "rtls-sim: {}\n", why);
-    return 1;
+    tools::note("rtls-sim", why);
+    return static_cast<int>(status);
+}
+
+// A fact a line, the same way in all commands: its name, then what it is from the same column on.
+static void tell(const std::string& name, const std::string& what)
+{
+    tools::print(fmt::format("{:<14} {}\n", name + ":", what));
 }
 
 // The proxy sees who subscribes: so nothing is published before somebody is there to get it.
@@ -50,11 +59,12 @@ int run_send(const send_options& options)
         proxy.set(zmq::sockopt::linger, 5000); // closing waits until it is on its way
         proxy.bind(fmt::format("tcp://{}:{}", options.address, options.port));
         if (!wait_for_subscriber(proxy, options.timeout))
-            return fail(
-                fmt::format("no gateway subscribed to port {} within {} s", options.port, options.timeout));
+            return fail(fmt::format("no gateway subscribed to {}:{} within {} s", options.address,
+                                    options.port, options.timeout),
+                        exit_status::unreachable);
         for (unsigned i = 0; i < options.times; ++i)
             proxy.send(zmq::buffer(text), zmq::send_flags::none);
-        fmt::print("published {}\n", text);
+        tell("published", text);
         return 0;
     } catch (const zmq::error_t& error) {
         if (error.num() == EADDRINUSE)
@@ -68,21 +78,20 @@ int run_send(const send_options& options)
 
 static void print_traits(const std::string& file, view image)
 {
-    fmt::print("file:          {}\n", file);
-    fmt::print("size:          {}\n", image.size());
-    fmt::print("crc-32:        {:08X}  (standard: fw list, upload, ota-set)\n", crc32(image));
-    fmt::print("download crc:  {:08X}  (without inversions: fw-avail)\n", crc32_uninverted(image));
-    if (const auto traits = read_traits(image)) {
-        fmt::print("git id:        {:08X}\n", traits->git_id);
-        fmt::print("board:         version {} revision {}\n", traits->board_version, traits->board_revision);
-        fmt::print("pages:         {} of {} bytes, at most {}\n",
-                   traits->page_size == 0 ? 0 : (image.size() + traits->page_size - 1) / traits->page_size,
-                   traits->page_size, traits->maximum_pages);
-        fmt::print("ota:           {:08X}:{:08X}:{}:{}\n", traits->git_id, crc32(image), image.size(),
-                   traits->page_size);
-    } else {
-        fmt::print("tags:          missing, the gateway's store will refuse it\n");
-    }
+    tell("file", file);
+    tell("size", fmt::format("{}", image.size()));
+    tell("crc-32", fmt::format("{:08X}  (standard: fw list, upload, ota-set)", crc32(image)));
+    tell("download crc", fmt::format("{:08X}  (without inversions: fw-avail)", crc32_uninverted(image)));
+    const auto traits = read_traits(image);
+    if (!traits)
+        return tell("tags", "missing, the gateway's store will refuse it");
+    const size_t page_size = traits->page_size;
+    tell("git id", fmt::format("{:08X}", traits->git_id));
+    tell("board", fmt::format("version {} revision {}", traits->board_version, traits->board_revision));
+    tell("pages", fmt::format("{} of {} bytes, at most {}",
+                              page_size == 0 ? 0 : (image.size() + page_size - 1) / page_size, page_size,
+                              traits->maximum_pages));
+    tell("ota", fmt::format("{:08X}:{:08X}:{}:{}", traits->git_id, crc32(image), image.size(), page_size));
 }
 
 int run_image_make(const image_make_options& options)
@@ -116,13 +125,14 @@ int run_image_serve(const image_serve_options& options)
     sigaddset(&set, SIGTERM);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     const auto say = [](const std::string& line) {
-        fmt::print("{}\n", line);
-        std::fflush(stdout);
+        tools::print(line + "\n");
+        tools::flush_output();
     };
     const image_server server{options.address, options.port, options.directory, say};
     if (!server.is_up())
         return fail(
-            fmt::format("cannot serve {} on {}:{}", options.directory, options.address, options.port));
+            fmt::format("cannot serve {} on {}:{}: the port is taken, or it is no address of this host",
+                        options.directory, options.address, options.port));
     say(fmt::format("serving {} at http://{}:{}/", options.directory, options.address, server.port()));
     int received = 0;
     sigwait(&set, &received);
@@ -138,19 +148,22 @@ int run_discover(const discover_options& options)
     const auto gateway = discover_gateway(*where, device_mac(1, 0), timeout);
     const auto self = discover_self(*where, timeout);
     if (gateway)
-        fmt::print("the gateway takes WIN clients at {}\n", endpoint_text(*gateway));
+        tell("gateway", endpoint_text(*gateway));
     if (self)
-        fmt::print("it sees us as {} (address), and its WIN port is {}\n",
-                   endpoint_text(*self).substr(0, endpoint_text(*self).find(':')), ntohs(self->sin_port));
+        tell("seen as", endpoint_text(*self).substr(0, endpoint_text(*self).find(':')));
+    if (self)
+        tell("win port", fmt::format("{}", ntohs(self->sin_port)));
     if (!gateway || !self)
-        return fail(fmt::format("no answer from {}", endpoint_text(*where)));
+        return fail(
+            fmt::format("no gateway answers at {} within {} s", endpoint_text(*where), options.timeout),
+            exit_status::unreachable);
     return 0;
 }
 
 int run_config(const config_options& options)
 {
     const gateway_ports ports = options.free_ports ? free_ports() : gateway_ports{};
-    fmt::print("{}", config_text(ports, options.pid_file));
+    tools::print(config_text(ports, options.pid_file));
     return 0;
 }
 

@@ -1,7 +1,8 @@
 // tools - the subcommands that do one thing and end. Each returns the exit status.
 //
 // Threads    The main thread, which waits as long as the work takes.
-// Failures   Printed on the error output; the status is 1.
+// Failures   Printed on the error output; the status tells which (status.h). Throws tools::output_error when there is no
+//            room for what it prints.
 #pragma once
 
 #include "rtls-sim/image.h"

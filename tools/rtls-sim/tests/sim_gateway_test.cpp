@@ -140,7 +140,7 @@ TEST(sim_gateway, a_check_without_a_gateway_fails)
 {
     network_options options = options_for(free_ports(port_choice::any_free));
     options.deadline = 0.2;
-    EXPECT_EQ(run_network(options), 1);
+    EXPECT_EQ(run_network(options), 3);
 }
 
 TEST(sim_gateway, a_check_of_an_update_that_cannot_be_fails)
