@@ -59,8 +59,10 @@ static void read_with_header(view data, upstream_report& report)
     const view payload = in.take(size);
     report.from = in.mac();
     report.valid = !in.failed() && in.left() == 0;
-    if (*report.kind == kind::sensor || *report.kind == kind::range)
+    if (*report.kind == kind::sensor)
         report.stamp = find_stamp(payload);
+    if (*report.kind == kind::range)
+        report.stamp = find_range_stamp(payload);
     if (*report.kind == kind::ota_page)
         report.page = page_of(payload);
 }
@@ -173,8 +175,8 @@ static std::string describe_heartbeat(view data)
 
 static std::string describe_ranges(view payload)
 {
-    if (find_stamp(payload))
-        payload = payload.first(payload.size() - stamp_size);
+    if (find_range_stamp(payload))
+        payload = payload.first(payload.size() - range_stamp_size);
     reader in{payload};
     in.be16();
     std::string text;

@@ -102,7 +102,7 @@ uplink_message make_range(const mac_bytes& node, uint8_t seq, std::span<const ra
     payload.be16(code(sub::range_report));
     for (const range_entry& entry : entries)
         payload.be16(entry.peer).be32(entry.distance).be16(entry.quality);
-    payload.raw(encode_stamp(stamp)); // as long as three entries
+    payload.raw(encode_range_stamp(stamp));
     return with_header(kind::range, msg::generic_up, node, seq, payload.take());
 }
 

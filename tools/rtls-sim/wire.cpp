@@ -304,6 +304,47 @@ std::optional<report_stamp> find_stamp(view payload)
     return stamp;
 }
 
+static constexpr uint8_t range_stamp_magic[] = {0x53, 0x49, 0x4D};  // "SIM"
+static constexpr size_t range_stamp_entries = range_stamp_size / 8; // of peer, distance and quality
+
+bytes encode_range_stamp(const report_stamp& stamp)
+{
+    const bytes packed = writer{}
+                             .raw(range_stamp_magic)
+                             .be32(stamp.run)
+                             .u8(static_cast<uint8_t>(stamp.counter >> 32))
+                             .be32(static_cast<uint32_t>(stamp.counter))
+                             .be64(stamp.time_ns)
+                             .take();
+    reader in{packed};
+    writer out;
+    for (size_t i = 0; i < range_stamp_entries; ++i)
+        out.be16(in.be16()).be32(in.be16()).be16(in.u8());
+    return out.take();
+}
+
+std::optional<report_stamp> find_range_stamp(view payload)
+{
+    if (payload.size() < range_stamp_size)
+        return std::nullopt;
+    reader entries{payload.last(range_stamp_size)};
+    writer packed;
+    for (size_t i = 0; i < range_stamp_entries; ++i)
+        packed.be16(entries.be16())
+            .be16(static_cast<uint16_t>(entries.be32()))
+            .u8(static_cast<uint8_t>(entries.be16()));
+    const bytes stamped = packed.take();
+    reader in{stamped};
+    if (!std::ranges::equal(in.take(sizeof range_stamp_magic), range_stamp_magic))
+        return std::nullopt;
+    report_stamp stamp{};
+    stamp.run = in.be32();
+    stamp.counter = uint64_t{in.u8()} << 32;
+    stamp.counter |= in.be32();
+    stamp.time_ns = in.be64();
+    return stamp;
+}
+
 uint64_t realtime_ns()
 {
     timespec now{};

@@ -91,10 +91,10 @@ TEST(sim_uplink, range_entries_are_big_endian)
 {
     const range_entry entries[] = {{0x0105, 1000, 7}};
     const uplink_message report = make_range(node_mac, 1, entries, {1, 2, 3});
-    EXPECT_EQ(hex(report.body), "0E01012200"
+    EXPECT_EQ(hex(report.body), "0E01012A00"
                                 "0030"
                                 "0105000003E80007"
-                                "53494D310000000100000000000000020000000000000003");
+                                "534900004D000000000100000000000000020000000000000000000000000003");
     EXPECT_EQ((report.body.size() - 7) % 8, 0U);
 }
 

@@ -204,4 +204,25 @@ TEST(sim_wire, a_stamp_is_found_at_the_end_of_a_payload)
         EXPECT_FALSE(find_stamp(view{payload}.first(size))) << size;
 }
 
+TEST(sim_wire, a_stamp_among_ranges_looks_like_ranges)
+{
+    const report_stamp stamp{0xFFFFFFFF, 0xFF'FFFF'FFFF, 0xFFFF'FFFF'FFFF'FFFF};
+    const bytes payload = writer{}.be16(48).raw(encode_range_stamp(stamp)).take();
+    ASSERT_EQ(payload.size(), 2 + range_stamp_size);
+    reader in{payload};
+    in.be16();
+    while (in.left() > 0) {
+        in.be16();
+        EXPECT_LT(in.be32(), 65'536U) << "millimetres";
+        EXPECT_LT(in.be16(), 256U);
+    }
+    const auto found = find_range_stamp(payload);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->run, stamp.run);
+    EXPECT_EQ(found->counter, stamp.counter);
+    EXPECT_EQ(found->time_ns, stamp.time_ns);
+    for (size_t size = 0; size < payload.size(); ++size)
+        EXPECT_FALSE(find_range_stamp(view{payload}.first(size))) << size;
+}
+
 } // namespace sim
