@@ -293,7 +293,7 @@ TEST(options, a_login_is_no_others_to_read)
         EXPECT_EQ(it.to.who->user, "ann");
         EXPECT_EQ(it.to.who->password, "open sesame");
     }
-    for (const mode_t mode : {0644, 0602}) {
+    for (const mode_t mode : {mode_t{0644}, mode_t{0602}}) {
         const secret_file file{"ann\nopen sesame\n", mode};
         EXPECT_THAT(refusal_of({"--gateway", "a", "--login", file.name()}),
                     HasSubstr("everybody on this host"));
