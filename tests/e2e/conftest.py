@@ -6,7 +6,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
-from harness.fixtures import gateway, http_gateway, http_port, start_gateway  # noqa: E402, F401
+from harness.fixtures import gateway, http_gateway, http_port, start_gateway, tap  # noqa: E402, F401
 
 
 def pytest_collection_modifyitems(items):

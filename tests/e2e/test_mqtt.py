@@ -72,14 +72,6 @@ def closing():
 
 
 @pytest.fixture
-def tap():
-    with zmq.Context() as context:
-        tap = taps.Tap(context, free_port())
-        yield tap
-        tap.close()
-
-
-@pytest.fixture
 def broker(tmp_path, closing):
     return closing(mqtt.Broker(tmp_path))
 

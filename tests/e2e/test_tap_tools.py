@@ -5,7 +5,6 @@ import signal
 import subprocess
 
 import pytest
-import zmq
 
 from harness import tap_publisher as taps
 from harness import wire
@@ -19,14 +18,6 @@ CLOCK = SECONDS * 10**9 + 251_500_000  # 1.5 ms after generation
 
 def name(mac: bytes) -> str:
     return mac.hex().upper()
-
-
-@pytest.fixture
-def tap():
-    with zmq.Context() as context:
-        tap = taps.Tap(context, free_port())
-        yield tap
-        tap.close()
 
 
 def everything(tap) -> list:

@@ -1,6 +1,8 @@
 """The fixtures of all tests that start the real daemon."""
 import pytest
+import zmq
 
+from . import tap_publisher
 from .daemon import Daemon, free_port
 from .http_client import get, with_http
 from .peers import wait_until
@@ -42,3 +44,12 @@ def http_gateway(start_gateway, http_port):
     daemon = start_gateway(change=with_http(http_port))
     wait_until(lambda: get(http_port, "/readyz").status == 200, "the links")
     return daemon
+
+
+@pytest.fixture
+def tap():
+    """A tap of our own, without a gateway."""
+    with zmq.Context() as context:
+        publisher = tap_publisher.Tap(context, free_port())
+        yield publisher
+        publisher.close()
